@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+#include "cgi/field_list.h"
+
+#include "support/handles.h"
+#include "support/text.h"
+
+extern "C" {
+
+void *get_buffer(uint32_t size) {
+    // A block of no bytes is still a block: null means that there was no memory.
+    return std::calloc(1, size != 0 ? size : 1);
+}
+
+int free_buffer(void *block, uint32_t size) {
+    const corvel::WipedBlock wiped(static_cast<char *>(block), size);
+    return 0;
+}
+
+void *add_str(str_node **head, const char *name, const char *value) {
+    auto *const record = static_cast<str_node *>(std::malloc(sizeof(str_node)));
+    if (record == nullptr)
+        return nullptr;
+    corvel::store(record->name, corvel::text_of(name));
+    corvel::store(record->value, corvel::text_of(value));
+    record->next = nullptr;
+    str_node **const end = corvel::find_link(head, [](const str_node &) { return false; });
+    *end = record;
+    return end == head ? static_cast<void *>(record) : record->value;
+}
+
+void free_list(str_node **head) {
+    while (*head != nullptr)
+        corvel::remove_record(head);
+}
+
+void delete_string(str_node **head, const char *name) {
+    const std::string_view wanted = corvel::text_of(name);
+    str_node **const link = corvel::find_link(
+        head, [wanted](const str_node &field) { return corvel::name_of(field) == wanted; });
+    if (*link != nullptr)
+        corvel::remove_record(link);
+}
+
+str_node *find_keyword(const char *text, str_node *head) {
+    const std::string_view position = corvel::text_of(text);
+    return *corvel::find_link(&head, [position](const str_node &field) {
+        return corvel::names_start_of(field, position);
+    });
+}
+
+char *change_keyword(char *text, const str_node *record) {
+    const std::string_view value = corvel::value_of(*record);
+    const std::string_view tail =
+        corvel::behind(corvel::text_of(text), corvel::name_of(*record).size() + 1);
+    std::memmove(text + value.size(), tail.data(), tail.size() + 1);
+    std::memcpy(text, value.data(), value.size());
+    return text;
+}
+
+} // extern "C"

@@ -1,0 +1,276 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+
+#include <algorithm>
+#include <array>
+#include <strings.h>
+#include <unistd.h>
+
+#include "config/text_primitives.h"
+#include "support/handles.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// A name or a value is cut to these sizes, less one for the terminator, before it is decoded.
+constexpr std::size_t name_size = 128;
+constexpr std::size_t value_size = 256;
+
+/// The number of pairs among which isajax_get() looks for its field.
+constexpr int ajax_pairs = 2048;
+
+/// A character that takes part in the arithmetic of two digits. On the board plain char is signed.
+constexpr int digit_value(char digit) {
+    const int code = static_cast<signed char>(digit);
+    return code < 'A' ? code - '0' : (code & ~0x20) - 55;
+}
+
+constexpr signed char byte_of_digits(char high, char low) {
+    return static_cast<signed char>(digit_value(high) * 16 + digit_value(low));
+}
+
+/// Decodes each `%` that has two characters behind it, in place. Returns the new length.
+std::size_t decode_percents(std::span<char> text) {
+    const std::size_t first = std::string_view(text.data(), text.size()).find('%');
+    std::size_t in = at_most(first, text.size());
+    std::size_t out = in;
+    while (in < text.size()) {
+        if (text[in] == '%' && text.size() - in > 2) {
+            text[out++] = static_cast<char>(byte_of_digits(text[in + 1], text[in + 2]));
+            in += 3;
+        } else {
+            text[out++] = text[in++];
+        }
+    }
+    return out;
+}
+
+constexpr char without_plus(char character) { return character == '+' ? ' ' : character; }
+
+/// Decodes a word into its scratch buffer, cut to fit. A decoded NUL ends the text.
+std::string_view decode_word(std::string_view word, std::span<char> scratch) {
+    const std::string_view kept = front(word, scratch.size() - 1);
+    std::transform(kept.begin(), kept.end(), scratch.begin(), without_plus);
+    const std::size_t length = decode_percents(scratch.first(kept.size()));
+    scratch[length] = '\0';
+    return scratch.data();
+}
+
+/// Takes the pairs of a urlencoded text one by one, as words that are not decoded yet.
+class PairReader {
+  public:
+    explicit PairReader(std::string_view text) : rest_(text), more_(true) {}
+
+    /// False when there is no further pair.
+    bool next(std::string_view &name, std::string_view &value) {
+        if (!more_)
+            return false;
+        const bool has_value = take_word('=', name);
+        if (!has_value && name.empty())
+            return false;
+        value = {};
+        if (has_value)
+            take_word('&', value);
+        return true;
+    }
+
+  private:
+    /// Takes the text up to a stop character. False if the text ended first: then nothing is left.
+    bool take_word(char stop, std::string_view &word) {
+        const std::size_t length = rest_.find(stop);
+        word = front(rest_, length);
+        more_ = length != std::string_view::npos;
+        rest_ = behind(rest_, word.size() + 1);
+        return more_;
+    }
+
+    std::string_view rest_;
+    bool more_;
+};
+
+HeapBlock<char> copy_of(std::string_view text) {
+    HeapBlock<char> copy(static_cast<char *>(std::malloc(text.size() + 1)));
+    if (copy)
+        store({copy.get(), text.size() + 1}, text);
+    return copy;
+}
+
+/// Decodes pairs into the rows of a table. The scratch buffers are on the heap: requests carry
+/// secrets, and a wiped block leaves none behind.
+class PairDecoder {
+  public:
+    explicit PairDecoder(prop_entry *table) : table_(table) {}
+
+    /// False if there was no memory for the scratch buffers.
+    [[nodiscard]] bool ready() const { return name_ && value_; }
+
+    /// Stores the pairs of a text behind those that are there. A pair that can't be allocated is
+    /// left out.
+    void decode(std::string_view text) {
+        PairReader reader(text);
+        std::string_view name;
+        std::string_view value;
+        while (reader.next(name, value)) {
+            HeapBlock<char> name_copy = copy_of(decode_word(name, name_.bytes()));
+            if (!name_copy)
+                continue;
+            HeapBlock<char> value_copy = copy_of(decode_word(value, value_.bytes()));
+            if (!value_copy)
+                continue;
+            table_[count_].name = name_copy.release();
+            table_[count_].value = value_copy.release();
+            ++count_;
+        }
+    }
+
+    [[nodiscard]] int count() const { return count_; }
+
+  private:
+    prop_entry *table_;
+    int count_ = 0;
+    WipedBlock name_{name_size};
+    WipedBlock value_{value_size};
+};
+
+/// The body of a request that is not a GET: CONTENT_LENGTH bytes and a NUL.
+WipedBlock read_body() {
+    const char *const method = std::getenv("REQUEST_METHOD");
+    const char *const content_length = std::getenv("CONTENT_LENGTH");
+    if (method == nullptr || content_length == nullptr || strcasecmp(method, "GET") == 0)
+        return {};
+    const int announced = decimal_value(content_length);
+    if (announced <= 0)
+        return {};
+    const auto length = static_cast<std::size_t>(announced);
+    WipedBlock body(length + 1);
+    if (!body || std::fread(body.get(), 1, length, stdin) != length)
+        return {};
+    body.get()[length] = '\0';
+    return body;
+}
+
+bool is_method(const char *method) {
+    const char *const actual = std::getenv("REQUEST_METHOD");
+    return actual != nullptr && strcasecmp(actual, method) == 0;
+}
+
+void forget_query() {
+    unsetenv("QUERY_STRING");
+    unsetenv("HTTP_REFERER");
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+char *read_queue(void) { return corvel::read_body().release(); }
+
+int free_buff(void *block, uint32_t size) {
+    const corvel::WipedBlock wiped(static_cast<char *>(block), size);
+    return 0;
+}
+
+int process_queue(prop_entry *table) {
+    corvel::PairDecoder decoder(table);
+    if (!decoder.ready())
+        return 0;
+    const corvel::WipedBlock body = corvel::read_body();
+    if (!body && corvel::is_method("GET"))
+        return 0;
+    decoder.decode(corvel::text_of(body.get()));
+    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
+    corvel::forget_query();
+    return decoder.count();
+}
+
+int process_queue_get(prop_entry *table) {
+    if (corvel::is_method("POST"))
+        return 0;
+    corvel::PairDecoder decoder(table);
+    if (!decoder.ready())
+        return 0;
+    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
+    corvel::forget_query();
+    return decoder.count();
+}
+
+int process_query_string(prop_entry *table) {
+    corvel::PairDecoder decoder(table);
+    if (!decoder.ready())
+        return 0;
+    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
+    return decoder.count();
+}
+
+char *makeword(char *dst, const char *src, char stop, char **rest) {
+    const std::string_view text = corvel::text_of(src);
+    const std::size_t length = text.find(stop);
+    const std::string_view word = corvel::front(text, length);
+    *rest = length != std::string_view::npos ? const_cast<char *>(src) + length + 1 : nullptr;
+    corvel::store({dst, word.size() + 1}, word);
+    return dst;
+}
+
+char *plustospace(char *text) {
+    const std::string_view view = corvel::text_of(text);
+    std::transform(view.begin(), view.end(), text, corvel::without_plus);
+    return text;
+}
+
+char *unescape_url(char *text) {
+    const std::size_t length = corvel::text_of(text).size();
+    if (length != 0)
+        text[corvel::decode_percents({text, length})] = '\0';
+    return text;
+}
+
+signed char x2c(const char *digits) {
+    return corvel::byte_of_digits(digits[0], digits[0] != '\0' ? digits[1] : '\0');
+}
+
+int get_http_methmod(const char *method) {
+    return strcasecmp(corvel::text_or_empty(method), "POST") == 0 ? 1 : 0;
+}
+
+int isajax_get(void) {
+    const std::string_view query = corvel::text_of(std::getenv("QUERY_STRING"));
+    if (!corvel::is_method("GET") || query.find("Ajax") == std::string_view::npos)
+        return 0;
+    corvel::PairReader reader(query);
+    std::array<char, corvel::name_size> name_buffer;
+    std::array<char, corvel::value_size> value_buffer;
+    std::string_view name;
+    std::string_view value;
+    for (int pair = 0; pair < corvel::ajax_pairs && reader.next(name, value); ++pair)
+        if (corvel::decode_word(name, name_buffer) == "Ajax")
+            return corvel::decimal_value(
+                corvel::stripped(corvel::decode_word(value, value_buffer), '"'));
+    return 0;
+}
+
+int isnormal_post(int argc, char **argv, const char *expected) {
+    if (corvel::text_of(std::getenv("REQUEST_METHOD")) != "POST" || argc < 2)
+        return 0;
+    return corvel::text_of(argv[1]) == corvel::text_of(expected) ? 1 : 0;
+}
+
+int myprintevn(void) {
+    int result = 0;
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+        result = std::puts(*entry);
+    return result;
+}
+
+char *get_val_awk(const char *command) {
+    static std::array<char, 4096> first_line;
+    const corvel::Pipe pipe(popen(corvel::text_or_empty(command), "r"));
+    if (!pipe)
+        return first_line.data();
+    std::memset(first_line.data(), 0, 255);
+    std::fgets(first_line.data(), first_line.size(), pipe.get());
+    return first_line.data();
+}
+
+} // extern "C"

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "config/property_table.h"
+
+#include <algorithm>
+
+#include "config/text_primitives.h"
+#include "support/handles.h"
+#include "support/line_input.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// What a value block holds of a value. The block is one byte larger, and that byte is always zero,
+/// so that a value of the full size is still a terminated text.
+constexpr std::size_t value_size = 257;
+
+/// get_prop's callers give the value this much room.
+constexpr std::size_t lookup_size = 256;
+
+constexpr std::string_view line_prefix = "setenv ";
+
+/// What a line says, as views into the line.
+struct Setting {
+    std::string_view name_area; ///< all in front of the separator; the name is its first word
+    std::string_view value;
+};
+
+/// Splits a line. False if it is a comment or has no separator.
+bool parse_line(std::string_view line, char separator, Setting &setting) {
+    if (line.starts_with('#'))
+        return false;
+    const std::size_t prefix = line.find(line_prefix);
+    if (prefix != std::string_view::npos)
+        line.remove_prefix(prefix + line_prefix.size());
+    const std::size_t split = line.find(separator);
+    if (split == std::string_view::npos)
+        return false;
+    setting = {front(line, split), behind(line, split + 1)};
+    return true;
+}
+
+std::string_view first_word(std::string_view text) {
+    const auto *start = std::find_if_not(text.begin(), text.end(), is_space);
+    const auto *end = std::find_if(start, text.end(), is_space);
+    return {start, static_cast<std::size_t>(end - start)};
+}
+
+/// Gives a row its two blocks, or leaves it as it was.
+bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
+              std::string_view value) {
+    HeapBlock<char> name_block(static_cast<char *>(std::malloc(name_size)));
+    if (!name_block)
+        return false;
+    HeapBlock<char> value_block(static_cast<char *>(std::malloc(value_size + 1)));
+    if (!value_block)
+        return false;
+    store({name_block.get(), name_size}, name);
+    const std::size_t kept = store({value_block.get(), value_size + 1}, value);
+    std::memset(value_block.get() + kept, 0, value_size + 1 - kept);
+    row = {static_cast<std::uint32_t>(name_size), value_size, name_block.release(),
+           value_block.release()};
+    return true;
+}
+
+/// Reads a line into a row, and ends the line where its name area ends.
+bool fill_row_from_line(prop_entry &row, char separator, char *line) {
+    Setting setting;
+    if (!parse_line(text_of(line), separator, setting))
+        return false;
+    line[setting.name_area.end() - line] = '\0';
+    return fill_row(row, first_word(setting.name_area), setting.name_area.size() + 1,
+                    setting.value);
+}
+
+bool fill_row_with(prop_entry &row, std::string_view name, std::string_view value) {
+    return fill_row(row, name, name.size() + 1, value);
+}
+
+/// The index of the first row that has the name, or the number of rows.
+std::size_t find_row(std::span<const prop_entry> rows, const char *name) {
+    const auto row = std::find_if(rows.begin(), rows.end(), [name](const prop_entry &candidate) {
+        return candidate.name != nullptr && std::strcmp(candidate.name, name) == 0;
+    });
+    return static_cast<std::size_t>(row - rows.begin());
+}
+
+std::span<char> value_field(const prop_entry &row) {
+    return {row.value, row.value != nullptr ? row.value_size : 0};
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+int load_prop(signed char sep, const char *path, prop_entry *table) {
+    const corvel::Stream file = corvel::open_for_reading(path);
+    if (!file)
+        return 0;
+    std::array<char, corvel::line_size> buffer;
+    corvel::Line line;
+    const char separator = corvel::separator_of(sep);
+    int count = 0;
+    while (corvel::read_line(file.get(), buffer, line) && !line.cut_off) {
+        if (!line.text.empty() && line.text.back() == '\n')
+            line.text.back() = '\0';
+        if (corvel::fill_row_from_line(table[count], separator, line.text.data()))
+            ++count;
+    }
+    return count;
+}
+
+int get_pr(signed char sep, char *line, prop_entry *row) {
+    return corvel::fill_row_from_line(*row, corvel::separator_of(sep), line) ? 1 : 0;
+}
+
+char *get_prop(const char *name, char *dst, const prop_entry *table, int count) {
+    const std::span rows = corvel::rows_of(table, count);
+    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    if (index == rows.size())
+        return nullptr;
+    const std::string_view value =
+        corvel::front(corvel::text_of(rows[index].value), corvel::lookup_size - 1);
+    corvel::store({dst, corvel::lookup_size}, corvel::stripped(value, '"'));
+    return dst;
+}
+
+int set_prop(const char *name, const char *value, prop_entry *table, int count) {
+    const std::span rows = corvel::rows_of(table, count);
+    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    if (index != rows.size())
+        corvel::store(corvel::value_field(rows[index]), corvel::text_of(value));
+    return static_cast<int>(index);
+}
+
+int ins_prop(const char *name, const char *value, prop_entry *table, int count) {
+    const std::span rows = corvel::rows_of(table, count);
+    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    const int rows_in_use = static_cast<int>(rows.size());
+    if (index == rows.size()) {
+        const bool added =
+            corvel::fill_row_with(table[index], corvel::text_of(name), corvel::text_of(value));
+        return added ? rows_in_use + 1 : rows_in_use;
+    }
+    const std::span field = corvel::value_field(rows[index]);
+    const std::size_t kept = corvel::store(field, corvel::text_of(value));
+    std::ranges::fill(field.subspan(kept), '\0');
+    return rows_in_use;
+}
+
+int ins_pr(const char *name, const char *value, prop_entry *row, int) {
+    return corvel::fill_row_with(*row, corvel::text_of(name), corvel::text_of(value)) ? 1 : 0;
+}
+
+int dump_prop(const prop_entry *table, int count) {
+    for (const prop_entry &row : corvel::rows_of(table, count))
+        DFPrintf(stderr, "%s=%s\n", row.name, row.value);
+    return 0;
+}
+
+int free_prop(prop_entry *table, int count) {
+    for (prop_entry &row : corvel::rows_of(table, count)) {
+        std::free(std::exchange(row.name, nullptr));
+        std::free(std::exchange(row.value, nullptr));
+    }
+    return 1;
+}
+
+} // extern "C"

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+#include "config/text_primitives.h"
+
+#include <corvel.h>
+
+#include <array>
+
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// The characters that keep their meaning between the double quotes of a shell string.
+constexpr bool is_special(char character) {
+    return character == '"' || character == '\\' || character == '$' || character == '`';
+}
+
+char *escape(const char *source, char *destination) {
+    char *out = destination;
+    for (const char character : text_of(source)) {
+        if (is_special(character))
+            *out++ = '\\';
+        *out++ = character;
+    }
+    *out = '\0';
+    return destination;
+}
+
+/// The result is never longer than what was read, so that the destination may be the source.
+char *unescape(const char *source, char *destination) {
+    const char *in = text_or_empty(source);
+    char *out = destination;
+    while (*in != '\0') {
+        if (*in == '\\' && is_special(in[1]))
+            ++in;
+        *out++ = *in++;
+    }
+    *out = '\0';
+    return destination;
+}
+
+/// Callers give the text this much room.
+constexpr std::size_t attribute_size = 200;
+
+/// Translates as much of a text as fits with its terminator; an entity is written whole or not at
+/// all. Returns the number of characters written.
+std::size_t translate_quotes(std::string_view text, std::span<char, attribute_size> translated) {
+    std::size_t used = 0;
+    for (const char &character : text) {
+        const std::string_view replacement =
+            character == '"' ? std::string_view("&quot;") : std::string_view(&character, 1);
+        if (replacement.size() > translated.size() - 1 - used)
+            break;
+        std::memcpy(&translated[used], replacement.data(), replacement.size());
+        used += replacement.size();
+    }
+    return used;
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+unsigned int STRCMP(const char *a, const char *b) {
+    return corvel::text_of(a) == corvel::text_of(b) ? 0 : 1;
+}
+
+char *strip(char *str, signed char ch) {
+    const std::string_view text = corvel::text_of(str);
+    if (text.empty())
+        return str;
+    // Both ends are looked at before either is changed: they may be the same character.
+    char *const start = text.starts_with(static_cast<char>(ch)) ? str + 1 : str;
+    if (text.ends_with(static_cast<char>(ch)))
+        str[text.size() - 1] = '\0';
+    return start;
+}
+
+char *add_escape(const char *src, char *dst) { return corvel::escape(src, dst); }
+
+char *str_regular(const char *src, char *dst) { return corvel::escape(src, dst); }
+
+char *strip_escape(const char *src, char *dst) { return corvel::unescape(src, dst); }
+
+char *translate_control_code(char *str) {
+    const std::string_view text = corvel::text_of(str);
+    if (text.find('"') == std::string_view::npos)
+        return str;
+    std::array<char, corvel::attribute_size> translated;
+    const std::size_t length = corvel::translate_quotes(text, translated);
+    std::memcpy(str, translated.data(), length);
+    str[length] = '\0';
+    return str;
+}
+
+void DFPrintf(FILE *, const char *, ...) {}
+
+} // extern "C"

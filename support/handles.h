@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+// Owners of what must be released: heap blocks, streams, descriptors, locks.
+#ifndef CORVEL_SUPPORT_HANDLES_H
+#define CORVEL_SUPPORT_HANDLES_H
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <span>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "support/text.h"
+
+namespace corvel {
+
+struct HeapRelease {
+    void operator()(void *block) const { std::free(block); }
+};
+
+/// A block of the C heap.
+template <typename Element> using HeapBlock = std::unique_ptr<Element, HeapRelease>;
+
+/// Overwrites a block with zeros, and really does: the compiler must assume that the block is read
+/// afterwards.
+inline void wipe(void *block, std::size_t size) {
+    std::memset(block, 0, size);
+    __asm__ volatile("" : : "r"(block) : "memory");
+}
+
+/// A block of the C heap whose bytes are wiped before it is freed; null if there was no memory.
+class WipedBlock {
+  public:
+    WipedBlock() = default;
+    WipedBlock(char *block, std::size_t size) : block_(block), size_(size) {}
+    explicit WipedBlock(std::size_t size)
+        : WipedBlock(static_cast<char *>(std::malloc(size)), size) {}
+    WipedBlock(WipedBlock &&other) noexcept : WipedBlock(other.release(), other.size_) {}
+    WipedBlock &operator=(WipedBlock &&) = delete;
+    ~WipedBlock() {
+        if (block_ == nullptr)
+            return;
+        wipe(block_, size_);
+        std::free(block_);
+    }
+
+    explicit operator bool() const { return block_ != nullptr; }
+    [[nodiscard]] char *get() const { return block_; }
+    [[nodiscard]] std::span<char> bytes() const { return {block_, size_}; }
+    char *release() { return std::exchange(block_, nullptr); }
+
+  private:
+    char *block_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+struct StreamClose {
+    void operator()(std::FILE *stream) const { std::fclose(stream); }
+};
+
+/// A stream opened with fopen or fdopen.
+using Stream = std::unique_ptr<std::FILE, StreamClose>;
+
+struct PipeClose {
+    void operator()(std::FILE *stream) const { pclose(stream); }
+};
+
+/// A stream opened with popen.
+using Pipe = std::unique_ptr<std::FILE, PipeClose>;
+
+/// Opens a file for reading. A folder, which fopen would open all the same, is refused.
+inline Stream open_for_reading(const char *path) {
+    Stream stream(std::fopen(text_or_empty(path), "re"));
+    struct stat status;
+    if (stream && (fstat(fileno(stream.get()), &status) != 0 || S_ISDIR(status.st_mode)))
+        stream.reset();
+    return stream;
+}
+
+/// A lock on a file of its own, held while the object lives. The file is created if it is missing
+/// and emptied if it is not. Where it can't be opened, there is no lock.
+class FileLock {
+  public:
+    explicit FileLock(const char *path)
+        : descriptor_(
+              open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
+        while (descriptor_ >= 0 && lockf(descriptor_, F_LOCK, 0) != 0 && errno == EINTR) {
+        }
+    }
+    FileLock(const FileLock &) = delete;
+    FileLock &operator=(const FileLock &) = delete;
+    ~FileLock() {
+        if (descriptor_ < 0)
+            return;
+        static_cast<void>(lockf(descriptor_, F_ULOCK, 0));
+        close(descriptor_);
+    }
+
+  private:
+    int descriptor_;
+};
+
+} // namespace corvel
+
+#endif

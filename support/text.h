@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: MIT
+// Texts as views with bounds, and the few things that are done with them everywhere.
+//
+// std::string_view::substr() can throw and so needs the C++ runtime; front() and behind() stand in
+// for it and can't leave the text.
+#ifndef CORVEL_SUPPORT_TEXT_H
+#define CORVEL_SUPPORT_TEXT_H
+
+#include <climits>
+#include <cstddef>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+namespace corvel {
+
+/// A C text for functions that take one; a null pointer is the empty text.
+constexpr const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
+
+/// The whole of a C text; a null pointer is the empty text.
+inline std::string_view text_of(const char *text) { return text_or_empty(text); }
+
+/// The text in a field of a record, never read beyond the field.
+template <std::size_t size> std::string_view text_in(const char (&field)[size]) {
+    return {field, strnlen(field, size)};
+}
+
+constexpr std::size_t at_most(std::size_t length, std::size_t limit) {
+    return length < limit ? length : limit;
+}
+
+/// The first `length` characters, or all if there are fewer.
+constexpr std::string_view front(std::string_view text, std::size_t length) {
+    return {text.data(), at_most(length, text.size())};
+}
+
+/// All but the first `length` characters.
+constexpr std::string_view behind(std::string_view text, std::size_t length) {
+    text.remove_prefix(at_most(length, text.size()));
+    return text;
+}
+
+/// Stores a text in a field, cut to fit and terminated. The text may lie in the field itself.
+/// Returns the number of characters kept. A field of no bytes keeps nothing.
+inline std::size_t store(std::span<char> field, std::string_view text) {
+    if (field.empty())
+        return 0;
+    const std::size_t kept = at_most(text.size(), field.size() - 1);
+    if (kept != 0)
+        std::memmove(field.data(), text.data(), kept);
+    field[kept] = '\0';
+    return kept;
+}
+
+/// White space as scanf and atoi see it in the C locale.
+constexpr bool is_space(char character) {
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+constexpr bool is_digit(char character) { return character >= '0' && character <= '9'; }
+
+/// The number at the start of a text, as atoi reads it: blanks, a sign, digits; 0 if there is none.
+/// A number outside of the range of an int, where atoi's result is undefined, becomes the nearest
+/// one inside.
+constexpr int decimal_value(std::string_view text) {
+    while (!text.empty() && is_space(text.front()))
+        text.remove_prefix(1);
+    const bool negative = text.starts_with('-');
+    if (negative || text.starts_with('+'))
+        text.remove_prefix(1);
+    long long value = 0;
+    for (; !text.empty() && is_digit(text.front()) && value <= INT_MAX; text.remove_prefix(1))
+        value = value * 10 + (text.front() - '0');
+    if (value > INT_MAX)
+        return negative ? INT_MIN : INT_MAX;
+    return static_cast<int>(negative ? -value : value);
+}
+
+} // namespace corvel
+
+#endif
