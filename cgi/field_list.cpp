@@ -12,7 +12,7 @@ void *get_buffer(uint32_t size) {
 }
 
 int free_buffer(void *block, uint32_t size) {
-    const corvel::WipedBlock wiped(static_cast<char *>(block), size);
+    corvel::wipe_and_free(block, size);
     return 0;
 }
 

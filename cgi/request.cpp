@@ -168,7 +168,7 @@ extern "C" {
 char *read_queue(void) { return corvel::read_body().release(); }
 
 int free_buff(void *block, uint32_t size) {
-    const corvel::WipedBlock wiped(static_cast<char *>(block), size);
+    corvel::wipe_and_free(block, size);
     return 0;
 }
 

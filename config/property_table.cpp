@@ -41,9 +41,12 @@ bool parse_line(std::string_view line, char separator, Setting &setting) {
 }
 
 std::string_view first_word(std::string_view text) {
-    const auto *start = std::find_if_not(text.begin(), text.end(), is_space);
-    const auto *end = std::find_if(start, text.end(), is_space);
-    return {start, static_cast<std::size_t>(end - start)};
+    while (!text.empty() && is_space(text.front()))
+        text.remove_prefix(1);
+    std::size_t length = 0;
+    while (length < text.size() && !is_space(text[length]))
+        ++length;
+    return front(text, length);
 }
 
 /// Gives a row its two blocks, or leaves it as it was.
@@ -68,7 +71,7 @@ bool fill_row_from_line(prop_entry &row, char separator, char *line) {
     Setting setting;
     if (!parse_line(text_of(line), separator, setting))
         return false;
-    line[setting.name_area.end() - line] = '\0';
+    line[setting.name_area.data() + setting.name_area.size() - line] = '\0';
     return fill_row(row, first_word(setting.name_area), setting.name_area.size() + 1,
                     setting.value);
 }

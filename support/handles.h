@@ -25,11 +25,14 @@ struct HeapRelease {
 /// A block of the C heap.
 template <typename Element> using HeapBlock = std::unique_ptr<Element, HeapRelease>;
 
-/// Overwrites a block with zeros, and really does: the compiler must assume that the block is read
-/// afterwards.
-inline void wipe(void *block, std::size_t size) {
+/// Overwrites a block of the C heap with zeros and frees it; null is ignored. The zeros are really
+/// written: the compiler must assume that something reads the block before it is freed.
+inline void wipe_and_free(void *block, std::size_t size) {
+    if (block == nullptr)
+        return;
     std::memset(block, 0, size);
     __asm__ volatile("" : : "r"(block) : "memory");
+    std::free(block);
 }
 
 /// A block of the C heap whose bytes are wiped before it is freed; null if there was no memory.
@@ -41,12 +44,7 @@ class WipedBlock {
         : WipedBlock(static_cast<char *>(std::malloc(size)), size) {}
     WipedBlock(WipedBlock &&other) noexcept : WipedBlock(other.release(), other.size_) {}
     WipedBlock &operator=(WipedBlock &&) = delete;
-    ~WipedBlock() {
-        if (block_ == nullptr)
-            return;
-        wipe(block_, size_);
-        std::free(block_);
-    }
+    ~WipedBlock() { wipe_and_free(block_, size_); }
 
     explicit operator bool() const { return block_ != nullptr; }
     [[nodiscard]] char *get() const { return block_; }
@@ -74,7 +72,7 @@ using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 
 /// Opens a file for reading. A folder, which fopen would open all the same, is refused.
 inline Stream open_for_reading(const char *path) {
-    Stream stream(std::fopen(text_or_empty(path), "re"));
+    Stream stream(std::fopen(text_or_empty(path), "r"));
     struct stat status;
     if (stream && (fstat(fileno(stream.get()), &status) != 0 || S_ISDIR(status.st_mode)))
         stream.reset();

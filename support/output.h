@@ -21,17 +21,20 @@ class Output {
 
     void put(std::string_view text) {
         if (text.size() > sizeof buffer_ - used_) {
-            flush();
-            if (text.size() > sizeof buffer_) {
-                std::fwrite(text.data(), 1, text.size(), stream_);
-                return;
-            }
+            put_around_buffer(text);
+            return;
         }
         std::memcpy(buffer_ + used_, text.data(), text.size());
         used_ += text.size();
     }
 
   private:
+    /// For a text that does not fit behind what is there.
+    [[gnu::noinline]] void put_around_buffer(std::string_view text) {
+        flush();
+        std::fwrite(text.data(), 1, text.size(), stream_);
+    }
+
     void flush() {
         if (used_ != 0)
             std::fwrite(buffer_, 1, used_, stream_);
