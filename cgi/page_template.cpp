@@ -5,6 +5,7 @@
 
 #include "cgi/field_list.h"
 #include "config/property_table.h"
+#include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"
 #include "support/output.h"
@@ -14,16 +15,13 @@ namespace corvel {
 namespace {
 
 /// What of a line is still to be written. It stands at the end of its buffer, so that a value is
-/// put in front of it without moving it; the buffer on the stack takes a line and one value of full
-/// size, and only values inside values can need a larger one.
+/// put in front of it without moving it. The buffer of its own takes a line and one value of full
+/// size; only values inside values can need a larger one.
 class PendingText {
   public:
-    /// Where a line is read into, before line() says what came.
-    std::span<char, line_size> line_buffer() { return std::span(own_).template last<line_size>(); }
-
-    void line(std::span<char> text) {
-        buffer_ = {own_.data(), static_cast<std::size_t>(text.data() - own_.data()) + text.size()};
-        start_ = buffer_.size() - text.size();
+    /// A line of at most `line_limit` characters.
+    explicit PendingText(std::string_view line) : start_(own_size - line.size()) {
+        std::memcpy(own_.data() + start_, line.data(), line.size());
     }
 
     [[nodiscard]] std::string_view text() const {
@@ -55,14 +53,17 @@ class PendingText {
         return true;
     }
 
-    std::array<char, sizeof(str_node::value) + line_size> own_;
+    static constexpr std::size_t own_size = sizeof(str_node::value) + line_limit;
+
+    std::array<char, own_size> own_;
     std::span<char> buffer_ = own_;
-    std::size_t start_ = own_.size();
+    std::size_t start_;
     HeapBlock<char> grown_;
 };
 
 /// Writes a line with its markers filled; each field that fills one is removed from the list.
-void fill_line(PendingText &pending, str_node **list, Output &out) {
+void fill_line(std::string_view line, str_node **list, Output &out) {
+    PendingText pending(line);
     std::size_t position = 0;
     for (;;) {
         const std::string_view text = pending.text();
@@ -107,17 +108,20 @@ void put_hidden_input(Output &out, std::string_view name, std::string_view marke
 extern "C" {
 
 int print_html(const char *path, str_node **list) {
-    corvel::Stream page = corvel::open_for_reading(path);
+    const corvel::Descriptor page = corvel::open_for_reading(path);
     if (!page)
         return 0;
     corvel::Output out(stdout);
-    corvel::PendingText pending;
+    corvel::LineReader lines(page.get());
     corvel::Line line;
-    while (corvel::read_line(page.get(), pending.line_buffer(), line)) {
-        pending.line(line.text);
-        corvel::fill_line(pending, list, out);
+    while (lines.next(line)) {
+        const std::string_view text(line.text.data(), line.text.size());
+        if (text.find('$') == std::string_view::npos)
+            out.put(text);
+        else
+            corvel::fill_line(text, list, out);
     }
-    return std::fclose(page.release());
+    return 0;
 }
 
 int print_list(const str_node *list) {

@@ -13,7 +13,7 @@
 namespace corvel {
 namespace {
 
-/// A name or a value is cut to these sizes, less one for the terminator, before it is decoded.
+/// A name or a value is cut to these sizes, less one, before it is decoded.
 constexpr std::size_t name_size = 128;
 constexpr std::size_t value_size = 256;
 
@@ -30,31 +30,40 @@ constexpr signed char byte_of_digits(char high, char low) {
     return static_cast<signed char>(digit_value(high) * 16 + digit_value(low));
 }
 
-/// Decodes each `%` that has two characters behind it, in place. Returns the new length.
-std::size_t decode_percents(std::span<char> text) {
-    const std::size_t first = std::string_view(text.data(), text.size()).find('%');
-    std::size_t in = at_most(first, text.size());
-    std::size_t out = in;
-    while (in < text.size()) {
-        if (text[in] == '%' && text.size() - in > 2) {
-            text[out++] = static_cast<char>(byte_of_digits(text[in + 1], text[in + 2]));
-            in += 3;
-        } else {
-            text[out++] = text[in++];
+/// How the characters of a form are read: `+` stands for a blank, also behind a `%`, and a decoded
+/// NUL ends the text.
+struct FormRules {
+    static constexpr char read(char character) { return character == '+' ? ' ' : character; }
+    static constexpr bool ends_at(char decoded) { return decoded == '\0'; }
+};
+
+/// How the characters of a URL are read: as they are, and to the end.
+struct UrlRules {
+    static constexpr char read(char character) { return character; }
+    static constexpr bool ends_at(char) { return false; }
+};
+
+/// Decodes each `%` that has two characters behind it. The result is no longer than the text and
+/// may take its place. Returns the end of the result.
+template <typename Rules> char *decode(std::string_view text, char *out) {
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        char character = Rules::read(text[at]);
+        if (character == '%' && text.size() - at > 2) {
+            character = static_cast<char>(
+                byte_of_digits(Rules::read(text[at + 1]), Rules::read(text[at + 2])));
+            if (Rules::ends_at(character))
+                break;
+            at += 2;
         }
+        *out++ = character;
     }
     return out;
 }
 
-constexpr char without_plus(char character) { return character == '+' ? ' ' : character; }
-
-/// Decodes a word into its scratch buffer, cut to fit. A decoded NUL ends the text.
+/// Decodes a word into its scratch buffer, cut to fit.
 std::string_view decode_word(std::string_view word, std::span<char> scratch) {
-    const std::string_view kept = front(word, scratch.size() - 1);
-    std::transform(kept.begin(), kept.end(), scratch.begin(), without_plus);
-    const std::size_t length = decode_percents(scratch.first(kept.size()));
-    scratch[length] = '\0';
-    return scratch.data();
+    const char *const end = decode<FormRules>(front(word, scratch.size() - 1), scratch.data());
+    return {scratch.data(), static_cast<std::size_t>(end - scratch.data())};
 }
 
 /// Takes the pairs of a urlencoded text one by one, as words that are not decoded yet.
@@ -215,14 +224,15 @@ char *makeword(char *dst, const char *src, char stop, char **rest) {
 
 char *plustospace(char *text) {
     const std::string_view view = corvel::text_of(text);
-    std::transform(view.begin(), view.end(), text, corvel::without_plus);
+    std::transform(view.begin(), view.end(), text, corvel::FormRules::read);
     return text;
 }
 
 char *unescape_url(char *text) {
-    const std::size_t length = corvel::text_of(text).size();
-    if (length != 0)
-        text[corvel::decode_percents({text, length})] = '\0';
+    const std::string_view view = corvel::text_of(text);
+    if (view.empty())
+        return text;
+    *corvel::decode<corvel::UrlRules>(view, text) = '\0';
     return text;
 }
 

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "config/property_table.h"
+#include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"
 #include "support/output.h"
@@ -30,13 +31,13 @@ bool name_companion(std::array<char, size> &name, std::string_view path, std::st
 /// Creates the copy that is to take a file's place, readable by its owner alone until it has the
 /// mode and the owner of the original. Where the owner can't be set, set-id bits are not taken
 /// over.
-Stream create_copy(const char *path, std::FILE *original) {
+Stream create_copy(const char *path, int original) {
     const int descriptor =
         open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (descriptor < 0)
         return nullptr;
     struct stat status;
-    if (fstat(fileno(original), &status) == 0) {
+    if (fstat(original, &status) == 0) {
         const bool owned = fchown(descriptor, status.st_uid, status.st_gid) == 0;
         fchmod(descriptor, status.st_mode & (owned ? 07777 : 0777));
     }
@@ -46,20 +47,20 @@ Stream create_copy(const char *path, std::FILE *original) {
     return copy;
 }
 
-/// Puts a new version of a file in its place. `write_lines(original, copy)` reads the one and
-/// writes the other. If any of it fails, the original stays and the copy is removed.
+/// Puts a new version of a file in its place. `write_lines(lines, copy)` takes the lines of the
+/// original and writes the copy. If any of it fails, the original stays and the copy is removed.
 template <typename WriteLines>
 void rewrite(const char *path, const char *copy_path, WriteLines write_lines) {
-    Stream original = open_for_reading(path);
+    const Descriptor original = open_for_reading(path);
     if (!original)
         return;
     Stream copy = create_copy(copy_path, original.get());
     if (!copy)
         return;
-    write_lines(original.get(), copy.get());
-    const bool complete = std::ferror(original.get()) == 0 && std::ferror(copy.get()) == 0;
+    LineReader lines(original.get());
+    write_lines(lines, copy.get());
+    const bool complete = !lines.failed() && std::ferror(copy.get()) == 0;
     const bool closed = std::fclose(copy.release()) == 0;
-    original.reset();
     if (!complete || !closed) {
         unlink(copy_path);
         return;
@@ -141,14 +142,13 @@ class RowIndex {
 };
 
 /// Copies a property file, with new lines for those whose keys are names of table rows.
-void copy_with_rows(std::FILE *original, std::FILE *copy, char separator,
+void copy_with_rows(LineReader &lines, std::FILE *copy, char separator,
                     std::span<const prop_entry> rows) {
     const RowIndex index(rows);
     const std::string_view separator_text(&separator, separator != '\0' ? 1 : 0);
     Output out(copy);
-    std::array<char, line_size> buffer;
     Line line;
-    while (read_line(original, buffer, line) && !line.cut_off) {
+    while (lines.next(line) && !line.cut_off) {
         const std::string_view text(line.text.data(), line.text.size());
         const std::string_view content = front(text, text.size() - (text.empty() ? 0 : 1));
         const prop_entry *row = index.last_named(key_of(content, separator));
@@ -185,12 +185,11 @@ void put_setting(Output &out, const NewSetting &setting, std::string_view quote)
 
 /// Copies a property file with one setting changed: in quotes where it was, without them where it
 /// is added at the end.
-void copy_with_setting(std::FILE *original, std::FILE *copy, const NewSetting &setting) {
+void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &setting) {
     Output out(copy);
-    std::array<char, line_size> buffer;
     Line line;
     bool found = false;
-    while (read_line(original, buffer, line)) {
+    while (lines.next(line)) {
         const std::string_view text(line.text.data(), line.text.size());
         const bool named = key_of(text, setting.separator) == setting.name;
         found = found || named;
@@ -222,9 +221,8 @@ int save_prop(signed char sep, const char *path, const prop_entry *table, int co
         !corvel::name_companion(lock_path, corvel::text_of(path), corvel::lock_ending))
         return 1;
     const corvel::FileLock lock(lock_path.data());
-    corvel::rewrite(path, copy_path.data(), [&](std::FILE *original, std::FILE *copy) {
-        corvel::copy_with_rows(original, copy, static_cast<char>(sep),
-                               corvel::rows_of(table, count));
+    corvel::rewrite(path, copy_path.data(), [&](corvel::LineReader &lines, std::FILE *copy) {
+        corvel::copy_with_rows(lines, copy, static_cast<char>(sep), corvel::rows_of(table, count));
     });
     return 1;
 }
@@ -240,8 +238,8 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
                                         corvel::text_of(value), corvel::separator_of(sep)};
     {
         const corvel::FileLock lock(lock_path.data());
-        corvel::rewrite(path, copy_path.data(), [&](std::FILE *original, std::FILE *copy) {
-            corvel::copy_with_setting(original, copy, setting);
+        corvel::rewrite(path, copy_path.data(), [&](corvel::LineReader &lines, std::FILE *copy) {
+            corvel::copy_with_setting(lines, copy, setting);
         });
     }
     unlink(lock_path.data());

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "config/text_primitives.h"
+#include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"
 #include "support/text.h"
@@ -55,23 +56,23 @@ bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
     HeapBlock<char> name_block(static_cast<char *>(std::malloc(name_size)));
     if (!name_block)
         return false;
-    HeapBlock<char> value_block(static_cast<char *>(std::malloc(value_size + 1)));
+    HeapBlock<char> value_block(static_cast<char *>(std::calloc(1, value_size + 1)));
     if (!value_block)
         return false;
     store({name_block.get(), name_size}, name);
-    const std::size_t kept = store({value_block.get(), value_size + 1}, value);
-    std::memset(value_block.get() + kept, 0, value_size + 1 - kept);
+    store({value_block.get(), value_size + 1}, value);
     row = {static_cast<std::uint32_t>(name_size), value_size, name_block.release(),
            value_block.release()};
     return true;
 }
 
 /// Reads a line into a row, and ends the line where its name area ends.
-bool fill_row_from_line(prop_entry &row, char separator, char *line) {
+bool fill_row_from_line(prop_entry &row, char separator, std::span<char> line) {
     Setting setting;
-    if (!parse_line(text_of(line), separator, setting))
+    if (!parse_line({line.data(), line.size()}, separator, setting))
         return false;
-    line[setting.name_area.data() + setting.name_area.size() - line] = '\0';
+    const char *const name_end = setting.name_area.data() + setting.name_area.size();
+    line[static_cast<std::size_t>(name_end - line.data())] = '\0';
     return fill_row(row, first_word(setting.name_area), setting.name_area.size() + 1,
                     setting.value);
 }
@@ -98,24 +99,22 @@ std::span<char> value_field(const prop_entry &row) {
 extern "C" {
 
 int load_prop(signed char sep, const char *path, prop_entry *table) {
-    const corvel::Stream file = corvel::open_for_reading(path);
+    const corvel::Descriptor file = corvel::open_for_reading(path);
     if (!file)
         return 0;
-    std::array<char, corvel::line_size> buffer;
+    corvel::LineReader lines(file.get());
     corvel::Line line;
     const char separator = corvel::separator_of(sep);
     int count = 0;
-    while (corvel::read_line(file.get(), buffer, line) && !line.cut_off) {
-        if (!line.text.empty() && line.text.back() == '\n')
-            line.text.back() = '\0';
-        if (corvel::fill_row_from_line(table[count], separator, line.text.data()))
+    while (lines.next(line) && !line.cut_off)
+        if (corvel::fill_row_from_line(table[count], separator, corvel::without_line_end(line)))
             ++count;
-    }
     return count;
 }
 
 int get_pr(signed char sep, char *line, prop_entry *row) {
-    return corvel::fill_row_from_line(*row, corvel::separator_of(sep), line) ? 1 : 0;
+    const std::span<char> text(line, corvel::text_of(line).size());
+    return corvel::fill_row_from_line(*row, corvel::separator_of(sep), text) ? 1 : 0;
 }
 
 char *get_prop(const char *name, char *dst, const prop_entry *table, int count) {

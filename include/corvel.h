@@ -159,7 +159,12 @@ CORVEL_API void DFPrintf(FILE *stream, const char *fmt, ...) CORVEL_PRINTF_LIKE(
  *  - The first separator splits the rest. A line without one yields no row.
  *  - The name is the first word in front of the separator, the value all that stands behind it:
  *    quotes, blanks and a carriage return included. A value is cut at 257 characters.
- *  - A last line that has no line end is not read.
+ *  - A last line that has no line end is not read, unless it is a whole piece of 1023 characters.
+ *  - A NUL ends the line; the rest of it is passed over.
+ *
+ * A value that holds "setenv " therefore does not come back under its name, but as whatever stands
+ * behind that text: a program that saves values from a request refuses such a value, and one with a
+ * line end, which would be a line of its own.
  *
  * Names are compared byte by byte. Where a name stands in several rows, the first one counts.
  * @{
@@ -265,8 +270,9 @@ CORVEL_API int free_prop(prop_entry *table, int count);
  * bytes; 255 for the copy in save_global_conf()) leaves everything untouched.
  *
  * Lines are read as described under Property table: a line of more than 1023 characters is taken in
- * pieces, and a last line without a line end is dropped. A line's key is the text in front of the
- * first separator, or the whole line if it has none; a prefix such as "setenv " belongs to the key.
+ * pieces, a NUL ends a line, and a last line without a line end is dropped. A line's key is the
+ * text in front of the first separator, or the whole line if it has none; a prefix such as "setenv
+ * " belongs to the key.
  * @{
  */
 
@@ -277,7 +283,7 @@ CORVEL_API int free_prop(prop_entry *table, int count);
  * table: neither escaped nor stripped. Where several rows have the name, the last one is written.
  * All other lines are copied; rows without a line are not added. Of each line read, the last
  * character is replaced by a line end, whatever it is: a piece of an over-long line loses its
- * 1023rd character.
+ * 1023rd character. The value is neither checked for "setenv " nor for a line end.
  *
  * The lock file is created if it is missing (mode 0600) and stays. If it can't be opened the file
  * is rewritten without a lock.
@@ -295,9 +301,9 @@ CORVEL_API int save_prop(signed char sep, const char *path, const prop_entry *ta
  *
  * A line that is replaced becomes: prefix, name, separator, `"`, value, `"`; a line that is added:
  * prefix, name, separator, value, without quotes. With a prefix that is not empty, a line that was
- * written before never matches, so each call adds one. A line without the separator keeps its line
- * end in its key and so never matches either. A last line without a line end is dropped even if it
- * is the one for @p name, which then disappears.
+ * written before never matches, so each call adds one. The key of a line without the
+ * separator includes the line end, so that no usual name matches it. A last line without a line end
+ * is dropped even if it is the one for @p name, which then disappears.
  *
  * The lock file is removed at the end. A writer that opened it just before holds a lock on a file
  * without a name, so that two writers can overlap at that moment; programs that save the same file
@@ -441,10 +447,12 @@ CORVEL_API int get_http_methmod(const char *method);
 /**
  * Tells an Ajax GET: the number in the query string's field "Ajax".
  *
- * The first 2048 pairs of the query string are looked at. The environment is left alone.
+ * The name must stand in the query string as it is, not encoded. The first 2048 pairs are looked
+ * at. The environment is left alone.
  *
- * @return the field's value as atoi() reads it, held to the range of an int; 0 if the method is not
- *         GET, or there is no such field, or it is not a number.
+ * @return the field's value, one double quote removed from each end, as atoi() reads it, held to
+ * the range of an int; 0 if the method is not GET, or there is no such field, or it is not a
+ * number.
  */
 CORVEL_API int isajax_get(void);
 

@@ -70,15 +70,6 @@ struct PipeClose {
 /// A stream opened with popen.
 using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 
-/// Opens a file for reading. A folder, which fopen would open all the same, is refused.
-inline Stream open_for_reading(const char *path) {
-    Stream stream(std::fopen(text_or_empty(path), "r"));
-    struct stat status;
-    if (stream && (fstat(fileno(stream.get()), &status) != 0 || S_ISDIR(status.st_mode)))
-        stream.reset();
-    return stream;
-}
-
 /// A lock on a file of its own, held while the object lives. The file is created if it is missing
 /// and emptied if it is not. Where it can't be opened, there is no lock.
 class FileLock {

@@ -42,7 +42,9 @@ constexpr std::string_view behind(std::string_view text, std::size_t length) {
 
 /// Stores a text in a field, cut to fit and terminated. The text may lie in the field itself.
 /// Returns the number of characters kept. A field of no bytes keeps nothing.
-inline std::size_t store(std::span<char> field, std::string_view text) {
+///
+/// Not inlined: where the compiler sees a bound on the length it moves bytes one by one.
+[[gnu::noinline]] inline std::size_t store(std::span<char> field, std::string_view text) {
     if (field.empty())
         return 0;
     const std::size_t kept = at_most(text.size(), field.size() - 1);
