@@ -1,0 +1,297 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Runs the benchmarks and prints one table: each job, the library, its peers, the limit, the goal.
+
+    bench/run                              times
+    bench/run --only PATTERN               the times of some benchmarks, named job/side/size
+    bench/run --instructions               instruction counts (callgrind), which hardly vary
+    bench/run --profile BENCHMARK          where the instructions of one benchmark go
+
+All sides of a job run one right after the other, in several rounds. A time is the median of the
+rounds; a ratio is taken within each round, where the machine's speed is the same for both sides,
+and then the median of the rounds' ratios. Times are the processor's, but for the start of a
+program, which is timed on the wall's clock. A goal that is missed is followed by its profile.
+"""
+
+import argparse
+import json
+import math
+import os
+import re
+import statistics
+import subprocess
+import sys
+import tempfile
+from collections import defaultdict
+
+OURS = "corvel"
+START_UP_JOB = "start a CGI program"
+START_UP_GOAL = 1.15
+FEW_ROWS, MANY_ROWS = "1000/10", "1000/200"
+
+# Where time grows as size^e, e is a little under 1 for linear growth, since opening a file costs the
+# same at every size, and a quadratic part pushes it towards 2.
+LINEAR_EXPONENT = 1.15
+LINEAR_JOBS = {"load a property file", "save changed rows"}
+
+
+class Goal:
+    """What a job must reach at one size: a text, a ratio of its sides, and a test of the ratio."""
+
+    def __init__(self, text, ratio, met):
+        self.text, self.ratio, self.met = text, ratio, met
+
+    def judge(self, sides):
+        ratio = self.ratio(sides)
+        return f"{self.text}: {'met' if self.met(ratio) else 'MISSED'} ({ratio:.2f})"
+
+
+def is_limit(side):
+    return side.startswith("limit")
+
+
+def ratio_of(sides, side, other=OURS):
+    """One side's time over another's, each round's by itself."""
+    return statistics.median(a / b for a, b in zip(sides[side], sides[other]))
+
+
+def best_peer(sides):
+    return min(ratio_of(sides, side) for side in sides if side != OURS and not is_limit(side))
+
+
+def times_as_fast(factor):
+    return Goal(f"{factor} times as fast as each peer", best_peer, lambda ratio: ratio >= factor)
+
+
+def faster():
+    return Goal("faster than each peer", best_peer, lambda ratio: ratio > 1)
+
+
+def within(factor):
+    return Goal(f"at most {factor} times the limit", lambda sides: ratio_of(sides, OURS, "limit"),
+                lambda ratio: ratio <= factor)
+
+
+GOALS = {
+    ("decode a form", "1000"): times_as_fast(6),
+    ("load a property file", "100"): times_as_fast(2),
+    ("load a property file", "1000"): times_as_fast(2),
+    ("load a property file", "10000"): times_as_fast(2),
+    ("save changed rows", FEW_ROWS): within(2),
+    ("save changed rows", MANY_ROWS): within(2),
+    ("fill a page, list order", "2000"): within(1.5),
+    ("fill a page, shuffled", "2000"): within(1.5),
+    ("write a list as JSON", "1000"): faster(),
+    ("write a table as JSON", "1000"): faster(),
+}
+
+
+# --- Measuring ----------------------------------------------------------------------------------
+
+
+def run_benchmarks(arguments):
+    with tempfile.NamedTemporaryFile("r", suffix=".json") as output:
+        finished = subprocess.run(
+            [arguments.program, f"--benchmark_min_time={arguments.min_time}",
+             f"--benchmark_filter={arguments.only}", str(arguments.rounds), output.name],
+            stderr=subprocess.PIPE, text=True, check=False)
+        if finished.returncode != 0:
+            sys.exit(finished.stderr)
+        return list(runs_of(output.read()))
+
+
+def runs_of(text):
+    """The runs in JSON documents that stand one behind the other."""
+    decoder = json.JSONDecoder()
+    text = text.lstrip()
+    while text:
+        document, end = decoder.raw_decode(text)
+        yield from document["benchmarks"]
+        text = text[end:].lstrip()
+
+
+def collect_times(runs):
+    """{job: {size: {side: [microseconds in each round]}}}"""
+    jobs = defaultdict(lambda: defaultdict(lambda: defaultdict(list)))
+    for run in runs:
+        if not run["name"].startswith(START_UP_JOB):
+            job, side, size = run["name"].split("/", 2)
+            jobs[job][size][side].append(run["cpu_time"] / 1e3)
+    return jobs
+
+
+def size_order(size):
+    return [int(number) for number in size.split("/")]
+
+
+# --- The tables ---------------------------------------------------------------------------------
+
+
+def print_table(heads, rows):
+    widths = [max(len(cell) for cell in column) for column in zip(heads, *rows)]
+    for cells in [heads, ["-" * width for width in widths], *rows]:
+        print("  ".join(cell.ljust(width) for cell, width in zip(cells, widths)).rstrip())
+
+
+def number(value):
+    return f"{value:,.0f}" if value >= 1000 else f"{value:.1f}"
+
+
+def median(times):
+    return number(statistics.median(times))
+
+
+def beside(names, sides):
+    return ", ".join(f"{side} {median(sides[side])} ({ratio_of(sides, side):.2f})"
+                     for side in sorted(names))
+
+
+def time_rows(jobs):
+    rows = []
+    for job in sorted(jobs):
+        for size in sorted(jobs[job], key=size_order):
+            sides = jobs[job][size]
+            if OURS not in sides:
+                continue
+            limits = {side for side in sides if is_limit(side)}
+            peers = set(sides) - limits - {OURS}
+            goal = GOALS.get((job, size))
+            rows.append([job, size, median(sides[OURS]), beside(peers, sides),
+                         beside(limits, sides), goal.judge(sides) if goal and len(sides) > 1 else ""])
+    return rows
+
+
+def start_up_rows(runs):
+    runs = [run for run in runs if run["name"].startswith(START_UP_JOB)]
+    rows = []
+    for program in ("shared", "static") if runs else ():
+        ratio = statistics.median(run[program] / run["plain"] for run in runs)
+        goal = Goal(f"at most {START_UP_GOAL} times the limit", lambda _, value=ratio: value,
+                    lambda value: value <= START_UP_GOAL)
+        plain = f"plain C {median([run['plain'] for run in runs])} ({1 / ratio:.2f})"
+        rows.append([START_UP_JOB, f"{program} library", median([run[program] for run in runs]), "",
+                     plain, goal.judge(runs)])
+    return rows
+
+
+def exponent(series, side):
+    """The e of time ~ size^e over the upper two sizes."""
+    (small, small_sides), (large, large_sides) = series[-2:]
+    growth = statistics.median(b / a for a, b in zip(small_sides[side], large_sides[side]))
+    return math.log(growth) / math.log(size_order(large)[0] / size_order(small)[0])
+
+
+def growth_rows(jobs):
+    rows = []
+    for job in sorted(jobs):
+        # A file with few of its rows changed does not belong to the series.
+        series = [(size, jobs[job][size]) for size in sorted(jobs[job], key=size_order)
+                  if size != FEW_ROWS and OURS in jobs[job][size]]
+        if len(series) < 3:
+            continue
+        first = series[0][1][OURS]
+        steps = (statistics.median(b / a for a, b in zip(first, sides[OURS])) for _, sides in series)
+        ours = exponent(series, OURS)
+        others = ", ".join(f"{side} {exponent(series, side):.2f}"
+                           for side in sorted(series[0][1]) if side != OURS)
+        verdict = "met" if ours <= LINEAR_EXPONENT else "MISSED"
+        rows.append([job, ", ".join(size for size, _ in series),
+                     ", ".join(f"{step:.1f}" for step in steps), f"{ours:.2f}", others,
+                     f"linear: {verdict}" if job in LINEAR_JOBS else ""])
+    return rows
+
+
+def print_times(runs):
+    jobs = collect_times(runs)
+    print_table(["job", "size", "us", "peers: us (times ours)", "limit: us (times ours)", "goal"],
+                time_rows(jobs) + start_up_rows(runs))
+    growth = growth_rows(jobs)
+    if growth:
+        print()
+        print_table(["growth", "sizes", "times the first", "exponent", "beside", "goal"], growth)
+    saves = jobs.get("save changed rows", {})
+    if OURS in saves.get(FEW_ROWS, {}) and OURS in saves.get(MANY_ROWS, {}):
+        few, many = saves[FEW_ROWS][OURS], saves[MANY_ROWS][OURS]
+        ratio = statistics.median(b / a for a, b in zip(few, many))
+        print(f"\nSaving 20 times the rows into the same file takes {ratio:.2f} times as long.")
+
+
+# --- Counting instructions ----------------------------------------------------------------------
+
+
+def benchmark_names(arguments):
+    listed = subprocess.run([arguments.program, "--benchmark_list_tests",
+                             f"--benchmark_filter={arguments.only}"],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
+    return [name for name in listed.stdout.splitlines() if name.count("/") >= 2]
+
+
+def count_instructions(arguments, name, output):
+    """Counts the measured part of one benchmark once, and nothing else."""
+    command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}",
+               "--collect-atstart=no", "--toggle-collect=*measured_part*", arguments.program,
+               f"--benchmark_filter=^{name}$", "--benchmark_min_time=0.000000001"]
+    finished = subprocess.run(command, capture_output=True, text=True, check=False,
+                              env={**os.environ, "LD_BIND_NOW": "1"})
+    counted = re.search(r"Collected : (\d+)", finished.stderr)
+    if finished.returncode != 0 or counted is None:
+        sys.exit(finished.stderr)
+    return int(counted.group(1))
+
+
+def print_instructions(arguments):
+    jobs = defaultdict(dict)
+    with tempfile.TemporaryDirectory() as folder:
+        for name in benchmark_names(arguments):
+            job, side, size = name.split("/", 2)
+            jobs[job, size][side] = count_instructions(arguments, name, f"{folder}/out")
+    rows = [[job, size, side, f"{count:,}", f"{count / sides.get(OURS, count):.2f}"]
+            for (job, size), sides in sorted(jobs.items(),
+                                             key=lambda item: (item[0][0], size_order(item[0][1])))
+            for side, count in sorted(sides.items())]
+    print_table(["job", "size", "side", "instructions", "times ours"], rows)
+
+
+def print_profile(arguments, name, percent):
+    """The functions that together make up so many percent of the instructions."""
+    with tempfile.TemporaryDirectory() as folder:
+        total = count_instructions(arguments, name, f"{folder}/out")
+        annotated = subprocess.run(
+            ["callgrind_annotate", f"--threshold={percent}", "--auto=no", f"{folder}/out"],
+            stdout=subprocess.PIPE, text=True, check=True).stdout
+    print(f"\n{name}: {total:,} instructions in one run, of these in")
+    for count, function in re.findall(r"^ *([\d,]+) \([ \d.]+%\)  [^:\n]*:(.*?)(?: \[|$)", annotated,
+                                      re.MULTILINE):
+        print(f"  {100 * int(count.replace(',', '')) / total:5.1f}%  {function}")
+
+
+def print_profiles_of_missed(arguments, runs):
+    for job, sizes in sorted(collect_times(runs).items()):
+        for size in sorted(sizes, key=size_order):
+            goal, sides = GOALS.get((job, size)), sizes[size]
+            if goal and OURS in sides and len(sides) > 1 and not goal.met(goal.ratio(sides)):
+                print_profile(arguments, f"{job}/{OURS}/{size}", 90)
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="bench/run", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("program", help=argparse.SUPPRESS)
+    parser.add_argument("--rounds", type=int, default=15)
+    parser.add_argument("--min-time", type=float, default=0.01, help="seconds of one side in one round")
+    parser.add_argument("--only", default=".", metavar="PATTERN")
+    parser.add_argument("--instructions", action="store_true")
+    parser.add_argument("--profile", metavar="BENCHMARK")
+    arguments = parser.parse_args()
+    if arguments.profile:
+        print_profile(arguments, arguments.profile, 98)
+    elif arguments.instructions:
+        print_instructions(arguments)
+    else:
+        runs = run_benchmarks(arguments)
+        print_times(runs)
+        print_profiles_of_missed(arguments, runs)
+
+
+if __name__ == "__main__":
+    main()

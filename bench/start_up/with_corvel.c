@@ -1,0 +1,21 @@
+/* SPDX-License-Identifier: MIT */
+/* Decodes the request's one field and fills the page that the first argument names. */
+#include "corvel.h"
+
+int main(int argc, char **argv) {
+    prop_entry table[16];
+    char address[256] = "";
+    str_node *fields = NULL;
+    int count;
+
+    if (argc < 2)
+        return 2;
+    count = process_queue_get(table);
+    get_prop("address", address, table, count);
+    fputs("Content-Type: text/html\n\n", stdout);
+    add_str(&fields, "address", address);
+    print_html(argv[1], &fields);
+    free_list(&fields);
+    free_prop(table, count);
+    return 0;
+}

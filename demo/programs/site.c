@@ -1,0 +1,315 @@
+/* SPDX-License-Identifier: MIT */
+#define _GNU_SOURCE
+#include "site.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+const settings_file lan_file = {"/etc/config/lan.conf", '='};
+const settings_file wireless_file = {"/etc/config/wireless.conf", '='};
+const settings_file global_file = {"/etc/config/global.conf", ' '};
+const settings_file factory_file = {"/etc/factory.conf", ' '};
+const settings_file applied_file = {"/var/log/applied.conf", ' '};
+
+/* The pages that have an entry in the frame's navigation. */
+static const char *const navigation[] = {"network", "device"};
+
+static const char *environment(const char *name) {
+    const char *value = getenv(name);
+    return value ? value : "";
+}
+
+static int starts_with(const char *text, const char *start) {
+    return strncmp(text, start, strlen(start)) == 0;
+}
+
+/* Answers with a page that says why the request is not taken, and ends the program. */
+static void refuse(const char *status, const char *reason) {
+    str_node *fields = NULL;
+    add_html(&fields, "reason", reason);
+    print_page(status, "refused", "Not done", &fields);
+    exit(EXIT_SUCCESS);
+}
+
+/* Requests: which are taken, and how they become a table. */
+
+/* Tells whether a URL's host and port are the ones that this request was sent to. */
+static int is_own_url(const char *url) {
+    const char *host = environment("HTTP_HOST");
+    const char *authority = strstr(url, "://");
+    if (!authority || !*host)
+        return 0;
+    authority += strlen("://");
+    return starts_with(authority, host) && strchr("/", authority[strlen(host)]) != NULL;
+}
+
+/*
+ * A browser says with every POST which site's page sent it. A page of another site could otherwise
+ * change the router's settings through the browser of whoever looks at it. A request that names
+ * no page at all comes from a program that somebody runs on purpose.
+ */
+static int is_from_this_site(void) {
+    if (getenv("HTTP_ORIGIN"))
+        return is_own_url(environment("HTTP_ORIGIN"));
+    if (getenv("HTTP_REFERER"))
+        return is_own_url(environment("HTTP_REFERER"));
+    return 1;
+}
+
+int accept_request(void) {
+    const char *method = environment("REQUEST_METHOD");
+    if (STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0)
+        return 0;
+    if (!get_http_methmod(method))
+        refuse("405 Method Not Allowed", "This page can be read and saved, nothing else.");
+    if (!is_from_this_site())
+        refuse("403 Forbidden", "The form was sent by a page of another site.");
+    if (!starts_with(environment("CONTENT_TYPE"), "application/x-www-form-urlencoded"))
+        refuse("415 Unsupported Media Type", "This page takes the fields of its own form only.");
+    if (atoll(environment("CONTENT_LENGTH")) > longest_body)
+        refuse("413 Content Too Large", "The form is larger than any form of this site.");
+    return 1;
+}
+
+prop_table new_table(size_t capacity) {
+    prop_table table = {calloc(capacity, sizeof(prop_entry)), 0};
+    if (!table.rows) {
+        printf("Status: 503 Service Unavailable\r\n\r\n");
+        exit(EXIT_SUCCESS);
+    }
+    return table;
+}
+
+void free_table(prop_table *table) {
+    free_prop(table->rows, table->count);
+    free(table->rows);
+    *table = (prop_table){NULL, 0};
+}
+
+/*
+ * The decoder stores as many pairs as the request has, so that the table has to have room for them.
+ * Each but the last takes two characters at least, `=` and `&`.
+ */
+prop_table read_request(void) {
+    const long long length = atoll(environment("CONTENT_LENGTH"));
+    const size_t body = length > 0 ? (size_t)length : 0;
+    const size_t query = strlen(environment("QUERY_STRING"));
+    prop_table request = new_table(body / 2 + query / 2 + 2);
+    request.count = get_http_methmod(getenv("REQUEST_METHOD")) ? process_queue(request.rows)
+                                                               : process_queue_get(request.rows);
+    return request;
+}
+
+const char *find_field(const char *name, const prop_table *request) {
+    for (int i = 0; i < request->count; i++)
+        if (STRCMP(request->rows[i].name, name) == 0)
+            return request->rows[i].value;
+    return NULL;
+}
+
+/* Settings: load, look up, save, and the lock around it. */
+
+/* A row takes two characters of the file at least: the separator and the line's end. */
+prop_table load_settings(const settings_file *file) {
+    struct stat status;
+    if (stat(file->path, &status) != 0)
+        return new_table(1);
+    prop_table settings = new_table((size_t)status.st_size / 2 + 1);
+    settings.count = load_prop(file->separator, file->path, settings.rows);
+    return settings;
+}
+
+/* A program that is started from here must not inherit the lock, and keep it. */
+int lock_settings(int operation) {
+    const int lock = open("/var/lock/settings", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0 || flock(lock, operation) != 0)
+        refuse("503 Service Unavailable", "The settings can't be locked.");
+    return lock;
+}
+
+void unlock_settings(int lock) { close(lock); }
+
+char *get_setting(const char *name, char value[value_size], const prop_table *settings) {
+    char stored[value_size] = "";
+    get_prop(name, stored, settings->rows, settings->count);
+    return strip_escape(stored, value);
+}
+
+/*
+ * A line that save_global_conf() adds stands without quotes, and a quote at the end of its value
+ * would be taken for one. The second call finds the line and writes it anew, with quotes.
+ */
+void save_global(const char *name, const char *value, const prop_table *settings) {
+    char present[value_size];
+    char escaped[2 * value_size];
+    add_escape(value, escaped);
+    if (!get_prop(name, present, settings->rows, settings->count))
+        save_global_conf(global_file.separator, global_file.path, "", name, "");
+    save_global_conf(global_file.separator, global_file.path, "", name, escaped);
+}
+
+/* Texts: what may be stored, and how it is written into a page and into JSON. */
+
+/* The number of bytes of the well-formed UTF-8 character at the start of a text, 0 if none is. */
+static size_t utf8_length(const char *text) {
+    const unsigned char *byte = (const unsigned char *)text;
+    unsigned char lowest = 0x80;
+    unsigned char highest = 0xBF;
+    size_t length = 4;
+    if (byte[0] < 0x80)
+        return 1;
+    if (byte[0] < 0xC2 || byte[0] > 0xF4)
+        return 0;
+    if (byte[0] < 0xE0)
+        length = 2;
+    else if (byte[0] < 0xF0)
+        length = 3;
+    if (byte[0] == 0xE0)
+        lowest = 0xA0; /* below: longer than it has to be */
+    else if (byte[0] == 0xED)
+        highest = 0x9F; /* above: one half of a UTF-16 pair */
+    else if (byte[0] == 0xF0)
+        lowest = 0x90;
+    else if (byte[0] == 0xF4)
+        highest = 0x8F; /* above: beyond the last code point */
+    if (byte[1] < lowest || byte[1] > highest)
+        return 0;
+    for (size_t i = 2; i < length; i++)
+        if ((byte[i] & 0xC0) != 0x80)
+            return 0;
+    return length;
+}
+
+static int is_control(char character) {
+    return (unsigned char)character < 0x20 || character == 0x7F;
+}
+
+const char *text_complaint(const char *value) {
+    if (strlen(value) > longest_value)
+        return "This is too long.";
+    for (const char *at = value; *at;) {
+        const size_t length = utf8_length(at);
+        if (length == 0 || is_control(*at))
+            return "This has a character that can't be stored.";
+        at += length;
+    }
+    if (strstr(value, "setenv "))
+        return "The word setenv with a blank behind it can't be stored.";
+    return NULL;
+}
+
+/* One character's escaped form: the text that takes its place. */
+typedef const char *escape(const char *character);
+
+/* `$` is escaped too: print_html() would fill a marker that stands inside of a value. */
+static const char *html_escape(const char *character) {
+    switch (*character) {
+    case '&':
+        return "&amp;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    case '"':
+        return "&quot;";
+    case '\'':
+        return "&#39;";
+    case '$':
+        return "&#36;";
+    default:
+        return utf8_length(character) ? NULL : "\xEF\xBF\xBD";
+    }
+}
+
+static const char *json_escape(const char *character) {
+    static char code[sizeof "\\u0000"];
+    if (*character == '"')
+        return "\\\"";
+    if (*character == '\\')
+        return "\\\\";
+    if (is_control(*character)) {
+        snprintf(code, sizeof code, "\\u%04x", (unsigned)(unsigned char)*character);
+        return code;
+    }
+    return utf8_length(character) ? NULL : "\\ufffd";
+}
+
+/* Copies a text escaped. What does not fit is left out, in whole characters and whole escapes. */
+static void copy_escaped(const char *text, escape *escape_of, char *copy, size_t size) {
+    size_t used = 0;
+    while (*text) {
+        const char *escaped = escape_of(text);
+        const size_t taken = utf8_length(text) ? utf8_length(text) : 1;
+        const size_t length = escaped ? strlen(escaped) : taken;
+        if (used + length >= size)
+            break;
+        memcpy(copy + used, escaped ? escaped : text, length);
+        used += length;
+        text += taken;
+    }
+    copy[used] = '\0';
+}
+
+void add_html(str_node **fields, const char *name, const char *value) {
+    char escaped[sizeof(((str_node *)0)->value)];
+    copy_escaped(value, html_escape, escaped, sizeof escaped);
+    add_str(fields, name, escaped);
+}
+
+void add_json(str_node **fields, const char *name, const char *value) {
+    char escaped[sizeof(((str_node *)0)->value)];
+    copy_escaped(value, json_escape, escaped, sizeof escaped);
+    add_str(fields, name, escaped);
+}
+
+/*
+ * prop2json() takes one quote from each end of a value. With quotes of its own around it, a value
+ * that begins or ends with a quote keeps it.
+ */
+void insert_json(prop_table *table, const char *name, const char *value) {
+    char escaped[value_size - sizeof "\"\""];
+    char quoted[value_size];
+    copy_escaped(value, json_escape, escaped, sizeof escaped);
+    snprintf(quoted, sizeof quoted, "\"%s\"", escaped);
+    table->count = ins_prop(name, quoted, table->rows, table->count);
+}
+
+/* Answers. */
+
+static void print_head(const char *status, const char *type) {
+    printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n\r\n",
+           status, type);
+}
+
+static void print_template(const char *name, str_node **fields) {
+    char path[256];
+    snprintf(path, sizeof path, "/www/templates/%s.html", name);
+    print_html(path, fields);
+    free_list(fields);
+}
+
+void print_page(const char *status, const char *page, const char *title, str_node **fields) {
+    char model[value_size];
+    str_node *frame = NULL;
+    prop_table factory = load_settings(&factory_file);
+    add_html(&frame, "title", title);
+    add_html(&frame, "model", get_setting("MODEL", model, &factory));
+    for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
+        add_str(&frame, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
+    free_table(&factory);
+
+    print_head(status, "text/html");
+    print_template("frame-top", &frame);
+    print_template(page, fields);
+    print_template("frame-bottom", &frame);
+}
+
+void print_json_head(void) { print_head("200 OK", "application/json"); }
+
+void print_redirect(const char *path) {
+    printf("Status: 303 See Other\r\nLocation: %s\r\nCache-Control: no-store\r\n\r\n", path);
+}

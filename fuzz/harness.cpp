@@ -1,0 +1,290 @@
+// SPDX-License-Identifier: MIT
+#include "fuzz/harness.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sanitizer/allocator_interface.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <utility>
+
+/** A text without its terminator is caught wherever a text function meets it. A small quarantine
+ *  keeps the blocks in the cache: use after free shows within one input. */
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the runtime calls it by this name
+extern "C" const char *__asan_default_options() {
+    return "strict_string_checks=1:quarantine_size_mb=16:malloc_context_size=8";
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the runtime calls it by this name
+extern "C" const char *__ubsan_default_options() { return "print_stacktrace=1"; }
+
+namespace corvel_fuzz {
+namespace {
+
+constexpr std::size_t longest_shown = 2000;
+constexpr char run_mark = '\x1b';
+constexpr std::size_t longest_piece = 1023;
+constexpr std::size_t stack_reach = 96UL * 1024;
+constexpr std::size_t largest_littered_block = 64UL * 1024;
+
+// Read by the allocator's hook. Below zero: blocks stay as the allocator hands them out.
+int litter = -1;
+
+void show(const char *label, std::string_view text) {
+    std::fprintf(stderr, "%s (%zu bytes): ", label, text.size());
+    for (const char c : text.substr(0, longest_shown)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte > 0x7e || byte == '\\')
+            std::fprintf(stderr, "\\x%02x", byte);
+        else
+            std::fputc(byte, stderr);
+    }
+    std::fputs(text.size() > longest_shown ? "...\n" : "\n", stderr);
+}
+
+void require(bool done, const char *what) {
+    if (done)
+        return;
+    std::perror(what);
+    std::abort();
+}
+
+std::string spelt_out(std::string_view packed) {
+    std::string text;
+    for (std::size_t i = 0; i < packed.size(); ++i) {
+        if (packed[i] == run_mark && i + 2 < packed.size()) {
+            text.append(run_length(static_cast<unsigned char>(packed[i + 1])), packed[i + 2]);
+            i += 2;
+        } else {
+            text += packed[i];
+        }
+    }
+    return text;
+}
+
+void write_whole(int descriptor, std::string_view bytes) {
+    require(ftruncate(descriptor, 0) == 0, "ftruncate");
+    require(pwrite(descriptor, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+            "pwrite");
+}
+
+std::string read_whole(int descriptor) {
+    const off_t size = lseek(descriptor, 0, SEEK_END);
+    require(size >= 0, "lseek");
+    std::string bytes(static_cast<std::size_t>(size), '\0');
+    require(pread(descriptor, bytes.data(), bytes.size(), 0) == size, "pread");
+    return bytes;
+}
+
+void litter_block(const volatile void *block, std::size_t size) {
+    if (litter >= 0 && size <= largest_littered_block)
+        std::memset(const_cast<void *>(block), litter, size);
+}
+
+void ignore_release(const volatile void *) {}
+
+__attribute__((noinline)) void litter_stack(unsigned char byte) {
+    std::array<char, stack_reach> dirt;
+    std::memset(dirt.data(), byte, dirt.size());
+    __asm__ volatile("" : : "r"(dirt.data()) : "memory"); // the bytes count as used
+}
+
+/** The file behind standard output from the first capture on. */
+MemoryFile &captured() {
+    static MemoryFile file;
+    static const bool attached = [] {
+        std::fflush(stdout);
+        // Every write goes to the end, wherever an earlier capture left the position.
+        require(fcntl(file.descriptor(), F_SETFL, O_APPEND) == 0, "fcntl");
+        return dup2(file.descriptor(), STDOUT_FILENO) == STDOUT_FILENO;
+    }();
+    require(attached, "dup2");
+    return file;
+}
+
+bool is_white(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+} // namespace
+
+void fail(const char *relation, const char *file, int line) {
+    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, relation);
+    std::abort();
+}
+
+void check_equal(std::string_view got, std::string_view expected, const char *relation,
+                 const char *file, int line) {
+    if (got == expected)
+        return;
+    show("expected", expected);
+    show("got     ", got);
+    fail(relation, file, line);
+}
+
+void check_equal(long long got, long long expected, const char *relation, const char *file,
+                 int line) {
+    if (got == expected)
+        return;
+    std::fprintf(stderr, "expected %lld, got %lld\n", expected, got);
+    fail(relation, file, line);
+}
+
+Input::Input(const std::uint8_t *data, std::size_t size)
+    : left_(reinterpret_cast<const char *>(data), size) {}
+
+unsigned char Input::byte() {
+    if (left_.empty())
+        return 0;
+    const auto first = static_cast<unsigned char>(left_.front());
+    left_.remove_prefix(1);
+    return first;
+}
+
+std::string Input::text() {
+    const std::string_view packed = as_text(left_);
+    left_.remove_prefix(std::min(packed.size() + 1, left_.size()));
+    return std::string(as_text(spelt_out(packed)));
+}
+
+std::string Input::rest() { return spelt_out(std::exchange(left_, {})); }
+
+std::size_t run_length(unsigned char byte) { return byte < 128 ? byte : (byte - 127U) * 32U; }
+
+std::unique_ptr<char[]> exact_copy(std::string_view text) {
+    return padded_copy(text, text.size() + 1);
+}
+
+std::unique_ptr<char[]> padded_copy(std::string_view text, std::size_t size) {
+    auto copy = std::make_unique<char[]>(std::max(size, text.size() + 1));
+    std::copy(text.begin(), text.end(), copy.get());
+    return copy;
+}
+
+std::string_view as_text(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
+
+std::string without_quotes(std::string_view text) {
+    if (text.size() == 1)
+        return std::string(text == "\"" ? "" : text);
+    if (text.starts_with('"'))
+        text.remove_prefix(1);
+    if (text.ends_with('"'))
+        text.remove_suffix(1);
+    return std::string(text);
+}
+
+std::string_view cut(std::string_view text, std::size_t size) { return text.substr(0, size); }
+
+int decimal_value(std::string_view text) {
+    while (!text.empty() && is_white(text.front()))
+        text.remove_prefix(1);
+    const bool negative = text.starts_with('-');
+    if (negative || text.starts_with('+'))
+        text.remove_prefix(1);
+    long long value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9')
+            break;
+        value = std::min<long long>(value * 10 + (c - '0'), INT_MAX + 1LL);
+    }
+    return static_cast<int>(negative ? -value : std::min<long long>(value, INT_MAX));
+}
+
+std::vector<Piece> pieces_of(std::string_view file) {
+    std::vector<Piece> pieces;
+    while (!file.empty()) {
+        const std::string_view window = cut(file, longest_piece);
+        const std::size_t line_end = window.find('\n');
+        const std::size_t size = line_end == std::string_view::npos ? window.size() : line_end + 1;
+        // A read that is satisfied before it meets the end of the file doesn't see it.
+        const bool at_end = line_end == std::string_view::npos && size < longest_piece;
+        pieces.push_back({std::string(window.substr(0, size)), at_end});
+        file.remove_prefix(size);
+    }
+    return pieces;
+}
+
+MemoryFile::MemoryFile()
+    : descriptor_(memfd_create("corvel-fuzz", 0)),
+      path_("/proc/self/fd/" + std::to_string(descriptor_)) {
+    require(descriptor_ >= 0, "memfd_create");
+}
+
+MemoryFile::~MemoryFile() { close(descriptor_); }
+
+void MemoryFile::fill(std::string_view bytes) const { write_whole(descriptor_, bytes); }
+
+std::string MemoryFile::content() const { return read_whole(descriptor_); }
+
+const std::string &scratch_folder() {
+    struct Folder {
+        std::string path = (std::filesystem::temp_directory_path() / "corvel-fuzz-XXXXXX").string();
+        Folder() { require(mkdtemp(path.data()) != nullptr, "mkdtemp"); }
+        Folder(const Folder &) = delete;
+        Folder &operator=(const Folder &) = delete;
+        ~Folder() {
+            std::error_code ignored;
+            std::filesystem::remove_all(path, ignored);
+        }
+    };
+    static const Folder folder;
+    return folder.path;
+}
+
+std::string read_file(const std::string &path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    require(descriptor >= 0, path.c_str());
+    std::string bytes = read_whole(descriptor);
+    close(descriptor);
+    return bytes;
+}
+
+void write_file(const std::string &path, std::string_view bytes) {
+    const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    require(descriptor >= 0, path.c_str());
+    write_whole(descriptor, bytes);
+    close(descriptor);
+}
+
+void begin_capture() {
+    const MemoryFile &file = captured();
+    std::fflush(stdout);
+    require(ftruncate(file.descriptor(), 0) == 0, "ftruncate");
+}
+
+std::string end_capture() {
+    require(std::fflush(stdout) == 0, "fflush");
+    return captured().content();
+}
+
+void feed_standard_input(std::string_view bytes) {
+    static const MemoryFile file;
+    file.fill(bytes);
+    require(std::freopen(file.path(), "r", stdin) != nullptr, "freopen");
+}
+
+Environment::Environment(std::vector<std::string> entries)
+    : entries_(std::move(entries)), before_(environ) {
+    for (std::string &entry : entries_)
+        pointers_.push_back(entry.data());
+    pointers_.push_back(nullptr);
+    environ = pointers_.data();
+}
+
+Environment::~Environment() { environ = before_; }
+
+void litter_memory(unsigned char byte) {
+    static const int hooked =
+        __sanitizer_install_malloc_and_free_hooks(litter_block, ignore_release);
+    require(hooked > 0, "no room for another allocation hook");
+    litter_stack(byte);
+    litter = byte;
+}
+
+void leave_memory_alone() { litter = -1; }
+
+} // namespace corvel_fuzz

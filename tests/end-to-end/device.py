@@ -1,0 +1,291 @@
+"""Starts and stops the demo, and talks to its pages the way a browser does."""
+
+import contextlib
+import html.parser
+import http.client
+import json
+import os
+import pathlib
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import urllib.parse
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+BUILD = SOURCE / "build" / "demo"
+NETWORK = "/cgi-bin/network"
+DEVICE = "/cgi-bin/device"
+
+_running = set()
+
+
+def wait_until(condition, seconds=10):
+    """Waits for a condition; gives back whether it came to hold."""
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+def free_port():
+    with socket.socket() as listener:
+        listener.bind(("127.0.0.1", 0))
+        return listener.getsockname()[1]
+
+
+def build():
+    """Builds the demo by starting it once, as its user does."""
+    with Demo(no_build=False):
+        pass
+
+
+def stop_all():
+    for demo in list(_running):
+        demo.stop()
+
+
+def process_namespace(pid):
+    try:
+        return os.readlink(f"/proc/{pid}/ns/pid")
+    except OSError:
+        return None
+
+
+def processes():
+    return [int(name) for name in os.listdir("/proc") if name.isdigit()]
+
+
+def descendants(pid):
+    parents = {}
+    for each in processes():
+        with contextlib.suppress(OSError):
+            fields = pathlib.Path(f"/proc/{each}/stat").read_text().rpartition(")")[2].split()
+            parents.setdefault(int(fields[1]), []).append(each)
+    found = []
+    left = [pid]
+    while left:
+        children = parents.get(left.pop(), [])
+        found += children
+        left += children
+    return found
+
+
+class Demo:
+    """A running demo with a state folder of its own."""
+
+    def __init__(self, *arguments, state=None, no_build=True, script=SOURCE / "demo" / "run",
+                 build_folder=None, command=()):
+        self.own_folder = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
+        self.state = state or self.own_folder / "state"
+        self.port = free_port()
+        self.output = ""
+        _running.add(self)
+        command = [*command, script, "--port", str(self.port), "--state", self.state,
+                   "--build", build_folder or BUILD, *(["--no-build"] if no_build else []),
+                   *arguments]
+        self.process = subprocess.Popen(
+            [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, start_new_session=True)
+        self.namespaces = set()
+        self.members = []
+        if not self._wait_for_url():
+            self.stop()
+            raise RuntimeError(f"the demo did not start:\n{self.output}")
+        self.members = descendants(self.process.pid)
+        own = process_namespace("self")
+        self.namespaces = {process_namespace(pid) for pid in self.members} - {own, None}
+
+    def _wait_for_url(self):
+        end = time.monotonic() + 300
+        with_output = self.process.stdout.fileno()
+        while time.monotonic() < end:
+            if select.select([with_output], [], [], 0.5)[0]:
+                piece = os.read(with_output, 4096)
+                if not piece:
+                    self.process.wait(10)
+                    return False
+                self.output += piece.decode()
+                if re.search(r"^Serving http://127\.0\.0\.1:\d+/", self.output, re.M):
+                    return True
+        return False
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def stop(self, with_signal=signal.SIGTERM):
+        """Stops the demo; gives back its exit status."""
+        if self in _running:
+            _running.discard(self)
+            if self.process.poll() is None:
+                self.process.send_signal(with_signal)
+            try:
+                self.process.wait(15)
+            except subprocess.TimeoutExpired:
+                os.killpg(self.process.pid, signal.SIGKILL)
+                self.process.wait()
+            self.process.stdout.close()
+            if self.own_folder:
+                shutil.rmtree(self.own_folder, ignore_errors=True)
+        return self.process.returncode
+
+    def remaining_processes(self):
+        """The processes of the device and of the script that are still there."""
+        left = [pid for pid in self.members if process_namespace(pid)]
+        return left + [pid for pid in processes() if process_namespace(pid) in self.namespaces]
+
+    # Files of the device.
+
+    def file(self, name):
+        return self.state / "config" / name
+
+    def files(self):
+        return {path.name: path.read_bytes() for path in (self.state / "config").iterdir()
+                if path.suffix == ".conf"}
+
+    def setting(self, name, file, separator="="):
+        """The raw value of a line, as it stands in the file; None if there is no such line."""
+        for line in self.file(file).read_bytes().decode("utf-8", "surrogateescape").split("\n"):
+            key, found, value = line.partition(separator)
+            if found and key == name:
+                return value
+        return None
+
+    def applied(self):
+        """What the configuration client has written down."""
+        path = self.state / "var" / "log" / "applied.conf"
+        return dict(line.split(" ", 1) for line in path.read_text().splitlines())
+
+    def crashes(self):
+        """Lines of the server's log about programs that died, or complained of themselves."""
+        log = self.state / "var" / "log" / "lighttpd.log"
+        return [line for line in log.read_text(errors="replace").splitlines()
+                if re.search(r"died|signal|Sanitizer|runtime error", line)]
+
+    # Requests.
+
+    def request(self, method, path, body=None, headers=None, timeout=20):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
+        try:
+            connection.request(method, path, body, headers or {})
+            response = connection.getresponse()
+            return Response(response, response.read())
+        finally:
+            connection.close()
+
+    def get(self, path, **headers):
+        return self.request("GET", path, headers=headers)
+
+    def post(self, path, fields, headers=None):
+        body = fields if isinstance(fields, (bytes, str)) else urllib.parse.urlencode(fields)
+        return self.request("POST", path, body, {
+            "Content-Type": "application/x-www-form-urlencoded",
+            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})})
+
+    def page(self, path):
+        return Page(self.get(path).text)
+
+    def json(self, path, section="settings"):
+        return json.loads(self.get(path + "?Ajax=1").body)[section][0]
+
+    def raw(self, data, seconds=20, half_close=False):
+        """Sends bytes and gives back all that comes until the server closes the connection."""
+        with socket.create_connection(("127.0.0.1", self.port), timeout=seconds) as connection:
+            connection.sendall(data)
+            if half_close:
+                connection.shutdown(socket.SHUT_WR)
+            answer = b""
+            with contextlib.suppress(ConnectionResetError):
+                while piece := connection.recv(65536):
+                    answer += piece
+            return answer
+
+
+class Response:
+    def __init__(self, response, body):
+        self.status = response.status
+        self.headers = response.headers
+        self.body = body
+
+    @property
+    def text(self):
+        return self.body.decode()
+
+
+class Page(html.parser.HTMLParser):
+    """A page's form as a browser sees it."""
+
+    def __init__(self, text):
+        super().__init__()
+        self.text = text
+        self.fields = []    # what a browser would send, in order
+        self.shown = {}     # name: what the control shows
+        self.errors = {}    # name: what is wrong with it
+        self.labels = set()
+        self.ids = []
+        self.controls = []  # ids of what a user fills in
+        self.links = []
+        self.message = ""
+        self._select = None
+        self._into = None
+        self.feed(text)
+
+    def handle_starttag(self, tag, attributes):
+        found = dict(attributes)
+        if "id" in found:
+            self.ids.append(found["id"])
+        self.links += [found[name] for name in ("href", "src", "action") if name in found]
+        if tag == "label":
+            self.labels.add(found["for"])
+        elif tag == "input":
+            self._input(found)
+        elif tag == "select":
+            self._select = found["name"]
+            self.controls.append(found["id"])
+        elif tag == "option" and "selected" in found:
+            self._show(self._select, found["value"])
+        elif tag == "p" and "error" in found.get("class", "").split():
+            self._into = found.get("id", "error-").removeprefix("error-")
+        elif tag == "p" and "message" in found.get("class", "").split():
+            self._into = "message"
+
+    def _input(self, found):
+        kind = found.get("type", "text")
+        if kind != "hidden":
+            self.controls.append(found["id"])
+        if kind == "checkbox":
+            self.shown[found["name"]] = "1" if "checked" in found else "0"
+            if "checked" in found:
+                self.fields.append((found["name"], found["value"]))
+        elif kind == "hidden":
+            self.fields.append((found["name"], found["value"]))
+        else:
+            self._show(found["name"], found["value"])
+
+    def _show(self, name, value):
+        self.shown[name] = value
+        self.fields.append((name, value))
+
+    def handle_data(self, data):
+        if self._into == "message":
+            self.message += data
+        elif self._into:
+            self.errors[self._into] = self.errors.get(self._into, "") + data
+
+    def handle_endtag(self, tag):
+        if tag == "p":
+            self._into = None
+
+
+def escaped(value):
+    """A value as it stands between the quotes of a settings file."""
+    return re.sub(r'(["\\$`])', r"\\\1", value)

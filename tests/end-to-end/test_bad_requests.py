@@ -1,0 +1,201 @@
+"""Whatever comes in, the answer is a sensible one, and the files stay whole."""
+
+import random
+import time
+import unittest
+import urllib.parse
+
+from device import DEVICE, NETWORK, Demo
+
+FORM = "application/x-www-form-urlencoded"
+
+
+class BadRequests(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = Demo()
+        cls.addClassCleanup(cls.demo.stop)
+        cls.factory = cls.demo.files()
+
+    def setUp(self):
+        for name, content in self.factory.items():
+            self.demo.file(name).write_bytes(content)
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def assert_untouched(self):
+        self.assertEqual(self.demo.files(), self.factory)
+        self.assertEqual(self.demo.get(NETWORK).status, 200)
+
+    def raw_post(self, headers, body=b"", **options):
+        head = f"POST {NETWORK} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n{headers}\r\n"
+        answer = self.demo.raw(head.encode() + body, **options)
+        return int(answer.split()[1]) if answer else None
+
+    def test_other_methods_are_refused(self):
+        for method in ("PUT", "DELETE", "PATCH", "TRACE", "CONNECT", "MKCOL", "get", "post", "FOO"):
+            for body in (None, b"WLAN_SSID=x"):
+                response = self.demo.request(method, NETWORK, body, {"Content-Type": FORM})
+                self.assertIn(response.status, (400, 405, 501), method)
+        self.assertIn(self.demo.request("OPTIONS", NETWORK).status, (200, 405))
+        self.assert_untouched()
+
+    def test_a_form_of_another_type_is_refused(self):
+        for kind in ("multipart/form-data; boundary=x", "text/plain", "application/json", ""):
+            response = self.demo.post(NETWORK, "WLAN_SSID=x", {"Content-Type": kind})
+            self.assertEqual(response.status, 415, kind)
+        self.assert_untouched()
+
+    def test_a_charset_behind_the_type_is_fine(self):
+        response = self.demo.post(NETWORK, "WLAN_SSID=x", {"Content-Type": FORM + "; charset=UTF-8"})
+        self.assertEqual(response.status, 303)
+
+    def test_forms_of_other_sites_are_refused(self):
+        own = f"127.0.0.1:{self.demo.port}"
+        for headers in ({"Origin": "http://evil.example"}, {"Origin": "null"},
+                        {"Origin": f"http://{own}0"}, {"Origin": f"http://{own}.evil.example"},
+                        {"Origin": f"http://evil.example/http://{own}"}, {"Origin": own},
+                        {"Origin": "http://127.0.0.1"}):
+            self.assertEqual(self.demo.post(NETWORK, "WLAN_SSID=x", headers).status, 403, headers)
+        for referer in ("http://evil.example/", f"http://evil.example/?http://{own}/",
+                        f"http://{own}@evil.example/"):
+            response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
+                "Content-Type": FORM, "Referer": referer})
+            self.assertEqual(response.status, 403, referer)
+        self.assert_untouched()
+
+    def test_forms_of_this_site_and_of_programs_are_taken(self):
+        own = f"http://127.0.0.1:{self.demo.port}"
+        for headers in ({}, {"Origin": own}, {"Referer": own + NETWORK}, {"Referer": own}):
+            response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
+                "Content-Type": FORM, **headers})
+            self.assertEqual(response.status, 303, headers)
+
+    def test_a_foreign_host_is_refused(self):
+        for host in ("evil.example", "evil.example:80", "127.0.0.1.evil.example", "10.0.0.1"):
+            self.assertEqual(self.demo.get(NETWORK, Host=host).status, 403, host)
+            response = self.demo.post(NETWORK, "WLAN_SSID=x", {
+                "Host": host, "Origin": f"http://{host}"})
+            self.assertEqual(response.status, 403, host)
+        self.assert_untouched()
+
+    def test_bodies_that_are_too_large_are_refused(self):
+        for size in (65537, 100_000, 5_000_000):
+            body = "WLAN_SSID=x&filler=" + "x" * (size - 19)
+            try:
+                self.assertEqual(self.demo.post(NETWORK, body).status, 413, size)
+            except (BrokenPipeError, ConnectionResetError):
+                pass  # the server has closed the connection before all was sent
+        for length in ("99999999999", "9223372036854775807"):
+            self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n"),
+                             413)
+        self.assert_untouched()
+
+    def test_the_largest_body_is_taken(self):
+        ending = "&WLAN_SSID=Full"
+        body = "a=&" * 21000 + "a="
+        body += "z" * (65536 - len(body) - len(ending)) + ending
+        self.assertEqual(len(body), 65536)
+        self.assertEqual(self.demo.post(NETWORK, body).status, 303)
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "Full")
+
+    def test_thousands_of_fields(self):
+        for count in (2047, 2048, 2049, 10000, 21000):
+            body = "=&" * count + f"WLAN_SSID={count}&" + "a=&" * 100
+            self.assertEqual(self.demo.post(NETWORK, body).status, 303, count)
+            self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], str(count))
+        body = "&".join(f"WLAN_SSID={i}" for i in range(4000))
+        self.assertEqual(self.demo.post(NETWORK, body).status, 303)
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "0", "the first one counts")
+        self.assertEqual(self.demo.post(DEVICE, "=&" * 32768).status, 400)
+
+    def test_long_queries(self):
+        for query in ("=&" * 2048 + "Ajax=1", "=&" * 2047 + "Ajax=1", "a&" * 2000, "Ajax=" + "9" * 3000,
+                      "Ajax", "Ajax=", "Ajax=1%", "Ajax=%", "Ajax=-1", "%", "&", "=",
+                      "Ajax=99999999999999999999"):
+            response = self.demo.get(f"{NETWORK}?{query}")
+            self.assertEqual(response.status, 200, query[:30])
+            self.assertTrue(response.text.endswith(("</html>\n", "}\n")), query[:30])
+        self.assertIn(self.demo.get(f"{NETWORK}?Ajax=%00").status, (200, 400))
+        for length in (10_000, 100_000):
+            status = self.demo.get(f"{NETWORK}?" + "x" * length).status
+            self.assertIn(status, (200, 400, 414, 431))
+
+    def test_a_post_without_known_settings_is_refused(self):
+        for body in ("", "a=b", "WLAN_SSID", "=", "&", "wlan_ssid=x", "=WLAN_SSID=x", "&WLAN_SSID=x",
+                     "WLAN_SSID%3Dx"):
+            # A last word without `=` is a field with an empty value, and no network has an empty name.
+            expected = 422 if body == "WLAN_SSID" else 400
+            self.assertEqual(self.demo.post(NETWORK, body).status, expected, body)
+        self.assert_untouched()
+
+    def test_a_post_without_a_length(self):
+        self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\n"), 411)
+        for length in ("-1", "x", "1x", "", "0x10", "+5"):
+            status = self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n")
+            self.assertIn(status, (400, 411, 413), length)
+        self.assert_untouched()
+
+    def test_a_body_in_chunks(self):
+        chunks = b"5\r\nWLAN_\r\n8\r\nSSID=abc\r\n0\r\n\r\n"
+        headers = f"Content-Type: {FORM}\r\nTransfer-Encoding: chunked\r\n"
+        self.assertEqual(self.raw_post(headers, chunks), 303)
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "abc")
+        self.assertIn(self.raw_post(headers, b"zz\r\nWLAN_SSID=x"), (400, None))
+
+    def test_a_short_body_ends_without_a_save(self):
+        headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
+        for body in (b"", b"WLAN_SSID=short"):
+            self.assertIn(self.raw_post(headers, body, half_close=True), (None, 400, 408))
+        self.assert_untouched()
+
+    def test_a_client_that_stops_sending_is_not_waited_for_long(self):
+        start = time.monotonic()
+        headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
+        self.assertIn(self.raw_post(headers, b"WLAN_SSID=slow", seconds=30), (None, 400, 408))
+        self.assertLess(time.monotonic() - start, 25)
+        self.assert_untouched()
+
+    def test_more_body_than_announced(self):
+        headers = f"Content-Type: {FORM}\r\nContent-Length: 11\r\n"
+        self.assertEqual(self.raw_post(headers, b"WLAN_SSID=abGARBAGE"), 303)
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "a")
+
+    def test_garbage_bodies(self):
+        chance = random.Random(1)
+        for _ in range(150):
+            body = chance.randbytes(chance.choice((1, 2, 10, 300, 5000)))
+            self.assertIn(self.demo.post(chance.choice((NETWORK, DEVICE)), body).status, (400, 422))
+        self.assert_untouched()
+
+    def test_damaged_forms(self):
+        chance = random.Random(2)
+        good = urllib.parse.urlencode(self.demo.page(NETWORK).fields).encode()
+        for _ in range(300):
+            body = bytearray(good)
+            for _ in range(chance.randint(1, 6)):
+                at = chance.randrange(len(body))
+                if chance.random() < 0.5:
+                    body[at] = chance.choice(b"%&=+\"\\$`\x00\xff\n0aZ")
+                else:
+                    del body[at:at + chance.randint(1, 20)]
+            self.assertIn(self.demo.post(NETWORK, bytes(body)).status, (303, 400, 422), bytes(body))
+        for name, content in self.demo.files().items():
+            old = self.factory[name].splitlines()
+            new = content.splitlines()
+            self.assertTrue(content.endswith(b"\n"))
+            self.assertEqual([line.replace(b"=", b" ").split()[0] for line in new],
+                             [line.replace(b"=", b" ").split()[0] for line in old])
+        self.assertEqual(self.demo.get(NETWORK).status, 200)
+
+    def test_bad_percent_signs_do_no_harm(self):
+        for body, value in (("WLAN_SSID=100%", "100%"), ("WLAN_SSID=a%4", "a%4"),
+                            ("WLAN_SSID=ab%00cd", "ab"), ("WLAN_SSID=%41%", "A%")):
+            self.assertEqual(self.demo.post(NETWORK, body).status, 303, body)
+            self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], value)
+
+    def test_a_value_that_the_decoder_cuts_is_refused_and_not_saved_cut(self):
+        for value in ("%41" * 81, "%41" * 85, "%41" * 86, "a" * 254 + "%4", "%E6%97%A5" * 40):
+            self.assertEqual(self.demo.post(DEVICE, "DESCRIPTION=" + value).status, 422, value)
+        self.assert_untouched()

@@ -1,0 +1,133 @@
+"""Fifty clients at once, saving and reading: no error, no lost setting, no torn file."""
+
+import concurrent.futures
+import itertools
+import re
+import threading
+import time
+import unittest
+
+from device import DEVICE, NETWORK, Demo, escaped, wait_until
+
+CLIENTS = 50
+REQUESTS = 60  # of each client: 3,000 in all
+WHOLE_LINE = re.compile(rb'(#.*|[A-Z_]+[= ]"([^"\\]|\\.)*")')
+
+# Settings that one client alone changes, each in turn through these values, which fit each other.
+OWNED = {
+    "LAN_ADDRESS": (NETWORK, [f"192.168.1.{i}" for i in range(2, 90)]),
+    "DHCP_ENABLED": (NETWORK, ["0", "1"]),
+    "DHCP_FIRST": (NETWORK, [f"192.168.1.{i}" for i in range(100, 140)]),
+    "DHCP_LAST": (NETWORK, [f"192.168.1.{i}" for i in range(150, 250)]),
+    "DHCP_LEASE": (NETWORK, [str(i) for i in range(1, 169)]),
+    "DOMAIN": (NETWORK, [f"zone{i}.lan" for i in range(100)]),
+    "WLAN_ENABLED": (NETWORK, ["0", "1"]),
+    "WLAN_HIDDEN": (NETWORK, ["1", "0"]),
+    "WLAN_CHANNEL": (NETWORK, [str(i) for i in range(14)]),
+    "COUNTRY": (NETWORK, ["AU", "JP", "GB"]),
+    "HOST_NAME": (DEVICE, [f"host-{i}" for i in range(100)]),
+}
+
+
+class ClientsAtOnce(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = Demo()
+        cls.addClassCleanup(cls.demo.stop)
+        cls.names = {name: [re.split(rb"[= ]", line)[0] for line in content.splitlines()]
+                     for name, content in cls.demo.files().items()}
+
+    def expect(self, holds, what):
+        if not holds:
+            raise AssertionError(what)
+
+    def owner(self, name):
+        """Saves its own setting and sees that it stays what it saved last."""
+        path, values = OWNED[name]
+        for value in itertools.islice(itertools.cycle(values), REQUESTS // 2):
+            response = self.demo.post(path, {name: value})
+            self.expect(response.status == 303, (name, value, response.status))
+            shown = self.demo.json(path)[name]
+            self.expect(shown == value, f"lost: {name} is {shown}, saved was {value}")
+        return {name: value}
+
+    def pair_writer(self, path, first, second, tag):
+        """Saves the same text in two settings, and sees that they are always the same."""
+        for i in range(REQUESTS // 2):
+            text = f'client "{tag}" \\{i}$'
+            response = self.demo.post(path, {first: text, second: text})
+            self.expect(response.status == 303, response.status)
+            self.check_pair(self.demo.json(path), first, second)
+        return {}
+
+    def check_pair(self, settings, first, second):
+        self.expect(settings[first] == settings[second], (settings[first], settings[second]))
+
+    def reader(self, tag):
+        for i in range(REQUESTS):
+            path, first, second = ((NETWORK, "WLAN_SSID", "WLAN_PASSPHRASE"),
+                                   (DEVICE, "DESCRIPTION", "CONTACT"))[(tag + i) % 2]
+            settings = self.demo.json(path) if i % 4 < 2 else self.demo.page(path).shown
+            self.check_pair(settings, first, second)
+            self.expect(all(settings.values()), f"an empty setting: {settings}")
+        return {}
+
+    def watch_files(self, finished):
+        """Looks at the files themselves, without a lock: whole or, for a moment, not there."""
+        looks = 0
+        while not finished.is_set():
+            for name, lines in self.names.items():
+                try:
+                    content = self.demo.file(name).read_bytes()
+                except FileNotFoundError:
+                    continue
+                self.check_whole(content, lines)
+                looks += 1
+            time.sleep(0.002)
+        return looks
+
+    def check_whole(self, content, names):
+        lines = content.splitlines()
+        self.expect(content.endswith(b"\n"), content)
+        self.expect(all(WHOLE_LINE.fullmatch(line) for line in lines), content)
+        self.expect([re.split(rb"[= ]", line)[0] for line in lines] == names, content)
+
+    def test_fifty_clients(self):
+        same = "client at first"
+        self.demo.post(NETWORK, {"WLAN_SSID": same, "WLAN_PASSPHRASE": same})
+        self.demo.post(DEVICE, {"DESCRIPTION": same, "CONTACT": same})
+
+        finished = threading.Event()
+        start = time.monotonic()
+        with concurrent.futures.ThreadPoolExecutor(CLIENTS + 1) as pool:
+            watching = pool.submit(self.watch_files, finished)
+            clients = [pool.submit(self.owner, name) for name in OWNED]
+            for tag in range(10):
+                clients.append(pool.submit(
+                    self.pair_writer, NETWORK, "WLAN_SSID", "WLAN_PASSPHRASE", tag))
+                clients.append(pool.submit(self.pair_writer, DEVICE, "DESCRIPTION", "CONTACT", tag))
+            while len(clients) < CLIENTS:
+                clients.append(pool.submit(self.reader, len(clients)))
+            concurrent.futures.wait(clients)
+            seconds = time.monotonic() - start
+            finished.set()
+            looks = watching.result()
+        last = {}
+        for client in clients:
+            last.update(client.result())
+        print(f"{CLIENTS * REQUESTS} requests in {seconds:.1f} s, {looks} looks at files ...",
+              end=" ", flush=True)
+
+        self.assertEqual(self.demo.crashes(), [])
+        self.assertEqual(set(last), set(OWNED))
+        self.assertGreater(looks, 100)
+        for name, value in last.items():
+            file = next(file for file, names in self.names.items() if name.encode() in names)
+            separator = " " if file == "global.conf" else "="
+            self.assertEqual(self.demo.setting(name, file, separator), f'"{escaped(value)}"')
+        for name, content in self.demo.files().items():
+            self.check_whole(content, self.names[name])
+        self.assertEqual(list((self.demo.state / "config").glob("*.cgi")), [])
+        self.assertTrue(wait_until(
+            lambda: self.demo.applied()["LAN"] == f"{last['LAN_ADDRESS']} 255.255.255.0"),
+            "the configuration client has not applied the last change")

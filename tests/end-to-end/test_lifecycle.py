@@ -1,0 +1,147 @@
+"""Starting, stopping, and what stays behind: the settings, and nothing else."""
+
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import unittest
+
+import device
+from device import DEVICE, NETWORK, SOURCE, Demo, wait_until
+
+NOBODY = 65534
+
+
+class Lifecycle(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.state = self.folder / "state"
+
+    def run_script(self, *arguments, script=SOURCE / "demo" / "run"):
+        return subprocess.run([script, "--no-build", "--build", device.BUILD, "--state", self.state,
+                               *arguments], capture_output=True, text=True, timeout=60)
+
+    def test_settings_survive_a_restart_and_a_reset_undoes_them(self):
+        with Demo(state=self.state) as demo:
+            factory = demo.files()
+            self.assertEqual(demo.post(NETWORK, {"WLAN_SSID": "Kept"}).status, 303)
+            self.assertEqual(demo.post(DEVICE, {"CONTACT": "Kept, too"}).status, 303)
+            saved = demo.files()
+        with Demo(state=self.state) as demo:
+            self.assertEqual(demo.files(), saved)
+            self.assertEqual(demo.json(NETWORK)["WLAN_SSID"], "Kept")
+            self.assertEqual(demo.page(DEVICE).shown["CONTACT"], "Kept, too")
+        with Demo("--reset", state=self.state) as demo:
+            self.assertEqual(demo.files(), factory)
+            self.assertEqual(demo.applied()["RUNS"], "1")
+
+    def test_two_demos_do_not_meet(self):
+        with Demo() as one, Demo() as other:
+            one.post(NETWORK, {"WLAN_SSID": "One"})
+            self.assertEqual(one.json(NETWORK)["WLAN_SSID"], "One")
+            self.assertEqual(other.json(NETWORK)["WLAN_SSID"], "Corvel Home")
+
+    def test_nothing_is_left_behind_however_it_ends(self):
+        for end in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL):
+            with self.subTest(end.name):
+                demo = Demo(state=self.state)
+                self.assertEqual(len(demo.namespaces), 1)
+                self.assertGreaterEqual(len(demo.members), 3)
+                self.assertTrue(demo.remaining_processes())
+                demo.post(NETWORK, {"WLAN_SSID": end.name})
+                status = demo.stop(end)
+                if end != signal.SIGKILL:
+                    self.assertEqual(status, 128 + end)
+                    self.assertEqual(demo.remaining_processes(), [])
+                self.assertTrue(wait_until(lambda: not demo.remaining_processes(), 5))
+                with socket.socket() as port:
+                    self.assertNotEqual(port.connect_ex(("127.0.0.1", demo.port)), 0)
+
+    def test_the_machines_own_folders_are_not_seen(self):
+        with Demo() as demo:
+            inside = next(pid for pid in demo.members
+                          if pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().startswith(
+                              b"/usr/sbin/lighttpd"))
+            root = pathlib.Path(f"/proc/{inside}/root")
+            self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
+                             ["configclient", "init"])
+            self.assertFalse((root / "etc" / "shadow").exists())
+            self.assertFalse((root / "home").exists() or (root / "root").exists())
+            for folder in ("usr", "etc", "www", "sbin", "opt"):
+                self.assertTrue(os.statvfs(root / folder).f_flag & os.ST_RDONLY, folder)
+
+    def test_a_save_that_was_cut_off_is_completed_at_the_start(self):
+        Demo(state=self.state).stop()
+        config = self.state / "config"
+        whole = (config / "lan.conf").read_bytes()
+        wireless = (config / "wireless.conf").read_bytes()
+        (config / "lan.conf").rename(config / "lan.conf.cgi")
+        (config / "wireless.conf.cgi").write_bytes(wireless[:20])
+        with Demo(state=self.state) as demo:
+            self.assertEqual(demo.file("lan.conf").read_bytes(), whole)
+            self.assertEqual(demo.file("wireless.conf").read_bytes(), wireless)
+            self.assertEqual(list(config.glob("*.cgi")), [])
+            self.assertEqual(demo.json(NETWORK)["LAN_ADDRESS"], "192.168.1.1")
+
+    def test_a_port_in_use_is_said(self):
+        with socket.socket() as other:
+            other.bind(("127.0.0.1", 0))
+            other.listen()
+            port = other.getsockname()[1]
+            result = self.run_script("--port", str(port))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(f"port {port} is in use", result.stderr)
+
+    def test_a_folder_of_something_else_is_left_alone(self):
+        (self.state / "var").mkdir(parents=True)
+        (self.state / "var" / "precious").touch()
+        result = self.run_script("--reset", "--port", str(device.free_port()))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("holds other things", result.stderr)
+        self.assertEqual([path.name for path in self.state.iterdir()], ["var"])
+        self.assertTrue((self.state / "var" / "precious").exists())
+
+    def test_two_devices_do_not_share_a_state(self):
+        with Demo(state=self.state):
+            result = self.run_script("--port", str(device.free_port()))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("in use by another demo", result.stderr)
+
+    def test_wrong_arguments_are_said(self):
+        for arguments, text in ((("--port", "x"), "not a port"), (("--port", "70000"), "not a port"),
+                                (("--port",), "needs a value"), (("--what",), "Usage")):
+            result = self.run_script(*arguments)
+            self.assertNotEqual(result.returncode, 0, arguments)
+            self.assertIn(text, result.stderr, arguments)
+        self.assertIn("Usage", self.run_script("--help").stdout)
+
+    def test_it_runs_as_an_ordinary_user(self):
+        copy = self.folder / "demo"
+        copy.mkdir()
+        shutil.copy(SOURCE / "demo" / "run", copy)
+        shutil.copy(SOURCE / "demo" / "packages", copy)
+        shutil.copytree(device.BUILD / "device", self.folder / "build" / "device")
+        command = ()
+        if os.geteuid() == 0:
+            subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.folder], check=True)
+            command = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
+                       "--inh-caps=-all")
+        try:
+            demo = Demo(state=self.state, script=copy / "run", build_folder=self.folder / "build",
+                        command=command)
+        except RuntimeError as problem:
+            self.fail(f"an ordinary user can't run the demo here (user namespaces?): {problem}")
+        with demo:
+            owner = os.stat(self.state / "config").st_uid
+            self.assertNotEqual(owner, 0)
+            for pid in demo.members:
+                self.assertEqual(os.stat(f"/proc/{pid}").st_uid, owner)
+            self.assertEqual(demo.post(NETWORK, {"WLAN_SSID": "Ordinary"}).status, 303)
+            self.assertEqual(demo.post(DEVICE, {"CONTACT": "Ordinary"}).status, 303)
+            self.assertEqual(demo.json(NETWORK)["WLAN_SSID"], "Ordinary")
+            self.assertTrue(wait_until(lambda: demo.applied()["WLAN"] == "0 Ordinary"))
+        self.assertEqual(demo.remaining_processes(), [])

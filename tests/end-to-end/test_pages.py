@@ -1,0 +1,146 @@
+"""What the pages and the JSON show."""
+
+import json
+import re
+import unittest
+
+from device import DEVICE, NETWORK, Demo
+
+LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLED": "0",
+       "DHCP_FIRST": "10.20.28.10", "DHCP_LAST": "10.20.29.200", "DHCP_LEASE": "72"}
+WIRELESS = {"WLAN_ENABLED": "1", "WLAN_SSID": "Caf\u00e9 <b> & 'co'", "WLAN_HIDDEN": "1",
+            "WLAN_PASSPHRASE": "correct horse", "WLAN_CHANNEL": "11"}
+GLOBAL = {"HOST_NAME": "attic", "DESCRIPTION": "Under the roof", "CONTACT": "Ann, 2nd floor",
+          "DOMAIN": "home.arpa", "COUNTRY": "JP"}
+NETWORK_SETTINGS = {**LAN, **WIRELESS, "DOMAIN": GLOBAL["DOMAIN"], "COUNTRY": GLOBAL["COUNTRY"]}
+DEVICE_SETTINGS = {name: GLOBAL[name] for name in ("HOST_NAME", "DESCRIPTION", "CONTACT")}
+
+
+class Pages(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = Demo()
+        cls.addClassCleanup(cls.demo.stop)
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def setUp(self):
+        self.write("lan.conf", LAN, '{}="{}"')
+        self.write("wireless.conf", WIRELESS, '{}="{}"')
+        self.write("global.conf", GLOBAL, '{} "{}"')
+
+    def write(self, file, values, form):
+        lines = [form.format(name, value) for name, value in values.items()]
+        self.demo.file(file).write_text("# made by hand\n" + "\n".join(lines) + "\n")
+
+    def test_the_network_page_shows_the_files_values(self):
+        page = self.demo.page(NETWORK)
+        self.assertEqual(page.shown, NETWORK_SETTINGS)
+        self.assertIn(">/22</output>", page.text)
+
+    def test_the_device_page_shows_the_files_values_and_the_factorys(self):
+        page = self.demo.page(DEVICE)
+        self.assertEqual(page.shown, DEVICE_SETTINGS)
+        for text in ("Corvel R1", "CR1-2209-004711", "1.2"):
+            self.assertIn(f"<dd>{text}</dd>", page.text)
+
+    def test_json_has_the_same_values(self):
+        self.assertEqual(self.demo.json(NETWORK), NETWORK_SETTINGS)
+        self.assertEqual(self.demo.json(DEVICE), DEVICE_SETTINGS)
+        self.assertEqual(self.demo.json(DEVICE, "factory"), {
+            "MODEL": "Corvel R1", "SERIAL": "CR1-2209-004711", "HARDWARE": "1.2"})
+        self.assertRegex(self.demo.json(NETWORK, "applied")["TIME"], r"^\d{4}-\d\d-\d\d ")
+
+    def test_json_is_told_apart_by_the_query(self):
+        for query, kind in (("Ajax=1", "application/json"), ("x=1&Ajax=2", "application/json"),
+                            ("Ajax=0", "text/html"), ("ajax=1", "text/html"),
+                            ("Ajax=no", "text/html"), ("", "text/html")):
+            response = self.demo.get(f"{NETWORK}?{query}")
+            self.assertEqual(response.headers["Content-Type"], f"{kind}; charset=utf-8", query)
+
+    def test_no_marker_is_left(self):
+        for path in (NETWORK, DEVICE):
+            text = self.demo.get(path).text
+            self.assertIsNone(re.search(r"\$\w", text))
+            self.assertTrue(text.endswith("</html>\n"))
+
+    def test_each_page_is_the_current_one_in_the_navigation(self):
+        for path in (NETWORK, DEVICE):
+            current = re.findall(r'<a href="([^"]+)" aria-current="page">', self.demo.get(path).text)
+            self.assertEqual(current, [path])
+
+    def test_every_control_has_a_label_and_ids_are_unique(self):
+        for path in (NETWORK, DEVICE):
+            page = self.demo.page(path)
+            self.assertEqual(set(page.controls), page.labels)
+            self.assertEqual(len(page.ids), len(set(page.ids)))
+
+    def test_all_that_a_page_refers_to_is_served_from_here(self):
+        for path in (NETWORK, DEVICE):
+            for link in self.demo.page(path).links:
+                self.assertRegex(link, r"^(/(?!/)|#)")
+                if link.startswith("/"):
+                    self.assertIn(self.demo.get(link).status, (200, 302), link)
+
+    def test_static_files_have_their_types(self):
+        for path, kind in (("/style.css", "text/css"), ("/site.js", "text/javascript"),
+                           ("/icon.svg", "image/svg+xml")):
+            response = self.demo.get(path)
+            self.assertEqual(response.status, 200)
+            self.assertTrue(response.headers["Content-Type"].startswith(kind))
+
+    def test_the_root_leads_to_the_first_page(self):
+        response = self.demo.get("/")
+        self.assertEqual((response.status, response.headers["Location"]), (302, NETWORK))
+
+    def test_templates_and_settings_are_not_served(self):
+        for path in ("/templates/network.html", "/../templates/network.html", "/etc/config/lan.conf",
+                     "/cgi-bin/../templates/network.html", "/cgi-bin/%2e%2e/templates/network.html",
+                     "/cgi-bin/", "/cgi-bin/nothing"):
+            self.assertIn(self.demo.get(path).status, (400, 403, 404), path)
+
+    def test_answers_carry_the_security_headers(self):
+        for path in (NETWORK, DEVICE, "/style.css", NETWORK + "?Ajax=1"):
+            headers = self.demo.get(path).headers
+            self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
+            self.assertIn("frame-ancestors 'none'", headers["Content-Security-Policy"])
+            self.assertEqual(headers["X-Content-Type-Options"], "nosniff")
+            self.assertEqual(headers["Referrer-Policy"], "same-origin")
+        self.assertEqual(self.demo.get(NETWORK).headers["Cache-Control"], "no-store")
+
+    def test_head_has_no_body(self):
+        response = self.demo.request("HEAD", NETWORK)
+        self.assertEqual((response.status, response.body), (200, b""))
+
+    def test_a_file_that_somebody_has_broken_is_shown_and_parses(self):
+        for damage in (b'WLAN_SSID="\xff\xfe\x80 \xed\xa0\x80"\n', b'WLAN_SSID="\x01\x1b\x7f\t"\n',
+                       b"WLAN_SSID=" + b'"' * 900 + b"\n", b"WLAN_SSID=" + b"\\" * 5000 + b"\n",
+                       b'WLAN_SSID="$message $LAN_ADDRESS"\n', b'WLAN_SSID="</p><script>"\n',
+                       b"=\n" * 20000, b"\0\n\0\n", b"WLAN_SSID", b"", b"\n" * 9000):
+            self.demo.file("wireless.conf").write_bytes(damage)
+            response = self.demo.get(NETWORK)
+            self.assertEqual(response.status, 200, damage[:40])
+            self.assertTrue(response.text.endswith("</html>\n"))
+            self.assertNotIn("<script>", response.text)
+            settings = json.loads(self.demo.get(NETWORK + "?Ajax=1").body)["settings"][0]
+            self.assertEqual(set(settings), set(NETWORK_SETTINGS))
+
+    def test_quotes_in_what_was_applied_are_json(self):
+        record = self.demo.state / "var" / "log" / "applied.conf"
+        content = record.read_bytes()
+        self.addCleanup(record.write_bytes, content)
+        for stored, shown in (('"\\"a\\""', '"a"'), ('"\\\\"', "\\"), ('"\\""', '"'),
+                              ('"' + '\\"' * 100 + '"', None)):
+            record.write_text(f"TIME {stored}\nRUNS 1\n")
+            applied = self.demo.json(NETWORK, "applied")
+            self.assertEqual(applied["RUNS"], "1")
+            if shown:
+                self.assertEqual(applied["TIME"], shown)
+
+    def test_missing_files_are_empty_settings(self):
+        for path in (self.demo.state / "config").iterdir():
+            path.unlink()
+        self.assertEqual(set(self.demo.json(NETWORK).values()), {""})
+        self.assertEqual(self.demo.get(NETWORK).status, 200)
+        self.assertEqual(self.demo.get(DEVICE).status, 200)

@@ -1,0 +1,248 @@
+"""What a form sends comes to stand in the files, and comes back the same."""
+
+import fcntl
+import stat
+import time
+import unittest
+
+from device import DEVICE, NETWORK, Demo, Page, escaped, wait_until
+
+# name: page, file, separator, a value that differs from the factory's
+SETTINGS = {
+    "LAN_ADDRESS": (NETWORK, "lan.conf", "=", "192.168.1.254"),
+    "LAN_NETMASK": (NETWORK, "lan.conf", "=", "255.255.0.0"),
+    "DHCP_ENABLED": (NETWORK, "lan.conf", "=", "0"),
+    "DHCP_FIRST": (NETWORK, "lan.conf", "=", "192.168.1.50"),
+    "DHCP_LAST": (NETWORK, "lan.conf", "=", "192.168.1.240"),
+    "DHCP_LEASE": (NETWORK, "lan.conf", "=", "168"),
+    "DOMAIN": (NETWORK, "global.conf", " ", "home.arpa"),
+    "WLAN_ENABLED": (NETWORK, "wireless.conf", "=", "0"),
+    "WLAN_SSID": (NETWORK, "wireless.conf", "=", "Upstairs"),
+    "WLAN_HIDDEN": (NETWORK, "wireless.conf", "=", "1"),
+    "WLAN_PASSPHRASE": (NETWORK, "wireless.conf", "=", "a longer one"),
+    "WLAN_CHANNEL": (NETWORK, "wireless.conf", "=", "13"),
+    "COUNTRY": (NETWORK, "global.conf", " ", "ZA"),
+    "HOST_NAME": (DEVICE, "global.conf", " ", "attic-2"),
+    "DESCRIPTION": (DEVICE, "global.conf", " ", "Under the roof"),
+    "CONTACT": (DEVICE, "global.conf", " ", "Ann"),
+}
+
+NASTY = [
+    '"', '""', '"a', 'a"', '"a"', '""a""', "\\", "\\\\", "a\\", "\\a", '\\"', '"\\', '\\\\"',
+    "$", "$$", "$message", "$WLAN_SSID$DESCRIPTION", "a$title", "${HOME}", "$(reboot)", "`reboot`",
+    "a$CONTACT", "a$error_CONTACT", "a$WLAN_PASSPHRASE", "a$options_country", "a$error_WLAN_SSID",
+    "'", "''", "a'b", "&", "&amp;", "&#36;", "&lt;", "<", ">", "<script>alert(1)</script>", "-->",
+    "%", "%%", "%41", "%s%n", "+", "a+b", "a b", " a", "a ", "  ", "=", "a=b", "==", "#", "# a", ";",
+    "&x=1", "a&b=c", "|", "*", "?", "~", "!", "!!", "setenv", "setenv\u00a0a", "\\n", "\\u0041", "{}", "[]", "null",
+    "\u00e9", "\u65e5\u672c\u8a9e", "\U0001f600", "\u00a0", "\u2028", "\u0440\u0443\u0442\u0435\u0440",
+]
+
+INVALID = {
+    "LAN_ADDRESS": ["", "1", "1.2.3", "1.2.3.4.5", "256.1.1.1", "192.168.1.0", "192.168.1.255",
+                    "192.168.1.150", "127.0.0.1", "224.0.0.1", "0.0.0.0", "255.255.255.255",
+                    "192.168.001.1", " 192.168.1.1", "192.168.1.1 ", "a.b.c.d", "10.0.0.1", "::1",
+                    '192.168.1.1"', "192.168.1.1\nDHCP_ENABLED=0"],
+    "LAN_NETMASK": ["", "255.255.255.1", "255.0.255.0", "0.0.0.0", "255.255.255.255", "24",
+                    "255.255.255", "255.255.255.254", "254.0.0.0", "-1.0.0.0", "255.255.255.240"],
+    "DHCP_ENABLED": ["", "2", "on", "01", "1 "],
+    "DHCP_FIRST": ["", "192.168.1.200", "192.168.2.100", "192.168.1.0", "192.168.1.1"],
+    "DHCP_LAST": ["", "192.168.1.99", "192.168.2.199", "192.168.1.255"],
+    "DHCP_LEASE": ["", "0", "169", "-1", "1.5", "012", " 12", "12h", "99999999999999999999"],
+    "DOMAIN": ["UPPER", "a b", "a_b", "x" * 64, "\u00e9"],
+    "WLAN_ENABLED": ["", "yes"],
+    "WLAN_SSID": ["", "x" * 33, "\u65e5" * 11, "a\nb", "a\tb", "a\x7fb", "setenv a b"],
+    "WLAN_HIDDEN": ["", "2"],
+    "WLAN_PASSPHRASE": ["", "1234567", "x" * 64, "x" * 300, "pass\u00e9phrase", "12345678\n", "my setenv word"],
+    "WLAN_CHANNEL": ["", "14", "-1", "-0", "06", "1,2", "auto"],
+    "COUNTRY": ["", "XX", "ch", "CHE"],
+    "HOST_NAME": ["", "a b", "-a", "a-", "a.b", "x" * 64, "\u00e9"],
+    "DESCRIPTION": ["x" * 81, "x" * 255, "x" * 256, "x" * 5000, "\u65e5" * 27, "%" * 86, "a\nb", "a\rb",
+                    "\x01"],
+    "CONTACT": ["x" * 81, "a\nHOST_NAME evil", "setenv HOST_NAME evil"],
+}
+
+
+class Saving(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = Demo()
+        cls.addClassCleanup(cls.demo.stop)
+        cls.factory = cls.demo.files()
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def setUp(self):
+        for name, content in self.factory.items():
+            self.demo.file(name).write_bytes(content)
+
+    def save(self, path, fields):
+        response = self.demo.post(path, fields)
+        self.assertEqual(response.status, 303, (fields, response.text))
+        self.assertEqual(response.headers["Location"], path + "?saved=1")
+
+    def assert_stored(self, name, value):
+        """The value stands in the file, on the page and in the JSON."""
+        path, file, separator, _ = SETTINGS[name]
+        self.assertEqual(self.demo.setting(name, file, separator), f'"{escaped(value)}"')
+        self.assertEqual(self.demo.page(path).shown[name], value)
+        self.assertEqual(self.demo.json(path)[name], value)
+
+    def wait_for_the_client(self):
+        """Waits until the configuration client has applied all that was saved so far."""
+        wanted = self.demo.state / "var" / "lock" / "apply.wanted"
+        self.assertTrue(wait_until(lambda: not wanted.exists()))
+        time.sleep(0.3)
+
+    def test_each_setting_alone(self):
+        for name, (path, file, separator, value) in SETTINGS.items():
+            with self.subTest(name):
+                self.setUp()
+                old = self.demo.setting(name, file, separator)
+                self.save(path, {name: value})
+                self.assert_stored(name, value)
+                changed = self.factory[file].replace(
+                    f"{name}{separator}{old}\n".encode(), f'{name}{separator}"{value}"\n'.encode())
+                self.assertNotEqual(changed, self.factory[file])
+                self.assertEqual(self.demo.files(), {**self.factory, file: changed})
+
+    def test_all_settings_of_a_page_at_once(self):
+        for page in (NETWORK, DEVICE):
+            fields = {name: value for name, (path, _, _, value) in SETTINGS.items() if path == page}
+            if page == NETWORK:  # the other values fit the old network
+                fields |= {"LAN_ADDRESS": "192.168.1.254", "LAN_NETMASK": "255.255.255.0"}
+            self.save(page, fields)
+            for name, value in fields.items():
+                self.assert_stored(name, value)
+
+    def test_a_form_as_a_browser_sends_it_changes_nothing(self):
+        for path in (NETWORK, DEVICE):
+            self.save(path, self.demo.page(path).fields)
+        self.assertEqual(self.demo.files(), self.factory)
+
+    def test_a_cleared_switch_is_off_and_a_set_one_is_on(self):
+        for name in ("DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN"):
+            for fields, value in (([(name, "0")], "0"), ([(name, "1"), (name, "0")], "1")):
+                self.save(NETWORK, fields)
+                self.assert_stored(name, value)
+
+    def test_nasty_values_come_back_the_same(self):
+        for value in NASTY:
+            with self.subTest(value):
+                self.save(DEVICE, {"DESCRIPTION": value, "CONTACT": value[::-1]})
+                self.assert_stored("DESCRIPTION", value)
+                self.assert_stored("CONTACT", value[::-1])
+                if len(value.encode()) <= 32:
+                    self.save(NETWORK, {"WLAN_SSID": value})
+                    self.assert_stored("WLAN_SSID", value)
+
+    def test_every_printable_character_at_either_end(self):
+        printable = [chr(code) for code in range(0x20, 0x7F)]
+        for character in printable:
+            value = f"{character}12345678{character}"
+            self.save(NETWORK, {"WLAN_SSID": value, "WLAN_PASSPHRASE": value})
+            self.assert_stored("WLAN_SSID", value)
+            self.assert_stored("WLAN_PASSPHRASE", value)
+        for start in range(0, len(printable), 60):
+            value = "".join(printable[start:start + 60])
+            self.save(DEVICE, {"DESCRIPTION": value})
+            self.assert_stored("DESCRIPTION", value)
+
+    def test_the_longest_values(self):
+        for value in ("x" * 80, '"' * 80, "\\" * 80, "$" * 80, "&" * 80, "\U0001f600" * 20, ""):
+            self.save(DEVICE, {"DESCRIPTION": value})
+            self.assert_stored("DESCRIPTION", value)
+        self.save(NETWORK, {"WLAN_SSID": "`" * 32, "WLAN_PASSPHRASE": "`" * 63})
+        self.assert_stored("WLAN_PASSPHRASE", "`" * 63)
+        self.assert_stored("WLAN_SSID", "`" * 32)
+
+    def test_characters_may_be_sent_encoded_or_plain(self):
+        for body in ("WLAN_SSID=a%2Bb+c", "WLAN_SSID=%61%2b%62%20%63", "WLAN_SSID=a%2bb c"):
+            self.save(NETWORK, body)
+            self.assert_stored("WLAN_SSID", "a+b c")
+
+    def test_invalid_values_are_refused_and_nothing_is_touched(self):
+        self.wait_for_the_client()
+        runs = self.demo.applied()["RUNS"]
+        for name, values in INVALID.items():
+            path = SETTINGS[name][0]
+            for value in values:
+                with self.subTest(f"{name}={value[:40]!r}"):
+                    response = self.demo.post(path, {name: value})
+                    self.assertEqual(response.status, 422)
+                    self.assertIn("Nothing has been saved", response.text)
+                    self.assertEqual(self.demo.files(), self.factory)
+        self.assertEqual(self.demo.applied()["RUNS"], runs)
+
+    def test_an_invalid_value_is_shown_again_with_its_message(self):
+        response = self.demo.post(NETWORK, {"DHCP_LEASE": "<12 h>", "WLAN_SSID": "Not lost"})
+        page = Page(response.text)
+        self.assertEqual(page.shown["DHCP_LEASE"], "<12 h>")
+        self.assertEqual(page.shown["WLAN_SSID"], "Not lost")
+        self.assertEqual(page.errors, {"DHCP_LEASE": "Use 1 to 168 hours."})
+        self.assertTrue(page.message)
+
+    def test_addresses_have_to_fit_each_other(self):
+        for fields, name in (
+                ({"LAN_ADDRESS": "192.168.1.120"}, "DHCP_FIRST"),
+                ({"LAN_ADDRESS": "10.0.0.1"}, "DHCP_FIRST"),
+                ({"LAN_NETMASK": "255.255.255.128"}, "DHCP_LAST"),
+                ({"DHCP_FIRST": "192.168.1.150", "DHCP_LAST": "192.168.1.149"}, "DHCP_LAST"),
+                ({"LAN_ADDRESS": "192.168.1.0"}, "LAN_ADDRESS")):
+            response = self.demo.post(NETWORK, fields)
+            self.assertEqual(response.status, 422, fields)
+            self.assertIn(name, Page(response.text).errors, fields)
+        self.assertEqual(self.demo.files(), self.factory)
+        self.save(NETWORK, {"LAN_ADDRESS": "10.0.0.1", "LAN_NETMASK": "255.0.0.0",
+                            "DHCP_FIRST": "10.0.0.2", "DHCP_LAST": "10.255.255.254"})
+
+    def test_the_configuration_client_applies_what_was_saved(self):
+        self.wait_for_the_client()
+        runs = int(self.demo.applied()["RUNS"])
+        ssid = "\"q\" `b` $HOME \\ 'x' \u00e9"
+        self.save(NETWORK, {"WLAN_SSID": ssid, "WLAN_CHANNEL": "6", "DHCP_ENABLED": "0"})
+        self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) == runs + 1))
+        self.assertEqual(self.demo.applied()["WLAN"], f"6 {ssid}")
+        self.assertEqual(self.demo.applied()["DHCP"], "off")
+        self.save(DEVICE, {"CONTACT": "x"})
+        self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) == runs + 2))
+
+    def test_an_answer_does_not_wait_for_the_configuration_client(self):
+        self.wait_for_the_client()
+        runs = int(self.demo.applied()["RUNS"])
+        with open(self.demo.state / "var" / "lock" / "configclient", "a") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.save(NETWORK, {"WLAN_SSID": "At once"})
+            self.assert_stored("WLAN_SSID", "At once")
+            self.assertEqual(int(self.demo.applied()["RUNS"]), runs)
+        self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) == runs + 1))
+
+    def test_other_lines_and_the_mode_survive(self):
+        for file, line in (("wireless.conf", "OTHER"), ("global.conf", "OTHER 1")):
+            path = self.demo.file(file)
+            path.write_bytes(b"# first\n\n" + self.factory[file] + line.encode() + b"\n  # last\n")
+            path.chmod(0o640)
+        before = self.demo.files()
+        self.save(NETWORK, {"WLAN_SSID": "Corvel Away", "COUNTRY": "AT"})
+        after = self.demo.files()
+        self.assertEqual(after["wireless.conf"],
+                         before["wireless.conf"].replace(b"Corvel Home", b"Corvel Away"))
+        self.assertEqual(after["global.conf"],
+                         before["global.conf"].replace(b'COUNTRY "CH"', b'COUNTRY "AT"'))
+        for file in ("wireless.conf", "global.conf"):
+            self.assertEqual(stat.S_IMODE(self.demo.file(file).stat().st_mode), 0o640)
+
+    def test_a_global_setting_without_a_line_gets_one(self):
+        self.demo.file("global.conf").write_text('HOST_NAME "router"\n')
+        self.save(DEVICE, {"DESCRIPTION": '"quoted"'})
+        self.assertEqual(self.demo.file("global.conf").read_text(),
+                         'HOST_NAME "router"\nDESCRIPTION "\\"quoted\\""\n')
+        self.assert_stored("DESCRIPTION", '"quoted"')
+
+    def test_every_setting_is_tried(self):
+        self.assertEqual(set(INVALID), set(SETTINGS))
+        lines = b"".join(self.factory.values()).decode().splitlines()
+        names = {line.replace("=", " ").split()[0] for line in lines if not line.startswith("#")}
+        self.assertEqual(names, set(SETTINGS))
