@@ -111,6 +111,8 @@ int print_html(const char *path, str_node **list) {
     const corvel::Descriptor page = corvel::open_for_reading(path);
     if (!page)
         return 0;
+    str_node *no_fields = nullptr;
+    str_node **const fields = list != nullptr ? list : &no_fields;
     corvel::Output out(stdout);
     corvel::LineReader lines(page.get());
     corvel::Line line;
@@ -119,7 +121,7 @@ int print_html(const char *path, str_node **list) {
         if (text.find('$') == std::string_view::npos)
             out.put(text);
         else
-            corvel::fill_line(text, list, out);
+            corvel::fill_line(text, fields, out);
     }
     return 0;
 }

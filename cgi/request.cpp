@@ -153,8 +153,14 @@ WipedBlock read_body() {
         return {};
     const auto length = static_cast<std::size_t>(announced);
     WipedBlock body(length + 1);
-    if (!body || std::fread(body.get(), 1, length, stdin) != length)
+    if (!body)
         return {};
+    const std::size_t received = std::fread(body.get(), 1, length, stdin);
+    if (received != length) {
+        // Memory for what was announced and never came is not touched.
+        body.wipe_only(received);
+        return {};
+    }
     body.get()[length] = '\0';
     return body;
 }
@@ -237,7 +243,8 @@ char *unescape_url(char *text) {
 }
 
 signed char x2c(const char *digits) {
-    return corvel::byte_of_digits(digits[0], digits[0] != '\0' ? digits[1] : '\0');
+    const char *const high = corvel::text_or_empty(digits);
+    return corvel::byte_of_digits(*high, *high != '\0' ? high[1] : '\0');
 }
 
 int get_http_methmod(const char *method) {

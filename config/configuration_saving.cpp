@@ -42,8 +42,10 @@ Stream create_copy(const char *path, int original) {
         fchmod(descriptor, status.st_mode & (owned ? 07777 : 0777));
     }
     Stream copy(fdopen(descriptor, "w"));
-    if (!copy)
+    if (!copy) {
         close(descriptor);
+        unlink(path);
+    }
     return copy;
 }
 

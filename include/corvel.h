@@ -575,11 +575,12 @@ CORVEL_API char *change_keyword(char *text, const str_node *record);
  * where the `$` stood: a marker inside a value is filled as well, unless the value begins with it,
  * and behind an empty value one character is passed over.
  *
- * A line's filled form may have any length.
+ * A line's filled form may have any length. Only where memory for values inside values runs out, a
+ * value is written as it stands, its markers not filled.
  *
  * @param path the template.
- * @param list the address of the list's head pointer. What is left in the list afterwards is the
- *             caller's to free.
+ * @param list the address of the list's head pointer, or null for no fields. What is left in the
+ *             list afterwards is the caller's to free.
  * @return 0, whether or not the template could be opened; if not, nothing is printed and the list
  *         is untouched.
  */

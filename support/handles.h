@@ -49,6 +49,8 @@ class WipedBlock {
     explicit operator bool() const { return block_ != nullptr; }
     [[nodiscard]] char *get() const { return block_; }
     [[nodiscard]] std::span<char> bytes() const { return {block_, size_}; }
+    /// Only the first bytes hold anything.
+    void wipe_only(std::size_t size) { size_ = size; }
     char *release() { return std::exchange(block_, nullptr); }
 
   private:

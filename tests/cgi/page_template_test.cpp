@@ -1,0 +1,714 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "cgi/list_contents.h"
+#include "support/output_capture.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+namespace corvel_test {
+namespace {
+
+std::string numbered(std::string text, int number) {
+    text += std::to_string(number);
+    return text;
+}
+
+/** What print_html() printed, what it returned, and the fields it left in the list. */
+struct Filled {
+    std::string page;
+    Fields left;
+    int result = -1;
+
+    bool operator==(const Filled &) const = default;
+};
+
+void PrintTo(const Filled &filled, std::ostream *out) {
+    *out << testing::PrintToString(filled.page) << ", left " << testing::PrintToString(filled.left)
+         << ", result " << filled.result;
+}
+
+// ------------------------------------------------------------------------------- the plain rule --
+
+/** Templates are taken line by line, and a line longer than this in pieces. */
+constexpr std::size_t piece_size = 1023;
+
+std::vector<std::string> pieces_of(const std::string &text) {
+    std::vector<std::string> pieces;
+    std::string piece;
+    for (const char character : text) {
+        piece += character;
+        if (character == '\n' || piece.size() == piece_size) {
+            pieces.push_back(piece);
+            piece.clear();
+        }
+    }
+    if (!piece.empty())
+        pieces.push_back(piece);
+    return pieces;
+}
+
+/** The rule of the templates as one would tell it, with no thought of speed. */
+Filled filled_by_the_rule(const std::string &page_template, Fields fields) {
+    std::string page;
+    for (std::string piece : pieces_of(page_template)) {
+        // A line is a text: a NUL byte ends it.
+        piece = piece.substr(0, piece.find('\0'));
+        for (std::size_t at = 0; at < piece.size(); ++at) {
+            if (piece[at] != '$')
+                continue;
+            for (auto field = fields.begin(); field != fields.end(); ++field) {
+                if (piece.compare(at + 1, field->first.size(), field->first) != 0)
+                    continue;
+                piece.replace(at, 1 + field->first.size(), field->second);
+                fields.erase(field);
+                break;
+            }
+        }
+        page += piece;
+    }
+    return {page, fields, 0};
+}
+
+// ----------------------------------------------------------------------------------- the library
+// --
+
+class PageTemplate : public testing::Test {
+  protected:
+    Filled filled(const std::string &page_template, const Fields &fields) {
+        folder_.write("page.html", page_template);
+        return filled_from(folder_.path("page.html"), fields);
+    }
+
+    static Filled filled_from(const std::string &path, const Fields &fields) {
+        OwnedList list(fields);
+        Filled result;
+        result.page =
+            capture_stdout([&] { result.result = print_html(path.c_str(), list.address()); });
+        result.left = contents(list.head());
+        return result;
+    }
+
+    /** Expects a page, and the fields left over. */
+    void expect_filled(const std::string &page_template, const Fields &fields,
+                       const std::string &page, const Fields &left = {}) {
+        EXPECT_EQ(filled(page_template, fields), (Filled{page, left, 0}));
+    }
+
+    TemporaryFolder folder_;
+};
+
+TEST_F(PageTemplate, MarkersAreFilledAndTheirFieldsRemovedFromTheList) {
+    expect_filled("IP: $ip, mask $mask\n", {{"ip", "10.0.0.1"}, {"mask", "255.0.0.0"}},
+                  "IP: 10.0.0.1, mask 255.0.0.0\n");
+}
+
+TEST_F(PageTemplate, FieldsFillMarkersInWhateverOrderTheyStandInTheList) {
+    expect_filled("$a $b $c\n", {{"c", "3"}, {"a", "1"}, {"b", "2"}}, "1 2 3\n");
+}
+
+TEST_F(PageTemplate, FieldsThatNoMarkerNamedAreLeftInTheirOrder) {
+    expect_filled("$b\n", {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"a", "4"}}, "2\n",
+                  {{"a", "1"}, {"c", "3"}, {"a", "4"}});
+}
+
+TEST_F(PageTemplate, WithoutMarkersTheTemplateIsCopied) {
+    const std::string text =
+        "<html>\n\n  <p>100% &amp; \\n \t %s %d</p>\r\n\x01\x7f\x80\xff</html>\n";
+    const Fields fields{{"ip", "10.0.0.1"}};
+    expect_filled(text, fields, text, fields);
+}
+
+TEST_F(PageTemplate, EmptyTemplatePrintsNothing) {
+    expect_filled("", {{"a", "1"}}, "", {{"a", "1"}});
+}
+
+TEST_F(PageTemplate, WithAnEmptyListTheTemplateIsCopied) {
+    expect_filled("IP: $ip $ $$\n", {}, "IP: $ip $ $$\n");
+}
+
+TEST_F(PageTemplate, LastLineWithoutALineEndIsFilledToo) {
+    expect_filled("a\n$ip", {{"ip", "10.0.0.1"}}, "a\n10.0.0.1");
+    expect_filled("a\nb", {}, "a\nb");
+}
+
+TEST_F(PageTemplate, FieldFillsOnlyTheFirstMarkerThatNamesIt) {
+    expect_filled("$ip $ip\n$ip\n", {{"ip", "1"}}, "1 $ip\n$ip\n");
+}
+
+TEST_F(PageTemplate, SeveralFieldsOfOneNameFillItsMarkersInTheirOrder) {
+    expect_filled("$ip $ip\n$ip $ip\n", {{"ip", "1"}, {"ip", "2"}, {"ip", "3"}}, "1 2\n3 $ip\n");
+}
+
+TEST_F(PageTemplate, FirstFieldWhoseNameIsAPrefixWins) {
+    expect_filled("$ipaddr\n", {{"ip", "1"}, {"ipaddr", "2"}}, "1addr\n", {{"ipaddr", "2"}});
+    expect_filled("$ipaddr\n", {{"ipaddr", "2"}, {"ip", "1"}}, "2\n", {{"ip", "1"}});
+    expect_filled("$ipaddr $ipaddr\n", {{"ip", "1"}, {"ipaddr", "2"}}, "1addr 2\n");
+}
+
+TEST_F(PageTemplate, NothingNeedsToFollowTheName) {
+    expect_filled("$ipx $ip$ip\n", {{"ip", "1"}, {"ip", "2"}, {"ip", "3"}}, "1x 23\n");
+}
+
+TEST_F(PageTemplate, NamesAreCaseSensitive) {
+    expect_filled("$IP $Ip $ip\n", {{"ip", "1"}}, "$IP $Ip 1\n");
+}
+
+TEST_F(PageTemplate, DollarSignWithoutANameBehindItStays) {
+    expect_filled("$$ip\n", {{"ip", "1"}}, "$1\n");
+    expect_filled("$$$\n", {{"ip", "1"}}, "$$$\n", {{"ip", "1"}});
+    expect_filled("$", {{"ip", "1"}}, "$", {{"ip", "1"}});
+    expect_filled("$i", {{"ip", "1"}}, "$i", {{"ip", "1"}});
+    expect_filled("$ ip\n", {{"ip", "1"}}, "$ ip\n", {{"ip", "1"}});
+}
+
+TEST_F(PageTemplate, NameWithADollarSignIsAnOrdinaryName) {
+    expect_filled("$$ip\n", {{"$ip", "1"}}, "1\n");
+    expect_filled("$a$b\n", {{"a$b", "1"}}, "1\n");
+}
+
+TEST_F(PageTemplate, EmptyNameFillsTheNextDollarSign) {
+    expect_filled("$ip $ip\n", {{"", "x"}, {"ip", "1"}}, "xip 1\n");
+    expect_filled("a$", {{"", "x"}}, "ax");
+}
+
+TEST_F(PageTemplate, BracedMarkerIsNotAMarker) {
+    expect_filled("${ip}\n", {{"ip", "1"}}, "${ip}\n", {{"ip", "1"}});
+}
+
+// ------------------------------------------------------------------------------ markers in values
+// --
+
+TEST_F(PageTemplate, MarkerInsideAValueIsFilled) {
+    expect_filled("$ip\n", {{"ip", "a$mask"}, {"mask", "255.0.0.0"}}, "a255.0.0.0\n");
+    expect_filled("$ip\n", {{"mask", "255.0.0.0"}, {"ip", "a$mask"}}, "a255.0.0.0\n");
+}
+
+TEST_F(PageTemplate, ValueThatBeginsWithAMarkerIsNotFilledThere) {
+    expect_filled("$ip\n", {{"ip", "$mask"}, {"mask", "1"}}, "$mask\n", {{"mask", "1"}});
+    expect_filled("$ip\n", {{"ip", "$$mask"}, {"mask", "1"}}, "$1\n");
+    expect_filled("$ip $mask\n", {{"ip", "$mask"}, {"mask", "1"}}, "$mask 1\n");
+}
+
+TEST_F(PageTemplate, ValueNamingItsOwnFieldIsNotFilledAgain) {
+    expect_filled("$ip\n", {{"ip", "a$ip"}}, "a$ip\n");
+    expect_filled("$ip\n", {{"ip", "a$ip"}, {"ip", "b$ip"}}, "ab$ip\n");
+}
+
+TEST_F(PageTemplate, MarkersNestManyLevelsDeep) {
+    Fields fields;
+    std::string open;
+    std::string close;
+    for (int level = 0; level < 500; ++level) {
+        const std::string number = std::to_string(level);
+        fields.emplace_back("f" + number + ".",
+                            "<" + number + "$f" + std::to_string(level + 1) + ".>");
+        open += "<" + number;
+        close += ">";
+    }
+    expect_filled("$f0.|\n", fields, open + "$f500." + close + "|\n");
+}
+
+TEST_F(PageTemplate, ValueAndTheTextBehindItFormAMarkerTogether) {
+    expect_filled("$aip\n", {{"a", "x$"}, {"ip", "1"}}, "x1\n");
+    expect_filled("$a$b\n", {{"a", "x$i"}, {"b", "p"}, {"i$b", "1"}}, "x1\n", {{"b", "p"}});
+}
+
+TEST_F(PageTemplate, ValueOfOneDollarSignDoesNotFormAMarkerWithTheTextBehindIt) {
+    expect_filled("$aip $ip\n", {{"a", "$"}, {"ip", "1"}}, "$ip 1\n");
+}
+
+TEST_F(PageTemplate, LineEndInAValueDoesNotEndTheLine) {
+    expect_filled("$a$b\n", {{"a", "x\ny"}, {"b", "\n$c"}, {"c", "1"}}, "x\ny\n1\n");
+}
+
+TEST_F(PageTemplate, ValueIsNotAFormat) { expect_filled("$a\n", {{"a", "%s%n%d"}}, "%s%n%d\n"); }
+
+// ------------------------------------------------------------------------------------ empty values
+// --
+
+TEST_F(PageTemplate, EmptyValueRemovesTheMarker) { expect_filled("<$a>\n", {{"a", ""}}, "<>\n"); }
+
+TEST_F(PageTemplate, EmptyValueAtTheVeryEndOfTheTextEndsTheSearch) {
+    expect_filled("x$a", {{"a", ""}, {"b", "1"}}, "x", {{"b", "1"}});
+    expect_filled("$a", {{"a", ""}}, "");
+    expect_filled("$b$a", {{"a", ""}, {"b", ""}}, "$a", {{"a", ""}});
+}
+
+TEST_F(PageTemplate, EmptyValueAtTheEndLeavesNothingOfALongerLineBefore) {
+    expect_filled("a long line with $c and $d\n$a", {{"a", ""}, {"d", "1"}},
+                  "a long line with $c and 1\n");
+}
+
+TEST_F(PageTemplate, SearchPassesOverTheCharacterBehindAnEmptyValue) {
+    expect_filled("$a$b $b\n", {{"a", ""}, {"b", "1"}}, "$b 1\n");
+    expect_filled("$ax$b\n", {{"a", ""}, {"b", "1"}}, "x1\n");
+    expect_filled("$a$$b\n", {{"a", ""}, {"b", "1"}}, "$1\n");
+}
+
+TEST_F(PageTemplate, EmptyNameAndValueRemoveTheDollarSign) {
+    expect_filled("a$b$", {{"", ""}, {"", ""}}, "ab");
+    expect_filled("$", {{"", ""}}, "");
+}
+
+// ------------------------------------------------------------------------------------- long lines
+// --
+
+TEST_F(PageTemplate, LinesAroundTheSizeOfARreadArePrintedWhole) {
+    for (const std::size_t length : {1021U, 1022U, 1023U, 1024U, 1025U, 2046U, 3000U, 100000U}) {
+        SCOPED_TRACE(length);
+        const std::string line(length, 'x');
+        expect_filled(line + "\n" + line, {}, line + "\n" + line);
+    }
+}
+
+TEST_F(PageTemplate, LineOf1500CharactersIsFilledInBothOfItsPieces) {
+    const std::string head(1000, 'x');
+    const std::string tail(480, 'y');
+    expect_filled(head + "$a" + tail + "$b\n", {{"a", "1"}, {"b", "2"}}, head + "1" + tail + "2\n");
+}
+
+TEST_F(PageTemplate, MarkerAtTheEndOfAReadIsFilled) {
+    const std::string head(1020, 'x');
+    expect_filled(head + "$abc$ab\n", {{"ab", "1"}, {"ab", "2"}}, head + "1c2\n");
+}
+
+TEST_F(PageTemplate, MarkerCutByTheEndOfAReadIsNotRecognised) {
+    for (const std::size_t in_first_piece : {1U, 2U, 3U}) {
+        SCOPED_TRACE(in_first_piece);
+        const std::string head(piece_size - in_first_piece, 'x');
+        const Fields fields{{"abc", "1"}};
+        expect_filled(head + "$abc\n", fields, head + "$abc\n", fields);
+    }
+    const std::string head(piece_size - 4, 'x');
+    expect_filled(head + "$abc\n", {{"abc", "1"}}, head + "1\n");
+}
+
+TEST_F(PageTemplate, CutMarkerIsFilledByAFieldWhoseNameIsInTheFirstPiece) {
+    const std::string head(piece_size - 3, 'x');
+    expect_filled(head + "$abc\n", {{"abc", "1"}, {"ab", "2"}}, head + "2c\n", {{"abc", "1"}});
+}
+
+TEST_F(PageTemplate, CutMarkerIsFilledByAnEmptyName) {
+    const std::string head(piece_size - 1, 'x');
+    expect_filled(head + "$abc\n", {{"abc", "1"}, {"", "2"}}, head + "2abc\n", {{"abc", "1"}});
+}
+
+TEST_F(PageTemplate, EmptyValueAtTheEndOfAReadDoesNotPassOverTheNextPiece) {
+    const std::string head(piece_size - 2, 'x');
+    expect_filled(head + "$a$b\n", {{"a", ""}, {"b", "1"}}, head + "1\n");
+}
+
+TEST_F(PageTemplate, ValuesOf4096CharactersAreNeverCut) {
+    const std::string value(4096, 'v');
+    expect_filled("<$a>$b</$c>\n", {{"a", value}, {"b", value}, {"c", value}},
+                  "<" + value + ">" + value + "</" + value + ">\n");
+    const std::string head(1020, 'x');
+    expect_filled(head + "$a\n", {{"a", value}}, head + value + "\n");
+}
+
+TEST_F(PageTemplate, LineFilledToHundredsOfKilobytesByNestedValuesIsNeverCut) {
+    for (const std::size_t marker_at : {1U, 2000U, 4090U}) {
+        SCOPED_TRACE(marker_at);
+        Fields fields;
+        for (int level = 0; level < 150; ++level) {
+            std::string value(4096, static_cast<char>('A' + level % 26));
+            const std::string marker = numbered("$f", level + 1001);
+            value.replace(marker_at, marker.size(), marker);
+            value.resize(4096);
+            fields.emplace_back(numbered("f", level + 1000), value);
+        }
+        const std::string page_template = "<$f1000>\n$f1000\n";
+        const Filled expected = filled_by_the_rule(page_template, fields);
+        ASSERT_GT(expected.page.size(), 600000U);
+        EXPECT_TRUE(filled(page_template, fields) == expected);
+    }
+}
+
+TEST_F(PageTemplate, SeveralMarkersInEachNestedValueAreFilled) {
+    Fields fields;
+    for (int i = 0; i < 200; ++i) {
+        fields.emplace_back(numbered("f", 1000 + i),
+                            std::string(1000, 'x') + numbered("$f", 1001 + 2 * i) +
+                                std::string(1000, 'y') + numbered("$f", 1002 + 2 * i));
+    }
+    const Filled expected = filled_by_the_rule("$f1000\n", fields);
+    ASSERT_TRUE(expected.left.empty());
+    EXPECT_TRUE(filled("$f1000\n", fields) == expected);
+}
+
+TEST_F(PageTemplate, ThousandsOfFieldsFillThousandsOfMarkers) {
+    Fields fields;
+    std::string page_template;
+    std::string page;
+    for (int i = 0; i < 3000; ++i) {
+        const std::string name = numbered("name", 10000 + i);
+        fields.emplace_back(name, numbered("value", i));
+        page_template += "<td>$" + name + (i % 7 == 0 ? "</td>\n" : "</td>");
+        page += numbered("<td>value", i) + (i % 7 == 0 ? "</td>\n" : "</td>");
+    }
+    EXPECT_TRUE(filled(page_template, fields) == (Filled{page, {}, 0}));
+}
+
+TEST_F(PageTemplate, NulByteEndsItsLineAndNoOther) {
+    using std::string_literals::operator""s;
+    expect_filled("a$x\0$y\n$y\n"s, {{"x", "1"}, {"y", "2"}}, "a12\n");
+    expect_filled("\0a\nb\n"s, {}, "b\n");
+    expect_filled("a\0"s, {}, "a");
+    expect_filled("$x\0yz"s, {{"xy", "1"}}, "$x", {{"xy", "1"}});
+}
+
+// -------------------------------------------------------------------------------- the template's
+// file --
+
+TEST_F(PageTemplate, MissingTemplatePrintsNothingAndLeavesTheList) {
+    const Fields fields{{"a", "1"}};
+    EXPECT_EQ(filled_from(folder_.path("missing.html"), fields), (Filled{"", fields, 0}));
+    EXPECT_EQ(filled_from("", fields), (Filled{"", fields, 0}));
+}
+
+TEST_F(PageTemplate, NullPathIsAMissingTemplate) {
+    OwnedList list(Fields{{"a", "1"}});
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(print_html(nullptr, list.address()), 0); }), "");
+    EXPECT_EQ(contents(list.head()), (Fields{{"a", "1"}}));
+}
+
+TEST_F(PageTemplate, FolderIsAMissingTemplate) {
+    const Fields fields{{"a", "1"}};
+    EXPECT_EQ(filled_from(folder_.path(), fields), (Filled{"", fields, 0}));
+}
+
+TEST_F(PageTemplate, MarkerCutByTheEndOfALineThatHasGrownIsNotRecognised) {
+    const std::string value(4096, 'v');
+    std::string outer = value;
+    outer.replace(1, 2, "$b");
+    const Fields fields{{"a", outer}, {"b", value}, {"xyz", "1"}};
+    const std::string filled_outer = "v" + value + outer.substr(3);
+    expect_filled("<$a>$xy", fields, "<" + filled_outer + ">$xy", {{"xyz", "1"}});
+    expect_filled("<$a>$", fields, "<" + filled_outer + ">$", {{"xyz", "1"}});
+}
+
+TEST_F(PageTemplate, RecordsThatFilledAMarkerAreFreed) {
+    folder_.write("page.html", "$a $b $a\n");
+    const std::string path = folder_.path("page.html");
+    for_each_allocation_failure([&](AllocationTrial &trial) {
+        str_node *list = nullptr;
+        const std::string page = capture_stdout([&] {
+            trial.run([&] {
+                for (const char *name : {"a", "b", "c"})
+                    add_str(&list, name, "1");
+                print_html(path.c_str(), &list);
+            });
+        });
+        if (!trial.failed()) {
+            EXPECT_EQ(page, "1 1 $a\n");
+        }
+        free_list(&list);
+    });
+}
+
+// Values that need more room than a line and one value take get it from the heap.
+TEST_F(PageTemplate, WithoutMemoryAValueIsWrittenAsItStandsAndNothingIsCut) {
+    const std::string long_a(4000, 'A');
+    const std::string long_b(4000, 'B');
+    const Fields fields{{"a", "x$b$d" + long_a}, {"b", "y$c" + long_b}, {"c", "1"}, {"d", "2"}};
+    const Filled whole{"<xy1" + long_b + "2" + long_a + ">\n$a\n", {}, 0};
+    const Filled without_c{"<xy$c" + long_b + "2" + long_a + ">\n$a\n", {{"c", "1"}}, 0};
+    const Filled unreadable{"", fields, 0};
+    folder_.write("page.html", "<$a>\n$a\n");
+    const std::string path = folder_.path("page.html");
+
+    const auto run = [&](AllocationTrial &trial) {
+        OwnedList list(fields);
+        Filled result;
+        result.page = capture_stdout([&] {
+            result.result = trial.run([&] { return print_html(path.c_str(), list.address()); });
+        });
+        result.left = contents(list.head());
+        return result;
+    };
+    const auto of_the_library = [&](AllocationTrial &trial) {
+        const Filled result = run(trial);
+        EXPECT_TRUE(result == (trial.failed() ? without_c : whole)) << trial.n();
+    };
+    EXPECT_EQ(for_each_allocation_failure(of_the_library, Allocations::outside_c_library), 1U);
+    for_each_allocation_failure([&](AllocationTrial &trial) {
+        const Filled result = run(trial);
+        EXPECT_TRUE(result == whole ||
+                    (trial.failed() && (result == without_c || result == unreadable)))
+            << trial.n();
+    });
+}
+
+TEST_F(PageTemplate, TemplateIsClosedAgain) {
+    folder_.write("page.html", "$a\n");
+    const auto open_files = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    };
+    const auto before = open_files();
+    for (int i = 0; i < 10; ++i) {
+        filled_from(folder_.path("page.html"), {{"a", "1"}});
+        filled_from(folder_.path("missing.html"), {});
+        filled_from(folder_.path(), {});
+    }
+    EXPECT_EQ(open_files(), before);
+}
+
+TEST_F(PageTemplate, PageStandsBetweenWhatTheProgramPrintsBeforeAndAfter) {
+    folder_.write("page.html", "<$a>\n");
+    OwnedList list(Fields{{"a", std::string(4096, 'v')}});
+    const std::string output = capture_stdout([&] {
+        std::printf("Content-Type: text/html\r\n\r\n");
+        print_html(folder_.path("page.html").c_str(), list.address());
+        std::printf("<!-- end -->");
+    });
+    EXPECT_EQ(output,
+              "Content-Type: text/html\r\n\r\n<" + std::string(4096, 'v') + ">\n<!-- end -->");
+}
+
+TEST_F(PageTemplate, ListCanBeUsedForASecondTemplate) {
+    folder_.write("head.html", "$a\n");
+    folder_.write("body.html", "$a $b\n");
+    OwnedList list(Fields{{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    const std::string output = capture_stdout([&] {
+        print_html(folder_.path("head.html").c_str(), list.address());
+        print_html(folder_.path("body.html").c_str(), list.address());
+    });
+    EXPECT_EQ(output, "1\n$a 2\n");
+    EXPECT_EQ(contents(list.head()), (Fields{{"c", "3"}}));
+}
+
+// ----------------------------------------------------------------------- comparison with the rule
+// --
+
+class RandomText {
+  public:
+    explicit RandomText(unsigned seed) : engine_(seed) {}
+
+    std::size_t below(std::size_t limit) { return engine_() % limit; }
+
+    std::string text(std::string_view alphabet, std::size_t longest) {
+        std::string result;
+        for (std::size_t length = below(longest + 1); length > 0; --length)
+            result += alphabet[below(alphabet.size())];
+        return result;
+    }
+
+  private:
+    std::mt19937 engine_;
+};
+
+struct SmallCase {
+    std::string page_template;
+    Fields fields;
+};
+
+SmallCase small_case(RandomText &random) {
+    SmallCase small{random.text("$$ab\n", 24), {}};
+    for (std::size_t count = random.below(7); count > 0; --count)
+        small.fields.emplace_back(random.text("ab$", 2), random.text("$$ab\n", 6));
+    return small;
+}
+
+/** A template in memory: files on a disk would take most of the time of many small cases. */
+class TemplateInMemory {
+  public:
+    TemplateInMemory() : descriptor_(memfd_create("template", MFD_CLOEXEC)) {}
+    TemplateInMemory(const TemplateInMemory &) = delete;
+    TemplateInMemory &operator=(const TemplateInMemory &) = delete;
+    ~TemplateInMemory() { close(descriptor_); }
+
+    void write(const std::string &text) const {
+        ASSERT_EQ(ftruncate(descriptor_, 0), 0);
+        ASSERT_EQ(pwrite(descriptor_, text.data(), text.size(), 0),
+                  static_cast<ssize_t>(text.size()));
+    }
+    [[nodiscard]] std::string path() const { return numbered("/proc/self/fd/", descriptor_); }
+
+  private:
+    int descriptor_;
+};
+
+/** What each of the cases gives. Their pages are taken in one go, with a mark behind each. */
+std::vector<Filled> all_filled(const std::vector<SmallCase> &cases) {
+    constexpr char mark = '\x01';
+    const TemplateInMemory file;
+    std::vector<Filled> results;
+    std::string pages = capture_stdout([&] {
+        for (const SmallCase &small : cases) {
+            file.write(small.page_template);
+            OwnedList list(small.fields);
+            const int result = print_html(file.path().c_str(), list.address());
+            results.push_back({"", contents(list.head()), result});
+            std::putchar(mark);
+        }
+    });
+    for (Filled &result : results) {
+        const std::size_t length = pages.find(mark);
+        result.page = pages.substr(0, length);
+        pages.erase(0, length + 1);
+    }
+    return results;
+}
+
+TEST_F(PageTemplate, SmallRandomTemplatesAndListsAreFilledByTheRule) {
+    RandomText random(20240511);
+    for (int batch = 0; batch < 500; ++batch) {
+        std::vector<SmallCase> cases;
+        while (cases.size() < 100)
+            cases.push_back(small_case(random));
+        const std::vector<Filled> results = all_filled(cases);
+        for (std::size_t i = 0; i < cases.size(); ++i) {
+            ASSERT_EQ(results[i], filled_by_the_rule(cases[i].page_template, cases[i].fields))
+                << "template " << testing::PrintToString(cases[i].page_template) << ", list "
+                << testing::PrintToString(cases[i].fields);
+        }
+    }
+}
+
+TEST_F(PageTemplate, LongRandomTemplatesAndListsAreFilledByTheRule) {
+    RandomText random(19700101);
+    for (int round = 0; round < 300; ++round) {
+        std::string page_template;
+        while (page_template.size() < 8000)
+            page_template += std::string(random.below(1100), '.') + random.text("$$ab\n", 30);
+        Fields fields;
+        for (std::size_t count = random.below(60); count > 0; --count)
+            fields.emplace_back(random.text("ab", 2),
+                                std::string(random.below(4000), '-') + random.text("$$ab\n", 90));
+        ASSERT_TRUE(filled(page_template, fields) == filled_by_the_rule(page_template, fields))
+            << "round " << round;
+    }
+}
+
+// ----------------------------------------------------------------------------------- hidden inputs
+// --
+
+std::string listed(const str_node *list, int expected_result = 0) {
+    return capture_stdout([&] { EXPECT_EQ(generate_hidder_from_list(list), expected_result); });
+}
+
+TEST(HiddenInputs, EachFieldOfAListGetsAnInputWithItsMarkerAsTheValue) {
+    const OwnedList list(Fields{{"ip", "10.0.0.1"}, {"mask", ""}, {"ip", "10.0.0.2"}});
+    EXPECT_EQ(listed(list.head()), "<input type=\"hidden\" name=\"ip\" value=\"$ip\">\n"
+                                   "<input type=\"hidden\" name=\"mask\" value=\"$mask\">\n"
+                                   "<input type=\"hidden\" name=\"ip\" value=\"$ip\">\n");
+    EXPECT_EQ(contents(list.head()),
+              (Fields{{"ip", "10.0.0.1"}, {"mask", ""}, {"ip", "10.0.0.2"}}));
+}
+
+TEST(HiddenInputs, EmptyListPrintsNothing) { EXPECT_EQ(listed(nullptr), ""); }
+
+TEST(HiddenInputs, FieldNamesArePrintedAsTheyStand) {
+    const std::string longest(254, 'n');
+    const OwnedList list(Fields{{"", "1"}, {"a\"<%s>\\", "2"}, {longest, "3"}});
+    EXPECT_EQ(listed(list.head()),
+              "<input type=\"hidden\" name=\"\" value=\"$\">\n"
+              "<input type=\"hidden\" name=\"a\"<%s>\\\" value=\"$a\"<%s>\\\">\n"
+              "<input type=\"hidden\" name=\"" +
+                  longest + "\" value=\"$" + longest + "\">\n");
+}
+
+TEST(HiddenInputs, PrintedInputsAreATemplateThatTheSameListFills) {
+    const TemporaryFolder folder;
+    OwnedList list(Fields{{"ip", "10.0.0.1"}, {"mask", "255.0.0.0"}});
+    folder.write("inputs.html", listed(list.head()));
+    const std::string page =
+        capture_stdout([&] { print_html(folder.path("inputs.html").c_str(), list.address()); });
+    EXPECT_EQ(page, "<input type=\"hidden\" name=\"ip\" value=\"10.0.0.1\">\n"
+                    "<input type=\"hidden\" name=\"mask\" value=\"255.0.0.0\">\n");
+    EXPECT_EQ(list.head(), nullptr);
+}
+
+/** A row with texts of the test's own; the decoders leave the sizes alone, so they are nonsense. */
+prop_entry row(std::string &name, std::string &value) {
+    return {0xFFFFFFFFU, 0, name.data(), value.data()};
+}
+
+std::string rows_listed(const prop_entry *table, int count) {
+    return capture_stdout([&] { EXPECT_EQ(generate_hidder_from_prop(table, count), 0); });
+}
+
+TEST(HiddenInputs, EachRowOfATableGetsABracedMarkerAndThenAQuotedNameWithAComma) {
+    std::string ip = "ip";
+    std::string mask = "mask";
+    std::string value = "\"10.0.0.1\"";
+    const std::array table{row(ip, value), row(mask, value)};
+    EXPECT_EQ(rows_listed(table.data(), 2),
+              "<input type=\"hidden\" name=\"ip\" value=\"${ip}\">\n"
+              "<input type=\"hidden\" name=\"mask\" value=\"${mask}\">\n"
+              "\"ip\",\n"
+              "\"mask\",\n");
+    EXPECT_EQ(rows_listed(table.data(), 1),
+              "<input type=\"hidden\" name=\"ip\" value=\"${ip}\">\n\"ip\",\n");
+    EXPECT_EQ(value, "\"10.0.0.1\"");
+}
+
+TEST(HiddenInputs, CountOfZeroOrLessPrintsNothing) {
+    std::string text = "ip";
+    const std::array table{row(text, text)};
+    for (const int count : {0, -1, -2147483647 - 1})
+        EXPECT_EQ(rows_listed(table.data(), count), "") << count;
+    EXPECT_EQ(rows_listed(nullptr, 0), "");
+}
+
+TEST(HiddenInputs, RowWithoutANameHasTheEmptyName) {
+    const std::array<prop_entry, 1> table{};
+    EXPECT_EQ(rows_listed(table.data(), 1),
+              "<input type=\"hidden\" name=\"\" value=\"${}\">\n\"\",\n");
+}
+
+TEST(HiddenInputs, LongRowNamesAreNotCut) {
+    std::string name(100000, 'n');
+    std::string value;
+    const std::array table{row(name, value)};
+    EXPECT_EQ(rows_listed(table.data(), 1), "<input type=\"hidden\" name=\"" + name +
+                                                "\" value=\"${" + name + "}\">\n\"" + name +
+                                                "\",\n");
+}
+
+TEST(HiddenInputs, StandBetweenWhatTheProgramPrintsBeforeAndAfter) {
+    const OwnedList list(Fields{{"ip", "1"}});
+    std::string name = "ip";
+    std::string value;
+    const std::array table{row(name, value)};
+    const std::string output = capture_stdout([&] {
+        std::printf("1");
+        generate_hidder_from_list(list.head());
+        std::printf("2");
+        generate_hidder_from_prop(table.data(), 1);
+        std::printf("3");
+    });
+    EXPECT_EQ(output, "1<input type=\"hidden\" name=\"ip\" value=\"$ip\">\n"
+                      "2<input type=\"hidden\" name=\"ip\" value=\"${ip}\">\n\"ip\",\n3");
+}
+
+// ---------------------------------------------------------------------------------- silent listing
+// --
+
+TEST(FieldListing, PrintsNothingAnywhere) {
+    const OwnedList list(Fields{{"ip", "10.0.0.1"}, {"%s%n", "%d"}});
+    int result = -1;
+    std::string errors;
+    const std::string output =
+        capture_stdout([&] { errors = capture_stderr([&] { result = print_list(list.head()); }); });
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(errors, "");
+    EXPECT_EQ(print_list(nullptr), 0);
+}
+
+} // namespace
+} // namespace corvel_test
