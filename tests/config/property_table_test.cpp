@@ -1,0 +1,868 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include "config/property_rows.h"
+#include "support/child_process.h"
+#include "support/environment.h"
+#include "support/output_capture.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace {
+
+using namespace corvel_test;
+using namespace std::string_literals;
+
+/** The size that a row's value block is said to have; one zero byte more lies behind it. */
+constexpr std::size_t value_size = 257;
+
+std::size_t open_descriptors() {
+    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+Rows loaded(char separator, std::string_view text) {
+    const TemporaryFolder folder;
+    folder.write("conf", text);
+    PropertyTable table(32);
+    table.load(separator, folder.path("conf"));
+    return table.rows();
+}
+
+/** A line of an exact length (its line end not counted) that gives a row with the name. */
+std::string line_of(const std::string &name, std::size_t length) {
+    return name + "=" + std::string(length - name.size() - 1, 'v');
+}
+
+std::optional<std::string> value_of(PropertyTable &table, const std::string &name) {
+    std::array<char, 256> value;
+    value.fill('?');
+    if (get_prop(name.c_str(), value.data(), table.data(), table.count()) == nullptr)
+        return std::nullopt;
+    return value.data();
+}
+
+/** Whether each byte of a row's value block behind a length, the extra one included, is zero. */
+bool zero_behind(const prop_entry &row, std::size_t length) {
+    return std::all_of(row.value + length, row.value + value_size + 1,
+                       [](char byte) { return byte == '\0'; });
+}
+
+TEST(LoadProp, GivesNoRowsForAMissingFile) {
+    const TemporaryFolder folder;
+    PropertyTable table;
+    EXPECT_EQ(table.load('=', folder.path("none")), 0);
+}
+
+TEST(LoadProp, GivesNoRowsForAFolder) {
+    const TemporaryFolder folder;
+    PropertyTable table;
+    EXPECT_EQ(table.load('=', folder.path()), 0);
+}
+
+TEST(LoadProp, GivesNoRowsForANullPath) {
+    PropertyTable table;
+    EXPECT_EQ(load_prop('=', nullptr, table.data()), 0);
+}
+
+TEST(LoadProp, GivesNoRowsForAFileThatMayNotBeRead) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    ASSERT_EQ(chmod(folder.path("conf").c_str(), 0), 0);
+    expect_as_ordinary_user([&] {
+        PropertyTable table;
+        EXPECT_EQ(table.load('=', folder.path("conf")), 0);
+    });
+}
+
+TEST(LoadProp, GivesNoRowsForAFileThatOpensButCannotBeRead) {
+    PropertyTable table;
+    EXPECT_EQ(table.load('=', "/proc/self/mem"), 0);
+}
+
+TEST(LoadProp, GivesNoRowsForAnEmptyFile) { EXPECT_EQ(loaded('=', ""), Rows{}); }
+
+TEST(LoadProp, PrintsNothing) {
+    const auto load = [] {
+        PropertyTable table;
+        table.load('=', "/none");
+    };
+    EXPECT_EQ(capture_stdout(load), "");
+    EXPECT_EQ(capture_stderr(load), "");
+}
+
+TEST(LoadProp, ReadsEachLineIntoARow) {
+    EXPECT_EQ(loaded('=', "A=1\nB=2\nC=3\n"), (Rows{{"A", "1"}, {"B", "2"}, {"C", "3"}}));
+}
+
+TEST(LoadProp, SplitsAtTheEqualsSign) {
+    EXPECT_EQ(loaded('=', "A=1 2\t3\n"), (Rows{{"A", "1 2\t3"}}));
+}
+
+TEST(LoadProp, SplitsAtTheBlank) {
+    EXPECT_EQ(loaded(' ', "A 1=2\t3 4\n"), (Rows{{"A", "1=2\t3 4"}}));
+}
+
+TEST(LoadProp, SplitsAtTheTab) { EXPECT_EQ(loaded('\t', "A\t1=2 3\n"), (Rows{{"A", "1=2 3"}})); }
+
+TEST(LoadProp, TakesAnyOtherSeparatorForTheTab) {
+    for (const char separator : {':', 't', '\0', '\n', '\xff'})
+        EXPECT_EQ(loaded(separator, "A\t1\nB:2\n"), (Rows{{"A", "1"}})) << int{separator};
+}
+
+TEST(LoadProp, SkipsComments) {
+    EXPECT_EQ(loaded('=', "# NAME=1\n#NAME=2\n#\nA=1\n"), (Rows{{"A", "1"}}));
+}
+
+TEST(LoadProp, TakesALineWithBlanksInFrontOfTheHashForAnOrdinaryOne) {
+    EXPECT_EQ(loaded('=', " # NAME=1\n"), (Rows{{"#", "1"}}));
+}
+
+TEST(LoadProp, SkipsLinesWithoutASeparator) {
+    EXPECT_EQ(loaded('=', "\nA\nA 1\n   \nB=2\n"), (Rows{{"B", "2"}}));
+}
+
+TEST(LoadProp, ReadsOnBehindSetenv) {
+    EXPECT_EQ(loaded(' ', "setenv WAN_IP 1.2.3.4\n"), (Rows{{"WAN_IP", "1.2.3.4"}}));
+    EXPECT_EQ(loaded('=', "setenv WAN_IP 1.2.3.4\n"), Rows{});
+    EXPECT_EQ(loaded('=', "setenv WAN_IP=1.2.3.4\n"), (Rows{{"WAN_IP", "1.2.3.4"}}));
+}
+
+TEST(LoadProp, FindsSetenvAnywhereInTheLine) {
+    EXPECT_EQ(loaded('=', "export; setenv A=1\n"), (Rows{{"A", "1"}}));
+    EXPECT_EQ(loaded('=', "B=2;setenv A=1\n"), (Rows{{"A", "1"}}));
+    EXPECT_EQ(loaded('=', "A=xsetenv \n"), Rows{});
+}
+
+TEST(LoadProp, ReadsOnBehindTheFirstSetenvOnly) {
+    EXPECT_EQ(loaded(' ', "setenv setenv A B\n"), (Rows{{"setenv", "A B"}}));
+}
+
+TEST(LoadProp, NeedsTheBlankBehindSetenv) {
+    EXPECT_EQ(loaded('=', "setenv\tA=1\n"), (Rows{{"setenv", "1"}}));
+    EXPECT_EQ(loaded('=', "setenv=1\n"), (Rows{{"setenv", "1"}}));
+}
+
+TEST(LoadProp, TakesALineThatBeginsWithAHashForACommentInSpiteOfSetenv) {
+    EXPECT_EQ(loaded('=', "#setenv A=1\n"), Rows{});
+    EXPECT_EQ(loaded('=', "setenv #A=1\n"), (Rows{{"#A", "1"}}));
+}
+
+TEST(LoadProp, SplitsAtTheFirstSeparatorOnly) {
+    EXPECT_EQ(loaded('=', "A=B=C\n"), (Rows{{"A", "B=C"}}));
+    EXPECT_EQ(loaded('=', "A==\n"), (Rows{{"A", "="}}));
+}
+
+TEST(LoadProp, TakesTheFirstWordInFrontOfTheSeparatorForTheName) {
+    EXPECT_EQ(loaded('=', "  NAME =x\n"), (Rows{{"NAME", "x"}}));
+    EXPECT_EQ(loaded('=', "\tNAME OTHER=x\n"), (Rows{{"NAME", "x"}}));
+    EXPECT_EQ(loaded('=', "A\vB=1\nC\fD=2\nE\rF=3\n"), (Rows{{"A", "1"}, {"C", "2"}, {"E", "3"}}));
+    EXPECT_EQ(loaded('\t', "NAME OTHER\tx\n"), (Rows{{"NAME", "x"}}));
+}
+
+TEST(LoadProp, GivesAnEmptyNameWhereNoWordStandsInFrontOfTheSeparator) {
+    EXPECT_EQ(loaded('=', "=x\n"), (Rows{{"", "x"}}));
+    EXPECT_EQ(loaded('=', " \t \v =x\n"), (Rows{{"", "x"}}));
+    EXPECT_EQ(loaded(' ', " NAME x\n"), (Rows{{"", "NAME x"}}));
+}
+
+TEST(LoadProp, KeepsTheValueExactlyAsItStands) {
+    EXPECT_EQ(loaded('=', "NAME=\"a b\"\n"), (Rows{{"NAME", "\"a b\""}}));
+    EXPECT_EQ(loaded('=', "NAME= x \t\n"), (Rows{{"NAME", " x \t"}}));
+    EXPECT_EQ(loaded('=', "NAME=x\r\n"), (Rows{{"NAME", "x\r"}}));
+    EXPECT_EQ(loaded('=', "NAME=\n"), (Rows{{"NAME", ""}}));
+    EXPECT_EQ(loaded('=', "NAME=\x01\x80\xff\n"), (Rows{{"NAME", "\x01\x80\xff"}}));
+}
+
+TEST(LoadProp, KeepsBytesAbove127InNames) {
+    EXPECT_EQ(loaded('=', "caf\xc3\xa9=1\n\xa0\x85=2\n"),
+              (Rows{{"caf\xc3\xa9", "1"}, {"\xa0\x85", "2"}}));
+}
+
+TEST(LoadProp, GivesARowForEachOfSeveralLinesWithTheSameName) {
+    EXPECT_EQ(loaded('=', "A=1\nA=2\nA=1\n"), (Rows{{"A", "1"}, {"A", "2"}, {"A", "1"}}));
+}
+
+TEST(LoadProp, DoesNotReadALastLineWithoutALineEnd) {
+    EXPECT_EQ(loaded('=', "A=1\nB=2"), (Rows{{"A", "1"}}));
+    EXPECT_EQ(loaded('=', "A=1"), Rows{});
+}
+
+TEST(LoadProp, CutsALineAtANul) {
+    EXPECT_EQ(loaded('=', "A=1\0B=2\nC=3\n"s), (Rows{{"A", "1"}, {"C", "3"}}));
+    EXPECT_EQ(loaded('=', "\0A=1\nC=3\n"s), (Rows{{"C", "3"}}));
+    EXPECT_EQ(loaded('=', "A\0=1\n\0\nC=3\n"s), (Rows{{"C", "3"}}));
+    EXPECT_EQ(loaded('=', "A=1\0"s), Rows{});
+}
+
+TEST(LoadProp, ReadsALineOf1022CharactersWhole) {
+    const std::string text = line_of("A", 1022) + "\nB=2\n";
+    const Rows rows = loaded('=', text);
+    EXPECT_EQ(rows, (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
+}
+
+TEST(LoadProp, TakesALineOf1023CharactersForALineAndAnEmptyOne) {
+    const std::string text = line_of("A", 1023) + "\nB=2\n";
+    EXPECT_EQ(loaded('=', text), (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
+}
+
+TEST(LoadProp, TakesWhatIsBehind1023CharactersForALineOfItsOwn) {
+    const std::string first = line_of("A", 1023);
+    EXPECT_EQ(loaded('=', first + "=\nB=2\n"),
+              (Rows{{"A", std::string(257, 'v')}, {"", ""}, {"B", "2"}}));
+    EXPECT_EQ(loaded('=', first + "C=1\nB=2\n"),
+              (Rows{{"A", std::string(257, 'v')}, {"C", "1"}, {"B", "2"}}));
+    EXPECT_EQ(loaded('=', first + "#C=1\nB=2\n"), (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
+}
+
+TEST(LoadProp, TakesALineOf3000CharactersInThreePieces) {
+    const std::string text =
+        line_of("A", 1023) + line_of("B", 1023) + line_of("C", 954) + "\nD=4\n";
+    const std::string value(257, 'v');
+    EXPECT_EQ(loaded('=', text), (Rows{{"A", value}, {"B", value}, {"C", value}, {"D", "4"}}));
+}
+
+TEST(LoadProp, ReadsALastPieceOf1023CharactersThoughItHasNoLineEnd) {
+    const std::string value(257, 'v');
+    EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1022)), (Rows{{"A", "1"}}));
+    EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1023)), (Rows{{"A", "1"}, {"B", value}}));
+    EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1023) + "C=1"), (Rows{{"A", "1"}, {"B", value}}));
+}
+
+TEST(LoadProp, KeepsNamesOfAnyLength) {
+    const std::string name(1020, 'n');
+    EXPECT_EQ(loaded('=', name + "=1\n"), (Rows{{name, "1"}}));
+}
+
+TEST(LoadProp, FindsNoSetenvThatIsCutInTwo) {
+    EXPECT_EQ(loaded('=', std::string(1018, 'x') + "setenv A=1\n"), (Rows{{"v", "1"}}));
+}
+
+TEST(LoadProp, CutsAValueAt257CharactersAndTerminatesIt) {
+    for (std::size_t length = 254; length <= 260; ++length) {
+        const TemporaryFolder folder;
+        folder.write("conf", "A=" + std::string(length, 'v') + "\n");
+        PropertyTable table;
+        ASSERT_EQ(table.load('=', folder.path("conf")), 1);
+        const std::size_t kept = std::min(length, value_size);
+        EXPECT_EQ(table.rows(), (Rows{{"A", std::string(kept, 'v')}}));
+        EXPECT_EQ(table.row(0).value_size, value_size);
+        EXPECT_EQ(table.row(0).value[value_size], '\0');
+    }
+}
+
+TEST(LoadProp, FillsTheRestOfTheValueBlockWithZeros) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=xyz\n");
+    PropertyTable table;
+    ASSERT_EQ(table.load('=', folder.path("conf")), 1);
+    EXPECT_TRUE(zero_behind(table.row(0), 3));
+}
+
+TEST(LoadProp, TellsTheSizeOfTheTextInFrontOfTheSeparator) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n  NAME =2\nsetenv  BC=3\n=4\n");
+    PropertyTable table;
+    ASSERT_EQ(table.load('=', folder.path("conf")), 4);
+    EXPECT_EQ(table.row(0).name_size, 2U);
+    EXPECT_EQ(table.row(1).name_size, 8U);
+    EXPECT_EQ(table.row(2).name_size, 4U);
+    EXPECT_EQ(table.row(3).name_size, 1U);
+}
+
+TEST(LoadProp, FillsTheTableFromItsFirstRow) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    std::array<prop_entry, 2> table{};
+    char behind = 'b';
+    table[1] = {1, 2, &behind, &behind};
+    ASSERT_EQ(load_prop('=', folder.path("conf").c_str(), table.data()), 1);
+    EXPECT_STREQ(table[0].name, "A");
+    EXPECT_EQ(table[1].name, &behind);
+    free_prop(table.data(), 1);
+}
+
+TEST(LoadProp, TouchesNoRowBehindThoseOfTheFile) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n#\nB\n\n=");
+    std::array<prop_entry, 2> table{};
+    ASSERT_EQ(load_prop('=', folder.path("conf").c_str(), table.data()), 1);
+    EXPECT_EQ(table[1].name, nullptr);
+    EXPECT_EQ(table[1].name_size, 0U);
+    free_prop(table.data(), 1);
+}
+
+TEST(LoadProp, LoadsTenThousandLines) {
+    const TemporaryFolder folder;
+    std::string text;
+    Rows expected;
+    for (int i = 0; i < 10000; ++i) {
+        const std::string number = std::to_string(i);
+        text.append("NAME_").append(number).append("=\"").append(number).append("\"\n");
+        expected.emplace_back("NAME_" + number, "\"" + number + "\"");
+    }
+    folder.write("conf", text);
+    PropertyTable table(10000);
+    EXPECT_EQ(table.load('=', folder.path("conf")), 10000);
+    EXPECT_EQ(table.rows(), expected);
+}
+
+TEST(LoadProp, ClosesTheFile) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    const std::size_t before = open_descriptors();
+    for (const std::string &path : {folder.path("conf"), folder.path("none"), folder.path()}) {
+        PropertyTable table;
+        table.load('=', path);
+    }
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(LoadProp, LeavesTheFileAsItIs) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\nB");
+    PropertyTable table;
+    table.load('=', folder.path("conf"));
+    EXPECT_EQ(folder.read("conf"), "A=1\nB");
+    EXPECT_EQ(folder.names(), std::vector<std::string>{"conf"});
+}
+
+TEST(LoadProp, EndsAtAReadError) {
+    const TemporaryFolder folder;
+    std::string text;
+    for (int i = 0; i < 10000; ++i)
+        text.append("NAME=").append(std::to_string(i)).append("\n");
+    folder.write("conf", text);
+    for (const stand_in_call call : {call_read, call_fgets, call_fread}) {
+        PropertyTable table(10000);
+        const FailCall second_read(call, 2, EIO, FailCall::from_then_on);
+        table.load('=', folder.path("conf"));
+        if (second_read.failures() != 0)
+            EXPECT_LT(table.count(), 10000);
+        else
+            EXPECT_EQ(table.count(), 10000);
+        // What was read before is there, and no part of a line.
+        int expected = 0;
+        for (const auto &[name, value] : table.rows())
+            EXPECT_EQ(value, std::to_string(expected++));
+    }
+}
+
+TEST(LoadProp, GoesOnReadingAfterASignal) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    PropertyTable table;
+    const FailCall signal(call_read, 1, EINTR);
+    EXPECT_EQ(table.load('=', folder.path("conf")), 1);
+}
+
+TEST(LoadProp, ReadsAFileThatComesInPieces) {
+    std::string text;
+    Rows expected;
+    for (int i = 0; i < 3000; ++i) {
+        expected.emplace_back("NAME_" + std::to_string(i),
+                              std::string(static_cast<std::size_t>(i) % 90, 'v'));
+        text.append(expected.back().first).append("=").append(expected.back().second).append("\n");
+    }
+    const StandardInput input(text, StandardInput::Kind::pipe);
+    PropertyTable table(3000);
+    table.load('=', "/dev/fd/0");
+    EXPECT_EQ(table.rows(), expected);
+}
+
+TEST(LoadProp, LeavesOutTheRowThatCannotBeAllocated) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\nB=2\nC=3\n");
+    const std::string path = folder.path("conf");
+    const Rows all = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
+    const unsigned long failures = for_each_allocation_failure(
+        [&](AllocationTrial &trial) {
+            PropertyTable table;
+            trial.run([&] { table.load('=', path); });
+            Rows expected = all;
+            if (trial.failed())
+                expected.erase(expected.begin() + static_cast<std::ptrdiff_t>((trial.n() - 1) / 2));
+            EXPECT_EQ(table.rows(), expected) << "allocation " << trial.n();
+            EXPECT_EQ(table.row(static_cast<std::size_t>(table.count())).name, nullptr);
+        },
+        Allocations::outside_c_library);
+    EXPECT_EQ(failures, 6U);
+}
+
+TEST(LoadProp, LeaksNothingWhicheverAllocationFails) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\nB=2\n");
+    const std::string path = folder.path("conf");
+    const std::size_t before = open_descriptors();
+    for_each_allocation_failure([&](AllocationTrial &trial) {
+        PropertyTable table;
+        const int count = trial.run([&] { return table.load('=', path); });
+        EXPECT_GE(count, 0);
+        EXPECT_LE(count, 2);
+    });
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(GetPr, FillsARow) {
+    prop_entry row{};
+    std::string line = "setenv  NAME =\"a b\"";
+    EXPECT_EQ(get_pr('=', line.data(), &row), 1);
+    EXPECT_STREQ(row.name, "NAME");
+    EXPECT_STREQ(row.value, "\"a b\"");
+    EXPECT_EQ(row.name_size, 7U);
+    EXPECT_EQ(row.value_size, value_size);
+    EXPECT_TRUE(zero_behind(row, 5));
+    free_prop(&row, 1);
+}
+
+TEST(GetPr, CutsTheLineAtTheSeparator) {
+    prop_entry row{};
+    std::string line = "A=B=C";
+    ASSERT_EQ(get_pr('=', line.data(), &row), 1);
+    EXPECT_EQ(line, "A\0B=C"s);
+    free_prop(&row, 1);
+}
+
+TEST(GetPr, LeavesRowAndLineAloneForACommentAndForALineWithoutASeparator) {
+    char mark = 'm';
+    for (const std::string text : {"# A=1", "", "A", "setenv A 1", "A=1setenv "}) {
+        prop_entry row = {1, 2, &mark, &mark};
+        std::string line = text;
+        EXPECT_EQ(get_pr('=', line.data(), &row), 0) << text;
+        EXPECT_EQ(line, text);
+        EXPECT_EQ(row.name_size, 1U);
+        EXPECT_EQ(row.value_size, 2U);
+        EXPECT_EQ(row.name, &mark);
+        EXPECT_EQ(row.value, &mark);
+    }
+}
+
+TEST(GetPr, SplitsAtEachSeparator) {
+    const auto split = [](signed char separator) {
+        prop_entry row{};
+        std::string line = "A\tB C=D";
+        EXPECT_EQ(get_pr(separator, line.data(), &row), 1);
+        const std::string value = row.value;
+        free_prop(&row, 1);
+        return value;
+    };
+    EXPECT_EQ(split('='), "D");
+    EXPECT_EQ(split(' '), "C=D");
+    EXPECT_EQ(split('\t'), "B C=D");
+    EXPECT_EQ(split(';'), "B C=D");
+}
+
+TEST(GetPr, OverwritesWhatTheRowHeld) {
+    char mark = 'm';
+    prop_entry row = {1, 2, &mark, &mark};
+    std::string line = "A=1";
+    ASSERT_EQ(get_pr('=', line.data(), &row), 1);
+    EXPECT_STREQ(row.name, "A");
+    EXPECT_EQ(mark, 'm');
+    free_prop(&row, 1);
+}
+
+TEST(GetPr, KeepsALineEndThatTheCallerLeft) {
+    prop_entry row{};
+    std::string line = "A=1\n";
+    ASSERT_EQ(get_pr('=', line.data(), &row), 1);
+    EXPECT_STREQ(row.value, "1\n");
+    free_prop(&row, 1);
+}
+
+TEST(GetPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
+    char mark = 'm';
+    const unsigned long failures = for_each_allocation_failure([&](AllocationTrial &trial) {
+        prop_entry row = {1, 2, &mark, &mark};
+        std::string line = "A=1";
+        const int filled = trial.run([&] { return get_pr('=', line.data(), &row); });
+        EXPECT_EQ(filled, trial.failed() ? 0 : 1);
+        if (filled == 1) {
+            free_prop(&row, 1);
+            return;
+        }
+        EXPECT_EQ(row.name_size, 1U);
+        EXPECT_EQ(row.value_size, 2U);
+        EXPECT_EQ(row.name, &mark);
+        EXPECT_EQ(row.value, &mark);
+    });
+    EXPECT_EQ(failures, 2U);
+}
+
+TEST(GetProp, RemovesOneDoubleQuoteFromEachEnd) {
+    PropertyTable table(
+        Rows{{"A", "\"a b\""}, {"B", "plain"}, {"C", "\"\"x\"\""}, {"D", "\"x"}, {"E", "\""}});
+    EXPECT_EQ(value_of(table, "A"), "a b");
+    EXPECT_EQ(value_of(table, "B"), "plain");
+    EXPECT_EQ(value_of(table, "C"), "\"x\"");
+    EXPECT_EQ(value_of(table, "D"), "x");
+    EXPECT_EQ(value_of(table, "E"), "");
+}
+
+TEST(GetProp, ReturnsTheCallersBuffer) {
+    PropertyTable table(Rows{{"A", "1"}});
+    std::array<char, 256> value{};
+    EXPECT_EQ(get_prop("A", value.data(), table.data(), table.count()), value.data());
+}
+
+TEST(GetProp, LeavesTheBufferUntouchedIfThereIsNoSuchName) {
+    PropertyTable table(Rows{{"A", "1"}});
+    std::array<char, 256> value;
+    value.fill('?');
+    EXPECT_EQ(get_prop("B", value.data(), table.data(), table.count()), nullptr);
+    EXPECT_EQ(std::count(value.begin(), value.end(), '?'), 256);
+}
+
+TEST(GetProp, LeavesTheRowAsItIs) {
+    PropertyTable table(Rows{{"A", "\"1\""}});
+    EXPECT_EQ(value_of(table, "A"), "1");
+    EXPECT_EQ(table.rows(), (Rows{{"A", "\"1\""}}));
+}
+
+TEST(GetProp, FindsTheFirstRowWithTheName) {
+    PropertyTable table(Rows{{"B", "0"}, {"A", "1"}, {"A", "2"}});
+    EXPECT_EQ(value_of(table, "A"), "1");
+}
+
+TEST(GetProp, ComparesNamesByteByByte) {
+    PropertyTable table(Rows{{"name", "1"}, {"NAME", "2"}, {"NAM", "3"}, {"\xe9", "4"}});
+    EXPECT_EQ(value_of(table, "NAME"), "2");
+    EXPECT_EQ(value_of(table, "NAM"), "3");
+    EXPECT_EQ(value_of(table, "NAMEX"), std::nullopt);
+    EXPECT_EQ(value_of(table, "Name"), std::nullopt);
+    EXPECT_EQ(value_of(table, "\xe9"), "4");
+    EXPECT_EQ(value_of(table, ""), std::nullopt);
+}
+
+TEST(GetProp, CutsAValueTo255CharactersBeforeTheQuotesAreRemoved) {
+    const std::string filler(300, 'v');
+    PropertyTable table(Rows{{"255", filler.substr(0, 255)},
+                             {"256", filler.substr(0, 256)},
+                             {"257", filler.substr(0, 257)},
+                             {"quoted 255", "\"" + filler.substr(0, 253) + "\""},
+                             {"quoted 256", "\"" + filler.substr(0, 254) + "\""}});
+    EXPECT_EQ(value_of(table, "255"), filler.substr(0, 255));
+    EXPECT_EQ(value_of(table, "256"), filler.substr(0, 255));
+    EXPECT_EQ(value_of(table, "257"), filler.substr(0, 255));
+    EXPECT_EQ(value_of(table, "quoted 255"), filler.substr(0, 253));
+    EXPECT_EQ(value_of(table, "quoted 256"), filler.substr(0, 254));
+}
+
+TEST(GetProp, NeverWritesBeyond256Bytes) {
+    PropertyTable table(Rows{{"A", std::string(257, 'v')}});
+    std::array<char, 300> value;
+    value.fill('?');
+    get_prop("A", value.data(), table.data(), table.count());
+    EXPECT_EQ(value[255], '\0');
+    EXPECT_EQ(std::count(value.begin() + 256, value.end(), '?'), 44);
+}
+
+TEST(GetProp, FindsNothingInANegativeCountOfRows) {
+    PropertyTable table(Rows{{"A", "1"}});
+    std::array<char, 256> value{};
+    EXPECT_EQ(get_prop("A", value.data(), table.data(), -1), nullptr);
+    EXPECT_EQ(get_prop("A", value.data(), table.data(), 0), nullptr);
+    EXPECT_EQ(get_prop("A", value.data(), nullptr, 0), nullptr);
+}
+
+TEST(GetProp, LooksAtTheRowsInUseOnly) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    std::array<char, 256> value{};
+    EXPECT_EQ(get_prop("B", value.data(), table.data(), 1), nullptr);
+}
+
+TEST(GetProp, TakesANullNameForTheEmptyText) {
+    PropertyTable table(Rows{{"A", "1"}, {"", "2"}});
+    std::array<char, 256> value{};
+    EXPECT_EQ(get_prop(nullptr, value.data(), table.data(), table.count()), value.data());
+    EXPECT_STREQ(value.data(), "2");
+}
+
+TEST(GetProp, PassesOverRowsThatWereFreed) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    free_prop(table.data(), 1);
+    EXPECT_EQ(value_of(table, "A"), std::nullopt);
+    EXPECT_EQ(value_of(table, ""), std::nullopt);
+    EXPECT_EQ(value_of(table, "B"), "2");
+}
+
+TEST(GetProp, ReadsARowOfARequestThatHasNoSizes) {
+    std::string name = "A";
+    std::string value = "\"1\"";
+    const prop_entry row = {0, 0, name.data(), value.data()};
+    std::array<char, 256> found{};
+    ASSERT_NE(get_prop("A", found.data(), &row, 1), nullptr);
+    EXPECT_STREQ(found.data(), "1");
+}
+
+TEST(SetProp, ReplacesTheValueAndReturnsTheIndex) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    EXPECT_EQ(table.set("B", "new"), 1);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "new"}}));
+}
+
+TEST(SetProp, ReturnsTheCountAndAddsNothingIfThereIsNoSuchName) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    EXPECT_EQ(table.set("C", "new"), 2);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "2"}}));
+    EXPECT_EQ(table.row(2).name, nullptr);
+}
+
+TEST(SetProp, ChangesTheFirstRowWithTheNameOnly) {
+    PropertyTable table(Rows{{"A", "1"}, {"A", "2"}});
+    EXPECT_EQ(table.set("A", "new"), 0);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "new"}, {"A", "2"}}));
+}
+
+TEST(SetProp, Keeps256Characters) {
+    const std::string filler(300, 'v');
+    for (const std::size_t length : {0U, 255U, 256U, 257U, 300U}) {
+        PropertyTable table(Rows{{"A", std::string(257, 'o')}});
+        table.set("A", filler.substr(0, length));
+        EXPECT_EQ(table.row(0).value, filler.substr(0, std::min<std::size_t>(length, 256)));
+        EXPECT_EQ(table.row(0).value[value_size], '\0');
+        EXPECT_EQ(table.row(0).value_size, value_size);
+    }
+}
+
+TEST(SetProp, StaysInsideTheSizeThatTheRowSays) {
+    std::string name = "A";
+    std::string value = "0123456789";
+    prop_entry row = {0, 4, name.data(), value.data()};
+    EXPECT_EQ(set_prop("A", "abcdefgh", &row, 1), 0);
+    EXPECT_EQ(value, "abc\0"s + "456789");
+}
+
+TEST(SetProp, WritesNothingIntoARowThatHasNoSize) {
+    std::string name = "A";
+    std::string value = "0123456789";
+    prop_entry row = {0, 0, name.data(), value.data()};
+    EXPECT_EQ(set_prop("A", "abc", &row, 1), 0);
+    EXPECT_EQ(value, "0123456789");
+    row.value = nullptr;
+    row.value_size = 257;
+    EXPECT_EQ(set_prop("A", "abc", &row, 1), 0);
+}
+
+TEST(SetProp, TakesANullValueForTheEmptyText) {
+    PropertyTable table(Rows{{"A", "1"}});
+    EXPECT_EQ(set_prop("A", nullptr, table.data(), table.count()), 0);
+    EXPECT_EQ(table.rows(), (Rows{{"A", ""}}));
+}
+
+TEST(SetProp, FindsNothingInANegativeCountOfRows) {
+    PropertyTable table(Rows{{"A", "1"}});
+    EXPECT_EQ(set_prop("A", "new", table.data(), -5), 0);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}}));
+}
+
+TEST(SetProp, AllocatesNothing) {
+    PropertyTable table(Rows{{"A", "1"}});
+    const CountCalls allocations(call_allocation);
+    set_prop("A", "new", table.data(), table.count());
+    EXPECT_EQ(allocations.count(), 0U);
+}
+
+TEST(InsProp, AddsARowBehindTheLastOne) {
+    PropertyTable table(Rows{{"A", "1"}});
+    EXPECT_EQ(table.insert("B", "2"), 2);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "2"}}));
+    EXPECT_EQ(table.row(1).name_size, 2U);
+    EXPECT_EQ(table.row(1).value_size, value_size);
+}
+
+TEST(InsProp, AddsTheFirstRowOfATable) {
+    PropertyTable table;
+    EXPECT_EQ(table.insert("A", "1"), 1);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}}));
+}
+
+TEST(InsProp, ReplacesTheValueOfTheFirstRowWithTheName) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}, {"B", "3"}});
+    EXPECT_EQ(table.insert("B", "new"), 3);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "new"}, {"B", "3"}}));
+}
+
+TEST(InsProp, ZeroesAnExistingValueWhole) {
+    PropertyTable table(Rows{{"A", std::string(257, 'o')}});
+    table.insert("A", "xy");
+    EXPECT_STREQ(table.row(0).value, "xy");
+    EXPECT_TRUE(zero_behind(table.row(0), 2));
+}
+
+TEST(InsProp, Keeps256CharactersOfAnExistingValueAnd257OfANewOne) {
+    const std::string filler(300, 'v');
+    PropertyTable table(Rows{{"old", "1"}});
+    table.insert("old", filler);
+    table.insert("new", filler);
+    EXPECT_EQ(table.rows(), (Rows{{"old", filler.substr(0, 256)}, {"new", filler.substr(0, 257)}}));
+    EXPECT_EQ(table.row(0).value[value_size], '\0');
+    EXPECT_EQ(table.row(1).value[value_size], '\0');
+}
+
+TEST(InsProp, StaysInsideTheSizeThatTheRowSays) {
+    std::string name = "A";
+    std::string value = "0123456789";
+    prop_entry row = {0, 6, name.data(), value.data()};
+    EXPECT_EQ(ins_prop("A", "ab", &row, 1), 1);
+    EXPECT_EQ(value, "ab\0\0\0\0"s + "6789");
+    row.value_size = 0;
+    EXPECT_EQ(ins_prop("A", "xyz", &row, 1), 1);
+    EXPECT_EQ(value, "ab\0\0\0\0"s + "6789");
+}
+
+TEST(InsProp, TakesNullPointersForTheEmptyText) {
+    PropertyTable table;
+    std::array<prop_entry, 2> rows{};
+    EXPECT_EQ(ins_prop(nullptr, nullptr, rows.data(), 0), 1);
+    EXPECT_STREQ(rows[0].name, "");
+    EXPECT_STREQ(rows[0].value, "");
+    EXPECT_EQ(ins_prop("", "x", rows.data(), 1), 1);
+    EXPECT_STREQ(rows[0].value, "x");
+    free_prop(rows.data(), 1);
+}
+
+TEST(InsProp, CountsANegativeCountAsZero) {
+    std::array<prop_entry, 2> rows{};
+    EXPECT_EQ(ins_prop("A", "1", rows.data(), -3), 1);
+    EXPECT_STREQ(rows[0].name, "A");
+    free_prop(rows.data(), 1);
+}
+
+TEST(InsProp, ReturnsTheCountWhenTheRowCannotBeAllocated) {
+    const unsigned long failures = for_each_allocation_failure([](AllocationTrial &trial) {
+        PropertyTable table(Rows{{"A", "1"}});
+        const std::string name = "B";
+        const int count = trial.run([&] { return table.insert(name, name); });
+        EXPECT_EQ(count, trial.failed() ? 1 : 2);
+        EXPECT_EQ(table.rows(),
+                  trial.failed() ? (Rows{{"A", "1"}}) : (Rows{{"A", "1"}, {"B", "B"}}));
+        EXPECT_EQ(table.row(1).name == nullptr, trial.failed());
+    });
+    EXPECT_EQ(failures, 2U);
+}
+
+TEST(InsPr, FillsARow) {
+    prop_entry row{};
+    EXPECT_EQ(ins_pr("a name", "\"a value\"", &row, 77), 1);
+    EXPECT_STREQ(row.name, "a name");
+    EXPECT_STREQ(row.value, "\"a value\"");
+    EXPECT_EQ(row.name_size, 7U);
+    EXPECT_EQ(row.value_size, value_size);
+    EXPECT_TRUE(zero_behind(row, 9));
+    free_prop(&row, 1);
+}
+
+TEST(InsPr, CutsAValueAt257CharactersAndTerminatesIt) {
+    for (std::size_t length = 254; length <= 260; ++length) {
+        prop_entry row{};
+        EXPECT_EQ(ins_pr("A", std::string(length, 'v').c_str(), &row, 0), 1);
+        EXPECT_EQ(row.value, std::string(std::min(length, value_size), 'v'));
+        EXPECT_EQ(row.value[value_size], '\0');
+        free_prop(&row, 1);
+    }
+}
+
+TEST(InsPr, OverwritesWhatTheRowHeld) {
+    char mark = 'm';
+    prop_entry row = {1, 2, &mark, &mark};
+    EXPECT_EQ(ins_pr("A", "1", &row, 0), 1);
+    EXPECT_STREQ(row.name, "A");
+    EXPECT_EQ(mark, 'm');
+    free_prop(&row, 1);
+}
+
+TEST(InsPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
+    char mark = 'm';
+    const unsigned long failures = for_each_allocation_failure([&](AllocationTrial &trial) {
+        prop_entry row = {1, 2, &mark, &mark};
+        const int filled = trial.run([&] { return ins_pr("A", "1", &row, 0); });
+        EXPECT_EQ(filled, trial.failed() ? 0 : 1);
+        if (filled == 1) {
+            free_prop(&row, 1);
+            return;
+        }
+        EXPECT_EQ(row.name_size, 1U);
+        EXPECT_EQ(row.value_size, 2U);
+        EXPECT_EQ(row.name, &mark);
+        EXPECT_EQ(row.value, &mark);
+    });
+    EXPECT_EQ(failures, 2U);
+}
+
+TEST(InsPr, AllocatesBlocksThatTheProgramMayFree) {
+    prop_entry row{};
+    ASSERT_EQ(ins_pr("A", "1", &row, 0), 1);
+    std::free(row.name);
+    std::free(row.value);
+}
+
+TEST(DumpProp, PrintsNothing) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    int result = -1;
+    const auto dump = [&] {
+        result = dump_prop(table.data(), table.count());
+    };
+    EXPECT_EQ(capture_stdout(dump), "");
+    EXPECT_EQ(capture_stderr(dump), "");
+    EXPECT_EQ(result, 0);
+}
+
+TEST(DumpProp, TakesRowsThatWereFreedAndNegativeCounts) {
+    prop_entry row{};
+    EXPECT_EQ(dump_prop(&row, 1), 0);
+    EXPECT_EQ(dump_prop(&row, -1), 0);
+    EXPECT_EQ(dump_prop(nullptr, 0), 0);
+}
+
+TEST(FreeProp, SetsThePointersToNullAndLeavesTheSizes) {
+    PropertyTable table(Rows{{"A", "1"}, {"BC", "2"}});
+    EXPECT_EQ(free_prop(table.data(), table.count()), 1);
+    for (std::size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(table.row(i).name, nullptr);
+        EXPECT_EQ(table.row(i).value, nullptr);
+        EXPECT_EQ(table.row(i).value_size, value_size);
+    }
+    EXPECT_EQ(table.row(1).name_size, 3U);
+}
+
+TEST(FreeProp, IsHarmlessWhenCalledTwice) {
+    PropertyTable table(Rows{{"A", "1"}});
+    EXPECT_EQ(free_prop(table.data(), table.count()), 1);
+    EXPECT_EQ(free_prop(table.data(), table.count()), 1);
+}
+
+TEST(FreeProp, FreesTheRowsInUseOnly) {
+    PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
+    EXPECT_EQ(free_prop(table.data(), 1), 1);
+    EXPECT_EQ(table.row(0).name, nullptr);
+    EXPECT_STREQ(table.row(1).name, "B");
+}
+
+TEST(FreeProp, FreesNothingForANegativeCount) {
+    PropertyTable table(Rows{{"A", "1"}});
+    EXPECT_EQ(free_prop(table.data(), -1), 1);
+    EXPECT_STREQ(table.row(0).name, "A");
+    EXPECT_EQ(free_prop(nullptr, 0), 1);
+}
+
+TEST(FreeProp, FreesEachBlockOfARow) {
+    AllocationTrial nothing_fails(1000, Allocations::all);
+    prop_entry row{};
+    nothing_fails.run([&] { return ins_pr("A", "1", &row, 0); });
+    EXPECT_EQ(stand_in_live_blocks(), 2U);
+    free_prop(&row, 1);
+    EXPECT_EQ(stand_in_live_blocks(), 0U);
+}
+
+} // namespace

@@ -1,0 +1,42 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * Exactly the bytes that a call writes to standard output or standard error, taken at the level of
+ * the file descriptor: what stdio still holds is flushed to its proper place before and after.
+ *
+ *     EXPECT_EQ(capture_stdout([] { printjson_tail1(); }), "\t]");
+ *     EXPECT_EQ(capture_stderr([] { ... }), "");
+ *
+ * run_in_child() of child_process.h does the same for a callable in a process of its own.
+ */
+#ifndef CORVEL_TESTS_OUTPUT_CAPTURE_H
+#define CORVEL_TESTS_OUTPUT_CAPTURE_H
+
+#include "support/child_process.h"
+
+#include <functional>
+#include <string>
+
+namespace corvel_test {
+
+/** A nameless file that takes what is written to a stream. */
+class StreamFile {
+  public:
+    StreamFile();
+    ~StreamFile();
+    StreamFile(const StreamFile &) = delete;
+    StreamFile &operator=(const StreamFile &) = delete;
+
+    [[nodiscard]] int descriptor() const { return descriptor_; }
+    /** All that was written so far. */
+    [[nodiscard]] std::string text() const;
+
+  private:
+    int descriptor_;
+};
+
+[[nodiscard]] std::string capture_stdout(const std::function<void()> &body);
+[[nodiscard]] std::string capture_stderr(const std::function<void()> &body);
+
+} // namespace corvel_test
+
+#endif

@@ -1,0 +1,86 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * The C library's functions that a test program stands in for, and the switches of the stand-ins.
+ * Tests use them through stand_in.h.
+ *
+ * The stand-ins are C, not C++: there the definitions agree with every C library's declarations,
+ * whatever exception specifications those carry.
+ */
+#ifndef CORVEL_TESTS_STAND_IN_CALLS_H
+#define CORVEL_TESTS_STAND_IN_CALLS_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum stand_in_call {
+    /** malloc, calloc and realloc counted together. */
+    call_allocation,
+    call_malloc,
+    call_calloc,
+    call_realloc,
+    call_free,
+    call_fopen,
+    call_fdopen,
+    call_fclose,
+    call_fflush,
+    call_fgets,
+    call_getline,
+    call_fgetc,
+    call_fread,
+    call_fwrite,
+    call_fputs,
+    call_fputc,
+    call_fprintf,
+    call_printf,
+    call_puts,
+    call_putchar,
+    call_open,
+    call_close,
+    call_read,
+    call_write,
+    call_fstat,
+    call_fchmod,
+    call_fchown,
+    call_unlink,
+    call_rename,
+    call_lockf,
+    call_popen,
+    call_pclose,
+    call_system,
+    call_sleep,
+    stand_in_call_count
+};
+
+struct stand_in_switch {
+    unsigned long seen;    /**< The calls since the program started. */
+    unsigned long fail_at; /**< The call (as counted by `seen`) that fails; 0 means none. */
+    int keeps_failing;     /**< All later calls fail as well. */
+    int error;             /**< What errno becomes. */
+    unsigned long failed;  /**< The calls that failed. */
+};
+
+extern struct stand_in_switch stand_in_switches[stand_in_call_count];
+
+/** Allocations made inside the C library, by fopen for example, are neither counted nor failed. */
+extern int stand_in_spare_c_library;
+
+/** What is called instead of system() where it is not null. */
+extern int (*stand_in_system)(const char *command);
+
+/** Remembers each block that is allocated from now on. */
+void stand_in_start_tracking(void);
+/** Remembers no further blocks; those remembered are still crossed out when they are freed. */
+void stand_in_pause_tracking(void);
+/** Forgets all blocks. */
+void stand_in_stop_tracking(void);
+/** The number of remembered blocks that are not freed. */
+size_t stand_in_live_blocks(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

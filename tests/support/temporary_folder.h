@@ -1,0 +1,47 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * A folder for one test, removed with all that is in it when the object goes.
+ *
+ *     TemporaryFolder folder;
+ *     folder.write("lan.conf", "IP=\"10.0.0.1\"\n");
+ *     save_prop('=', folder.path("lan.conf").c_str(), table, count);
+ *     EXPECT_EQ(folder.read("lan.conf"), "IP=\"10.0.0.2\"\n");
+ */
+#ifndef CORVEL_TESTS_TEMPORARY_FOLDER_H
+#define CORVEL_TESTS_TEMPORARY_FOLDER_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvel_test {
+
+/** Writes a whole file, at any path; throws where that fails. */
+void write_file(const std::string &path, std::string_view text);
+
+/** Reads a whole file; throws where that fails. */
+[[nodiscard]] std::string read_file(const std::string &path);
+
+class TemporaryFolder {
+  public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder &) = delete;
+    TemporaryFolder &operator=(const TemporaryFolder &) = delete;
+
+    [[nodiscard]] const std::string &path() const { return path_; }
+    [[nodiscard]] std::string path(std::string_view name) const;
+    void write(std::string_view name, std::string_view text) const;
+    [[nodiscard]] std::string read(std::string_view name) const;
+    [[nodiscard]] bool exists(std::string_view name) const;
+    void remove(std::string_view name) const;
+    /** The names in the folder, sorted. */
+    [[nodiscard]] std::vector<std::string> names() const;
+
+  private:
+    std::string path_;
+};
+
+} // namespace corvel_test
+
+#endif

@@ -1,0 +1,165 @@
+/* SPDX-License-Identifier: MIT */
+/* What the shared library shows to the world, against what the header promises. */
+#include <corvel.h>
+
+#include "support/output_capture.h"
+#include "support/temporary_folder.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using namespace corvel_test;
+using Names = std::set<std::string>;
+
+// Fields stand in the documented order without holes, whatever a pointer's size is.
+constexpr std::size_t pointer = sizeof(void *);
+static_assert(pointer == 4 || pointer == 8);
+static_assert(std::is_standard_layout_v<prop_entry> && std::is_trivial_v<prop_entry>);
+static_assert(std::is_same_v<decltype(prop_entry::name_size), std::uint32_t>);
+static_assert(std::is_same_v<decltype(prop_entry::value_size), std::uint32_t>);
+static_assert(std::is_same_v<decltype(prop_entry::name), char *>);
+static_assert(std::is_same_v<decltype(prop_entry::value), char *>);
+static_assert(offsetof(prop_entry, name_size) == 0);
+static_assert(offsetof(prop_entry, value_size) == 4);
+static_assert(offsetof(prop_entry, name) == 8);
+static_assert(offsetof(prop_entry, value) == 8 + pointer);
+static_assert(sizeof(prop_entry) == (pointer == 8 ? 24 : 16));
+static_assert(std::is_standard_layout_v<str_node> && std::is_trivial_v<str_node>);
+static_assert(std::is_same_v<decltype(str_node::name), char[255]>);
+static_assert(std::is_same_v<decltype(str_node::value), char[4097]>);
+static_assert(std::is_same_v<decltype(str_node::next), str_node *>);
+static_assert(offsetof(str_node, name) == 0);
+static_assert(offsetof(str_node, value) == 255);
+static_assert(offsetof(str_node, next) == 4352);
+static_assert(sizeof(str_node) == (pointer == 8 ? 4360 : 4356));
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool sanitized = true;
+#elif defined(__has_feature)
+constexpr bool sanitized = __has_feature(address_sanitizer);
+#else
+constexpr bool sanitized = false;
+#endif
+
+std::vector<std::string> lines_of(const std::string &text) {
+    std::istringstream stream(text);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> output_of(const std::string &command) {
+    const ChildResult child = run_in_child([&command] { return std::system(command.c_str()); });
+    EXPECT_EQ(child.exit_status, 0) << command << '\n' << child.err;
+    return lines_of(child.out);
+}
+
+/** The dynamic symbols that `nm` finds with some options: the last word of each line. */
+Names symbols(const std::string &options) {
+    Names names;
+    for (const std::string &line :
+         output_of(CORVEL_NM " -D " + options + " '" CORVEL_LIBRARY "'")) {
+        const std::string name = line.substr(line.find_last_of(' ') + 1);
+        names.insert(name.substr(0, name.find('@')));
+    }
+    return names;
+}
+
+/** What stands in brackets behind a tag of the dynamic section. */
+Names dynamic_entries(const std::string &tag) {
+    Names values;
+    for (const std::string &line : output_of(CORVEL_READELF " -dW '" CORVEL_LIBRARY "'"))
+        if (line.find("(" + tag + ")") != std::string::npos)
+            values.insert(line.substr(line.find('[') + 1, line.rfind(']') - line.find('[') - 1));
+    return values;
+}
+
+Names listed() {
+    const std::vector<std::string> lines = lines_of(read_file(CORVEL_EXPORTS));
+    Names names(lines.begin(), lines.end());
+    EXPECT_EQ(names.size(), lines.size()) << "a name is listed twice";
+    return names;
+}
+
+/** The names that the header declares with CORVEL_API. */
+Names declared() {
+    std::string text = read_file(CORVEL_HEADER);
+    text = std::regex_replace(text, std::regex(R"(/\*([^*]|\*(?!/))*\*/)"), " ");
+    text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
+    // The name is the last word in front of the arguments, of an array's size, or of the end.
+    const std::regex declaration(R"(CORVEL_API\s[^;(\[]*?(\w+)\s*[;(\[])");
+    Names names;
+    for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
+         ++match)
+        names.insert((*match)[1]);
+    return names;
+}
+
+TEST(Surface, DeclaresExactlyWhatIsListed) { EXPECT_EQ(declared(), listed()); }
+
+TEST(Surface, ExportsExactlyWhatIsListed) { EXPECT_EQ(symbols("--defined-only"), listed()); }
+
+TEST(Surface, MarksEveryFunctionOfTheHeader) {
+    const std::string text =
+        std::regex_replace(read_file(CORVEL_HEADER), std::regex(R"(/\*([^*]|\*(?!/))*\*/)"), " ");
+    const std::regex unmarked(R"(\n(?!CORVEL_API|typedef|#| )[^\n]*\w\()");
+    EXPECT_FALSE(std::regex_search(text, unmarked));
+}
+
+TEST(Surface, NeedsTheCLibraryAlone) {
+    const std::regex allowed(sanitized ? R"(lib(c|crypt|asan|ubsan|clang_rt\.\w+|m|gcc_s)[.-].*)"
+                                       : R"(lib(c|crypt)\..*)");
+    const Names needed = dynamic_entries("NEEDED");
+    EXPECT_FALSE(needed.empty());
+    for (const std::string &library : needed)
+        EXPECT_TRUE(std::regex_match(library, allowed)) << library;
+}
+
+TEST(Surface, HasItsSoname) {
+    EXPECT_EQ(dynamic_entries("SONAME"), Names{"libcorvel.so.1"});
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::path(CORVEL_LIBRARY).parent_path();
+    EXPECT_TRUE(fs::is_symlink(folder / "libcorvel.so"));
+    EXPECT_EQ(fs::canonical(folder / "libcorvel.so.1"), fs::canonical(CORVEL_LIBRARY));
+    EXPECT_EQ(fs::canonical(folder / "libcorvel.so"), fs::canonical(CORVEL_LIBRARY));
+}
+
+TEST(Surface, NeedsNothingOfTheCxxRuntime) {
+    for (const std::string &name : symbols("--undefined-only")) {
+        // The C start-up files of every shared object refer to this one.
+        if (name == "__cxa_finalize")
+            continue;
+        for (const char *prefix : {"_Z", "__cxa", "__gxx", "_Unwind"})
+            EXPECT_FALSE(name.starts_with(prefix)) << name;
+    }
+}
+
+TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=\"1\"\n");
+    folder.write("page", "<h1>$title</h1>\n");
+    const ChildResult child = run_in_child([&folder] {
+        return std::system(
+            ("printf d=4%%21 | '" CORVEL_OWN_FUNCTIONS "' '" + folder.path() + "'").c_str());
+    });
+    EXPECT_EQ(child.exit_status, 0) << child.err;
+    EXPECT_EQ(child.err, "");
+    EXPECT_EQ(folder.read("conf"), "A=\"saved\"\nC=3\n");
+    for (const char *part : {"new\n", "\t\"A\":\"new\",\n\t\"B\":\"2\"", "<h1>Page</h1>\n",
+                             "\t\"title\":\"Page\",\n\t\"text\":\"Text\"", "\n7\n2 b c!\n1 4!\n"})
+        EXPECT_NE(child.out.find(part), std::string::npos) << part << "\nis not in\n" << child.out;
+}
+
+} // namespace
