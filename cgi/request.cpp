@@ -6,6 +6,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include "cgi/request_body.h"
 #include "config/text_primitives.h"
 #include "support/handles.h"
 #include "support/text.h"
@@ -98,13 +99,6 @@ class PairReader {
     bool more_;
 };
 
-HeapBlock<char> copy_of(std::string_view text) {
-    HeapBlock<char> copy(static_cast<char *>(std::malloc(text.size() + 1)));
-    if (copy)
-        store({copy.get(), text.size() + 1}, text);
-    return copy;
-}
-
 /// Decodes pairs into the rows of a table. The scratch buffers are on the heap: requests carry
 /// secrets, and a wiped block leaves none behind.
 class PairDecoder {
@@ -144,18 +138,14 @@ class PairDecoder {
 
 /// The body of a request that is not a GET: CONTENT_LENGTH bytes and a NUL.
 WipedBlock read_body() {
-    const char *const method = std::getenv("REQUEST_METHOD");
-    const char *const content_length = std::getenv("CONTENT_LENGTH");
-    if (method == nullptr || content_length == nullptr || strcasecmp(method, "GET") == 0)
-        return {};
-    const int announced = decimal_value(content_length);
-    if (announced <= 0)
+    const int announced = announced_length();
+    if (std::getenv("REQUEST_METHOD") == nullptr || is_method("GET") || announced <= 0)
         return {};
     const auto length = static_cast<std::size_t>(announced);
     WipedBlock body(length + 1);
     if (!body)
         return {};
-    const std::size_t received = std::fread(body.get(), 1, length, stdin);
+    const std::size_t received = read_body_into(body.bytes().first(length));
     if (received != length) {
         // Memory for what was announced and never came is not touched.
         body.wipe_only(received);
@@ -163,11 +153,6 @@ WipedBlock read_body() {
     }
     body.get()[length] = '\0';
     return body;
-}
-
-bool is_method(const char *method) {
-    const char *const actual = std::getenv("REQUEST_METHOD");
-    return actual != nullptr && strcasecmp(actual, method) == 0;
 }
 
 void forget_query() {

@@ -72,6 +72,26 @@ typedef struct str_node {
     struct str_node *next; /**< The following record, or null. */
 } str_node;
 
+/** One file of an upload. The record holds its texts; only the content is on the heap. */
+typedef struct prop_file {
+    char filename[255];     /**< The file's name as the client sent it: never trust its path. */
+    char content_type[255]; /**< The content type, with the blank that follows the colon. */
+    char transfer_encoding[258]; /**< The transfer encoding, if one was sent. */
+    char *data;                  /**< The content; released by free_prop_file(). */
+    uint32_t size;               /**< The content's length in bytes. */
+} prop_file;
+
+/** What one section of an upgrade image asks to be written, and where. */
+typedef struct img_info {
+    char name[256];            /**< The staging file: "/tmp/firmware/", partition name, ".bin". */
+    const unsigned char *data; /**< The bytes to write; they lie in the caller's image. */
+    uint32_t burnAddr;         /**< The flash address, for the boot loader's partition; else 0. */
+    uint32_t len;              /**< The number of bytes at `data`. */
+    uint32_t mtd_ids;          /**< Index of the block device; 255: not to be written at all. */
+    char mtdev[32];            /**< The block device: "/dev/mtdblock" and `mtd_ids`. */
+    uint32_t base_mtd_id;      /**< The index before the shift to the idle set. */
+} img_info;
+
 /** @} */
 
 /**
@@ -684,6 +704,379 @@ CORVEL_API int list2json(const str_node *list, const char *name);
  * @return 0.
  */
 CORVEL_API int prop2json(const prop_entry *table, int count);
+
+/** @} */
+
+/**
+ * @defgroup upload Upload intake
+ *
+ * A multipart upload is read whole, with its boundary in front so that the first part is found like
+ * every other one, and then cut into its files. Header names are matched with their case, anywhere
+ * between two boundaries: a content that holds "Content-Type:" is taken for a header, too.
+ * @{
+ */
+
+/**
+ * Reads a request body of any length from standard input.
+ *
+ * @param length receives CONTENT_LENGTH, before the body is read.
+ * @return the body and a NUL behind it, in a heap block that the caller frees; an empty text for a
+ *         length of 0. Null if REQUEST_METHOD or CONTENT_LENGTH is not set, for a GET in whatever
+ *         case, a negative length, no memory, or fewer bytes than announced.
+ */
+CORVEL_API char *read_queue_for_upload(int *length);
+
+/**
+ * Reads a multipart body of at most 16,777,216 bytes from standard input. Before one of more than
+ * 6,144 bytes it pauses for ten seconds, see killDaemon().
+ *
+ * Without REQUEST_METHOD, "Web: no found REQUEST_METHOD" goes to the system log.
+ *
+ * @param total           receives the length of what process_file() is to look at: CONTENT_LENGTH
+ *                        plus the boundary's length.
+ * @param boundary        the address of a pointer: to a buffer that takes the boundary text, or a
+ *                        null pointer, which is set to a new block that the caller frees. It may be
+ *                        set even where the result is null.
+ * @param boundary_length receives the length of the boundary text.
+ * @return the boundary text, a line end and the body, in a heap block that the caller frees; a NUL
+ *         stands in the place of the body's last byte. Null if REQUEST_METHOD, CONTENT_TYPE, its
+ *         boundary or CONTENT_LENGTH is missing, for a GET, a length that is negative or too large,
+ *         no memory, or fewer bytes than announced.
+ */
+CORVEL_API char *read_queue_for_upload1(int *total, char **boundary, int *boundary_length);
+
+/**
+ * Writes the boundary text: "--" and all that follows "boundary=" in the content type.
+ *
+ * @param content_type the content type.
+ * @param boundary     the address of a pointer: to a buffer that holds the boundary text, or a null
+ *                     pointer, which is set to a new block that the caller frees.
+ * @return the boundary text's length; 0 if there is no "boundary=" or no memory.
+ */
+CORVEL_API int get_vhash(const char *content_type, char **boundary);
+
+/**
+ * Pauses for twice five seconds, so that a busy device settles before a large upload.
+ *
+ * @return what the second sleep() returned.
+ */
+CORVEL_API unsigned int killDaemon(void);
+
+/**
+ * Finds bytes in a block.
+ *
+ * @param start   the block.
+ * @param end     its end. A match that begins in front of it may run past it: bytes behind the end
+ *                are read as far as they agree with the pattern.
+ * @param pattern the bytes.
+ * @param length  their number; 0 finds nothing.
+ * @return the first position, or null.
+ */
+CORVEL_API char *hex_search(const char *start, const char *end, const char *pattern, int length);
+
+/**
+ * Reads the next part of an upload.
+ *
+ * Of each header the first place where its name stands counts, and the separator must follow right
+ * behind. A value is what follows up to the line end, without double quotes, cut at 256 characters
+ * and at what the record's field holds. The content lies between the blank line behind the last
+ * header and the line end in front of the next boundary.
+ *
+ * @param data     receives where the content begins, in the buffer.
+ * @param size     receives the content's length; 0 where the headers run into the boundary.
+ * @param cursor   where to begin; moves to two bytes in front of the next boundary if a file was
+ *                 found, to the next boundary for -3 and -4, otherwise to the end.
+ * @param end      the end of the buffer; nothing behind it is read.
+ * @param boundary the boundary text; an empty one stands nowhere.
+ * @param record   its three texts are written as far as the headers are there.
+ * @return 0 if a file was found; -1 if there is no boundary, -2 if no second one, -3 without
+ *         `filename=`, -4 without `Content-Type:` (the next 32 bytes at most are then printed to
+ *         standard output).
+ */
+CORVEL_API int getDisposition_file(char **data, unsigned int *size, char **cursor, char *end,
+                                   const char *boundary, prop_file *record);
+
+/**
+ * Trims two characters from both ends of a text.
+ *
+ * @param text   the text; not changed.
+ * @param length its length; receives the remaining length.
+ * @param one    the one character.
+ * @param other  the other one.
+ * @return where the remaining text begins.
+ */
+CORVEL_API char *strip_r(char *text, int *length, char one, char other);
+
+/**
+ * Cuts the files out of an upload. Parts without a file name are passed over, as is a file for
+ * whose content there is no memory.
+ *
+ * @param upload   what read_queue_for_upload1() returned.
+ * @param length   its total length.
+ * @param boundary the boundary text.
+ * @param files    four records.
+ * @return the number of files stored, 0 to 4; later ones are not looked at.
+ */
+CORVEL_API int process_file(char *upload, int length, const char *boundary, prop_file *files);
+
+/**
+ * Frees the content of each record and sets its pointer to null.
+ *
+ * @return 1.
+ */
+CORVEL_API int free_prop_file(prop_file *files, int count);
+
+/** @} */
+
+/**
+ * @defgroup boot_environment Boot environment
+ *
+ * The boot loader's environment image has 65,536 bytes: the CRC-32 of all that follows
+ * (big-endian), then 65,532 bytes of entries `name=value`, each ended by a NUL, the list by one
+ * more. Whatever the image holds, nothing outside of it is read or written; an image whose list has
+ * no end has no room for a new entry. Messages go to standard output.
+ * @{
+ */
+
+/** The size of an environment image in bytes. */
+#define CORVEL_ENV_SIZE 0x10000
+
+/** The image that init_env() and get_rootid() read into and save_param() writes. */
+extern CORVEL_API unsigned char env_image_mem[CORVEL_ENV_SIZE];
+
+/**
+ * Computes the standard CRC-32 (that of Ethernet and zip files), always from the start.
+ *
+ * @param data   the bytes.
+ * @param length their number; 0 or less gives 0.
+ * @return the CRC-32.
+ */
+CORVEL_API uint32_t crc32(const unsigned char *data, int length);
+
+/**
+ * Reads an environment image from a file or device and makes it current.
+ *
+ * Prints "Err: can not open file %s\n", "Err: envimage size is less then
+ * CONFIG_ENV_SIZE(0x10000)\n" or "Warning - bad CRC\n".
+ *
+ * @param path the file.
+ * @return 0; 1 if the CRC is bad (the image is current all the same); -1 if the file can't be
+ *         opened or one read does not give 65,536 bytes.
+ */
+CORVEL_API int init_env(const char *path);
+
+/**
+ * Makes an image current, and prints "Warning - bad CRC\n" if its CRC is bad.
+ *
+ * @param image 65,536 bytes that stay the caller's; used until another image becomes current.
+ * @return 0 if the CRC is good, 1 if not.
+ */
+CORVEL_API int set_env_ptr(void *image);
+
+/**
+ * Looks a variable up in the current image. The first entry of that name counts. A name that holds
+ * a `=` matches an entry that agrees with it up to there.
+ *
+ * @param name the name.
+ * @return its value, terminated, inside of the image; null if there is no such variable or no
+ *         current image.
+ */
+CORVEL_API char *get_env(const char *name);
+
+/**
+ * Sets a variable of the current image at the end of its list, or deletes it, and updates the CRC.
+ *
+ * Prints "## Error: illegal character '=' in variable name \"%s\"\n", and nothing is changed; or
+ * "## Error: environment overflow, \"%s\" deleted\n", and the old value is gone and the CRC stale.
+ *
+ * @param name  the name.
+ * @param value the value; null deletes the variable, which need not be there.
+ * @return 0, or 1 on failure or without a current image.
+ */
+CORVEL_API int set_env(const char *name, const char *value);
+
+/**
+ * Prints the entries of the current image, a line each.
+ *
+ * @return the offset in the data area at which the list ends.
+ */
+CORVEL_API int print_env(void);
+
+/** @} */
+
+/**
+ * @defgroup boot_arguments Boot arguments
+ * @{
+ */
+
+/**
+ * Copies a value out of a kernel command line: what stands between the key and the next blank.
+ *
+ * @param args the command line; may be null.
+ * @param key  the key with its `=`. It may match inside of a longer word.
+ * @return a new text that the caller frees; null if the key is not there, if no blank follows (the
+ *         last value of a line is not found), or if there is no memory.
+ */
+CORVEL_API char *parse_bootargs_get_val(const char *args, const char *key);
+
+/**
+ * Reads an environment image and prints the position of the root device, "pos=%s\n".
+ *
+ * Prints "Err: can not open file %s\n", "Err: envimage size is less then CONFIG_ENV_SIZE(65536)\n",
+ * or "Warning - bad CRC\n" and "Err: invalid image\n".
+ *
+ * @param path the file; the image becomes current.
+ * @return the number that the text has from its colon on: always 0.
+ */
+CORVEL_API uint32_t get_rootid(const char *path);
+
+/**
+ * Sets a variable, or deletes it, in the current image and writes env_image_mem to a file: load it
+ * with init_env() first.
+ *
+ * @param path  the file; created with mode 0644 if it is missing. If it can't be opened, "Err: open
+ *              file %s failed\n" is printed.
+ * @param name  the name.
+ * @param value the value, or null.
+ * @return 0, also where the file could not be written; -1 if the variable could not be set.
+ */
+CORVEL_API int save_param(const char *path, const char *name, const char *value);
+
+/** @} */
+
+/**
+ * @defgroup firmware Firmware upgrade
+ *
+ * An upgrade image is a chain of sections, each a 20-byte header and a payload for one partition;
+ * at the end stands the CRC-32 of all that precedes it. The flash holds two sets of root file
+ * system and kernel: an upgrade writes the one that does not run and then makes it boot.
+ * @{
+ */
+
+/** The number of rows of the partition table: 10. */
+CORVEL_API uint32_t get_sign_tbl_size(void);
+
+/**
+ * Looks a section's signature up in the partition table.
+ *
+ * @param sig four bytes.
+ * @return the row's index, or 255.
+ */
+CORVEL_API uint32_t get_tbl_id(const unsigned char *sig);
+
+/**
+ * The block-device index of a row of the partition table.
+ *
+ * @return the index; 255 for the version section and for a row that does not exist.
+ */
+CORVEL_API int get_tbl_ids(unsigned int index);
+
+/** The set that runs: 0 for A, 1 for B. Updated by get_bootparam() only. */
+extern CORVEL_API int bootparam;
+
+/**
+ * Loads the environment from "/dev/mtdblock1" and reads from its variable "bootparam" which set
+ * runs, into the object of that name. Logs "bootparam=%d\n".
+ *
+ * @return what is added to the block-device index of set A to reach the idle set: 2 if A runs, 0 if
+ *         B runs. 0 also on every failure and for a negative odd number, with `bootparam`
+ * unchanged.
+ */
+CORVEL_API uint32_t get_bootparam(void);
+
+/**
+ * Makes the other set boot: stores it in the environment that get_bootparam() loaded and writes
+ * that to "/dev/mtdblock1". Call it when the new set is written, in the same process.
+ *
+ * @return what save_param() returned: 0 or (uint32_t)-1.
+ */
+CORVEL_API uint32_t save_bootparam(void);
+
+/**
+ * Checks an upgrade image and lists what is to be written. Writes nothing itself.
+ *
+ * Nothing outside of the image is read, and no record reaches outside of it. Progress and failures
+ * go to the system log.
+ *
+ * @param image   the image; the records point into it.
+ * @param total   its length in bytes.
+ * @param records five records.
+ * @param result  receives 0 if the image is accepted; 1 if a section runs past the end, 2 if a
+ *                payload's checksum is not zero, 3 if a section is larger than its partition, 4 if
+ *                there are more than four sections, 5 if the CRC does not match or no section is
+ *                recognised. An image that does not end with a version section has no CRC.
+ * @return the number of records, or 0 on failure: then flash nothing.
+ */
+CORVEL_API int parse_firmware(const unsigned char *image, unsigned int total, img_info *records,
+                              int *result);
+
+/**
+ * Writes records to the system log.
+ *
+ * @return 0.
+ */
+CORVEL_API int dump_img_info(int count, const img_info *records);
+
+/**
+ * Writes bytes to a device, in one call, and syncs.
+ *
+ * @param path   the device; never created.
+ * @param buf    the bytes.
+ * @param offset where to, from the device's start.
+ * @param len    their number.
+ * @return 1 if all were written, else 0.
+ */
+CORVEL_API int flash_write(const char *path, const void *buf, int offset, unsigned int len);
+
+/**
+ * Copies a file byte by byte. Write errors are not noticed.
+ *
+ * @return 0, or -1 if either file can't be opened.
+ */
+CORVEL_API int file_copy(const char *src, const char *dst);
+
+/** @} */
+
+/**
+ * @defgroup diagnostics Diagnostic dumps
+ * Dumps of bytes to standard output, which in a CGI program is the response: for debugging only.
+ * @{
+ */
+
+/** Hands what print_hex_string() prints to DFPrintf(): prints nothing. */
+CORVEL_API void DPrint_hex_string(const unsigned char *data, int len);
+
+/**
+ * Prints bytes as lower-case hexadecimal, without a line end: less than 40 bytes whole, otherwise
+ * the first and the last 10 and the length; "<empty string>" for none.
+ */
+CORVEL_API void print_hex_string(const unsigned char *data, int len);
+
+/** Prints bytes as they are, as print_hex_string() does, with 20 at each end. */
+CORVEL_API void print_to_string(const unsigned char *data, int len);
+
+/** Prints a line end and then bytes as hexadecimal, 16 a line; a full last line is followed by an
+ * empty one. */
+CORVEL_API void print_string(const unsigned char *data, int len);
+
+/** Prints "title(len):" in a line of its own unless @p title is null, then bytes as print_string()
+ * does, without its first line end. */
+CORVEL_API void print_hex_array(const char *title, const unsigned char *data, int len);
+
+/** Prints "title(len):" in a line of its own unless @p title is null, then the bytes as they are
+ * and a line end. */
+CORVEL_API void print_string_array(const char *title, const unsigned char *data, int len);
+
+/**
+ * Appends bytes to a text as upper-case hexadecimal: hardware addresses, with a colon between two
+ * bytes and a blank behind every sixth.
+ *
+ * @param dst  a terminated text with room for three characters a byte.
+ * @param data the bytes.
+ * @param len  their number.
+ * @return 0.
+ */
+CORVEL_API int print_byte_to_string(char *dst, const unsigned char *data, int len);
 
 /** @} */
 

@@ -25,6 +25,14 @@ struct HeapRelease {
 /// A block of the C heap.
 template <typename Element> using HeapBlock = std::unique_ptr<Element, HeapRelease>;
 
+/// A copy of a text, terminated; null if there is no memory.
+inline HeapBlock<char> copy_of(std::string_view text) {
+    HeapBlock<char> copy(static_cast<char *>(std::malloc(text.size() + 1)));
+    if (copy)
+        store({copy.get(), text.size() + 1}, text);
+    return copy;
+}
+
 /// Overwrites a block of the C heap with zeros and frees it; null is ignored. The zeros are really
 /// written: the compiler must assume that something reads the block before it is freed.
 inline void wipe_and_free(void *block, std::size_t size) {

@@ -560,7 +560,7 @@ TEST_P(BothWriters, SaveWithoutALockWhereTheLockFileCannotBeOpened) {
 }
 
 TEST_P(BothWriters, KeepTheMode) {
-    for (const mode_t wanted : {0600U, 0644U, 0666U, 0755U, 0440U, 04750U, 02755U}) {
+    for (const mode_t wanted : {0600U, 0644U, 0666U, 0755U, 0440U, 04750U, 02755U, 01777U}) {
         folder_.write("conf", "A=1\n");
         ASSERT_EQ(chmod(path().c_str(), wanted), 0);
         save();
@@ -568,6 +568,17 @@ TEST_P(BothWriters, KeepTheMode) {
         EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
         folder_.remove("conf");
     }
+}
+
+TEST_P(BothWriters, KeepTheSetIdBitsOfAnOrdinaryUsersFile) {
+    // The kernel takes them from a file that such a user writes to.
+    expect_as_ordinary_user([&] {
+        folder_.write("conf", "A=1\n");
+        ASSERT_EQ(chmod(path().c_str(), 04750), 0);
+        save();
+        EXPECT_EQ(mode(), 04750U);
+        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    });
 }
 
 TEST_P(BothWriters, KeepTheModeWhateverTheUmaskIs) {

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+#include "firmware/boot_arguments.h"
+
+#include <corvel.h>
+
+#include <fcntl.h>
+
+#include "firmware/boot_environment.h"
+#include "support/descriptor.h"
+#include "support/handles.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// The text between a key and the next blank; false if either is missing.
+bool find_argument(std::string_view arguments, std::string_view key, std::string_view &value) {
+    const std::size_t at = arguments.find(key);
+    if (at == std::string_view::npos)
+        return false;
+    const std::string_view rest = behind(arguments, at + key.size());
+    const std::size_t length = rest.find(' ');
+    if (length == std::string_view::npos)
+        return false;
+    value = front(rest, length);
+    return true;
+}
+
+HeapBlock<char> copy_argument(const char *arguments, const char *key) {
+    std::string_view value;
+    if (arguments == nullptr || !find_argument(arguments, text_of(key), value))
+        return nullptr;
+    return copy_of(value);
+}
+
+/// Whether a good environment was read, with the messages that get_rootid() has of its own.
+bool load_for_root_id(const char *path) {
+    switch (read_environment_image(path)) {
+    case ImageRead::cannot_open:
+        std::printf("Err: can not open file %s\n", text_or_empty(path));
+        return false;
+    case ImageRead::too_short:
+        std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(%d)\n", CORVEL_ENV_SIZE);
+        return false;
+    case ImageRead::done:
+        break;
+    }
+    if (use_environment_image(env_image_mem))
+        return true;
+    std::puts("Err: invalid image");
+    return false;
+}
+
+} // namespace
+
+int save_variable(const char *path, const char *name, const char *value) {
+    if (!set_variable(name, value))
+        return -1;
+    const Descriptor file(open(text_or_empty(path), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    if (!file) {
+        std::printf("Err: open file %s failed\n", text_or_empty(path));
+        return 0;
+    }
+    static_cast<void>(write(file.get(), env_image_mem, sizeof env_image_mem) < 0);
+    return 0;
+}
+
+} // namespace corvel
+
+extern "C" {
+
+char *parse_bootargs_get_val(const char *args, const char *key) {
+    return corvel::copy_argument(args, key).release();
+}
+
+uint32_t get_rootid(const char *path) {
+    if (!corvel::load_for_root_id(path))
+        return 0;
+    const corvel::HeapBlock<char> position =
+        corvel::copy_argument(corvel::find_variable("bootargs"), "root=");
+    if (!position)
+        return 0;
+    std::printf("pos=%s\n", position.get());
+    // The number is read from the colon itself, where there is none: the root id is always 0.
+    const std::string_view text(position.get());
+    return static_cast<uint32_t>(corvel::decimal_value(corvel::behind(text, text.find(':'))));
+}
+
+int save_param(const char *path, const char *name, const char *value) {
+    return corvel::save_variable(path, name, value);
+}
+
+} // extern "C"

@@ -1,0 +1,237 @@
+// SPDX-License-Identifier: MIT
+#include "firmware/boot_environment.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <span>
+#include <string_view>
+
+#include "firmware/crc32.h"
+#include "support/big_endian.h"
+#include "support/descriptor.h"
+#include "support/text.h"
+
+extern "C" {
+unsigned char env_image_mem[CORVEL_ENV_SIZE];
+}
+
+namespace corvel {
+namespace {
+
+constexpr std::size_t checksum_size = 4;
+constexpr std::size_t data_size = CORVEL_ENV_SIZE - checksum_size;
+
+unsigned char *current_image = nullptr;
+
+/// The data area of an image: entries `name=value`, each ended by a NUL, then an empty entry. What
+/// the flash holds may be anything, so that nothing here relies on either being there.
+class DataArea {
+  public:
+    static constexpr std::size_t nowhere = data_size;
+
+    explicit DataArea(unsigned char *image) : data_(image + checksum_size, data_size) {}
+
+    /// Whether the list ends here, be it that the data does.
+    [[nodiscard]] bool ends_at(std::size_t index) const {
+        return index >= data_size || data_[index] == '\0';
+    }
+
+    /// The entry's terminating NUL, or `nowhere` if the data ends first.
+    [[nodiscard]] std::size_t entry_end(std::size_t start) const {
+        const void *const end = std::memchr(&data_[start], '\0', data_size - start);
+        return end == nullptr ? nowhere : index_of(static_cast<const unsigned char *>(end));
+    }
+
+    /// The entry's value if the name is its name, else `nowhere`. A name that goes on behind a `=`
+    /// matches where it agrees with the entry up to there.
+    [[nodiscard]] std::size_t value_of_entry(std::size_t start, const char *name) const {
+        std::size_t index = start;
+        while (index < data_size && *name != '\0' &&
+               data_[index] == static_cast<unsigned char>(*name)) {
+            ++index;
+            if (*name++ == '=')
+                return index;
+        }
+        return index < data_size && *name == '\0' && data_[index] == '=' ? index + 1 : nowhere;
+    }
+
+    struct Entry {
+        std::size_t start;
+        std::size_t value; ///< `nowhere` if no entry was found
+        std::size_t end;   ///< its terminating NUL
+    };
+
+    /// The first entry of that name.
+    [[nodiscard]] Entry find(const char *name) const {
+        for (std::size_t start = 0; !ends_at(start);) {
+            const std::size_t end = entry_end(start);
+            if (end == nowhere)
+                break;
+            const std::size_t value = value_of_entry(start, name);
+            if (value != nowhere)
+                return {start, value, end};
+            start = end + 1;
+        }
+        return {nowhere, nowhere, nowhere};
+    }
+
+    /// Moves what follows an entry over it; the list ends in two NULs again.
+    void remove(const Entry &entry) {
+        const std::size_t following = entry.end + 1;
+        const std::size_t length = ends_at(following) ? 0 : list_end(following) - following;
+        std::memmove(&data_[entry.start], &data_[following], length);
+        const std::size_t end = entry.start + length;
+        data_[end] = '\0';
+        // The NUL of the previous entry is the first of the two where one is there.
+        if (end == 0 || (length != 0 && data_[end - 1] != '\0'))
+            data_[end + 1] = '\0';
+    }
+
+    /// Where a new entry goes: behind the last one. `nowhere` if the list has no end.
+    [[nodiscard]] std::size_t insertion_point() const { return ends_at(0) ? 0 : list_end(0); }
+
+    void append(std::size_t start, std::string_view name, std::string_view value) {
+        put(start, name);
+        put(start, "=");
+        put(start, value);
+        data_[start] = '\0';
+        data_[start + 1] = '\0';
+    }
+
+    [[nodiscard]] unsigned char *at(std::size_t index) const { return &data_[index]; }
+
+    [[nodiscard]] std::uint32_t checksum() const { return crc32_of(data_); }
+
+  private:
+    [[nodiscard]] std::size_t index_of(const unsigned char *position) const {
+        return static_cast<std::size_t>(position - data_.data());
+    }
+
+    /// The second of the first two NULs in a row from `index` on, or `nowhere`.
+    [[nodiscard]] std::size_t list_end(std::size_t index) const {
+        while (!ends_at(index)) {
+            const std::size_t end = entry_end(index);
+            if (end == nowhere)
+                return nowhere;
+            index = end + 1;
+        }
+        return index;
+    }
+
+    void put(std::size_t &index, std::string_view text) {
+        std::memmove(&data_[index], text.data(), text.size()); // the text may come from the image
+        index += text.size();
+    }
+
+    std::span<unsigned char, data_size> data_;
+};
+
+std::span<unsigned char, checksum_size> checksum_word(unsigned char *image) {
+    return std::span<unsigned char, checksum_size>(image, checksum_size);
+}
+
+/// Writes the entry if there is room for it, its NUL and the NUL that ends the list.
+bool append_variable(DataArea &area, std::string_view name, std::string_view value) {
+    const std::size_t start = area.insertion_point();
+    const std::size_t needed = name.size() + 1 + value.size() + 2;
+    if (data_size - start < needed) {
+        std::printf("## Error: environment overflow, \"%s\" deleted\n", name.data());
+        return false;
+    }
+    area.append(start, name, value);
+    return true;
+}
+
+} // namespace
+
+ImageRead read_environment_image(const char *path) {
+    const Descriptor file(open(text_or_empty(path), O_RDONLY));
+    if (!file)
+        return ImageRead::cannot_open;
+    const ssize_t length = read(file.get(), env_image_mem, sizeof env_image_mem);
+    return length == static_cast<ssize_t>(sizeof env_image_mem) ? ImageRead::done
+                                                                : ImageRead::too_short;
+}
+
+bool use_environment_image(void *image) {
+    current_image = static_cast<unsigned char *>(image);
+    const bool good =
+        big_endian_word(checksum_word(current_image)) == DataArea(current_image).checksum();
+    if (!good)
+        std::puts("Warning - bad CRC");
+    return good;
+}
+
+int load_environment(const char *path) {
+    switch (read_environment_image(path)) {
+    case ImageRead::cannot_open:
+        std::printf("Err: can not open file %s\n", text_or_empty(path));
+        return -1;
+    case ImageRead::too_short:
+        std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(0x%04x)\n", CORVEL_ENV_SIZE);
+        return -1;
+    case ImageRead::done:
+        break;
+    }
+    return use_environment_image(env_image_mem) ? 0 : 1;
+}
+
+char *find_variable(const char *name) {
+    if (current_image == nullptr)
+        return nullptr;
+    const DataArea area(current_image);
+    const DataArea::Entry entry = area.find(text_or_empty(name));
+    if (entry.value == DataArea::nowhere)
+        return nullptr;
+    return reinterpret_cast<char *>(area.at(entry.value));
+}
+
+bool set_variable(const char *name, const char *value) {
+    if (current_image == nullptr)
+        return false;
+    const std::string_view name_text = text_of(name);
+    if (name_text.find('=') != std::string_view::npos) {
+        std::printf("## Error: illegal character '=' in variable name \"%s\"\n", name_text.data());
+        return false;
+    }
+    DataArea area(current_image);
+    const DataArea::Entry entry = area.find(name_text.data());
+    if (entry.value != DataArea::nowhere)
+        area.remove(entry);
+    // Where there is no room the old value is gone, and the stale checksum says so.
+    if (value != nullptr && !append_variable(area, name_text, value))
+        return false;
+    store_big_endian(checksum_word(current_image), area.checksum());
+    return true;
+}
+
+} // namespace corvel
+
+extern "C" {
+
+int init_env(const char *path) { return corvel::load_environment(path); }
+
+int set_env_ptr(void *image) { return corvel::use_environment_image(image) ? 0 : 1; }
+
+char *get_env(const char *name) { return corvel::find_variable(name); }
+
+int set_env(const char *name, const char *value) {
+    return corvel::set_variable(name, value) ? 0 : 1;
+}
+
+int print_env(void) {
+    if (corvel::current_image == nullptr)
+        return 0;
+    const corvel::DataArea area(corvel::current_image);
+    std::size_t start = 0;
+    while (!area.ends_at(start)) {
+        const std::size_t end = area.entry_end(start);
+        std::fwrite(area.at(start), 1, end - start, stdout);
+        std::putchar('\n');
+        start = end == corvel::DataArea::nowhere ? end : end + 1;
+    }
+    return static_cast<int>(start);
+}
+
+} // extern "C"

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+#include "firmware/boot_parameter.h"
+
+#include <corvel.h>
+
+#include <syslog.h>
+
+#include "firmware/boot_arguments.h"
+#include "firmware/boot_environment.h"
+#include "support/text.h"
+
+extern "C" {
+int bootparam = 0;
+}
+
+namespace corvel {
+namespace {
+
+constexpr const char *environment_device = "/dev/mtdblock1";
+constexpr const char *variable_name = "bootparam";
+
+/// By running set: what leads from set A's partitions (mtd 2 and 3) to the idle set's.
+constexpr std::uint32_t bootparam_mtd_shift[] = {2, 0};
+
+/// By running set: the value that makes the other one boot.
+constexpr const char *bootparam_next[] = {"1", "0"};
+
+} // namespace
+
+std::uint32_t load_boot_parameter() {
+    if (load_environment(environment_device) != 0)
+        return 0;
+    const char *const value = find_variable(variable_name);
+    if (value == nullptr)
+        return 0;
+    const int running = decimal_value(value) % 2;
+    if (running < 0)
+        return 0;
+    bootparam = running;
+    syslog(LOG_INFO, "bootparam=%d\n", bootparam);
+    return bootparam_mtd_shift[bootparam];
+}
+
+} // namespace corvel
+
+extern "C" {
+
+uint32_t get_bootparam(void) { return corvel::load_boot_parameter(); }
+
+uint32_t save_bootparam(void) {
+    // The program can write to `bootparam`: any other value counts as set A, the one at the start.
+    const char *const next = corvel::bootparam_next[bootparam == 1 ? 1 : 0];
+    return static_cast<uint32_t>(
+        corvel::save_variable(corvel::environment_device, corvel::variable_name, next));
+}
+
+} // extern "C"

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_FIRMWARE_CRC32_H
+#define CORVEL_FIRMWARE_CRC32_H
+
+#include <cstdint>
+#include <span>
+
+namespace corvel {
+
+/// The CRC-32 of Ethernet and of zip files: reflected polynomial 0xEDB88320, all ones at the start
+/// and inverted at the end. No bytes give 0.
+std::uint32_t crc32_of(std::span<const unsigned char> bytes);
+
+} // namespace corvel
+
+#endif

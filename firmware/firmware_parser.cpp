@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <numeric>
+#include <syslog.h>
+
+#include "firmware/boot_parameter.h"
+#include "firmware/crc32.h"
+#include "firmware/image_format.h"
+#include "support/big_endian.h"
+#include "support/descriptor.h"
+#include "support/handles.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+using Bytes = std::span<const unsigned char>;
+
+constexpr std::size_t header_size = 20;
+
+/// A section may announce up to this many payload bytes more than the image holds.
+constexpr std::size_t length_margin = 4;
+
+/// One less than the records a caller provides: the fifth record ends the parsing.
+constexpr int most_sections = 4;
+
+enum Result : int {
+    accepted = 0,
+    section_past_end = 1,
+    bad_checksum = 2,
+    section_too_large = 3,
+    too_many_sections = 4,
+    bad_crc = 5,
+};
+
+struct Header {
+    const unsigned char *signature;
+    std::uint32_t burnaddr;
+    std::uint32_t mtd_id;
+    std::uint32_t pad;
+    std::uint32_t len;
+};
+
+std::uint32_t header_word(Bytes section, std::size_t offset) {
+    return big_endian_word(section.subspan(offset).first<4>());
+}
+
+Header read_header(Bytes section) {
+    return {section.data(), header_word(section, 4), header_word(section, 8),
+            header_word(section, 12), header_word(section, 16)};
+}
+
+/// The first bytes of a block, as many as there are.
+Bytes first_bytes(Bytes block, std::size_t length) {
+    return block.first(at_most(length, block.size()));
+}
+
+unsigned char sum_of(Bytes bytes) {
+    return std::accumulate(bytes.begin(), bytes.end(), static_cast<unsigned char>(0),
+                           [](unsigned char sum, unsigned char byte) {
+                               return static_cast<unsigned char>(sum + byte);
+                           });
+}
+
+/// What of a section is written to flash. `size` is as the section says, `bytes` what of it the
+/// image holds.
+struct Content {
+    std::uint32_t size;
+    Bytes bytes;
+};
+
+Content content_of(Bytes section, const Header &header, const sign_tbl_entry &row) {
+    const bool stripped = row.strip_header == 1;
+    const std::uint32_t size = stripped ? header.len - 1 - header.pad
+                                        : header.len + static_cast<std::uint32_t>(header_size);
+    return {size, first_bytes(stripped ? section.subspan(header_size) : section, size)};
+}
+
+/// Whether a section's payload sums up and fits its partition; only asked where it has to.
+Result check_section(Bytes section, std::size_t offset, const Header &header,
+                     const sign_tbl_entry &row, std::uint32_t size) {
+    if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
+        syslog(LOG_ERR, "%s image checksum error at %X!\n", row.signature,
+               static_cast<unsigned int>(offset + header_size));
+        return bad_checksum;
+    }
+    if (row.max_size < size) {
+        syslog(LOG_INFO,
+               "Header.signature = %s,  burnaddr=0x%02x, mtd_id = 0x%04x, pad = 0x%04x,  "
+               "len = 0x%04x\n",
+               row.signature, header.burnaddr, header.mtd_id, header.pad, header.len);
+        syslog(LOG_ERR, "%s image size(%X) > %X!\n", row.signature, size, row.max_size);
+        return section_too_large;
+    }
+    return accepted;
+}
+
+void fill_record(img_info &record, const Header &header, const sign_tbl_entry &row, Bytes bytes,
+                 std::uint32_t shift) {
+    const bool in_set = STRCMP(row.signature, "root") == 0 || STRCMP(row.signature, "kern") == 0;
+    std::snprintf(record.name, sizeof record.name, "/tmp/firmware/%s.bin", row.name);
+    record.data = bytes.data();
+    record.len = static_cast<std::uint32_t>(bytes.size());
+    record.burnAddr = row.mtd_id == 0 ? header.burnaddr : 0;
+    record.base_mtd_id = row.mtd_id;
+    record.mtd_ids = in_set ? row.mtd_id + shift : row.mtd_id;
+    std::snprintf(record.mtdev, sizeof record.mtdev, "%s%d", "/dev/mtdblock",
+                  static_cast<int>(record.mtd_ids));
+}
+
+/// Walks the sections of an image; each one that is recognised fills a record.
+Result walk_sections(Bytes image, std::uint32_t shift, img_info *records, int &count) {
+    std::size_t offset = 0;
+    while (offset + header_size < image.size()) {
+        const Bytes section = image.subspan(offset);
+        const Header header = read_header(section);
+        if (section.size() - header_size + length_margin < header.len) {
+            syslog(LOG_ERR, "Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
+                   static_cast<int>(header.len), static_cast<int>(image.size()),
+                   static_cast<int>(offset), static_cast<int>(header_size),
+                   section.size() - header_size < header.len ? 1 : 0);
+            return section_past_end;
+        }
+        const sign_tbl_entry *const row = find_partition(header.signature);
+        if (row != nullptr) {
+            syslog(LOG_INFO, "find firmware (%s)\n", row->name);
+            const Content content = content_of(section, header, *row);
+            const Result checked = header.mtd_id != no_partition
+                                       ? check_section(section, offset, header, *row, content.size)
+                                       : accepted;
+            if (checked != accepted)
+                return checked;
+            fill_record(records[count], header, *row, content.bytes, shift);
+            ++count;
+            if (count > most_sections)
+                return too_many_sections;
+        }
+        offset += header_size + header.len;
+    }
+    return accepted;
+}
+
+void log_records(std::span<const img_info> records) {
+    syslog(LOG_INFO, "Web firmware upgrade start...");
+    for (const img_info &record : records) {
+        syslog(LOG_INFO, "name= %s", record.name);
+        syslog(LOG_INFO, "burnAddr= 0x%04x", record.burnAddr);
+        syslog(LOG_INFO, "len= %d", static_cast<int>(record.len));
+        syslog(LOG_INFO, "mtd_ids= %d\n", static_cast<int>(record.mtd_ids));
+        syslog(LOG_INFO, "mtdev= %s", record.mtdev);
+    }
+}
+
+/// Checks the CRC at the end of a version section; an image that ends otherwise carries none.
+Result check_crc(Bytes image, const img_info &last) {
+    if (last.mtd_ids != no_partition)
+        return accepted;
+    const std::uint32_t stored = big_endian_word(Bytes(last.data, last.len).last<4>());
+    const std::uint32_t computed = crc32_of(image.first(image.size() - 4));
+    if (computed == stored)
+        return accepted;
+    syslog(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed, stored);
+    return bad_crc;
+}
+
+Result parse(Bytes image, img_info *records, int &count) {
+    // The shift is kept as a byte.
+    const std::uint32_t shift = load_boot_parameter() & 0xFF;
+    const Result walked = walk_sections(image, shift, records, count);
+    if (walked != accepted)
+        return walked;
+    log_records({records, static_cast<std::size_t>(count)});
+    // Without a section nothing vouches for the image.
+    return count == 0 ? bad_crc : check_crc(image, records[count - 1]);
+}
+
+bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size_t length) {
+    bool written = false;
+    {
+        const Descriptor device(open(text_or_empty(path), O_RDWR));
+        if (!device)
+            return false;
+        lseek(device.get(), offset, SEEK_SET);
+        written = write(device.get(), bytes, length) == static_cast<ssize_t>(length);
+    }
+    sync();
+    return written;
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+int parse_firmware(const unsigned char *image, unsigned int total, img_info *records, int *result) {
+    int count = 0;
+    *result = corvel::parse({image, total}, records, count);
+    return *result == corvel::accepted ? count : 0;
+}
+
+int dump_img_info(int count, const img_info *records) {
+    corvel::log_records({records, count > 0 ? static_cast<std::size_t>(count) : 0});
+    return 0;
+}
+
+int flash_write(const char *path, const void *buf, int offset, unsigned int len) {
+    return corvel::write_to_flash(path, buf, offset, len) ? 1 : 0;
+}
+
+int file_copy(const char *src, const char *dst) {
+    const corvel::Stream source(std::fopen(corvel::text_or_empty(src), "rb"));
+    if (!source)
+        return -1;
+    const corvel::Stream destination(std::fopen(corvel::text_or_empty(dst), "wb"));
+    if (!destination)
+        return -1;
+    for (int byte = std::getc(source.get()); byte != EOF; byte = std::getc(source.get()))
+        std::putc(byte, destination.get());
+    return 0;
+}
+
+} // extern "C"

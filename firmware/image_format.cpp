@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#include "firmware/image_format.h"
+
+#include <corvel.h>
+
+#include <cstring>
+
+namespace corvel {
+namespace {
+
+/// From the boot loader to ART the partitions tile the 16 MiB of flash without gaps.
+constexpr bool partitions_tile_the_flash() {
+    std::uint32_t offset = 0;
+    for (const sign_tbl_entry &row : sign_tbl) {
+        if (row.mtd_id == no_partition)
+            break;
+        if (row.flash_offset != offset)
+            return false;
+        offset += row.max_size;
+    }
+    return offset == 0x1000000;
+}
+
+static_assert(partitions_tile_the_flash());
+
+} // namespace
+
+const sign_tbl_entry *find_partition(const unsigned char *signature) {
+    for (const sign_tbl_entry &row : sign_tbl)
+        if (std::memcmp(row.signature, signature, row.sign_len) == 0)
+            return &row;
+    return nullptr;
+}
+
+} // namespace corvel
+
+extern "C" {
+
+uint32_t get_sign_tbl_size(void) { return corvel::sign_tbl.size(); }
+
+uint32_t get_tbl_id(const unsigned char *sig) {
+    const corvel::sign_tbl_entry *const row = corvel::find_partition(sig);
+    return row != nullptr ? row->id : corvel::no_partition;
+}
+
+int get_tbl_ids(unsigned int index) {
+    return static_cast<int>(index < corvel::sign_tbl.size() ? corvel::sign_tbl[index].mtd_id
+                                                            : corvel::no_partition);
+}
+
+} // extern "C"
