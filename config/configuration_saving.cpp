@@ -28,25 +28,36 @@ bool name_companion(std::array<char, size> &name, std::string_view path, std::st
     return true;
 }
 
-/// Creates the copy that is to take a file's place, readable by its owner alone until it has the
-/// mode and the owner of the original. Where the owner can't be set, set-id bits are not taken
-/// over.
-Stream create_copy(const char *path, int original) {
+/// Creates the copy that is to take a file's place, readable by its owner alone.
+Stream create_copy(const char *path) {
     const int descriptor =
         open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (descriptor < 0)
         return nullptr;
-    struct stat status;
-    if (fstat(original, &status) == 0) {
-        const bool owned = fchown(descriptor, status.st_uid, status.st_gid) == 0;
-        fchmod(descriptor, status.st_mode & (owned ? 07777 : 0777));
-    }
     Stream copy(fdopen(descriptor, "w"));
     if (!copy) {
         close(descriptor);
         unlink(path);
     }
     return copy;
+}
+
+/// Gives the copy the original's owner and mode. Where the owner can't be set, set-id bits are not
+/// taken over.
+void take_over_owner_and_mode(int copy, int original) {
+    struct stat status;
+    if (fstat(original, &status) != 0)
+        return;
+    const bool owned = fchown(copy, status.st_uid, status.st_gid) == 0;
+    fchmod(copy, status.st_mode & (owned ? 07777 : 0777));
+}
+
+/// Closes the finished copy; false if not all of it could be written. The mode comes last: to write
+/// to a file clears its set-id bits.
+bool finish_copy(Stream copy, int original) {
+    const bool flushed = std::fflush(copy.get()) == 0 && std::ferror(copy.get()) == 0;
+    take_over_owner_and_mode(fileno(copy.get()), original);
+    return std::fclose(copy.release()) == 0 && flushed;
 }
 
 /// Puts a new version of a file in its place. `write_lines(lines, copy)` takes the lines of the
@@ -56,14 +67,13 @@ void rewrite(const char *path, const char *copy_path, WriteLines write_lines) {
     const Descriptor original = open_for_reading(path);
     if (!original)
         return;
-    Stream copy = create_copy(copy_path, original.get());
+    Stream copy = create_copy(copy_path);
     if (!copy)
         return;
     LineReader lines(original.get());
     write_lines(lines, copy.get());
-    const bool complete = !lines.failed() && std::ferror(copy.get()) == 0;
-    const bool closed = std::fclose(copy.release()) == 0;
-    if (!complete || !closed) {
+    const bool written = finish_copy(std::move(copy), original.get());
+    if (!written || lines.failed()) {
         unlink(copy_path);
         return;
     }

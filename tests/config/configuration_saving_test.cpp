@@ -592,6 +592,24 @@ TEST_P(BothWriters, KeepTheModeWhateverTheUmaskIs) {
     }
 }
 
+TEST_P(BothWriters, NeverShowTheCopyToOthersThanTheFile) {
+    for_each_kill_point(
+        [&] {
+            folder_.write("conf", "A=1\n");
+            ASSERT_EQ(chmod(path().c_str(), 0600), 0);
+            folder_.remove("conf.cgi");
+        },
+        [&] {
+            umask(0);
+            save();
+        },
+        [&](unsigned long n) {
+            struct stat status {};
+            if (stat(folder_.path("conf.cgi").c_str(), &status) == 0)
+                EXPECT_EQ(status.st_mode & 0077U, 0U) << "system call " << n;
+        });
+}
+
 TEST_P(BothWriters, KeepTheOwner) {
     folder_.write("conf", "A=1\n");
     // An ordinary user's files have one owner only.
