@@ -117,7 +117,7 @@ int print_html(const char *path, str_node **list) {
     corvel::LineReader lines(page.get());
     corvel::Line line;
     while (lines.next(line)) {
-        const std::string_view text(line.text.data(), line.text.size());
+        const std::string_view text = line.text();
         if (text.find('$') == std::string_view::npos)
             out.put(text);
         else

@@ -28,12 +28,15 @@ bool name_companion(std::array<char, size> &name, std::string_view path, std::st
     return true;
 }
 
-/// Creates the copy that is to take a file's place, readable by its owner alone.
+/// Creates the copy that is to take a file's place, readable by its owner alone even where one was
+/// left behind.
 Stream create_copy(const char *path) {
+    constexpr mode_t owner_alone = S_IRUSR | S_IWUSR;
     const int descriptor =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, owner_alone);
     if (descriptor < 0)
         return nullptr;
+    fchmod(descriptor, owner_alone);
     Stream copy(fdopen(descriptor, "w"));
     if (!copy) {
         close(descriptor);
@@ -42,22 +45,22 @@ Stream create_copy(const char *path) {
     return copy;
 }
 
-/// Gives the copy the original's owner and mode. Where the owner can't be set, set-id bits are not
-/// taken over.
-void take_over_owner_and_mode(int copy, int original) {
+/// Gives the copy the original's owner and mode; false if the mode can't be had. Where the owner
+/// can't be set, set-id bits are not taken over.
+bool take_over_owner_and_mode(int copy, int original) {
     struct stat status;
     if (fstat(original, &status) != 0)
-        return;
+        return false;
     const bool owned = fchown(copy, status.st_uid, status.st_gid) == 0;
-    fchmod(copy, status.st_mode & (owned ? 07777 : 0777));
+    return fchmod(copy, status.st_mode & (owned ? 07777 : 0777)) == 0;
 }
 
-/// Closes the finished copy; false if not all of it could be written. The mode comes last: to write
-/// to a file clears its set-id bits.
+/// Closes the finished copy; false if it is not all that it should be. The mode comes last: to
+/// write to a file clears its set-id bits.
 bool finish_copy(Stream copy, int original) {
-    const bool flushed = std::fflush(copy.get()) == 0 && std::ferror(copy.get()) == 0;
-    take_over_owner_and_mode(fileno(copy.get()), original);
-    return std::fclose(copy.release()) == 0 && flushed;
+    const bool whole = std::fflush(copy.get()) == 0 && std::ferror(copy.get()) == 0 &&
+                       take_over_owner_and_mode(fileno(copy.get()), original);
+    return std::fclose(copy.release()) == 0 && whole;
 }
 
 /// Puts a new version of a file in its place. `write_lines(lines, copy)` takes the lines of the
@@ -161,9 +164,9 @@ void copy_with_rows(LineReader &lines, std::FILE *copy, char separator,
     Output out(copy);
     Line line;
     while (lines.next(line) && !line.cut_off) {
-        const std::string_view text(line.text.data(), line.text.size());
-        const std::string_view content = front(text, text.size() - (text.empty() ? 0 : 1));
-        const prop_entry *row = index.last_named(key_of(content, separator));
+        const std::string_view content = front(line.bytes(), line.place.size() - 1);
+        const std::string_view text = front(line.text(), content.size());
+        const prop_entry *row = index.last_named(key_of(text, separator));
         if (row == nullptr) {
             out.put(content);
         } else {
@@ -202,15 +205,14 @@ void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &set
     Line line;
     bool found = false;
     while (lines.next(line)) {
-        const std::string_view text(line.text.data(), line.text.size());
-        const bool named = key_of(text, setting.separator) == setting.name;
+        const bool named = key_of(line.text(), setting.separator) == setting.name;
         found = found || named;
         if (line.cut_off)
             break;
         if (named)
             put_setting(out, setting, "\"");
         else
-            out.put(text);
+            out.put(line.bytes());
     }
     if (!found)
         put_setting(out, setting, "");

@@ -77,6 +77,12 @@ bool fill_row_from_line(prop_entry &row, char separator, std::span<char> line) {
                     setting.value);
 }
 
+/// The line's text without its line end.
+std::span<char> without_line_end(const Line &line) {
+    const std::string_view text = line.text();
+    return line.place.first(text.size() - (text.ends_with('\n') ? 1 : 0));
+}
+
 bool fill_row_with(prop_entry &row, std::string_view name, std::string_view value) {
     return fill_row(row, name, name.size() + 1, value);
 }
@@ -147,7 +153,8 @@ int ins_prop(const char *name, const char *value, prop_entry *table, int count) 
     }
     const std::span field = corvel::value_field(rows[index]);
     const std::size_t kept = corvel::store(field, corvel::text_of(value));
-    std::ranges::fill(field.subspan(kept), '\0');
+    if (kept < field.size())
+        std::memset(&field[kept], 0, field.size() - kept);
     return rows_in_use;
 }
 

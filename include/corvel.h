@@ -286,13 +286,15 @@ CORVEL_API int free_prop(prop_entry *table, int count);
  *
  * The new file has the mode and, as far as the process may set it, the owner of the old one. If the
  * old file can't be read, or the copy can't be written whole (a full disk), the old file stays as
- * it is and no copy is left behind. A path whose companions' names do not fit their buffers (1024
- * bytes; 255 for the copy in save_global_conf()) leaves everything untouched.
+ * it is and no copy is left behind. Symbolic links at the companions' names are not followed: with
+ * one in the copy's place nothing is saved, with one in the lock's place without a lock. A path
+ * whose companions' names do not fit their buffers (1024 bytes; 255 for the copy in
+ * save_global_conf()) leaves everything untouched.
  *
  * Lines are read as described under Property table: a line of more than 1023 characters is taken in
- * pieces, a NUL ends a line, and a last line without a line end is dropped. A line's key is the
- * text in front of the first separator, or the whole line if it has none; a prefix such as "setenv
- * " belongs to the key.
+ * pieces, a last line without a line end is dropped, and behind a NUL no key is looked for. A
+ * line's key is the text in front of the first separator, or the whole line if it has none; a
+ * prefix such as "setenv " belongs to the key.
  * @{
  */
 

@@ -17,18 +17,22 @@ namespace corvel {
 /// A line is taken up to this length, its line end included.
 inline constexpr std::size_t line_limit = 1023;
 
-/// One line, or a piece of one, with its line end. The text stands until the next one is taken.
+/// One line, or a piece of one, with its line end: at least one byte. It stands until the next one
+/// is taken.
 struct Line {
-    std::span<char> text;
-    /// The file ended behind this text: it is a last line without a line end. A whole piece never
-    /// counts as one, even where the file ends right behind it.
+    std::span<char> place;
+    /// The file ended behind this line, which has no line end. A whole piece never counts as such,
+    /// even where the file ends right behind it.
     bool cut_off;
-};
 
-inline std::span<char> without_line_end(const Line &line) {
-    const bool ended = !line.text.empty() && line.text.back() == '\n';
-    return line.text.first(line.text.size() - (ended ? 1 : 0));
-}
+    /// The line as it stands in the file.
+    [[nodiscard]] std::string_view bytes() const { return {place.data(), place.size()}; }
+
+    /// What a reader of C texts sees of it: a NUL in the file ends the text.
+    [[nodiscard]] std::string_view text() const {
+        return {place.data(), strnlen(place.data(), place.size())};
+    }
+};
 
 /// Takes the lines of a file one by one, where they lie in the buffer that the file is read into:
 /// twice as fast as fgets(), whose line has to be copied and its length counted.
@@ -36,8 +40,7 @@ class LineReader {
   public:
     explicit LineReader(int descriptor) : descriptor_(descriptor) {}
 
-    /// False when nothing more comes, be it the end or an error. A NUL in the file ends the line's
-    /// text; the rest of that line is passed over.
+    /// False when nothing more comes, be it the end or an error.
     [[gnu::noinline]] bool next(Line &line) {
         std::size_t searched = 0;
         for (;;) {
@@ -58,8 +61,7 @@ class LineReader {
 
   private:
     bool take(std::size_t length, bool cut_off, Line &line) {
-        char *const text = buffer_ + start_;
-        line = {{text, strnlen(text, length)}, cut_off};
+        line = {{buffer_ + start_, length}, cut_off};
         start_ += length;
         return true;
     }

@@ -32,9 +32,9 @@ std::string quoted(const std::string &value) { return '"' + value + '"'; }
 
 /** What save_prop() makes of one line: its last character is gone, whatever it was. */
 std::string saved_line(char separator, std::string line, const Settings &rows) {
-    if (!line.empty())
-        line.pop_back();
-    const std::string key = line.substr(0, line.find(separator));
+    line.pop_back();
+    const std::string_view text = as_text(line);
+    const std::string key(text.substr(0, text.find(separator)));
     for (const Setting &row : rows) {
         if (row.name == key)
             line = row.name + separator + quoted(row.value);
@@ -46,7 +46,7 @@ std::string saved(char separator, std::string_view file, const Settings &rows) {
     std::string result;
     for (const Piece &piece : pieces_of(file)) {
         if (!piece.at_end)
-            result += saved_line(separator, std::string(as_text(piece.text)), rows);
+            result += saved_line(separator, std::string(piece.text), rows);
     }
     return result;
 }
@@ -64,7 +64,7 @@ std::string saved_setting(char separator, std::string_view file, const std::stri
         if (matches)
             result += prefix + setting.name + separator + quoted(setting.value) + '\n';
         else
-            result += line;
+            result += piece.text;
     }
     if (!found)
         result += prefix + setting.name + separator + setting.value + '\n';

@@ -240,9 +240,21 @@ TEST(SaveProp, FindsNamesAsLongAsALine) {
     EXPECT_EQ(saved('=', name + "\n", {{name + "v", "x"}}), name + "\n");
 }
 
-TEST(SaveProp, ReplacesTheLastCharacterInFrontOfANul) {
-    EXPECT_EQ(saved('=', "A=12\0xyz\nB=2\n"s, {{"B", "x"}}), "A=1\nB=\"x\"\n");
-    EXPECT_EQ(saved('=', "\0xyz\nB=2\n"s, {{"B", "x"}}), "\nB=\"x\"\n");
+TEST(SaveProp, CopiesALineWithANulWhole) {
+    EXPECT_EQ(saved('=', "A=12\0xyz\nB=2\n"s, {{"B", "x"}}), "A=12\0xyz\nB=\"x\"\n"s);
+    EXPECT_EQ(saved('=', "\0xyz\nB=2\n"s, {{"B", "x"}}), "\0xyz\nB=\"x\"\n"s);
+}
+
+TEST(SaveProp, LooksForNoKeyBehindANul) {
+    EXPECT_EQ(saved('=', "\0B=2\n"s, {{"B", "x"}}), "\0B=2\n"s);
+    EXPECT_EQ(saved('=', "B\0=2\n"s, {{"B", "x"}}), "B=\"x\"\n");
+}
+
+TEST(SaveGlobalConf, CopiesALineWithANulWhole) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\0x\nB=2\n"s);
+    save_global_conf('=', folder.path("conf").c_str(), "", "B", "x");
+    EXPECT_EQ(folder.read("conf"), "A=1\0x\nB=\"x\"\n"s);
 }
 
 TEST(SaveProp, KeepsTheLockFile) {
@@ -605,8 +617,9 @@ TEST_P(BothWriters, NeverShowTheCopyToOthersThanTheFile) {
         },
         [&](unsigned long n) {
             struct stat status {};
-            if (stat(folder_.path("conf.cgi").c_str(), &status) == 0)
-                EXPECT_EQ(status.st_mode & 0077U, 0U) << "system call " << n;
+            if (stat(folder_.path("conf.cgi").c_str(), &status) != 0)
+                return;
+            EXPECT_EQ(status.st_mode & 0077U, 0U) << "system call " << n;
         });
 }
 

@@ -198,7 +198,8 @@ void *realloc(void *old, size_t size) {
 }
 
 void free(void *block) {
-    /* What the dynamic linker frees while it searches is the text of an earlier error of its own. */
+    /* What the dynamic linker frees while it searches is the text of an earlier error of its own.
+     */
     if (searching || in_arena(block))
         return;
     NEXT_DEFINITION(free);
@@ -318,7 +319,7 @@ __attribute__((format(printf, 2, 0))) static int print_on(FILE *stream, const ch
     return next(stream, format, values);
 }
 
-int fprintf(FILE *stream, const char *format, ...) {
+__attribute__((format(printf, 2, 3))) int fprintf(FILE *stream, const char *format, ...) {
     va_list values;
     if (fails(call_fprintf))
         return note_failure(stream);
@@ -328,7 +329,7 @@ int fprintf(FILE *stream, const char *format, ...) {
     return result;
 }
 
-int printf(const char *format, ...) {
+__attribute__((format(printf, 1, 2))) int printf(const char *format, ...) {
     va_list values;
     if (fails(call_printf))
         return note_failure(stdout);
