@@ -220,10 +220,8 @@ char *plustospace(char *text) {
 }
 
 char *unescape_url(char *text) {
-    const std::string_view view = corvel::text_of(text);
-    if (view.empty())
-        return text;
-    *corvel::decode<corvel::UrlRules>(view, text) = '\0';
+    if (text != nullptr)
+        *corvel::decode<corvel::UrlRules>(text, text) = '\0';
     return text;
 }
 

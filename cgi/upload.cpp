@@ -41,9 +41,11 @@ const char *find_bytes(std::string_view block, std::string_view pattern) {
         memmem(block.data(), block.size(), pattern.data(), pattern.size()));
 }
 
-/// The value of a header is copied up to this many characters.
+/// The value of a header: at most its first 256 characters.
 class HeaderValue {
   public:
+    static constexpr std::size_t capacity = 256;
+
     /// Takes the text up to the end of its line, without double quotes. Returns where that is.
     const char *take(std::string_view text) {
         length_ = 0;
@@ -58,7 +60,7 @@ class HeaderValue {
     [[nodiscard]] std::string_view text() const { return {value_.data(), length_}; }
 
   private:
-    std::array<char, 256> value_;
+    std::array<char, capacity> value_;
     std::size_t length_ = 0;
 };
 
@@ -75,7 +77,11 @@ class PartHeaders {
         const char *const found = find(std::max(cursor_, search_start_), key);
         if (found == nullptr)
             return false;
-        const std::string_view rest = behind(between(found, end_), key.size());
+        // A line that runs into the next boundary is followed no further than a value can need, so
+        // that a body of boundaries without line ends is not read to its end for each of them.
+        const auto behind_boundary = static_cast<std::size_t>(end_ - next_boundary_);
+        const char *const limit = next_boundary_ + at_most(behind_boundary, HeaderValue::capacity);
+        const std::string_view rest = behind(between(found, limit), key.size());
         if (!rest.starts_with(separator))
             return false;
         cursor_ = value.take(behind(rest, 1));
@@ -153,7 +159,7 @@ PartResult read_part(std::string_view &rest, std::string_view boundary, prop_fil
                      std::string_view &content) {
     const char *const end = rest.data() + rest.size();
     const char *const start = find_bytes(rest, boundary);
-    rest = {end, 0};
+    rest = behind(rest, rest.size());
     if (start == nullptr)
         return no_boundary;
     const char *const next = find_bytes(behind(between(start, end), boundary.size()), boundary);
@@ -242,10 +248,10 @@ std::string_view trimmed(std::string_view text, char one, char other) {
 
 /// Whether a pattern stands at a position, reading no further than to the first difference.
 bool stands_at(const char *position, std::string_view pattern) {
-    for (const char byte : pattern)
-        if (*position++ != byte)
-            return false;
-    return true;
+    std::size_t length = 0;
+    while (length < pattern.size() && position[length] == pattern[length])
+        ++length;
+    return length == pattern.size();
 }
 
 } // namespace

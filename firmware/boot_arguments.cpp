@@ -56,7 +56,7 @@ bool load_for_root_id(const char *path) {
 int save_variable(const char *path, const char *name, const char *value) {
     if (!set_variable(name, value))
         return -1;
-    const Descriptor file(open(text_or_empty(path), O_WRONLY | O_CREAT | O_TRUNC, 0644));
+    const Descriptor file = open_environment(path, O_WRONLY | O_CREAT | O_TRUNC);
     if (!file) {
         std::printf("Err: open file %s failed\n", text_or_empty(path));
         return 0;

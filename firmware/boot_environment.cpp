@@ -146,7 +146,7 @@ bool append_variable(DataArea &area, std::string_view name, std::string_view val
 } // namespace
 
 ImageRead read_environment_image(const char *path) {
-    const Descriptor file(open(text_or_empty(path), O_RDONLY));
+    const Descriptor file = open_environment(path, O_RDONLY);
     if (!file)
         return ImageRead::cannot_open;
     const ssize_t length = read(file.get(), env_image_mem, sizeof env_image_mem);

@@ -59,7 +59,7 @@ constexpr LaneTables make_lane_tables() {
 }
 
 constexpr LaneTables lane_tables = make_lane_tables();
-static_assert(sizeof lane_tables + sizeof byte_table <= 16 * 1024);
+static_assert(sizeof lane_tables + sizeof byte_table <= std::size_t{16} * 1024);
 
 /// A word whose least significant byte is the first in memory, whatever the machine's order.
 std::uint64_t word_at(const unsigned char *bytes) {

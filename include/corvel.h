@@ -858,12 +858,13 @@ CORVEL_API uint32_t crc32(const unsigned char *data, int length);
 /**
  * Reads an environment image from a file or device and makes it current.
  *
- * Prints "Err: can not open file %s\n", "Err: envimage size is less then
- * CONFIG_ENV_SIZE(0x10000)\n" or "Warning - bad CRC\n".
+ * Prints "Err: can not open file %s\n" or "Warning - bad CRC\n" or, of a file that is too short,
+ * "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n".
  *
  * @param path the file.
  * @return 0; 1 if the CRC is bad (the image is current all the same); -1 if the file can't be
- *         opened or one read does not give 65,536 bytes.
+ *         opened, gets descriptor 0 (which then stays open), or one read does not give 65,536
+ *         bytes.
  */
 CORVEL_API int init_env(const char *path);
 

@@ -39,6 +39,12 @@ inline Descriptor open_for_reading(const char *path) {
     return file;
 }
 
+/// Opens the environment's file. Descriptor 0 counts as a failure, and stays open.
+inline Descriptor open_environment(const char *path, int flags) {
+    const int descriptor = open(text_or_empty(path), flags | O_CLOEXEC, 0644);
+    return Descriptor(descriptor > 0 ? descriptor : -1);
+}
+
 } // namespace corvel
 
 #endif

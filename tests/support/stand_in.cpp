@@ -18,6 +18,14 @@ int record(const char *command) {
     return recorded_status;
 }
 
+std::vector<RecordSyslog::Message> logged;
+
+void record_message(int priority, const char *text) { logged.push_back({priority, text}); }
+
+std::function<void()> instead_of_sync;
+
+void call_instead_of_sync() { instead_of_sync(); }
+
 void arm(stand_in_call call, unsigned long n, int error, bool keeps_failing) {
     stand_in_switch &own = stand_in_switches[call];
     own.error = error;
@@ -53,6 +61,22 @@ RecordSystem::RecordSystem(int status) {
 RecordSystem::~RecordSystem() { stand_in_system = nullptr; }
 
 const std::vector<std::string> &RecordSystem::commands() { return recorded_commands; }
+
+RecordSyslog::RecordSyslog() {
+    logged.clear();
+    stand_in_syslog = record_message;
+}
+
+RecordSyslog::~RecordSyslog() { stand_in_syslog = nullptr; }
+
+const std::vector<RecordSyslog::Message> &RecordSyslog::messages() { return logged; }
+
+ReplaceSync::ReplaceSync(std::function<void()> instead) {
+    instead_of_sync = std::move(instead);
+    stand_in_sync = call_instead_of_sync;
+}
+
+ReplaceSync::~ReplaceSync() { stand_in_sync = nullptr; }
 
 AllocationTrial::AllocationTrial(unsigned long n, Allocations whose)
     : n_(n), left_(n), whose_(whose) {

@@ -77,6 +77,34 @@ class RecordSystem {
     [[nodiscard]] static const std::vector<std::string> &commands();
 };
 
+/** Takes what is sent to the system log while the object lives. */
+class RecordSyslog {
+  public:
+    struct Message {
+        int priority;
+        std::string text;
+        bool operator==(const Message &) const = default;
+    };
+
+    RecordSyslog();
+    ~RecordSyslog();
+    RecordSyslog(const RecordSyslog &) = delete;
+    RecordSyslog &operator=(const RecordSyslog &) = delete;
+
+    /** The messages so far, in order. */
+    [[nodiscard]] static const std::vector<Message> &messages();
+};
+
+/** Calls a function in the place of sync() while the object lives; the machine's disks are left
+ * alone. */
+class ReplaceSync {
+  public:
+    explicit ReplaceSync(std::function<void()> instead = [] {});
+    ~ReplaceSync();
+    ReplaceSync(const ReplaceSync &) = delete;
+    ReplaceSync &operator=(const ReplaceSync &) = delete;
+};
+
 /** Whose allocations are made to fail. */
 enum class Allocations {
     all,               /**< Each one, those inside fopen() and its like included. */

@@ -14,11 +14,14 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <syslog.h>
 #include <unistd.h>
 
 struct stand_in_switch stand_in_switches[stand_in_call_count];
 int stand_in_spare_c_library;
 int (*stand_in_system)(const char *command);
+void (*stand_in_sync)(void);
+void (*stand_in_syslog)(int priority, const char *message);
 
 /* A function that stands in for another hands the call on to the next definition in the program's
  * search order: the C library's, or that of a sanitizer in front of it. */
@@ -437,4 +440,40 @@ int system(const char *command) {
 unsigned int sleep(unsigned int seconds) {
     NEXT_DEFINITION(sleep);
     return fails(call_sleep) ? 0 : next(seconds);
+}
+
+off_t lseek(int descriptor, off_t offset, int whence) {
+    NEXT_DEFINITION(lseek);
+    return fails(call_lseek) ? -1 : next(descriptor, offset, whence);
+}
+
+/* sync() cannot fail. */
+void sync(void) {
+    NEXT_DEFINITION(sync);
+    ++stand_in_switches[call_sync].seen;
+    if (stand_in_sync != NULL)
+        stand_in_sync();
+    else
+        next();
+}
+
+__attribute__((format(printf, 2, 0))) static void log_values(int priority, const char *format,
+                                                             va_list values) {
+    NEXT_DEFINITION(vsyslog);
+    next(priority, format, values);
+}
+
+/* Nor can syslog(). */
+__attribute__((format(printf, 2, 3))) void syslog(int priority, const char *format, ...) {
+    char message[1024];
+    va_list values;
+    ++stand_in_switches[call_syslog].seen;
+    va_start(values, format);
+    if (stand_in_syslog != NULL) {
+        vsnprintf(message, sizeof message, format, values);
+        stand_in_syslog(priority, message);
+    } else {
+        log_values(priority, format, values);
+    }
+    va_end(values);
 }

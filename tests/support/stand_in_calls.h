@@ -51,6 +51,9 @@ enum stand_in_call {
     call_pclose,
     call_system,
     call_sleep,
+    call_lseek,
+    call_sync,
+    call_syslog,
     stand_in_call_count
 };
 
@@ -69,6 +72,13 @@ extern int stand_in_spare_c_library;
 
 /** What is called instead of system() where it is not null. */
 extern int (*stand_in_system)(const char *command);
+
+/** What is called instead of sync() where it is not null. */
+extern void (*stand_in_sync)(void);
+
+/** What is given each message to the system log, formatted, where it is not null: the log itself
+ * gets nothing then. */
+extern void (*stand_in_syslog)(int priority, const char *message);
 
 /** Remembers each block that is allocated from now on. */
 void stand_in_start_tracking(void);

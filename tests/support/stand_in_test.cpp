@@ -11,6 +11,8 @@
 #include <cstring>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
+#include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -82,6 +84,24 @@ TEST(StandIn, TakesTheCommandsGivenToSystem) {
     const RecordSystem record(7);
     EXPECT_EQ(std::system("a command"), 7);
     EXPECT_EQ(RecordSystem::commands(), std::vector<std::string>{"a command"});
+}
+
+TEST(StandIn, TakesTheMessagesToTheSystemLog) {
+    const RecordSyslog log;
+    syslog(LOG_ERR, "%s=%04x\n", "a", 7U);
+    syslog(LOG_INFO, "second");
+    EXPECT_EQ(
+        RecordSyslog::messages(),
+        (std::vector<RecordSyslog::Message>{{LOG_ERR, "a=0007\n"}, {LOG_INFO, "second"}}));
+}
+
+TEST(StandIn, CallsAnotherFunctionInThePlaceOfSync) {
+    int calls = 0;
+    const CountCalls syncs(call_sync);
+    const ReplaceSync replaced([&calls] { ++calls; });
+    sync();
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(syncs.count(), 1U);
 }
 
 TEST(OutputCapture, GivesTheBytesOfStandardOutputAlone) {

@@ -1,0 +1,340 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include "cgi/guarded_block.h"
+#include "firmware/current_image.h"
+#include "firmware/environment_image.h"
+#include "support/child_process.h"
+#include "support/output_capture.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using namespace corvel_test;
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
+constexpr const char *too_short = "Err: envimage size is less then CONFIG_ENV_SIZE(65536)\n";
+
+/** What a process answers in which no image was ever current. */
+const int saved_before_any_image = [] {
+    const TemporaryFolder folder;
+    const int result = save_param(folder.path("env").c_str(), "a", "1");
+    return folder.exists("env") ? 99 : result;
+}();
+
+std::size_t open_descriptors() {
+    const auto entries = fs::directory_iterator("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::string_view memory_image() {
+    return {reinterpret_cast<const char *>(env_image_mem), sizeof env_image_mem};
+}
+
+/** The value that is found, or "(null)". */
+std::string value_of(const char *arguments, const char *key) {
+    const std::unique_ptr<char, decltype(&std::free)> value(parse_bootargs_get_val(arguments, key),
+                                                            &std::free);
+    return value ? value.get() : "(null)";
+}
+
+TEST(ParseBootargsGetVal, GivesWhatStandsBetweenTheKeyAndTheNextBlank) {
+    const char *arguments = "console=ttyS0 root=31:2 rootfstype=squashfs";
+    EXPECT_EQ(value_of(arguments, "root="), "31:2");
+    EXPECT_EQ(value_of(arguments, "console="), "ttyS0");
+    EXPECT_EQ(value_of("a= b=1 ", "a="), "");
+    EXPECT_EQ(value_of("a=1\tb=2 c", "a="), "1\tb=2");
+}
+
+TEST(ParseBootargsGetVal, DoesNotFindTheLastValueOfALine) {
+    EXPECT_EQ(value_of("console=ttyS0 root=31:2", "root="), "(null)");
+    EXPECT_EQ(value_of("root=", "root="), "(null)");
+    EXPECT_EQ(value_of("root=31:2 ", "root="), "31:2");
+}
+
+TEST(ParseBootargsGetVal, FindsTheKeyInsideOfALongerWord) {
+    EXPECT_EQ(value_of("nfsroot=host root=31:2 x", "root="), "host");
+    EXPECT_EQ(value_of("rootroot=1 x", "root="), "1");
+    EXPECT_EQ(value_of("roroot=1 x", "root="), "1");
+    EXPECT_EQ(value_of("console=ttyS0 x", "sole="), "ttyS0");
+}
+
+TEST(ParseBootargsGetVal, LooksAtTheFirstOccurrenceAlone) {
+    EXPECT_EQ(value_of("a=1 a=2 ", "a="), "1");
+    // The first one has a blank behind it, be it that of the second one's value.
+    EXPECT_EQ(value_of("a=a= b", "a="), "a=");
+}
+
+TEST(ParseBootargsGetVal, FindsNothingWithoutTheKeyOrTheLine) {
+    EXPECT_EQ(value_of("console=ttyS0 x", "root="), "(null)");
+    EXPECT_EQ(value_of("roo", "root="), "(null)");
+    EXPECT_EQ(value_of("", "root="), "(null)");
+    EXPECT_EQ(value_of(nullptr, "root="), "(null)");
+    EXPECT_EQ(value_of(nullptr, nullptr), "(null)");
+}
+
+TEST(ParseBootargsGetVal, TakesTheFirstWordForAnEmptyKey) {
+    EXPECT_EQ(value_of("first second", ""), "first");
+    EXPECT_EQ(value_of("first second", nullptr), "first");
+    EXPECT_EQ(value_of("single", ""), "(null)");
+}
+
+TEST(ParseBootargsGetVal, TakesLongValues) {
+    const std::string value(100000, 'v');
+    EXPECT_EQ(value_of(("root=" + value + " x").c_str(), "root="), value);
+}
+
+TEST(ParseBootargsGetVal, ReadsNothingBehindTheLine) {
+    for (const std::string line : {"root=1 x", "root=1", "root=", "root", "x r", " ", ""}) {
+        const GuardedBlock block(line + '\0');
+        const GuardedBlock key("root=\0"s);
+        EXPECT_EQ(value_of(block.start(), key.start()), line == "root=1 x" ? "1" : "(null)");
+    }
+}
+
+TEST(ParseBootargsGetVal, GivesNullWithoutMemory) {
+    const unsigned long failures = for_each_allocation_failure([](AllocationTrial &trial) {
+        char *const value = trial.run([] { return parse_bootargs_get_val("a=1 b", "a="); });
+        EXPECT_EQ(value == nullptr, trial.failed());
+        std::free(value);
+    });
+    EXPECT_EQ(failures, 1U);
+}
+
+/** What get_rootid() prints; its result is 0 whatever happens. */
+std::string root_id_says(const std::string &path) {
+    const std::size_t descriptors = open_descriptors();
+    std::string said =
+        capture_stdout([&path] { EXPECT_EQ(get_rootid(path.c_str()), 0U) << path; });
+    EXPECT_EQ(open_descriptors(), descriptors);
+    return said;
+}
+
+std::string root_id_says(const EnvironmentImage &image) {
+    const TemporaryFolder folder;
+    folder.write("env", image.bytes());
+    return root_id_says(folder.path("env"));
+}
+
+TEST(GetRootid, PrintsThePositionAndGivesZero) {
+    EXPECT_EQ(root_id_says(EnvironmentImage(
+                  {"bootargs=console=ttyS0 root=31:2 rootfstype=squashfs"})),
+              "pos=31:2\n");
+    EXPECT_STREQ(get_env("bootargs"), "console=ttyS0 root=31:2 rootfstype=squashfs");
+}
+
+TEST(GetRootid, GivesZeroWhateverTheValueIs) {
+    for (const std::string value : {"31:2", ":5", "5", "5:", "31:7:8", "::9", "", "x:-3", "%s:%n"})
+        EXPECT_EQ(root_id_says(EnvironmentImage({"bootargs=root=" + value + " x"})),
+                  "pos=" + value + "\n");
+}
+
+TEST(GetRootid, PrintsNothingWithoutAPosition) {
+    EXPECT_EQ(root_id_says(EnvironmentImage({"bootargs=console=ttyS0 root=31:2"})), "");
+    EXPECT_EQ(root_id_says(EnvironmentImage({"bootargs=console=ttyS0 x"})), "");
+    EXPECT_EQ(root_id_says(EnvironmentImage({"bootargs="})), "");
+    EXPECT_EQ(root_id_says(EnvironmentImage({"bootdelay=1"})), "");
+    EXPECT_EQ(root_id_says(EnvironmentImage({})), "");
+}
+
+TEST(GetRootid, RefusesAnImageWithABadCrcThatStaysCurrentAllTheSame) {
+    EXPECT_EQ(root_id_says(EnvironmentImage::of_data("bootargs=root=31:2 x\0\0"s, 1)),
+              "Warning - bad CRC\nErr: invalid image\n");
+    EXPECT_STREQ(get_env("bootargs"), "root=31:2 x");
+}
+
+TEST(GetRootid, RefusesFilesThatHoldNoImage) {
+    const TemporaryFolder folder;
+    const CurrentImage other(EnvironmentImage({"other=still"}).bytes());
+    EXPECT_EQ(root_id_says(folder.path("missing")),
+              "Err: can not open file " + folder.path("missing") + "\n");
+    for (const std::size_t size : {0U, 4U, 65535U}) {
+        folder.write("env", EnvironmentImage({}).bytes().substr(0, size));
+        EXPECT_EQ(root_id_says(folder.path("env")), too_short) << size;
+    }
+    EXPECT_EQ(root_id_says(folder.path()), too_short);
+    EXPECT_STREQ(get_env("other"), "still");
+    EXPECT_EQ(capture_stdout([] { EXPECT_EQ(get_rootid(nullptr), 0U); }),
+              "Err: can not open file \n");
+}
+
+TEST(GetRootid, TakesDescriptorZeroForAFailure) {
+    const TemporaryFolder folder;
+    folder.write("env", EnvironmentImage({"bootargs=root=31:2 x"}).bytes());
+    const std::string path = folder.path("env");
+    const ChildResult child = run_in_child([&path] {
+        close(STDIN_FILENO);
+        return static_cast<int>(get_rootid(path.c_str()));
+    });
+    EXPECT_EQ(child.out, "Err: can not open file " + path + "\n");
+    EXPECT_EQ(child.exit_status, 0);
+}
+
+TEST(GetRootid, FreesTheValueAndGivesZeroWithoutMemory) {
+    const TemporaryFolder folder;
+    folder.write("env", EnvironmentImage({"bootargs=root=31:2 x"}).bytes());
+    const std::string path = folder.path("env");
+    const unsigned long failures = for_each_allocation_failure(
+        [&path](AllocationTrial &trial) {
+            const std::string said = capture_stdout([&] {
+                EXPECT_EQ(trial.run([&] { return get_rootid(path.c_str()); }), 0U);
+            });
+            EXPECT_EQ(said, trial.failed() ? "" : "pos=31:2\n");
+        },
+        Allocations::outside_c_library);
+    EXPECT_EQ(failures, 1U);
+}
+
+/** Loads an image into env_image_mem. */
+void load(const EnvironmentImage &image) {
+    const std::string bytes = image.bytes();
+    std::copy(bytes.begin(), bytes.end(), env_image_mem);
+    ASSERT_EQ(set_env_ptr(env_image_mem), image.crc_is_good() ? 0 : 1);
+}
+
+TEST(SaveParam, FailsWithoutACurrentImage) { EXPECT_EQ(saved_before_any_image, -1); }
+
+TEST(SaveParam, SetsTheVariableAndWritesTheImage) {
+    const TemporaryFolder folder;
+    EnvironmentImage model({"a=1", "bootparam=0"});
+    load(model);
+    const std::size_t descriptors = open_descriptors();
+    const CountCalls writes(call_write);
+    EXPECT_EQ(save_param(folder.path("env").c_str(), "a", "2"), model.set("a", "2"));
+    EXPECT_EQ(writes.count(), 1U);
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(folder.read("env"), model.bytes());
+    EXPECT_EQ(memory_image(), model.bytes());
+}
+
+TEST(SaveParam, DeletesTheVariableForANullValue) {
+    const TemporaryFolder folder;
+    EnvironmentImage model({"a=1", "b=2"});
+    load(model);
+    EXPECT_EQ(save_param(folder.path("env").c_str(), "a", nullptr), model.set("a", std::nullopt));
+    EXPECT_EQ(folder.read("env"), model.bytes());
+}
+
+TEST(SaveParam, PrintsNothing) {
+    const TemporaryFolder folder;
+    load(EnvironmentImage({}));
+    EXPECT_EQ(capture_stdout([&] { save_param(folder.path("env").c_str(), "a", "1"); }), "");
+}
+
+TEST(SaveParam, CreatesTheFileWithItsModeAndReplacesWhatWasThere) {
+    const TemporaryFolder folder;
+    EnvironmentImage model({});
+    load(model);
+    const mode_t mask = umask(0);
+    save_param(folder.path("new").c_str(), "a", "1");
+    umask(mask);
+    EXPECT_EQ(fs::status(folder.path("new")).permissions(), fs::perms{0644});
+    folder.write("old", std::string(100000, 'x'));
+    fs::permissions(folder.path("old"), fs::perms{0600});
+    save_param(folder.path("old").c_str(), "a", "1");
+    EXPECT_EQ(fs::status(folder.path("old")).permissions(), fs::perms{0600});
+    model.set("a", "1");
+    EXPECT_EQ(folder.read("new"), model.bytes());
+    EXPECT_EQ(folder.read("old"), model.bytes());
+}
+
+TEST(SaveParam, WritesTheLoadedImageWhateverImageIsCurrent) {
+    const TemporaryFolder folder;
+    const EnvironmentImage loaded({"loaded=1"});
+    load(loaded);
+    const CurrentImage other(EnvironmentImage({"other=1"}).bytes());
+    EXPECT_EQ(save_param(folder.path("env").c_str(), "a", "1"), 0);
+    EXPECT_EQ(folder.read("env"), loaded.bytes());
+    EXPECT_STREQ(get_env("a"), "1");
+}
+
+TEST(SaveParam, TouchesNoFileWhereTheVariableCannotBeSet) {
+    const TemporaryFolder folder;
+    folder.write("env", "as it was");
+    const std::string path = folder.path("env");
+    load(EnvironmentImage({"a=1"}));
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(save_param(path.c_str(), "a=", "1"), -1); }),
+              "## Error: illegal character '=' in variable name \"a=\"\n");
+    const std::string too_long(65536, 'v');
+    EXPECT_EQ(
+        capture_stdout([&] { EXPECT_EQ(save_param(path.c_str(), "a", too_long.c_str()), -1); }),
+        "## Error: environment overflow, \"a\" deleted\n");
+    EXPECT_EQ(folder.read("env"), "as it was");
+    EXPECT_EQ(get_env("a"), nullptr);
+}
+
+TEST(SaveParam, SetsTheVariableInMemoryWhereTheFileCannotBeOpened) {
+    const TemporaryFolder folder;
+    for (const std::string &path : {folder.path("missing/env"), folder.path(), ""s}) {
+        EnvironmentImage model({"a=1"});
+        load(model);
+        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(save_param(path.c_str(), "a", "2"), 0); }),
+                  "Err: open file " + path + " failed\n");
+        model.set("a", "2");
+        EXPECT_EQ(memory_image(), model.bytes());
+    }
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(save_param(nullptr, "a", "2"), 0); }),
+              "Err: open file  failed\n");
+}
+
+TEST(SaveParam, TakesDescriptorZeroForAFailure) {
+    const TemporaryFolder folder;
+    load(EnvironmentImage({"a=1"}));
+    const std::string path = folder.path("env");
+    const ChildResult child = run_in_child([&path] {
+        close(STDIN_FILENO);
+        return save_param(path.c_str(), "a", "2");
+    });
+    EXPECT_EQ(child.out, "Err: open file " + path + " failed\n");
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(folder.read("env"), "");
+}
+
+TEST(SaveParam, DoesNotNoticeThatWritingFails) {
+    const TemporaryFolder folder;
+    load(EnvironmentImage({"a=1"}));
+    const std::string path = folder.path("env");
+    const std::size_t descriptors = open_descriptors();
+    const std::string said = capture_stdout([&path] {
+        const FailCall failing(call_write, 1, ENOSPC);
+        EXPECT_EQ(save_param(path.c_str(), "a", "2"), 0);
+        EXPECT_EQ(failing.failures(), 1U);
+    });
+    EXPECT_EQ(said, "");
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+/** Any bytes whatever go through a file and back. */
+TEST(SaveParam, KeepsWhateverTheImageHolds) {
+    const TemporaryFolder folder;
+    const std::string path = folder.path("env");
+    std::string counting;
+    for (std::size_t i = 0; i < EnvironmentImage::data_size; ++i)
+        counting += static_cast<char>(i % 251);
+    for (const std::string &data : {std::string(EnvironmentImage::data_size, '\xFF'),
+                                    std::string(EnvironmentImage::data_size, '\0'), counting}) {
+        EnvironmentImage model = EnvironmentImage::of_data(data, 0);
+        load(model);
+        EXPECT_EQ(save_param(path.c_str(), "missing", nullptr),
+                  model.set("missing", std::nullopt));
+        EXPECT_EQ(folder.read("env"), model.bytes());
+        EXPECT_EQ(init_env(path.c_str()), 0);
+        EXPECT_EQ(memory_image(), model.bytes());
+    }
+}
+
+} // namespace

@@ -1,0 +1,201 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include "firmware/environment_image.h"
+#include "firmware/flash.h"
+#include "support/output_capture.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <climits>
+#include <cstdint>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <string>
+#include <syslog.h>
+#include <vector>
+
+namespace {
+
+using namespace corvel_test;
+using namespace std::string_literals;
+using Messages = std::vector<RecordSyslog::Message>;
+
+const int bootparam_at_the_start = bootparam;
+
+/** Reads the boot parameter; what it logs and prints is compared as well. */
+void expect_loaded(std::uint32_t shift, const Messages &logged, const std::string &said = "") {
+    const RecordSyslog log;
+    EXPECT_EQ(capture_stdout([shift] { EXPECT_EQ(get_bootparam(), shift); }), said);
+    EXPECT_EQ(RecordSyslog::messages(), logged);
+}
+
+TEST(GetBootparam, StartsWithSetA) { EXPECT_EQ(bootparam_at_the_start, 0); }
+
+TEST(GetBootparam, LeadsToTheIdleSet) {
+    on_device({"bootdelay=1", "bootparam=0"}, [] {
+        bootparam = 1;
+        expect_loaded(2, {{LOG_INFO, "bootparam=0\n"}});
+        EXPECT_EQ(bootparam, 0);
+        write_environment({"bootparam=1"});
+        expect_loaded(0, {{LOG_INFO, "bootparam=1\n"}});
+        EXPECT_EQ(bootparam, 1);
+    });
+}
+
+TEST(GetBootparam, TakesTheNumberModuloTwo) {
+    on_device({}, [] {
+        for (const std::string even :
+             {"0", "2", "", "x", "x1", "-", "-0", "-2", "+4", " 6", "00", "2147483646", "0x1",
+              "-2147483648", "\xFF"}) {
+            write_environment({"bootparam=" + even});
+            bootparam = 1;
+            expect_loaded(2, {{LOG_INFO, "bootparam=0\n"}});
+            EXPECT_EQ(bootparam, 0) << even;
+        }
+        for (const std::string odd :
+             {"1", "3", "7", "+5", " 9", "\t\n1", "01", "1x", "1 0", "2147483647"}) {
+            write_environment({"bootparam=" + odd});
+            bootparam = 0;
+            expect_loaded(0, {{LOG_INFO, "bootparam=1\n"}});
+            EXPECT_EQ(bootparam, 1) << odd;
+        }
+    });
+}
+
+TEST(GetBootparam, FailsForANegativeOddNumber) {
+    on_device({}, [] {
+        for (const std::string odd : {"-1", "-3", " -7x", "-2147483647"})
+            for (const int before : {0, 1}) {
+                write_environment({"bootparam=" + odd});
+                bootparam = before;
+                expect_loaded(0, {});
+                EXPECT_EQ(bootparam, before) << odd;
+            }
+    });
+}
+
+TEST(GetBootparam, TakesAnyNumberThatNoIntHolds) {
+    on_device({}, [] {
+        for (const std::string value : {"2147483648", "99999999999999999999", "-2147483649",
+                                        "-99999999999999999999"}) {
+            write_environment({"bootparam=" + value});
+            const RecordSyslog log;
+            const std::uint32_t shift = get_bootparam();
+            EXPECT_TRUE(bootparam == 0 || bootparam == 1) << value;
+            EXPECT_TRUE(shift == 0 || shift == 2) << value;
+        }
+    });
+}
+
+TEST(GetBootparam, FailsWithoutTheVariable) {
+    on_device({"bootparams=1", "boot=1", "xbootparam=1"}, [] {
+        for (const int before : {0, 1}) {
+            bootparam = before;
+            expect_loaded(0, {});
+            EXPECT_EQ(bootparam, before);
+        }
+    });
+}
+
+TEST(GetBootparam, FailsWithoutAGoodEnvironment) {
+    on_device({}, [] {
+        for (const int before : {0, 1}) {
+            bootparam = before;
+            write_file(environment_device,
+                       EnvironmentImage::of_data("bootparam=1\0\0"s, 1).bytes());
+            expect_loaded(0, {}, "Warning - bad CRC\n");
+            write_file(environment_device, EnvironmentImage({"bootparam=1"}).bytes().substr(1));
+            expect_loaded(0, {}, "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n");
+            std::filesystem::remove(environment_device);
+            expect_loaded(0, {}, "Err: can not open file /dev/mtdblock1\n");
+            EXPECT_EQ(bootparam, before);
+        }
+    });
+}
+
+TEST(SaveBootparam, StoresTheOtherSet) {
+    for (const int running : {0, 1}) {
+        const std::string before = "bootparam=" + std::to_string(running);
+        on_device({before, "bootdelay=1"}, [running, &before] {
+            EnvironmentImage model({before, "bootdelay=1"});
+            const RecordSyslog log;
+            get_bootparam();
+            EXPECT_EQ(capture_stdout([] { EXPECT_EQ(save_bootparam(), 0U); }), "");
+            model.set("bootparam", running == 0 ? "1" : "0");
+            EXPECT_EQ(read_file(environment_device), model.bytes());
+            EXPECT_EQ(bootparam, running) << "this is the set that still runs";
+            // Saving once more changes nothing.
+            EXPECT_EQ(save_bootparam(), 0U);
+            EXPECT_EQ(read_file(environment_device), model.bytes());
+            EXPECT_EQ(RecordSyslog::messages().size(), 1U);
+        });
+    }
+}
+
+TEST(SaveBootparam, FlipsForthAndBack) {
+    on_device({"bootparam=0"}, [] {
+        const RecordSyslog log;
+        for (int boot = 0; boot < 6; ++boot) {
+            EXPECT_EQ(get_bootparam(), boot % 2 == 0 ? 2U : 0U);
+            EXPECT_EQ(bootparam, boot % 2);
+            EXPECT_EQ(save_bootparam(), 0U);
+        }
+    });
+}
+
+TEST(SaveBootparam, StoresTheOtherSetOfANumberModuloTwo) {
+    on_device({"bootparam=7"}, [] {
+        const RecordSyslog log;
+        EXPECT_EQ(get_bootparam(), 0U);
+        EXPECT_EQ(save_bootparam(), 0U);
+        EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
+    });
+}
+
+TEST(SaveBootparam, StoresSetBWhereNothingSaidWhatRuns) {
+    on_device({"bootdelay=1"}, [] {
+        EXPECT_EQ(get_bootparam(), 0U);
+        EXPECT_EQ(save_bootparam(), 0U);
+        EXPECT_EQ(read_file(environment_device),
+                  EnvironmentImage({"bootdelay=1", "bootparam=1"}).bytes());
+    });
+}
+
+TEST(SaveBootparam, FollowsWhatTheProgramSetsBootparamTo) {
+    on_device({"bootparam=0"}, [] {
+        const RecordSyslog log;
+        get_bootparam();
+        bootparam = 1;
+        EXPECT_EQ(save_bootparam(), 0U);
+        EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
+        for (const int none : {-1, 2, INT_MIN, INT_MAX}) {
+            bootparam = none;
+            EXPECT_EQ(save_bootparam(), 0U) << none;
+        }
+    });
+}
+
+TEST(SaveBootparam, FailsWhereTheVariableDoesNotFit) {
+    on_device({"long=" + std::string(65532 - 7, 'v')}, [] {
+        const std::string before = read_file(environment_device);
+        get_bootparam();
+        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(save_bootparam(), UINT32_MAX); }),
+                  "## Error: environment overflow, \"bootparam\" deleted\n");
+        EXPECT_EQ(read_file(environment_device), before);
+    });
+}
+
+TEST(SaveBootparam, SucceedsWhereTheDeviceCannotBeOpened) {
+    on_device({"bootparam=0"}, [] {
+        const RecordSyslog log;
+        get_bootparam();
+        std::filesystem::remove(environment_device);
+        std::filesystem::create_directory(environment_device);
+        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(save_bootparam(), 0U); }),
+                  "Err: open file /dev/mtdblock1 failed\n");
+        EXPECT_STREQ(get_env("bootparam"), "1");
+    });
+}
+
+} // namespace
