@@ -24,6 +24,9 @@ class PendingText {
         std::memcpy(own_.data() + start_, line.data(), line.size());
     }
 
+    PendingText(const PendingText &) = delete;
+    PendingText &operator=(const PendingText &) = delete;
+
     [[nodiscard]] std::string_view text() const {
         return {buffer_.data() + start_, buffer_.size() - start_};
     }

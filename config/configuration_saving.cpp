@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <corvel.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
-#include <limits>
+#include <sys/file.h>
 
 #include "config/property_table.h"
 #include "support/descriptor.h"
@@ -18,41 +19,84 @@ namespace {
 constexpr std::string_view copy_ending = ".cgi";
 constexpr std::string_view lock_ending = ".lck";
 
-/// The name of a file's companion in a buffer of its own; false if it does not fit.
+/// The name of a file's companion in a buffer of its own; false if there is no file or no room.
 template <std::size_t size>
 bool name_companion(std::array<char, size> &name, std::string_view path, std::string_view ending) {
-    if (path.size() + ending.size() >= size)
+    if (path.empty() || path.size() + ending.size() >= size)
         return false;
     const std::size_t length = store(name, path);
     store(std::span(name).subspan(length), ending);
     return true;
 }
 
-/// Creates the copy that is to take a file's place, readable by its owner alone even where one was
-/// left behind.
-Stream create_copy(const char *path) {
-    constexpr mode_t owner_alone = S_IRUSR | S_IWUSR;
-    const int descriptor =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, owner_alone);
-    if (descriptor < 0)
-        return nullptr;
-    fchmod(descriptor, owner_alone);
-    Stream copy(fdopen(descriptor, "w"));
-    if (!copy) {
-        close(descriptor);
+bool is_at(const struct stat &file, const char *path) {
+    struct stat named;
+    return lstat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+}
+
+/// Whether nobody else can have the file open for writing or know it by another name.
+bool is_ours_alone(const struct stat &file) {
+    return S_ISREG(file.st_mode) && file.st_nlink == 1 && file.st_uid == geteuid();
+}
+
+/// Removes a copy that was never written. One that was may be all that a writer that died has left.
+void remove_if_empty(const Descriptor &copy, const char *path) {
+    if (lseek(copy.get(), 0, SEEK_END) == 0)
         unlink(path);
+}
+
+/// Creates the copy that is to take a file's place, or opens one that was left behind, and locks
+/// it.
+///
+/// The lock file alone does not keep two writers apart: the one that removes it may remove it from
+/// under the next one. Whoever holds the copy is the only writer; one that waited for it finds that
+/// it has become the file itself, and begins again.
+Descriptor hold_copy(const char *path) {
+    for (;;) {
+        Descriptor copy(open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW,
+                             S_IRUSR | S_IWUSR));
+        if (!copy)
+            return copy;
+        while (flock(copy.get(), LOCK_EX) != 0 && errno == EINTR) {
+        }
+        struct stat status;
+        if (fstat(copy.get(), &status) != 0) {
+            remove_if_empty(copy, path);
+            return Descriptor(-1);
+        }
+        if (!is_at(status, path))
+            continue;
+        if (is_ours_alone(status))
+            return copy;
+        if (unlink(path) != 0)
+            return Descriptor(-1);
     }
+}
+
+/// A stream that writes the copy from its start; its own descriptor, so that the lock outlives it.
+Stream open_copy(const Descriptor &held) {
+    if (fchmod(held.get(), S_IRUSR | S_IWUSR) != 0 || ftruncate(held.get(), 0) != 0)
+        return nullptr;
+    Descriptor own(fcntl(held.get(), F_DUPFD_CLOEXEC, 0));
+    Stream copy(own ? fdopen(own.get(), "w") : nullptr);
+    if (copy)
+        own.release();
     return copy;
 }
 
-/// Gives the copy the original's owner and mode; false if the mode can't be had. Where the owner
-/// can't be set, set-id bits are not taken over.
+/// Gives the copy the original's owner, group and mode; false if the mode can't be had. Where the
+/// owner can't be set, set-id bits go; another group than before gets no more than everybody.
 bool take_over_owner_and_mode(int copy, int original) {
     struct stat status;
     if (fstat(original, &status) != 0)
         return false;
-    const bool owned = fchown(copy, status.st_uid, status.st_gid) == 0;
-    return fchmod(copy, status.st_mode & (owned ? 07777 : 0777)) == 0;
+    mode_t rights = 07777;
+    if (fchown(copy, status.st_uid, status.st_gid) != 0) {
+        const mode_t everybody = status.st_mode & S_IRWXO;
+        const bool grouped = fchown(copy, static_cast<uid_t>(-1), status.st_gid) == 0;
+        rights = grouped ? 0777 : S_IRWXU | everybody << 3 | S_IRWXO;
+    }
+    return fchmod(copy, status.st_mode & rights) == 0;
 }
 
 /// Closes the finished copy; false if it is not all that it should be. The mode comes last: to
@@ -63,27 +107,32 @@ bool finish_copy(Stream copy, int original) {
     return std::fclose(copy.release()) == 0 && whole;
 }
 
+/// Puts the copy in the file's place, or removes it if it is not what it should be.
+void settle(const char *path, const char *copy_path, bool complete) {
+    const bool removed = complete && unlink(path) == 0;
+    // Once the file is gone, the copy is all there is.
+    if ((!complete || std::rename(copy_path, path) != 0) && !removed)
+        unlink(copy_path);
+}
+
 /// Puts a new version of a file in its place. `write_lines(lines, copy)` takes the lines of the
 /// original and writes the copy. If any of it fails, the original stays and the copy is removed.
 template <typename WriteLines>
 void rewrite(const char *path, const char *copy_path, WriteLines write_lines) {
+    const Descriptor held = hold_copy(copy_path);
+    if (!held)
+        return;
     const Descriptor original = open_for_reading(path);
-    if (!original)
-        return;
-    Stream copy = create_copy(copy_path);
-    if (!copy)
-        return;
-    LineReader lines(original.get());
-    write_lines(lines, copy.get());
-    const bool written = finish_copy(std::move(copy), original.get());
-    if (!written || lines.failed()) {
-        unlink(copy_path);
+    if (!original) {
+        remove_if_empty(held, copy_path);
         return;
     }
-    const bool removed = unlink(path) == 0;
-    // Once the original is gone, the copy is all there is.
-    if (std::rename(copy_path, path) != 0 && !removed)
-        unlink(copy_path);
+    Stream copy = open_copy(held);
+    LineReader lines(original.get());
+    if (copy)
+        write_lines(lines, copy.get());
+    const bool complete = copy && finish_copy(std::move(copy), original.get()) && !lines.failed();
+    settle(path, copy_path, complete);
 }
 
 /// The text in front of the first separator, or the whole line.
@@ -91,33 +140,47 @@ std::string_view key_of(std::string_view line, char separator) {
     return front(line, line.find(separator));
 }
 
-/// Finds table rows by name without comparing each with each: a hash table of row indices, open
-/// addressing, at most half full. Without memory for it, rows are searched one by one.
+/// Finds table rows by name without comparing each with each: row numbers in the order of their
+/// names' hashes. Names that share a hash are ordered by themselves, so that names which were
+/// chosen to collide cost no more than others. Without memory for it, rows are searched one by one.
 class RowIndex {
   public:
     explicit RowIndex(std::span<const prop_entry> rows) : rows_(rows) {
-        const std::size_t slot_count = std::bit_ceil(rows.size() * 2 + 1);
-        slots_.reset(static_cast<Slot *>(std::calloc(slot_count, sizeof(Slot))));
-        mask_ = slot_count - 1;
-        if (!slots_)
+        entries_.reset(static_cast<Entry *>(std::malloc((rows.size() + 1) * sizeof(Entry))));
+        if (!entries_)
             return;
-        for (std::size_t row = 0; row < rows.size(); ++row)
-            if (rows[row].name != nullptr)
-                insert(row);
+        for (const prop_entry &row : rows)
+            if (row.name != nullptr)
+                entries_.get()[size_++] = {hash(row.name), &row};
+        std::sort(entries_.get(), entries_.get() + size_);
     }
 
     /// The last row with the name, or null.
     [[nodiscard]] const prop_entry *last_named(std::string_view name) const {
-        if (!slots_)
+        if (!entries_)
             return search(name);
-        const Slot &slot = slots_.get()[find(name, hash(name))];
-        return slot.row_after != 0 ? &rows_[slot.row_after - 1] : nullptr;
+        const Entry *const begin = entries_.get();
+        const std::uint32_t name_hash = hash(name);
+        const Entry *const behind_name =
+            std::partition_point(begin, begin + size_, [name, name_hash](const Entry &entry) {
+                return entry.hash != name_hash ? entry.hash < name_hash : entry.row->name <= name;
+            });
+        const prop_entry *const row = behind_name != begin ? behind_name[-1].row : nullptr;
+        return row != nullptr && row->name == name ? row : nullptr;
     }
 
   private:
-    struct Slot {
+    struct Entry {
         std::uint32_t hash;
-        std::uint32_t row_after; ///< the row's index plus one; 0 in an empty slot
+        const prop_entry *row;
+
+        /// By hash, by name, and rows of one name in the table's order.
+        bool operator<(const Entry &other) const {
+            if (hash != other.hash)
+                return hash < other.hash;
+            const int order = std::strcmp(row->name, other.row->name);
+            return order != 0 ? order < 0 : row < other.row;
+        }
     };
 
     /// FNV-1a.
@@ -128,22 +191,6 @@ class RowIndex {
         return value;
     }
 
-    /// The slot that holds the name or, if none does, the empty one where it belongs.
-    [[nodiscard]] std::size_t find(std::string_view name, std::uint32_t name_hash) const {
-        std::size_t at = name_hash & mask_;
-        while (slots_.get()[at].row_after != 0 &&
-               (slots_.get()[at].hash != name_hash ||
-                text_of(rows_[slots_.get()[at].row_after - 1].name) != name))
-            at = (at + 1) & mask_;
-        return at;
-    }
-
-    void insert(std::size_t row) {
-        const std::string_view name = text_of(rows_[row].name);
-        const std::uint32_t name_hash = hash(name);
-        slots_.get()[find(name, name_hash)] = {name_hash, static_cast<std::uint32_t>(row + 1)};
-    }
-
     [[nodiscard]] const prop_entry *search(std::string_view name) const {
         for (std::size_t row = rows_.size(); row-- != 0;)
             if (rows_[row].name != nullptr && name == rows_[row].name)
@@ -152,8 +199,8 @@ class RowIndex {
     }
 
     std::span<const prop_entry> rows_;
-    HeapBlock<Slot> slots_;
-    std::size_t mask_;
+    HeapBlock<Entry> entries_;
+    std::size_t size_ = 0;
 };
 
 /// Copies a property file, with new lines for those whose keys are names of table rows.
@@ -218,11 +265,6 @@ void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &set
         put_setting(out, setting, "");
 }
 
-/// The value of a mask's octet, low 8 bits.
-unsigned char octet_value(std::string_view text) {
-    return static_cast<unsigned char>(decimal_value(text));
-}
-
 } // namespace
 } // namespace corvel
 
@@ -266,9 +308,10 @@ int calc_netpriexlength(const char *mask) {
     std::string_view rest = corvel::text_of(mask);
     int length = 0;
     for (int octet = 0; octet < 4; ++octet) {
-        const unsigned char value = corvel::octet_value(rest);
+        const auto value = static_cast<unsigned char>(corvel::decimal_value(rest));
         length += value == 0 ? 0 : 8 - std::countr_zero(value);
-        rest = corvel::behind(rest, corvel::key_of(rest, '.').size() + 1);
+        const std::size_t dot = rest.find('.');
+        rest = dot != std::string_view::npos ? corvel::behind(rest, dot + 1) : std::string_view();
     }
     return length;
 }

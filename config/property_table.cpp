@@ -137,8 +137,9 @@ char *get_prop(const char *name, char *dst, const prop_entry *table, int count) 
 int set_prop(const char *name, const char *value, prop_entry *table, int count) {
     const std::span rows = corvel::rows_of(table, count);
     const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
-    if (index != rows.size())
-        corvel::store(corvel::value_field(rows[index]), corvel::text_of(value));
+    if (index == rows.size())
+        return std::max(count, 0);
+    corvel::store(corvel::value_field(rows[index]), corvel::text_of(value));
     return static_cast<int>(index);
 }
 

@@ -4,25 +4,32 @@
 #include <corvel.h>
 
 #include <array>
-#include <bit>
 #include <cstddef>
 #include <cstring>
+
+#include "support/text.h"
 
 namespace corvel {
 namespace {
 
+using Bytes = std::span<const unsigned char>;
+
 constexpr std::uint32_t polynomial = 0xEDB88320;
+
+/// The register after one zero bit more. The coefficient of x^31 is the least significant bit.
+constexpr std::uint32_t after_zero_bit(std::uint32_t crc) {
+    return (crc >> 1) ^ ((crc & 1) != 0 ? polynomial : 0);
+}
 
 using Table = std::array<std::uint32_t, 256>;
 
-/// The CRC register after one byte, from a register of zeros.
+/// The register after one byte, from a register of zeros.
 constexpr Table make_byte_table() {
     Table table{};
     for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
-        std::uint32_t crc = byte;
+        table[byte] = byte;
         for (int bit = 0; bit < 8; ++bit)
-            crc = (crc >> 1) ^ ((crc & 1) != 0 ? polynomial : 0);
-        table[byte] = crc;
+            table[byte] = after_zero_bit(table[byte]);
     }
     return table;
 }
@@ -33,93 +40,107 @@ constexpr std::uint32_t after_byte(std::uint32_t crc, unsigned char byte) {
     return byte_table[(crc ^ byte) & 0xFF] ^ (crc >> 8);
 }
 
-// The bulk is taken in rounds of `lanes` words. Each lane keeps a CRC of its own, of every lanes-th
-// word, so that the look-ups of one lane need not wait for those of another: that is worth a factor
-// of eight over the byte-wise loop. A lane's word moves on by a whole round at once: lane_tables[i]
-// holds the register after byte i of the word and all that stands between it and the lane's next
-// word, which is zeros as far as this lane goes.
-constexpr std::size_t word_size = 8;
-constexpr std::size_t lanes = 5;
-constexpr std::size_t round_size = lanes * word_size;
+// The register is the remainder of the message, as a polynomial over two elements, divided by the
+// polynomial above. Modulo that one,
+//
+//     x^300 = x^155 + x^117 + x^89 + 1,
+//
+// and, since a square of a sum is the sum of the squares here, the same with 8 times the exponents:
+// a byte counts as much as if it stood 145, 183, 211 and 300 bytes further on, all four at once. So
+// every byte but the last 300 is folded into those behind it, and only the last 300 need the table.
+// Folding takes five loads and a store for eight bytes, in any byte order, where tables take a
+// look-up for each byte: it is 2.5 times as fast as eight tables in five interleaved lanes, and 25
+// times as fast as the one table alone.
+constexpr std::size_t reach = 300;
+constexpr std::array<std::size_t, 3> nearer = {145, 183, 211};
 
-using LaneTables = std::array<Table, word_size>;
-
-constexpr LaneTables make_lane_tables() {
-    LaneTables tables{};
-    for (std::size_t byte = 0; byte < byte_table.size(); ++byte) {
-        std::uint32_t crc = byte_table[byte];
-        for (std::size_t zeros = 1; zeros <= round_size - 1; ++zeros) {
-            crc = after_byte(crc, 0);
-            // Byte i of a word is followed by round_size - 1 - i bytes before the next word.
-            if (round_size - 1 - zeros < word_size)
-                tables[round_size - 1 - zeros][byte] = crc;
-        }
-    }
-    return tables;
+constexpr std::uint32_t power_of_x(std::size_t exponent) {
+    std::uint32_t power = 0x80000000;
+    for (; exponent != 0; --exponent)
+        power = after_zero_bit(power);
+    return power;
 }
 
-constexpr LaneTables lane_tables = make_lane_tables();
-static_assert(sizeof lane_tables + sizeof byte_table <= std::size_t{16} * 1024);
+static_assert(power_of_x(8 * reach) ==
+              (power_of_x(8 * (reach - nearer[0])) ^ power_of_x(8 * (reach - nearer[1])) ^
+               power_of_x(8 * (reach - nearer[2])) ^ power_of_x(0)));
 
-/// A word whose least significant byte is the first in memory, whatever the machine's order.
-std::uint64_t word_at(const unsigned char *bytes) {
-    std::uint64_t word;
+using Word = std::uint64_t;
+
+/// Folding a word needs nothing of the words next to it: none of them is within its reach.
+static_assert(nearer[0] >= sizeof(Word));
+
+Word word_at(const unsigned char *bytes) {
+    Word word;
     std::memcpy(&word, bytes, sizeof word);
-    return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+    return word;
 }
 
-/// Written out: compilers do not unroll the loop at -O2, which costs more than half of the speed.
-std::uint32_t after_round(std::uint64_t word) {
-    return lane_tables[0][word & 0xFF] ^ lane_tables[1][(word >> 8) & 0xFF] ^
-           lane_tables[2][(word >> 16) & 0xFF] ^ lane_tables[3][(word >> 24) & 0xFF] ^
-           lane_tables[4][(word >> 32) & 0xFF] ^ lane_tables[5][(word >> 40) & 0xFF] ^
-           lane_tables[6][(word >> 48) & 0xFF] ^ lane_tables[7][word >> 56];
+/// A message's bytes, each with all that was folded into it.
+class Folding {
+  public:
+    static constexpr std::size_t block_size = 2048;
+
+    /// A register of ones inverts the message's first four bytes; so do four bytes of ones that are
+    /// folded into them and, being the first within reach, into nothing else.
+    Folding() {
+        std::memset(folded_.data(), 0, reach);
+        std::memset(folded_.data(), 0xFF, sizeof(std::uint32_t));
+    }
+
+    /// Folds whole words, no more than a block.
+    void take(Bytes block) {
+        for (std::size_t i = 0; i < block.size(); i += sizeof(Word)) {
+            const Word word = word_at(&block[i]) ^ word_at(&folded_[i]) ^
+                              word_at(&folded_[i + reach - nearer[2]]) ^
+                              word_at(&folded_[i + reach - nearer[1]]) ^
+                              word_at(&folded_[i + reach - nearer[0]]);
+            std::memcpy(&folded_[i + reach], &word, sizeof word);
+        }
+        std::memmove(folded_.data(), &folded_[block.size()], reach);
+    }
+
+    /// The register after the message's last bytes, no fewer than `reach`, no more than a block.
+    std::uint32_t finish(Bytes last) {
+        // These are not folded into one another.
+        std::memset(&folded_[reach], 0, last.size());
+        std::uint32_t crc = 0;
+        for (std::size_t i = 0; i < last.size(); ++i)
+            crc = after_byte(crc, static_cast<unsigned char>(last[i] ^ folded_[i] ^
+                                                             folded_[i + reach - nearer[2]] ^
+                                                             folded_[i + reach - nearer[1]] ^
+                                                             folded_[i + reach - nearer[0]]));
+        return crc;
+    }
+
+  private:
+    /// The last `reach` bytes folded, and behind them those of a block.
+    std::array<unsigned char, reach + block_size> folded_;
+};
+
+std::uint32_t after_folding(Bytes message) {
+    Folding folding;
+    while (message.size() >= reach + sizeof(Word)) {
+        const std::size_t words = (message.size() - reach) / sizeof(Word);
+        const Bytes block = message.first(at_most(words * sizeof(Word), Folding::block_size));
+        folding.take(block);
+        message = message.subspan(block.size());
+    }
+    return folding.finish(message);
 }
 
-std::uint32_t after_bytes(std::uint32_t crc, std::span<const unsigned char> bytes) {
+std::uint32_t after_bytes(std::uint32_t crc, Bytes bytes) {
     for (const unsigned char byte : bytes)
         crc = after_byte(crc, byte);
     return crc;
 }
 
-std::uint32_t after_word(std::uint32_t crc, std::span<const unsigned char> bytes) {
-    return after_bytes(crc, bytes.first(word_size));
-}
-
-/// The register after one or more whole rounds.
-std::uint32_t after_rounds(std::uint32_t crc, std::span<const unsigned char> rounds) {
-    // Variables, not an array, which the compiler would keep in memory.
-    std::uint32_t lane0 = crc;
-    std::uint32_t lane1 = 0;
-    std::uint32_t lane2 = 0;
-    std::uint32_t lane3 = 0;
-    std::uint32_t lane4 = 0;
-    while (rounds.size() > round_size) {
-        const unsigned char *const words = rounds.data();
-        lane0 = after_round(word_at(words) ^ lane0);
-        lane1 = after_round(word_at(words + word_size) ^ lane1);
-        lane2 = after_round(word_at(words + 2 * word_size) ^ lane2);
-        lane3 = after_round(word_at(words + 3 * word_size) ^ lane3);
-        lane4 = after_round(word_at(words + 4 * word_size) ^ lane4);
-        rounds = rounds.subspan(round_size);
-    }
-    // In the last round the lanes meet: what the words before it left in the register goes into the
-    // first four bytes of the next one.
-    crc = after_word(lane0, rounds.subspan(0));
-    crc = after_word(crc ^ lane1, rounds.subspan(word_size));
-    crc = after_word(crc ^ lane2, rounds.subspan(2 * word_size));
-    crc = after_word(crc ^ lane3, rounds.subspan(3 * word_size));
-    return after_word(crc ^ lane4, rounds.subspan(4 * word_size));
-}
-
 } // namespace
 
 std::uint32_t crc32_of(std::span<const unsigned char> bytes) {
-    std::uint32_t crc = ~std::uint32_t{0};
-    const std::size_t in_rounds = bytes.size() / round_size * round_size;
-    if (in_rounds != 0)
-        crc = after_rounds(crc, bytes.first(in_rounds));
-    return ~after_bytes(crc, bytes.subspan(in_rounds));
+    if (bytes.size() < 2 * reach)
+        return ~after_bytes(~std::uint32_t{0}, bytes);
+    return ~after_folding(bytes);
 }
 
 } // namespace corvel

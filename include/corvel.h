@@ -15,8 +15,8 @@
  *  - A count or length below zero counts as zero.
  *  - A text that is longer than the field that keeps it is cut to fit and terminated. Output is
  *    never cut.
- *  - The caller owns every table (array and count) and every list. The library allocates the texts
- *    in them with malloc() and releases them in free_prop() and free_list().
+ *  - The caller owns every table (array and count) and every list. The library allocates a table's
+ *    texts and a list's records with malloc() and releases them in free_prop() and free_list().
  *  - No function may be called from several threads at once.
  */
 #ifndef CORVEL_H
@@ -54,7 +54,8 @@ extern "C" {
  */
 typedef struct prop_entry {
     uint32_t name_size;  /**< Bytes at `name`: the length of the name's text plus one. */
-    uint32_t value_size; /**< Bytes at `value`: 257. One more byte lies behind them, always zero. */
+    uint32_t value_size; /**< Bytes at `value`: 257, and one more behind them that is always zero.
+                              In a row of a request, whatever the caller put there. */
     char *name;          /**< The name; on the heap. */
     char *value;         /**< The value as it stands in the file, quotes included; on the heap. */
 } prop_entry;
@@ -229,8 +230,7 @@ CORVEL_API char *get_prop(const char *name, char *dst, const prop_entry *table, 
 /**
  * Changes the value of the first row that has the name. Never adds a row.
  *
- * At most `value_size` - 1 characters are kept: 256. A row from the request decoder has whatever
- * `value_size` the caller put there; with 0 nothing is written.
+ * At most `value_size` - 1 characters are kept: 256. Not for rows of a request: see there.
  *
  * @return the index of the row, or @p count if no row has the name.
  */
@@ -240,7 +240,7 @@ CORVEL_API int set_prop(const char *name, const char *value, prop_entry *table, 
  * Sets a value, adding a row at index @p count if no row has the name.
  *
  * An existing value is zeroed whole before it is written, and keeps 256 characters; a new row keeps
- * 257 characters.
+ * 257 characters. Not for rows of a request: see there.
  *
  * @param table the rows, with room for one more.
  * @return the new count: @p count if the name was there or the row could not be allocated,
@@ -284,11 +284,16 @@ CORVEL_API int free_prop(prop_entry *table, int count);
  * the old file whole or the copy whole. Between the removal and the renaming there is no file at
  * `path`; readers take no lock.
  *
- * The new file has the mode and, as far as the process may set it, the owner of the old one. If the
- * old file can't be read, or the copy can't be written whole (a full disk), the old file stays as
- * it is and no copy is left behind. Symbolic links at the companions' names are not followed: with
- * one in the copy's place nothing is saved, with one in the lock's place without a lock. A path
- * whose companions' names do not fit their buffers (1024 bytes; 255 for the copy in
+ * Whatever the lock file is worth, the copy is locked as well (flock()) until it has become the
+ * file: two writers that overlap write one after the other.
+ *
+ * The new file has the mode and, as far as the process may set them, the owner and the group of the
+ * old one. Without the owner, set-id bits go; another group gets no more than everybody. If the old
+ * file can't be read, or the copy can't be written whole (a full disk), the old file stays as
+ * it is and no copy is left behind, except one that a writer which died has written: it may be all
+ * there is, and nobody but you renames it back. Symbolic links at the companions' names are not
+ * followed: with one in the copy's place nothing is saved, with one in the lock's place without a
+ * lock. A path whose companions' names do not fit their buffers (1024 bytes; 255 for the copy in
  * save_global_conf()) leaves everything untouched.
  *
  * Lines are read as described under Property table: a line of more than 1023 characters is taken in
@@ -328,8 +333,7 @@ CORVEL_API int save_prop(signed char sep, const char *path, const prop_entry *ta
  * is dropped even if it is the one for @p name, which then disappears.
  *
  * The lock file is removed at the end. A writer that opened it just before holds a lock on a file
- * without a name, so that two writers can overlap at that moment; programs that save the same file
- * with this function at high rates need a lock of their own around it.
+ * without a name; the lock on the copy then keeps the two apart.
  *
  * @param sep    `'='`, `' '`, anything else means tab.
  * @param path   the file; one that can't be read is left as it is, and none is created.
@@ -367,7 +371,9 @@ CORVEL_API int calc_netpriexlength(const char *mask);
  *
  * The decoders turn a urlencoded request into rows of a property table, in request order, nothing
  * merged. They set each row's name and value to heap copies of the decoded texts and leave the two
- * size fields alone; free_prop() releases the texts. The table must have room for every pair.
+ * size fields alone; free_prop() releases the texts. The table must have room for every pair. Zero
+ * the array first: set_prop() and ins_prop() rely on the sizes, and change nothing in a row whose
+ * size is 0, but write anywhere if it is left undefined.
  *
  * A name ends at `=` only (`flag&x=1` is one pair, named `flag&x`), a value at `&`. A word is cut
  * at 127 characters (name) or 255 (value) before it is decoded; the rest of it is skipped. A last
@@ -597,8 +603,9 @@ CORVEL_API char *change_keyword(char *text, const str_node *record);
  * where the `$` stood: a marker inside a value is filled as well, unless the value begins with it,
  * and behind an empty value one character is passed over.
  *
- * A line's filled form may have any length. Only where memory for values inside values runs out, a
- * value is written as it stands, its markers not filled.
+ * A line's filled form may have any length. Each `$` costs a walk through the fields that are left.
+ * Only where memory for values inside values runs out, a value is written as it stands, its markers
+ * not filled.
  *
  * @param path the template.
  * @param list the address of the list's head pointer, or null for no fields. What is left in the

@@ -25,6 +25,7 @@ class Descriptor {
 
     explicit operator bool() const { return descriptor_ >= 0; }
     [[nodiscard]] int get() const { return descriptor_; }
+    int release() { return std::exchange(descriptor_, -1); }
 
   private:
     int descriptor_;

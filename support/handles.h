@@ -81,12 +81,15 @@ struct PipeClose {
 using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 
 /// A lock on a file of its own, held while the object lives. The file is created if it is missing
-/// and emptied if it is not. Where it can't be opened, there is no lock.
+/// and emptied if it is not, unless it has another name, too. Where it can't be opened, there is no
+/// lock.
 class FileLock {
   public:
     explicit FileLock(const char *path)
-        : descriptor_(
-              open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
+        : descriptor_(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
+        struct stat status;
+        if (descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && status.st_nlink == 1)
+            static_cast<void>(ftruncate(descriptor_, 0) == 0);
         while (descriptor_ >= 0 && lockf(descriptor_, F_LOCK, 0) != 0 && errno == EINTR) {
         }
     }

@@ -658,6 +658,51 @@ TEST_P(BothWriters, SaveAFileOfAnotherOwnerAsAnOrdinaryUser) {
     EXPECT_EQ(mode(), 0644U);
 }
 
+TEST_P(BothWriters, GiveAnotherGroupNoMoreThanEverybody) {
+    folder_.write("conf", "A=1\n");
+    ASSERT_EQ(chmod(path().c_str(), 0674), 0);
+    const FailCall no_owner(call_fchown, 1, EPERM, FailCall::from_then_on);
+    save();
+    EXPECT_EQ(mode(), 0644U);
+}
+
+TEST_P(BothWriters, KeepACopyThatADeadWriterLeftWhereThereIsNoFile) {
+    folder_.write("conf.cgi", "A=1\n");
+    save();
+    EXPECT_EQ(folder_.read("conf.cgi"), "A=1\n");
+    EXPECT_FALSE(folder_.exists("conf"));
+}
+
+TEST_P(BothWriters, WriteNoOtherFileThatTheCopyIsALinkTo) {
+    folder_.write("conf", "A=1\n");
+    folder_.write("other", "precious\n");
+    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.cgi").c_str()), 0);
+    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.lck").c_str()), 0);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(folder_.read("other"), "precious\n");
+}
+
+TEST_P(BothWriters, DoNotWaitForAPipeInThePlaceOfTheCopy) {
+    folder_.write("conf", "A=1\n");
+    ASSERT_EQ(mkfifo(folder_.path("conf.cgi").c_str(), 0600), 0);
+    alarm(20);
+    save();
+    alarm(0);
+    EXPECT_EQ(folder_.read("conf"), "A=1\n");
+}
+
+TEST_P(BothWriters, TouchNothingWithoutAPath) {
+    ASSERT_EQ(chdir(folder_.path().c_str()), 0);
+    folder_.write(".lck", "text");
+    GetParam().set_a("");
+    EXPECT_EQ(save_prop('=', nullptr, nullptr, 0), 1);
+    EXPECT_EQ(save_global_conf('=', nullptr, "", "A", "x"), 1);
+    ASSERT_EQ(chdir("/"), 0);
+    EXPECT_EQ(folder_.names(), Names{".lck"});
+    EXPECT_EQ(folder_.read(".lck"), "text");
+}
+
 /** A path of an exact length to a file "conf", in folders made for it. */
 std::string path_of_length(const TemporaryFolder &folder, std::size_t length) {
     constexpr std::string_view file = "/conf";
@@ -1099,6 +1144,52 @@ TEST_P(Savers, LoseNoLineAndLeaveNoTornFile) {
     EXPECT_EQ(numbers_in_file(),
               std::vector<int>(static_cast<std::size_t>(GetParam()), rounds_of_each()));
     EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
+}
+
+TEST(SaveProp, TellsNamesOfOneHashApart) {
+    EXPECT_EQ(saved('=', "costarring=1\nliquid=2\n", {{"costarring", "a"}, {"liquid", "b"}}),
+              "costarring=\"a\"\nliquid=\"b\"\n");
+    EXPECT_EQ(saved('=', "costarring=1\nliquid=2\n", {{"liquid", "b"}, {"liquid", "c"}}),
+              "costarring=1\nliquid=\"c\"\n");
+}
+
+TEST(BothWritersAtOnce, LoseNoSettingOnOneFile) {
+    constexpr int processes = 4;
+    constexpr int saves = 50;
+    for (int round = 0; round < 5; ++round) {
+        const TemporaryFolder folder;
+        std::string lines;
+        for (int process = 0; process < processes; ++process)
+            lines += "NAME_" + std::to_string(process) + "=0\n";
+        folder.write("conf", lines);
+        const std::string path = folder.path("conf");
+        std::vector<pid_t> children;
+        std::fflush(nullptr);
+        for (int process = 0; process < processes; ++process) {
+            const pid_t child = fork();
+            ASSERT_GE(child, 0);
+            if (child == 0) {
+                std::string name = "NAME_" + std::to_string(process);
+                for (int i = 1; i <= saves; ++i) {
+                    std::string value = std::to_string(i);
+                    prop_entry row = {0, 0, name.data(), value.data()};
+                    if (process % 2 == 0)
+                        save_prop('=', path.c_str(), &row, 1);
+                    else
+                        save_global_conf('=', path.c_str(), "", name.c_str(), value.c_str());
+                }
+                _exit(0);
+            }
+            children.push_back(child);
+        }
+        for (const pid_t child : children)
+            expect_success(wait_for_child(child), "a saving process");
+        std::string expected;
+        for (int process = 0; process < processes; ++process)
+            expected += "NAME_" + std::to_string(process) + "=\"" + std::to_string(saves) + "\"\n";
+        EXPECT_EQ(folder.read("conf"), expected);
+        EXPECT_FALSE(folder.exists("conf.cgi"));
+    }
 }
 
 TEST(SaveConfig, HandsTheCommandLineToTheShell) {

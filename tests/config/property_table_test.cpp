@@ -673,6 +673,8 @@ TEST(SetProp, AllocatesNothing) {
     EXPECT_EQ(allocations.count(), 0U);
 }
 
+TEST(SetProp, ReturnsTheCountWithoutATable) { EXPECT_EQ(set_prop("A", "1", nullptr, 5), 5); }
+
 TEST(InsProp, AddsARowBehindTheLastOne) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(table.insert("B", "2"), 2);

@@ -1,0 +1,41 @@
+"""Environment images, made and edited without the library."""
+
+import struct
+import zlib
+
+SIZE = 65536
+DATA_SIZE = SIZE - 4
+
+
+def with_crc(data):
+    assert len(data) == DATA_SIZE
+    return struct.pack(">I", zlib.crc32(data)) + data
+
+
+def image(entries, fill=b"\0"):
+    """The image of these entries, each a whole one such as b"a=1"."""
+    listed = b"".join(entry + b"\0" for entry in entries) + b"\0"
+    return with_crc(listed + fill * (DATA_SIZE - len(listed)))
+
+
+def entries_of(content):
+    """The entries of an image whose CRC is good."""
+    assert len(content) == SIZE
+    assert content[:4] == struct.pack(">I", zlib.crc32(content[4:]))
+    listed, end, _ = content[4:].partition(b"\0\0")
+    assert end
+    return listed.split(b"\0") if listed else []
+
+
+def list_end(data):
+    """Where the list of any data ends: at its empty entry, or where the data does."""
+    start = 0
+    while start < len(data) and data[start] != 0:
+        end = data.find(b"\0", start)
+        start = len(data) if end < 0 else end + 1
+    return start
+
+
+def closed_entries(data):
+    """The entries in front of the list's end that have a NUL of their own."""
+    return data[:list_end(data)].split(b"\0")[:-1]

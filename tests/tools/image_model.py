@@ -1,0 +1,89 @@
+"""Upgrade images, made and judged without the library."""
+
+import dataclasses
+import struct
+import zlib
+
+# signature: name, written without its header, largest size, block device
+PARTITIONS = {
+    b"boot": ("Boot", True, 0x40000, 0),
+    b"benv": ("Boot-env", True, 0x10000, 1),
+    b"root": ("Rootfs", True, 0x650000, 2),
+    b"kern": ("Linux_kernel", True, 0x100000, 3),
+    b"rfs1": ("Rootfs-1", True, 0x650000, 4),
+    b"knl1": ("Linux_kernel-1", True, 0x100000, 5),
+    b"log0": ("Log", True, 0xf0000, 6),
+    b"conf": ("Config", False, 0x10000, 7),
+    b"artp": ("ART", True, 0x10000, 8),
+    b"Ver0": ("Ver0", False, 0x5c, 255),
+}
+
+ACCEPTED, PAST_END, BAD_CHECKSUM, TOO_LARGE, TOO_MANY, BAD_CRC = range(6)
+
+
+def section(signature, payload, burn_address=0, mtd_id=None, pad=0, length=None):
+    """A section with whatever payload it is given."""
+    mtd_id = PARTITIONS[signature][3] if mtd_id is None else mtd_id
+    length = len(payload) if length is None else length
+    return signature + struct.pack(">4I", burn_address, mtd_id, pad, length) + payload
+
+
+def with_checksum(data, pad=0):
+    """The payload of an ordinary section."""
+    return data + bytes(pad) + bytes([-sum(data) % 256])
+
+
+def partition(signature, data, pad=0, **header):
+    return section(signature, with_checksum(data, pad), pad=pad, **header)
+
+
+def signed(image):
+    """The image whose last section ends with room for the CRC."""
+    return image[:-4] + struct.pack(">I", zlib.crc32(image[:-4]))
+
+
+def version(text=b"1.0", **header):
+    return section(b"Ver0", text + bytes(4), **header)
+
+
+def image(*sections):
+    return signed(b"".join(sections))
+
+
+@dataclasses.dataclass
+class Verdict:
+    result: int
+    section: int = 0  # the bad one, from 1 on
+    offset: int = 0
+
+
+def judge(data):
+    """What a device makes of an image."""
+    offset = number = 0
+    known = []
+    while offset + 20 < len(data):
+        number += 1
+        signature = data[offset:offset + 4]
+        _, mtd_id, pad, length = struct.unpack_from(">4I", data, offset + 4)
+        if len(data) - offset - 16 < length:
+            return Verdict(PAST_END, number, offset)
+        if signature in PARTITIONS:
+            name, stripped, largest, _ = PARTITIONS[signature]
+            size = (length - 1 - pad if stripped else length + 20) % 2**32
+            if mtd_id != 255 and sum(data[offset + 20:offset + 20 + length]) % 256 != 0:
+                return Verdict(BAD_CHECKSUM, number, offset)
+            if mtd_id != 255 and size > largest:
+                return Verdict(TOO_LARGE, number, offset)
+            known.append((signature, number, offset, offset + 20 + length))
+            if len(known) > 4:
+                return Verdict(TOO_MANY, number, offset)
+        offset += 20 + length
+    if not known:
+        return Verdict(BAD_CRC)
+    signature, number, offset, end = known[-1]
+    if signature != b"Ver0":
+        return Verdict(ACCEPTED)
+    # Bytes of the stored CRC that are not there make it differ.
+    if end > len(data) or data[end - 4:end] != struct.pack(">I", zlib.crc32(data[:-4])):
+        return Verdict(BAD_CRC, number, offset)
+    return Verdict(ACCEPTED)

@@ -1,0 +1,70 @@
+"""Builds the tools and runs them."""
+
+import os
+import pathlib
+import resource
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+BUILD = SOURCE / "build" / "tools"
+
+
+def build():
+    configure = ["cmake", "-S", SOURCE, "-B", BUILD]
+    if not (BUILD / "CMakeCache.txt").exists():
+        configure += ["-DCMAKE_BUILD_TYPE=Release", "-DCORVEL_WERROR=ON"]
+    configure += ["-DBUILD_TESTING=OFF", "-DCORVEL_TOOLS=ON"]
+    for command in (configure, ["cmake", "--build", BUILD, "--parallel", str(os.cpu_count())]):
+        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+
+
+class Done:
+    """How a program ended and what it printed."""
+
+    def __init__(self, done):
+        self.status = done.returncode
+        self.output = done.stdout.decode(errors="surrogateescape")
+        self.errors = done.stderr.decode(errors="surrogateescape")
+
+    def __repr__(self):
+        return f"status {self.status}\noutput: {self.output}\nerrors: {self.errors}"
+
+
+def run(program, *arguments, **options):
+    command = [BUILD / "tools" / program, *arguments]
+    options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
+               "timeout": 120, **options}
+    if "input" in options:
+        del options["stdin"]
+    return Done(subprocess.run(command, **options))
+
+
+def with_file_size_limit(size):
+    """For run(): writing beyond this size fails in the program, as on a full disk."""
+    return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)),
+            "restore_signals": False}
+
+
+class ToolTest(unittest.TestCase):
+    maxDiff = None
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-tools-"))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+
+    def path(self, name):
+        return self.folder / name
+
+    def write(self, name, content):
+        path = self.path(name)
+        path.write_bytes(content.encode() if isinstance(content, str) else content)
+        return path
+
+    def expect(self, done, status, output="", errors=""):
+        self.assertEqual((done.status, done.output, done.errors), (status, output, errors), done)
+
+    def files(self):
+        return sorted(path.name for path in self.folder.iterdir())

@@ -1,0 +1,291 @@
+"""Images out of manifests: exactly what the model makes, or a refusal that leaves no trace."""
+
+import os
+import random
+import stat
+import unittest
+
+import image_model as model
+from image_model import image, partition, version
+from programs import ToolTest, run, with_file_size_limit
+
+SIMPLE = "[Rootfs]\nfile = root\n[Ver0]\ntext = 1.0\n"
+SIMPLE_IMAGE = image(partition(b"root", b"root file system"), version(b"1.0"))
+
+
+class Build(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.write("root", b"root file system")
+        self.write("kernel", b"kernel")
+        self.target = self.path("new.img")
+
+    def build(self, manifest, target=None, **options):
+        path = self.write("manifest", manifest)
+        return run("corvel-image", "build", path, target or self.target, **options)
+
+    def assert_builds(self, manifest, expected, warnings=()):
+        done = self.build(manifest)
+        self.assertEqual(done.status, 0, done)
+        self.assertEqual(done.errors.splitlines(), [
+            f"corvel-image: {self.target}: warning: {warning}" for warning in warnings])
+        self.assertEqual(self.target.read_bytes(), expected)
+        self.assertEqual(model.judge(expected).result, model.ACCEPTED)
+        return done
+
+    def assert_refuses(self, manifest, status, message):
+        """A message about the manifest, and nothing new in the folder."""
+        before = {path.name for path in self.folder.iterdir()} | {"manifest"}
+        done = self.build(manifest)
+        self.expect(done, status, errors=f"corvel-image: {self.path('manifest')}{message}\n")
+        self.assertEqual(set(self.files()), before)
+
+    def test_a_simple_image(self):
+        done = self.assert_builds(SIMPLE, SIMPLE_IMAGE)
+        self.assertEqual(done.output, f"{self.target}: {len(SIMPLE_IMAGE)} bytes, 2 sections, "
+                         f"version 1.0, CRC 0x{SIMPLE_IMAGE[-4:].hex()}\n")
+
+    def test_every_key(self):
+        self.assert_builds(
+            "[boot]\nfile = root\nburn-address = 0xbFc00000\npadding = 3\nmtd-id = 254\n"
+            "[Linux_kernel]\nfile = kernel\nburn-address = 17\npadding = 0x10\nmtd-id = 0\n"
+            "[Ver0]\ntext = 2.0 = two # not a comment\nburn-address = 4294967295\npadding = 5\n"
+            "mtd-id = 0xff\n",
+            image(partition(b"boot", b"root file system", pad=3, burn_address=0xbfc00000,
+                            mtd_id=254),
+                  partition(b"kern", b"kernel", pad=16, burn_address=17, mtd_id=0),
+                  version(b"2.0 = two # not a comment" + bytes(5), pad=5,
+                          burn_address=0xffffffff)))
+
+    def test_each_partition_by_name_and_by_signature(self):
+        for signature, (name, _, _, _) in model.PARTITIONS.items():
+            if signature == b"Ver0":
+                continue
+            expected = image(partition(signature, b"kernel"), version(b"v"))
+            for heading in (name, signature.decode()):
+                self.assert_builds(f"[{heading}]\nfile=kernel\n[Ver0]\ntext=v\n", expected)
+
+    def test_layout_of_the_manifest_does_not_matter(self):
+        self.assert_builds("# A comment\r\n\r\n  [ Rootfs ]  \n\t# another\n file=root\t\n\n\n"
+                           "[Ver0]\r\ntext =  1.0  \r", SIMPLE_IMAGE)
+
+    def test_a_version_from_a_file(self):
+        text = bytes(range(68))
+        self.write("version", text)
+        self.assert_builds("[Rootfs]\nfile = root\n[Ver0]\nfile = version\n",
+                           image(partition(b"root", b"root file system"), version(text)))
+
+    def test_an_empty_version(self):
+        self.assert_builds("[Rootfs]\nfile = root\n[Ver0]\ntext =\n",
+                           image(partition(b"root", b"root file system"), version(b"")))
+
+    def test_warnings_for_what_a_device_accepts(self):
+        self.assert_builds(
+            "[Rootfs]\nfile = kernel\nmtd-id = 255\n[rfs1]\nfile = kernel\n[Ver0]\ntext = v\n",
+            image(partition(b"root", b"kernel", mtd_id=255), partition(b"rfs1", b"kernel"),
+                  version(b"v")),
+            ["section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor size are checked",
+             "section 2 (rfs1) at offset 0x1b: writes the same partition as section 1 while set A "
+             "runs"])
+
+    def test_paths_are_relative_to_the_manifest(self):
+        self.path("parts").mkdir()
+        self.path("parts/root").write_bytes(b"another")
+        self.path("parts/manifest").write_text(SIMPLE)
+        expected = image(partition(b"root", b"another"), version(b"1.0"))
+        for manifest, folder in (("parts/manifest", self.folder), ("manifest", self.path("parts")),
+                                 (self.path("parts/manifest"), "/")):
+            self.assertEqual(run("corvel-image", "build", manifest, self.target,
+                                 cwd=folder).status, 0)
+            self.assertEqual(self.target.read_bytes(), expected)
+            self.target.unlink()
+        absolute = SIMPLE.replace("root\n", f"{self.path('parts/root')}\n")
+        self.assert_builds(absolute, expected)
+
+    def test_the_largest_that_fits_and_one_more(self):
+        for signature, (name, stripped, largest, _) in model.PARTITIONS.items():
+            if signature == b"Ver0":
+                continue
+            with self.subTest(name):
+                most = largest if stripped else largest - 20 - 3 - 1
+                self.write("large", bytes(most))
+                manifest = f"[{name}]\nfile = large\npadding = 3\n[Ver0]\ntext = v\n"
+                self.assert_builds(manifest, image(partition(signature, bytes(most), pad=3),
+                                                   version(b"v")))
+                self.write("large", bytes(most + 1))
+                whole = "" if stripped else " with header and trailer"
+                self.assert_refuses(manifest, 1, f":1: {name}: {largest + 1} bytes{whole}, 1 more "
+                                    f"than the {largest} that the partition holds")
+
+    def test_the_size_counts_even_where_the_device_does_not_look(self):
+        self.write("large", bytes(0x10001))
+        self.assert_refuses("[ART]\nfile = large\nmtd-id = 255\n[Ver0]\ntext = v\n", 1,
+                            ":1: ART: 65537 bytes, 1 more than the 65536 that the partition holds")
+
+    def test_a_version_that_is_too_long(self):
+        manifest = "[Rootfs]\nfile = root\n[Ver0]\ntext = "
+        self.assert_builds(manifest + "v" * 68, image(partition(b"root", b"root file system"),
+                                                      version(b"v" * 68)))
+        self.assert_refuses(manifest + "v" * 69, 1, ":3: Ver0: 93 bytes with header and trailer, "
+                            "1 more than the 92 that a version section holds")
+
+    def test_an_image_that_no_upload_can_hold(self):
+        # Two headers, a byte of content and its checksum, the CRC.
+        self.write("byte", b"1")
+        most = 16 * 1024 * 1024 - 20 - 1 - 1 - 20 - 4
+        manifest = "[Rootfs]\nfile = byte\npadding = {}\n[Ver0]\ntext =\n"
+        self.assert_builds(manifest.format(most),
+                           image(partition(b"root", b"1", pad=most), version(b"")))
+        refusal = "makes the image larger than the 16777216 bytes of an upload"
+        self.assert_refuses(manifest.format(most + 1), 1, f":4: Ver0: {refusal}")
+        for padding in (most + 25, 2**32 - 1):
+            self.assert_refuses(manifest.format(padding), 1, f":1: Rootfs: {refusal}")
+        self.assert_refuses("[Log]\nfile = /dev/zero\n[Ver0]\ntext = v\n", 1, ":1: Log: /dev/zero "
+                            "has more than the 16777216 bytes of an upload")
+
+    def test_sections_that_no_device_takes(self):
+        ending = "[Ver0]\ntext = v\n"
+        one, two, three, four = (f"[{name}]\nfile = kernel\n"
+                                 for name in ("boot", "root", "kern", "log0"))
+        kernel = partition(b"boot", b"kernel"), partition(b"root", b"kernel")
+        self.assert_builds(one + two + three + ending,
+                           image(*kernel, partition(b"kern", b"kernel"), version(b"v")))
+        for manifest, message in (
+                (one + two + three + four + ending,
+                 ":9: Ver0: section 5: a device takes at most 4 sections, the version included"),
+                (one + two, ":3: Rootfs: the last section must be [Ver0]: it carries the image's "
+                 "CRC"),
+                (ending + one, ":3: Boot: the last section must be [Ver0]: it carries the image's "
+                 "CRC"),
+                (ending, ":1: Ver0: there is nothing to write: no section for a partition"),
+                (one + two + one + ending, ":5: Boot: stands twice, the first time in line 1"),
+                (ending + ending, ":3: Ver0: stands twice, the first time in line 1"),
+                ("[Rootfs]\n" + ending, ":1: Rootfs: has no file"),
+                ("[Rootfs]\ntext = v\n" + ending,
+                 ":1: Rootfs: only the version section has a text; use a file"),
+                (one + "[Ver0]\n", ":3: Ver0: has neither a text nor a file"),
+                (one + ending + "file = root\n", ":3: Ver0: has both a file and a text"),
+                (one + ending + "mtd-id = 9\n",
+                 ":3: Ver0: mtd-id must be 255: a version section has no checksum")):
+            with self.subTest(manifest):
+                self.assert_refuses(manifest, 1, message)
+
+    def test_an_empty_file(self):
+        self.write("root", b"")
+        self.assert_refuses(SIMPLE, 1, ":1: Rootfs: root is empty")
+
+    def test_manifests_that_are_none(self):
+        number = "not a number from 0 to 4294967295 (0xffffffff)"
+        known = ("there are Boot, Boot-env, Rootfs, Linux_kernel, Rootfs-1, Linux_kernel-1, Log, "
+                 "Config, ART, Ver0")
+        for manifest, message in (
+                ("", ": no section, such as [Rootfs], in it"),
+                ("# nothing\n", ": no section, such as [Rootfs], in it"),
+                ("file = root\n", ":1: a section, such as [Rootfs], comes first"),
+                ("\n[rootfs]\n", f":2: there is no partition 'rootfs'; {known}"),
+                ("[]\n", f":1: there is no partition ''; {known}"),
+                ("[Root\x1bfs]\n", f":1: there is no partition 'Root\\x1bfs'; {known}"),
+                ("[Rootfs\n", ":1: a heading ends with ']'"),
+                ("[", ":1: a heading ends with ']'"),
+                ("[Rootfs]\nfile root\n", ":2: neither [PARTITION] nor KEY = VALUE"),
+                ("[Rootfs]\nFile = root\n", ":2: there is no key 'File'; there are file, text, "
+                 "burn-address, padding, mtd-id"),
+                ("[Rootfs]\nfile =\n", ":2: file has no value"),
+                ("[Rootfs]\nfile = a\0b\n", ":2: file holds a NUL"),
+                ("[Rootfs]\nfile = a\nfile = b\n", ":3: file stands twice in this section"),
+                ("[Rootfs]\npadding = 1\npadding = 1\n",
+                 ":3: padding stands twice in this section"),
+                *((f"[Rootfs]\n{key} = {value}\n", f":2: {key} is '{value}', {number}")
+                  for key in ("padding", "burn-address", "mtd-id")
+                  for value in ("x", "-1", "+1", "1 2", "1k", "0x", "0x1g", "4294967296",
+                                "0x100000000", "1.5")),
+                ("[Rootfs]\npadding =\n", f":2: padding is '', {number}")):
+            with self.subTest(manifest):
+                self.assert_refuses(manifest, 2, message)
+        done = run("corvel-image", "build", "/dev/zero", self.target)
+        self.expect(done, 2, errors="corvel-image: /dev/zero: too long for a manifest\n")
+
+    def test_files_that_cannot_be_read(self):
+        missing = "No such file or directory"
+        self.expect(run("corvel-image", "build", self.path("none"), self.target), 2,
+                    errors=f"corvel-image: {self.path('none')}: {missing}\n")
+        self.expect(run("corvel-image", "build", self.folder, self.target), 2,
+                    errors=f"corvel-image: {self.folder}: Is a directory\n")
+        self.expect(self.build("[Rootfs]\nfile = none\n[Ver0]\ntext = v\n"), 2,
+                    errors=f"corvel-image: {self.path('none')}: {missing}\n")
+        for command in ("list", "verify"):
+            self.expect(run("corvel-image", command, self.path("none")), 2,
+                        errors=f"corvel-image: {self.path('none')}: {missing}\n")
+            self.expect(run("corvel-image", command, self.folder), 2,
+                        errors=f"corvel-image: {self.folder}: Is a directory\n")
+
+    def test_a_target_that_cannot_be_written(self):
+        self.path("folder").mkdir()
+        for target, reason in ((self.path("folder"), "not a plain file"),
+                               (self.path("none/new.img"), "No such file or directory"),
+                               (self.path("root/new.img"), "Not a directory"),
+                               ("/dev/null", "not a plain file")):
+            self.expect(self.build(SIMPLE, target), 2, errors=f"corvel-image: {target}: {reason}\n")
+        self.assertEqual(self.files(), ["folder", "kernel", "manifest", "root"])
+
+    def test_a_full_disk_leaves_the_old_image(self):
+        self.write("root", os.urandom(3_000_000))
+        self.target.write_bytes(b"the old one")
+        for limit in (0, 1000, 2_000_000):
+            done = self.build(SIMPLE, **with_file_size_limit(limit))
+            self.expect(done, 2, errors=f"corvel-image: {self.target}: File too large\n")
+            self.assertEqual(self.target.read_bytes(), b"the old one")
+            self.assertEqual(self.files(), ["kernel", "manifest", "new.img", "root"])
+
+    def test_a_refusal_leaves_the_old_image(self):
+        self.target.write_bytes(b"the old one")
+        self.assert_refuses("[Rootfs]\nfile = root\n", 1, ":1: Rootfs: the last section must be "
+                            "[Ver0]: it carries the image's CRC")
+        self.assertEqual(self.target.read_bytes(), b"the old one")
+
+    def test_mode_and_links_of_the_target(self):
+        self.assertEqual(self.build(SIMPLE, umask=0o027).status, 0)
+        self.assertEqual(stat.S_IMODE(self.target.stat().st_mode), 0o640)
+        self.target.chmod(0o604)
+        os.chown(self.target, os.getuid(), os.getgid())
+        link = self.path("link")
+        link.symlink_to("new.img")
+        other_name = self.path("other name")
+        os.link(self.target, other_name)
+        before = other_name.read_bytes()
+        self.write("root", b"changed")
+        self.assertEqual(self.build(SIMPLE, link).status, 0)
+        self.assertTrue(link.is_symlink())
+        self.assertEqual(self.target.read_bytes(),
+                         image(partition(b"root", b"changed"), version(b"1.0")))
+        self.assertEqual(stat.S_IMODE(self.target.stat().st_mode), 0o604)
+        self.assertEqual(other_name.read_bytes(), before)
+
+    def test_the_target_may_be_a_source(self):
+        self.target.write_bytes(b"content")
+        self.assert_builds("[Rootfs]\nfile = new.img\n[Ver0]\ntext = v\n",
+                           image(partition(b"root", b"content"), version(b"v")))
+
+    def test_random_images(self):
+        random.seed(3)
+        for _ in range(60):
+            signatures = random.sample(sorted(set(model.PARTITIONS) - {b"Ver0", b"rfs1", b"knl1"}),
+                                       random.randrange(1, 4))
+            lines, sections = [], []
+            for index, signature in enumerate(signatures):
+                content = random.randbytes(random.choice((1, 2, 100, 1000, 60000)))
+                self.write(f"part{index}", content)
+                pad, burn = random.randrange(300), random.getrandbits(32)
+                mtd_id = random.choice((random.randrange(255), random.getrandbits(32) | 256))
+                lines += [f"[{signature.decode()}]", f"file = part{index}", f"padding = {pad}",
+                          f"burn-address = {burn:#x}", f"mtd-id = {mtd_id}"]
+                sections.append(partition(signature, content, pad, burn_address=burn,
+                                          mtd_id=mtd_id))
+            text = random.choice(("", "v", "a b\tc", "\u65e5\u672c", "=" * 68))
+            lines += ["[Ver0]", f"text = {text}"]
+            self.assert_builds("\n".join(lines), image(*sections, version(text.encode())))
+            self.assertEqual(run("corvel-image", "verify", self.target).status, 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: MIT
+// Edits images of the boot loader's environment.
+#include <corvel.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <set>
+#include <string_view>
+#include <sys/stat.h>
+
+#include "support/big_endian.h"
+#include "tools/command_line.h"
+#include "tools/files.h"
+#include "tools/silent_output.h"
+#include "tools/text_format.h"
+
+namespace corvel::tools {
+namespace {
+
+constexpr const char *help = R"(usage: corvel-env create [--force] FILE [NAME=VALUE...]
+       corvel-env list FILE
+       corvel-env get FILE NAME
+       corvel-env set [--force] FILE NAME=VALUE...
+       corvel-env delete [--force] FILE NAME...
+       corvel-env check FILE
+
+  create   make an environment image, empty or with these variables
+  list     print all variables, a line each
+  get      print the value of a variable
+  set      set variables; each one moves to the end of the list
+  delete   delete variables
+  check    tell whether an image is good, and if not, why
+
+  -f, --force      create: replace a file that is there already
+                   set, delete: change an image whose CRC is bad
+                   delete: pass over variables that are not there
+  -h, --help       print this text
+  -V, --version    print the version
+
+A command that fails leaves the file as it was. Exit status: 0 if all is
+well, 1 if the image is bad, a variable is missing or does not fit, 2 if a
+file can't be read or written or the usage is wrong.
+)";
+
+constexpr std::size_t crc_size = 4;
+constexpr std::size_t data_size = CORVEL_ENV_SIZE - crc_size;
+
+std::span<unsigned char, data_size> data_area() {
+    return std::span(env_image_mem).last<data_size>();
+}
+
+std::uint32_t stored_crc() { return big_endian_word(std::span(env_image_mem).first<crc_size>()); }
+
+std::uint32_t computed_crc() { return crc32(data_area().data(), static_cast<int>(data_size)); }
+
+/// Where the list of variables ends; the size of the data area if it has no end.
+std::size_t list_end() {
+    const SilentOutput silent;
+    return static_cast<std::size_t>(print_env());
+}
+
+bool good_crc() { return stored_crc() == computed_crc(); }
+
+std::string crc_fault() {
+    return format("CRC: 0x%08x is expected, the CRC-32 of the bytes from offset 4 on; found 0x%08x",
+                  computed_crc(), stored_crc());
+}
+
+/// Reads an image into env_image_mem, where the library finds it.
+void load(const std::string &path) {
+    const Bytes content = read_file(path, CORVEL_ENV_SIZE);
+    if (content.size() != CORVEL_ENV_SIZE)
+        throw Failure(bad_content,
+                      path + format(": size: %d bytes are expected; found %s%zu", CORVEL_ENV_SIZE,
+                                    content.size() > CORVEL_ENV_SIZE ? "at least " : "",
+                                    content.size()));
+    std::ranges::copy(content, env_image_mem);
+    const SilentOutput silent; // the library would say that the CRC is bad
+    set_env_ptr(env_image_mem);
+}
+
+void load_for_change(const Arguments &arguments) {
+    const std::string &path = arguments.words[0];
+    load(path);
+    if (!good_crc() && !arguments.force)
+        throw Failure(bad_content, path + ": bad environment: " + crc_fault() +
+                                       "\nWith --force it is changed all the same.");
+}
+
+void save(const std::string &path) { replace_file(path, env_image_mem); }
+
+void complain_about_image(const std::string &path, const std::string &fault) {
+    complain(format("%s: bad environment: %s", path.c_str(), fault.c_str()));
+}
+
+/// For reading, a bad image is as good as any, and the exit status tells.
+ExitStatus load_for_reading(const std::string &path) {
+    load(path);
+    if (good_crc())
+        return success;
+    complain_about_image(path, crc_fault());
+    return bad_content;
+}
+
+struct Assignment {
+    std::string name;
+    std::string value;
+};
+
+Assignment assignment_of(const std::string &word) {
+    const std::size_t equals = word.find('=');
+    if (equals == std::string::npos)
+        throw Failure(cannot_do_it, "'" + word + "' is not NAME=VALUE");
+    if (equals == 0)
+        throw Failure(cannot_do_it, "'" + word + "' has no name");
+    return {word.substr(0, equals), word.substr(equals + 1)};
+}
+
+void check_name(const std::string &name) {
+    if (name.empty() || name.find('=') != std::string::npos)
+        throw Failure(cannot_do_it, "'" + name + "' is not a variable's name");
+}
+
+/// All entries of the name go: of several the first one counts, and the new one comes last.
+bool erase(const std::string &name) {
+    const bool there = get_env(name.c_str()) != nullptr;
+    while (get_env(name.c_str()) != nullptr)
+        set_env(name.c_str(), nullptr);
+    return there;
+}
+
+void assign(const Assignment &assignment) {
+    erase(assignment.name);
+    int status = 0;
+    {
+        const SilentOutput silent;
+        status = set_env(assignment.name.c_str(), assignment.value.c_str());
+    }
+    if (status == 0)
+        return;
+    throw Failure(bad_content, format("'%s' does not fit: it takes %zu bytes, and %zu are free",
+                                      assignment.name.c_str(),
+                                      assignment.name.size() + assignment.value.size() + 3,
+                                      data_size - list_end()));
+}
+
+void assign_all(const Arguments &arguments) {
+    std::vector<Assignment> assignments;
+    std::transform(arguments.words.begin() + 1, arguments.words.end(),
+                   std::back_inserter(assignments), assignment_of);
+    for (const Assignment &assignment : assignments)
+        assign(assignment);
+}
+
+bool exists(const std::string &path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0;
+}
+
+ExitStatus create(const Arguments &arguments) {
+    const std::string &path = arguments.words[0];
+    if (!arguments.force && exists(path))
+        throw Failure(cannot_do_it, path + ": is there already; with --force it is replaced");
+    {
+        const SilentOutput silent;
+        set_env_ptr(env_image_mem);
+        set_env("", nullptr); // stores the CRC of an empty list
+    }
+    assign_all(arguments);
+    save(path);
+    return success;
+}
+
+ExitStatus list(const Arguments &arguments) {
+    const ExitStatus status = load_for_reading(arguments.words[0]);
+    print_env();
+    return status;
+}
+
+ExitStatus get(const Arguments &arguments) {
+    const std::string &name = arguments.words[1];
+    check_name(name);
+    const ExitStatus status = load_for_reading(arguments.words[0]);
+    const char *const value = get_env(name.c_str());
+    if (value == nullptr)
+        throw Failure(bad_content, arguments.words[0] + ": there is no variable '" + name + "'");
+    std::puts(value);
+    return status;
+}
+
+ExitStatus set(const Arguments &arguments) {
+    load_for_change(arguments);
+    assign_all(arguments);
+    save(arguments.words[0]);
+    return success;
+}
+
+ExitStatus remove(const Arguments &arguments) {
+    const std::vector<std::string> names(arguments.words.begin() + 1, arguments.words.end());
+    std::ranges::for_each(names, check_name);
+    load_for_change(arguments);
+    for (const std::string &name : names) {
+        if (!erase(name) && !arguments.force)
+            throw Failure(bad_content,
+                          arguments.words[0] + ": there is no variable '" + name + "'");
+    }
+    save(arguments.words[0]);
+    return success;
+}
+
+/// The entries of the list, with what is wrong with them.
+class EntryCheck {
+  public:
+    EntryCheck() {
+        for (std::size_t start = 0; start < end_;)
+            start += check(start) + 1;
+        if (end_ == data_size)
+            faults_.emplace_back(
+                "list: a second NUL is expected at its end; found the image's end");
+    }
+
+    [[nodiscard]] const std::vector<std::string> &faults() const { return faults_; }
+
+    [[nodiscard]] std::string summary() const {
+        return format("%zu variable%s, %zu bytes free", names_.size(),
+                      names_.size() == 1 ? "" : "s", data_size - end_);
+    }
+
+  private:
+    /// Looks at one entry and returns its length.
+    std::size_t check(std::size_t start) {
+        const char *const data = reinterpret_cast<const char *>(data_area().data());
+        const std::string_view entry(data + start, strnlen(data + start, data_size - start));
+        const std::size_t equals = entry.find('=');
+        const std::string_view name = entry.substr(0, equals);
+        const std::string place = format("entry at offset 0x%zx: ", crc_size + start);
+        if (equals == std::string_view::npos)
+            faults_.push_back(place + "NAME=VALUE is expected; found no '='");
+        else if (name.empty())
+            faults_.push_back(place + "a name is expected; found none");
+        else if (!names_.insert(name).second)
+            faults_.push_back(place + "a new name is expected; found '" + printable(name) +
+                              "' again");
+        return entry.size();
+    }
+
+    std::size_t end_ = list_end();
+    std::set<std::string_view> names_;
+    std::vector<std::string> faults_;
+};
+
+ExitStatus check(const Arguments &arguments) {
+    const std::string &path = arguments.words[0];
+    const ExitStatus status = load_for_reading(path);
+    const EntryCheck entries;
+    for (const std::string &fault : entries.faults())
+        complain_about_image(path, fault);
+    if (status != success || !entries.faults().empty())
+        return bad_content;
+    std::printf("%s: good: %s\n", path.c_str(), entries.summary().c_str());
+    return success;
+}
+
+constexpr Command commands[] = {
+    {"create", 1, Command::any, true, create},
+    {"list", 1, 1, false, list},
+    {"get", 2, 2, false, get},
+    {"set", 2, Command::any, true, set},
+    {"delete", 2, Command::any, true, remove},
+    {"check", 1, 1, false, check},
+};
+
+} // namespace
+} // namespace corvel::tools
+
+int main(int argument_count, char **arguments) {
+    return corvel::tools::run_program({"corvel-env", corvel::tools::help, corvel::tools::commands},
+                                      argument_count, arguments);
+}

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: MIT
+#include "tools/image_builder.h"
+
+#include <corvel.h>
+
+#include <filesystem>
+
+#include "support/big_endian.h"
+#include "tools/failure.h"
+#include "tools/image_layout.h"
+#include "tools/text_format.h"
+
+namespace corvel::tools {
+namespace {
+
+class Builder {
+  public:
+    explicit Builder(const Manifest &manifest) : manifest_(manifest) {}
+
+    Bytes build() {
+        check_sections();
+        for (const ManifestSection &section : manifest_.sections)
+            append(section);
+        append_word(crc32(image_.data(), static_cast<int>(image_.size())));
+        return std::move(image_);
+    }
+
+  private:
+    [[noreturn]] void refuse(const ManifestSection &section, const std::string &message) const {
+        throw Failure(bad_content,
+                      place_in(manifest_, section) + section.partition->name + ": " + message);
+    }
+
+    void check_sections() const {
+        const std::vector<ManifestSection> &sections = manifest_.sections;
+        if (sections.size() > most_sections)
+            refuse(sections[most_sections],
+                   format("section %zu: a device takes at most %zu sections, the version included",
+                          most_sections + 1, most_sections));
+        for (const ManifestSection &section : sections)
+            check_section(section);
+        if (!is_version(*sections.back().partition))
+            refuse(sections.back(), "the last section must be [Ver0]: it carries the image's CRC");
+        if (sections.size() == 1)
+            refuse(sections.back(), "there is nothing to write: no section for a partition");
+    }
+
+    void check_section(const ManifestSection &section) const {
+        for (const ManifestSection *other = manifest_.sections.data(); other != &section; ++other)
+            if (other->partition == section.partition)
+                refuse(section, format("stands twice, the first time in line %zu", other->line));
+        const bool version = is_version(*section.partition);
+        if (section.text && !version)
+            refuse(section, "only the version section has a text; use a file");
+        if (section.file && section.text)
+            refuse(section, "has both a file and a text");
+        if (!section.file && !section.text)
+            refuse(section, version ? "has neither a text nor a file" : "has no file");
+        if (version && section.mtd_id && *section.mtd_id != no_partition)
+            refuse(section,
+                   format("mtd-id must be %u: a version section has no checksum", no_partition));
+    }
+
+    void append(const ManifestSection &section) {
+        const Bytes content = content_of(section);
+        const std::size_t padding = section.padding.value_or(0);
+        // Behind the padding stands the checksum, or the image's CRC.
+        const std::size_t length =
+            content.size() + padding + (is_version(*section.partition) ? crc_size : 1);
+        check_size(section, content.size(), length);
+
+        append_header(section, static_cast<std::uint32_t>(length));
+        image_.insert(image_.end(), content.begin(), content.end());
+        image_.resize(image_.size() + padding);
+        if (!is_version(*section.partition))
+            image_.push_back(static_cast<unsigned char>(-sum_of(content)));
+    }
+
+    [[nodiscard]] Bytes content_of(const ManifestSection &section) const {
+        if (section.text)
+            return {section.text->begin(), section.text->end()};
+        const std::filesystem::path folder = std::filesystem::path(manifest_.path).parent_path();
+        Bytes content = read_file((folder / *section.file).string(), image_size_limit);
+        if (content.empty())
+            refuse(section, *section.file + " is empty");
+        if (content.size() > image_size_limit)
+            refuse(section, *section.file + format(" has more than the %zu bytes of an upload",
+                                                   image_size_limit));
+        return content;
+    }
+
+    /// `content` is the size of the file or text, `length` that of the whole payload.
+    void check_size(const ManifestSection &section, std::size_t content, std::size_t length) const {
+        const sign_tbl_entry &partition = *section.partition;
+        const bool whole = partition.strip_header == 0;
+        const std::size_t size = whole ? header_size + length : content;
+        if (size > partition.max_size)
+            refuse(section, format("%zu bytes%s, %zu more than the %u that %s holds", size,
+                                   whole ? " with header and trailer" : "",
+                                   size - partition.max_size, partition.max_size,
+                                   is_version(partition) ? "a version section" : "the partition"));
+        if (image_.size() + header_size + length > image_size_limit)
+            refuse(section, format("makes the image larger than the %zu bytes of an upload",
+                                   image_size_limit));
+    }
+
+    void append_header(const ManifestSection &section, std::uint32_t length) {
+        const std::string_view signature = section.partition->signature;
+        image_.insert(image_.end(), signature.begin(), signature.end());
+        append_word(section.burn_address.value_or(0));
+        append_word(section.mtd_id.value_or(section.partition->mtd_id));
+        append_word(section.padding.value_or(0));
+        append_word(length);
+    }
+
+    void append_word(std::uint32_t word) {
+        image_.resize(image_.size() + sizeof word);
+        store_big_endian(std::span(image_).last<sizeof word>(), word);
+    }
+
+    const Manifest &manifest_;
+    Bytes image_;
+};
+
+} // namespace
+
+Bytes build_image(const Manifest &manifest) { return Builder(manifest).build(); }
+
+} // namespace corvel::tools

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_TOOLS_MANIFEST_H
+#define CORVEL_TOOLS_MANIFEST_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "firmware/image_format.h"
+
+namespace corvel::tools {
+
+/// What a manifest asks for: the sections of an image, in their order. One is written as
+///
+///     [Rootfs]
+///     file = rootfs.squashfs
+struct ManifestSection {
+    const sign_tbl_entry *partition;
+    std::size_t line; ///< of its heading
+    std::optional<std::string> file;
+    std::optional<std::string> text;
+    std::optional<std::uint32_t> burn_address;
+    std::optional<std::uint32_t> padding;
+    std::optional<std::uint32_t> mtd_id;
+};
+
+struct Manifest {
+    std::string path;
+    std::vector<ManifestSection> sections;
+};
+
+/// Reads a manifest; anything in it that is not understood is a failure.
+Manifest read_manifest(const std::string &path);
+
+/// Where in a manifest something is wrong, for messages: "image.manifest:7: ".
+std::string place_in(const Manifest &manifest, const ManifestSection &section);
+
+} // namespace corvel::tools
+
+#endif

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_TOOLS_TEXT_FORMAT_H
+#define CORVEL_TOOLS_TEXT_FORMAT_H
+
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace corvel::tools {
+
+/// What printf would print.
+[[gnu::format(printf, 1, 2)]] std::string format(const char *text, ...);
+
+/// Bytes of unknown origin, fit for a terminal: what is not printable ASCII becomes `\xNN`, a
+/// backslash `\\`.
+std::string printable(std::string_view bytes);
+std::string printable(std::span<const unsigned char> bytes);
+
+} // namespace corvel::tools
+
+#endif
