@@ -80,7 +80,8 @@ class PartHeaders {
         // A line that runs into the next boundary is followed no further than a value can need, so
         // that a body of boundaries without line ends is not read to its end for each of them.
         const auto behind_boundary = static_cast<std::size_t>(end_ - next_boundary_);
-        const char *const limit = next_boundary_ + at_most(behind_boundary, HeaderValue::capacity);
+        const char *const limit =
+            next_boundary_ + at_most(behind_boundary, key.size() + 1 + HeaderValue::capacity);
         const std::string_view rest = behind(between(found, limit), key.size());
         if (!rest.starts_with(separator))
             return false;

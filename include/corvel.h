@@ -878,7 +878,8 @@ CORVEL_API int init_env(const char *path);
 /**
  * Makes an image current, and prints "Warning - bad CRC\n" if its CRC is bad.
  *
- * @param image 65,536 bytes that stay the caller's; used until another image becomes current.
+ * @param image 65,536 bytes that stay the caller's; used until another image becomes current. Not
+ *              null.
  * @return 0 if the CRC is good, 1 if not.
  */
 CORVEL_API int set_env_ptr(void *image);
@@ -900,7 +901,8 @@ CORVEL_API char *get_env(const char *name);
  * "## Error: environment overflow, \"%s\" deleted\n", and the old value is gone and the CRC stale.
  *
  * @param name  the name.
- * @param value the value; null deletes the variable, which need not be there.
+ * @param value the value; null deletes the variable, which need not be there. Not a value that
+ *              get_env() returned: the old entry is removed first, which moves what follows it.
  * @return 0, or 1 on failure or without a current image.
  */
 CORVEL_API int set_env(const char *name, const char *value);

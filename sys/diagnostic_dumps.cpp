@@ -34,7 +34,10 @@ struct HexPrinter {
 
 struct RawPrinter : HexPrinter {
     static constexpr std::size_t end_bytes = 20;
-    static void bytes(Bytes bytes) { std::fwrite(bytes.data(), 1, bytes.size(), stdout); }
+    static void bytes(Bytes bytes) {
+        if (!bytes.empty()) // no bytes may stand at a null pointer, which fwrite() must not get
+            std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+    }
 };
 
 struct DebugPrinter {

@@ -118,8 +118,7 @@ TEST(ParseBootargsGetVal, GivesNullWithoutMemory) {
 /** What get_rootid() prints; its result is 0 whatever happens. */
 std::string root_id_says(const std::string &path) {
     const std::size_t descriptors = open_descriptors();
-    std::string said =
-        capture_stdout([&path] { EXPECT_EQ(get_rootid(path.c_str()), 0U) << path; });
+    std::string said = capture_stdout([&path] { EXPECT_EQ(get_rootid(path.c_str()), 0U) << path; });
     EXPECT_EQ(open_descriptors(), descriptors);
     return said;
 }
@@ -131,9 +130,9 @@ std::string root_id_says(const EnvironmentImage &image) {
 }
 
 TEST(GetRootid, PrintsThePositionAndGivesZero) {
-    EXPECT_EQ(root_id_says(EnvironmentImage(
-                  {"bootargs=console=ttyS0 root=31:2 rootfstype=squashfs"})),
-              "pos=31:2\n");
+    EXPECT_EQ(
+        root_id_says(EnvironmentImage({"bootargs=console=ttyS0 root=31:2 rootfstype=squashfs"})),
+        "pos=31:2\n");
     EXPECT_STREQ(get_env("bootargs"), "console=ttyS0 root=31:2 rootfstype=squashfs");
 }
 
@@ -190,9 +189,8 @@ TEST(GetRootid, FreesTheValueAndGivesZeroWithoutMemory) {
     const std::string path = folder.path("env");
     const unsigned long failures = for_each_allocation_failure(
         [&path](AllocationTrial &trial) {
-            const std::string said = capture_stdout([&] {
-                EXPECT_EQ(trial.run([&] { return get_rootid(path.c_str()); }), 0U);
-            });
+            const std::string said = capture_stdout(
+                [&] { EXPECT_EQ(trial.run([&] { return get_rootid(path.c_str()); }), 0U); });
             EXPECT_EQ(said, trial.failed() ? "" : "pos=31:2\n");
         },
         Allocations::outside_c_library);
@@ -329,8 +327,7 @@ TEST(SaveParam, KeepsWhateverTheImageHolds) {
                                     std::string(EnvironmentImage::data_size, '\0'), counting}) {
         EnvironmentImage model = EnvironmentImage::of_data(data, 0);
         load(model);
-        EXPECT_EQ(save_param(path.c_str(), "missing", nullptr),
-                  model.set("missing", std::nullopt));
+        EXPECT_EQ(save_param(path.c_str(), "missing", nullptr), model.set("missing", std::nullopt));
         EXPECT_EQ(folder.read("env"), model.bytes());
         EXPECT_EQ(init_env(path.c_str()), 0);
         EXPECT_EQ(memory_image(), model.bytes());

@@ -255,8 +255,8 @@ TEST(GetEnv, FindsAVariableByItsWholeName) {
     EXPECT_STREQ(get_env("bootdelay"), "1");
     EXPECT_STREQ(get_env("ab"), "3");
     EXPECT_STREQ(get_env("abc"), "2");
-    for (const char *name : {"boot", "bootdelay1", "bootdelays", "a", "bc", "delay", "1",
-                             "console", "BOOTDELAY", " ab", "ab "})
+    for (const char *name : {"boot", "bootdelay1", "bootdelays", "a", "bc", "delay", "1", "console",
+                             "BOOTDELAY", " ab", "ab "})
         EXPECT_EQ(get_env(name), nullptr) << name;
 }
 
@@ -415,9 +415,9 @@ TEST(SetEnv, RefusesAnEqualsSignInAName) {
             // Not even a wrong CRC is put right.
             const std::string before = EnvironmentImage::of_data("a=1\0\0"s, 7).bytes();
             const CurrentImage image(before);
-            EXPECT_EQ(set(name.c_str(), value),
-                      (Answer{1, "## Error: illegal character '=' in variable name \"" + name +
-                                     "\"\n"}));
+            EXPECT_EQ(
+                set(name.c_str(), value),
+                (Answer{1, "## Error: illegal character '=' in variable name \"" + name + "\"\n"}));
             EXPECT_EQ(image.bytes(), before);
         }
     }
@@ -460,8 +460,7 @@ TEST(SetEnv, FillsTheImageBehindOtherEntries) {
             const CurrentImage image(model.bytes());
             const std::string value(length, 'v');
             const bool fits = length + 4 <= left + 1;
-            EXPECT_EQ(set("n", value.c_str()),
-                      (fits ? Answer{0, ""} : Answer{1, overflow("n")}))
+            EXPECT_EQ(set("n", value.c_str()), (fits ? Answer{0, ""} : Answer{1, overflow("n")}))
                 << left << ", " << length;
             EXPECT_EQ(model.set("n", value), fits ? 0 : 1);
             EXPECT_EQ(image.bytes(), model.bytes());
@@ -479,8 +478,7 @@ TEST(SetEnv, DropsTheOldValueAndKeepsTheStaleCrcOnAnOverflow) {
     EXPECT_EQ(image.bytes(), model.bytes());
     EXPECT_EQ(image.bytes().substr(0, 4), crc_before);
     EXPECT_EQ(printed().said, "a=1\nc=3\n");
-    EXPECT_EQ(answer_of([&image] { return set_env_ptr(image.data() - 4); }),
-              (Answer{1, bad_crc}));
+    EXPECT_EQ(answer_of([&image] { return set_env_ptr(image.data() - 4); }), (Answer{1, bad_crc}));
     // One character less fits, and puts the CRC right.
     const std::string fitting = too_long.substr(1);
     EXPECT_EQ(set("b", fitting.c_str()), (Answer{model.set("b", fitting), ""}));
@@ -500,9 +498,8 @@ TEST(SetEnv, ChangesNothingWhereANewVariableDoesNotFit) {
 }
 
 TEST(SetEnv, HasNoRoomWhereTheListHasNoEnd) {
-    for (const std::string &data :
-         {std::string(data_size, '\xFF'), std::string(data_size, 'a'),
-          ending_with("end=v").data(), ending_with("end=v\0"s).data()}) {
+    for (const std::string &data : {std::string(data_size, '\xFF'), std::string(data_size, 'a'),
+                                    ending_with("end=v").data(), ending_with("end=v\0"s).data()}) {
         EnvironmentImage model = EnvironmentImage::of_data(data);
         for (const Fence fence : fences) {
             const CurrentImage image(model.bytes(), fence);
@@ -630,10 +627,12 @@ std::vector<std::string> contents_of_flash() {
         contents.push_back(random_data(random, values));
     for (int i = 0; i < 12; ++i) {
         std::string data = random_data(random, 256);
-        std::replace_if(data.begin(), data.end(), [](char byte) { return (byte & 3) == 0; }, 'a');
-        std::replace_if(data.begin(), data.end(), [](char byte) { return (byte & 31) == 1; }, '=');
-        std::replace_if(data.begin(), data.end(), [](char byte) { return (byte & 31) == 2; },
-                        '\0');
+        std::replace_if(
+            data.begin(), data.end(), [](char byte) { return (byte & 3) == 0; }, 'a');
+        std::replace_if(
+            data.begin(), data.end(), [](char byte) { return (byte & 31) == 1; }, '=');
+        std::replace_if(
+            data.begin(), data.end(), [](char byte) { return (byte & 31) == 2; }, '\0');
         for (std::size_t at = 1; at < data.size(); ++at)
             if (data[at] == '\0' && data[at - 1] == '\0')
                 data[at] = 'a';
@@ -644,10 +643,19 @@ std::vector<std::string> contents_of_flash() {
 
 TEST(AnyImage, IsSearchedEditedAndPrintedInsideAlone) {
     const std::string long_value(1000, 'v');
-    const std::vector<std::pair<const char *, const char *>> edits = {
-        {"a", nullptr}, {"new", "1"}, {"a", "1"},      {"", nullptr}, {"", ""},
-        {"=", "1"},     {"ab", "x"},  {"a", ""},       {"a", nullptr}, {"\xFF", "\xFF"},
-        {"new", nullptr}, {"aa", nullptr}, {"ab", long_value.c_str()}};
+    const std::vector<std::pair<const char *, const char *>> edits = {{"a", nullptr},
+                                                                      {"new", "1"},
+                                                                      {"a", "1"},
+                                                                      {"", nullptr},
+                                                                      {"", ""},
+                                                                      {"=", "1"},
+                                                                      {"ab", "x"},
+                                                                      {"a", ""},
+                                                                      {"a", nullptr},
+                                                                      {"\xFF", "\xFF"},
+                                                                      {"new", nullptr},
+                                                                      {"aa", nullptr},
+                                                                      {"ab", long_value.c_str()}};
     int number = 0;
     for (const std::string &data : contents_of_flash()) {
         const Fence fence = fences[static_cast<std::size_t>(number) % 2];
@@ -734,9 +742,9 @@ TEST(GoldenEnvironment, IsWrittenAlike) {
     const std::string path = folder.path("env");
     EXPECT_EQ(init(path), (Answer{0, ""}));
     EXPECT_EQ(set_env("bootdelay", nullptr), 0);
-    EXPECT_EQ(set_env("bootargs",
-                      "console=ttyS0,115200 root=31:4 rootfstype=squashfs init=/sbin/init"),
-              0);
+    EXPECT_EQ(
+        set_env("bootargs", "console=ttyS0,115200 root=31:4 rootfstype=squashfs init=/sbin/init"),
+        0);
     EXPECT_EQ(save_param(path.c_str(), "bootparam", "1"), 0);
     EXPECT_EQ(folder.read("env"), golden_environment("environment-edited.head"));
 }

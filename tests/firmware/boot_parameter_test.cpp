@@ -45,9 +45,8 @@ TEST(GetBootparam, LeadsToTheIdleSet) {
 
 TEST(GetBootparam, TakesTheNumberModuloTwo) {
     on_device({}, [] {
-        for (const std::string even :
-             {"0", "2", "", "x", "x1", "-", "-0", "-2", "+4", " 6", "00", "2147483646", "0x1",
-              "-2147483648", "\xFF"}) {
+        for (const std::string even : {"0", "2", "", "x", "x1", "-", "-0", "-2", "+4", " 6", "00",
+                                       "2147483646", "0x1", "-2147483648", "\xFF"}) {
             write_environment({"bootparam=" + even});
             bootparam = 1;
             expect_loaded(2, {{LOG_INFO, "bootparam=0\n"}});
@@ -77,8 +76,8 @@ TEST(GetBootparam, FailsForANegativeOddNumber) {
 
 TEST(GetBootparam, TakesAnyNumberThatNoIntHolds) {
     on_device({}, [] {
-        for (const std::string value : {"2147483648", "99999999999999999999", "-2147483649",
-                                        "-99999999999999999999"}) {
+        for (const std::string value :
+             {"2147483648", "99999999999999999999", "-2147483649", "-99999999999999999999"}) {
             write_environment({"bootparam=" + value});
             const RecordSyslog log;
             const std::uint32_t shift = get_bootparam();

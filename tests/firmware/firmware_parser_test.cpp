@@ -1,1 +1,1048 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
 
+#include "cgi/guarded_block.h"
+#include "firmware/environment_image.h"
+#include "firmware/flash.h"
+#include "firmware/golden_files.h"
+#include "firmware/upgrade_image.h"
+#include "support/child_process.h"
+#include "support/kill_points.h"
+#include "support/output_capture.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <random>
+#include <span>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <syslog.h>
+#include <vector>
+
+namespace {
+
+using namespace corvel_test;
+using namespace std::string_literals;
+namespace fs = std::filesystem;
+
+constexpr std::size_t record_room = 5 * sizeof(img_info);
+
+/** The values at which a field's arithmetic could turn over. */
+constexpr std::uint32_t extremes[] = {0,          1,          2,          19,         20,
+                                      254,        255,        256,        0x7FFFFFFF, 0x80000000,
+                                      0xFFFFFFEB, 0xFFFFFFEC, 0xFFFFFFFE, 0xFFFFFFFF};
+
+/** What parse_firmware() answered, logged and left in the caller's array. */
+struct Parsed {
+    int count = -1;
+    int code = -1;
+    std::vector<Record> records; /**< All that were filled, whatever the count says. */
+    std::vector<RecordSyslog::Message> log;
+};
+
+Record record_of(const img_info &info, const char *image) {
+    return {info.name,
+            static_cast<std::uint64_t>(reinterpret_cast<const char *>(info.data) - image),
+            info.len,
+            info.burnAddr,
+            info.mtd_ids,
+            info.mtdev,
+            info.base_mtd_id};
+}
+
+/** Parses an image that ends, or begins, where its memory does. */
+Parsed parsed(std::string_view image, Fence fence = Fence::behind) {
+    const GuardedBlock block(image, fence);
+    const std::string untouched(sizeof(img_info), '\x5A');
+    const GuardedBlock room(std::string(record_room, '\x5A'));
+    auto *const records = reinterpret_cast<img_info *>(room.start());
+    const RecordSyslog log;
+    Parsed answer;
+    answer.count = parse_firmware(reinterpret_cast<const unsigned char *>(block.start()),
+                                  static_cast<unsigned int>(image.size()), records, &answer.code);
+    answer.log = RecordSyslog::messages();
+    for (std::size_t i = 0; i < 5; ++i)
+        if (room.bytes().substr(i * sizeof(img_info), sizeof(img_info)) != untouched)
+            answer.records.push_back(record_of(records[i], block.start()));
+    EXPECT_EQ(block.bytes(), image);
+    return answer;
+}
+
+RecordSyslog::Message last_line(const Parsed &answer) {
+    return answer.log.empty() ? RecordSyslog::Message{-1, "nothing"} : answer.log.back();
+}
+
+std::string hex_of(std::string_view bytes) {
+    std::string text;
+    for (const char byte : bytes.substr(0, 400)) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(byte));
+        text += digits;
+    }
+    return text;
+}
+
+/** Whether the log is as told. Of a CRC that is not all there, no value is told. */
+bool is_logged(const Parsed &answer, const Verdict &verdict, bool bootparam_is_logged) {
+    std::vector<LogLine> expected = verdict.log;
+    if (bootparam_is_logged)
+        expected.insert(expected.begin(),
+                        {LOG_INFO, "bootparam=" + std::to_string(bootparam) + "\n"});
+    return std::equal(answer.log.begin(), answer.log.end(), expected.begin(), expected.end(),
+                      [](const RecordSyslog::Message &message, const LogLine &line) {
+                          return message.priority == line.priority &&
+                                 (line.text.ends_with("crc0=") ? message.text.starts_with(line.text)
+                                                               : message.text == line.text);
+                      });
+}
+
+std::string text_of(const Parsed &answer) {
+    std::ostringstream text;
+    text << "count " << answer.count << ", code " << answer.code << '\n';
+    for (const Record &record : answer.records)
+        text << record << '\n';
+    for (const RecordSyslog::Message &message : answer.log)
+        text << message.priority << ' ' << message.text << '\n';
+    return text.str();
+}
+
+/** Whether the library's answer is the one that the rules give, and inside of the image. */
+testing::AssertionResult is_judged_right(std::string_view image, Fence fence = Fence::behind,
+                                         std::uint32_t shift = 2) {
+    const Parsed answer = parsed(image, fence);
+    const Verdict verdict = judge(image, shift);
+    const int count = verdict.code == 0 ? static_cast<int>(verdict.records.size()) : 0;
+    bool inside = true;
+    for (const Record &record : answer.records)
+        inside = inside && record.offset + record.length <= image.size();
+    if (inside && answer.code == verdict.code && answer.count == count &&
+        answer.records == verdict.records && is_logged(answer, verdict, true))
+        return testing::AssertionSuccess();
+    auto failure = testing::AssertionFailure();
+    failure << "got " << text_of(answer) << "expected code " << verdict.code << '\n';
+    for (const Record &record : verdict.records)
+        failure << record << '\n';
+    for (const LogLine &line : verdict.log)
+        failure << line.priority << ' ' << line.text << '\n';
+    return failure << "image of " << image.size() << " bytes: " << hex_of(image);
+}
+
+/** The codes that a test met, so that none is believed to be tried that never was. */
+class CodesMet {
+  public:
+    void add(std::string_view image) { ++met_[static_cast<std::size_t>(judge(image, 2).code)]; }
+    [[nodiscard]] bool all() const { return std::find(met_.begin(), met_.end(), 0) == met_.end(); }
+    [[nodiscard]] int of(std::size_t code) const { return met_[code]; }
+
+  private:
+    std::array<int, 6> met_{};
+};
+
+/** A device that runs set A. */
+void on_set_a(const std::function<void()> &body) { on_device({"bootparam=0"}, body); }
+
+std::string good_image() {
+    return upgrade_image({{.signature = "boot", .data = "loader", .burnaddr = 0xBFC00000},
+                          {.signature = "root", .data = "root files", .padding = "\xFF\xFF"},
+                          {.signature = "kern", .data = "kernel"}});
+}
+
+TEST(ParseFirmware, ListsTheSectionsAndLogsEachStep) {
+    on_set_a([] {
+        const std::string image = good_image();
+        const Parsed answer = parsed(image);
+        EXPECT_EQ(answer.count, 4);
+        EXPECT_EQ(answer.code, 0);
+        // Offsets: 20 of header, 6 and a checksum byte; 20, 10 and 2 and one; 20, 6 and one.
+        EXPECT_EQ(answer.records,
+                  (std::vector<Record>{
+                      {"/tmp/firmware/Boot.bin", 20, 6, 0xBFC00000, 0, "/dev/mtdblock0", 0},
+                      {"/tmp/firmware/Rootfs.bin", 47, 10, 0, 4, "/dev/mtdblock4", 2},
+                      {"/tmp/firmware/Linux_kernel.bin", 80, 6, 0, 5, "/dev/mtdblock5", 3},
+                      {"/tmp/firmware/Ver0.bin", 87, 29, 0, 255, "/dev/mtdblock255", 255},
+                  }));
+        const std::vector<RecordSyslog::Message> log = {
+            {LOG_INFO, "bootparam=0\n"},
+            {LOG_INFO, "find firmware (Boot)\n"},
+            {LOG_INFO, "find firmware (Rootfs)\n"},
+            {LOG_INFO, "find firmware (Linux_kernel)\n"},
+            {LOG_INFO, "find firmware (Ver0)\n"},
+            {LOG_INFO, "Web firmware upgrade start..."},
+            {LOG_INFO, "name= /tmp/firmware/Boot.bin"},
+            {LOG_INFO, "burnAddr= 0xbfc00000"},
+            {LOG_INFO, "len= 6"},
+            {LOG_INFO, "mtd_ids= 0\n"},
+            {LOG_INFO, "mtdev= /dev/mtdblock0"},
+            {LOG_INFO, "name= /tmp/firmware/Rootfs.bin"},
+            {LOG_INFO, "burnAddr= 0x0000"},
+            {LOG_INFO, "len= 10"},
+            {LOG_INFO, "mtd_ids= 4\n"},
+            {LOG_INFO, "mtdev= /dev/mtdblock4"},
+            {LOG_INFO, "name= /tmp/firmware/Linux_kernel.bin"},
+            {LOG_INFO, "burnAddr= 0x0000"},
+            {LOG_INFO, "len= 6"},
+            {LOG_INFO, "mtd_ids= 5\n"},
+            {LOG_INFO, "mtdev= /dev/mtdblock5"},
+            {LOG_INFO, "name= /tmp/firmware/Ver0.bin"},
+            {LOG_INFO, "burnAddr= 0x0000"},
+            {LOG_INFO, "len= 29"},
+            {LOG_INFO, "mtd_ids= 255\n"},
+            {LOG_INFO, "mtdev= /dev/mtdblock255"},
+        };
+        EXPECT_EQ(answer.log, log);
+    });
+}
+
+TEST(ParseFirmware, PrintsNothingAndCreatesNothing) {
+    on_set_a([] {
+        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(parsed(good_image()).code, 0); }), "");
+        EXPECT_FALSE(fs::exists("/tmp/firmware"));
+        EXPECT_FALSE(fs::exists("/dev/mtdblock4"));
+        EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
+    });
+}
+
+/** The devices that records are for. */
+std::vector<std::uint32_t> devices(std::string_view image) {
+    std::vector<std::uint32_t> found;
+    for (const Record &record : parsed(image).records)
+        found.push_back(record.device);
+    return found;
+}
+
+TEST(ParseFirmware, ChoosesTheIdleSet) {
+    const std::string image = upgrade_image(
+        {{.signature = "root", .data = "files"}, {.signature = "kern", .data = "kernel"}});
+    on_device({"bootparam=0"}, [&image] {
+        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, 255}));
+        write_environment({"bootparam=1"});
+        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, 255}));
+        EXPECT_TRUE(is_judged_right(image, Fence::behind, 0));
+    });
+}
+
+TEST(ParseFirmware, ChoosesSetAWhereNothingSaysWhatRuns) {
+    const std::string image = upgrade_image({{.signature = "root", .data = "files"}});
+    in_private_root([&image] {
+        const Verdict verdict = judge(image, 0);
+        Parsed answer;
+        EXPECT_EQ(capture_stdout([&] { answer = parsed(image); }),
+                  "Err: can not open file /dev/mtdblock1\n");
+        EXPECT_EQ(answer.records, verdict.records);
+        EXPECT_EQ(answer.code, 0);
+        EXPECT_TRUE(is_logged(answer, verdict, false));
+    });
+}
+
+TEST(ParseFirmware, ShiftsNoOtherPartition) {
+    on_set_a([] {
+        for (const Partition &partition : partitions) {
+            const bool is_in_set_a = partition.device == 2 || partition.device == 3;
+            const std::uint32_t device = partition.device + (is_in_set_a ? 2 : 0);
+            EXPECT_EQ(devices(Section{.signature = partition.signature, .data = "data"}.bytes()),
+                      std::vector<std::uint32_t>{device})
+                << partition.name;
+        }
+    });
+}
+
+TEST(ParseFirmware, KeepsTheBurnAddressOfTheBootLoaderAlone) {
+    on_set_a([] {
+        for (const Partition &partition : partitions) {
+            const std::string image =
+                Section{.signature = partition.signature, .data = "data", .burnaddr = 0x9F000000}
+                    .bytes();
+            const Parsed answer = parsed(image);
+            ASSERT_EQ(answer.records.size(), 1U);
+            EXPECT_EQ(answer.records[0].burnaddr, partition.device == 0 ? 0x9F000000 : 0);
+        }
+    });
+}
+
+TEST(ParseFirmware, WritesTheConfigurationWithItsHeader) {
+    on_set_a([] {
+        const std::string section =
+            Section{.signature = "conf", .data = "settings", .padding = "pad"}.bytes();
+        const Parsed answer = parsed(section);
+        ASSERT_EQ(answer.count, 1);
+        EXPECT_EQ(answer.records[0].offset, 0U);
+        EXPECT_EQ(answer.records[0].length, section.size());
+    });
+}
+
+TEST(ParseFirmware, AcceptsAnImageWithoutVersionSectionWithoutACrc) {
+    on_set_a([] {
+        const std::string image = Section{.signature = "root", .data = "files"}.bytes() +
+                                  Section{.signature = "kern", .data = "kernel"}.bytes();
+        EXPECT_EQ(parsed(image).count, 2);
+        EXPECT_TRUE(is_judged_right(image));
+        // A version section that is not the last one is not asked either.
+        const std::string behind =
+            version_section() + Section{.signature = "root", .data = "files"}.bytes();
+        EXPECT_EQ(parsed(behind).count, 2);
+        EXPECT_TRUE(is_judged_right(behind));
+    });
+}
+
+TEST(ParseFirmware, SkipsUnknownSections) {
+    on_set_a([] {
+        const std::string unknown = raw_section("????", 1, 2, 99, 5, "other");
+        const std::string root = Section{.signature = "root", .data = "files"}.bytes();
+        const std::string image =
+            with_crc(unknown + root + unknown + unknown + unknown + root + version_section());
+        const Parsed answer = parsed(image);
+        EXPECT_EQ(answer.code, 0);
+        EXPECT_EQ(answer.count, 3);
+        EXPECT_TRUE(is_judged_right(image));
+    });
+}
+
+TEST(ParseFirmware, ReadsTheCrcAtTheEndOfTheVersionSection) {
+    on_set_a([] {
+        const std::string root = Section{.signature = "root", .data = "files"}.bytes();
+        // Behind the version section stand bytes that no section covers, or an unknown section: the
+        // CRC of all but the image's last four bytes is looked for in the version section's end.
+        for (const std::string &tail : {std::string(4, 'x'), std::string(20, '\0'),
+                                        raw_section("????", 0, 0, 0, 5, "other")}) {
+            const std::string image = with_crc(root + version_section() + tail);
+            EXPECT_EQ(parsed(image).code, 5);
+            EXPECT_TRUE(is_judged_right(image));
+        }
+    });
+}
+
+TEST(ParseFirmware, RefusesABadCrc) {
+    on_set_a([] {
+        std::string image = good_image();
+        image.back() = static_cast<char>(image.back() ^ 1);
+        const Parsed answer = parsed(image);
+        EXPECT_EQ(answer.count, 0);
+        EXPECT_EQ(answer.code, 5);
+        EXPECT_EQ(answer.records.size(), 4U);
+        const std::uint32_t computed = reference_crc(good_image().substr(0, image.size() - 4));
+        EXPECT_EQ(last_line(answer).priority, LOG_ERR);
+        EXPECT_EQ(last_line(answer).text,
+                  log_line(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed,
+                           computed ^ 1)
+                      .text);
+    });
+}
+
+TEST(ParseFirmware, RefusesABadPayloadBeforeItLooksAtTheCrc) {
+    on_set_a([] {
+        std::string image = good_image();
+        image[50] = static_cast<char>(image[50] + 1);
+        Parsed answer = parsed(image);
+        EXPECT_EQ(answer.code, 2);
+        EXPECT_EQ(answer.count, 0);
+        EXPECT_EQ(answer.records.size(), 1U);
+        EXPECT_EQ(last_line(answer),
+                  (RecordSyslog::Message{LOG_ERR, "root image checksum error at 2F!\n"}));
+        // With the checksum byte put right, only the CRC tells.
+        image[59] = static_cast<char>(image[59] - 1);
+        answer = parsed(image);
+        EXPECT_EQ(answer.code, 5);
+        EXPECT_EQ(answer.count, 0);
+    });
+}
+
+TEST(ParseFirmware, SumsUpNothingWhereTheHeaderSaysSo) {
+    on_set_a([] {
+        for (const Partition &partition : partitions) {
+            const std::string image = raw_section(partition.signature, 0, 255, 0, 5,
+                                                  "\x01\x02"
+                                                  "abc");
+            EXPECT_EQ(parsed(image).code, partition.device == 255 ? 5 : 0);
+            EXPECT_TRUE(is_judged_right(image));
+        }
+    });
+}
+
+TEST(ParseFirmware, HasNoSizeLimitWhereTheHeaderSaysSo) {
+    on_set_a([] {
+        const std::string payload(0x20000, 'x');
+        for (const char *signature : {"benv", "conf", "artp"}) {
+            const std::string image = raw_section(signature, 0, 255, 0, 0x20000, payload);
+            EXPECT_EQ(parsed(image).count, 1);
+            EXPECT_TRUE(is_judged_right(image));
+        }
+    });
+}
+
+TEST(ParseFirmware, AcceptsWhatFillsAPartitionAndNoByteMore) {
+    on_set_a([] {
+        for (const Partition &partition : partitions) {
+            const std::size_t fitting =
+                partition.strips_header ? partition.max_size : partition.max_size - 21;
+            for (const std::size_t more : {0U, 1U}) {
+                const std::string image =
+                    Section{.signature = partition.signature,
+                            .data = std::string(fitting + more, 'd'),
+                            .padding = partition.strips_header ? "padding" : ""}
+                        .bytes();
+                // The version section is then the last one, and its CRC is not right.
+                const int fine = partition.device == 255 ? 5 : 0;
+                EXPECT_EQ(parsed(image).code, more == 0 ? fine : 3) << partition.name;
+                EXPECT_TRUE(is_judged_right(image));
+            }
+        }
+    });
+}
+
+TEST(ParseFirmware, LogsASectionThatIsTooLarge) {
+    on_set_a([] {
+        const std::string image =
+            Section{
+                .signature = "conf", .data = std::string(0xFFEC, 'c'), .burnaddr = 10, .mtd_id = 7}
+                .bytes();
+        const Parsed answer = parsed(image);
+        EXPECT_EQ(answer.code, 3);
+        EXPECT_EQ(answer.log,
+                  (std::vector<RecordSyslog::Message>{
+                      {LOG_INFO, "bootparam=0\n"},
+                      {LOG_INFO, "find firmware (Config)\n"},
+                      {LOG_INFO, "Header.signature = conf,  burnaddr=0x0a, mtd_id = 0x0007, pad = "
+                                 "0x0000,  len = 0xffed\n"},
+                      {LOG_ERR, "conf image size(10001) > 10000!\n"},
+                  }));
+        EXPECT_TRUE(answer.records.empty());
+        const std::string fitting =
+            Section{.signature = "conf", .data = std::string(0xFFEB, 'c')}.bytes();
+        EXPECT_EQ(parsed(fitting).code, 0);
+    });
+}
+
+TEST(ParseFirmware, RefusesPaddingThatIsLargerThanThePayload) {
+    on_set_a([] {
+        for (const std::uint32_t pad : {5U, 6U, 100U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+            const std::string image = raw_section("root", 0, 0, pad, 5, std::string(5, '\0'));
+            // The size turns over; 4 - 0xFFFFFFFF is 5, which is one byte of checksum too many.
+            EXPECT_EQ(parsed(image).code, pad == 0xFFFFFFFF ? 0 : 3) << pad;
+            EXPECT_TRUE(is_judged_right(image));
+        }
+        const std::string none = raw_section("root", 0, 0, 0, 0, "x");
+        EXPECT_EQ(parsed(none).code, 3);
+        EXPECT_TRUE(is_judged_right(none));
+    });
+}
+
+TEST(ParseFirmware, EndsARecordWhereTheImageEnds) {
+    on_set_a([] {
+        for (const std::uint32_t pad : {5U, 6U, 0x7FFFFFFFU, 0xFFFFFFF0U}) {
+            const std::string image = raw_section("root", 0, 255, pad, 5, "12345");
+            const Parsed answer = parsed(image);
+            EXPECT_EQ(answer.code, 0);
+            ASSERT_EQ(answer.records.size(), 1U);
+            EXPECT_LE(answer.records[0].offset + answer.records[0].length, image.size());
+            EXPECT_TRUE(is_judged_right(image));
+        }
+    });
+}
+
+TEST(ParseFirmware, RefusesMoreThanFourSections) {
+    on_set_a([] {
+        const Section root{.signature = "root", .data = "files"};
+        const std::string four = upgrade_image({root, root, root});
+        EXPECT_EQ(parsed(four).count, 4);
+        const Parsed answer = parsed(upgrade_image({root, root, root, root}));
+        EXPECT_EQ(answer.count, 0);
+        EXPECT_EQ(answer.code, 4);
+        EXPECT_EQ(answer.records.size(), 5U) << "the fifth record is filled before it is counted";
+        EXPECT_EQ(last_line(answer), (RecordSyslog::Message{LOG_INFO, "find firmware (Ver0)\n"}));
+        EXPECT_TRUE(is_judged_right(upgrade_image({root, root, root, root})));
+        EXPECT_TRUE(is_judged_right(upgrade_image({root, root, root, root, root, root})));
+        // Of the fifth one, the sum and the size are looked at first.
+        const std::string bad_fifth = root.bytes() + root.bytes() + root.bytes() + root.bytes() +
+                                      raw_section("kern", 0, 0, 0, 1, "x");
+        EXPECT_EQ(parsed(bad_fifth).code, 2);
+    });
+}
+
+/** The lengths of a last section that reach past the end of the image. */
+TEST(ParseFirmware, ToleratesALastSectionFourBytesTooLong) {
+    on_set_a([] {
+        for (const Partition &partition : partitions) {
+            for (std::uint32_t more = 0; more <= 6; ++more) {
+                for (const std::uint32_t pad : {0U, 1U, 4U, 9U}) {
+                    for (const std::uint32_t mtd_id : {0U, 255U}) {
+                        std::string payload = "payload";
+                        payload += checksum_byte(payload);
+                        const std::string image =
+                            raw_section(partition.signature, 0, mtd_id, pad,
+                                        static_cast<std::uint32_t>(payload.size()) + more, payload);
+                        EXPECT_EQ(parsed(image).code == 1, more > 4) << partition.name << more;
+                        EXPECT_TRUE(is_judged_right(image));
+                    }
+                }
+            }
+        }
+    });
+}
+
+TEST(ParseFirmware, LogsALengthThatRunsPastTheEnd) {
+    on_set_a([] {
+        const std::string root = Section{.signature = "root", .data = "files"}.bytes();
+        const std::string image = root + raw_section("kern", 0, 0, 0, 8, "xyz");
+        const Parsed answer = parsed(image);
+        EXPECT_EQ(answer.code, 1);
+        EXPECT_EQ(answer.count, 0);
+        EXPECT_EQ(answer.records.size(), 1U);
+        EXPECT_EQ(
+            last_line(answer),
+            (RecordSyslog::Message{LOG_ERR, "Header.len is wrong, headlen(8) >49-26-20=1\n"}));
+        const std::string huge = root + raw_section("????", 0, 0, 0, 0xFFFFFFFF, "xyz");
+        EXPECT_EQ(
+            last_line(parsed(huge)),
+            (RecordSyslog::Message{LOG_ERR, "Header.len is wrong, headlen(-1) >49-26-20=1\n"}));
+    });
+}
+
+/** A version section that claims to be longer than the image lacks bytes of its CRC. */
+TEST(ParseFirmware, RefusesACrcThatIsNotAllThere) {
+    on_set_a([] {
+        const std::string root = Section{.signature = "root", .data = "files"}.bytes();
+        for (std::uint32_t more = 0; more <= 5; ++more) {
+            const std::string image = with_crc(
+                root + raw_section("Ver0", 0, 255, 0, 9 + more, "1.2.3" + std::string(4, '\0')));
+            const Parsed answer = parsed(image);
+            EXPECT_EQ(answer.code, more == 0 ? 0 : more == 5 ? 1 : 5) << more;
+            EXPECT_TRUE(is_judged_right(image));
+        }
+    });
+}
+
+TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
+    on_set_a([] {
+        for (const std::string &image :
+             {""s, std::string(20, '\0'), std::string(21, '\0'), std::string(1000, '\0'),
+              raw_section("????", 0, 0, 0, 5, "other"),
+              with_crc(raw_section("????", 0, 0, 0, 9, "123456789")),
+              Section{.signature = "root", .data = ""}.bytes().substr(0, 20)}) {
+            const Parsed answer = parsed(image);
+            EXPECT_EQ(answer.count, 0);
+            EXPECT_EQ(answer.code, 5);
+            EXPECT_TRUE(answer.records.empty());
+            EXPECT_EQ(answer.log, (std::vector<RecordSyslog::Message>{
+                                      {LOG_INFO, "bootparam=0\n"},
+                                      {LOG_INFO, "Web firmware upgrade start..."},
+                                  }));
+        }
+        img_info records[5];
+        int code = -1;
+        const RecordSyslog log;
+        EXPECT_EQ(parse_firmware(nullptr, 0, records, &code), 0);
+        EXPECT_EQ(code, 5);
+    });
+}
+
+TEST(ParseFirmware, JudgesImagesOfUpToFortyBytes) {
+    on_set_a([] {
+        for (std::size_t size = 0; size <= 40; ++size) {
+            for (const Partition &partition : partitions) {
+                for (std::uint32_t len = 0; len <= 26; ++len) {
+                    std::string image =
+                        raw_section(partition.signature, 0, 0, 0, len, std::string(20, '\0'));
+                    image.resize(size);
+                    ASSERT_TRUE(is_judged_right(image));
+                    if (size >= 12)
+                        image[at_mtd_id + 3] = '\xFF';
+                    ASSERT_TRUE(is_judged_right(image, Fence::in_front));
+                }
+            }
+            ASSERT_TRUE(is_judged_right(std::string(size, '\xFF')));
+            ASSERT_TRUE(is_judged_right(std::string(size, 'r')));
+        }
+    });
+}
+
+TEST(ParseFirmware, JudgesAnImageCutAtEveryByte) {
+    on_set_a([] {
+        const std::string image = good_image();
+        CodesMet met;
+        for (std::size_t size = 0; size < image.size(); ++size) {
+            const std::string cut = image.substr(0, size);
+            EXPECT_TRUE(is_judged_right(cut)) << size;
+            EXPECT_TRUE(is_judged_right(cut, Fence::in_front)) << size;
+            met.add(cut);
+        }
+        EXPECT_GT(met.of(1), 0);
+        EXPECT_GT(met.of(5), 0);
+    });
+}
+
+TEST(ParseFirmware, JudgesEveryChangeOfOneByte) {
+    on_set_a([] {
+        const std::string image = good_image();
+        CodesMet met;
+        std::vector<std::size_t> accepted_places;
+        for (std::size_t at = 0; at < image.size(); ++at) {
+            for (int change = 1; change < 256; ++change) {
+                std::string changed = image;
+                changed[at] = static_cast<char>(changed[at] ^ change);
+                ASSERT_TRUE(is_judged_right(changed)) << at << ", " << change;
+                met.add(changed);
+                if (judge(changed, 2).code == 0)
+                    accepted_places.push_back(at);
+            }
+        }
+        for (const std::size_t code : {1U, 2U, 3U, 5U})
+            EXPECT_GT(met.of(code), 0) << code;
+        // What is accepted all the same hides the version section, with which the CRC goes: its
+        // signature, or the length of the section in front of it.
+        for (const std::size_t at : accepted_places)
+            EXPECT_TRUE(at >= 60) << at;
+    });
+}
+
+TEST(ParseFirmware, JudgesEveryFieldAtItsExtremes) {
+    on_set_a([] {
+        CodesMet met;
+        for (const Partition &partition : partitions) {
+            for (const std::uint32_t mtd_id :
+                 {0U, 1U, 254U, 255U, 256U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+                for (const std::uint32_t pad : extremes) {
+                    for (const std::uint32_t len : extremes) {
+                        const std::string payload(24, mtd_id == 1 ? 'x' : '\0');
+                        const std::string image = with_crc(
+                            raw_section(partition.signature, pad ^ len, mtd_id, pad, len, payload) +
+                            version_section());
+                        ASSERT_TRUE(is_judged_right(image));
+                        met.add(image);
+                    }
+                }
+            }
+        }
+        for (const std::size_t code : {0U, 1U, 2U, 3U, 5U})
+            EXPECT_GT(met.of(code), 0) << code;
+    });
+}
+
+TEST(ParseFirmware, JudgesEachHeaderFieldOfEachSectionAtItsExtremes) {
+    on_set_a([] {
+        const std::string image = good_image();
+        for (const std::size_t section : {0U, 27U, 60U, 87U}) {
+            for (const std::size_t field : {at_signature, at_burnaddr, at_mtd_id, at_pad, at_len}) {
+                for (const std::uint32_t value : extremes) {
+                    std::string changed = image;
+                    changed.replace(section + field, 4, stored(value));
+                    EXPECT_TRUE(is_judged_right(changed));
+                    EXPECT_TRUE(is_judged_right(with_crc(changed)));
+                }
+            }
+        }
+    });
+}
+
+/** A section with now and then something wrong about it. */
+std::string random_section(std::mt19937 &random, bool last) {
+    const auto one_in = [&random](unsigned n) {
+        return random() % n == 0;
+    };
+    std::string data(random() % 40, '\0');
+    for (char &byte : data)
+        byte = static_cast<char>(random());
+    Section section{.signature = one_in(8) ? "????" : partitions[random() % 10].signature,
+                    .data = data,
+                    .burnaddr = static_cast<std::uint32_t>(random()),
+                    .mtd_id = one_in(4) ? 255U : static_cast<std::uint32_t>(random() % 10),
+                    .padding = std::string(random() % 5, '\xFF')};
+    std::string bytes = section.bytes();
+    const auto len = static_cast<std::uint32_t>(bytes.size() - header_size);
+    if (one_in(12))
+        bytes.replace(at_pad, 4, stored(extremes[random() % std::size(extremes)]));
+    if (last && one_in(3))
+        bytes.replace(at_len, 4, stored(len + static_cast<std::uint32_t>(random() % 8) - 2));
+    if (one_in(16))
+        bytes.back() = static_cast<char>(bytes.back() + 1);
+    return bytes;
+}
+
+TEST(ParseFirmware, JudgesRandomImages) {
+    on_set_a([] {
+        std::mt19937 random(99);
+        CodesMet met;
+        for (int i = 0; i < 20000; ++i) {
+            std::string image;
+            const unsigned sections = static_cast<unsigned>(random() % 6);
+            const bool versioned = random() % 2 == 0;
+            for (unsigned n = 0; n < sections; ++n)
+                image += random_section(random, !versioned && n + 1 == sections);
+            if (versioned)
+                image += version_section(std::string(random() % 9, 'v'));
+            if (image.size() >= 4 && random() % 4 != 0)
+                image = with_crc(image);
+            ASSERT_TRUE(is_judged_right(image, i % 2 == 0 ? Fence::behind : Fence::in_front)) << i;
+            met.add(image);
+        }
+        EXPECT_TRUE(met.all());
+    });
+}
+
+TEST(ParseFirmware, ReadsTheGoldenImageAlike) {
+    const std::string image = golden("upgrade.img");
+    for (const auto &[running, name] :
+         {std::pair{"0", "upgrade-set-a.txt"}, std::pair{"1", "upgrade-set-b.txt"}}) {
+        on_device({std::string("bootparam=") + running}, [&image, expected = golden(name)] {
+            const Parsed answer = parsed(image);
+            EXPECT_EQ(answer.code, 0);
+            std::string lines;
+            for (const Record &record : answer.records)
+                lines +=
+                    log_line(0, "%s %d %d 0x%08x %s %d\n", record.name.c_str(),
+                             static_cast<int>(record.offset), static_cast<int>(record.length),
+                             record.burnaddr, record.path.c_str(), static_cast<int>(record.base))
+                        .text;
+            EXPECT_EQ(lines, expected);
+        });
+    }
+}
+
+TEST(ParseFirmware, BuildsTheGoldenImageAlike) {
+    std::string bytes;
+    for (int i = 0; i < 256; ++i)
+        bytes += static_cast<char>(i);
+    std::string files;
+    for (int i = 0; i < 9; ++i)
+        files += "a root file system";
+    std::string unknown = "skipped";
+    unknown += checksum_byte(unknown);
+    EXPECT_EQ(with_crc(Section{.signature = "boot",
+                               .data = bytes,
+                               .burnaddr = 0xBFC00000,
+                               .padding = "\xFF\xFF\xFF"}
+                           .bytes() +
+                       raw_section("????", 1, 7, 0, 8, unknown) +
+                       Section{.signature = "root",
+                               .data = files,
+                               .burnaddr = 0x9F050000,
+                               .mtd_id = 2,
+                               .padding = std::string(14, '\0')}
+                           .bytes() +
+                       Section{.signature = "kern",
+                               .data = "\x80\xFF\0kernel"s,
+                               .burnaddr = 0x9F6A0000,
+                               .mtd_id = 3}
+                           .bytes() +
+                       version_section("1.2.3 golden")),
+              golden("upgrade.img"))
+        << "the builder of these tests, not the library";
+}
+
+TEST(DumpImgInfo, LogsEachRecord) {
+    img_info records[2] = {};
+    std::strcpy(records[0].name, "a name");
+    std::strcpy(records[0].mtdev, "a device");
+    records[0].burnAddr = 0xABC;
+    records[0].len = 0xFFFFFFFF;
+    records[0].mtd_ids = 0x80000000;
+    std::strcpy(records[1].name, "%s");
+    const RecordSyslog log;
+    EXPECT_EQ(dump_img_info(2, records), 0);
+    EXPECT_EQ(RecordSyslog::messages(), (std::vector<RecordSyslog::Message>{
+                                            {LOG_INFO, "Web firmware upgrade start..."},
+                                            {LOG_INFO, "name= a name"},
+                                            {LOG_INFO, "burnAddr= 0x0abc"},
+                                            {LOG_INFO, "len= -1"},
+                                            {LOG_INFO, "mtd_ids= -2147483648\n"},
+                                            {LOG_INFO, "mtdev= a device"},
+                                            {LOG_INFO, "name= %s"},
+                                            {LOG_INFO, "burnAddr= 0x0000"},
+                                            {LOG_INFO, "len= 0"},
+                                            {LOG_INFO, "mtd_ids= 0\n"},
+                                            {LOG_INFO, "mtdev= "},
+                                        }));
+}
+
+TEST(DumpImgInfo, LogsOnlyTheStartWithoutRecords) {
+    for (const int count : {0, -1, INT_MIN}) {
+        const RecordSyslog log;
+        EXPECT_EQ(dump_img_info(count, nullptr), 0);
+        EXPECT_EQ(RecordSyslog::messages(), (std::vector<RecordSyslog::Message>{
+                                                {LOG_INFO, "Web firmware upgrade start..."}}));
+    }
+}
+
+std::size_t open_descriptors() {
+    const auto entries = fs::directory_iterator("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+TEST(FlashWrite, WritesInOneCallAndSyncsWithTheDeviceClosed) {
+    const TemporaryFolder folder;
+    folder.write("device", "0123456789");
+    const std::size_t descriptors = open_descriptors();
+    const CountCalls writes(call_write);
+    const CountCalls syncs(call_sync);
+    const ReplaceSync sync([&] {
+        EXPECT_EQ(open_descriptors(), descriptors);
+        EXPECT_EQ(folder.read("device"), "012abc6789");
+    });
+    EXPECT_EQ(flash_write(folder.path("device").c_str(), "abcd", 3, 3), 1);
+    EXPECT_EQ(folder.read("device"), "012abc6789");
+    EXPECT_EQ(writes.count(), 1U);
+    EXPECT_EQ(syncs.count(), 1U);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(FlashWrite, WritesAtAnyOffset) {
+    const ReplaceSync sync;
+    const TemporaryFolder folder;
+    const std::string path = folder.path("device");
+    folder.write("device", "0123456789");
+    EXPECT_EQ(flash_write(path.c_str(), "a", 0, 1), 1);
+    EXPECT_EQ(flash_write(path.c_str(), "bc", 9, 2), 1);
+    EXPECT_EQ(flash_write(path.c_str(), "d", 13, 1), 1);
+    EXPECT_EQ(folder.read("device"), "a12345678bc\0\0d"s);
+    EXPECT_EQ(flash_write(path.c_str(), nullptr, 0, 0), 1);
+    EXPECT_EQ(folder.read("device"), "a12345678bc\0\0d"s);
+}
+
+TEST(FlashWrite, WritesAtTheStartWhereSeekingFails) {
+    const ReplaceSync sync;
+    const TemporaryFolder folder;
+    const std::string path = folder.path("device");
+    folder.write("device", "0123456789");
+    EXPECT_EQ(flash_write(path.c_str(), "a", -1, 1), 1);
+    EXPECT_EQ(folder.read("device"), "a123456789");
+    const FailCall failing(call_lseek, 1);
+    EXPECT_EQ(flash_write(path.c_str(), "b", 5, 1), 1);
+    EXPECT_EQ(failing.failures(), 1U);
+    EXPECT_EQ(folder.read("device"), "b123456789");
+}
+
+TEST(FlashWrite, NeverCreatesADevice) {
+    const TemporaryFolder folder;
+    const CountCalls syncs(call_sync);
+    const ReplaceSync sync;
+    for (const std::string &path : {folder.path("missing"), folder.path(), ""s})
+        EXPECT_EQ(flash_write(path.c_str(), "a", 0, 1), 0) << path;
+    EXPECT_EQ(flash_write(nullptr, "a", 0, 1), 0);
+    EXPECT_FALSE(folder.exists("missing"));
+    EXPECT_EQ(syncs.count(), 0U);
+}
+
+TEST(FlashWrite, NeedsToReadAndWriteTheDevice) {
+    expect_as_ordinary_user([] {
+        const ReplaceSync sync;
+        const TemporaryFolder folder;
+        folder.write("device", "0123456789");
+        for (const fs::perms mode : {fs::perms{0400}, fs::perms{0200}, fs::perms{0}}) {
+            fs::permissions(folder.path("device"), mode);
+            EXPECT_EQ(flash_write(folder.path("device").c_str(), "a", 0, 1), 0);
+        }
+    });
+}
+
+TEST(FlashWrite, FailsAndSyncsWhereWritingFails) {
+    const TemporaryFolder folder;
+    folder.write("device", "0123456789");
+    const std::size_t descriptors = open_descriptors();
+    const CountCalls syncs(call_sync);
+    const ReplaceSync sync;
+    EXPECT_EQ(flash_write("/dev/full", "a", 0, 1), 0);
+    const FailCall failing(call_write, 1);
+    EXPECT_EQ(flash_write(folder.path("device").c_str(), "a", 0, 1), 0);
+    EXPECT_EQ(failing.failures(), 1U);
+    EXPECT_EQ(syncs.count(), 2U);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(FlashWrite, FailsWhereNotAllIsWritten) {
+    const TemporaryFolder folder;
+    folder.write("device", "");
+    expect_in_child([&folder] {
+        const ReplaceSync sync;
+        const rlimit five_bytes{5, 5};
+        ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &five_bytes), 0);
+        ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
+        EXPECT_EQ(flash_write(folder.path("device").c_str(), "0123456789", 0, 10), 0);
+    });
+    EXPECT_EQ(folder.read("device"), "01234");
+}
+
+TEST(FileCopy, CopiesEveryByte) {
+    const TemporaryFolder folder;
+    std::string every;
+    for (int i = 0; i < 100000; ++i)
+        every += static_cast<char>(i % 257);
+    for (const std::string &content : {""s, "\0"s, "\xFF"s, "line\n"s, every}) {
+        folder.write("from", content);
+        folder.write("to", "what was there before");
+        EXPECT_EQ(file_copy(folder.path("from").c_str(), folder.path("to").c_str()), 0);
+        EXPECT_EQ(folder.read("to"), content);
+        EXPECT_EQ(folder.read("from"), content);
+        EXPECT_EQ(file_copy(folder.path("from").c_str(), folder.path("new").c_str()), 0);
+        EXPECT_EQ(folder.read("new"), content);
+        folder.remove("new");
+    }
+}
+
+TEST(FileCopy, FailsWhereAFileCannotBeOpened) {
+    const TemporaryFolder folder;
+    folder.write("from", "content");
+    folder.write("to", "as it was");
+    const std::string from = folder.path("from");
+    const std::string to = folder.path("to");
+    const std::size_t descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(folder.path("missing").c_str(), to.c_str()), -1);
+    EXPECT_EQ(file_copy(nullptr, to.c_str()), -1);
+    EXPECT_EQ(folder.read("to"), "as it was") << "the target is not opened then";
+    EXPECT_EQ(file_copy(from.c_str(), folder.path("missing/to").c_str()), -1);
+    EXPECT_EQ(file_copy(from.c_str(), folder.path().c_str()), -1);
+    EXPECT_EQ(file_copy(from.c_str(), nullptr), -1);
+    for (const unsigned long n : {1UL, 2UL}) {
+        const FailCall failing(call_fopen, n);
+        EXPECT_EQ(file_copy(from.c_str(), to.c_str()), -1);
+        EXPECT_EQ(failing.failures(), 1U);
+    }
+    EXPECT_EQ(folder.read("to"), "as it was");
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(FileCopy, CopiesNothingOutOfAFolder) {
+    const TemporaryFolder folder;
+    const std::size_t descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(folder.path().c_str(), folder.path("to").c_str()), 0);
+    EXPECT_EQ(folder.read("to"), "");
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(FileCopy, DoesNotNoticeThatWritingFails) {
+    const TemporaryFolder folder;
+    folder.write("from", std::string(100000, 'x'));
+    const std::size_t descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(folder.path("from").c_str(), "/dev/full"), 0);
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(FileCopy, ClosesWhatItOpenedWithoutMemory) {
+    const TemporaryFolder folder;
+    folder.write("from", "content");
+    const std::string from = folder.path("from");
+    const std::string to = folder.path("to");
+    const std::size_t descriptors = open_descriptors();
+    for_each_allocation_failure([&](AllocationTrial &trial) {
+        const int result = trial.run([&] { return file_copy(from.c_str(), to.c_str()); });
+        EXPECT_TRUE(result == 0 || (result == -1 && trial.failed()));
+        EXPECT_EQ(open_descriptors(), descriptors);
+    });
+    EXPECT_EQ(read_file(to), "content");
+}
+
+/** The partitions of a device as the flash came from the factory, set A running. */
+void fill_flash(std::size_t divisor) {
+    for (const Partition &partition : partitions)
+        if (partition.device != 255)
+            write_file(block_device(partition.device),
+                       std::string(partition.max_size / divisor,
+                                   static_cast<char>('0' + partition.device)));
+    write_environment({"bootdelay=1", "bootparam=0"});
+}
+
+/** What an upgrade program does; the code of the image. */
+int upgrade(const std::string &image) {
+    const RecordSyslog log;
+    const ReplaceSync sync;
+    img_info records[5];
+    int code = -1;
+    const int count = parse_firmware(reinterpret_cast<const unsigned char *>(image.data()),
+                                     static_cast<unsigned int>(image.size()), records, &code);
+    for (const img_info &record : std::span(records, static_cast<std::size_t>(count))) {
+        if (record.mtd_ids != 255) {
+            EXPECT_EQ(flash_write(record.mtdev, record.data, 0, record.len), 1) << record.mtdev;
+        }
+    }
+    if (code == 0) {
+        EXPECT_EQ(save_bootparam(), 0U);
+    }
+    return code;
+}
+
+std::string release(char fill, std::size_t root_size, std::size_t kernel_size) {
+    return upgrade_image(
+        {{.signature = "root", .data = std::string(root_size, fill), .padding = "\xFF\xFF\xFF"},
+         {.signature = "kern", .data = std::string(kernel_size, static_cast<char>(fill + 1))}});
+}
+
+/** What a partition holds: a content and, behind it, what was there before. */
+void expect_content(unsigned int device, char fill, std::size_t length, char before) {
+    const std::string content = read_file(block_device(device));
+    ASSERT_LE(length, content.size());
+    EXPECT_EQ(content.find_first_not_of(fill),
+              length == content.size() ? std::string::npos : length)
+        << device;
+    EXPECT_EQ(content.find_first_not_of(before, length), std::string::npos) << device;
+}
+
+TEST(Upgrade, GoesFromSetAToSetBAndBack) {
+    in_private_root([] {
+        fill_flash(1);
+        // Each upgrade is a process of its own.
+        expect_in_child([] { EXPECT_EQ(upgrade(release('p', 0x650000, 0x100000)), 0); });
+        expect_content(2, '2', 0x650000, '2');
+        expect_content(3, '3', 0x100000, '3');
+        expect_content(4, 'p', 0x650000, '4');
+        expect_content(5, 'q', 0x100000, '5');
+        EXPECT_EQ(read_file(environment_device),
+                  EnvironmentImage({"bootdelay=1", "bootparam=1"}).bytes());
+
+        expect_in_child([] { EXPECT_EQ(upgrade(release('s', 1000000, 70000)), 0); });
+        expect_content(2, 's', 1000000, '2');
+        expect_content(3, 't', 70000, '3');
+        expect_content(4, 'p', 0x650000, '4');
+        expect_content(5, 'q', 0x100000, '5');
+        EXPECT_EQ(read_file(environment_device),
+                  EnvironmentImage({"bootdelay=1", "bootparam=0"}).bytes());
+
+        expect_in_child([] {
+            std::string bad = release('v', 1000, 1000);
+            bad[100] = 'x';
+            EXPECT_EQ(upgrade(bad), 2);
+        });
+        expect_content(4, 'p', 0x650000, '4');
+        expect_content(5, 'q', 0x100000, '5');
+        EXPECT_EQ(read_file(environment_device),
+                  EnvironmentImage({"bootdelay=1", "bootparam=0"}).bytes());
+        for (const unsigned int device : {0U, 6U, 7U, 8U}) {
+            const char fill = static_cast<char>('0' + device);
+            expect_content(device, fill, read_file(block_device(device)).size(), fill);
+        }
+    });
+}
+
+TEST(Upgrade, LeavesTheRunningSetAloneWhereverItIsKilled) {
+    in_private_root([] {
+        const std::string image = release('p', 3000, 300);
+        const std::string before = EnvironmentImage({"bootdelay=1", "bootparam=0"}).bytes();
+        const std::string after = EnvironmentImage({"bootdelay=1", "bootparam=1"}).bytes();
+        const unsigned long points = for_each_kill_point(
+            [] { fill_flash(64); }, [&image] { upgrade(image); },
+            [&](unsigned long n) {
+                for (const unsigned int device : {0U, 2U, 3U, 6U, 7U, 8U}) {
+                    const char fill = static_cast<char>('0' + device);
+                    expect_content(device, fill, read_file(block_device(device)).size(), fill);
+                }
+                // Opening a file for the environment empties it; a block device keeps its bytes.
+                const std::string environment = read_file(environment_device);
+                EXPECT_TRUE(environment == before || environment == after || environment.empty())
+                    << n;
+                if (environment != before) {
+                    expect_content(4, 'p', 3000, '4');
+                    expect_content(5, 'q', 300, '5');
+                }
+            });
+        EXPECT_GT(points, 10U);
+    });
+}
+
+} // namespace

@@ -14,13 +14,16 @@
 
 #include "firmware/reference_crc.h"
 
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <syslog.h>
+#include <utility>
 #include <vector>
 
 namespace corvel_test {
@@ -94,12 +97,12 @@ struct LogLine {
     std::string text;
 };
 
-template <typename... Values>
-LogLine log_line(int priority, const char *format, const Values &...values) {
-    const int length = std::snprintf(nullptr, 0, format, values...);
-    std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::snprintf(text.data(), text.size(), format, values...);
-    text.pop_back();
+[[gnu::format(printf, 2, 3)]] inline LogLine log_line(int priority, const char *format, ...) {
+    char text[512];
+    va_list values;
+    va_start(values, format);
+    std::vsnprintf(text, sizeof text, format, values);
+    va_end(values);
     return {priority, text};
 }
 
@@ -136,11 +139,11 @@ struct Partition {
 };
 
 inline constexpr Partition partitions[] = {
-    {"boot", "Boot", true, 0x40000, 0},        {"benv", "Boot-env", true, 0x10000, 1},
-    {"root", "Rootfs", true, 0x650000, 2},     {"kern", "Linux_kernel", true, 0x100000, 3},
-    {"rfs1", "Rootfs-1", true, 0x650000, 4},   {"knl1", "Linux_kernel-1", true, 0x100000, 5},
-    {"log0", "Log", true, 0xF0000, 6},         {"conf", "Config", false, 0x10000, 7},
-    {"artp", "ART", true, 0x10000, 8},         {"Ver0", "Ver0", false, 0x5C, 255},
+    {"boot", "Boot", true, 0x40000, 0},      {"benv", "Boot-env", true, 0x10000, 1},
+    {"root", "Rootfs", true, 0x650000, 2},   {"kern", "Linux_kernel", true, 0x100000, 3},
+    {"rfs1", "Rootfs-1", true, 0x650000, 4}, {"knl1", "Linux_kernel-1", true, 0x100000, 5},
+    {"log0", "Log", true, 0xF0000, 6},       {"conf", "Config", false, 0x10000, 7},
+    {"artp", "ART", true, 0x10000, 8},       {"Ver0", "Ver0", false, 0x5C, 255},
 };
 
 inline const Partition *partition_of(std::string_view signature) {

@@ -31,6 +31,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -84,6 +85,9 @@ class RecordSyslog {
         int priority;
         std::string text;
         bool operator==(const Message &) const = default;
+        friend std::ostream &operator<<(std::ostream &out, const Message &message) {
+            return out << '<' << message.priority << '>' << message.text;
+        }
     };
 
     RecordSyslog();

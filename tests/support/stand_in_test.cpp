@@ -90,9 +90,8 @@ TEST(StandIn, TakesTheMessagesToTheSystemLog) {
     const RecordSyslog log;
     syslog(LOG_ERR, "%s=%04x\n", "a", 7U);
     syslog(LOG_INFO, "second");
-    EXPECT_EQ(
-        RecordSyslog::messages(),
-        (std::vector<RecordSyslog::Message>{{LOG_ERR, "a=0007\n"}, {LOG_INFO, "second"}}));
+    EXPECT_EQ(RecordSyslog::messages(),
+              (std::vector<RecordSyslog::Message>{{LOG_ERR, "a=0007\n"}, {LOG_INFO, "second"}}));
 }
 
 TEST(StandIn, CallsAnotherFunctionInThePlaceOfSync) {

@@ -2,6 +2,8 @@
 /* What the shared library shows to the world, against what the header promises. */
 #include <corvel.h>
 
+#include "firmware/environment_image.h"
+#include "firmware/upgrade_image.h"
 #include "support/output_capture.h"
 #include "support/temporary_folder.h"
 
@@ -20,6 +22,7 @@
 namespace {
 
 using namespace corvel_test;
+using namespace std::string_literals;
 using Names = std::set<std::string>;
 
 // Fields stand in the documented order without holes, whatever a pointer's size is.
@@ -43,6 +46,34 @@ static_assert(offsetof(str_node, name) == 0);
 static_assert(offsetof(str_node, value) == 255);
 static_assert(offsetof(str_node, next) == 4352);
 static_assert(sizeof(str_node) == (pointer == 8 ? 4360 : 4356));
+static_assert(std::is_standard_layout_v<prop_file> && std::is_trivial_v<prop_file>);
+static_assert(std::is_same_v<decltype(prop_file::filename), char[255]>);
+static_assert(std::is_same_v<decltype(prop_file::content_type), char[255]>);
+static_assert(std::is_same_v<decltype(prop_file::transfer_encoding), char[258]>);
+static_assert(std::is_same_v<decltype(prop_file::data), char *>);
+static_assert(std::is_same_v<decltype(prop_file::size), std::uint32_t>);
+static_assert(offsetof(prop_file, filename) == 0);
+static_assert(offsetof(prop_file, content_type) == 255);
+static_assert(offsetof(prop_file, transfer_encoding) == 510);
+static_assert(offsetof(prop_file, data) == 768);
+static_assert(offsetof(prop_file, size) == 768 + pointer);
+static_assert(sizeof(prop_file) == (pointer == 8 ? 784 : 776));
+static_assert(std::is_standard_layout_v<img_info> && std::is_trivial_v<img_info>);
+static_assert(std::is_same_v<decltype(img_info::name), char[256]>);
+static_assert(std::is_same_v<decltype(img_info::data), const unsigned char *>);
+static_assert(std::is_same_v<decltype(img_info::burnAddr), std::uint32_t>);
+static_assert(std::is_same_v<decltype(img_info::len), std::uint32_t>);
+static_assert(std::is_same_v<decltype(img_info::mtd_ids), std::uint32_t>);
+static_assert(std::is_same_v<decltype(img_info::mtdev), char[32]>);
+static_assert(std::is_same_v<decltype(img_info::base_mtd_id), std::uint32_t>);
+static_assert(offsetof(img_info, name) == 0);
+static_assert(offsetof(img_info, data) == 256);
+static_assert(offsetof(img_info, burnAddr) == 256 + pointer);
+static_assert(offsetof(img_info, len) == 260 + pointer);
+static_assert(offsetof(img_info, mtd_ids) == 264 + pointer);
+static_assert(offsetof(img_info, mtdev) == 268 + pointer);
+static_assert(offsetof(img_info, base_mtd_id) == 300 + pointer);
+static_assert(sizeof(img_info) == (pointer == 8 ? 312 : 308));
 
 #if defined(__SANITIZE_ADDRESS__)
 constexpr bool sanitized = true;
@@ -150,16 +181,44 @@ TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
     const TemporaryFolder folder;
     folder.write("conf", "A=\"1\"\n");
     folder.write("page", "<h1>$title</h1>\n");
+    folder.write("env", EnvironmentImage({"bootargs=root=31:2 x", "bootparam=0"}).bytes());
+    folder.write("image", upgrade_image({{.signature = "root", .data = "files"}}));
+    // The body of a form and, behind it, of an upload that is large enough for the pause.
+    const std::string content(7000, 'c');
+    folder.write("input", "d=4%21--b\r\nContent-Disposition: form-data; name=\"f\"; "
+                          "filename=\"f.bin\"\r\nContent-Type: text/plain\r\n\r\n" +
+                              content + "\r\n--b--\r\n");
     const ChildResult child = run_in_child([&folder] {
         return std::system(
-            ("printf d=4%%21 | '" CORVEL_OWN_FUNCTIONS "' '" + folder.path() + "'").c_str());
+            ("'" CORVEL_OWN_FUNCTIONS "' '" + folder.path() + "' <'" + folder.path("input") + "'")
+                .c_str());
     });
     EXPECT_EQ(child.exit_status, 0) << child.err;
     EXPECT_EQ(child.err, "");
     EXPECT_EQ(folder.read("conf"), "A=\"saved\"\nC=3\n");
-    for (const char *part : {"new\n", "\t\"A\":\"new\",\n\t\"B\":\"2\"", "<h1>Page</h1>\n",
+    EXPECT_EQ(folder.read("env"),
+              EnvironmentImage({"bootargs=root=31:2 x", "bootparam=1"}).bytes());
+    for (const char *part : {"pos=31:2\n", "2 records, code 0\n", "1 file, 7000 bytes\n", "new\n",
+                             "\t\"A\":\"new\",\n\t\"B\":\"2\"", "<h1>Page</h1>\n",
                              "\t\"title\":\"Page\",\n\t\"text\":\"Text\"", "\n7\n2 b c!\n1 4!\n"})
         EXPECT_NE(child.out.find(part), std::string::npos) << part << "\nis not in\n" << child.out;
 }
+
+class SharedObjects : public testing::TestWithParam<const char *> {};
+
+TEST_P(SharedObjects, AreOneForTheProgramAndTheLibrary) {
+    const TemporaryFolder folder;
+    std::string data = EnvironmentImage({"bootparam=1"}).data();
+    data.back() = 'E';
+    folder.write("env", EnvironmentImage::of_data(data).bytes());
+    const ChildResult child = run_in_child([&folder] {
+        return std::system(("'"s + GetParam() + "' '" + folder.path("env") + "'").c_str());
+    });
+    EXPECT_EQ(child.exit_status, 0) << child.err;
+    EXPECT_EQ(child.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Programs, SharedObjects,
+                         testing::Values(CORVEL_SHARED_OBJECTS_PIE, CORVEL_SHARED_OBJECTS_NO_PIE));
 
 } // namespace

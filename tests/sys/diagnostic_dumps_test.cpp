@@ -18,8 +18,7 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 
-constexpr int short_lengths[] = {1,  2,  5,  6,  7,  12, 13, 15, 16,
-                                 17, 20, 31, 32, 33, 37, 38, 39};
+constexpr int short_lengths[] = {1, 2, 5, 6, 7, 12, 13, 15, 16, 17, 20, 31, 32, 33, 37, 38, 39};
 constexpr int long_lengths[] = {40, 41, 47, 48, 49, 100, 255, 256, 257, 1000};
 const std::vector<int> lengths = [] {
     std::vector<int> all = {0};
@@ -86,9 +85,9 @@ TEST(PrintHexString, PrintsTheEndsOfMore) {
               "30313233343536373839 ... 4142434445464748494a [40 bytes]");
     for (const int length : long_lengths)
         EXPECT_EQ(dumped(sample(length), print_hex_string),
-                      hex(sample(length).substr(0, 10)) + " ... " +
-                          hex(sample(length).substr(sample(length).size() - 10)) + " [" +
-                          std::to_string(length) + " bytes]");
+                  hex(sample(length).substr(0, 10)) + " ... " +
+                      hex(sample(length).substr(sample(length).size() - 10)) + " [" +
+                      std::to_string(length) + " bytes]");
 }
 
 TEST(PrintHexString, SaysThatThereIsNothing) {
@@ -107,9 +106,9 @@ TEST(PrintToString, PrintsTheEndsOfMore) {
               "0123456789abcdefghij ... ABCDEFGHIJ0123456789 [40 bytes]");
     for (const int length : long_lengths)
         EXPECT_EQ(dumped(sample(length), print_to_string),
-                      sample(length).substr(0, 20) + " ... " +
-                          sample(length).substr(sample(length).size() - 20) + " [" +
-                          std::to_string(length) + " bytes]");
+                  sample(length).substr(0, 20) + " ... " +
+                      sample(length).substr(sample(length).size() - 20) + " [" +
+                      std::to_string(length) + " bytes]");
 }
 
 TEST(PrintToString, SaysThatThereIsNothing) {
