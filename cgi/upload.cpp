@@ -41,34 +41,51 @@ const char *find_bytes(std::string_view block, std::string_view pattern) {
         memmem(block.data(), block.size(), pattern.data(), pattern.size()));
 }
 
+/// Where the lines of an upload end. The last end that was found is kept: a body of boundaries in a
+/// single line is not read to its end for each of them.
+class LineEnds {
+  public:
+    explicit LineEnds(const char *end) : end_(end), start_(end), line_end_(end) {}
+
+    /// The first line end from a position on, or the upload's end.
+    const char *from(const char *position) {
+        if (position < start_ || position > line_end_) {
+            start_ = position;
+            line_end_ = std::find_if(position, end_, [](char c) { return c == '\r' || c == '\n'; });
+        }
+        return line_end_;
+    }
+
+  private:
+    const char *end_;
+    const char *start_;
+    const char *line_end_;
+};
+
 /// The value of a header: at most its first 256 characters.
 class HeaderValue {
   public:
-    static constexpr std::size_t capacity = 256;
-
-    /// Takes the text up to the end of its line, without double quotes. Returns where that is.
-    const char *take(std::string_view text) {
+    /// Takes the text without its double quotes.
+    void take(std::string_view text) {
         length_ = 0;
-        const char *position = text.data();
-        const char *const end = position + text.size();
-        for (; position != end && *position != '\r' && *position != '\n'; ++position)
-            if (*position != '"' && length_ != value_.size())
-                value_[length_++] = *position;
-        return position;
+        for (auto c = text.begin(); c != text.end() && length_ != value_.size(); ++c)
+            if (*c != '"')
+                value_[length_++] = *c;
     }
 
     [[nodiscard]] std::string_view text() const { return {value_.data(), length_}; }
 
   private:
-    std::array<char, capacity> value_;
+    std::array<char, 256> value_;
     std::size_t length_ = 0;
 };
 
 /// One part of the upload, from its boundary to the next one, while its headers are read.
 class PartHeaders {
   public:
-    PartHeaders(const char *start, const char *next_boundary, const char *end)
-        : cursor_(start), search_start_(start), next_boundary_(next_boundary), end_(end) {}
+    PartHeaders(const char *start, const char *next_boundary, const char *end, LineEnds &line_ends)
+        : cursor_(start), search_start_(start), next_boundary_(next_boundary), end_(end),
+          line_ends_(line_ends) {}
 
     /// Finds a key from the cursor on, in front of the next boundary and with the separator right
     /// behind it; takes its value and moves the cursor to the end of its line. False, and nothing
@@ -77,15 +94,11 @@ class PartHeaders {
         const char *const found = find(std::max(cursor_, search_start_), key);
         if (found == nullptr)
             return false;
-        // A line that runs into the next boundary is followed no further than a value can need, so
-        // that a body of boundaries without line ends is not read to its end for each of them.
-        const auto behind_boundary = static_cast<std::size_t>(end_ - next_boundary_);
-        const char *const limit =
-            next_boundary_ + at_most(behind_boundary, key.size() + 1 + HeaderValue::capacity);
-        const std::string_view rest = behind(between(found, limit), key.size());
+        const std::string_view rest = behind(between(found, end_), key.size());
         if (!rest.starts_with(separator))
             return false;
-        cursor_ = value.take(behind(rest, 1));
+        cursor_ = line_ends_.from(rest.data() + 1);
+        value.take(between(rest.data() + 1, cursor_));
         return true;
     }
 
@@ -123,6 +136,7 @@ class PartHeaders {
     const char *search_start_;
     const char *next_boundary_;
     const char *end_;
+    LineEnds &line_ends_;
 };
 
 enum PartResult : int {
@@ -156,8 +170,8 @@ PartResult read_headers(PartHeaders &headers, prop_file &record) {
 }
 
 /// Reads the next part of `rest`, which moves on behind it.
-PartResult read_part(std::string_view &rest, std::string_view boundary, prop_file &record,
-                     std::string_view &content) {
+PartResult read_part(std::string_view &rest, std::string_view boundary, LineEnds &line_ends,
+                     prop_file &record, std::string_view &content) {
     const char *const end = rest.data() + rest.size();
     const char *const start = find_bytes(rest, boundary);
     rest = behind(rest, rest.size());
@@ -167,7 +181,7 @@ PartResult read_part(std::string_view &rest, std::string_view boundary, prop_fil
     if (next == nullptr)
         return no_closing_boundary;
     rest = between(next, end);
-    PartHeaders headers(start, next, end);
+    PartHeaders headers(start, next, end, line_ends);
     const PartResult result = read_headers(headers, record);
     if (result != file_found)
         return result;
@@ -191,8 +205,9 @@ bool store_content(prop_file &record, std::string_view content) {
 int read_files(std::string_view upload, std::string_view boundary, prop_file *files) {
     std::size_t count = 0;
     std::string_view content;
+    LineEnds line_ends(upload.data() + upload.size());
     while (upload.size() > shortest_part && count < most_files)
-        if (read_part(upload, boundary, files[count], content) == file_found &&
+        if (read_part(upload, boundary, line_ends, files[count], content) == file_found &&
             files[count].filename[0] != '\0' && store_content(files[count], content))
             ++count;
     return static_cast<int>(count);
@@ -316,8 +331,9 @@ int getDisposition_file(char **data, unsigned int *size, char **cursor, char *en
                         const char *boundary, prop_file *record) {
     std::string_view rest = corvel::between(*cursor, end);
     std::string_view content;
+    corvel::LineEnds line_ends(end);
     const corvel::PartResult result =
-        corvel::read_part(rest, corvel::text_of(boundary), *record, content);
+        corvel::read_part(rest, corvel::text_of(boundary), line_ends, *record, content);
     *cursor = const_cast<char *>(rest.data());
     if (result == corvel::file_found) {
         *data = const_cast<char *>(content.data());
