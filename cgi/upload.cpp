@@ -68,9 +68,12 @@ class HeaderValue {
     /// Takes the text without its double quotes.
     void take(std::string_view text) {
         length_ = 0;
-        for (auto c = text.begin(); c != text.end() && length_ != value_.size(); ++c)
-            if (*c != '"')
-                value_[length_++] = *c;
+        for (const char character : text) {
+            if (length_ == value_.size())
+                return;
+            if (character != '"')
+                value_[length_++] = character;
+        }
     }
 
     [[nodiscard]] std::string_view text() const { return {value_.data(), length_}; }
@@ -316,20 +319,22 @@ int get_vhash(const char *content_type, char **boundary) {
 unsigned int killDaemon(void) { return corvel::pause_before_upload(); }
 
 char *hex_search(const char *start, const char *end, const char *pattern, int length) {
+    if (start == nullptr || start >= end)
+        return nullptr;
     const std::string_view wanted(pattern, length > 0 ? static_cast<std::size_t>(length) : 0);
     const std::string_view block = corvel::between(start, end);
     const char *found = corvel::find_bytes(block, wanted);
     // A match may begin in front of the end and run past it; all of those come last.
     const std::size_t tail = corvel::at_most(block.size(), wanted.size());
-    for (const char *at = end - tail; found == nullptr && at != end; ++at)
-        if (corvel::stands_at(at, wanted))
-            found = at;
+    for (std::size_t at = block.size() - tail; found == nullptr && at != block.size(); ++at)
+        if (corvel::stands_at(start + at, wanted))
+            found = start + at;
     return const_cast<char *>(found);
 }
 
 int getDisposition_file(char **data, unsigned int *size, char **cursor, char *end,
                         const char *boundary, prop_file *record) {
-    std::string_view rest = corvel::between(*cursor, end);
+    std::string_view rest = corvel::between(*cursor < end ? *cursor : end, end);
     std::string_view content;
     corvel::LineEnds line_ends(end);
     const corvel::PartResult result =

@@ -17,13 +17,15 @@ constexpr std::uint32_t shift_in(std::uint32_t byte) {
     return byte;
 }
 
-/** The same for each byte, so that whole images are quick. */
-inline constexpr std::array<std::uint32_t, 256> shifted_in = [] {
+constexpr std::array<std::uint32_t, 256> shift_in_each() {
     std::array<std::uint32_t, 256> table{};
     for (std::uint32_t byte = 0; byte < table.size(); ++byte)
         table[byte] = shift_in(byte);
     return table;
-}();
+}
+
+/** The same for each byte, so that whole images are quick. */
+inline constexpr std::array<std::uint32_t, 256> shifted_in = shift_in_each();
 
 constexpr std::uint32_t reference_crc(std::string_view bytes) {
     std::uint32_t crc = 0xFFFFFFFF;
