@@ -16,7 +16,7 @@ const settings_file factory_file = {"/etc/factory.conf", ' '};
 const settings_file applied_file = {"/var/log/applied.conf", ' '};
 
 /* The pages that have an entry in the frame's navigation. */
-static const char *const navigation[] = {"network", "device"};
+static const char *const navigation[] = {"network", "device", "upgrade"};
 
 static const char *environment(const char *name) {
     const char *value = getenv(name);
@@ -27,8 +27,7 @@ static int starts_with(const char *text, const char *start) {
     return strncmp(text, start, strlen(start)) == 0;
 }
 
-/* Answers with a page that says why the request is not taken, and ends the program. */
-static void refuse(const char *status, const char *reason) {
+void refuse(const char *status, const char *reason) {
     str_node *fields = NULL;
     add_html(&fields, "reason", reason);
     print_page(status, "refused", "Not done", &fields);
@@ -60,19 +59,36 @@ static int is_from_this_site(void) {
     return 1;
 }
 
+/* What a POST has to be, whatever it is that a program takes. */
+static void accept_post(const char *type) {
+    if (!is_from_this_site())
+        refuse("403 Forbidden", "The form was sent by a page of another site.");
+    if (!starts_with(environment("CONTENT_TYPE"), type))
+        refuse("415 Unsupported Media Type", "This page takes the fields of its own form only.");
+}
+
 int accept_request(void) {
     const char *method = environment("REQUEST_METHOD");
     if (STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0)
         return 0;
     if (!get_http_methmod(method))
         refuse("405 Method Not Allowed", "This page can be read and saved, nothing else.");
-    if (!is_from_this_site())
-        refuse("403 Forbidden", "The form was sent by a page of another site.");
-    if (!starts_with(environment("CONTENT_TYPE"), "application/x-www-form-urlencoded"))
-        refuse("415 Unsupported Media Type", "This page takes the fields of its own form only.");
+    accept_post("application/x-www-form-urlencoded");
     if (atoll(environment("CONTENT_LENGTH")) > longest_body)
         refuse("413 Content Too Large", "The form is larger than any form of this site.");
     return 1;
+}
+
+void accept_upload(void) {
+    if (!get_http_methmod(environment("REQUEST_METHOD")))
+        refuse("405 Method Not Allowed", "An image can be sent here, nothing else.");
+    accept_post("multipart/form-data");
+    const char *boundary = strstr(environment("CONTENT_TYPE"), "boundary=");
+    if (!boundary || !boundary[strlen("boundary=")])
+        refuse("400 Bad Request", "The upload does not say what stands between its parts.");
+    if (atoll(environment("CONTENT_LENGTH")) > longest_upload)
+        refuse("413 Content Too Large",
+               "An upload has at most 16 MiB, with all that is around it.");
 }
 
 prop_table new_table(size_t capacity) {
@@ -254,9 +270,13 @@ static void copy_escaped(const char *text, escape *escape_of, char *copy, size_t
     copy[used] = '\0';
 }
 
+void escape_html(const char *text, char *copy, size_t size) {
+    copy_escaped(text, html_escape, copy, size);
+}
+
 void add_html(str_node **fields, const char *name, const char *value) {
     char escaped[sizeof(((str_node *)0)->value)];
-    copy_escaped(value, html_escape, escaped, sizeof escaped);
+    escape_html(value, escaped, sizeof escaped);
     add_str(fields, name, escaped);
 }
 
@@ -289,14 +309,19 @@ static void print_template(const char *name, str_node **fields) {
     char path[256];
     snprintf(path, sizeof path, "/www/templates/%s.html", name);
     print_html(path, fields);
-    free_list(fields);
 }
 
 void print_page(const char *status, const char *page, const char *title, str_node **fields) {
+    print_page_part(status, page, NULL, "", title, fields);
+}
+
+void print_page_part(const char *status, const char *page, const char *part, const char *head,
+                     const char *title, str_node **fields) {
     char model[value_size];
     str_node *frame = NULL;
     prop_table factory = load_settings(&factory_file);
     add_html(&frame, "title", title);
+    add_str(&frame, "head", head);
     add_html(&frame, "model", get_setting("MODEL", model, &factory));
     for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
         add_str(&frame, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
@@ -305,7 +330,11 @@ void print_page(const char *status, const char *page, const char *title, str_nod
     print_head(status, "text/html");
     print_template("frame-top", &frame);
     print_template(page, fields);
+    if (part)
+        print_template(part, fields);
     print_template("frame-bottom", &frame);
+    free_list(fields);
+    free_list(&frame);
 }
 
 void print_json_head(void) { print_head("200 OK", "application/json"); }

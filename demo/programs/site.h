@@ -4,7 +4,7 @@
  * @brief What the pages of the administration site share.
  *
  * Every page is a CGI program of its own that answers three kinds of requests: a GET with the
- * filled template, a GET with `?Ajax=1` with JSON, and a POST by saving what the form sent. Here is
+ * filled template, a GET with `?Ajax=1` with JSON, and a POST by doing what the form asks. Here is
  * what they have in common: which requests are taken at all, the settings files and the lock on
  * them, the frame around a page, and the escaping of values for a page and for JSON.
  */
@@ -27,8 +27,10 @@ enum {
      * to 85 bytes or more, so that a value within this limit has never been cut.
      */
     longest_value = 80,
-    /** The longest request body that is read. */
-    longest_body = 65536
+    /** The longest form that is read. */
+    longest_body = 65536,
+    /** The longest upload that the library takes. */
+    longest_upload = 16 * 1024 * 1024
 };
 
 /** A property file of the device, and what separates its names from its values. */
@@ -56,6 +58,15 @@ typedef struct prop_table {
  * @return 1 for a POST, 0 for a GET.
  */
 int accept_request(void);
+
+/**
+ * Ends the program with an answer of its own unless the request is an upload, of bearable size,
+ * that a page of this very site has sent.
+ */
+void accept_upload(void);
+
+/** Ends the program with a page that says why a request is not carried out. */
+void refuse(const char *status, const char *reason) __attribute__((__noreturn__));
 
 /** Decodes the request: the pairs of a POST, or those of a GET's query. */
 prop_table read_request(void);
@@ -114,6 +125,9 @@ void save_global(const char *name, const char *value, const prop_table *settings
  */
 const char *text_complaint(const char *value);
 
+/** Copies a text escaped for HTML text and quoted attributes; what does not fit is left out. */
+void escape_html(const char *text, char *copy, size_t size);
+
 /** Adds a field to a template's list, escaped for HTML text and quoted attributes. */
 void add_html(str_node **fields, const char *name, const char *value);
 
@@ -132,6 +146,15 @@ void insert_json(prop_table *table, const char *name, const char *value);
  * @param fields   the fields of the template; freed.
  */
 void print_page(const char *status, const char *page, const char *title, str_node **fields);
+
+/**
+ * As print_page(), for a page of which a part changes: the part's template comes behind the page's
+ * own, and both are filled with the same fields.
+ *
+ * @param head a line for the document's head, or an empty text.
+ */
+void print_page_part(const char *status, const char *page, const char *part, const char *head,
+                     const char *title, str_node **fields);
 
 /** Prints the head of a JSON answer. */
 void print_json_head(void);

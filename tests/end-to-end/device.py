@@ -20,6 +20,8 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = SOURCE / "build" / "demo"
 NETWORK = "/cgi-bin/network"
 DEVICE = "/cgi-bin/device"
+UPGRADE = "/cgi-bin/upgrade"
+UPLOAD = "/cgi-bin/upload"
 
 _running = set()
 
@@ -171,6 +173,24 @@ class Demo:
         return [line for line in log.read_text(errors="replace").splitlines()
                 if re.search(r"died|signal|Sanitizer|runtime error", line)]
 
+    def flash(self, number):
+        """The path of a flash partition's file."""
+        return self.state / "flash" / f"mtdblock{number}"
+
+    def programs(self, path):
+        """The processes of the device that run a program."""
+        found = []
+        for pid in processes():
+            with contextlib.suppress(OSError):
+                words = pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")
+                if words[0] == path.encode() and process_namespace(pid) in self.namespaces:
+                    found.append(pid)
+        return found
+
+    def root(self):
+        """The root folder as the device's own programs see it."""
+        return pathlib.Path(f"/proc/{self.programs('/usr/sbin/lighttpd')[0]}/root")
+
     # Requests.
 
     def request(self, method, path, body=None, headers=None, timeout=20):
@@ -251,6 +271,8 @@ class Page(html.parser.HTMLParser):
         elif tag == "select":
             self._select = found["name"]
             self.controls.append(found["id"])
+        elif tag == "progress":
+            self.controls.append(found["id"])
         elif tag == "option" and "selected" in found:
             self._show(self._select, found["value"])
         elif tag == "p" and "error" in found.get("class", "").split():
@@ -268,7 +290,7 @@ class Page(html.parser.HTMLParser):
                 self.fields.append((found["name"], found["value"]))
         elif kind == "hidden":
             self.fields.append((found["name"], found["value"]))
-        else:
+        elif kind != "file":
             self._show(found["name"], found["value"])
 
     def _show(self, name, value):

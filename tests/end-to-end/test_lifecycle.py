@@ -68,7 +68,7 @@ class Lifecycle(unittest.TestCase):
                               b"/usr/sbin/lighttpd"))
             root = pathlib.Path(f"/proc/{inside}/root")
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
-                             ["configclient", "init"])
+                             ["bootloader", "configclient", "factory", "init", "reboot"])
             self.assertFalse((root / "etc" / "shadow").exists())
             self.assertFalse((root / "home").exists() or (root / "root").exists())
             for folder in ("usr", "etc", "www", "sbin", "opt"):

@@ -62,3 +62,85 @@ if (live) {
   look();
   setInterval(look, 5000);
 }
+
+// The steps of an upgrade. Each begins with a form that works without this file, too.
+
+// Puts an answer's content in the place of the present one: a refusal comes with a status of its own.
+function show(text, url) {
+  const main = new DOMParser().parseFromString(text, 'text/html').querySelector('main');
+  document.querySelector('main').replaceWith(main);
+  history.replaceState(null, '', url);
+  const heading = main.querySelector('#step') ?? main.querySelector('h1');
+  heading.tabIndex = -1;
+  heading.focus();
+  followUpgrade();
+}
+
+function showProgress(bar, label, text, percent) {
+  if (percent === undefined) bar.removeAttribute('value');
+  else bar.value = percent;
+  label.textContent = text;
+}
+
+function sendImage(form) {
+  const bar = document.getElementById('sent');
+  const label = document.getElementById('sending');
+  const error = document.getElementById('error-image');
+  const controls = form.querySelectorAll('input, button');
+  const request = new XMLHttpRequest();
+  request.upload.addEventListener('progress', (event) => {
+    const percent = Math.floor(100 * event.loaded / event.total);
+    showProgress(bar, label, `Uploading: ${percent} %`, percent);
+  });
+  request.upload.addEventListener('load', () =>
+    showProgress(bar, label, 'Checking. For a large image the router first pauses for ten seconds.'));
+  request.addEventListener('load', () => show(request.responseText, '/cgi-bin/upgrade'));
+  request.addEventListener('error', () => {
+    error.textContent = 'The connection was lost. Nothing has been written.';
+    bar.parentElement.hidden = true;
+    for (const each of controls) each.disabled = false;
+  });
+  request.open('POST', form.action);
+  request.send(new FormData(form));
+  for (const each of controls) each.disabled = true;
+  error.textContent = '';
+  bar.parentElement.hidden = false;
+  showProgress(bar, label, 'Uploading: 0 %', 0);
+}
+
+// Asks for the state again and again until a visitor of it has seen enough.
+function poll(url, isEnough) {
+  const timer = setInterval(async () => {
+    const answer = await fetch(url).catch(() => null);
+    if (!answer?.ok) return;
+    const { upgrade: [state] } = await answer.json();
+    if (!isEnough(state)) return;
+    clearInterval(timer);
+    location.replace('/cgi-bin/upgrade');
+  }, 300);
+}
+
+function followUpgrade() {
+  const form = document.querySelector('form[data-upload]');
+  form?.addEventListener('submit', (event) => {
+    event.preventDefault();
+    const file = form.querySelector('input[type=file]').files[0];
+    if (file.size <= Number(form.dataset.upload)) sendImage(form);
+    else document.getElementById('error-image').textContent = 'This file is larger than 16 MiB.';
+  });
+
+  const writing = document.querySelector('[data-writing]');
+  if (writing)
+    poll(writing.dataset.writing, (state) => {
+      const percent = Math.floor(100 * state.WRITTEN / (Number(state.TOTAL) || 1));
+      document.getElementById('written').value = percent;
+      document.getElementById('percent').textContent = percent;
+      document.getElementById('section').textContent = state.SECTION;
+      return state.STATE !== 'writing';
+    });
+
+  const restart = document.querySelector('[data-restart]');
+  if (restart)
+    poll(restart.dataset.restart, (state) => state.BOOT_ID !== restart.dataset.bootId);
+}
+followUpgrade();

@@ -1,0 +1,29 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * The boot loader: reads from the environment which set is to run, and hands the kernel its command
+ * line with that set's root file system. Without an environment it starts set A.
+ */
+#define _GNU_SOURCE
+#include "firmware.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+/* Prints the command line with another root device in the place of its own. */
+static void print_with_root(FILE *file, const char *line, unsigned int partition) {
+    static const char key[] = "root=";
+    const char *root = strstr(line, key);
+    const char *behind = root ? strchrnul(root, ' ') : line;
+    const int before = root ? (int)(root - line) : 0;
+    fprintf(file, "%.*s%s31:%u %s\n", before, line, key, partition, behind + (*behind == ' '));
+}
+
+int main(void) {
+    get_bootparam();
+    const char *arguments = get_env("bootargs");
+    FILE *file = fopen(COMMAND_LINE, "w");
+    if (!file)
+        return EXIT_FAILURE;
+    print_with_root(file, arguments ? arguments : "", set_partition(bootparam, 0));
+    return fclose(file) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}

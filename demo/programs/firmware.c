@@ -1,0 +1,399 @@
+/* SPDX-License-Identifier: MIT */
+#define _GNU_SOURCE
+#include "firmware.h"
+
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static const settings_file mtd_file = {"/etc/mtd", ' '};
+static const settings_file record_file = {"/run/upgrade.conf", ' '};
+
+/* What the library logs. */
+
+enum { kept_messages = 16, message_size = 120 };
+
+static char messages[kept_messages][message_size];
+static unsigned int message_count;
+
+/* Stands in for the C library's function, which the library calls by this name: the device has no
+ * system log, and the page is where somebody looks for the reason. The last messages are kept. */
+void syslog(int priority, const char *format, ...) __attribute__((__format__(__printf__, 2, 3)));
+void syslog(int priority, const char *format, ...) {
+    char *message = messages[message_count++ % kept_messages];
+    va_list values;
+    (void)priority;
+    va_start(values, format);
+    vsnprintf(message, message_size, format, values);
+    va_end(values);
+    message[strcspn(message, "\n")] = '\0';
+}
+
+static const char *message_at(unsigned int index) { return messages[index % kept_messages]; }
+
+static unsigned int first_message(void) {
+    return message_count > kept_messages ? message_count - kept_messages : 0;
+}
+
+/* The last section that the parser has found; empty if there was none. */
+static void find_last_section(char name[32]) {
+    *name = '\0';
+    for (unsigned int i = first_message(); i < message_count; i++)
+        sscanf(message_at(i), "find firmware (%31[^)])", name);
+}
+
+int mute_output(void) {
+    fflush(stdout);
+    const int output = dup(STDOUT_FILENO);
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nowhere, STDOUT_FILENO);
+    close(nowhere);
+    return output;
+}
+
+void unmute_output(int output) {
+    fflush(stdout);
+    dup2(output, STDOUT_FILENO);
+    close(output);
+}
+
+/* The flash and its two sets. */
+
+typedef struct partition {
+    char name[32];
+    uint32_t size; /* 0 if there is no such partition */
+} partition;
+
+static partition find_partition(unsigned int number) {
+    char device[32];
+    char line[value_size];
+    partition found = {"", 0};
+    prop_table mtd = load_settings(&mtd_file);
+    snprintf(device, sizeof device, "mtdblock%u", number);
+    sscanf(get_setting(device, line, &mtd), "%x %31s", &found.size, found.name);
+    free_table(&mtd);
+    return found;
+}
+
+int open_partition(unsigned int number) {
+    char path[32];
+    snprintf(path, sizeof path, "/dev/mtdblock%u", number);
+    return open(path, O_RDONLY | O_CLOEXEC);
+}
+
+/* The root device's number in the kernel's command line: "root=31:2" is set A. */
+static int read_running_set(void) {
+    char line[value_size] = "";
+    FILE *file = fopen(COMMAND_LINE, "r");
+    if (file) {
+        if (!fgets(line, sizeof line, file))
+            *line = '\0';
+        fclose(file);
+    }
+    char *root = parse_bootargs_get_val(line, "root=");
+    const char *colon = root ? strchr(root, ':') : NULL;
+    const int set =
+        colon && strtoul(colon + 1, NULL, 10) == set_partition(set_b, 0) ? set_b : set_a;
+    free(root);
+    return set;
+}
+
+/* get_bootparam() doesn't tell an unreadable environment from set B: both give 0. */
+static int read_next_set(void) {
+    const int output = mute_output();
+    const int readable = init_env(ENVIRONMENT_DEVICE) == 0 && get_env("bootparam");
+    if (readable)
+        get_bootparam();
+    unmute_output(output);
+    return readable ? bootparam : -1;
+}
+
+boot_state read_boot_state(void) {
+    const boot_state state = {read_running_set(), read_next_set()};
+    return state;
+}
+
+void read_version(int set, char version[version_size]) {
+    const int device = open_partition(set_partition(set, 0));
+    const ssize_t length = read(device, version, version_size - 1);
+    close(device);
+    version[length > 0 ? length : 0] = '\0';
+    char *end = strchr(version, '\n');
+    if (end)
+        *end = '\0';
+    if (!end || text_complaint(version))
+        *version = '\0';
+}
+
+/* What an image is, and whether it may be written. */
+
+char *section_name(const img_info *section, char name[32]) {
+    const char *start = strrchr(section->name, '/');
+    start = start ? start + 1 : section->name;
+    snprintf(name, 32, "%.*s", (int)strcspn(start, "."), start);
+    return name;
+}
+
+/* A complaint is about a section, or about the image as a whole. */
+static void complain(image_report *report, const char *complaint) {
+    const int about_section = *report->failed != '\0';
+    snprintf(report->complaint, sizeof report->complaint, "%s%s%s",
+             about_section ? report->failed : "", about_section ? ": " : "", complaint);
+}
+
+/* What parse_firmware()'s results from 1 on mean. */
+static void explain_result(image_report *report) {
+    static const char *const texts[] = {
+        "A section runs past the image's end: it has been cut off, or it is no upgrade image.",
+        "the checksum of this section is wrong. The image is damaged.",
+        "this section is larger than its partition.",
+        "The image has more than four sections.",
+        "The CRC at the image's end is wrong. The image is damaged.",
+    };
+    if (report->result == 2 || report->result == 3)
+        find_last_section(report->failed);
+    complain(report, report->result == 5 && report->count == 0
+                         ? "No section is for this device: it is no upgrade image."
+                         : texts[report->result - 1]);
+}
+
+static int sections_for(const image_report *report, unsigned int number) {
+    int count = 0;
+    for (int i = 0; i < report->count; i++)
+        count += report->sections[i].mtd_ids == number;
+    return count;
+}
+
+/* A section may say of itself that it is not to be checked: what the parser then has not looked at
+ * is looked at here. */
+static const char *section_complaint(const image_report *report, const img_info *section,
+                                     int running) {
+    const partition target = find_partition(section->mtd_ids);
+    if (sections_for(report, section->mtd_ids) > 1)
+        return "two sections are for this partition.";
+    if (!is_written(section))
+        return NULL;
+    if (section->mtd_ids == set_partition(running, 0) ||
+        section->mtd_ids == set_partition(running, 1))
+        return "this section would overwrite the set that runs.";
+    if (STRCMP(target.name, "Boot-env") == 0)
+        return "this section would replace what says which set boots.";
+    if (section->len > target.size || section_offset(section) > target.size - section->len)
+        return "this section does not fit its partition.";
+    return NULL;
+}
+
+/* The parser takes an image of any sections, and one without a CRC. After this one another set
+ * boots: it has to be there whole, and the one that runs has to stay as it is. */
+static void check_upgrade(image_report *report, boot_state boot) {
+    const int idle = boot.running == set_a ? set_b : set_a;
+    if (is_written(&report->sections[report->count - 1])) {
+        complain(report, "The image has no version section at its end, and so no CRC.");
+        return;
+    }
+    for (int i = 0; i < report->count; i++) {
+        const img_info *section = &report->sections[i];
+        const char *complaint = section_complaint(report, section, boot.running);
+        if (complaint) {
+            section_name(section, report->failed);
+            complain(report, complaint);
+            return;
+        }
+    }
+    if (!sections_for(report, set_partition(idle, 0)) ||
+        !sections_for(report, set_partition(idle, 1)))
+        complain(report, "The image has not both a root file system and a kernel.");
+}
+
+void check_image(const unsigned char *image, size_t size, image_report *report) {
+    memset(report, 0, sizeof *report);
+    const boot_state boot = read_boot_state();
+    if (boot.next < 0) {
+        complain(report, "The boot environment can't be read: nothing says which set boots.");
+        return;
+    }
+    const int output = mute_output();
+    message_count = 0;
+    parse_firmware(image, (unsigned int)size, report->sections, &report->result);
+    unmute_output(output);
+    while (report->count < record_count && *report->sections[report->count].name)
+        report->count++;
+    if (report->result == 0)
+        check_upgrade(report, boot);
+    else
+        explain_result(report);
+}
+
+/* How it is shown. */
+
+static void print_size(uint32_t bytes, char text[32]) {
+    if (bytes < 1024)
+        snprintf(text, 32, "%u bytes", bytes);
+    else if (bytes < 1024 * 1024)
+        snprintf(text, 32, "%.1f KiB", bytes / 1024.0);
+    else
+        snprintf(text, 32, "%.1f MiB", bytes / 1048576.0);
+}
+
+/* A row of the table; its texts need no escaping. */
+static size_t print_section(const img_info *section, char *row, size_t size) {
+    char name[32];
+    char length[32];
+    const partition target = find_partition(section->mtd_ids);
+    print_size(section->len, length);
+    section_name(section, name);
+    if (!is_written(section))
+        return (size_t)snprintf(
+            row, size,
+            "<tr><th scope=\"row\">%s</th><td colspan=\"2\">CRC of the image</td>"
+            "<td class=\"number\">%s</td></tr>\n",
+            name, length);
+    return (size_t)snprintf(row, size,
+                            "<tr><th scope=\"row\">%s</th><td>%s</td><td>%s</td>"
+                            "<td class=\"number\">%s</td></tr>\n",
+                            name, target.name, section->mtdev, length);
+}
+
+void add_message(str_node **fields, const char *message, int bad) {
+    add_html(fields, "message", message);
+    add_str(fields, "tone", bad ? "bad" : "");
+}
+
+void add_sections(str_node **fields, const image_report *report) {
+    char rows[sizeof(((str_node *)0)->value)] = "";
+    size_t used = 0;
+    for (int i = 0; i < report->count && used < sizeof rows; i++)
+        used += print_section(&report->sections[i], rows + used, sizeof rows - used);
+    if ((report->result == 2 || report->result == 3) && used < sizeof rows)
+        snprintf(rows + used, sizeof rows - used,
+                 "<tr class=\"failed\"><th scope=\"row\">%s</th><td colspan=\"3\">%s</td></tr>\n",
+                 report->failed, report->result == 2 ? "Wrong checksum" : "Too large");
+    add_str(fields, "sections", rows);
+}
+
+void add_findings(str_node **fields, const image_report *report) {
+    char log[kept_messages * message_size] = "";
+    char result[16];
+    size_t used = 0;
+    for (unsigned int i = first_message(); i < message_count && used < sizeof log; i++)
+        used += (size_t)snprintf(log + used, sizeof log - used, "%s\n", message_at(i));
+    snprintf(result, sizeof result, "%d", report->result);
+    add_html(fields, "result", result);
+    add_html(fields, "log", log);
+}
+
+/* A set that has been written in part only keeps no trace of it but in the record. */
+static int is_incomplete(const upgrade_record *record) {
+    return record->written > 0 && STRCMP(record->state, "written") != 0;
+}
+
+static void add_set(str_node **fields, int set, boot_state boot) {
+    const upgrade_record record = load_upgrade();
+    char version[version_size];
+    char name[32];
+    const char letter = set == set_a ? 'A' : 'B';
+    const char *badge = "Idle";
+    const char *role = "";
+    if (set == boot.running) {
+        badge = "Running";
+        role = "data-running";
+    } else if (set == boot.next) {
+        badge = "Boots next";
+        role = "data-next";
+    } else if (is_incomplete(&record)) {
+        badge = "Incomplete";
+    }
+    read_version(set, version);
+
+    snprintf(name, sizeof name, "version_%c", letter);
+    add_html(fields, name, *version ? version : "No firmware");
+    snprintf(name, sizeof name, "badge_%c", letter);
+    add_str(fields, name, badge);
+    snprintf(name, sizeof name, "role_%c", letter);
+    add_str(fields, name, role);
+}
+
+/* The steps in front of the current one are done. */
+static void add_steps(str_node **fields, const char *part) {
+    static const char *const parts[] = {"upgrade-choose", "upgrade-check", "upgrade-writing",
+                                        "upgrade-restart"};
+    const char *attribute = "class=\"done\"";
+    for (size_t i = 0; i < sizeof parts / sizeof *parts; i++) {
+        char name[16];
+        const int current = STRCMP(part, parts[i]) == 0;
+        snprintf(name, sizeof name, "step_%zu", i + 1);
+        add_str(fields, name, current ? "aria-current=\"step\"" : attribute);
+        if (current)
+            attribute = "";
+    }
+}
+
+void print_upgrade_page(const char *status, const char *part, const char *head, str_node **fields) {
+    const boot_state boot = read_boot_state();
+    add_set(fields, set_a, boot);
+    add_set(fields, set_b, boot);
+    add_steps(fields, STRCMP(part, "upgrade-refused") ? part : "upgrade-check");
+    print_page_part(status, "upgrade", part, head, "Firmware", fields);
+}
+
+/* The upgrade's record, and the lock around its steps. */
+
+static void get_text(const char *name, char *text, size_t size, const prop_table *table) {
+    char value[value_size];
+    snprintf(text, size, "%s", get_setting(name, value, table));
+}
+
+static uint32_t get_number(const char *name, const prop_table *table) {
+    char value[value_size];
+    return (uint32_t)strtoul(get_setting(name, value, table), NULL, 10);
+}
+
+upgrade_record load_upgrade(void) {
+    upgrade_record record;
+    prop_table table = load_settings(&record_file);
+    get_text("STATE", record.state, sizeof record.state, &table);
+    get_text("FILE", record.file, sizeof record.file, &table);
+    get_text("SECTION", record.section, sizeof record.section, &table);
+    get_text("REASON", record.reason, sizeof record.reason, &table);
+    record.written = get_number("WRITTEN", &table);
+    record.total = get_number("TOTAL", &table);
+    free_table(&table);
+    return record;
+}
+
+int save_upgrade(const upgrade_record *record) {
+    static const char copy[] = "/run/upgrade.new";
+    FILE *file = fopen(copy, "w");
+    if (!file)
+        return 0;
+    fprintf(file, "STATE %s\nFILE %s\nSECTION %s\nREASON %s\nWRITTEN %u\nTOTAL %u\n", record->state,
+            record->file, record->section, record->reason, record->written, record->total);
+    return fclose(file) == 0 && rename(copy, record_file.path) == 0;
+}
+
+static int open_lock(void) {
+    const int lock = open("/run/upgrade.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lock < 0)
+        refuse("503 Service Unavailable", "The upgrade can't be locked.");
+    return lock;
+}
+
+/* A lock of an open file, which a forked process shares, and which can be looked at without being
+ * taken. */
+int lock_upgrade(void) {
+    const int lock = open_lock();
+    struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
+    if (fcntl(lock, F_OFD_SETLK, &whole) != 0)
+        refuse("409 Conflict", "Another upgrade is going on. Only one at a time can be made.");
+    return lock;
+}
+
+int is_upgrade_locked(void) {
+    const int lock = open_lock();
+    struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
+    fcntl(lock, F_OFD_GETLK, &whole);
+    close(lock);
+    return whole.l_type != F_UNLCK;
+}

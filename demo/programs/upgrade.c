@@ -1,0 +1,353 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * The upgrade page: what runs, what has been received, and how far it has been written. Its forms
+ * have the staged image written or given up, and the device restarted.
+ *
+ * The writing goes on in a process of its own, whatever becomes of the browser. If that process is
+ * killed, its lock is gone and the record still says that it writes; the set that runs has not been
+ * touched, and it is still the one that boots.
+ */
+#define _GNU_SOURCE
+#include "firmware.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+enum {
+    /* What is written at once: an erase block of the flash. */
+    piece_size = 65536
+};
+
+/*
+ * Stands in for the C library's function, which the library calls by this name behind every write:
+ * that would flush all disks of the machine that the device is simulated on. A flash that writes an
+ * erase block would take about this long.
+ */
+void sync(void) {
+    const struct timespec block = {0, 10000000};
+    nanosleep(&block, NULL);
+}
+
+/* The staged image, mapped as long as the process lives. */
+static const unsigned char *map_image(size_t *size) {
+    const int file = open(STAGED_IMAGE, O_RDONLY | O_CLOEXEC);
+    struct stat status;
+    void *image = MAP_FAILED;
+    if (file >= 0 && fstat(file, &status) == 0 && status.st_size > 0) {
+        *size = (size_t)status.st_size;
+        image = mmap(NULL, *size, PROT_READ, MAP_PRIVATE, file, 0);
+    }
+    close(file);
+    return image == MAP_FAILED ? NULL : image;
+}
+
+/* Writing. Each step gives back why it failed, or null. */
+
+static const char *write_section(const img_info *section, upgrade_record *record) {
+    section_name(section, record->section);
+    for (uint32_t done = 0; done < section->len;) {
+        const uint32_t rest = section->len - done;
+        const uint32_t piece = rest < piece_size ? rest : piece_size;
+        if (!flash_write(section->mtdev, section->data + done,
+                         (int)(section_offset(section) + done), piece))
+            return "The flash could not be written.";
+        done += piece;
+        record->written += piece;
+        save_upgrade(record);
+    }
+    return NULL;
+}
+
+/* Nothing boots that does not stand in the flash as it was meant. */
+static const char *verify_section(const img_info *section) {
+    const int device = open_partition(section->mtd_ids);
+    const off_t offset = (off_t)section_offset(section);
+    unsigned char piece[65536];
+    uint32_t done = 0;
+    while (done < section->len) {
+        const uint32_t rest = section->len - done;
+        const size_t wanted = rest < sizeof piece ? rest : sizeof piece;
+        if (pread(device, piece, wanted, offset + (off_t)done) != (ssize_t)wanted ||
+            memcmp(piece, section->data + done, wanted) != 0)
+            break;
+        done += (uint32_t)wanted;
+    }
+    close(device);
+    return done < section->len ? "The flash does not hold what was written." : NULL;
+}
+
+/* save_bootparam() does not tell whether the device could be written: it is read again. */
+static const char *flip(int running) {
+    save_bootparam();
+    const boot_state boot = read_boot_state();
+    return boot.next >= 0 && boot.next != running ? NULL : "The boot set could not be changed.";
+}
+
+static const char *write_all(const image_report *report, upgrade_record *record) {
+    const int running = bootparam;
+    const char *failure = NULL;
+    for (int i = 0; i < report->count && !failure; i++) {
+        const img_info *section = &report->sections[i];
+        if (is_written(section))
+            failure = write_section(section, record);
+        if (is_written(section) && !failure)
+            failure = verify_section(section);
+    }
+    return failure ? failure : flip(running);
+}
+
+static uint32_t bytes_to_write(const image_report *report) {
+    uint32_t total = 0;
+    for (int i = 0; i < report->count; i++)
+        total += is_written(&report->sections[i]) ? report->sections[i].len : 0;
+    return total;
+}
+
+static const char *write_image(upgrade_record *record) {
+    static image_report report;
+    size_t size = 0;
+    const unsigned char *image = map_image(&size);
+    if (!image)
+        return "The image is not there any more.";
+    check_image(image, size, &report);
+    if (*report.complaint)
+        return report.complaint;
+    record->total = bytes_to_write(&report);
+    return write_all(&report, record);
+}
+
+static void write_in_background(upgrade_record *record) {
+    setsid();
+    const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; stream++)
+        dup2(nowhere, stream);
+
+    const char *failure = write_image(record);
+    snprintf(record->state, sizeof record->state, "%s", failure ? "failed" : "written");
+    snprintf(record->reason, sizeof record->reason, "%s", failure ? failure : "");
+    remove(STAGED_IMAGE);
+    save_upgrade(record);
+}
+
+/* The answers. */
+
+static int is_pending(boot_state boot) { return boot.next >= 0 && boot.next != boot.running; }
+
+static int is_in_state(const upgrade_record *record, const char *state) {
+    return STRCMP(record->state, state) == 0;
+}
+
+/* An image that was being written when its writer ended is still there, and can be written again.
+ */
+static int is_staged(const upgrade_record *record) {
+    return is_in_state(record, "staged") || is_in_state(record, "writing");
+}
+
+static int percent(const upgrade_record *record) {
+    return record->total ? (int)((uint64_t)record->written * 100 / record->total) : 0;
+}
+
+static void add_set_name(str_node **fields, const char *name, int set) {
+    add_str(fields, name, set == set_a ? "A" : "B");
+}
+
+static void show_choice(const upgrade_record *record) {
+    str_node *fields = NULL;
+    const int failed = is_in_state(record, "failed");
+    char message[value_size] = "";
+    if (failed)
+        snprintf(message, sizeof message, "%s The set that runs is as it was, and still boots.",
+                 record->reason);
+    add_message(&fields, message, failed);
+    print_upgrade_page("200 OK", "upgrade-choose", "", &fields);
+}
+
+static void show_check(const upgrade_record *record, boot_state boot) {
+    str_node *fields = NULL;
+    image_report report;
+    size_t size = 0;
+    const unsigned char *image = map_image(&size);
+    if (!image) {
+        show_choice(record);
+        return;
+    }
+    check_image(image, size, &report);
+    const int cut_off = is_in_state(record, "writing");
+    add_message(&fields,
+                *report.complaint ? report.complaint
+                : cut_off         ? "The writing was cut off. The set that runs is as it was, and "
+                                    "still boots; the image can be written again."
+                                  : "",
+                *report.complaint || cut_off);
+    add_html(&fields, "file", record->file);
+    add_sections(&fields, &report);
+    add_set_name(&fields, "idle", boot.running == set_a ? set_b : set_a);
+    add_set_name(&fields, "kept", boot.running);
+    print_upgrade_page("200 OK", "upgrade-check", "", &fields);
+}
+
+/* Without scripts the page loads itself again until all is written. */
+static void show_writing(const upgrade_record *record) {
+    str_node *fields = NULL;
+    char number[16];
+    add_message(&fields, "", 0);
+    snprintf(number, sizeof number, "%d", percent(record));
+    add_str(&fields, "percent", number);
+    add_str(&fields, "shown_percent", number);
+    add_html(&fields, "section", record->section);
+    print_upgrade_page("200 OK", "upgrade-writing",
+                       "<noscript><meta http-equiv=\"refresh\" content=\"1\"></noscript>", &fields);
+}
+
+static void show_restart(boot_state boot) {
+    str_node *fields = NULL;
+    char version[version_size];
+    read_version(boot.next, version);
+    add_message(&fields, "The upgrade has been written and verified.", 0);
+    add_html(&fields, "new_version", version);
+    add_set_name(&fields, "next", boot.next);
+    add_set_name(&fields, "kept", boot.running);
+    print_upgrade_page("200 OK", "upgrade-restart", "", &fields);
+}
+
+static void show_receiving(void) {
+    str_node *fields = NULL;
+    add_message(&fields, "An image is being received.", 0);
+    print_upgrade_page("200 OK", "upgrade-choose", "", &fields);
+}
+
+/* The lock is looked at first: whoever gives it up has saved the record before. */
+static void show_page(void) {
+    const int locked = is_upgrade_locked();
+    const upgrade_record record = load_upgrade();
+    const boot_state boot = read_boot_state();
+    if (locked && is_in_state(&record, "writing"))
+        show_writing(&record);
+    else if (locked)
+        show_receiving();
+    else if (is_pending(boot))
+        show_restart(boot);
+    else if (is_staged(&record))
+        show_check(&record, boot);
+    else
+        show_choice(&record);
+}
+
+static void read_boot_id(char id[value_size]) {
+    FILE *file = fopen("/run/boot_id", "r");
+    *id = '\0';
+    if (file && fgets(id, value_size, file))
+        id[strcspn(id, "\n")] = '\0';
+    if (file)
+        fclose(file);
+}
+
+static void add_number(str_node **fields, const char *name, uint32_t number) {
+    char text[16];
+    snprintf(text, sizeof text, "%u", number);
+    add_json(fields, name, text);
+}
+
+static void add_versions(str_node **fields) {
+    char version[version_size];
+    read_version(set_a, version);
+    add_json(fields, "VERSION_A", version);
+    read_version(set_b, version);
+    add_json(fields, "VERSION_B", version);
+}
+
+static void show_json(void) {
+    const int locked = is_upgrade_locked();
+    const upgrade_record record = load_upgrade();
+    const boot_state boot = read_boot_state();
+    const int cut_off = is_in_state(&record, "writing") && !locked;
+    char id[value_size];
+    str_node *fields = NULL;
+    read_boot_id(id);
+    add_json(&fields, "STATE", cut_off ? "interrupted" : record.state);
+    add_json(&fields, "SECTION", record.section);
+    add_json(&fields, "REASON", record.reason);
+    add_number(&fields, "WRITTEN", record.written);
+    add_number(&fields, "TOTAL", record.total);
+    add_set_name(&fields, "RUNNING", boot.running);
+    add_json(&fields, "NEXT", boot.next < 0 ? "" : boot.next == set_a ? "A" : "B");
+    add_versions(&fields);
+    add_json(&fields, "BOOT_ID", id);
+    print_json_head();
+    list2json(fields, "upgrade");
+    free_list(&fields);
+}
+
+/* The forms. Each holds the lock: nothing is written, received or restarted at the same time. */
+
+static void begin_writing(void) {
+    upgrade_record record = load_upgrade();
+    if (!is_staged(&record) || is_pending(read_boot_state()))
+        refuse("409 Conflict", "There is no image to write.");
+    snprintf(record.state, sizeof record.state, "writing");
+    record.written = 0;
+    record.total = 0;
+    if (!save_upgrade(&record))
+        refuse("503 Service Unavailable", "The upgrade can't be begun.");
+    fflush(stdout);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        write_in_background(&record);
+        _exit(EXIT_SUCCESS);
+    }
+    if (writer < 0)
+        refuse("503 Service Unavailable", "The upgrade can't be begun.");
+    print_redirect("/cgi-bin/upgrade");
+}
+
+static void discard(void) {
+    const upgrade_record nothing = {.state = ""};
+    remove(STAGED_IMAGE);
+    save_upgrade(&nothing);
+    print_redirect("/cgi-bin/upgrade");
+}
+
+static void restart(void) {
+    char id[value_size];
+    str_node *fields = NULL;
+    read_boot_id(id);
+    add_message(&fields, "The router restarts.", 0);
+    add_html(&fields, "boot_id", id);
+    print_upgrade_page("200 OK", "upgrade-restarting",
+                       "<noscript><meta http-equiv=\"refresh\" "
+                       "content=\"5; url=/cgi-bin/upgrade?restarted=1\"></noscript>",
+                       &fields);
+    fflush(stdout);
+    if (system("/sbin/reboot </dev/null >/dev/null 2>&1") != 0)
+        perror("/sbin/reboot");
+}
+
+static void answer_post(void) {
+    prop_table request = read_request();
+    const char *asked = find_field("action", &request);
+    lock_upgrade();
+    if (asked && STRCMP(asked, "write") == 0)
+        begin_writing();
+    else if (asked && STRCMP(asked, "discard") == 0)
+        discard();
+    else if (asked && STRCMP(asked, "restart") == 0)
+        restart();
+    else
+        refuse("400 Bad Request", "The request says nothing that this page can do.");
+    free_table(&request);
+}
+
+int main(void) {
+    if (accept_request())
+        answer_post();
+    else if (isajax_get())
+        show_json();
+    else
+        show_page();
+    return EXIT_SUCCESS;
+}

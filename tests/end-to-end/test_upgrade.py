@@ -1,0 +1,578 @@
+"""The firmware upgrade over HTTP: from A to B and back, refusals, and what cuts it off."""
+
+import contextlib
+import html
+import http.client
+import os
+import pathlib
+import re
+import shutil
+import signal
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+import zlib
+
+import device
+import upgrade_image
+from device import NETWORK, SOURCE, UPGRADE, UPLOAD, Demo, wait_until
+from upgrade_image import Image, content, large_image, section, signed, version_section
+
+LARGEST = 16 * 1024 * 1024
+RUNNING_A = (2, 3)
+RUNNING_B = (4, 5)
+
+
+def part(data, name="image", filename="image.bin", kind="application/octet-stream"):
+    """The head and the content of a multipart body's part, without its boundary."""
+    head = f'Content-Disposition: form-data; name="{name}"'
+    if filename is not None:
+        head += f'; filename="{filename}"'
+    if kind is not None:
+        head += f"\r\nContent-Type: {kind}"
+    return head.encode() + b"\r\n\r\n" + data + b"\r\n"
+
+
+def multipart(*parts, boundary=b"xYzZY"):
+    return b"".join(b"--" + boundary + b"\r\n" + each for each in parts) + (
+        b"--" + boundary + b"--\r\n")
+
+
+def variables(image):
+    """The variables of a boot environment, whose CRC has to be good."""
+    assert struct.unpack(">I", image[:4])[0] == zlib.crc32(image[4:]), "bad CRC"
+    entries = image[4:image.index(b"\0\0", 4)].split(b"\0")
+    return dict(entry.decode().split("=", 1) for entry in entries)
+
+
+class UpgradeTest(unittest.TestCase):
+    """A device that has just left the factory, for each test."""
+
+    pause = "--no-pause"
+    options = {}
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.demo = Demo(*([self.pause] if self.pause else []), state=self.folder / "state",
+                         **self.options)
+        self.addCleanup(self.demo.stop)
+        self.factory = self.flash()
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def flash(self, numbers=range(9)):
+        return {number: self.demo.flash(number).read_bytes() for number in numbers}
+
+    def curl(self, path, *arguments):
+        """Runs curl; gives back the status and the body."""
+        result = subprocess.run(
+            ["curl", "--silent", "--show-error", "--max-time", "60", "--write-out",
+             "\n%{http_code}", *arguments, f"http://127.0.0.1:{self.demo.port}{path}"],
+            capture_output=True, check=True)
+        body, _, status = result.stdout.rpartition(b"\n")
+        return int(status), body.decode()
+
+    def upload(self, image):
+        file = self.folder / "image.bin"
+        file.write_bytes(image)
+        return self.curl(UPLOAD, "--form", f"image=@{file}")
+
+    def send(self, body, content_type="multipart/form-data; boundary=xYzZY", **headers):
+        return self.demo.request("POST", UPLOAD, body, {"Content-Type": content_type, **headers})
+
+    def act(self, action):
+        return self.curl(UPGRADE, "--data", f"action={action}")[0]
+
+    def state(self):
+        return self.demo.json(UPGRADE, "upgrade")
+
+    def write_staged(self):
+        self.assertEqual(self.act("write"), 303)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] != "writing", 60))
+        self.assertEqual(self.state()["STATE"], "written")
+
+    def write_until(self, share):
+        """Has the staged image written up to this share of it, and holds the writer there."""
+        self.assertEqual(self.act("write"), 303)
+        writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
+        self.go_on(writer, share)
+        return writer
+
+    def go_on(self, writer, share):
+        """Lets a writer go on until it has written more than this share; gives back the state."""
+        while True:
+            os.kill(writer, signal.SIGSTOP)
+            state = self.state()
+            self.assertEqual(state["STATE"], "writing")
+            if int(state["WRITTEN"]) > share * int(state["TOTAL"]):
+                return state
+            os.kill(writer, signal.SIGCONT)
+            time.sleep(0.01)
+
+    def restart(self):
+        before = self.state()["BOOT_ID"]
+        self.assertEqual(self.act("restart"), 200)
+
+        def is_back():
+            with contextlib.suppress(OSError, http.client.HTTPException):
+                return self.state()["BOOT_ID"] != before
+            return False
+
+        self.assertTrue(wait_until(is_back, 20))
+
+    def start_anew(self):
+        self.demo.stop()
+        self.demo = Demo(self.pause, state=self.folder / "state", **self.options)
+        self.addCleanup(self.demo.stop)
+
+    def assert_set(self, running, following, version):
+        state = self.state()
+        self.assertEqual((state["RUNNING"], state["NEXT"], state["VERSION_" + running]),
+                         (running, following, version))
+
+    def assert_untouched(self):
+        self.assertEqual(self.flash(), self.factory)
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+        self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
+
+    def assert_page(self, text):
+        self.assertIn('role="alert"', text)
+        self.assertIsNone(re.search(r"\$[a-z]", text))
+        self.assertTrue(text.endswith("</html>\n"))
+
+    def complaint(self, text):
+        return html.unescape(re.search(r'role="alert">(.*)</p>', text).group(1))
+
+
+class Walks(UpgradeTest):
+    def test_the_factory_leaves_a_flash_that_boots_set_a(self):
+        self.assertEqual({number: len(data) for number, data in self.factory.items()},
+                         upgrade_image.SIZES)
+        self.assertEqual(variables(self.factory[1]), {
+            "bootdelay": "2", "baudrate": "115200", "bootparam": "0",
+            "bootargs": "console=ttyS0,115200 root=31:2 rootfstype=squashfs ro"})
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+        self.assertEqual(set(self.factory[4] + self.factory[8]), {0xFF})
+
+    def test_from_a_to_b_and_back(self):
+        root = self.demo.root
+        there, bytes_there = large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)
+        self.assertEqual(self.upload(bytes_there)[0], 303)
+        status, text = self.curl(UPGRADE)
+        self.assertEqual(status, 200)
+        for cells in (("Rootfs", "Rootfs-1", "/dev/mtdblock4", "6.3 MiB"),
+                      ("Linux_kernel", "Linux_kernel-1", "/dev/mtdblock5", "1023.9 KiB")):
+            self.assertIn("<th scope=\"row\">{}</th><td>{}</td><td>{}</td>"
+                          "<td class=\"number\">{}</td>".format(*cells), text)
+        self.assertEqual(self.flash(), self.factory, "nothing is written before it is confirmed")
+        self.assertEqual((root() / "tmp/firmware/image.bin").read_bytes(), bytes_there)
+
+        self.write_staged()
+        self.assertFalse((root() / "tmp/firmware/image.bin").exists())
+        self.assert_set("A", "B", "Corvel R1 1.0.0")
+        self.assertTrue(self.demo.flash(4).read_bytes().startswith(there.root))
+        self.assertTrue(self.demo.flash(5).read_bytes().startswith(there.kernel))
+        self.assertEqual(variables(self.demo.flash(1).read_bytes()),
+                         {**variables(self.factory[1]), "bootparam": "1"})
+        untouched = (0, 2, 3, 6, 7, 8)
+        self.assertEqual(self.flash(untouched), {each: self.factory[each] for each in untouched})
+
+        self.restart()
+        self.assert_set("B", "B", "Corvel R1 2.0.0")
+        self.assertIn("root=31:4", (root() / "run/cmdline").read_text())
+
+        back, bytes_back = large_image("Corvel R1 3.0.0", 15 * 1024 * 1024)
+        running = self.flash(RUNNING_B)
+        self.assertEqual(self.upload(bytes_back)[0], 303)
+        self.write_staged()
+        self.restart()
+        self.assert_set("A", "A", "Corvel R1 3.0.0")
+        self.assertTrue(self.demo.flash(2).read_bytes().startswith(back.root))
+        self.assertTrue(self.demo.flash(3).read_bytes().startswith(back.kernel))
+        self.assertEqual(self.flash(RUNNING_B), running)
+        self.start_anew()
+        self.assert_set("A", "A", "Corvel R1 3.0.0")
+        self.assertEqual({number: len(data) for number, data in self.flash().items()},
+                         upgrade_image.SIZES)
+
+    def test_what_is_said_to_be_written_is_written(self):
+        image, image_bytes = large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)
+        self.upload(image_bytes)
+        writer = self.write_until(0)
+        for share in (0, 0.2, 0.5, 0.8, 0.95):
+            state = self.go_on(writer, share)
+            self.assertEqual(int(state["TOTAL"]), len(image.root) + len(image.kernel))
+            root = image.root[:int(state["WRITTEN"])]
+            kernel = image.kernel[:int(state["WRITTEN"]) - len(root)]
+            self.assertTrue(self.demo.flash(4).read_bytes().startswith(root))
+            self.assertTrue(self.demo.flash(5).read_bytes().startswith(kernel))
+            self.assertEqual(state["SECTION"], "Linux_kernel" if kernel else "Rootfs")
+            self.assertIn(f"value=\"{int(state['WRITTEN']) * 100 // int(state['TOTAL'])}\"",
+                          self.curl(UPGRADE)[1])
+            self.assertEqual(state["NEXT"], "A")
+        os.kill(writer, signal.SIGCONT)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == "written"))
+
+    def test_an_upload_may_have_16_mib_and_not_a_byte_more(self):
+        overhead = len(multipart(part(b"")))
+        largest = large_image("Corvel R1 2.0.0", LARGEST - overhead)[1]
+        body = multipart(part(largest))
+        self.assertEqual(len(body), LARGEST)
+        self.assertEqual(self.send(body).status, 303)
+        self.assertEqual(self.state()["STATE"], "staged")
+        self.act("discard")
+
+        response = self.send(multipart(part(largest + b"\0")))
+        self.assertEqual(response.status, 413)
+        self.assert_page(response.text)
+        status, text = self.upload(bytes(LARGEST + 5000))
+        self.assertEqual(status, 413)
+        self.assert_page(text)
+        self.assert_untouched()
+
+    def test_other_pages_still_take_small_forms_only(self):
+        for path in (NETWORK, UPGRADE, UPLOAD + "/x", UPLOAD + "2"):
+            response = self.demo.post(path, b"x" * 70000)
+            self.assertEqual(response.status, 413, path)
+            self.assert_page(response.text)
+
+    def test_an_upload_needs_little_more_than_the_body_and_the_image(self):
+        """Runs the program under one that writes down the most memory that it has had."""
+        build = self.folder / "build"
+        shutil.copytree(device.BUILD / "device", build / "device")
+        program = build / "device/www/cgi-bin/upload"
+        program.rename(program.with_name("upload.real"))
+        program.write_text(
+            "#!/usr/bin/python3\nimport resource, subprocess\n"
+            "subprocess.run(['/www/cgi-bin/upload.real'])\n"
+            "peak = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss\n"
+            "open('/var/log/peak', 'w').write(str(peak))\n")
+        program.chmod(0o755)
+        body = multipart(part(large_image(
+            "Corvel R1 2.0.0", LARGEST - len(multipart(part(b""))))[1]))
+        with Demo("--no-pause", build_folder=build) as demo:
+            start = time.monotonic()
+            response = demo.request("POST", UPLOAD, body, {
+                "Content-Type": "multipart/form-data; boundary=xYzZY"})
+            seconds = time.monotonic() - start
+            self.assertEqual(response.status, 303)
+            peak = int((demo.state / "var/log/peak").read_text())
+        print(f"16 MiB in {seconds:.3f} s with {peak} KiB ...", end=" ", flush=True)
+        self.assertGreater(peak, 2 * LARGEST // 1024 - 100)
+        self.assertLess(peak, 2 * LARGEST // 1024 + 4096)
+
+    def test_actions_come_in_their_order(self):
+        self.assertEqual(self.act("write"), 409)
+        self.assertEqual(self.act("format"), 400)
+        self.assertEqual(self.curl(UPGRADE, "--data", "x=y")[0], 400)
+        self.assert_untouched()
+        image = Image("Corvel R1 2.0.0").bytes()
+        self.upload(image)
+        self.assertEqual(self.act("discard"), 303)
+        self.assertEqual(self.act("write"), 409)
+        self.assert_untouched()
+        self.upload(image)
+        self.write_staged()
+        status, text = self.upload(image)
+        self.assertEqual(status, 409, "it would now be written over the set that runs")
+        self.assert_page(text)
+        self.assertEqual(self.act("write"), 409)
+        self.assertEqual(self.flash(RUNNING_A), {each: self.factory[each] for each in RUNNING_A})
+
+    def test_an_upload_takes_the_place_of_the_one_before(self):
+        self.upload(Image("Corvel R1 2.0.0").bytes())
+        second = Image("Corvel R1 2.0.1")
+        self.upload(second.bytes())
+        self.write_staged()
+        self.assertTrue(self.demo.flash(4).read_bytes().startswith(second.root))
+
+    def test_other_partitions_can_come_along(self):
+        boot = content("Corvel R1 boot loader 2", 50_000)
+        image = Image("Corvel R1 2.0.0", extra=[section(b"boot", boot, burn_address=0x8000)])
+        self.assertEqual(self.upload(image.bytes())[0], 303)
+        self.write_staged()
+        self.assertEqual(self.demo.flash(0).read_bytes()[0x8000:0x8000 + len(boot)], boot)
+        self.assertEqual(self.demo.flash(0).read_bytes()[:0x8000], self.factory[0][:0x8000])
+
+    def test_restarting_without_an_upgrade_changes_nothing(self):
+        self.restart()
+        self.assert_untouched()
+
+
+class Refusals(UpgradeTest):
+    def test_bad_uploads(self):
+        good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
+        usual = "multipart/form-data; boundary=xYzZY"
+        for name, body, kind, status in (
+                ("another boundary", multipart(part(good), boundary=b"other"), usual, 400),
+                ("no boundary", multipart(part(good)), "multipart/form-data", 400),
+                ("an empty boundary", multipart(part(good)), "multipart/form-data; boundary=", 400),
+                ("a boundary with more behind it", multipart(part(good)), usual + "; x=y", 400),
+                ("no file", multipart(part(b"x", filename=None)), usual, 400),
+                ("no file chosen", multipart(part(b"", filename="")), usual, 400),
+                ("no type", multipart(part(good, kind=None)), usual, 400),
+                ("two files", multipart(part(good), part(good)), usual, 400),
+                ("five files", multipart(*[part(good)] * 5), usual, 400),
+                ("no closing boundary", b"--xYzZY\r\n" + part(good), usual, 400),
+                ("no body", b"", usual, 400),
+                ("a boundary only", b"--xYzZY--\r\n", usual, 400),
+                ("boundaries only", b"--xYzZY\r\n" * 1000, usual, 400),
+                ("NULs", bytes(7000), usual, 400),
+                ("a form", b"image=x", "application/x-www-form-urlencoded", 415),
+                ("no kind", good, "", 415)):
+            with self.subTest(name):
+                response = self.send(body, kind)
+                self.assertEqual(response.status, status)
+                self.assert_page(response.text)
+                self.assertEqual(self.demo.crashes(), [])
+        self.assert_untouched()
+
+    def test_fields_around_the_file_do_not_matter(self):
+        good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
+        field = part(b"value", filename=None, kind=None)
+        response = self.send(multipart(field, part(good), field))
+        self.assertEqual(response.status, 303)
+
+    def test_other_methods_and_other_sites(self):
+        good = multipart(part(Image("Corvel R1 2.0.0", 1000, 1000).bytes()))
+        for method in ("GET", "PUT", "DELETE"):
+            self.assertEqual(self.demo.request(method, UPLOAD).status, 405, method)
+        for origin in ("http://evil.example", "null"):
+            self.assertEqual(self.send(good, Origin=origin).status, 403, origin)
+        self.assertEqual(self.demo.post(UPGRADE, "action=restart", {"Origin": "null"}).status, 403)
+        self.assert_untouched()
+
+    def test_a_client_that_stops_in_the_middle(self):
+        body = multipart(part(Image("Corvel R1 2.0.0").bytes()))
+        head = (f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+                "Content-Type: multipart/form-data; boundary=xYzZY\r\n"
+                f"Content-Length: {len(body)}\r\n\r\n").encode()
+        for length in (0, 10, len(body) // 2, len(body) - 1):
+            answer = self.demo.raw(head + body[:length], half_close=True)
+            self.assertNotIn(b" 303 ", answer)
+        self.assert_untouched()
+
+    def refuse(self, image, complaint, result=0):
+        """The image is refused for this reason, and nothing else happens."""
+        status, text = self.upload(image)
+        self.assertEqual(status, 422)
+        self.assert_page(text)
+        self.assertIn(complaint, self.complaint(text))
+        self.assertIn(f"with result {result}<", text)
+        self.assert_untouched()
+        self.assertEqual(self.act("write"), 409)
+        return text
+
+    def test_images_that_the_parser_refuses(self):
+        good = Image("Corvel R1 2.0.0", 100_000, 50_000)
+        image = good.bytes()
+        cut = image[:len(image) - 40_000]
+        text = self.refuse(cut, "cut off", 1)
+        self.assertIn("Header.len is wrong, headlen(50008) &gt;", text)
+
+        damaged = bytearray(image)
+        damaged[100_000 + 1000] ^= 1
+        text = self.refuse(bytes(damaged), "Linux_kernel: the checksum of this section", 2)
+        self.assertIn("kern image checksum error at ", text)
+        self.assertIn('<tr class="failed"><th scope="row">Linux_kernel</th>', text)
+        self.assertIn('<th scope="row">Rootfs</th><td>Rootfs-1</td>', text)
+
+        large = signed(section(b"root", bytes(0x650001)) + version_section("x"))
+        text = self.refuse(large, "Rootfs: this section is larger than its partition", 3)
+        self.assertIn("root image size(650001) &gt; 650000!", text)
+
+        many = Image("x", 1000, 1000, [section(b"log0", b"a"), section(b"artp", b"b")])
+        self.refuse(many.bytes(), "more than four sections", 4)
+
+        text = self.refuse(image[:-1] + bytes([image[-1] ^ 1]), "CRC", 5)
+        self.assertIn("Warning - bad CRC, crc=0x", text)
+        for nothing in (b"", b"x", bytes(20), bytes(50_000), b"\xff" * 21, b"\x7fELF" * 30_000):
+            status, text = self.upload(nothing)
+            self.assertEqual(status, 422)
+            self.assert_page(text)
+        self.assert_untouched()
+
+    def test_images_that_the_parser_takes_and_nobody_should(self):
+        good = Image("Corvel R1 2.0.0", 100_000, 50_000)
+        body = b"".join(good.sections)
+        self.refuse(body, "no version section")
+        self.refuse(body + signed(b""), "no version section")
+        root, kernel = good.sections
+        end = version_section("x")
+        self.refuse(signed(root + end), "both a root file system and a kernel")
+        self.refuse(signed(kernel + end), "both a root file system and a kernel")
+        self.refuse(signed(end), "both a root file system and a kernel")
+        self.refuse(signed(root + root + kernel + end), "Rootfs: two sections")
+        self.refuse(Image("x", 99, 99, [section(b"benv", b"bootparam=1\0")]).bytes(),
+                    "Boot-env: this section would replace")
+        for signature, name in ((b"rfs1", "Rootfs"), (b"knl1", "Linux_kernel")):
+            self.refuse(Image("x", 99, 99, [section(signature, b"x")]).bytes(),
+                        f"{name}: two sections")
+
+    def test_a_section_that_asks_not_to_be_checked_still_has_to_fit(self):
+        large = section(b"root", bytes(0x650000 + 1), mtd_id=255)
+        self.refuse(signed(large + section(b"kern", b"x") + version_section("x")),
+                    "Rootfs: this section does not fit its partition")
+        for address in (0x40000 - 99, 0x40000, 0xFFFFFFFF, 0x80000000):
+            self.refuse(Image("x", 99, 99, [
+                section(b"boot", bytes(100), burn_address=address)]).bytes(),
+                "Boot: this section does not fit its partition")
+
+    def test_what_runs_is_never_overwritten(self):
+        self.assertEqual(self.upload(Image("Corvel R1 2.0.0", 99, 99).bytes())[0], 303)
+        self.write_staged()
+        self.restart()
+        before = self.flash()
+        for signature in (b"rfs1", b"knl1"):
+            image = Image("x", 99, 99, [section(signature, b"x")]).bytes()
+            status, text = self.upload(image)
+            self.assertEqual(status, 422)
+            self.assertIn("would overwrite the set that runs", self.complaint(text))
+        self.assertEqual(self.flash(), before)
+
+    def test_a_broken_boot_environment(self):
+        image = Image("Corvel R1 2.0.0", 99, 99).bytes()
+        without = b"bootdelay=2\0\0".ljust(65532, b"\0")
+        for broken in (b"\0" * 65536, self.factory[1][:-1] + b"x",
+                       struct.pack(">I", zlib.crc32(without)) + without):
+            self.demo.flash(1).write_bytes(broken)
+            self.factory[1] = broken
+            status, text = self.upload(image)
+            self.assertEqual(status, 422)
+            self.assertIn("boot environment", self.complaint(text))
+            self.assertEqual(self.flash(), self.factory)
+            self.assertEqual(self.curl(UPGRADE)[0], 200)
+
+    def test_names_of_files(self):
+        image = Image("Corvel R1 2.0.0", 99, 99).bytes()
+        for name, shown in (("<script>alert(1)</script>", "script>"), ("../../etc/passwd", "passwd"),
+                            ("C:\\images\\a.bin", "a.bin"), ("$message", "$message"), ("a" * 300, "image"),
+                            ("setenv x.bin", "image"), ("\u65e5\u672c.bin", "\u65e5\u672c.bin"), ("'&.bin", "'&.bin"),
+                            ("\udcff.bin", "image"), ("a\tb", "image")):
+            file = name.encode("utf-8", "surrogateescape").decode("latin-1")
+            body = multipart(part(image)).replace(
+                b'"image.bin"', b'"' + file.encode("latin-1") + b'"')
+            self.assertEqual(self.send(body).status, 303, name)
+            heading = re.search(r'<h2 id="step">(.*)</h2>', self.curl(UPGRADE)[1]).group(1)
+            self.assertEqual(html.unescape(heading), f"Write {shown} into set B?")
+            self.assertNotIn("<", heading)
+
+
+class CutOff(UpgradeTest):
+    def assert_runs_as_before(self):
+        kept = (0, 1, *RUNNING_A, 6, 7, 8)
+        self.assertEqual(self.flash(kept), {each: self.factory[each] for each in kept})
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+
+    def test_a_writer_that_is_killed(self):
+        image = large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)
+        for share in (0, 0.3, 0.9):
+            self.assertEqual(self.upload(image[1])[0], 303)
+            writer = self.write_until(share)
+            self.assertEqual(self.upload(image[1])[0], 409)
+            self.assertEqual(self.act("restart"), 409)
+            os.kill(writer, signal.SIGKILL)
+            self.assertTrue(wait_until(lambda: self.state()["STATE"] == "interrupted"))
+            self.assert_runs_as_before()
+            text = self.curl(UPGRADE)[1]
+            self.assertIn("The writing was cut off", text)
+            self.assertIn('Set B <span class="badge">Incomplete</span>', text)
+            self.restart()
+            self.assert_runs_as_before()
+        self.assertEqual(self.upload(image[1])[0], 303)
+        os.kill(self.write_until(0.5), signal.SIGKILL)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == "interrupted"))
+        self.write_staged()
+        self.restart()
+        self.assert_set("B", "B", "Corvel R1 2.0.0")
+
+    def test_a_device_that_loses_its_power(self):
+        self.upload(large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)[1])
+        self.write_until(0.4)
+        self.demo.stop(signal.SIGKILL)
+        self.start_anew()
+        self.assert_runs_as_before()
+        self.assertEqual(self.state()["STATE"], "")
+        self.assertFalse((self.demo.root() / "tmp/firmware").exists())
+
+
+class ReadOnlyFlash(UpgradeTest):
+    """A device with a partition that can't be written."""
+
+    def setUp(self):
+        folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
+        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        (folder / "demo").mkdir()
+        script = folder / "demo" / "run"
+        shutil.copy(SOURCE / "demo" / "packages", folder / "demo")
+        text = (SOURCE / "demo" / "run").read_text()
+        end = "    # On the device every program runs as root"
+        self.assertIn(end, text)
+        script.write_text(text.replace(
+            end, '    device_root+=(--ro-bind "$state/flash/mtdblock5" /dev/mtdblock5)\n' + end))
+        script.chmod(0o755)
+        self.options = {"script": script}
+        super().setUp()
+
+    def test_what_can_not_be_written_does_not_boot(self):
+        self.assertEqual(self.upload(Image("Corvel R1 2.0.0").bytes())[0], 303)
+        self.assertEqual(self.act("write"), 303)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == "failed", 30))
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+        self.assertIn("The flash could not be written. The set that runs is as it was",
+                      self.curl(UPGRADE)[1])
+        self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
+        self.assertEqual(self.demo.flash(1).read_bytes(), self.factory[1])
+
+
+class AtOnce(UpgradeTest):
+    pause = ""
+
+    def test_one_upload_at_a_time_and_a_pause_before_a_large_one(self):
+        times = []
+
+        def first():
+            start = time.monotonic()
+            result = self.send(multipart(part(Image("Corvel R1 2.0.0", 99_000, 99).bytes())))
+            times.append((result.status, time.monotonic() - start))
+
+        small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))
+        start = time.monotonic()
+        self.assertEqual(self.send(small).status, 303)
+        self.assertLess(time.monotonic() - start, 3)
+
+        client = threading.Thread(target=first)
+        client.start()
+        self.assertTrue(wait_until(lambda: self.demo.programs("/www/cgi-bin/upload")))
+        self.assertTrue(wait_until(lambda: "being received" in self.curl(UPGRADE)[1], 5))
+        start = time.monotonic()
+        response = self.send(small)
+        self.assertEqual(response.status, 409)
+        self.assert_page(response.text)
+        for action in ("write", "discard", "restart"):
+            self.assertEqual(self.act(action), 409)
+        self.assertLess(time.monotonic() - start, 5)
+        client.join()
+        (status, seconds), = times
+        self.assertEqual(status, 303)
+        self.assertGreaterEqual(seconds, 10)
+        self.assertEqual(self.state()["STATE"], "staged")
+
+    def test_many_small_uploads_at_once(self):
+        bodies = [multipart(part(Image(f"Corvel R1 2.0.{i}", 99, 99).bytes())) for i in range(12)]
+        answers = []
+        clients = [threading.Thread(target=lambda body=body: answers.append(self.send(body).status))
+                   for body in bodies]
+        for client in clients:
+            client.start()
+        for client in clients:
+            client.join()
+        self.assertEqual(set(answers) - {303, 409}, set())
+        self.assertIn(303, answers)
+        self.assertEqual(self.state()["STATE"], "staged")
+        self.assertEqual(self.flash(), self.factory)

@@ -1,0 +1,75 @@
+"""The firmware upgrade as a person does it, in a browser."""
+
+import os
+import signal
+
+from browser import Walk
+from device import wait_until
+from test_upgrade import RUNNING_A, UpgradeTest
+from upgrade_image import Image, large_image
+
+
+class InBrowser(UpgradeTest):
+    def walk(self, name, *arguments, **environment):
+        walk = Walk(name, self.demo, *arguments, **environment)
+        self.addCleanup(walk.stop)
+        return walk
+
+    def file(self, name, data):
+        path = self.folder / name
+        path.write_bytes(data)
+        return path
+
+    def test_from_a_to_b_and_back(self):
+        there, bytes_there = large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)
+        back, bytes_back = large_image("Corvel R1 3.0.0", 15 * 1024 * 1024)
+        seen = self.walk("both", self.file("corvel-r1-2.0.0.bin", bytes_there),
+                         self.file("corvel-r1-3.0.0.bin", bytes_back)).result()
+        self.assertEqual(
+            [(each["before"], each["after"]) for each in seen["upgrades"]],
+            [("Set A Running Corvel R1 1.0.0", "Set B Running Corvel R1 2.0.0"),
+             ("Set B Running Corvel R1 2.0.0", "Set A Running Corvel R1 3.0.0")])
+        self.assertEqual([each["rows"][0].split("\t")[:3] for each in seen["upgrades"]],
+                         [["Rootfs", "Rootfs-1", "/dev/mtdblock4"],
+                          ["Rootfs", "Rootfs", "/dev/mtdblock2"]])
+        for name in ("uploading", "writing"):
+            steps = {percent for percent in seen[name] if 0 < percent < 100}
+            self.assertGreater(len(steps), 2, name)
+        for number, expected in ((2, back.root), (3, back.kernel), (4, there.root),
+                                 (5, there.kernel)):
+            self.assertTrue(self.demo.flash(number).read_bytes().startswith(expected), number)
+        self.assert_set("A", "A", "Corvel R1 3.0.0")
+
+    def test_a_writer_that_is_killed(self):
+        image = self.file("corvel-r1-2.0.0.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
+        walk = self.walk("write", image)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == "writing", 30))
+        writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
+        self.go_on(writer, 0.4)
+        self.assertEqual(walk.line(), "writing")
+        os.kill(writer, signal.SIGKILL)
+        seen = walk.result()
+        self.assertEqual(seen["running"], "Set A Running Corvel R1 1.0.0")
+        self.assertTrue(seen["writing"])
+        self.assertEqual(self.flash((1, *RUNNING_A)),
+                         {each: self.factory[each] for each in (1, *RUNNING_A)})
+
+    def test_a_refused_image(self):
+        image = bytearray(Image("Corvel R1 2.0.0").bytes())
+        image[2_000_000] ^= 1
+        seen = self.walk("refused", self.file("damaged.bin", image)).result()
+        self.assertIn("Rootfs: the checksum of this section is wrong", seen["reason"])
+        self.assertEqual(seen["focused"], "damaged.bin can\u2019t be used")
+        self.assert_untouched()
+
+    def test_a_file_that_is_too_large_is_not_sent(self):
+        self.assertIn("larger than 16 MiB", self.walk(
+            "tooLarge", self.file("large.bin", bytes(16 * 1024 * 1024 + 1))).result())
+
+    def test_without_scripts(self):
+        image = self.file("a.bin", Image("Corvel R1 2.0.0").bytes())
+        self.assertEqual(self.walk("withoutScripts", image).result(),
+                         "Set B Running Corvel R1 2.0.0")
+
+    def test_every_page_in_every_width_and_colour(self):
+        self.assertEqual(self.walk("pages").result(), "checked")
