@@ -897,8 +897,9 @@ CORVEL_API char *get_env(const char *name);
 /**
  * Sets a variable of the current image at the end of its list, or deletes it, and updates the CRC.
  *
- * Prints "## Error: illegal character '=' in variable name \"%s\"\n", and nothing is changed; or
- * "## Error: environment overflow, \"%s\" deleted\n", and the old value is gone and the CRC stale.
+ * Each message stands in a line of its own. For a name with a `=`, and nothing is changed:
+ * `## Error: illegal character '=' in variable name "%s"`. Where there is no room, and the old
+ * value is gone and the CRC stale: `## Error: environment overflow, "%s" deleted`.
  *
  * @param name  the name.
  * @param value the value; null deletes the variable, which need not be there. Not a value that
