@@ -947,8 +947,8 @@ CORVEL_API uint32_t get_rootid(const char *path);
  * Sets a variable, or deletes it, in the current image and writes env_image_mem to a file: load it
  * with init_env() first.
  *
- * @param path  the file; created with mode 0644 if it is missing. If it can't be opened, "Err: open
- *              file %s failed\n" is printed.
+ * @param path  the file; created with mode 0644 if it is missing. If it can't be opened,
+ *              `Err: open file %s failed` is printed, and a line end.
  * @param name  the name.
  * @param value the value, or null.
  * @return 0, also where the file could not be written; -1 if the variable could not be set.
