@@ -80,7 +80,7 @@ class DataArea {
     void remove(const Entry &entry) {
         const std::size_t following = entry.end + 1;
         const std::size_t length = ends_at(following) ? 0 : list_end(following) - following;
-        std::memmove(&data_[entry.start], &data_[following], length);
+        std::memmove(&data_[entry.start], data_.data() + following, length);
         const std::size_t end = entry.start + length;
         data_[end] = '\0';
         // The NUL of the previous entry is the first of the two where one is there.

@@ -108,7 +108,7 @@ Content content_of(Bytes section, const Header &header, const sign_tbl_entry &ro
 }
 
 /// Whether a section's payload sums up and fits its partition; only asked where it has to.
-Result check_section(Bytes section, std::size_t offset, const Header &header,
+Result check_section(Bytes section, std::uint64_t offset, const Header &header,
                      const sign_tbl_entry &row, std::uint32_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
         syslog(LOG_ERR, "%s image checksum error at %X!\n", row.signature,
@@ -147,9 +147,9 @@ struct Recognised {
 
 /// Walks the sections of an image; each one that is recognised fills a record.
 Result walk_sections(Bytes image, std::uint32_t shift, img_info *records, Recognised &recognised) {
-    std::size_t offset = 0;
+    std::uint64_t offset = 0; // a section may announce more than a 32-bit size can hold
     while (offset + header_size < image.size()) {
-        const Bytes section = image.subspan(offset);
+        const Bytes section = image.subspan(static_cast<std::size_t>(offset));
         const Header header = read_header(section);
         if (section.size() - header_size + length_margin < header.len) {
             syslog(LOG_ERR, "Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
@@ -217,16 +217,16 @@ Result parse(Bytes image, img_info *records, int &count) {
 }
 
 bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size_t length) {
-    bool written = false;
+    ssize_t written = -1;
     {
         const Descriptor device(open(text_or_empty(path), O_RDWR));
         if (!device)
             return false;
         lseek(device.get(), offset, SEEK_SET);
-        written = write(device.get(), bytes, length) == static_cast<ssize_t>(length);
+        written = write(device.get(), bytes, length);
     }
     sync();
-    return written;
+    return written >= 0 && static_cast<std::size_t>(written) == length;
 }
 
 } // namespace

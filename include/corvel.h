@@ -787,9 +787,12 @@ CORVEL_API char *hex_search(const char *start, const char *end, const char *patt
  * Reads the next part of an upload.
  *
  * Of each header the first place where its name stands counts, and the separator must follow right
- * behind. A value is what follows up to the line end, without double quotes, cut at 256 characters
- * and at what the record's field holds. The content lies between the blank line behind the last
- * header and the line end in front of the next boundary.
+ * behind. A second Content-Type takes the place of the first, and that of the transfer encoding if
+ * none follows. Without either, the record's transfer encoding is left as it was: zero the records
+ * first. Where a header's line does not end, the buffer is read to its end. A value is what follows
+ * up to the line end, without double quotes, cut at 256 characters and at what the record's field
+ * holds. The content lies between the blank line behind the last header and the line end in front
+ * of the next boundary.
  *
  * @param data     receives where the content begins, in the buffer.
  * @param size     receives the content's length; 0 where the headers run into the boundary.
@@ -938,7 +941,7 @@ CORVEL_API char *parse_bootargs_get_val(const char *args, const char *key);
  * Prints "Err: can not open file %s\n", "Err: envimage size is less then CONFIG_ENV_SIZE(65536)\n",
  * or "Warning - bad CRC\n" and "Err: invalid image\n".
  *
- * @param path the file; the image becomes current.
+ * @param path the file; the image becomes current if it could be read whole.
  * @return the number that the text has from its colon on: always 0.
  */
 CORVEL_API uint32_t get_rootid(const char *path);
@@ -992,8 +995,8 @@ extern CORVEL_API int bootparam;
  * runs, into the object of that name. Logs "bootparam=%d\n".
  *
  * @return what is added to the block-device index of set A to reach the idle set: 2 if A runs, 0 if
- *         B runs. 0 also on every failure and for a negative odd number, with `bootparam`
- * unchanged.
+ *         B runs. 0 also on every failure and for a negative odd number, with `bootparam` as it
+ *         was.
  */
 CORVEL_API uint32_t get_bootparam(void);
 
@@ -1014,10 +1017,11 @@ CORVEL_API uint32_t save_bootparam(void);
  * @param image   the image; the records point into it.
  * @param total   its length in bytes.
  * @param records five records.
- * @param result  receives 0 if the image is accepted; 1 if a section runs past the end, 2 if a
- *                payload's checksum is not zero, 3 if a section is larger than its partition, 4 if
- *                there are more than four sections, 5 if the CRC does not match or no section is
- *                recognised. An image that does not end with a version section has no CRC.
+ * @param result  receives 0 if the image is accepted; 1 if a section runs past the end by more than
+ *                four bytes (what is missing counts as zero); 2 if a payload's checksum is not
+ *                zero; 3 if a section is larger than its partition; 4 if more than four sections
+ *                are recognised; 5 if the CRC does not match or no section is recognised. Where
+ *                the last section recognised is no version section, there is no CRC.
  * @return the number of records, or 0 on failure: then flash nothing.
  */
 CORVEL_API int parse_firmware(const unsigned char *image, unsigned int total, img_info *records,
