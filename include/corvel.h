@@ -479,8 +479,8 @@ CORVEL_API int get_http_methmod(const char *method);
  * at. The environment is left alone.
  *
  * @return the field's value, one double quote removed from each end, as atoi() reads it, held to
- * the range of an int; 0 if the method is not GET, or there is no such field, or it is not a
- * number.
+ *         the range of an int; 0 if the method is not GET, or there is no such field, or it is not
+ *         a number.
  */
 CORVEL_API int isajax_get(void);
 
