@@ -167,6 +167,28 @@ std::unique_ptr<char[]> padded_copy(std::string_view text, std::size_t size) {
 
 std::string_view as_text(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
 
+std::uint32_t crc_of(std::string_view bytes) {
+    static const std::array<std::uint32_t, 256> table = [] {
+        std::array<std::uint32_t, 256> remainders{};
+        for (std::uint32_t i = 0; i < 256; ++i) {
+            remainders[i] = i;
+            for (int bit = 0; bit < 8; ++bit)
+                remainders[i] = (remainders[i] & 1) != 0 ? (remainders[i] >> 1) ^ 0xEDB88320
+                                                         : remainders[i] >> 1;
+        }
+        return remainders;
+    }();
+    std::uint32_t crc = 0xFFFFFFFF;
+    for (const char c : bytes)
+        crc = table[(crc ^ static_cast<unsigned char>(c)) & 0xFF] ^ (crc >> 8);
+    return crc ^ 0xFFFFFFFF;
+}
+
+std::string word_of(std::uint32_t value) {
+    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+            static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
 std::string without_quotes(std::string_view text) {
     if (text.size() == 1)
         return std::string(text == "\"" ? "" : text);

@@ -64,6 +64,12 @@ std::string_view as_text(std::string_view bytes);
 /** A copy of the text without a double quote at its front and without one at its back. */
 std::string without_quotes(std::string_view text);
 
+/** The CRC-32, over a table that is made of the definition. */
+std::uint32_t crc_of(std::string_view bytes);
+
+/** A word as the file formats store it: most significant byte first. */
+std::string word_of(std::uint32_t value);
+
 /** At most the first @p size characters. */
 std::string_view cut(std::string_view text, std::size_t size);
 

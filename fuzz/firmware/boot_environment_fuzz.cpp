@@ -34,29 +34,6 @@ struct Start {
     std::string data;
 };
 
-/** The CRC-32, bit by bit over a table that is made of the definition. */
-std::uint32_t crc_of(std::string_view bytes) {
-    static const std::array<std::uint32_t, 256> table = [] {
-        std::array<std::uint32_t, 256> remainders{};
-        for (std::uint32_t i = 0; i < 256; ++i) {
-            remainders[i] = i;
-            for (int bit = 0; bit < 8; ++bit)
-                remainders[i] = (remainders[i] & 1) != 0 ? (remainders[i] >> 1) ^ 0xEDB88320
-                                                         : remainders[i] >> 1;
-        }
-        return remainders;
-    }();
-    std::uint32_t crc = 0xFFFFFFFF;
-    for (const char c : bytes)
-        crc = table[(crc ^ static_cast<unsigned char>(c)) & 0xFF] ^ (crc >> 8);
-    return crc ^ 0xFFFFFFFF;
-}
-
-std::string word_of(std::uint32_t value) {
-    return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-            static_cast<char>(value >> 8), static_cast<char>(value)};
-}
-
 /** What an image should be. */
 class Model {
   public:
