@@ -16,23 +16,30 @@
  *  - A text that is longer than the field that keeps it is cut to fit and terminated. Output is
  *    never cut.
  *  - The caller owns every table (array and count) and every list. The library allocates a table's
- *    texts and a list's records with malloc() and releases them in free_prop() and free_list().
+ *    texts and a list's records with malloc() and releases them in free_prop(), free_list() and
+ *    free_leaselist().
  *  - No function may be called from several threads at once.
  */
 #ifndef CORVEL_H
 #define CORVEL_H
 
+#include <stdarg.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #if defined(__GNUC__)
 /** Marks what the shared library exports; everything else in it is hidden. */
 #define CORVEL_API __attribute__((__visibility__("default")))
 /** Has the compiler check a printf-like call: position of the format and of its first value. */
 #define CORVEL_PRINTF_LIKE(text, first) __attribute__((__format__(__printf__, text, first)))
+/** Tells the compiler that a function never returns. */
+#define CORVEL_NORETURN __attribute__((__noreturn__))
 #else
 #define CORVEL_API
 #define CORVEL_PRINTF_LIKE(text, first)
+#define CORVEL_NORETURN
 #endif
 
 #ifdef __cplusplus
@@ -92,6 +99,17 @@ typedef struct img_info {
     char mtdev[32];            /**< The block device: "/dev/mtdblock" and `mtd_ids`. */
     uint32_t base_mtd_id;      /**< The index before the shift to the idle set. */
 } img_info;
+
+/** A DHCP lease or a neighbour. Which spelling an address has depends on who filled the record. */
+typedef struct lease_entry {
+    int32_t reserved;         /**< Not used: 0. */
+    char ip[128];             /**< The IP address. */
+    char hwtype[8];           /**< A neighbour's hardware type in hexadecimal: "1" for Ethernet. */
+    char mac[32];             /**< The hardware address. */
+    char expires[16];         /**< A lease's seconds in decimal; empty for a neighbour. */
+    char hostname[128];       /**< The host's name as the server knows it, or empty. */
+    struct lease_entry *next; /**< The following record, or null. */
+} lease_entry;
 
 /** @} */
 
@@ -1094,6 +1112,533 @@ CORVEL_API void print_string_array(const char *title, const unsigned char *data,
  * @return 0.
  */
 CORVEL_API int print_byte_to_string(char *dst, const unsigned char *data, int len);
+
+/** @} */
+
+/**
+ * @defgroup conversions Conversions
+ *
+ * Hexadecimal text, hardware (MAC) addresses, and the names of wireless radios and networks. A
+ * hardware address is spelled in colon form (17 characters, `00:1A:2B:3C:4D:5E`), in stripped form
+ * (12 characters, `001A2B3C4D5E`) or in binary form (6 bytes). What is printed is upper case.
+ *
+ * No function knows the size of a buffer that it writes to: each says how much it takes.
+ * @{
+ */
+
+/** @return the value of a hexadecimal digit of either case, or -1. */
+CORVEL_API int hex2int(char digit);
+
+/**
+ * Prints bytes as hexadecimal text.
+ *
+ * @param bytes the bytes.
+ * @param n     their number.
+ * @param out   receives the text: 2 * @p n + 1 bytes. Nothing is written for no bytes. Null: a new
+ *              block is returned, to be released with free_buffer() and a size of 2 * @p n.
+ * @return the text; null if there was no memory.
+ */
+CORVEL_API char *ascii2hex(const unsigned char *bytes, unsigned int n, char *out);
+
+/**
+ * Turns hexadecimal text into characters, without any check.
+ *
+ * A digit that is none counts as -1, which gives a wrong character. An odd last digit is dropped. A
+ * pair that is zero ends the text early for whoever reads it as one.
+ *
+ * @param hex the text.
+ * @param out receives the characters and a NUL: half the length of @p hex plus one byte. Must hold
+ *            an empty text, and not overlap @p hex.
+ * @return @p out.
+ */
+CORVEL_API char *hex2ascii(const char *hex, char *out);
+
+/**
+ * Turns hexadecimal text into bytes, and refuses what is no digit.
+ *
+ * @param hex the text; not read behind its end, whatever @p len says.
+ * @param len its length in characters. An odd last one is ignored.
+ * @param out receives @p len / 2 bytes, and no NUL.
+ * @return 0, or -1 at the first pair that is not one of digits: the bytes of the pairs before it
+ *         are stored then.
+ */
+CORVEL_API int str2byte(const char *hex, int len, unsigned char *out);
+
+/**
+ * Turns a hardware address from stripped into binary form. The digits are not checked.
+ *
+ * @param text the address.
+ * @param mac  receives 6 bytes; untouched if the text has not 12 characters.
+ * @return 0 for the address of a station; 1 for a group address (broadcast is one) and for a text
+ *         that has not 12 characters.
+ */
+CORVEL_API unsigned int ascii2mac(const char *text, unsigned char *mac);
+
+/**
+ * Prints a hardware address of 6 bytes in colon form.
+ *
+ * @return the text, in a buffer of the library that the next call overwrites.
+ */
+CORVEL_API char *iw_pr_ether(const unsigned char *mac);
+
+/**
+ * Prints a number in decimal.
+ *
+ * @param out receives up to 12 bytes.
+ * @return @p out.
+ */
+CORVEL_API char *in2str(char *out, int value);
+
+/** @return the upper case of a letter from a to z; any other character as it is. */
+CORVEL_API signed char chUpcase(signed char character);
+
+/**
+ * Turns a hardware address from colon into stripped form. Neither digits nor separators, which may
+ * be any character, are checked.
+ *
+ * @param text the address. What is missing of 17 characters counts as NUL.
+ * @param out  receives 13 bytes; may be @p text itself.
+ * @return @p out.
+ */
+CORVEL_API char *mac2hexStrip(const char *text, char *out);
+
+/**
+ * Turns a hardware address from stripped into colon form: puts a colon between each two characters
+ * and their neighbours. The case stays as it is.
+ *
+ * @param text the address; of an odd length, a NUL completes it.
+ * @param out  receives 17 bytes for 12 characters, and no NUL: fill 18 bytes with zeros before.
+ *             Must not overlap @p text.
+ * @return @p out.
+ */
+CORVEL_API char *HexStrip2mac(const char *text, char *out);
+
+/**
+ * Prints the number that a file begins with, with six decimal places; 0.010000 if there is none.
+ *
+ * @param path the file; may be null.
+ * @param out  receives the text, cut to fit. Untouched if the file can't be read.
+ * @param size the bytes at @p out.
+ * @return @p out.
+ */
+CORVEL_API char *get_val_from_file(const char *path, char *out, int size);
+
+/**
+ * Writes the name of a wireless network: "wifi0_wlan1".
+ *
+ * Of indices, here and below, only the low byte counts: 0 to 255.
+ *
+ * @param radio   index of the radio.
+ * @param network index of its network.
+ * @param out     receives up to 17 bytes.
+ * @return @p out.
+ */
+CORVEL_API char *gen_wlan_name(int radio, int network, char *out);
+
+/** Writes the name of a wireless network in upper case, "WIFI0_WLAN1": up to 17 bytes. */
+CORVEL_API char *gen_wlan_name0(int radio, int network, char *out);
+
+/** Writes the name of a radio, "wifi0": up to 8 bytes. */
+CORVEL_API char *gen_radio_name(int radio, char *out);
+
+/** Writes a radio's key in braces, "{WIFI0_suffix}": up to 11 bytes and the suffix. */
+CORVEL_API char *gen_radio_key(int radio, const char *suffix, char *out);
+
+/** Writes a radio's key, "WIFI0_suffix": up to 9 bytes and the suffix. */
+CORVEL_API char *gen_radio_key0(int radio, const char *suffix, char *out);
+
+/** Writes a network's key in braces, "{WIFI0_WLAN1_suffix}": up to 20 bytes and the suffix. */
+CORVEL_API char *gen_wlan_key(int radio, int network, const char *suffix, char *out);
+
+/** Writes a network's key, "WIFI0_WLAN1_suffix": up to 18 bytes and the suffix. */
+CORVEL_API char *gen_wlan_key0(int radio, int network, const char *suffix, char *out);
+
+/** @} */
+
+/**
+ * @defgroup interface_addresses Interface addresses
+ *
+ * What the kernel knows of a network interface. One that is down still answers. A name that no
+ * interface can have, as one of 16 characters, is that of an interface that does not exist.
+ * @{
+ */
+
+/**
+ * Asks for an address of an interface, in network byte order.
+ *
+ * @param ifname   the interface.
+ * @param selector 0: IPv4 address. 1: IPv4 netmask. 3: hardware address. 4: global IPv6 address,
+ *                 the first one in the kernel's table.
+ * @param result   receives 4 bytes for 0 and 1; 16 for 3: the address family (2 bytes, the
+ *                 machine's order) and 14 of data, the first 6 of which are the address; 16 for 4.
+ *                 Untouched on failure.
+ * @return 1, for 4 the prefix length (0 to 128); 0 if there is no such interface or no such address
+ *         and for any other selector.
+ */
+CORVEL_API int getInAddr(const char *ifname, unsigned int selector, void *result);
+
+/**
+ * Writes an interface's hardware address in colon form, or "00:00:00:00:00:00" on any failure.
+ *
+ * @param ifname the interface; may be null.
+ * @param out    receives 18 bytes.
+ * @return @p out.
+ */
+CORVEL_API char *getHWaddr(const char *ifname, char *out);
+
+/** Writes an interface's hardware address in stripped form, or "000000000000": 13 bytes. */
+CORVEL_API char *getHWaddr0(const char *ifname, char *out);
+
+/**
+ * Writes an interface's address as text.
+ *
+ * @param ifname   the interface; may be null.
+ * @param selector 0: IPv4 address; 1: IPv4 netmask: "0.0.0.0" on any failure. 4: global IPv6
+ *                 address with its prefix length, as in "2001:db8::1/64"; "::" on any failure and
+ *                 for a prefix length of 0.
+ * @param out      receives the text, cut to fit; 16 bytes suffice for IPv4, 64 for IPv6. "::" if
+ *                 the IPv6 address does not fit.
+ * @param len      the bytes at @p out. Four of them are never used for the prefix length.
+ * @return @p out.
+ */
+CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, int len);
+
+/** @} */
+
+/**
+ * @defgroup routes_and_dns Routes and DNS
+ * @{
+ */
+
+/**
+ * Finds the gateway of an interface: that of its first route through a gateway that is up and not a
+ * host route, be it the default route or not.
+ *
+ * Prints "Open %s file error." and a line end if the kernel's table can't be opened.
+ *
+ * @param ifname the interface.
+ * @param gw     receives the address in network byte order; untouched if there is none.
+ * @return 1, or 0 if there is none.
+ */
+CORVEL_API int getDefaultRoute(const char *ifname, uint32_t *gw);
+
+/**
+ * Writes the gateway of an interface as getDefaultRoute() finds it, or "0.0.0.0".
+ *
+ * @param ifname the interface; may be null.
+ * @param out    receives up to 16 bytes.
+ * @return @p out.
+ */
+CORVEL_API char *getDefGw(const char *ifname, char *out);
+
+/**
+ * Appends the name servers of /etc/resolv.conf to a text, in the file's order and each followed by
+ * `&nbsp;&nbsp;&nbsp;&nbsp;`. Lines are taken in pieces of 254 characters.
+ *
+ * @param out a text, with room for all of them: up to 24 bytes more than its line for each.
+ * @return @p out. If the file can't be read @p out stays as it is, and the four entities are
+ *         returned as a text of the library.
+ */
+CORVEL_API char *get_dns(char *out);
+
+/** @} */
+
+/**
+ * @defgroup leases Leases and neighbours
+ *
+ * Lists of lease_entry records in the order of their file. A reader's list begins with a null
+ * pointer as its head; the caller releases it with free_leaselist(), also where reading stopped for
+ * want of memory.
+ * @{
+ */
+
+/** @return the seconds of the monotonic clock. */
+CORVEL_API int monotonic_time(void);
+
+/**
+ * Fills a record from one of a binary lease file: 16 bytes of hardware address, of which 6 are
+ * used, 4 of IPv4 address, and 4 of expiry as a big-endian number, which is printed as it is.
+ *
+ * @param entry  the record; `ip`, `mac` (colon form) and `expires` are written.
+ * @param record 24 bytes.
+ */
+CORVEL_API void add_lease(lease_entry *entry, const unsigned char *record);
+
+/**
+ * Reads a binary lease file; see add_lease(). A record that begins with seven zeros is an empty
+ * slot; a last one that is cut off is ignored.
+ *
+ * If the file can't be opened, "could not open input file" is printed with perror().
+ *
+ * @param head the address of a null pointer; receives the list.
+ * @param path the file.
+ * @return the number of records.
+ */
+CORVEL_API int get_udhpd_leases(lease_entry **head, const char *path);
+
+/**
+ * Reads a text lease file, one lease a line: expiry in seconds since the epoch, hardware address,
+ * IP address, host name, client identifier.
+ *
+ * `mac`, `ip` and `hostname` are taken as they are, `expires` is the time that is left and negative
+ * for a lease that has ended. A missing word is empty. Words are cut at 31 characters, the host
+ * name at 127; lines are taken in pieces of 1023. A last line without a line end is not read.
+ *
+ * If the file can't be opened, "could not open input file" is printed with perror().
+ *
+ * @param head the address of a null pointer; receives the list.
+ * @param path the file.
+ * @return 0, whatever was read: look at the list.
+ */
+CORVEL_API int get_dnsmasq_leases(lease_entry **head, const char *path);
+
+/**
+ * Reads a DHCPv6 server's lease file as get_dnsmasq_leases() does, from other words of a line: the
+ * second is the hardware identifier, the fourth the host name, the fifth the expiry, the eighth the
+ * address.
+ */
+CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
+
+/**
+ * Reads the leases of the DHCP server that runs.
+ *
+ * If /var/run/udhcpd.pid holds a number above 0, that process is sent SIGUSR1, upon which it writes
+ * its leases, and /var/config/udhcpd.leases is read with get_udhpd_leases() at once: it may still
+ * be the one before. Otherwise, if a process named dnsmasq runs, /var/config/dnsmasq.leases is read
+ * with get_dnsmasq_leases().
+ *
+ * @param head the address of a null pointer; receives the list.
+ * @return what the reader returns; 0 if no server runs.
+ */
+CORVEL_API int get_leases(lease_entry **head);
+
+/** Wipes and frees every record of a list and sets the head to null. */
+CORVEL_API void free_leaselist(lease_entry **head);
+
+/**
+ * Reads the kernel's IPv4 neighbour table: `ip`, `hwtype` and `mac` (stripped form) of each
+ * neighbour whose hardware address is known. Of several lines with one hardware address the first
+ * counts. A line of the table that is none ends the reading; lines are taken in pieces of 127
+ * characters.
+ *
+ * @param ifname the interface whose neighbours are wanted; empty for all.
+ * @param head   the address of a null pointer; receives the list.
+ * @return the number of records; 0 if the table can't be read, and also if memory ran out.
+ */
+CORVEL_API int get_arp_cache(const char *ifname, lease_entry **head);
+
+/**
+ * Looks for a hardware address among neighbours. Lease records, which hold it in another form, are
+ * not found.
+ *
+ * @param head the list; may be null.
+ * @param mac  the address in colon form; see mac2hexStrip().
+ * @return the position of the first record that has it, from 1; 0 if none has.
+ */
+CORVEL_API int search_by_mac(const lease_entry *head, const char *mac);
+
+/**
+ * Prints a list: the line "dump mac ip", a line of address, hardware address and expiry for each
+ * record, each followed by a tab, and a line of dashes. A debugging aid.
+ */
+CORVEL_API void dump_macip(const lease_entry *head);
+
+/** @} */
+
+/**
+ * @defgroup errors Errors and input
+ * What is fatal, in one line on standard error; checked allocation; files read whole.
+ * @{
+ */
+
+/** The exit status of bb_error_msg_and_die(), and so of all that die: 1, unless a program sets it.
+ */
+extern CORVEL_API int bb_default_error_retval;
+
+/** "memory exhausted": what xmalloc() and xrealloc() die with. */
+extern CORVEL_API const char *bb_msg_memory_exhausted;
+
+/**
+ * Flushes standard output and prints "unknown app: " and a message on standard error, without a
+ * line end.
+ */
+CORVEL_API void bb_verror_msg(const char *fmt, va_list ap) CORVEL_PRINTF_LIKE(1, 0);
+
+/**
+ * Prints a message as bb_verror_msg() does, and a line end, and exits with bb_default_error_retval.
+ */
+CORVEL_API CORVEL_NORETURN void bb_error_msg_and_die(const char *fmt, ...) CORVEL_PRINTF_LIKE(1, 2);
+
+/**
+ * Allocates like malloc(), and dies with bb_msg_memory_exhausted where there is no memory.
+ *
+ * @return the block; for a size of 0 perhaps null.
+ */
+CORVEL_API void *xmalloc(size_t size);
+
+/**
+ * Changes the size of a block like realloc(), and dies with bb_msg_memory_exhausted where there is
+ * no memory.
+ *
+ * @return the block; for a size of 0 perhaps null.
+ */
+CORVEL_API void *xrealloc(void *block, size_t size);
+
+/**
+ * Copies a text, cut to fit, and fills what is left of the buffer with zeros.
+ *
+ * @param dst  receives @p size bytes; must not overlap @p src.
+ * @param src  the text.
+ * @param size the bytes at @p dst: at least 1. For 0 nothing is written.
+ * @return @p dst.
+ */
+CORVEL_API char *safe_strncpy(char *dst, const char *src, size_t size);
+
+/**
+ * Writes a user's or a group's name, or its number in the name's place.
+ *
+ * @param buf     receives the text, cut to fit.
+ * @param name    the name; null if there is none.
+ * @param id      the number.
+ * @param bufsize the bytes at @p buf. If negative and there is no name, it dies with
+ *                "unknown %cid %ld": the prefix and the number.
+ * @param prefix  `u` or `g`.
+ * @return @p buf with the name in it; null if the number was written. If @p bufsize is 0, or
+ *         negative and there is a name: @p name, and nothing is written.
+ */
+CORVEL_API char *my_getug(char *buf, char *name, long id, int bufsize, char prefix);
+
+/** Does what my_getug() does with the name of the user @p uid, if there is one, and `u`. */
+CORVEL_API char *my_getpwuid(char *buf, long uid, int bufsize);
+
+/**
+ * Reads until all bytes or the end has come.
+ *
+ * @param fd  the descriptor.
+ * @param buf receives up to @p len bytes, and no NUL.
+ * @param len the bytes wanted.
+ * @return the number read. After an error, to which an interruption by a signal belongs: what was
+ *         read before it, or -1 if that was nothing.
+ */
+CORVEL_API ssize_t full_read(int fd, void *buf, size_t len);
+
+/** Reads as full_read() does and closes the descriptor. */
+CORVEL_API ssize_t read_close(int fd, void *buf, size_t len);
+
+/** Opens a file and reads it as read_close() does; negative if it can't be opened. */
+CORVEL_API ssize_t open_read_close(const char *path, void *buf, size_t len);
+
+/** @} */
+
+/**
+ * @defgroup processes Process lookup
+ *
+ * A process has a name if its short name, which the kernel cuts to 15 characters, is that name's
+ * first 15, and its command line's first 49 characters hold the whole name. Kernel threads have no
+ * command line and so no name.
+ *
+ * If /proc can't be opened, what looks for processes dies with "Cannot open /proc"; see
+ * bb_error_msg_and_die().
+ * @{
+ */
+
+/**
+ * Reads a process's command line as one line: every byte below 32 becomes a blank.
+ *
+ * @param buf  receives up to @p size bytes and a NUL: @p size + 1 bytes. Untouched if there is
+ *             nothing to read.
+ * @param size the most bytes to read.
+ * @param pid  the process.
+ */
+CORVEL_API void read_cmdline(char *buf, int size, unsigned int pid);
+
+/**
+ * Finds the processes that have a name, in the order in which /proc lists them.
+ *
+ * @return their ids and a 0 behind them, or just -1 if there is none: an array that the caller
+ *         frees.
+ */
+CORVEL_API int *find_pid_by_name(const char *name);
+
+/**
+ * @return the first process that has a name, or 0. Where there is none, the few bytes of
+ *         find_pid_by_name()'s result are never freed.
+ */
+CORVEL_API int app_isrun(const char *name);
+
+/** @return as app_isrun(), but passes the calling process over. */
+CORVEL_API int is_runing(const char *name);
+
+/**
+ * Reads a process id from a file; that the process lives is not checked.
+ *
+ * @return the number that the file begins with, 0 if it does not begin with one; -1 if the file
+ *         can't be read.
+ */
+CORVEL_API int getPid(const char *path);
+
+/** @} */
+
+/**
+ * @defgroup accounts Accounts
+ * @{
+ */
+
+/**
+ * Checks a password against the system's account database. Only root can: the effective user
+ * counts, so that the program may be set-user-ID root.
+ *
+ * The password file's own password field must be set, and not begin with `!` or `*`; the hash is
+ * the shadow file's, whose line must fit 256 bytes.
+ *
+ * It takes longer for a user that exists, and does not slow down who guesses: that is for the
+ * program to do.
+ *
+ * @return 0 if the password is right, -1 otherwise: whatever the reason.
+ */
+CORVEL_API int login_auth(const char *user, const char *password);
+
+/**
+ * Sets a user's password: writes it, with the user's name, to /tmp/.chpwd.txt and runs
+ * "/bin/chpasswd -m < /tmp/.chpwd.txt" through the shell. The file is new, readable by its owner
+ * alone, and removed in any case; whatever had its name before is removed, too.
+ *
+ * @param user     the user. Refused with 123 if there is a colon or a line end in it.
+ * @param password the password, in plain text. Refused with 123 if there is a line end in it.
+ * @return 0; 121 if the command failed; 122 if it could not be started, was killed, or its status
+ *         is not to be had; 123 if the file could not be made.
+ */
+CORVEL_API int login_chpwd(const char *user, const char *password);
+
+/** @} */
+
+/**
+ * @defgroup traps Traps
+ * Notifications of 156 bytes, sent over netlink protocol 16 to the kernel and multicast group 1.
+ * @{
+ */
+
+/**
+ * Opens a socket for send_trap_msg(), itself a member of the group. The caller closes it.
+ *
+ * If it can't be bound, "bind failure:%s!" and a line end are printed, with the reason, and it
+ * stays open.
+ *
+ * @return the descriptor, above 0; otherwise the negative `errno`.
+ */
+CORVEL_API int open_socket_for_trap(void);
+
+/**
+ * Sends a notification: a netlink message of 172 bytes, type 17, sequence number 1, from the port
+ * that has the process's id.
+ *
+ * On failure "unable to send message" is printed with perror().
+ *
+ * @param sockfd the socket.
+ * @param record 156 bytes, sent as they are.
+ * @return the bytes sent, 172; negative on failure.
+ */
+CORVEL_API int send_trap_msg(int sockfd, const void *record);
 
 /** @} */
 

@@ -2,8 +2,11 @@
 #ifndef CORVEL_SUPPORT_DESCRIPTOR_H
 #define CORVEL_SUPPORT_DESCRIPTOR_H
 
+#include <cerrno>
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unistd.h>
 #include <utility>
 
@@ -31,13 +34,33 @@ class Descriptor {
     int descriptor_;
 };
 
-/// Opens a file for reading. A folder, which open() would open all the same, is refused.
+/// Opens a file for reading. A folder, which open() would open all the same, is refused. Where
+/// there is no file, errno says why.
 inline Descriptor open_for_reading(const char *path) {
     Descriptor file(open(text_or_empty(path), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    if (!file || fstat(file.get(), &status) != 0 || S_ISDIR(status.st_mode))
+    if (!file || fstat(file.get(), &status) != 0)
         return Descriptor(-1);
+    if (S_ISDIR(status.st_mode)) {
+        errno = EISDIR;
+        return Descriptor(-1);
+    }
     return file;
+}
+
+/// Reads until the block is full or nothing more comes. Returns the number of bytes read, or -1 if
+/// an error came before the first one. An interruption by a signal is an error.
+inline ssize_t read_fully(int descriptor, void *block, std::size_t size) {
+    std::size_t total = 0;
+    while (total < size) {
+        const ssize_t length = read(descriptor, static_cast<char *>(block) + total, size - total);
+        if (length < 0 && total == 0)
+            return length;
+        if (length <= 0)
+            break;
+        total += static_cast<std::size_t>(length);
+    }
+    return static_cast<ssize_t>(total);
 }
 
 /// Opens the environment's file. Descriptor 0 counts as a failure, and stays open.

@@ -33,13 +33,18 @@ inline HeapBlock<char> copy_of(std::string_view text) {
     return copy;
 }
 
-/// Overwrites a block of the C heap with zeros and frees it; null is ignored. The zeros are really
-/// written: the compiler must assume that something reads the block before it is freed.
+/// Overwrites a block with zeros that are really written: the compiler must assume that something
+/// reads them.
+inline void wipe(void *block, std::size_t size) {
+    std::memset(block, 0, size);
+    __asm__ volatile("" : : "r"(block) : "memory");
+}
+
+/// Overwrites a block of the C heap with zeros and frees it; null is ignored.
 inline void wipe_and_free(void *block, std::size_t size) {
     if (block == nullptr)
         return;
-    std::memset(block, 0, size);
-    __asm__ volatile("" : : "r"(block) : "memory");
+    wipe(block, size);
     std::free(block);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Text files are read in lines of at most 1023 characters; a longer line comes in pieces.
+// Text files are read in lines of at most 1023 characters, some in shorter ones; a longer line
+// comes in pieces.
 #ifndef CORVEL_SUPPORT_LINE_INPUT_H
 #define CORVEL_SUPPORT_LINE_INPUT_H
 
@@ -14,7 +15,8 @@
 
 namespace corvel {
 
-/// A line is taken up to this length, its line end included.
+/// A line is taken up to this length, its line end included, unless its file has a limit of its
+/// own.
 inline constexpr std::size_t line_limit = 1023;
 
 /// One line, or a piece of one, with its line end: at least one byte. It stands until the next one
@@ -38,18 +40,20 @@ struct Line {
 /// twice as fast as fgets(), whose line has to be copied and its length counted.
 class LineReader {
   public:
-    explicit LineReader(int descriptor) : descriptor_(descriptor) {}
+    /// A limit is at most line_limit.
+    explicit LineReader(int descriptor, std::size_t limit = line_limit)
+        : descriptor_(descriptor), limit_(limit) {}
 
     /// False when nothing more comes, be it the end or an error.
     [[gnu::noinline]] bool next(Line &line) {
         std::size_t searched = 0;
         for (;;) {
-            const std::string_view ready(buffer_ + start_, at_most(end_ - start_, line_limit));
+            const std::string_view ready(buffer_ + start_, at_most(end_ - start_, limit_));
             const std::size_t line_end = ready.find('\n', searched);
             if (line_end != std::string_view::npos)
                 return take(line_end + 1, false, line);
-            if (ready.size() == line_limit)
-                return take(line_limit, false, line);
+            if (ready.size() == limit_)
+                return take(limit_, false, line);
             searched = ready.size();
             if (!read_more())
                 return searched != 0 && take(searched, true, line);
@@ -81,6 +85,7 @@ class LineReader {
     }
 
     int descriptor_;
+    std::size_t limit_;
     bool failed_ = false;
     std::size_t start_ = 0;
     std::size_t end_ = 0;

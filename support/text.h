@@ -61,21 +61,28 @@ constexpr bool is_space(char character) {
 
 constexpr bool is_digit(char character) { return character >= '0' && character <= '9'; }
 
-/// The number at the start of a text, as atoi reads it: blanks, a sign, digits; 0 if there is none.
-/// A number outside of the range of an int, where atoi's result is undefined, becomes the nearest
-/// one inside.
-constexpr int decimal_value(std::string_view text) {
+/// The number at the start of a text, as atoi and atol read it: blanks, a sign, digits; 0 if there
+/// is none. A number outside of the range, where their result is undefined, becomes the nearest one
+/// inside.
+constexpr long long decimal_value(std::string_view text, long long minimum, long long maximum) {
     while (!text.empty() && is_space(text.front()))
         text.remove_prefix(1);
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+'))
         text.remove_prefix(1);
+    const long long limit = negative ? minimum : maximum;
     long long value = 0;
-    for (; !text.empty() && is_digit(text.front()) && value <= INT_MAX; text.remove_prefix(1))
-        value = value * 10 + (text.front() - '0');
-    if (value > INT_MAX)
-        return negative ? INT_MIN : INT_MAX;
-    return static_cast<int>(negative ? -value : value);
+    for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1)) {
+        const int digit = negative ? '0' - text.front() : text.front() - '0';
+        if (negative ? value < (limit - digit) / 10 : value > (limit - digit) / 10)
+            return limit;
+        value = value * 10 + digit;
+    }
+    return value;
+}
+
+constexpr int decimal_value(std::string_view text) {
+    return static_cast<int>(decimal_value(text, INT_MIN, INT_MAX));
 }
 
 } // namespace corvel

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/hexadecimal.h"
+
 namespace corvel {
 namespace {
 
@@ -82,14 +84,12 @@ void print_hex_lines(Bytes bytes) {
 
 /// Appends hardware addresses: a colon between two bytes, a blank behind every sixth.
 void append_addresses(char *text, Bytes bytes) {
-    constexpr char digits[] = "0123456789ABCDEF";
     char *out = text + std::strlen(text);
     std::size_t appended = 0;
     for (const unsigned char byte : bytes) {
         if (appended != 0)
             *out++ = appended % 6 == 0 ? ' ' : ':';
-        *out++ = digits[byte >> 4];
-        *out++ = digits[byte & 0xF];
+        out = put_hex(out, byte);
         ++appended;
     }
     *out = '\0';

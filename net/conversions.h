@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_NET_CONVERSIONS_H
+#define CORVEL_NET_CONVERSIONS_H
+
+#include <arpa/inet.h>
+#include <span>
+#include <string_view>
+
+#include "support/hexadecimal.h"
+
+namespace corvel {
+
+using MacAddress = std::span<const unsigned char, 6>;
+
+/// A hardware address with its colons, terminated.
+using ColonForm = std::span<char, 18>;
+
+/// A hardware address without separators, terminated.
+using StrippedForm = std::span<char, 13>;
+
+inline void print_colon_form(MacAddress mac, ColonForm text) {
+    char *out = text.data();
+    for (const unsigned char byte : mac) {
+        out = put_hex(out, byte);
+        *out++ = ':';
+    }
+    text.back() = '\0';
+}
+
+inline void print_stripped_form(MacAddress mac, StrippedForm text) {
+    char *out = text.data();
+    for (const unsigned char byte : mac)
+        out = put_hex(out, byte);
+    *out = '\0';
+}
+
+/// Turns a hardware address with separators, whatever they are, into one without, in upper case.
+/// What is missing of a text that is too short is NUL.
+void strip_separators(std::string_view text, StrippedForm stripped);
+
+/// An IPv4 address in network byte order, as a dotted quad.
+inline void print_dotted_quad(const void *address, std::span<char, INET_ADDRSTRLEN> text) {
+    inet_ntop(AF_INET, address, text.data(), INET_ADDRSTRLEN);
+}
+
+} // namespace corvel
+
+#endif

@@ -1,0 +1,193 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+
+#include <arpa/inet.h>
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <netinet/in.h>
+#include <optional>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include "net/conversions.h"
+#include "net/interface_name.h"
+#include "support/descriptor.h"
+#include "support/line_input.h"
+#include "support/line_scanner.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// What getInAddr() can be asked for.
+enum Selector : unsigned {
+    ipv4_address = 0,
+    ipv4_netmask = 1,
+    hardware_address = 3,
+    ipv6_address = 4
+};
+
+constexpr const char *ipv6_table = "/proc/net/if_inet6";
+
+constexpr const char *no_ipv4_address = "0.0.0.0";
+constexpr const char *no_ipv6_address = "::";
+
+constexpr std::size_t address_size = 16;
+
+/// A line of the kernel's table of IPv6 addresses.
+struct Ipv6Line {
+    std::array<unsigned char, address_size> address;
+    std::uint32_t prefix_length;
+    std::uint32_t scope;
+    std::string_view interface;
+
+    /// Link-local, host and site addresses have a scope.
+    [[nodiscard]] bool is_global() const { return (scope & 0xF0) == 0; }
+};
+
+/// Address, index, prefix length, scope, flags and interface, in hexadecimal but for the last. None
+/// if that is not what the line holds.
+std::optional<Ipv6Line> parse_ipv6_line(std::string_view text) {
+    LineScanner scanner(text);
+    const std::string_view digits = scanner.word();
+    Ipv6Line line{};
+    if (digits.size() != address_size * 2)
+        return {};
+    for (std::size_t i = 0; i < address_size; ++i) {
+        const int high = hex_value(digits[i * 2]);
+        const int low = hex_value(digits[i * 2 + 1]);
+        if (high < 0 || low < 0)
+            return {};
+        line.address[i] = static_cast<unsigned char>(high * 16 + low);
+    }
+    const auto index = scanner.hexadecimal();
+    const auto prefix_length = scanner.hexadecimal();
+    const auto scope = scanner.hexadecimal();
+    const auto flags = scanner.hexadecimal();
+    line.interface = scanner.word();
+    if (!index || !prefix_length || !scope || !flags || *prefix_length > address_size * 8)
+        return {};
+    line.prefix_length = *prefix_length;
+    line.scope = *scope;
+    return line;
+}
+
+/// The interface's first global IPv6 address. Returns the length of its prefix, 0 if there is none.
+int find_ipv6_address(std::string_view interface, void *result) {
+    const Descriptor table = open_for_reading(ipv6_table);
+    if (!table)
+        return 0;
+    LineReader reader(table.get());
+    for (Line line; reader.next(line);) {
+        const std::optional<Ipv6Line> entry = parse_ipv6_line(line.text());
+        if (entry && entry->interface == interface && entry->is_global()) {
+            std::memcpy(result, entry->address.data(), address_size);
+            return static_cast<int>(entry->prefix_length);
+        }
+    }
+    return 0;
+}
+
+/// The address part of an IPv4 socket address that the kernel answered with.
+void copy_ipv4_address(const sockaddr &answer, void *result) {
+    std::memcpy(result,
+                answer.sa_data + offsetof(sockaddr_in, sin_addr) - offsetof(sockaddr, sa_data),
+                sizeof(in_addr));
+}
+
+int find_address(std::string_view interface, unsigned selector, void *result) {
+    const Descriptor kernel(socket(AF_INET, SOCK_DGRAM, 0));
+    ifreq request{};
+    if (!kernel || !is_interface_name(interface))
+        return 0;
+    store(request.ifr_name, interface);
+    if (ioctl(kernel.get(), SIOCGIFFLAGS, &request) < 0)
+        return 0;
+    switch (selector) {
+    case ipv4_address:
+        if (ioctl(kernel.get(), SIOCGIFADDR, &request) != 0)
+            return 0;
+        copy_ipv4_address(request.ifr_addr, result);
+        return 1;
+    case ipv4_netmask:
+        if (ioctl(kernel.get(), SIOCGIFNETMASK, &request) < 0)
+            return 0;
+        copy_ipv4_address(request.ifr_netmask, result);
+        return 1;
+    case hardware_address:
+        if (ioctl(kernel.get(), SIOCGIFHWADDR, &request) < 0)
+            return 0;
+        std::memcpy(result, &request.ifr_hwaddr, sizeof request.ifr_hwaddr);
+        return 1;
+    case ipv6_address:
+        return find_ipv6_address(interface, result);
+    default:
+        return 0;
+    }
+}
+
+/// The interface's hardware address; zeros if there is none.
+std::array<unsigned char, 6> mac_of(const char *interface) {
+    sockaddr answer{};
+    std::array<unsigned char, 6> mac{};
+    if (find_address(text_of(interface), hardware_address, &answer) != 0)
+        std::memcpy(mac.data(), answer.sa_data, mac.size());
+    return mac;
+}
+
+/// Address and prefix length, each cut to fit. What is behind the address takes four bytes less
+/// than the whole buffer has.
+void print_ipv6_address(const unsigned char *address, int prefix_length, std::span<char> text) {
+    if (inet_ntop(AF_INET6, address, text.data(), static_cast<socklen_t>(text.size())) == nullptr) {
+        store(text, no_ipv6_address);
+        return;
+    }
+    const std::size_t used = std::strlen(text.data());
+    const std::size_t room = at_most(text.size() - used, text.size() - at_most(4, text.size()));
+    std::snprintf(text.data() + used, room, "/%d", prefix_length);
+}
+
+void print_address(std::string_view interface, unsigned selector, std::span<char> text) {
+    unsigned char address[address_size] = {};
+    const int found = find_address(interface, selector, address);
+    if (selector == ipv6_address) {
+        if (found > 0)
+            print_ipv6_address(address, found, text);
+        else
+            store(text, no_ipv6_address);
+        return;
+    }
+    char quad[INET_ADDRSTRLEN];
+    print_dotted_quad(address, quad);
+    store(text, found != 0 ? quad : no_ipv4_address);
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+int getInAddr(const char *ifname, unsigned int selector, void *result) {
+    return corvel::find_address(corvel::text_of(ifname), selector, result);
+}
+
+char *getHWaddr(const char *ifname, char *out) {
+    corvel::print_colon_form(corvel::mac_of(ifname), corvel::ColonForm(out, 18));
+    return out;
+}
+
+char *getHWaddr0(const char *ifname, char *out) {
+    corvel::print_stripped_form(corvel::mac_of(ifname), corvel::StrippedForm(out, 13));
+    return out;
+}
+
+char *getHWip(const char *ifname, unsigned int selector, char *out, int len) {
+    if (len > 0)
+        corvel::print_address(corvel::text_of(ifname), selector,
+                              {out, static_cast<std::size_t>(len)});
+    return out;
+}
+
+} // extern "C"

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <optional>
+#include <span>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
+
+#include "net/conversions.h"
+#include "net/lease_list.h"
+#include "support/big_endian.h"
+#include "support/descriptor.h"
+#include "support/handles.h"
+#include "support/line_input.h"
+#include "support/line_scanner.h"
+#include "support/text.h"
+#include "sys/process_lookup.h"
+
+namespace corvel {
+namespace {
+
+constexpr const char *binary_server_pid_file = "/var/run/udhcpd.pid";
+constexpr const char *binary_lease_file = "/var/config/udhcpd.leases";
+constexpr const char *text_server_name = "dnsmasq";
+constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
+
+constexpr std::size_t record_size = 24;
+constexpr std::size_t slot_mark_size = 7;
+using Record = std::span<const unsigned char, record_size>;
+
+constexpr std::size_t word_limit = 31;
+constexpr std::size_t hostname_limit = 127;
+
+/// Far enough from the ends of its type that the present time can be taken away.
+constexpr long long latest_expiry = INT64_MAX / 2;
+
+/// Opens a lease file, or tells why not.
+Descriptor open_lease_file(const char *path) {
+    Descriptor file = open_for_reading(path);
+    if (!file)
+        std::perror("could not open input file");
+    return file;
+}
+
+void fill_from_record(lease_entry &entry, Record record) {
+    char mac[18];
+    char ip[INET_ADDRSTRLEN];
+    print_colon_form(record.first<6>(), mac);
+    print_dotted_quad(record.data() + 16, ip);
+    store(entry.mac, mac);
+    store(entry.ip, ip);
+    std::snprintf(entry.expires, sizeof entry.expires, "%u",
+                  big_endian_word(record.subspan<20, 4>()));
+}
+
+/// A slot of the file that no lease is in.
+bool is_empty_slot(Record record) {
+    return std::all_of(record.begin(), record.begin() + slot_mark_size,
+                       [](unsigned char byte) { return byte == 0; });
+}
+
+int read_binary_leases(lease_entry **head, const char *path) {
+    const Descriptor file = open_lease_file(path);
+    if (!file)
+        return 0;
+    LeaseList list(head);
+    std::array<unsigned char, 170 * record_size> block;
+    for (ssize_t length = sizeof block; length == sizeof block;) {
+        length = read_fully(file.get(), block.data(), block.size());
+        for (std::size_t at = 0; std::cmp_less_equal(at + record_size, length); at += record_size) {
+            const Record record = std::span(block).subspan(at).first<record_size>();
+            if (is_empty_slot(record))
+                continue;
+            lease_entry *const entry = list.append();
+            if (entry == nullptr)
+                return list.count();
+            fill_from_record(*entry, record);
+        }
+    }
+    return list.count();
+}
+
+/// Where the words of a lease stand in a line, counted from 0.
+struct LineFormat {
+    std::size_t expiry, mac, ip, hostname;
+};
+
+constexpr LineFormat dnsmasq_format = {.expiry = 0, .mac = 1, .ip = 2, .hostname = 3};
+constexpr LineFormat dhcpv6_format = {.expiry = 4, .mac = 1, .ip = 7, .hostname = 3};
+constexpr std::size_t most_words = 8;
+
+void fill_from_line(lease_entry &entry, std::string_view line, const LineFormat &format,
+                    std::time_t now) {
+    LineScanner scanner(line);
+    std::array<std::string_view, most_words> words;
+    for (std::string_view &word : words)
+        word = scanner.word();
+    const long long expiry =
+        decimal_value(front(words[format.expiry], word_limit), -latest_expiry, latest_expiry);
+    store(entry.ip, front(words[format.ip], word_limit));
+    store(entry.mac, front(words[format.mac], word_limit));
+    store(entry.hostname, front(words[format.hostname], hostname_limit));
+    std::snprintf(entry.expires, sizeof entry.expires, "%lld", expiry - now);
+}
+
+/// A line that the end of the file cuts off is left out.
+void read_text_leases(lease_entry **head, const char *path, const LineFormat &format) {
+    const Descriptor file = open_lease_file(path);
+    if (!file)
+        return;
+    const std::time_t now = std::time(nullptr);
+    LeaseList list(head);
+    LineReader reader(file.get());
+    for (Line line; reader.next(line) && !line.cut_off;) {
+        lease_entry *const entry = list.append();
+        if (entry == nullptr)
+            return;
+        fill_from_line(*entry, line.text(), format, now);
+    }
+}
+
+/// The record that a clock_gettime call of the kernel fills.
+template <typename Word> struct KernelTime {
+    Word seconds;
+    Word nanoseconds;
+};
+
+/// Asks the kernel for the monotonic clock's seconds, by a call that fills records of such words.
+template <typename Word> std::optional<int> monotonic_seconds(long call) {
+    KernelTime<Word> time{};
+    if (syscall(call, CLOCK_MONOTONIC, &time) != 0)
+        return {};
+    return static_cast<int>(time.seconds);
+}
+
+/// On 64-bit systems there is one call. On 32-bit ones the old call, under either of two names,
+/// fills a record of 32-bit words; a kernel may have dropped it for the one with 64-bit words.
+int monotonic_seconds() {
+    std::optional<int> seconds;
+#if defined(SYS_clock_gettime)
+    seconds = monotonic_seconds<long>(SYS_clock_gettime);
+#elif defined(SYS_clock_gettime32)
+    seconds = monotonic_seconds<long>(SYS_clock_gettime32);
+#endif
+#if defined(SYS_clock_gettime64)
+    if (!seconds)
+        seconds = monotonic_seconds<std::int64_t>(SYS_clock_gettime64);
+#endif
+    return seconds.value_or(0);
+}
+
+int read_leases(lease_entry **head) {
+    const int server = recorded_process(binary_server_pid_file);
+    if (server >= 1) {
+        kill(server, SIGUSR1);
+        return read_binary_leases(head, binary_lease_file);
+    }
+    if (first_process(text_server_name) >= 1)
+        read_text_leases(head, text_lease_file, dnsmasq_format);
+    return 0;
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+int monotonic_time(void) { return corvel::monotonic_seconds(); }
+
+void add_lease(lease_entry *entry, const unsigned char *record) {
+    corvel::fill_from_record(*entry, corvel::Record(record, corvel::record_size));
+}
+
+int get_udhpd_leases(lease_entry **head, const char *path) {
+    return corvel::read_binary_leases(head, path);
+}
+
+int get_dnsmasq_leases(lease_entry **head, const char *path) {
+    corvel::read_text_leases(head, path, corvel::dnsmasq_format);
+    return 0;
+}
+
+int get_dhcpv6_leases(lease_entry **head, const char *path) {
+    corvel::read_text_leases(head, path, corvel::dhcpv6_format);
+    return 0;
+}
+
+int get_leases(lease_entry **head) { return corvel::read_leases(head); }
+
+void free_leaselist(lease_entry **head) {
+    while (*head != nullptr) {
+        lease_entry *const entry = *head;
+        *head = entry->next;
+        corvel::wipe_and_free(entry, sizeof *entry);
+    }
+}
+
+} // extern "C"

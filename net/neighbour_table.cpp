@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+
+#include <bitset>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
+
+#include "net/conversions.h"
+#include "net/lease_list.h"
+#include "support/descriptor.h"
+#include "support/line_input.h"
+#include "support/line_scanner.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+constexpr const char *neighbour_table = "/proc/net/arp";
+constexpr std::size_t line_length = 127;
+
+struct Neighbour {
+    std::string_view ip;
+    std::uint32_t hardware_type;
+    std::uint32_t flags;
+    std::string_view mac;
+    std::string_view device;
+
+    /// Its hardware address is known.
+    [[nodiscard]] bool is_complete() const { return (flags & 2) != 0; }
+};
+
+/// IP address, hardware type, flags, hardware address, mask, device. None if the line holds less
+/// than the first four.
+std::optional<Neighbour> parse_neighbour(std::string_view line) {
+    LineScanner scanner(line);
+    Neighbour neighbour{};
+    neighbour.ip = scanner.word();
+    const auto type = scanner.skip("0x") ? scanner.hexadecimal() : std::nullopt;
+    const auto flags = type && scanner.skip("0x") ? scanner.hexadecimal() : std::nullopt;
+    neighbour.mac = scanner.word();
+    if (!flags || neighbour.mac.empty())
+        return {};
+    neighbour.hardware_type = *type;
+    neighbour.flags = *flags;
+    scanner.word(); // mask
+    const std::string_view device = scanner.word();
+    neighbour.device = device.empty() ? "-" : device;
+    return neighbour;
+}
+
+/// A hardware address as the records of the list hold it.
+class StrippedMac {
+  public:
+    explicit StrippedMac(std::string_view text) { strip_separators(text, text_); }
+    [[nodiscard]] std::string_view text() const { return text_of(text_); }
+
+  private:
+    char text_[13];
+};
+
+/// The position of the first record with a hardware address, from 1; 0 if there is none.
+int find_mac(const lease_entry *entry, std::string_view mac) {
+    for (int position = 1; entry != nullptr; ++position, entry = entry->next) {
+        if (text_in(entry->mac) == mac)
+            return position;
+    }
+    return 0;
+}
+
+/// Says of most hardware addresses that they are new to the list, which spares looking through it.
+class SeenMacs {
+  public:
+    /// Whether the address may have been there before; from now on it has.
+    bool test_and_set(std::string_view mac) {
+        std::uint32_t hash = 0;
+        for (const char digit : mac)
+            hash = (hash ^ static_cast<unsigned char>(digit)) * 0x01000193U;
+        const std::size_t place = (hash >> 16 ^ hash) % seen_.size();
+        const bool before = seen_[place];
+        seen_[place] = true;
+        return before;
+    }
+
+  private:
+    std::bitset<8192> seen_;
+};
+
+int read_neighbours(std::string_view interface, lease_entry **head) {
+    const Descriptor table = open_for_reading(neighbour_table);
+    if (!table)
+        return 0;
+    LineReader reader(table.get(), line_length);
+    Line line;
+    reader.next(line); // the heading
+    LeaseList list(head);
+    SeenMacs seen;
+    while (reader.next(line)) {
+        const std::optional<Neighbour> neighbour = parse_neighbour(line.text());
+        if (!neighbour)
+            break;
+        if (!neighbour->is_complete() || (!interface.empty() && neighbour->device != interface))
+            continue;
+        const StrippedMac mac(neighbour->mac);
+        if (seen.test_and_set(mac.text()) && find_mac(*head, mac.text()) != 0)
+            continue;
+        lease_entry *const entry = list.append();
+        if (entry == nullptr)
+            return 0;
+        store(entry->ip, neighbour->ip);
+        char hardware_type[9];
+        std::snprintf(hardware_type, sizeof hardware_type, "%x", neighbour->hardware_type);
+        store(entry->hwtype, hardware_type);
+        store(entry->mac, mac.text());
+    }
+    return list.count();
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+int get_arp_cache(const char *ifname, lease_entry **head) {
+    return corvel::read_neighbours(corvel::text_of(ifname), head);
+}
+
+int search_by_mac(const lease_entry *head, const char *mac) {
+    return corvel::find_mac(head, corvel::StrippedMac(corvel::text_of(mac)).text());
+}
+
+void dump_macip(const lease_entry *head) {
+    std::puts("dump mac ip");
+    for (; head != nullptr; head = head->next)
+        std::printf("%s\t%s\t%s\t\n", head->ip, head->mac, head->expires);
+    std::puts("---------------------------");
+}
+
+} // extern "C"

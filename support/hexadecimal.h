@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_SUPPORT_HEXADECIMAL_H
+#define CORVEL_SUPPORT_HEXADECIMAL_H
+
+#include <array>
+#include <climits>
+
+namespace corvel {
+
+/// The value of every character as a hexadecimal digit of either case, or -1.
+inline constexpr std::array<signed char, UCHAR_MAX + 1> hex_values = [] {
+    std::array<signed char, UCHAR_MAX + 1> values{};
+    values.fill(-1);
+    for (unsigned char digit = 0; digit < 10; ++digit)
+        values['0' + digit] = static_cast<signed char>(digit);
+    for (unsigned char digit = 10; digit < 16; ++digit) {
+        values['a' + digit - 10] = static_cast<signed char>(digit);
+        values['A' + digit - 10] = static_cast<signed char>(digit);
+    }
+    return values;
+}();
+
+constexpr int hex_value(char digit) { return hex_values[static_cast<unsigned char>(digit)]; }
+
+/// Writes a byte as two upper-case digits. Returns the position behind them.
+constexpr char *put_hex(char *out, unsigned char byte) {
+    constexpr char digits[] = "0123456789ABCDEF";
+    *out++ = digits[byte >> 4];
+    *out++ = digits[byte & 0xF];
+    return out;
+}
+
+} // namespace corvel
+
+#endif

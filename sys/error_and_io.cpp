@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: MIT
+#include "sys/error_and_io.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <pwd.h>
+#include <span>
+
+#include "support/descriptor.h"
+#include "support/text.h"
+
+extern "C" {
+int bb_default_error_retval = 1;
+const char *bb_msg_memory_exhausted = "memory exhausted";
+}
+
+namespace corvel {
+namespace {
+
+void print_error(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
+
+void print_error(const char *format, std::va_list values) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: ", "unknown app");
+    std::vfprintf(stderr, format, values);
+}
+
+[[noreturn]] void die_of(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
+
+void die_of(const char *format, std::va_list values) {
+    print_error(format, values);
+    std::fputc('\n', stderr);
+    std::exit(bb_default_error_retval);
+}
+
+/// Copies a text, cut to fit, and fills the rest of the field with zeros.
+void store_padded(std::span<char> field, std::string_view text) {
+    if (field.empty())
+        return;
+    const std::size_t length = store(field, text);
+    std::memset(field.data() + length, 0, field.size() - length);
+}
+
+/// A name, or the number in its place; see the header.
+char *name_or_number(char *buf, char *name, long id, int bufsize, char prefix) {
+    if (bufsize < 1) {
+        if (bufsize < 0 && name == nullptr)
+            die("unknown %cid %ld", prefix, id);
+        return name;
+    }
+    if (name == nullptr) {
+        std::snprintf(buf, static_cast<std::size_t>(bufsize), "%ld", id);
+        return nullptr;
+    }
+    store_padded({buf, static_cast<std::size_t>(bufsize)}, name);
+    return buf;
+}
+
+} // namespace
+
+void die(const char *format, ...) {
+    std::va_list values;
+    va_start(values, format);
+    die_of(format, values);
+}
+
+void *resize_or_die(void *block, std::size_t size) {
+    void *const resized = std::realloc(block, size);
+    if (resized == nullptr && size != 0)
+        die("%s", bb_msg_memory_exhausted);
+    return resized;
+}
+
+} // namespace corvel
+
+extern "C" {
+
+void bb_verror_msg(const char *fmt, va_list ap) { corvel::print_error(fmt, ap); }
+
+void bb_error_msg_and_die(const char *fmt, ...) {
+    std::va_list values;
+    va_start(values, fmt);
+    corvel::die_of(fmt, values);
+}
+
+void *xmalloc(size_t size) {
+    void *const block = std::malloc(size);
+    if (block == nullptr && size != 0)
+        corvel::die("%s", bb_msg_memory_exhausted);
+    return block;
+}
+
+void *xrealloc(void *block, size_t size) { return corvel::resize_or_die(block, size); }
+
+char *safe_strncpy(char *dst, const char *src, size_t size) {
+    corvel::store_padded({dst, size}, corvel::text_of(src));
+    return dst;
+}
+
+char *my_getug(char *buf, char *name, long id, int bufsize, char prefix) {
+    return corvel::name_or_number(buf, name, id, bufsize, prefix);
+}
+
+char *my_getpwuid(char *buf, long uid, int bufsize) {
+    const passwd *const user = getpwuid(static_cast<uid_t>(uid));
+    return corvel::name_or_number(buf, user != nullptr ? user->pw_name : nullptr, uid, bufsize,
+                                  'u');
+}
+
+ssize_t full_read(int fd, void *buf, size_t len) { return corvel::read_fully(fd, buf, len); }
+
+ssize_t read_close(int fd, void *buf, size_t len) {
+    const corvel::Descriptor file(fd);
+    return corvel::read_fully(fd, buf, len);
+}
+
+ssize_t open_read_close(const char *path, void *buf, size_t len) {
+    const corvel::Descriptor file(open(corvel::text_or_empty(path), O_RDONLY | O_CLOEXEC));
+    if (!file)
+        return -1;
+    return corvel::read_fully(file.get(), buf, len);
+}
+
+} // extern "C"
