@@ -116,6 +116,17 @@ int read_neighbours(std::string_view interface, lease_entry **head) {
     return list.count();
 }
 
+void print_field(std::string_view text) {
+    std::printf("%.*s\t", static_cast<int>(text.size()), text.data());
+}
+
+void print_record(const lease_entry &entry) {
+    print_field(text_in(entry.ip));
+    print_field(text_in(entry.mac));
+    print_field(text_in(entry.expires));
+    std::putchar('\n');
+}
+
 } // namespace
 } // namespace corvel
 
@@ -132,7 +143,7 @@ int search_by_mac(const lease_entry *head, const char *mac) {
 void dump_macip(const lease_entry *head) {
     std::puts("dump mac ip");
     for (; head != nullptr; head = head->next)
-        std::printf("%s\t%s\t%s\t\n", head->ip, head->mac, head->expires);
+        corvel::print_record(*head);
     std::puts("---------------------------");
 }
 

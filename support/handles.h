@@ -14,6 +14,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "support/descriptor.h"
 #include "support/text.h"
 
 namespace corvel {
@@ -91,24 +92,22 @@ using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 class FileLock {
   public:
     explicit FileLock(const char *path)
-        : descriptor_(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
+        : file_(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
         struct stat status;
-        if (descriptor_ >= 0 && fstat(descriptor_, &status) == 0 && status.st_nlink == 1)
-            static_cast<void>(ftruncate(descriptor_, 0) == 0);
-        while (descriptor_ >= 0 && lockf(descriptor_, F_LOCK, 0) != 0 && errno == EINTR) {
+        if (file_ && fstat(file_.get(), &status) == 0 && status.st_nlink == 1)
+            static_cast<void>(ftruncate(file_.get(), 0) == 0);
+        while (file_ && lockf(file_.get(), F_LOCK, 0) != 0 && errno == EINTR) {
         }
     }
     FileLock(const FileLock &) = delete;
     FileLock &operator=(const FileLock &) = delete;
     ~FileLock() {
-        if (descriptor_ < 0)
-            return;
-        static_cast<void>(lockf(descriptor_, F_ULOCK, 0));
-        close(descriptor_);
+        if (file_)
+            static_cast<void>(lockf(file_.get(), F_ULOCK, 0));
     }
 
   private:
-    int descriptor_;
+    Descriptor file_;
 };
 
 } // namespace corvel
