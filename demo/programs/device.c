@@ -6,6 +6,7 @@
  * saved with save_global_conf().
  */
 #include "site.h"
+#include "trap.h"
 
 #include <ctype.h>
 #include <stdlib.h>
@@ -141,6 +142,7 @@ static void answer_post(void) {
     else {
         save(&request);
         print_redirect("/cgi-bin/device?saved=1");
+        send_trap("settings saved: device");
     }
     free_table(&request);
 }

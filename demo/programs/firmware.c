@@ -44,21 +44,6 @@ static void find_last_section(char name[32]) {
         sscanf(message_at(i), "find firmware (%31[^)])", name);
 }
 
-int mute_output(void) {
-    fflush(stdout);
-    const int output = dup(STDOUT_FILENO);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(nowhere, STDOUT_FILENO);
-    close(nowhere);
-    return output;
-}
-
-void unmute_output(int output) {
-    fflush(stdout);
-    dup2(output, STDOUT_FILENO);
-    close(output);
-}
-
 /* The flash and its two sets. */
 
 typedef struct partition {

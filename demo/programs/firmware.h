@@ -117,12 +117,4 @@ int is_upgrade_locked(void);
  */
 void print_upgrade_page(const char *status, const char *part, const char *head, str_node **fields);
 
-/**
- * Keeps from standard output, which is the answer, what the library prints about the environment.
- *
- * @return what to give to unmute_output().
- */
-int mute_output(void);
-void unmute_output(int output);
-
 #endif

@@ -7,6 +7,7 @@
 // of the global file, whose lines are NAME "value", with save_global_conf().
 
 #include "site.h"
+#include "trap.h"
 
 #include <arpa/inet.h>
 #include <sys/file.h>
@@ -383,6 +384,7 @@ void answer_post() {
     if (saved) {
         save_config();
         print_redirect("/cgi-bin/network?saved=1");
+        send_trap("settings saved: network");
     } else if (any) {
         show("422 Unprocessable Content", settings, "Nothing has been saved yet: see below.");
     } else {

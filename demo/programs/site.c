@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #define _GNU_SOURCE
 #include "site.h"
+#include "session.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -16,7 +17,8 @@ const settings_file factory_file = {"/etc/factory.conf", ' '};
 const settings_file applied_file = {"/var/log/applied.conf", ' '};
 
 /* The pages that have an entry in the frame's navigation. */
-static const char *const navigation[] = {"network", "device", "upgrade"};
+static const char *const navigation[] = {"status",  "clients", "network", "device",
+                                         "upgrade", "traps",   "password"};
 
 static const char *environment(const char *name) {
     const char *value = getenv(name);
@@ -25,6 +27,11 @@ static const char *environment(const char *name) {
 
 static int starts_with(const char *text, const char *start) {
     return strncmp(text, start, strlen(start)) == 0;
+}
+
+static void print_head(const char *status, const char *type) {
+    printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n\r\n",
+           status, type);
 }
 
 void refuse(const char *status, const char *reason) {
@@ -59,6 +66,47 @@ static int is_from_this_site(void) {
     return 1;
 }
 
+static int is_get(void) {
+    const char *method = environment("REQUEST_METHOD");
+    return STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0;
+}
+
+/* Prints a text of letters, digits and a few signs as the value of a URL's query. */
+static void print_query_value(const char *text) {
+    for (; *text; text++)
+        printf(strchr("?&=", *text) ? "%%%02X" : "%c", (unsigned)*text);
+}
+
+/* A page that was asked for is shown after the login; a form that was sent is lost. */
+static void send_to_login(void) {
+    char page[value_size];
+    const char *query = environment("QUERY_STRING");
+    const int length =
+        snprintf(page, sizeof page, "%s%s%s", environment("SCRIPT_NAME"), *query ? "?" : "", query);
+    printf("Status: 303 See Other\r\nCache-Control: no-store\r\nLocation: /cgi-bin/login");
+    if (is_get() && length < (int)sizeof page && is_local_path(page)) {
+        printf("?next=");
+        print_query_value(page);
+    }
+    printf("\r\n\r\n");
+}
+
+/* Looked at before anything else of the request, and before its body is read. */
+static void require_login(void) {
+    const int is_refreshing = isajax_get();
+    if (session_user() && !is_refreshing)
+        extend_session();
+    if (session_user())
+        return;
+    if (is_refreshing) {
+        print_head("401 Unauthorized", "application/json");
+        printf("{\"error\":\"login\"}\n");
+    } else {
+        send_to_login();
+    }
+    exit(EXIT_SUCCESS);
+}
+
 /* What a POST has to be, whatever it is that a program takes. */
 static void accept_post(const char *type) {
     if (!is_from_this_site())
@@ -68,10 +116,14 @@ static void accept_post(const char *type) {
 }
 
 int accept_request(void) {
-    const char *method = environment("REQUEST_METHOD");
-    if (STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0)
+    require_login();
+    return accept_stranger();
+}
+
+int accept_stranger(void) {
+    if (is_get())
         return 0;
-    if (!get_http_methmod(method))
+    if (!get_http_methmod(environment("REQUEST_METHOD")))
         refuse("405 Method Not Allowed", "This page can be read and saved, nothing else.");
     accept_post("application/x-www-form-urlencoded");
     if (atoll(environment("CONTENT_LENGTH")) > longest_body)
@@ -80,6 +132,7 @@ int accept_request(void) {
 }
 
 void accept_upload(void) {
+    require_login();
     if (!get_http_methmod(environment("REQUEST_METHOD")))
         refuse("405 Method Not Allowed", "An image can be sent here, nothing else.");
     accept_post("multipart/form-data");
@@ -104,6 +157,12 @@ void free_table(prop_table *table) {
     free_prop(table->rows, table->count);
     free(table->rows);
     *table = (prop_table){NULL, 0};
+}
+
+void wipe_table(prop_table *table) {
+    for (int i = 0; i < table->count; i++)
+        explicit_bzero(table->rows[i].value, strlen(table->rows[i].value));
+    free_table(table);
 }
 
 /*
@@ -300,16 +359,40 @@ void insert_json(prop_table *table, const char *name, const char *value) {
 
 /* Answers. */
 
-static void print_head(const char *status, const char *type) {
-    printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n\r\n",
-           status, type);
-}
-
-static void print_template(const char *name, str_node **fields) {
+void print_template(const char *name, str_node **fields) {
     char path[256];
     snprintf(path, sizeof path, "/www/templates/%s.html", name);
     print_html(path, fields);
 }
+
+/* Who is not logged in sees nothing of what there is. */
+static void print_navigation(const char *page) {
+    str_node *fields = NULL;
+    for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
+        add_str(&fields, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
+    add_html(&fields, "user", session_user());
+    print_template("frame-pages", &fields);
+    free_list(&fields);
+}
+
+void print_page_start(const char *status, const char *page, const char *head, const char *title) {
+    char model[value_size];
+    str_node *fields = NULL;
+    prop_table factory = load_settings(&factory_file);
+    add_html(&fields, "title", title);
+    add_str(&fields, "head", head);
+    add_html(&fields, "model", get_setting("MODEL", model, &factory));
+    free_table(&factory);
+
+    print_head(status, "text/html");
+    print_template("frame-top", &fields);
+    if (session_user())
+        print_navigation(page);
+    print_template("frame-content", &fields);
+    free_list(&fields);
+}
+
+void print_page_end(void) { print_template("frame-bottom", &(str_node *){NULL}); }
 
 void print_page(const char *status, const char *page, const char *title, str_node **fields) {
     print_page_part(status, page, NULL, "", title, fields);
@@ -317,28 +400,56 @@ void print_page(const char *status, const char *page, const char *title, str_nod
 
 void print_page_part(const char *status, const char *page, const char *part, const char *head,
                      const char *title, str_node **fields) {
-    char model[value_size];
-    str_node *frame = NULL;
-    prop_table factory = load_settings(&factory_file);
-    add_html(&frame, "title", title);
-    add_str(&frame, "head", head);
-    add_html(&frame, "model", get_setting("MODEL", model, &factory));
-    for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
-        add_str(&frame, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
-    free_table(&factory);
-
-    print_head(status, "text/html");
-    print_template("frame-top", &frame);
+    print_page_start(status, page, head, title);
     print_template(page, fields);
     if (part)
         print_template(part, fields);
-    print_template("frame-bottom", &frame);
+    print_page_end();
     free_list(fields);
-    free_list(&frame);
 }
 
 void print_json_head(void) { print_head("200 OK", "application/json"); }
 
+void print_json_object(int number, str_node **fields) {
+    if (number > 0)
+        printf(",\n");
+    printjson_hdr1();
+    list2json_data(*fields);
+    printjson_tail0();
+    free_list(fields);
+}
+
+void print_json_objects_end(void) {
+    printf("\n");
+    printjson_tail1();
+}
+
 void print_redirect(const char *path) {
     printf("Status: 303 See Other\r\nLocation: %s\r\nCache-Control: no-store\r\n\r\n", path);
+}
+
+char *format_duration(long seconds, char text[duration_size]) {
+    const long days = seconds / 86400;
+    const int clock = (int)(seconds % 86400);
+    int used = 0;
+    if (days > 0)
+        used = snprintf(text, duration_size, "%ld d ", days);
+    snprintf(text + used, duration_size - (size_t)used, "%02d:%02d:%02d", clock / 3600,
+             clock / 60 % 60, clock % 60);
+    return text;
+}
+
+int mute_output(void) {
+    fflush(stdout);
+    const int output = dup(STDOUT_FILENO);
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nowhere, STDOUT_FILENO);
+    close(nowhere);
+    return output;
+}
+
+void unmute_output(int output) {
+    fflush(stdout);
+    dup2(output, STDOUT_FILENO);
+    close(output);
 }

@@ -30,7 +30,9 @@ enum {
     /** The longest form that is read. */
     longest_body = 65536,
     /** The longest upload that the library takes. */
-    longest_upload = 16 * 1024 * 1024
+    longest_upload = 16 * 1024 * 1024,
+    /** Bytes of a time span as text, terminator included. */
+    duration_size = 40
 };
 
 /** A property file of the device, and what separates its names from its values. */
@@ -52,16 +54,20 @@ typedef struct prop_table {
 } prop_table;
 
 /**
- * Ends the program with an answer of its own unless a page can take the request: a GET or HEAD, or
- * a POST of a form of bearable size that a page of this very site has sent.
+ * Ends the program with an answer of its own unless a page can take the request: from somebody who
+ * is logged in, a GET or HEAD, or a POST of a form of bearable size that a page of this very site
+ * has sent. A GET with `?Ajax=1` is a page's own refreshing: it does not keep the session alive.
  *
  * @return 1 for a POST, 0 for a GET.
  */
 int accept_request(void);
 
+/** As accept_request(), also for somebody who is not logged in. */
+int accept_stranger(void);
+
 /**
  * Ends the program with an answer of its own unless the request is an upload, of bearable size,
- * that a page of this very site has sent.
+ * that a page of this very site has sent for somebody who is logged in.
  */
 void accept_upload(void);
 
@@ -87,6 +93,9 @@ prop_table new_table(size_t capacity);
 
 /** Frees a table and the texts in it. */
 void free_table(prop_table *table);
+
+/** As free_table(), for a request that holds a password: wipes its values first. */
+void wipe_table(prop_table *table);
 
 /**
  * Locks all settings, for reading (LOCK_SH) or for changing (LOCK_EX).
@@ -156,11 +165,50 @@ void print_page(const char *status, const char *page, const char *title, str_nod
 void print_page_part(const char *status, const char *page, const char *part, const char *head,
                      const char *title, str_node **fields);
 
+/**
+ * Prints the answer's head and the frame up to where a page's own content begins: for a page of
+ * which a part stands there as often as there are rows.
+ *
+ * @param page the page's entry in the navigation.
+ * @param head a line for the document's head, or an empty text.
+ */
+void print_page_start(const char *status, const char *page, const char *head, const char *title);
+
+/** Fills a template and prints it. What no marker has used is left in the list. */
+void print_template(const char *name, str_node **fields);
+
+/** Prints the frame's end. */
+void print_page_end(void);
+
 /** Prints the head of a JSON answer. */
 void print_json_head(void);
 
+/**
+ * Prints one object of a JSON section that has any number of them. The section begins with
+ * printjson_hdr0() and ends with print_json_objects_end().
+ *
+ * @param number the object's number, from 0.
+ * @param fields its pairs; freed.
+ */
+void print_json_object(int number, str_node **fields);
+void print_json_objects_end(void);
+
 /** Prints the answer that sends the browser to a path of this site with a GET. */
 void print_redirect(const char *path);
+
+/** Adds a field to a list; add_html() and add_json() are such. */
+typedef void add_field(str_node **fields, const char *name, const char *value);
+
+/** Writes a time span as hours, minutes and seconds, behind the days if there are any. */
+char *format_duration(long seconds, char text[duration_size]);
+
+/**
+ * Keeps from standard output, which is the answer, what the library prints there.
+ *
+ * @return what to give to unmute_output().
+ */
+int mute_output(void);
+void unmute_output(int output);
 
 #ifdef __cplusplus
 }

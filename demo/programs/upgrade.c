@@ -9,6 +9,7 @@
  */
 #define _GNU_SOURCE
 #include "firmware.h"
+#include "trap.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -132,6 +133,9 @@ static void write_in_background(upgrade_record *record) {
     snprintf(record->reason, sizeof record->reason, "%s", failure ? failure : "");
     remove(STAGED_IMAGE);
     save_upgrade(record);
+    if (!failure)
+        send_trap(read_boot_state().next == set_a ? "firmware written: set A"
+                                                  : "firmware written: set B");
 }
 
 /* The answers. */

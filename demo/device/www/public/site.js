@@ -9,6 +9,9 @@ for (const box of document.querySelectorAll('[data-governs]')) {
   update();
 }
 
+// In a narrow window the navigation is wider than what is seen of it.
+document.querySelector('nav [aria-current]')?.scrollIntoView({ inline: 'center', block: 'nearest' });
+
 for (const input of document.querySelectorAll('[data-reveal]')) {
   const button = document.createElement('button');
   button.type = 'button';
@@ -43,15 +46,80 @@ netmask?.addEventListener('input', () => {
   prefixLength.value = /^1+0+$/.test(bits) && bits.length === 32 ? '/' + bits.indexOf('0') : '/–';
 });
 
+// Who is not logged in any more sees the login, and comes back behind it.
+function toLogin() {
+  location.assign('/cgi-bin/login?next=' + encodeURIComponent(location.pathname + location.search));
+}
+
+async function fetchJson(url) {
+  const answer = await fetch(url).catch(() => null);
+  if (answer?.status === 401) toLogin();
+  return answer?.ok ? answer.json() : null;
+}
+
+// Puts records into a table, column by column. Rows that are there already are kept.
+function fill(table, records) {
+  const [body] = table.tBodies;
+  const columns = [...table.querySelectorAll('[data-column]')].map((each) => each.dataset.column);
+  while (body.rows.length > records.length) body.deleteRow(-1);
+  records.forEach((record, i) => {
+    const row = body.rows[i] ?? body.insertRow();
+    row.dataset[table.dataset.key] = record[table.dataset.key];
+    columns.forEach((column, j) => {
+      const cell = row.cells[j] ?? row.insertCell();
+      cell.className = column;
+      if (cell.textContent !== record[column]) cell.textContent = record[column];
+    });
+  });
+}
+
+// Shows anew what changes by itself: a section of records in the table of its name, another one's
+// values wherever their names stand. What could not be fetched is shown as of old.
+const refreshed = document.querySelector('[data-refresh]');
+let order = new URLSearchParams(location.search).get('sort');
+let asked = 0;
+
+async function refresh() {
+  const number = ++asked;
+  const sections = await fetchJson(
+    refreshed.dataset.refresh + (order ? '&sort=' + encodeURIComponent(order) : ''));
+  if (number !== asked) return; // it has been asked again since, perhaps in another order
+  refreshed.classList.toggle('stale', !sections);
+  for (const [name, records] of Object.entries(sections ?? {})) {
+    const table = document.getElementById(name);
+    if (table) fill(table, records);
+    else
+      for (const [id, value] of Object.entries(records[0]))
+        document.getElementById(id).textContent = value;
+  }
+}
+
+if (refreshed) setInterval(() => document.hidden || refresh(), 3000);
+
+const sorters = [...document.querySelectorAll('[data-sort]')];
+for (const button of sorters)
+  button.addEventListener('click', (event) => {
+    event.preventDefault();
+    order = button.value;
+    for (const each of sorters) {
+      const isSorted = each.dataset.sort === order.replace('-', '');
+      const direction = order.startsWith('-') ? 'descending' : 'ascending';
+      each.closest('th').setAttribute('aria-sort', isSorted ? direction : 'none');
+      each.value = (order === each.dataset.sort ? '-' : '') + each.dataset.sort;
+    }
+    history.replaceState(null, '', '?sort=' + order);
+    refresh();
+  });
+
 // Says when settings were applied last, and when somebody else has changed them meanwhile.
 const live = document.querySelector('form[data-live]');
 if (live) {
   let known;
   const look = async () => {
     if (document.hidden) return;
-    const answer = await fetch(live.dataset.live).catch(() => null);
-    if (!answer?.ok) return;
-    const { settings: [settings], applied: [applied] } = await answer.json();
+    const sections = await fetchJson(live.dataset.live);
+    if (!sections) return;
+    const { settings: [settings], applied: [applied] } = sections;
     document.getElementById('applied').textContent = applied.TIME;
     const now = JSON.stringify(settings);
     if (known && now !== known)
@@ -94,7 +162,10 @@ function sendImage(form) {
   });
   request.upload.addEventListener('load', () =>
     showProgress(bar, label, 'Checking. For a large image the router first pauses for ten seconds.'));
-  request.addEventListener('load', () => show(request.responseText, '/cgi-bin/upgrade'));
+  request.addEventListener('load', () => {
+    if (new URL(request.responseURL).pathname === '/cgi-bin/login') toLogin();
+    else show(request.responseText, '/cgi-bin/upgrade');
+  });
   request.addEventListener('error', () => {
     error.textContent = 'The connection was lost. Nothing has been written.';
     bar.parentElement.hidden = true;
@@ -111,9 +182,9 @@ function sendImage(form) {
 // Asks for the state again and again until a visitor of it has seen enough.
 function poll(url, isEnough) {
   const timer = setInterval(async () => {
-    const answer = await fetch(url).catch(() => null);
-    if (!answer?.ok) return;
-    const { upgrade: [state] } = await answer.json();
+    const sections = await fetchJson(url);
+    if (!sections) return;
+    const { upgrade: [state] } = sections;
     if (!isEnough(state)) return;
     clearInterval(timer);
     location.replace('/cgi-bin/upgrade');

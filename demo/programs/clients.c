@@ -1,0 +1,271 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * The clients page: who has got an address from the DHCP server, and whom the kernel knows as a
+ * neighbour. Each list is completed from the other one: the lease has the name and the time, the
+ * neighbour the interface.
+ */
+#define _GNU_SOURCE
+#include "site.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+enum {
+    stripped_size = 13,
+    mac_size = 18,
+    /* A lease that never ends is stored with the end 0: more than ten years ago. */
+    never = -315360000
+};
+
+typedef struct client {
+    char host[sizeof(((lease_entry *)0)->hostname)];
+    char ip[sizeof(((lease_entry *)0)->ip)];
+    char stripped[stripped_size]; /* the hardware address without colons; empty if there is none */
+    char interface[IF_NAMESIZE];
+    char expires[duration_size];
+    long left; /* seconds */
+} client;
+
+typedef struct client_table {
+    client *rows;
+    int count;
+} client_table;
+
+/* Reading. */
+
+static client *add_client(client_table *table) {
+    client *rows = xrealloc(table->rows, ((size_t)table->count + 1) * sizeof *rows);
+    client *added = &rows[table->count++];
+    table->rows = rows;
+    memset(added, 0, sizeof *added);
+    return added;
+}
+
+static void take_expiry(client *taken, const char *seconds) {
+    taken->left = strtol(seconds, NULL, 10);
+    if (taken->left < never)
+        snprintf(taken->expires, sizeof taken->expires, "never");
+    else if (taken->left < 0)
+        snprintf(taken->expires, sizeof taken->expires, "ended");
+    else
+        format_duration(taken->left, taken->expires);
+    if (taken->left < never)
+        taken->left = -never;
+}
+
+/* The DHCP server writes a star for a name that it was not told. */
+static client_table read_leases(void) {
+    client_table table = {NULL, 0};
+    lease_entry *leases = NULL;
+    get_leases(&leases);
+    for (const lease_entry *each = leases; each; each = each->next) {
+        if (!*each->ip) /* a line about the server itself */
+            continue;
+        client *lease = add_client(&table);
+        safe_strncpy(lease->ip, each->ip, sizeof lease->ip);
+        if (STRCMP(each->hostname, "*") != 0)
+            safe_strncpy(lease->host, each->hostname, sizeof lease->host);
+        if (strlen(each->mac) == mac_size - 1)
+            mac2hexStrip(each->mac, lease->stripped);
+        take_expiry(lease, each->expires);
+    }
+    free_leaselist(&leases);
+    return table;
+}
+
+static client *find_lease(const client_table *leases, const char *stripped) {
+    for (int i = 0; i < leases->count; i++)
+        if (STRCMP(leases->rows[i].stripped, stripped) == 0)
+            return &leases->rows[i];
+    return NULL;
+}
+
+static void take_neighbour(client_table *table, client_table *leases, const lease_entry *found,
+                           const char *interface) {
+    client *neighbour = add_client(table);
+    client *lease = find_lease(leases, found->mac);
+    if (lease) {
+        safe_strncpy(lease->interface, interface, sizeof lease->interface);
+        *neighbour = *lease;
+    }
+    safe_strncpy(neighbour->ip, found->ip, sizeof neighbour->ip);
+    safe_strncpy(neighbour->stripped, found->mac, sizeof neighbour->stripped);
+    safe_strncpy(neighbour->interface, interface, sizeof neighbour->interface);
+}
+
+/* A neighbour's record doesn't say where it was met: each interface is asked for its own. */
+static client_table read_neighbours(client_table *leases) {
+    client_table table = {NULL, 0};
+    struct if_nameindex *interfaces = if_nameindex();
+    for (const struct if_nameindex *each = interfaces; each && each->if_name; each++) {
+        lease_entry *found = NULL;
+        get_arp_cache(each->if_name, &found);
+        for (const lease_entry *one = found; one; one = one->next)
+            take_neighbour(&table, leases, one, each->if_name);
+        free_leaselist(&found);
+    }
+    if (interfaces)
+        if_freenameindex(interfaces);
+    return table;
+}
+
+/* Sorting: by one column, and by the address where that leaves it open. */
+
+typedef int comparison(const client *one, const client *other);
+
+static int by_ip(const client *one, const client *other) {
+    struct in_addr one_address = {0};
+    struct in_addr other_address = {0};
+    inet_pton(AF_INET, one->ip, &one_address);
+    inet_pton(AF_INET, other->ip, &other_address);
+    return memcmp(&one_address, &other_address, sizeof one_address);
+}
+
+/* Who has no name comes behind those who have one. */
+static int by_host(const client *one, const client *other) {
+    const int missing = !*one->host - !*other->host;
+    return missing ? missing : strcasecmp(one->host, other->host);
+}
+
+static int by_mac(const client *one, const client *other) {
+    return strcmp(one->stripped, other->stripped);
+}
+
+static int by_expiry(const client *one, const client *other) {
+    return (one->left > other->left) - (one->left < other->left);
+}
+
+static int by_interface(const client *one, const client *other) {
+    return strcmp(one->interface, other->interface);
+}
+
+static const struct column {
+    const char *name; /* in the query, the page and the JSON alike */
+    comparison *compare;
+} columns[] = {{"host", by_host},
+               {"ip", by_ip},
+               {"mac", by_mac},
+               {"expires", by_expiry},
+               {"interface", by_interface}};
+enum { column_count = sizeof columns / sizeof *columns };
+
+static const struct column *sorted = &columns[1];
+static int is_descending;
+
+/* The query has a column's name, behind a hyphen for the other direction. */
+static void choose_order(void) {
+    prop_table request = read_request();
+    const char *asked = find_field("sort", &request);
+    const int hyphen = asked && *asked == '-';
+    for (int i = 0; asked && i < column_count; i++)
+        if (STRCMP(asked + hyphen, columns[i].name) == 0) {
+            sorted = &columns[i];
+            is_descending = hyphen;
+        }
+    free_table(&request);
+}
+
+static int compare(const void *one, const void *other) {
+    const int order = sorted->compare(one, other);
+    const int full = order ? order : by_ip(one, other);
+    return is_descending ? -full : full;
+}
+
+static void sort(client_table *table) {
+    if (table->count > 0)
+        qsort(table->rows, (size_t)table->count, sizeof *table->rows, compare);
+}
+
+/* The answers. */
+
+static str_node *client_fields(const client *shown, add_field *add) {
+    str_node *fields = NULL;
+    char mac[mac_size] = ""; /* HexStrip2mac() writes no terminator */
+    add(&fields, "host", shown->host);
+    add(&fields, "ip", shown->ip);
+    add(&fields, "mac", HexStrip2mac(shown->stripped, mac));
+    add(&fields, "expires", shown->expires);
+    add(&fields, "interface", shown->interface);
+    return fields;
+}
+
+static void print_row(const client *shown) {
+    str_node *fields = client_fields(shown, add_html);
+    char mac[mac_size] = "";
+    add_html(&fields, "key", HexStrip2mac(shown->stripped, mac));
+    print_template("clients-row", &fields);
+    free_list(&fields);
+}
+
+/* The headings: a click on the column that is sorted turns it round. */
+static void print_table(const char *id, const char *heading, const client_table *table) {
+    str_node *fields = NULL;
+    char name[32];
+    char order[32];
+    add_html(&fields, "id", id);
+    add_html(&fields, "labelled", id);
+    add_html(&fields, "table", id);
+    add_html(&fields, "title", heading);
+    for (int i = 0; i < column_count; i++) {
+        const int is_sorted = sorted == &columns[i];
+        snprintf(name, sizeof name, "direction_%s", columns[i].name);
+        add_str(&fields, name, !is_sorted ? "none" : is_descending ? "descending" : "ascending");
+        snprintf(name, sizeof name, "order_%s", columns[i].name);
+        snprintf(order, sizeof order, "%s%s", is_sorted && !is_descending ? "-" : "",
+                 columns[i].name);
+        add_str(&fields, name, order);
+    }
+    print_template("clients-table", &fields);
+    for (int i = 0; i < table->count; i++)
+        print_row(&table->rows[i]);
+    print_template("clients-table-end", &fields);
+    free_list(&fields);
+}
+
+static void show_page(const client_table *leases, const client_table *neighbours) {
+    print_page_start("200 OK", "clients", "", "Clients");
+    print_template("clients", &(str_node *){NULL});
+    print_table("leases", "Addresses given", leases);
+    print_table("neighbours", "Neighbours", neighbours);
+    print_template("clients-end", &(str_node *){NULL});
+    print_page_end();
+}
+
+static void print_section(const char *name, const client_table *table) {
+    printjson_hdr0(name);
+    for (int i = 0; i < table->count; i++) {
+        str_node *fields = client_fields(&table->rows[i], add_json);
+        print_json_object(i, &fields);
+    }
+    print_json_objects_end();
+}
+
+static void show_json(const client_table *leases, const client_table *neighbours) {
+    print_json_head();
+    printf("{\n");
+    print_section("leases", leases);
+    printf(",\n");
+    print_section("neighbours", neighbours);
+    printf("\n}\n");
+}
+
+int main(void) {
+    if (accept_request())
+        refuse("405 Method Not Allowed", "This page can be read, nothing else.");
+    const int is_json = isajax_get();
+    choose_order();
+    client_table leases = read_leases();
+    client_table neighbours = read_neighbours(&leases);
+    sort(&leases);
+    sort(&neighbours);
+    if (is_json)
+        show_json(&leases, &neighbours);
+    else
+        show_page(&leases, &neighbours);
+    free(neighbours.rows);
+    free(leases.rows);
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,66 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * The login page. A right password begins a session and leads on to the page that was asked for;
+ * for a wrong one there is one message, whatever is wrong.
+ */
+#include "attempt.h"
+#include "session.h"
+#include "trap.h"
+
+#include <stdlib.h>
+
+static void show(const char *status, const char *message, const char *user, const char *next) {
+    str_node *fields = NULL;
+    add_html(&fields, "message", message);
+    add_html(&fields, "user", user ? user : "");
+    add_str(&fields, user && *user ? "focus_password" : "focus_user", "autofocus");
+    add_str(&fields, user && *user ? "focus_user" : "focus_password", "");
+    add_html(&fields, "next", next);
+    print_page(status, "login", "Log in", &fields);
+}
+
+static const char *page_behind(const prop_table *request) {
+    const char *next = find_field("next", request);
+    return next && is_local_path(next) ? next : "/cgi-bin/status";
+}
+
+static void welcome(const char *user, const char *next) {
+    char text[trap_size];
+    begin_session(user);
+    print_redirect(next);
+    snprintf(text, sizeof text, "login: %s", user);
+    send_trap(text);
+}
+
+static void answer_post(void) {
+    setvbuf(stdin, NULL, _IONBF, 0); /* no copy of the password is left in a buffer of its own */
+    prop_table request = read_request();
+    const char *user = find_field("user", &request);
+    const char *next = page_behind(&request);
+    switch (check_password(user, find_field("password", &request))) {
+    case password_right:
+        welcome(user, next);
+        break;
+    case password_wrong:
+        send_trap("login refused");
+        show("403 Forbidden", "The user name or the password is wrong.", user, next);
+        break;
+    case too_many_attempts:
+        printf("Retry-After: 8\r\n");
+        show("429 Too Many Requests", "Others are trying, too. Try again in a few seconds.", user,
+             next);
+        break;
+    }
+    wipe_table(&request);
+}
+
+int main(void) {
+    if (accept_stranger()) {
+        answer_post();
+    } else {
+        prop_table request = read_request();
+        show("200 OK", "", "", page_behind(&request));
+        free_table(&request);
+    }
+    return EXIT_SUCCESS;
+}

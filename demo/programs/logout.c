@@ -1,0 +1,13 @@
+/* SPDX-License-Identifier: MIT */
+/* Ends the session. A form's button leads here, not a link: what follows links logs nobody out. */
+#include "session.h"
+
+#include <stdlib.h>
+
+int main(void) {
+    if (!accept_request())
+        refuse("405 Method Not Allowed", "Use the button to log out.");
+    end_session();
+    print_redirect("/cgi-bin/login");
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,115 @@
+/* SPDX-License-Identifier: MIT */
+/* The password page: a user changes the own password. The sessions of the old one end. */
+#include "attempt.h"
+#include "session.h"
+#include "trap.h"
+
+#include <ctype.h>
+#include <stdlib.h>
+#include <string.h>
+
+enum { shortest_password = 8, longest_password = 63 };
+
+/* What the form has sent, and what is wrong with it. No answer repeats a password. */
+typedef struct form {
+    const char *old;
+    const char *new;
+    const char *again;
+    const char *old_error;
+    const char *new_error;
+    const char *again_error;
+} form;
+
+static void show(const char *status, const char *message, const form *sent) {
+    str_node *fields = NULL;
+    add_html(&fields, "message", message);
+    add_html(&fields, "name", session_user());
+    add_html(&fields, "user", session_user());
+    add_html(&fields, "error_old", sent->old_error);
+    add_html(&fields, "error_new", sent->new_error);
+    add_html(&fields, "error_again", sent->again_error);
+    print_page(status, "password", "Password", &fields);
+}
+
+/* It becomes a part of a line that chpasswd reads. */
+static const char *new_password_complaint(const char *password) {
+    const size_t length = strlen(password);
+    if (length < shortest_password || length > longest_password)
+        return "Use 8 to 63 characters.";
+    for (const char *at = password; *at; at++)
+        if (iscntrl((unsigned char)*at))
+            return "This has a character that no password can have.";
+    return "";
+}
+
+/* Whether the form is good as far as can be told without the old password. */
+static int check(form *sent) {
+    sent->new_error = new_password_complaint(sent->new);
+    if (STRCMP(sent->new, sent->again) != 0)
+        sent->again_error = "This is not the same.";
+    if (!*sent->new_error && STRCMP(sent->new, sent->old) == 0)
+        sent->new_error = "This is the old one.";
+    return !*sent->new_error && !*sent->again_error;
+}
+
+static void change(const form *sent) {
+    char text[trap_size];
+    if (login_chpwd(session_user(), sent->new) != 0) {
+        show("500 Internal Server Error", "The password could not be changed.", sent);
+        return;
+    }
+    end_other_sessions();
+    snprintf(text, sizeof text, "password changed: %s", session_user());
+    send_trap(text);
+    print_redirect("/cgi-bin/password?saved=1");
+}
+
+/* Who sits down at a browser that somebody has left alone has to guess, as at the login. */
+static void change_if_right(form *sent) {
+    switch (check_password(session_user(), sent->old)) {
+    case password_right:
+        change(sent);
+        break;
+    case password_wrong:
+        sent->old_error = "This is not your password.";
+        show("403 Forbidden", "Nothing has been changed: see below.", sent);
+        break;
+    case too_many_attempts:
+        printf("Retry-After: 8\r\n");
+        show("429 Too Many Requests", "Others are trying to log in. Try again in a few seconds.",
+             sent);
+        break;
+    }
+}
+
+static void answer_post(void) {
+    setvbuf(stdin, NULL, _IONBF, 0); /* no copy of a password is left in a buffer of its own */
+    prop_table request = read_request();
+    form sent = {find_field("old", &request),
+                 find_field("new", &request),
+                 find_field("again", &request),
+                 "",
+                 "",
+                 ""};
+    if (!sent.old || !sent.new || !sent.again)
+        show("400 Bad Request", "The request does not have this page's fields.", &sent);
+    else if (!check(&sent))
+        show("422 Unprocessable Content", "Nothing has been changed yet: see below.", &sent);
+    else
+        change_if_right(&sent);
+    wipe_table(&request);
+}
+
+int main(void) {
+    if (accept_request()) {
+        answer_post();
+    } else {
+        const form nothing = {"", "", "", "", "", ""};
+        prop_table request = read_request();
+        show("200 OK",
+             find_field("saved", &request) ? "Changed. Elsewhere you have been logged out." : "",
+             &nothing);
+        free_table(&request);
+    }
+    return EXIT_SUCCESS;
+}

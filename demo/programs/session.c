@@ -1,0 +1,227 @@
+/* SPDX-License-Identifier: MIT */
+#define _GNU_SOURCE
+#include "session.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+enum {
+    id_bytes = 32,
+    id_length = 2 * id_bytes,
+    user_size = longest_value + 1,
+    most_sessions = 16,
+    idle_seconds = 15 * 60
+};
+
+static const char hex_digits[] = "0123456789abcdef";
+
+/* A session as its file tells. */
+typedef struct session {
+    char id[id_length + 1]; /* empty: there is no such session */
+    char user[user_size];
+    struct timespec used;
+} session;
+
+/* The files. All names are looked up in their folder, and only those that an id can be. */
+
+static int open_folder(void) {
+    return open("/run/sessions", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+/* Where files are made or others' are removed, one program at a time does so. */
+static int lock_folder(void) {
+    const int folder = open_folder();
+    flock(folder, LOCK_EX);
+    return folder;
+}
+
+static int is_id(const char *text) {
+    return strlen(text) == id_length && strspn(text, hex_digits) == id_length;
+}
+
+/* A time in the future is none of a last use: the clock has been set back since. */
+static int is_alive(const struct stat *status) {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return status->st_mtime <= now.tv_sec && now.tv_sec - status->st_mtime <= idle_seconds;
+}
+
+/* The whole content is a line: the name of somebody whom the device still knows. */
+static int read_user(int file, char user[user_size]) {
+    char line[user_size + 1] = "";
+    const ssize_t length = full_read(file, line, user_size);
+    const size_t name_length = strcspn(line, "\n");
+    if (line[name_length] != '\n' || length != (ssize_t)name_length + 1)
+        return 0;
+    line[name_length] = '\0';
+    safe_strncpy(user, line, user_size);
+    return getpwnam(user) != NULL;
+}
+
+/* Reads a session, and removes it if it has not been used for too long or is none. */
+static session read_session(int folder, const char *id) {
+    session found = {.id = ""};
+    struct stat status;
+    const int file = is_id(id) ? openat(folder, id, O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
+    if (file < 0)
+        return found;
+    if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_alive(&status) &&
+        read_user(file, found.user)) {
+        memcpy(found.id, id, sizeof found.id);
+        found.used = status.st_mtim;
+    } else {
+        unlinkat(folder, id, 0);
+    }
+    close(file);
+    return found;
+}
+
+/* Hands each session to a visitor. */
+static void visit_sessions(int folder, void (*visit)(int folder, const session *each)) {
+    DIR *files = fdopendir(dup(folder));
+    if (!files)
+        return;
+    rewinddir(files);
+    for (const struct dirent *file = readdir(files); file; file = readdir(files)) {
+        const session each = read_session(folder, file->d_name);
+        if (*each.id)
+            visit(folder, &each);
+    }
+    closedir(files);
+}
+
+/* The request's own session. */
+
+/* The id in the request's cookies, NAME=VALUE; NAME=VALUE; empty if there is none. */
+static void read_cookie(char id[id_length + 1]) {
+    static const char name[] = "session=";
+    const char *at = getenv("HTTP_COOKIE");
+    *id = '\0';
+    for (at = at ? at : ""; *at; at += strcspn(at, ";")) {
+        at += strspn(at, "; ");
+        if (strncmp(at, name, strlen(name)) == 0) {
+            at += strlen(name);
+            if (strcspn(at, ";") == id_length)
+                snprintf(id, id_length + 1, "%s", at);
+            return;
+        }
+    }
+}
+
+static session *own_session(void) {
+    static session own;
+    static int is_known;
+    if (!is_known) {
+        char id[id_length + 1];
+        const int folder = open_folder();
+        read_cookie(id);
+        own = read_session(folder, id);
+        close(folder);
+        is_known = 1;
+    }
+    return &own;
+}
+
+const char *session_user(void) { return *own_session()->id ? own_session()->user : NULL; }
+
+void extend_session(void) {
+    const int folder = open_folder();
+    utimensat(folder, own_session()->id, NULL, AT_SYMLINK_NOFOLLOW);
+    close(folder);
+}
+
+static void remove_own(int folder) {
+    if (*own_session()->id)
+        unlinkat(folder, own_session()->id, 0);
+    *own_session()->id = '\0';
+}
+
+void end_session(void) {
+    const int folder = open_folder();
+    remove_own(folder);
+    close(folder);
+    printf("Set-Cookie: session=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0\r\n");
+}
+
+static void remove_other(int folder, const session *each) {
+    if (STRCMP(each->user, own_session()->user) == 0 && STRCMP(each->id, own_session()->id) != 0)
+        unlinkat(folder, each->id, 0);
+}
+
+void end_other_sessions(void) {
+    const int folder = lock_folder();
+    visit_sessions(folder, remove_other);
+    close(folder);
+}
+
+/* A new session. */
+
+static session oldest;
+static int session_count;
+
+static int is_earlier(struct timespec one, struct timespec other) {
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
+static void count_session(int folder, const session *each) {
+    (void)folder;
+    if (session_count++ == 0 || is_earlier(each->used, oldest.used))
+        oldest = *each;
+}
+
+/* Whoever logs in again and again fills no memory. */
+static void make_room(int folder) {
+    for (;;) {
+        session_count = 0;
+        visit_sessions(folder, count_session);
+        if (session_count < most_sessions || unlinkat(folder, oldest.id, 0) != 0)
+            return;
+    }
+}
+
+static int make_id(char id[id_length + 1]) {
+    unsigned char bytes[id_bytes];
+    if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes)
+        return 0;
+    for (size_t i = 0; i < sizeof bytes; i++)
+        snprintf(id + 2 * i, 3, "%02x", bytes[i]);
+    return 1;
+}
+
+static int write_session(int folder, const char *id, const char *user) {
+    const int file = openat(folder, id, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (file < 0)
+        return 0;
+    const int whole = dprintf(file, "%s\n", user) == (int)strlen(user) + 1;
+    if (!whole)
+        unlinkat(folder, id, 0);
+    close(file);
+    return whole;
+}
+
+void begin_session(const char *user) {
+    char id[id_length + 1];
+    const int folder = lock_folder();
+    remove_own(folder);
+    make_room(folder);
+    if (!make_id(id) || !write_session(folder, id, user))
+        refuse("503 Service Unavailable", "No session can be begun.");
+    close(folder);
+    printf("Set-Cookie: session=%s; Path=/; HttpOnly; SameSite=Strict\r\n", id);
+}
+
+int is_local_path(const char *path) {
+    static const char pages[] = "/cgi-bin/";
+    static const char allowed[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                  "0123456789/-_.?&=";
+    return strncmp(path, pages, strlen(pages)) == 0 && strlen(path) <= longest_value &&
+           strspn(path, allowed) == strlen(path);
+}
