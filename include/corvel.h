@@ -1230,12 +1230,12 @@ CORVEL_API char *get_val_from_file(const char *path, char *out, int size);
  *
  * @param radio   index of the radio.
  * @param network index of its network.
- * @param out     receives up to 17 bytes.
+ * @param out     receives up to 16 bytes.
  * @return @p out.
  */
 CORVEL_API char *gen_wlan_name(int radio, int network, char *out);
 
-/** Writes the name of a wireless network in upper case, "WIFI0_WLAN1": up to 17 bytes. */
+/** Writes the name of a wireless network in upper case, "WIFI0_WLAN1": up to 16 bytes. */
 CORVEL_API char *gen_wlan_name0(int radio, int network, char *out);
 
 /** Writes the name of a radio, "wifi0": up to 8 bytes. */
@@ -1247,10 +1247,10 @@ CORVEL_API char *gen_radio_key(int radio, const char *suffix, char *out);
 /** Writes a radio's key, "WIFI0_suffix": up to 9 bytes and the suffix. */
 CORVEL_API char *gen_radio_key0(int radio, const char *suffix, char *out);
 
-/** Writes a network's key in braces, "{WIFI0_WLAN1_suffix}": up to 20 bytes and the suffix. */
+/** Writes a network's key in braces, "{WIFI0_WLAN1_suffix}": up to 19 bytes and the suffix. */
 CORVEL_API char *gen_wlan_key(int radio, int network, const char *suffix, char *out);
 
-/** Writes a network's key, "WIFI0_WLAN1_suffix": up to 18 bytes and the suffix. */
+/** Writes a network's key, "WIFI0_WLAN1_suffix": up to 17 bytes and the suffix. */
 CORVEL_API char *gen_wlan_key0(int radio, int network, const char *suffix, char *out);
 
 /** @} */

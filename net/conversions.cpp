@@ -58,9 +58,10 @@ extern "C" {
 int hex2int(char digit) { return corvel::hex_value(digit); }
 
 char *ascii2hex(const unsigned char *bytes, unsigned int n, char *out) {
-    // More than the caller is told to release: the terminator stays inside of the block.
+    // More than the caller is told to release: the terminator stays inside of the block. Where the
+    // size overflows, calloc() notices.
     if (out == nullptr)
-        out = static_cast<char *>(std::calloc(std::size_t{n} + 1, 2));
+        out = static_cast<char *>(std::calloc(std::size_t{n} / 2 + 1, 4));
     if (out == nullptr)
         return nullptr;
     char *end = out;

@@ -31,7 +31,6 @@ enum Selector : unsigned {
 
 constexpr const char *ipv6_table = "/proc/net/if_inet6";
 
-constexpr const char *no_ipv4_address = "0.0.0.0";
 constexpr const char *no_ipv6_address = "::";
 
 constexpr std::size_t address_size = 16;
@@ -160,8 +159,8 @@ void print_address(std::string_view interface, unsigned selector, std::span<char
         return;
     }
     char quad[INET_ADDRSTRLEN];
-    print_dotted_quad(address, quad);
-    store(text, found != 0 ? quad : no_ipv4_address);
+    print_dotted_quad(address, quad); // four zeros if there is none
+    store(text, quad);
 }
 
 } // namespace

@@ -1,0 +1,633 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include "net/descriptors.h"
+#include "net/fenced.h"
+#include "net/network.h"
+#include "support/output_capture.h"
+#include "support/private_root.h"
+#include "support/stand_in.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <memory>
+#include <ostream>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace corvel_test;
+using namespace std::string_literals;
+
+struct Record {
+    std::string ip;
+    std::string hwtype;
+    std::string mac;
+    bool operator==(const Record &) const = default;
+    friend std::ostream &operator<<(std::ostream &out, const Record &record) {
+        return out << '{' << record.ip << ' ' << record.hwtype << ' ' << record.mac << '}';
+    }
+};
+using Records = std::vector<Record>;
+
+template <std::size_t size> bool is_text(const char (&field)[size]) {
+    return std::memchr(field, '\0', size) != nullptr;
+}
+
+/** Whether nothing follows the text in its field. */
+template <std::size_t size> bool is_clean(const char (&field)[size]) {
+    return is_text(field) && std::all_of(std::begin(field) + std::strlen(field), std::end(field),
+                                         [](char byte) { return byte == '\0'; });
+}
+
+Records records_of(const lease_entry *entry) {
+    Records records;
+    for (; entry != nullptr; entry = entry->next) {
+        EXPECT_EQ(entry->reserved, 0);
+        EXPECT_TRUE(is_clean(entry->ip) && is_clean(entry->hwtype) && is_clean(entry->mac));
+        EXPECT_EQ(std::string_view(entry->expires, sizeof entry->expires), std::string(16, '\0'));
+        EXPECT_EQ(std::string_view(entry->hostname, sizeof entry->hostname),
+                  std::string(128, '\0'));
+        records.push_back({entry->ip, entry->hwtype, entry->mac});
+    }
+    return records;
+}
+
+/** The neighbours at an interface, or at all. */
+Records neighbours(const std::string &interface = "") {
+    FencedText text;
+    const char *const ifname = text.hold(interface);
+    lease_entry *head = nullptr;
+    int count = 0;
+    {
+        const DescriptorWatch watch;
+        count = get_arp_cache(ifname, &head);
+    }
+    Records records = records_of(head);
+    EXPECT_EQ(count, records.size());
+    free_leaselist(&head);
+    EXPECT_EQ(head, nullptr);
+    return records;
+}
+
+void add_two_interfaces() {
+    add_cable("eth0", "far0");
+    add_cable("eth0.1", "far1");
+    ip("address add 192.168.1.1/24 dev eth0");
+    ip("address add 10.0.0.1/24 dev eth0.1");
+}
+
+TEST(NeighbourCache, ListsWhatTheKernelKnows) {
+    in_private_root([] {
+        EXPECT_EQ(neighbours(), Records{});
+        add_two_interfaces();
+        EXPECT_EQ(neighbours(), Records{});
+        ip("neighbour add 192.168.1.77 lladdr 02:1a:2b:fc:80:09 dev eth0 nud permanent");
+        EXPECT_EQ(neighbours(), (Records{{"192.168.1.77", "1", "021A2BFC8009"}}));
+        ip("neighbour add 10.0.0.255 lladdr 00:11:22:33:44:55 dev eth0.1 nud stale");
+        Records both = neighbours();
+        std::sort(both.begin(), both.end(),
+                  [](const Record &left, const Record &right) { return left.mac < right.mac; });
+        EXPECT_EQ(both, (Records{{"10.0.0.255", "1", "001122334455"},
+                                 {"192.168.1.77", "1", "021A2BFC8009"}}));
+    });
+}
+
+TEST(NeighbourCache, ListsThoseOfOneInterface) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("neighbour add 192.168.1.77 lladdr 02:00:00:00:00:01 dev eth0 nud permanent");
+        ip("neighbour add 10.0.0.77 lladdr 02:00:00:00:00:02 dev eth0.1 nud permanent");
+        EXPECT_EQ(neighbours("eth0"), (Records{{"192.168.1.77", "1", "020000000001"}}));
+        EXPECT_EQ(neighbours("eth0.1"), (Records{{"10.0.0.77", "1", "020000000002"}}));
+        for (const char *name : {"far0", "eth", "eth0.", "eth0.11", "eth7", "ETH0", " ", "-", "*"})
+            EXPECT_EQ(neighbours(name), Records{}) << name;
+    });
+}
+
+TEST(NeighbourCache, ListsNoNeighbourWithoutAHardwareAddress) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("neighbour add 192.168.1.7 dev eth0 nud incomplete");
+        ip("neighbour add 192.168.1.8 lladdr 02:00:00:00:00:08 dev eth0 nud failed");
+        EXPECT_EQ(neighbours(), Records{});
+        // They are in the table.
+        const std::string table = read_file("/proc/net/arp");
+        EXPECT_NE(table.find("192.168.1.7 "), std::string::npos);
+        ip("neighbour add 192.168.1.9 lladdr 02:00:00:00:00:09 dev eth0 nud permanent");
+        EXPECT_EQ(neighbours(), (Records{{"192.168.1.9", "1", "020000000009"}}));
+    });
+}
+
+TEST(NeighbourCache, ListsAHardwareAddressOnce) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("neighbour add 192.168.1.77 lladdr 02:00:00:00:00:01 dev eth0 nud permanent");
+        ip("neighbour add 192.168.1.78 lladdr 02:00:00:00:00:01 dev eth0 nud permanent");
+        ip("neighbour add 10.0.0.77 lladdr 02:00:00:00:00:01 dev eth0.1 nud permanent");
+        EXPECT_EQ(neighbours().size(), 1U);
+        EXPECT_EQ(neighbours("eth0").size(), 1U);
+        EXPECT_EQ(neighbours("eth0.1"), (Records{{"10.0.0.77", "1", "020000000001"}}));
+    });
+}
+
+/** A line as the kernel prints it. */
+std::string line(const std::string &address, const std::string &mac,
+                 const std::string &device = "eth0", const std::string &flags = "0x2",
+                 const std::string &type = "0x1") {
+    char text[1024];
+    std::snprintf(text, sizeof text, "%-16s %-10s  %-10s  %-17s     *        %s\n", address.c_str(),
+                  type.c_str(), flags.c_str(), mac.c_str(), device.c_str());
+    return text;
+}
+
+const std::string heading =
+    "IP address       HW type     Flags       HW address            Mask     Device\n";
+const std::string mac_1 = "00:11:22:33:44:51";
+const std::string mac_2 = "00:11:22:33:44:52";
+const Record record_1 = {"1.1.1.1", "1", "001122334451"};
+const Record record_2 = {"2.2.2.2", "1", "001122334452"};
+
+TEST(NeighbourTable, ListsCompleteNeighboursInTheOrderOfTheTable) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("2.2.2.2", mac_2) + line("3.3.3.3", mac_1, "eth0", "0x0") +
+                   line("1.1.1.1", mac_1, "eth1", "0x6"));
+        EXPECT_EQ(neighbours(), (Records{record_2, record_1}));
+    });
+}
+
+TEST(NeighbourTable, TellsACompleteNeighbourByOneFlag) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        for (unsigned flags = 0; flags < 256; ++flags) {
+            char text[16];
+            std::snprintf(text, sizeof text, "0x%x", flags);
+            table.hold(heading + line("1.1.1.1", mac_1, "eth0", text));
+            EXPECT_EQ(neighbours(), (flags & 2) != 0 ? Records{record_1} : Records{}) << flags;
+        }
+    });
+}
+
+TEST(NeighbourTable, ListsTheFirstLineOfAHardwareAddress) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("9.9.9.9", mac_1, "eth0", "0x0") +
+                   line("1.1.1.1", mac_1, "eth0") + line("3.3.3.3", mac_1, "eth1") +
+                   line("2.2.2.2", mac_2, "eth1") + line("4.4.4.4", mac_2, "eth0"));
+        EXPECT_EQ(neighbours(), (Records{record_1, record_2}));
+        EXPECT_EQ(neighbours("eth0"), (Records{record_1, {"4.4.4.4", "1", "001122334452"}}));
+        EXPECT_EQ(neighbours("eth1"), (Records{{"3.3.3.3", "1", "001122334451"}, record_2}));
+    });
+}
+
+TEST(NeighbourTable, ComparesHardwareAddressesAsTheyAreListed) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("1.1.1.1", "aa:bb:cc:dd:ee:ff") +
+                   line("2.2.2.2", "AA-BB-CC-DD-EE-FF") +
+                   line("3.3.3.3", "aa:bb:cc:dd:ee:ff:00:11"));
+        EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", "AABBCCDDEEFF"}}));
+    });
+}
+
+TEST(NeighbourTable, HoldsItsHardwareTypeInHexadecimal) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        for (const std::string type : {"0", "1", "19", "2fb", "abcdef", "fffffff"}) {
+            table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x" + type));
+            EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", type, "001122334451"}}));
+        }
+        table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x00ABC"));
+        EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "abc", "001122334451"}}));
+        // The field has room for seven digits.
+        table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x12345678"));
+        EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1234567", "001122334451"}}));
+    });
+}
+
+TEST(NeighbourTable, IsReadBehindItsHeadingWhateverThatIs) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        for (const std::string &first : {"\n"s, "\0\n"s, "x\n"s, line("9.9.9.9", mac_2)}) {
+            table.hold(first + line("1.1.1.1", mac_1));
+            EXPECT_EQ(neighbours(), Records{record_1});
+        }
+    });
+}
+
+TEST(NeighbourTable, EndsAtALineThatIsNone) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        for (const std::string &bad :
+             {"\n"s, "  \n"s, "2.2.2.2\n"s, "2.2.2.2 0x1\n"s, "2.2.2.2 0x1 0x2\n"s,
+              "2.2.2.2 1 0x2 00:11:22:33:44:52 * eth0\n"s,
+              "2.2.2.2 0x1 2 00:11:22:33:44:52 * eth0\n"s,
+              "2.2.2.2 0xg 0x2 00:11:22:33:44:52 * eth0\n"s,
+              "2.2.2.2 0x1 0xzz 00:11:22:33:44:52 * eth0\n"s,
+              "2.2.2.2 0X1 0x2 00:11:22:33:44:52 * eth0\n"s,
+              "2.2.2.2 0x1 0x2 \0 00:11:22:33:44:52 * eth0\n"s, "\0"s + line("2.2.2.2", mac_2),
+              std::string(127, ' ') + "\n", std::string(500, 'x') + "\n",
+              std::string(500, '\0') + "\n"}) {
+            table.hold(heading + line("1.1.1.1", mac_1) + bad + line("2.2.2.2", mac_2));
+            EXPECT_EQ(neighbours(), Records{record_1}) << bad;
+            table.hold(heading + bad + line("2.2.2.2", mac_2));
+            EXPECT_EQ(neighbours(), Records{}) << bad;
+        }
+    });
+}
+
+TEST(NeighbourTable, MayLackMaskAndDevice) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        for (const char *last : {"", " *"}) {
+            table.hold(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + last + "\n");
+            EXPECT_EQ(neighbours(), (Records{record_2, record_1}));
+            EXPECT_EQ(neighbours("eth0"), Records{record_2});
+            EXPECT_EQ(neighbours("-"), Records{record_1});
+        }
+    });
+}
+
+TEST(NeighbourTable, MayHoldAnyBlanksAndWords) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + "\t1.1.1.1\t0x1   0x2\v" + mac_1 + "\f*\r eth0 more words\n" +
+                   "%s%n 0x 1 0x +2 \xFF\x80:%n * eth0\n");
+        EXPECT_EQ(neighbours("eth0"), (Records{record_1, {"%s%n", "1", "\xFF\x80%N"}}));
+    });
+}
+
+TEST(NeighbourTable, MayHoldShortHardwareAddresses) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("1.1.1.1", "*") + line("2.2.2.2", "0a:0b:0c:0d") +
+                   line("3.3.3.3", "*"));
+        EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", "*"}, {"2.2.2.2", "1", "0A0B0C0D"}}));
+    });
+}
+
+TEST(NeighbourTable, MayHoldLongWords) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        const std::string rest = " 0x1 0x2 a\n";
+        const std::string address(127 - rest.size(), 'i');
+        table.hold(heading + address + rest);
+        EXPECT_EQ(neighbours(), (Records{{address, "1", "A"}}));
+        const std::string start = "1.1.1.1 0x1 0x2 ";
+        const std::string mac(127 - start.size() - 1, 'm');
+        table.hold(heading + start + mac + "\n");
+        EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", std::string(12, 'M')}}));
+        const std::string device(127 - start.size() - mac_1.size() - 4, 'd');
+        table.hold(heading + start + mac_1 + " * " + device + "\n");
+        EXPECT_EQ(neighbours(device), Records{record_1});
+        EXPECT_EQ(neighbours(device.substr(1)), Records{});
+        EXPECT_EQ(neighbours(device + "d"), Records{});
+    });
+}
+
+TEST(NeighbourTable, IsReadInPiecesOf127Characters) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        const std::string entry = "1.1.1.1 0x1 0x2 " + mac_1 + " * eth0";
+        // The line end, too, counts as a character.
+        for (const std::size_t length : {120U, 125U, 126U}) {
+            table.hold(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
+                       line("2.2.2.2", mac_2));
+            EXPECT_EQ(neighbours(), (Records{record_1, record_2})) << length;
+        }
+        // What is left of a longer line is a line that is none.
+        for (const std::size_t length : {127U, 128U, 200U}) {
+            table.hold(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
+                       line("2.2.2.2", mac_2));
+            EXPECT_EQ(neighbours(), Records{record_1}) << length;
+        }
+        // A piece may be a line of its own.
+        table.hold(heading + entry + std::string(127 - entry.size(), ' ') + line("2.2.2.2", mac_2));
+        EXPECT_EQ(neighbours(), (Records{record_1, record_2}));
+        // So may what is left of the heading.
+        table.hold(std::string(127, 'x') + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{record_1});
+        table.hold(std::string(126, 'x') + "\n" + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{record_1});
+        table.hold(std::string(128, 'x') + "\n" + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{});
+    });
+}
+
+TEST(NeighbourTable, MayEndWithoutALineEnd) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + " * eth0");
+        EXPECT_EQ(neighbours("eth0"), (Records{record_2, record_1}));
+    });
+}
+
+TEST(NeighbourTable, MayBeEmptyMissingAFolderOrUnreadable) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        const auto expect_none = [] {
+            EXPECT_EQ(neighbours(), Records{});
+        };
+        table.hold("");
+        expect_none();
+        table.hold(heading);
+        expect_none();
+        table.hold("no line end");
+        expect_none();
+        table.be_missing();
+        EXPECT_EQ(capture_stdout(expect_none), "");
+        EXPECT_EQ(capture_stderr(expect_none), "");
+        table.be_a_folder();
+        expect_none();
+        table.be_missing();
+        table.hold(heading + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{record_1});
+        {
+            const DescriptorsLeft none(0);
+            expect_none();
+        }
+        const FailCall unreadable(call_read, 1, EIO, FailCall::from_then_on);
+        expect_none();
+    });
+}
+
+TEST(NeighbourTable, IsReadWithoutAWord) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("1.1.1.1", mac_1) + "bad\n");
+        const auto read = [] {
+            EXPECT_EQ(neighbours(), Records{record_1});
+        };
+        EXPECT_EQ(capture_stdout(read), "");
+        EXPECT_EQ(capture_stderr(read), "");
+    });
+}
+
+TEST(NeighbourTable, GivesWhatWasReadWhenMemoryRanOut) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("1.1.1.1", mac_1) + line("9.9.9.9", mac_1) +
+                   line("2.2.2.2", mac_2) + line("3.3.3.3", "00:00:00:00:00:03"));
+        const Records all = {record_1, record_2, {"3.3.3.3", "1", "000000000003"}};
+        const DescriptorWatch watch;
+        EXPECT_EQ(for_each_allocation_failure([&](AllocationTrial &trial) {
+                      lease_entry *head = nullptr;
+                      const int count = trial.run([&] { return get_arp_cache("", &head); });
+                      EXPECT_EQ(count, trial.failed() ? 0 : 3);
+                      const auto kept = static_cast<std::ptrdiff_t>(std::min(trial.n() - 1, 3UL));
+                      EXPECT_EQ(records_of(head), Records(all.begin(), all.begin() + kept));
+                      free_leaselist(&head);
+                  }),
+                  3U);
+    });
+}
+
+std::string mac_of(unsigned number) {
+    char text[18];
+    std::snprintf(text, sizeof text, "02:00:%02x:%02x:%02x:%02x", number >> 24, number >> 16 & 0xFF,
+                  number >> 8 & 0xFF, number & 0xFF);
+    return text;
+}
+
+TEST(NeighbourTable, MayBeLong) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        std::mt19937 engine(67);
+        std::string text = heading;
+        Records expected;
+        // More hardware addresses than there can be neighbours, each two times.
+        std::vector<unsigned> macs;
+        for (unsigned number = 0; number < 5000; ++number)
+            macs.insert(macs.end(), 2, number * 7919);
+        std::shuffle(macs.begin(), macs.end(), engine);
+        std::vector<unsigned> seen;
+        for (std::size_t i = 0; i < macs.size(); ++i) {
+            const std::string address = "10.0.0." + std::to_string(i);
+            std::string mac = mac_of(macs[i]);
+            text += line(address, mac);
+            if (std::find(seen.begin(), seen.end(), macs[i]) == seen.end()) {
+                seen.push_back(macs[i]);
+                std::transform(mac.begin(), mac.end(), mac.begin(), [](char digit) {
+                    return digit >= 'a' ? static_cast<char>(digit - 32) : digit;
+                });
+                mac.erase(std::remove(mac.begin(), mac.end(), ':'), mac.end());
+                expected.push_back({address, "1", mac});
+            }
+        }
+        table.hold(text);
+        EXPECT_EQ(expected.size(), 5000U);
+        EXPECT_EQ(neighbours(), expected);
+    });
+}
+
+/** What a reader with scanf() finds. */
+Records expected_of(const std::string &path, const std::string &interface) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "r"),
+                                                                std::fclose);
+    Records records;
+    char text[128];
+    static_cast<void>(std::fgets(text, sizeof text, file.get()));
+    while (std::fgets(text, sizeof text, file.get()) != nullptr) {
+        char address[128], mac[128] = "";
+        char mask[128] = "-", device[128] = "-";
+        unsigned type = 0, flags = 0;
+        if (std::sscanf(text, "%127s 0x%x 0x%x %127s %127s %127s\n", address, &type, &flags, mac,
+                        mask, device) < 4)
+            break;
+        if ((!interface.empty() && interface != device) || (flags & 2) == 0)
+            continue;
+        char hwtype[16];
+        std::snprintf(hwtype, sizeof hwtype, "%x", type);
+        std::string stripped;
+        for (std::size_t at = 0; at < 17 && mac[at] != '\0'; ++at) {
+            if (at % 3 != 2)
+                stripped +=
+                    mac[at] >= 'a' && mac[at] <= 'z' ? static_cast<char>(mac[at] - 32) : mac[at];
+        }
+        if (std::none_of(records.begin(), records.end(),
+                         [&](const Record &record) { return record.mac == stripped; }))
+            records.push_back({address, hwtype, stripped});
+    }
+    return records;
+}
+
+class RandomTable {
+  public:
+    std::string next() {
+        const std::string flags[] = {"0x0", "0x2", "0x6", "0x2", "0x00000002", "0x4"};
+        const std::string macs[] = {mac_of(number(9)),   mac_of(number(9)),
+                                    mac_of(number(9)),   "*",
+                                    "aa-bb-cc-dd-ee-ff", "AA:BB:CC:DD:EE:FF:01"};
+        const std::string devices[] = {"eth0", "eth0.1", "eth", "-"};
+        std::vector<std::string> words = {"10.0.0." + std::to_string(number(256)),
+                                          number(9) == 0 ? "0x2fb" : "0x1",
+                                          flags[number(std::size(flags))],
+                                          macs[number(std::size(macs))],
+                                          "*",
+                                          devices[number(std::size(devices))]};
+        if (number(12) == 0)
+            words[number(words.size())] = junk();
+        if (number(12) == 0)
+            words.resize(4 + number(2));
+        if (number(100) == 0)
+            words.resize(number(4));
+        std::string text;
+        for (const std::string &word : words)
+            text += word + std::string(1 + number(3), number(2) == 0 ? '\t' : ' ');
+        return text + (number(30) == 0 ? "" : "\n");
+    }
+    unsigned number(std::size_t below) { return static_cast<unsigned>(engine_() % below); }
+
+  private:
+    std::string junk() {
+        std::string text(1 + number(8), '\0');
+        for (char &character : text)
+            character = "0123xxXaF-+z\xFF*%"[number(15)];
+        return number(2) == 0 ? text : "0x" + text;
+    }
+
+    std::mt19937 engine_{68};
+};
+
+TEST(NeighbourTable, IsReadAsAFormatReadsIt) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        RandomTable random;
+        for (int round = 0; round < 1500; ++round) {
+            std::string text = heading;
+            for (unsigned lines = random.number(25); lines != 0; --lines)
+                text += random.next();
+            table.hold(text);
+            for (const char *interface : {"", "eth0", "-"})
+                ASSERT_EQ(neighbours(interface), expected_of("/proc/net/arp", interface)) << text;
+        }
+    });
+}
+
+TEST(NeighbourTable, IsReadToAnEndWhateverItHolds) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        std::mt19937 engine(69);
+        for (int round = 0; round < 500; ++round) {
+            std::string noise = heading + line("1.1.1.1", mac_1);
+            for (unsigned length = static_cast<unsigned>(engine() % 2000); length != 0; --length)
+                noise += "0x12 \n\t:\0f\xFF"[engine() % 11];
+            table.hold(noise);
+            const Records found = neighbours();
+            ASSERT_FALSE(found.empty());
+            ASSERT_EQ(found.front(), record_1);
+        }
+    });
+}
+
+/** A record of a list. */
+lease_entry record(const std::string &address, const std::string &mac,
+                   const std::string &expires = "") {
+    lease_entry entry = {};
+    address.copy(entry.ip, sizeof entry.ip);
+    mac.copy(entry.mac, sizeof entry.mac);
+    expires.copy(entry.expires, sizeof entry.expires);
+    return entry;
+}
+
+int position(const lease_entry *head, const std::string &mac) {
+    static FencedText text;
+    return search_by_mac(head, text.hold(mac));
+}
+
+TEST(SearchByMac, GivesThePositionOfTheFirstRecord) {
+    lease_entry third = record("3.3.3.3", "AABBCCDDEEFF");
+    lease_entry second = record("2.2.2.2", "AABBCCDDEEFF");
+    second.next = &third;
+    lease_entry first = record("1.1.1.1", "001122334455");
+    first.next = &second;
+    EXPECT_EQ(position(&first, "00:11:22:33:44:55"), 1);
+    EXPECT_EQ(position(&first, "aa:bb:cc:dd:ee:ff"), 2);
+    EXPECT_EQ(position(&first, "AA-BB-CC-DD-EE-FF"), 2);
+    EXPECT_EQ(position(&third, "aa:bb:cc:dd:ee:ff"), 1);
+    EXPECT_EQ(position(&first, "00:11:22:33:44:56"), 0);
+}
+
+TEST(SearchByMac, FindsNothingInAnEmptyList) {
+    EXPECT_EQ(position(nullptr, "00:11:22:33:44:55"), 0);
+    EXPECT_EQ(position(nullptr, ""), 0);
+}
+
+TEST(SearchByMac, ComparesExactly) {
+    const lease_entry longer = record("1.1.1.1", "0011223344556");
+    EXPECT_EQ(position(&longer, "00:11:22:33:44:55"), 0);
+    const lease_entry shorter = record("1.1.1.1", "00112233445");
+    EXPECT_EQ(position(&shorter, "00:11:22:33:44:55"), 0);
+    EXPECT_EQ(position(&shorter, "00:11:22:33:44:5"), 1);
+    const lease_entry lower_case = record("1.1.1.1", "aabbccddeeff");
+    EXPECT_EQ(position(&lower_case, "aa:bb:cc:dd:ee:ff"), 0);
+    const lease_entry full = record("1.1.1.1", "001122334455" + std::string(20, 'x'));
+    EXPECT_EQ(position(&full, "00:11:22:33:44:55"), 0);
+    const lease_entry empty = record("1.1.1.1", "");
+    EXPECT_EQ(position(&empty, "00:11:22:33:44:55"), 0);
+}
+
+TEST(SearchByMac, FindsNoLeaseRecord) {
+    const lease_entry lease = record("1.1.1.1", "00:11:22:33:44:55");
+    EXPECT_EQ(position(&lease, "00:11:22:33:44:55"), 0);
+}
+
+TEST(SearchByMac, ReadsNothingBehindAText) {
+    const lease_entry entry = record("1.1.1.1", "001122334455");
+    const std::string mac = "00:11:22:33:44:55";
+    for (std::size_t length = 0; length <= mac.size(); ++length)
+        EXPECT_EQ(position(&entry, mac.substr(0, length)), length == mac.size() ? 1 : 0);
+    EXPECT_EQ(position(&entry, mac + std::string(3000, ':')), 1);
+}
+
+TEST(SearchByMac, FindsEveryRecordOfTheNeighbourTable) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + line("1.1.1.1", mac_1) + line("2.2.2.2", mac_2) +
+                   line("3.3.3.3", "fe:dc:ba:98:76:54"));
+        lease_entry *head = nullptr;
+        EXPECT_EQ(get_arp_cache("", &head), 3);
+        EXPECT_EQ(position(head, mac_1), 1);
+        EXPECT_EQ(position(head, mac_2), 2);
+        EXPECT_EQ(position(head, "FE:DC:BA:98:76:54"), 3);
+        free_leaselist(&head);
+    });
+}
+
+const std::string first_line = "dump mac ip\n";
+const std::string last_line = "---------------------------\n";
+
+TEST(DumpMacIp, PrintsTheFramingLinesOfAnEmptyList) {
+    EXPECT_EQ(capture_stdout([] { dump_macip(nullptr); }), first_line + last_line);
+}
+
+TEST(DumpMacIp, PrintsALineForEachRecord) {
+    lease_entry second = record("fe80::1%s%n", "00:11:22:33:44:56", "-12");
+    lease_entry first = record("1.1.1.1", "001122334455");
+    first.next = &second;
+    std::strcpy(second.hostname, "host");
+    std::strcpy(second.hwtype, "1");
+    EXPECT_EQ(capture_stdout([&] { dump_macip(&first); }),
+              first_line + "1.1.1.1\t001122334455\t\t\nfe80::1%s%n\t00:11:22:33:44:56\t-12\t\n" +
+                  last_line);
+}
+
+TEST(DumpMacIp, PrintsATextThatFillsItsFieldToTheFieldsEnd) {
+    lease_entry entry = record(std::string(128, 'i'), std::string(32, 'm'), std::string(16, 'e'));
+    std::strcpy(entry.hwtype, "1");
+    std::strcpy(entry.hostname, "host");
+    EXPECT_EQ(capture_stdout([&] { dump_macip(&entry); }),
+              first_line + std::string(128, 'i') + "\t" + std::string(32, 'm') + "\t" +
+                  std::string(16, 'e') + "\t\n" + last_line);
+}
+
+} // namespace
