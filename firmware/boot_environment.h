@@ -5,8 +5,18 @@
 #include <corvel.h>
 
 #include <cstddef>
+#include <fcntl.h>
+
+#include "support/descriptor.h"
+#include "support/text.h"
 
 namespace corvel {
+
+/// Opens the environment's file. Descriptor 0 counts as a failure, and stays open.
+inline Descriptor open_environment(const char *path, int flags) {
+    const int descriptor = open(text_or_empty(path), flags | O_CLOEXEC, 0644);
+    return Descriptor(descriptor > 0 ? descriptor : -1);
+}
 
 /// What became of reading an environment image.
 enum class ImageRead { done, cannot_open, too_short };

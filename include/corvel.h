@@ -1298,7 +1298,8 @@ CORVEL_API char *getHWaddr0(const char *ifname, char *out);
  *                 for a prefix length of 0.
  * @param out      receives the text, cut to fit; 16 bytes suffice for IPv4, 64 for IPv6. "::" if
  *                 the IPv6 address does not fit.
- * @param len      the bytes at @p out. Four of them are never used for the prefix length.
+ * @param len      the bytes at @p out; nothing is written for 0 or less. Four of them are never
+ * used for the prefix length.
  * @return @p out.
  */
 CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, int len);
@@ -1395,7 +1396,7 @@ CORVEL_API int get_dnsmasq_leases(lease_entry **head, const char *path);
 /**
  * Reads a DHCPv6 server's lease file as get_dnsmasq_leases() does, from other words of a line: the
  * second is the hardware identifier, the fourth the host name, the fifth the expiry, the eighth the
- * address.
+ * address. An IPv6 address that is spelled with more than 31 characters is cut, too.
  */
 CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
 
@@ -1408,6 +1409,8 @@ CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
  * with get_dnsmasq_leases().
  *
  * @param head the address of a null pointer; receives the list.
+ * If /proc can't be opened it dies; see find_pid_by_name().
+ *
  * @return what the reader returns; 0 if no server runs.
  */
 CORVEL_API int get_leases(lease_entry **head);
@@ -1488,7 +1491,7 @@ CORVEL_API void *xrealloc(void *block, size_t size);
  * Copies a text, cut to fit, and fills what is left of the buffer with zeros.
  *
  * @param dst  receives @p size bytes; must not overlap @p src.
- * @param src  the text.
+ * @param src  the text. Nothing behind its first @p size - 1 characters is read.
  * @param size the bytes at @p dst: at least 1. For 0 nothing is written.
  * @return @p dst.
  */
@@ -1601,12 +1604,17 @@ CORVEL_API int login_auth(const char *user, const char *password);
 /**
  * Sets a user's password: writes it, with the user's name, to /tmp/.chpwd.txt and runs
  * "/bin/chpasswd -m < /tmp/.chpwd.txt" through the shell. The file is new, readable by its owner
- * alone, and removed in any case; whatever had its name before is removed, too.
+ * alone, and removed before the call returns; whatever had its name before is removed, too. A
+ * signal that ends the program meanwhile leaves it there.
+ *
+ * Programs that call this at the same time share the one file, and a password may be set twice and
+ * another not at all: hold a lock of your own.
  *
  * @param user     the user. Refused with 123 if there is a colon or a line end in it.
  * @param password the password, in plain text. Refused with 123 if there is a line end in it.
- * @return 0; 121 if the command failed; 122 if it could not be started, was killed, or its status
- *         is not to be had; 123 if the file could not be made.
+ * @return 0; 121 if the command failed, and with most shells also if it is not there or was killed;
+ *         122 if the shell could not be started or was killed, or if its status is not to be had,
+ * as where SIGCHLD is ignored; 123 if the file could not be made.
  */
 CORVEL_API int login_chpwd(const char *user, const char *password);
 
@@ -1624,13 +1632,14 @@ CORVEL_API int login_chpwd(const char *user, const char *password);
  * If it can't be bound, "bind failure:%s!" and a line end are printed, with the reason, and it
  * stays open.
  *
- * @return the descriptor, above 0; otherwise the negative `errno`.
+ * @return the descriptor, above 0; otherwise the negative `errno`. A descriptor of 0 counts as a
+ *         failure, although it stays open and `errno` says nothing of it.
  */
 CORVEL_API int open_socket_for_trap(void);
 
 /**
- * Sends a notification: a netlink message of 172 bytes, type 17, sequence number 1, from the port
- * that has the process's id.
+ * Sends a notification: a netlink message of 172 bytes, type 17, sequence number 1, with the
+ * process's id as that of its sender.
  *
  * On failure "unable to send message" is printed with perror().
  *

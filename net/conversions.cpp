@@ -83,12 +83,10 @@ char *hex2ascii(const char *hex, char *out) {
 int str2byte(const char *hex, int len, unsigned char *out) {
     const char *digits = corvel::text_or_empty(hex);
     for (int pair = 0; pair < len / 2; ++pair, digits += 2) {
-        // The end of the text is no digit, so that nothing behind it is looked at.
-        const int high = corvel::hex_value(digits[0]);
-        const int low = high < 0 ? -1 : corvel::hex_value(digits[1]);
-        if (low < 0)
+        const int byte = corvel::hex_pair(digits);
+        if (byte < 0)
             return -1;
-        *out++ = static_cast<unsigned char>(high * 16 + low);
+        *out++ = static_cast<unsigned char>(byte);
     }
     return 0;
 }

@@ -55,11 +55,10 @@ std::optional<Ipv6Line> parse_ipv6_line(std::string_view text) {
     if (digits.size() != address_size * 2)
         return {};
     for (std::size_t i = 0; i < address_size; ++i) {
-        const int high = hex_value(digits[i * 2]);
-        const int low = hex_value(digits[i * 2 + 1]);
-        if (high < 0 || low < 0)
+        const int byte = hex_pair(&digits[i * 2]);
+        if (byte < 0)
             return {};
-        line.address[i] = static_cast<unsigned char>(high * 16 + low);
+        line.address[i] = static_cast<unsigned char>(byte);
     }
     const auto index = scanner.hexadecimal();
     const auto prefix_length = scanner.hexadecimal();

@@ -7,7 +7,8 @@
 
 namespace corvel {
 
-/// Whether an interface can have the name. A longer one, cut, could be that of another interface.
+/// Whether the kernel could have an interface of that name: a longer one, cut, could be that of
+/// another interface. Which characters it takes is left to the kernel.
 constexpr bool is_interface_name(std::string_view name) {
     return !name.empty() && name.size() < IFNAMSIZ;
 }

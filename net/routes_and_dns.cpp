@@ -52,11 +52,12 @@ std::optional<std::uint32_t> find_gateway(std::string_view interface) {
         std::printf("Open %s file error.\n", routing_table);
         return {};
     }
+    if (!is_interface_name(interface))
+        return {};
     LineReader reader(table.get());
     for (Line line; reader.next(line);) {
         const std::optional<Route> route = parse_route(line.text());
-        if (route && route->leads_to_gateway() && route->interface == interface &&
-            is_interface_name(interface))
+        if (route && route->leads_to_gateway() && route->interface == interface)
             return route->gateway;
     }
     return {};

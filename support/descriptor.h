@@ -39,9 +39,8 @@ class Descriptor {
 inline Descriptor open_for_reading(const char *path) {
     Descriptor file(open(text_or_empty(path), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    if (!file || fstat(file.get(), &status) != 0)
-        return Descriptor(-1);
-    if (S_ISDIR(status.st_mode)) {
+    // A size or a date beyond the C library's types is no reason to refuse a file.
+    if (file && fstat(file.get(), &status) == 0 && S_ISDIR(status.st_mode)) {
         errno = EISDIR;
         return Descriptor(-1);
     }
@@ -61,12 +60,6 @@ inline ssize_t read_fully(int descriptor, void *block, std::size_t size) {
         total += static_cast<std::size_t>(length);
     }
     return static_cast<ssize_t>(total);
-}
-
-/// Opens the environment's file. Descriptor 0 counts as a failure, and stays open.
-inline Descriptor open_environment(const char *path, int flags) {
-    const int descriptor = open(text_or_empty(path), flags | O_CLOEXEC, 0644);
-    return Descriptor(descriptor > 0 ? descriptor : -1);
 }
 
 } // namespace corvel

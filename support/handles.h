@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Owners of what must be released: heap blocks, streams, descriptors, locks.
+// Owners of what must be released: heap blocks, streams, locks.
 #ifndef CORVEL_SUPPORT_HANDLES_H
 #define CORVEL_SUPPORT_HANDLES_H
 

@@ -22,6 +22,14 @@ inline constexpr std::array<signed char, UCHAR_MAX + 1> hex_values = [] {
 
 constexpr int hex_value(char digit) { return hex_values[static_cast<unsigned char>(digit)]; }
 
+/// The byte that two digits make, or -1. Where the first one is no digit, as the end of a text is
+/// not, the second is not looked at.
+constexpr int hex_pair(const char *digits) {
+    const int high = hex_value(digits[0]);
+    const int low = high < 0 ? -1 : hex_value(digits[1]);
+    return low < 0 ? -1 : high * 16 + low;
+}
+
 /// Writes a byte as two upper-case digits. Returns the position behind them.
 constexpr char *put_hex(char *out, unsigned char byte) {
     constexpr char digits[] = "0123456789ABCDEF";

@@ -142,10 +142,8 @@ class PasswordFile {
             return false;
         const iovec pieces[] = {piece(user), piece(":"), piece(password), piece("\n")};
         const std::size_t size = user.size() + password.size() + 2;
-        static_cast<void>(lockf(file.get(), F_LOCK, 0));
-        const bool whole = std::cmp_equal(writev(file.get(), pieces, std::size(pieces)), size);
-        static_cast<void>(lockf(file.get(), F_ULOCK, 0));
-        return whole;
+        static_cast<void>(lockf(file.get(), F_LOCK, 0)); // until the file is closed
+        return std::cmp_equal(writev(file.get(), pieces, std::size(pieces)), size);
     }
 
   private:

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "sys/error_and_io.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -22,9 +23,11 @@ namespace {
 void print_error(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
 
 void print_error(const char *format, std::va_list values) {
+    const int error = errno; // the message may tell of it
     std::fflush(stdout);
-    std::fprintf(stderr, "%s: ", "unknown app");
-    std::vfprintf(stderr, format, values);
+    std::fputs("unknown app: ", stderr);
+    errno = error;
+    std::vfprintf(stderr, text_or_empty(format), values);
 }
 
 [[noreturn]] void die_of(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
@@ -35,11 +38,12 @@ void die_of(const char *format, std::va_list values) {
     std::exit(bb_default_error_retval);
 }
 
-/// Copies a text, cut to fit, and fills the rest of the field with zeros.
-void store_padded(std::span<char> field, std::string_view text) {
+/// Copies a text, cut to fit, and fills the rest of the field with zeros. What does not fit is not
+/// looked at: the text may come without a terminator.
+void store_padded(std::span<char> field, const char *text) {
     if (field.empty())
         return;
-    const std::size_t length = store(field, text);
+    const std::size_t length = store(field, {text, strnlen(text, field.size() - 1)});
     std::memset(field.data() + length, 0, field.size() - length);
 }
 
@@ -95,7 +99,7 @@ void *xmalloc(size_t size) {
 void *xrealloc(void *block, size_t size) { return corvel::resize_or_die(block, size); }
 
 char *safe_strncpy(char *dst, const char *src, size_t size) {
-    corvel::store_padded({dst, size}, corvel::text_of(src));
+    corvel::store_padded({dst, size}, corvel::text_or_empty(src));
     return dst;
 }
 

@@ -53,7 +53,8 @@ bool has_short_name(const char *process, std::string_view name) {
     char path[sizeof "/proc//status" + NAME_MAX];
     char block[status_line_length];
     std::snprintf(path, sizeof path, "/proc/%s/status", process);
-    const std::span<const char> status = start_of(Descriptor(open(path, O_RDONLY)), block);
+    const std::span<const char> status =
+        start_of(Descriptor(open(path, O_RDONLY | O_CLOEXEC)), block);
     if (status.empty())
         return false;
     LineScanner line(first_line(status));
@@ -65,7 +66,7 @@ bool has_short_name(const char *process, std::string_view name) {
 std::string_view command_line(unsigned pid, std::span<char> block) {
     char path[sizeof "/proc/4294967295/cmdline"];
     std::snprintf(path, sizeof path, "/proc/%u/cmdline", pid);
-    const std::span<char> line = start_of(Descriptor(open(path, O_RDONLY)), block);
+    const std::span<char> line = start_of(Descriptor(open(path, O_RDONLY | O_CLOEXEC)), block);
     for (char &character : line) {
         if (static_cast<unsigned char>(character) < ' ')
             character = ' ';
@@ -73,8 +74,8 @@ std::string_view command_line(unsigned pid, std::span<char> block) {
     return {line.data(), line.size()};
 }
 
-/// Whether the whole name stands in the process's command line, which a kernel thread has not.
-bool is_started_as(unsigned pid, std::string_view name) {
+/// Whether the whole name stands in the process's command line. A kernel thread has none.
+bool command_line_has(unsigned pid, std::string_view name) {
     char block[command_line_length];
     const std::string_view line = command_line(pid, block);
     return !line.empty() && line.find(name) != std::string_view::npos;
@@ -95,7 +96,7 @@ HeapBlock<int> find_processes(std::string_view name) {
         if (!is_digit(entry->d_name[0]) || !has_short_name(entry->d_name, name))
             continue;
         const int pid = static_cast<int>(std::strtol(entry->d_name, nullptr, 0));
-        if (!is_started_as(static_cast<unsigned>(pid), name))
+        if (!command_line_has(static_cast<unsigned>(pid), name))
             continue;
         found.reset(resized(found.release(), count + 2));
         found.get()[count++] = pid;
@@ -109,13 +110,13 @@ HeapBlock<int> find_processes(std::string_view name) {
     return found;
 }
 
-/// The first process with a name that is not the one to pass over; 0 if there is none.
+/// The first process with a name that is not the one to pass over; 0 if there is none. No process
+/// has the number 0, which so passes none over.
 int first_process_but(std::string_view name, int passed_over) {
     HeapBlock<int> processes = find_processes(name);
     const int *process = processes.get();
     if (*process < 1) {
-        // Callers have always been spared this free().
-        static_cast<void>(processes.release());
+        static_cast<void>(processes.release()); // never freed, as the header says
         return 0;
     }
     while (*process == passed_over)
