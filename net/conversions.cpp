@@ -42,12 +42,13 @@ std::optional<float> first_number(const char *path) {
 } // namespace
 
 void strip_separators(std::string_view text, StrippedForm stripped) {
+    const std::string_view mac = front(text, 17);
     std::memset(stripped.data(), 0, stripped.size());
-    for (std::size_t digit = 0; digit < 12; ++digit) {
-        const std::size_t position = digit / 2 * 3 + digit % 2;
-        if (position >= text.size())
-            return;
-        stripped[digit] = upper_case(text[position]);
+    char *out = stripped.data();
+    for (std::size_t i = 0; i < mac.size(); i += 3) {
+        *out++ = upper_case(mac[i]);
+        if (i + 1 < mac.size())
+            *out++ = upper_case(mac[i + 1]);
     }
 }
 

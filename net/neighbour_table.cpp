@@ -68,22 +68,26 @@ int find_mac(const lease_entry *entry, std::string_view mac) {
     return 0;
 }
 
-/// Says of most hardware addresses that they are new to the list, which spares looking through it.
+/// Says of nearly every new hardware address that it is new, which spares looking through the list.
+/// Each address marks three places; one that finds a place unmarked has not been there before.
 class SeenMacs {
   public:
     /// Whether the address may have been there before; from now on it has.
     bool test_and_set(std::string_view mac) {
-        std::uint32_t hash = 0;
+        std::uint64_t hash = 0;
         for (const char digit : mac)
-            hash = (hash ^ static_cast<unsigned char>(digit)) * 0x01000193U;
-        const std::size_t place = (hash >> 16 ^ hash) % seen_.size();
-        const bool before = seen_[place];
-        seen_[place] = true;
+            hash = (hash ^ static_cast<unsigned char>(digit)) * 0x00000100000001B3U;
+        bool before = true;
+        for (const int shift : {16, 32, 48}) {
+            const std::size_t place = (hash >> shift) % marks_.size();
+            before = before && marks_[place];
+            marks_[place] = true;
+        }
         return before;
     }
 
   private:
-    std::bitset<8192> seen_;
+    std::bitset<65536> marks_;
 };
 
 int read_neighbours(std::string_view interface, lease_entry **head) {

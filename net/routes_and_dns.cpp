@@ -18,6 +18,7 @@ namespace {
 constexpr const char *routing_table = "/proc/net/route";
 constexpr const char *resolver_file = "/etc/resolv.conf";
 constexpr std::size_t resolver_line_limit = 254;
+constexpr std::size_t word_limit = 128;
 
 /// Follows each name server on the page.
 constexpr std::string_view gap = "&nbsp;&nbsp;&nbsp;&nbsp;";
@@ -38,7 +39,7 @@ std::optional<Route> parse_route(std::string_view line) {
     LineScanner scanner(line);
     const std::string_view interface = scanner.word();
     scanner.word(); // destination
-    const std::string_view gateway = scanner.word();
+    const std::string_view gateway = front(scanner.word(), word_limit);
     const std::optional<std::uint32_t> flags = scanner.hexadecimal();
     if (!flags || !scanner.skip_decimal() || !scanner.skip_decimal() || !scanner.skip_decimal() ||
         scanner.word().empty() || !scanner.skip_decimal() || !scanner.skip_decimal())

@@ -30,11 +30,13 @@ constexpr int hex_pair(const char *digits) {
     return low < 0 ? -1 : high * 16 + low;
 }
 
+/// Not inside of put_hex(), where it would be made anew on the stack for every byte.
+inline constexpr char hex_digits[] = "0123456789ABCDEF";
+
 /// Writes a byte as two upper-case digits. Returns the position behind them.
 constexpr char *put_hex(char *out, unsigned char byte) {
-    constexpr char digits[] = "0123456789ABCDEF";
-    *out++ = digits[byte >> 4];
-    *out++ = digits[byte & 0xF];
+    *out++ = hex_digits[byte >> 4];
+    *out++ = hex_digits[byte & 0xF];
     return out;
 }
 
