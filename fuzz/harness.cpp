@@ -29,7 +29,6 @@ namespace {
 
 constexpr std::size_t longest_shown = 2000;
 constexpr char run_mark = '\x1b';
-constexpr std::size_t longest_piece = 1023;
 constexpr std::size_t stack_reach = 96UL * 1024;
 constexpr std::size_t largest_littered_block = 64UL * 1024;
 
@@ -165,6 +164,18 @@ std::unique_ptr<char[]> padded_copy(std::string_view text, std::size_t size) {
     return copy;
 }
 
+std::unique_ptr<char[]> unterminated_block(std::size_t size) {
+    auto block = std::make_unique<char[]>(size);
+    std::fill_n(block.get(), size, '#');
+    return block;
+}
+
+std::unique_ptr<char[]> block_to_append_to(std::string_view text, std::size_t size) {
+    auto block = unterminated_block(std::max(size, text.size() + 1));
+    *std::copy(text.begin(), text.end(), block.get()) = '\0';
+    return block;
+}
+
 std::string_view as_text(std::string_view bytes) { return bytes.substr(0, bytes.find('\0')); }
 
 std::uint32_t crc_of(std::string_view bytes) {
@@ -216,14 +227,14 @@ int decimal_value(std::string_view text) {
     return static_cast<int>(negative ? -value : std::min<long long>(value, INT_MAX));
 }
 
-std::vector<Piece> pieces_of(std::string_view file) {
+std::vector<Piece> pieces_of(std::string_view file, std::size_t longest) {
     std::vector<Piece> pieces;
     while (!file.empty()) {
-        const std::string_view window = cut(file, longest_piece);
+        const std::string_view window = cut(file, longest);
         const std::size_t line_end = window.find('\n');
         const std::size_t size = line_end == std::string_view::npos ? window.size() : line_end + 1;
         // A read that is satisfied before it meets the end of the file doesn't see it.
-        const bool at_end = line_end == std::string_view::npos && size < longest_piece;
+        const bool at_end = line_end == std::string_view::npos && size < longest;
         pieces.push_back({std::string(window.substr(0, size)), at_end});
         file.remove_prefix(size);
     }

@@ -58,6 +58,12 @@ std::unique_ptr<char[]> exact_copy(std::string_view text);
 /** A heap block of @p size bytes, at least one, that begins with the text and its terminator. */
 std::unique_ptr<char[]> padded_copy(std::string_view text, std::size_t size);
 
+/** A heap block of just @p size bytes, in which no text ends by chance. */
+std::unique_ptr<char[]> unterminated_block(std::size_t size);
+
+/** Such a block that begins with the text and its terminator. */
+std::unique_ptr<char[]> block_to_append_to(std::string_view text, std::size_t size);
+
 /** What stands in front of the first NUL. */
 std::string_view as_text(std::string_view bytes);
 
@@ -76,14 +82,14 @@ std::string_view cut(std::string_view text, std::size_t size);
 /** What atoi() documents: white space, a sign, digits; held to the range of an int. */
 int decimal_value(std::string_view text);
 
-/** What one read of at most 1023 characters of a file yields. */
+/** What one read of a line yields. */
 struct Piece {
     std::string text; /**< The line or piece of a line, its line end included. */
     bool at_end;      /**< The read met the end of the file. */
 };
 
-/** The reads that a reader of lines makes of a file. */
-std::vector<Piece> pieces_of(std::string_view file);
+/** The reads that a reader of lines makes of a file, each of at most so many characters. */
+std::vector<Piece> pieces_of(std::string_view file, std::size_t longest = 1023);
 
 /** A file without a name that has a path all the same. */
 class MemoryFile {

@@ -7,6 +7,7 @@
 // byte (padding, or what is added to the length) payload NUL; a kind of zero ends them; then
 // triples of bytes: which byte of the image to change (two bytes), and how.
 #include "corvel.h"
+#include "fuzz/fixed_file.h"
 #include "fuzz/harness.h"
 
 #include <algorithm>
@@ -14,10 +15,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <sys/syscall.h>
 #include <syslog.h>
-#include <unistd.h>
 
 namespace {
 
@@ -30,7 +28,6 @@ constexpr std::size_t largest_payload = 0x11000;
 constexpr std::size_t large_image = 4096;
 constexpr int most_changes = 24;
 constexpr std::uint32_t none = 255;
-constexpr std::string_view device = "/dev/mtdblock1";
 
 // Flags of an input.
 constexpr unsigned char no_variable = 0x01;
@@ -90,8 +87,7 @@ struct Boot {
     std::string value;
 };
 
-// The environment's device and the system log, as the library sees them.
-const MemoryFile *environment_file = nullptr;
+// The system log, as the library sees it.
 std::string logged;
 
 std::string format(const char *text, ...) __attribute__((__format__(__printf__, 1, 2)));
@@ -367,21 +363,6 @@ void check_built_image(const std::string &payload, const Boot &boot, Input chang
 
 extern "C" {
 
-/** The environment's device stands for a file in memory. */
-int open(const char *file, int oflag, ...) {
-    mode_t mode = 0;
-    if ((oflag & O_CREAT) != 0) {
-        va_list values;
-        va_start(values, oflag);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() goes unseen
-        mode = va_arg(values, mode_t);
-        va_end(values);
-    }
-    if (environment_file != nullptr && file == device)
-        file = environment_file->path();
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, file, oflag, mode));
-}
-
 void syslog(int pri, const char *fmt, ...) {
     va_list values;
     va_start(values, fmt);
@@ -390,8 +371,7 @@ void syslog(int pri, const char *fmt, ...) {
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    static const MemoryFile file;
-    environment_file = &file;
+    static FixedFile file("/dev/mtdblock1");
     Input input(data, size);
     const unsigned char flags = input.byte();
     const Boot boot = boot_of(flags, input.text());

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: MIT
+// What the kernel answers of an interface, printed; and its table of IPv6 addresses: any bytes in
+// its place, and tables as the kernel prints them, against the numbers that they were printed from.
+//
+// Input: a byte (flags) a byte (size of the caller's buffer) an interface NUL, 16 bytes (the
+// kernel's answer), then the table's lines or, where the flags say so, groups of 20 bytes for one
+// address each.
+#include "corvel.h"
+#include "fuzz/fixed_file.h"
+#include "fuzz/net/scanned_line.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <net/if.h>
+#include <sys/ioctl.h>
+
+namespace {
+
+using namespace corvel_fuzz;
+
+constexpr std::size_t address_size = 16;
+constexpr std::string_view digits = "0123456789abcdefABCDEF";
+
+// Flags of an input.
+constexpr unsigned char from_the_kernel = 0x01;
+constexpr unsigned char no_interface = 0x02;
+constexpr unsigned char no_answer = 0x04;
+
+constexpr std::array interfaces = {"eth0", "eth0.1", "br-lan", "ppp0", "fifteen-letters"};
+
+struct Address {
+    std::string bytes;
+    std::uint32_t prefix_length;
+    std::uint32_t scope;
+    std::string interface;
+};
+
+struct Table {
+    std::string text;
+    std::vector<Address> addresses;
+};
+
+// What the stand-in of the kernel answers with, and for whom.
+unsigned char answering = 0;
+std::string asked_for;
+std::string answer;
+
+// ----------------------------------------------------------------------------------- the models
+
+std::string bytes_of(const std::string &text) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 2 <= text.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    return bytes;
+}
+
+std::vector<Address> scanned(std::string_view table) {
+    std::vector<Address> addresses;
+    for (const Piece &piece : pieces_of(table)) {
+        ScannedLine line(as_text(piece.text));
+        const std::string address = line.word();
+        const auto index = line.hexadecimal();
+        const auto prefix_length = index ? line.hexadecimal() : std::nullopt;
+        const auto scope = prefix_length ? line.hexadecimal() : std::nullopt;
+        const auto flags = scope ? line.hexadecimal() : std::nullopt;
+        if (flags && address.size() == 2 * address_size && *prefix_length <= 128 &&
+            address.find_first_not_of(digits) == std::string::npos)
+            addresses.push_back({bytes_of(address), *prefix_length, *scope, line.word()});
+    }
+    return addresses;
+}
+
+/** A table of as many addresses as the input has groups of bytes. */
+Table printed(Input input) {
+    constexpr std::array<unsigned char, 4> scopes = {0x00, 0x10, 0x20, 0x40};
+    Table table;
+    const std::string bytes = input.rest();
+    for (std::size_t at = 0; at + 20 <= bytes.size(); at += 20) {
+        std::array<unsigned char, 4> number{};
+        std::memcpy(number.data(), &bytes[at + address_size], number.size());
+        Address address{bytes.substr(at, address_size), number[0] % 129U,
+                        scopes[number[1] % scopes.size()],
+                        interfaces[number[2] % interfaces.size()]};
+        std::array<char, 40> line{};
+        for (const char c : address.bytes) {
+            std::snprintf(line.data(), line.size(), "%02x", static_cast<unsigned char>(c));
+            table.text += line.data();
+        }
+        std::snprintf(line.data(), line.size(), " %02x %02x %02x %02x %8s\n", number[3] + 1U,
+                      address.prefix_length, address.scope, number[3], address.interface.c_str());
+        table.text += line.data();
+        table.addresses.push_back(std::move(address));
+    }
+    return table;
+}
+
+bool exists(const std::string &interface) {
+    return (answering & no_interface) == 0 && !interface.empty() && interface.size() < IFNAMSIZ;
+}
+
+bool answers(const std::string &interface) {
+    return exists(interface) && (answering & no_answer) == 0;
+}
+
+const Address *address_of(const std::vector<Address> &addresses, const std::string &interface) {
+    if (!exists(interface))
+        return nullptr;
+    const auto found = std::find_if(addresses.begin(), addresses.end(), [&](const Address &each) {
+        return each.interface == interface && (each.scope & 0xF0) == 0;
+    });
+    return found == addresses.end() ? nullptr : &*found;
+}
+
+std::string ipv6_text(const Address *address, std::size_t size) {
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (address == nullptr || address->prefix_length == 0)
+        return std::string(cut("::", size - 1));
+    inet_ntop(AF_INET6, address->bytes.data(), text.data(), text.size());
+    const std::size_t used = std::strlen(text.data());
+    if (used >= size)
+        return std::string(cut("::", size - 1));
+    const std::size_t room = std::min(size - used, size - std::min<std::size_t>(size, 4));
+    const std::string prefix = "/" + std::to_string(address->prefix_length);
+    return text.data() + std::string(cut(prefix, room == 0 ? 0 : room - 1));
+}
+
+std::string ipv4_text(bool answered) {
+    std::string text;
+    for (std::size_t i = 4; i < 8; ++i) // behind the family and the port of a socket address
+        text += (text.empty() ? "" : ".") +
+                std::to_string(answered ? static_cast<unsigned char>(answer[i]) : 0);
+    return text;
+}
+
+std::string mac_text(bool answered, const char *separator) {
+    std::string text;
+    for (std::size_t i = 2; i < 8; ++i) {
+        std::array<char, 3> digits_of_byte{};
+        std::snprintf(digits_of_byte.data(), digits_of_byte.size(), "%02X",
+                      answered ? static_cast<unsigned char>(answer[i]) : 0U);
+        text += (text.empty() ? "" : separator) + std::string(digits_of_byte.data());
+    }
+    return text;
+}
+
+// ----------------------------------------------------------------------------------- the checks
+
+void check_bytes(const std::string &interface, unsigned selector, int expected,
+                 std::string_view bytes) {
+    const auto result = unterminated_block(address_size);
+    std::string whole(result.get(), address_size);
+    whole.replace(0, bytes.size(), bytes);
+    check_equal(getInAddr(exact_copy(interface).get(), selector, result.get()), expected,
+                "getInAddr");
+    check_equal({result.get(), address_size}, whole, "what getInAddr writes");
+}
+
+std::string address_text(const char *interface, unsigned selector, std::size_t size,
+                         std::string_view expected) {
+    const auto out = unterminated_block(size);
+    check(getHWip(interface, selector, out.get(), static_cast<int>(size)) == out.get(),
+          "getHWip returns out");
+    check_equal(out.get(), expected, "getHWip");
+    return out.get();
+}
+
+std::string check_interface(const std::string &interface, const std::vector<Address> &addresses,
+                            std::size_t size) {
+    asked_for = interface;
+    const auto name = exact_copy(interface);
+    const bool answered = answers(interface);
+    const std::string_view ipv4 = std::string_view(answer).substr(4, 4);
+    check_bytes(interface, 0, answered, answered ? ipv4 : "");
+    check_bytes(interface, 1, answered, answered ? ipv4 : "");
+    check_bytes(interface, 3, answered, answered ? answer : "");
+    check_bytes(interface, 2, 0, "");
+    check_bytes(interface, 5, 0, "");
+    const Address *const address = address_of(addresses, interface);
+    check_bytes(interface, 4, address != nullptr ? static_cast<int>(address->prefix_length) : 0,
+                address != nullptr ? address->bytes : "");
+
+    const auto mac = unterminated_block(18);
+    check_equal(getHWaddr(name.get(), mac.get()), mac_text(answered, ":"), "getHWaddr");
+    const auto plain_mac = unterminated_block(13);
+    check_equal(getHWaddr0(name.get(), plain_mac.get()), mac_text(answered, ""), "getHWaddr0");
+    std::string text = address_text(name.get(), 4, size, ipv6_text(address, size)) +
+                       address_text(name.get(), 4, 64, ipv6_text(address, 64)) +
+                       address_text(name.get(), 0, size, cut(ipv4_text(answered), size - 1)) +
+                       address_text(name.get(), 1, INET_ADDRSTRLEN, ipv4_text(answered)) +
+                       address_text(nullptr, 1, INET_ADDRSTRLEN, "0.0.0.0") +
+                       address_text(nullptr, 4, 64, "::");
+    std::array<char, 1> untouched = {'#'};
+    getHWip(name.get(), 4, untouched.data(), 0);
+    getHWip(name.get(), 0, untouched.data(), -1);
+    check(untouched[0] == '#', "a buffer of no bytes is left alone");
+    return text;
+}
+
+} // namespace
+
+extern "C" {
+
+/** The kernel: knows the interface that it is asked for, or not, and gives the input's answer. */
+int ioctl(int /*fd*/, unsigned long request, ...) {
+    va_list values;
+    va_start(values, request);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() goes unseen
+    auto *const interface = va_arg(values, ifreq *);
+    va_end(values);
+    check_equal(interface->ifr_name, asked_for, "the interface that the kernel is asked for");
+    const bool known = request == SIOCGIFFLAGS || request == SIOCGIFADDR ||
+                       request == SIOCGIFNETMASK || request == SIOCGIFHWADDR;
+    check(known, "what the kernel is asked for");
+    if ((answering & (request == SIOCGIFFLAGS ? no_interface : no_answer)) != 0) {
+        errno = ENODEV;
+        return -1;
+    }
+    std::memcpy(&interface->ifr_addr, answer.data(), address_size);
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    static FixedFile file("/proc/net/if_inet6");
+    Input input(data, size);
+    answering = input.byte();
+    const std::size_t buffer_size = input.byte() % 64 + 1U;
+    const std::string interface = input.text();
+    answer.clear();
+    for (std::size_t i = 0; i < address_size; ++i)
+        answer += static_cast<char>(input.byte());
+    Table table;
+    if ((answering & from_the_kernel) != 0) {
+        table = printed(input);
+    } else {
+        table.text = input.rest();
+        table.addresses = scanned(table.text);
+    }
+    file.fill(table.text);
+    in_different_surroundings(
+        [&] { return check_interface(interface, table.addresses, buffer_size); });
+    check_interface(interfaces[0], table.addresses, buffer_size);
+    check_interface(interfaces[4], table.addresses, buffer_size);
+    file.remove();
+    check_interface(interface, {}, buffer_size);
+    return 0;
+}
+
+} // extern "C"

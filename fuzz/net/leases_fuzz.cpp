@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: MIT
+// Lease files of all three formats, the same bytes read as each, against the words and bytes that
+// they are made of; and the reader that finds out which server runs, where that is the binary one.
+//
+// Input: the present time (four bytes), the pid file's text NUL, then the lease file.
+#include "corvel.h"
+#include "fuzz/fixed_file.h"
+#include "fuzz/net/lease_list.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+
+namespace {
+
+using namespace corvel_fuzz;
+
+constexpr std::size_t record_size = 24;
+constexpr std::size_t longest_word = 31;
+constexpr std::size_t longest_hostname = 127;
+constexpr std::size_t longest_pid_line = 99;
+constexpr long long latest_expiry = INT64_MAX / 2;
+constexpr const char *unopened = "/nowhere/leases";
+
+std::time_t present = 0;
+
+struct Signal {
+    pid_t process;
+    int number;
+};
+std::vector<Signal> signals;
+
+// ----------------------------------------------------------------------------------- the models
+
+std::string hexadecimal(std::string_view bytes) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string text;
+    for (const char c : bytes) {
+        text += digits[static_cast<unsigned char>(c) / 16];
+        text += digits[static_cast<unsigned char>(c) % 16];
+    }
+    return text;
+}
+
+std::string with_colons(std::string text) {
+    for (std::size_t i = text.size() - 2; i > 0; i -= 2)
+        text.insert(i, ":");
+    return text;
+}
+
+std::string dotted_quad(std::string_view bytes) {
+    std::string text;
+    for (const char c : bytes)
+        text += (text.empty() ? "" : ".") + std::to_string(static_cast<unsigned char>(c));
+    return text;
+}
+
+Record binary_record(std::string_view bytes) {
+    std::uint32_t expiry = 0;
+    for (const char c : bytes.substr(20, 4))
+        expiry = expiry * 256 + static_cast<unsigned char>(c);
+    return {.ip = dotted_quad(bytes.substr(16, 4)),
+            .mac = with_colons(hexadecimal(bytes.substr(0, 6))),
+            .expires = std::to_string(expiry)};
+}
+
+Records binary_records(std::string_view file) {
+    Records records;
+    for (; file.size() >= record_size; file.remove_prefix(record_size)) {
+        if (file.substr(0, 7).find_first_not_of('\0') != std::string_view::npos)
+            records.push_back(binary_record(file.substr(0, record_size)));
+    }
+    return records;
+}
+
+std::vector<std::string> words_of(std::string_view line) {
+    std::istringstream stream{std::string(line)};
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;)
+        words.push_back(word);
+    words.resize(std::max<std::size_t>(words.size(), 8)); // a missing word is an empty one
+    return words;
+}
+
+std::string time_left(std::string_view expiry) {
+    const long long seconds =
+        std::strtoll(std::string(cut(expiry, longest_word)).c_str(), nullptr, 10);
+    return std::to_string(std::clamp(seconds, -latest_expiry, latest_expiry) - present);
+}
+
+struct Format {
+    int (*read)(lease_entry **, const char *);
+    std::size_t expiry, mac, ip, hostname; // words, from 1
+};
+
+constexpr Format dnsmasq = {get_dnsmasq_leases, 1, 2, 3, 4};
+constexpr Format dhcpv6 = {get_dhcpv6_leases, 5, 2, 8, 4};
+
+Records text_records(std::string_view file, const Format &format) {
+    Records records;
+    for (const Piece &piece : pieces_of(file)) {
+        if (piece.at_end)
+            break;
+        const std::vector<std::string> words = words_of(as_text(piece.text));
+        records.push_back(
+            {.ip = std::string(cut(words[format.ip - 1], longest_word)),
+             .mac = std::string(cut(words[format.mac - 1], longest_word)),
+             .expires = time_left(words[format.expiry - 1]),
+             .hostname = std::string(cut(words[format.hostname - 1], longest_hostname))});
+    }
+    return records;
+}
+
+// ----------------------------------------------------------------------------------- the checks
+
+std::string check_binary_file(const char *path, const Records &expected) {
+    List list;
+    check_equal(get_udhpd_leases(&list.head, path), static_cast<long long>(expected.size()),
+                "get_udhpd_leases returns the count");
+    check_list(list.head, expected);
+    return bytes_of(list.head);
+}
+
+std::string check_text_file(const char *path, const Format &format, const Records &expected) {
+    List list;
+    check_equal(format.read(&list.head, path), 0, "a reader of text returns 0");
+    check_list(list.head, expected);
+    return bytes_of(list.head);
+}
+
+/** Each record alone, into a record that is not empty: only three of its texts are written. */
+void check_single_records(std::string_view file) {
+    for (; file.size() >= record_size; file.remove_prefix(record_size)) {
+        const auto bytes = std::make_unique<unsigned char[]>(record_size);
+        std::copy_n(file.begin(), record_size, bytes.get());
+        lease_entry entry = {7, "", "ff", "", "", "host", nullptr};
+        add_lease(&entry, bytes.get());
+        Record expected = binary_record(file);
+        expected.hardware_type = "ff";
+        expected.hostname = "host";
+        check_equal(entry.reserved, 7, "add_lease leaves the rest alone");
+        entry.reserved = 0;
+        check_record(entry, expected);
+    }
+}
+
+/** Whole lines list the same records between two others. */
+void check_neighbours(const std::string &file, const Format &format, const Records &records) {
+    if (!file.empty() && !file.ends_with('\n'))
+        return;
+    static const MemoryFile surrounded;
+    const std::string line = "1 2 3 4 5 6 7 8 9\n";
+    surrounded.fill(line + file + line + "1 cut off");
+    Records expected = text_records(line, format);
+    expected.insert(expected.end(), records.begin(), records.end());
+    expected.push_back(expected.front());
+    check_text_file(surrounded.path(), format, expected);
+}
+
+void check_missing_file(int (*read)(lease_entry **, const char *)) {
+    List list;
+    check_equal(read(&list.head, unopened), 0, "a file that can't be opened has no leases");
+    check(list.head == nullptr, "a list that is not read stays empty");
+}
+
+/** The binary server is asked for its leases, which are read. */
+void check_server(FixedFile &pid_file, const std::string &pid_text, FixedFile &lease_file,
+                  const std::string &leases, const Records &records) {
+    pid_file.fill(pid_text);
+    lease_file.fill(leases);
+    const std::string line = pid_text.substr(0, std::min(pid_text.find('\n'), longest_pid_line));
+    const int process = decimal_value(line);
+    check_equal(getPid("/var/run/udhcpd.pid"), process, "getPid");
+    if (process < 1)
+        return;
+    signals.clear();
+    List list;
+    check_equal(get_leases(&list.head), static_cast<long long>(records.size()), "get_leases");
+    check_list(list.head, records);
+    check_equal(static_cast<long long>(signals.size()), 1, "one signal is sent");
+    check_equal(signals[0].process, process, "to the server");
+    check_equal(signals[0].number, SIGUSR1, "that it is to write its leases");
+    pid_file.remove();
+    check_equal(getPid("/var/run/udhcpd.pid"), -1, "getPid of no file");
+}
+
+} // namespace
+
+extern "C" {
+
+std::time_t time(std::time_t *timer) {
+    if (timer != nullptr)
+        *timer = present;
+    return present;
+}
+
+int kill(pid_t pid, int sig) {
+    signals.push_back({pid, sig});
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    static FixedFile pid_file("/var/run/udhcpd.pid");
+    static FixedFile binary_file("/var/config/udhcpd.leases");
+    static FixedFile no_file(unopened);
+    static const MemoryFile leases;
+    Input input(data, size);
+    present = 0;
+    for (int i = 0; i < 4; ++i)
+        present = present * 256 + input.byte();
+    const std::string pid_text = input.text();
+    const std::string file = input.rest();
+    leases.fill(file);
+    const Records binary = binary_records(file);
+    in_different_surroundings([&] { return check_binary_file(leases.path(), binary); });
+    for (const Format &format : {dnsmasq, dhcpv6}) {
+        const Records records = text_records(file, format);
+        in_different_surroundings([&] { return check_text_file(leases.path(), format, records); });
+        check_neighbours(file, format, records);
+    }
+    check_single_records(file);
+    check_server(pid_file, pid_text, binary_file, file, binary);
+    static const bool checked = [] {
+        for (const auto &read : {get_udhpd_leases, get_dnsmasq_leases, get_dhcpv6_leases})
+            check_missing_file(read);
+        return true;
+    }();
+    check(checked, "files that can't be opened");
+    return 0;
+}
+
+} // extern "C"

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: MIT
+// Dumps of any bytes against models on std::string, and what was dumped read back.
+//
+// Input: a title NUL a text that is there already NUL, then the bytes.
+#include "corvel.h"
+#include "fuzz/harness.h"
+
+#include <algorithm>
+
+namespace {
+
+using namespace corvel_fuzz;
+
+constexpr std::size_t shortened_from = 40;
+constexpr std::string_view lower_digits = "0123456789abcdef";
+constexpr std::string_view upper_digits = "0123456789ABCDEF";
+
+struct Bytes {
+    const unsigned char *data;
+    int length;
+};
+
+using Dump = void (*)(const unsigned char *, int);
+
+// ----------------------------------------------------------------------------------- the models
+
+std::string hexadecimal(std::string_view bytes, std::string_view digits, const char *behind) {
+    std::string text;
+    for (const char c : bytes) {
+        text += {digits[static_cast<unsigned char>(c) / 16],
+                 digits[static_cast<unsigned char>(c) % 16]};
+        text += behind;
+    }
+    return text;
+}
+
+std::string plain(std::string_view bytes) { return std::string(bytes); }
+
+template <typename Spell>
+std::string shortened(std::string_view bytes, std::size_t end, Spell spell) {
+    if (bytes.empty())
+        return "<empty string>";
+    if (bytes.size() < shortened_from)
+        return spell(bytes);
+    return spell(bytes.substr(0, end)) + " ... " + spell(bytes.substr(bytes.size() - end)) + " [" +
+           std::to_string(bytes.size()) + " bytes]";
+}
+
+/** Lines of 16 bytes, each with its end, and the end of what comes behind the last of them. */
+std::string lines_of(std::string_view bytes) {
+    std::string text;
+    for (; bytes.size() >= 16; bytes.remove_prefix(16))
+        text += hexadecimal(bytes.substr(0, 16), lower_digits, " ") + "\n";
+    return text + hexadecimal(bytes, lower_digits, " ") + "\n";
+}
+
+std::string title_of(const std::string &title, std::size_t length) {
+    return title + "(" + std::to_string(length) + "):\n";
+}
+
+/** Hardware addresses: six bytes each, with colons, and blanks between them. */
+std::string addresses_of(std::string_view bytes) {
+    std::string text;
+    for (; !bytes.empty(); bytes.remove_prefix(std::min<std::size_t>(bytes.size(), 6))) {
+        std::string address = hexadecimal(bytes.substr(0, 6), upper_digits, ":");
+        address.back() = ' ';
+        text += address;
+    }
+    if (!text.empty())
+        text.pop_back();
+    return text;
+}
+
+std::string digits_of(std::string_view text) {
+    std::string digits(text);
+    std::erase_if(digits, [](char c) { return c == ' ' || c == '\n' || c == ':'; });
+    return digits;
+}
+
+// ----------------------------------------------------------------------------------- the checks
+
+/** The digits of a dump are the bytes that it shows. */
+void check_read_back(std::string_view text, const std::string &bytes) {
+    const std::string digits = digits_of(text);
+    const auto back = std::make_unique<unsigned char[]>(bytes.size());
+    check(digits.size() == 2 * bytes.size(), "a whole dump shows every byte");
+    check_equal(str2byte(digits.c_str(), static_cast<int>(digits.size()), back.get()), 0,
+                "a whole dump is of digits");
+    check_equal({reinterpret_cast<const char *>(back.get()), bytes.size()}, bytes,
+                "bytes come back from their dump");
+}
+
+std::string dump_of(Dump dump, Bytes bytes) {
+    return output_of([&] { dump(bytes.data, bytes.length); });
+}
+
+std::string check_dumps(Bytes block, const std::string &bytes, const std::string &title) {
+    const std::string lines = dump_of(print_string, block);
+    check_equal(lines, "\n" + lines_of(bytes), "print_string");
+    check_read_back(lines, bytes);
+    const std::string short_lines = dump_of(print_hex_string, block);
+    check_equal(
+        short_lines,
+        shortened(bytes, 10,
+                  [](std::string_view part) { return hexadecimal(part, lower_digits, ""); }),
+        "print_hex_string");
+    const std::string short_text = dump_of(print_to_string, block);
+    check_equal(short_text, shortened(bytes, 20, plain), "print_to_string");
+    check_equal(dump_of(DPrint_hex_string, block), "", "DPrint_hex_string prints nothing");
+
+    const auto name = exact_copy(title);
+    const auto titled = [&](auto print, const char *text) {
+        return output_of([&] { print(text, block.data, block.length); });
+    };
+    check_equal(titled(print_hex_array, name.get()),
+                title_of(title, bytes.size()) + lines_of(bytes), "print_hex_array");
+    check_equal(titled(print_hex_array, nullptr), lines_of(bytes), "print_hex_array, no title");
+    check_equal(titled(print_string_array, name.get()),
+                title_of(title, bytes.size()) + bytes + "\n", "print_string_array");
+    check_equal(titled(print_string_array, nullptr), bytes + "\n", "print_string_array, no title");
+    return lines + short_lines + short_text;
+}
+
+std::string check_addresses(Bytes block, const std::string &bytes, const std::string &before) {
+    const std::string expected = before + addresses_of(bytes);
+    const auto text = block_to_append_to(before, expected.size() + 1);
+    check_equal(print_byte_to_string(text.get(), block.data, block.length), 0,
+                "print_byte_to_string returns 0");
+    check_equal(text.get(), expected, "print_byte_to_string");
+    check_read_back(text.get() + before.size(), bytes);
+    return text.get();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    Input input(data, size);
+    const std::string title = input.text();
+    const std::string before = input.text();
+    const std::string bytes = input.rest();
+    const auto block = std::make_unique<unsigned char[]>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), block.get());
+    const Bytes whole = {block.get(), static_cast<int>(bytes.size())};
+    in_different_surroundings(
+        [&] { return check_dumps(whole, bytes, title) + check_addresses(whole, bytes, before); });
+    check_dumps({block.get(), 0}, "", title);
+    check_dumps({nullptr, -1 - whole.length}, "", title);
+    check_addresses({block.get(), -1 - whole.length}, "", before);
+    return 0;
+}
