@@ -72,11 +72,16 @@ void redirect_stdout(const char *path) {
             "standard output could not be redirected");
 }
 
-Job::Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides) {
+Job::Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides,
+         Clock clock) {
     for (const Size &size : sizes)
-        for (const Side &side : sides)
-            benchmark::RegisterBenchmark((std::string(name) + '/' + side.name).c_str(), side.run)
-                ->Args(size);
+        for (const Side &side : sides) {
+            auto *const registered = benchmark::RegisterBenchmark(
+                (std::string(name) + '/' + side.name).c_str(), side.run);
+            registered->Args(size);
+            if (clock == Clock::of_its_own)
+                registered->UseManualTime();
+        }
 }
 
 namespace {

@@ -87,10 +87,17 @@ struct Side {
 /// The numbers that a side finds in its state; the first is the one that the job's time grows with.
 using Size = std::vector<std::int64_t>;
 
+/// Whose clock a job is timed with.
+enum class Clock {
+    processor, ///< This process's time on the processor.
+    of_its_own ///< The sides tell the time themselves, with SetIterationTime().
+};
+
 /// Registers a job's benchmarks, named job/side/size, in the order in which they are to run.
 class Job {
   public:
-    Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides);
+    Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides,
+        Clock clock = Clock::processor);
 };
 
 } // namespace bench

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: MIT
+// Reading N neighbours, each with a hardware address of its own, into a list, and releasing it.
+//
+// The kernel's table has a fixed name, so this process gets mounts of its own and in them a folder
+// in memory over the kernel's: both sides read the same file there. The limit takes the same fields
+// with fgets() and sscanf() into buffers that the next line overwrites, and keeps no list.
+#include "harness.h"
+
+#include <corvel.h>
+
+#include <cstring>
+#include <random>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *table_path = "/proc/net/arp";
+
+/// A folder in memory in the place of the kernel's tables, for this process alone.
+void cover_kernel_tables() {
+    static const bool covered = [] {
+        const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
+        return unshare(user | CLONE_NEWNS) == 0 &&
+               mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+               mount("neighbours", "/proc/self/net", "tmpfs", 0, nullptr) == 0;
+    }();
+    bench::require(covered, "no table can be placed over the kernel's");
+}
+
+/// Random addresses: a maker's first half, and one's own second.
+void place_table(std::size_t neighbours) {
+    cover_kernel_tables();
+    std::mt19937 generator(1);
+    std::string text =
+        "IP address       HW type     Flags       HW address            Mask     Device\n";
+    for (std::size_t i = 0; i < neighbours; ++i) {
+        char line[160];
+        const auto random = static_cast<unsigned>(generator() % 256);
+        const std::string ip = "10.0." + std::to_string(i / 256) + '.' + std::to_string(i % 256);
+        std::snprintf(line, sizeof line,
+                      "%-16s 0x1         0x2         %02x:1a:2b:%02x:%02zx:%02zx     *        "
+                      "br-lan\n",
+                      ip.c_str(), random & 0xFEU, random, i / 256, i % 256);
+        text += line;
+    }
+    bench::write_file(table_path, text);
+}
+
+void corvel(benchmark::State &state) {
+    place_table(static_cast<std::size_t>(state.range(0)));
+    lease_entry *head = nullptr;
+    bench::require(get_arp_cache("br-lan", &head) == state.range(0) &&
+                       std::strcmp(head->ip, "10.0.0.0") == 0,
+                   "get_arp_cache() reads another table");
+    free_leaselist(&head);
+    bench::measure(state, [&head] {
+        get_arp_cache("br-lan", &head);
+        free_leaselist(&head);
+    });
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+std::int64_t scan() {
+    const bench::File file(std::fopen(table_path, "r"));
+    char line[128];
+    char ip[128];
+    char mac[128];
+    char mask[128];
+    char device[128];
+    unsigned type = 0;
+    unsigned flags = 0;
+    std::int64_t neighbours = 0;
+    if (std::fgets(line, sizeof line, file.get()) == nullptr)
+        return 0;
+    while (std::fgets(line, sizeof line, file.get()) != nullptr &&
+           std::sscanf(line, "%127s 0x%x 0x%x %127s %127s %127s\n", ip, &type, &flags, mac, mask,
+                       device) == 6) {
+        benchmark::DoNotOptimize(&ip);
+        benchmark::DoNotOptimize(&mac);
+        ++neighbours;
+    }
+    return neighbours;
+}
+
+void limit(benchmark::State &state) {
+    place_table(static_cast<std::size_t>(state.range(0)));
+    bench::require(scan() == state.range(0), "the limit reads another table");
+    bench::measure(state, [] { benchmark::DoNotOptimize(scan()); });
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+
+const bench::Job job("read neighbours", {{100}, {1000}, {10000}},
+                     {{"corvel", corvel}, {"limit", limit}});
+
+} // namespace
