@@ -60,6 +60,17 @@ async function checkPage(page) {
   assert.deepEqual(faults, []);
 }
 
+// The page that is shown, from a phone's width on, and in the dark.
+async function checkLooks(page, name) {
+  for (const width of [320, 390, 1280])
+    for (const colorScheme of ['light', 'dark']) {
+      await page.setViewportSize({ width, height: 844 });
+      await page.emulateMedia({ colorScheme });
+      await checkPage(page);
+      await picture(page, `${name}-${colorScheme}-${width}`);
+    }
+}
+
 async function upload(page, image) {
   await page.goto(url + '/cgi-bin/upgrade');
   await page.getByLabel('Image file').setInputFiles(image);
@@ -73,6 +84,49 @@ async function slowDown(page) {
   await network.send('Network.emulateNetworkConditions', {
     offline: false, latency: 0, downloadThroughput: -1, uploadThroughput: 12e6 });
   return network;
+}
+
+// Fills in the form of the login, which has to be shown.
+async function logIn(page, password) {
+  await page.getByLabel('User name').fill('admin');
+  await page.getByLabel('Password', { exact: true }).fill(password);
+  await page.getByRole('button', { name: 'Log in' }).click();
+}
+
+// A restart ends all sessions: the login comes first, and leads back to the upgrade.
+async function restart(page) {
+  await page.getByRole('button', { name: 'Restart now' }).click();
+  await page.locator('form#login').waitFor();
+  await logIn(page, process.env.PASSWORD);
+  await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
+}
+
+// How often a page has been loaded from here on.
+function countLoads(page) {
+  const count = { loads: 0 };
+  page.on('load', () => count.loads++);
+  return count;
+}
+
+// The texts of a table's column, from the first row on.
+function column(page, table, name) {
+  return page.locator(`#${table} tbody .${name}`).allInnerTexts();
+}
+
+// Whether both tables come to show the rows of a document, in its order.
+function showsClients(page, sections) {
+  const macs = Object.entries(sections).map(([table, rows]) => [table, rows.map((row) => row.mac)]);
+  return page.waitForFunction((macs) => macs.every(([table, expected]) =>
+    [...document.querySelectorAll(`#${table} tbody tr`)].map((row) => row.dataset.mac).join() ===
+      expected.join()), macs, { timeout: 2000 }).then(() => true, () => false);
+}
+
+// Clicks a heading, and waits until the rows stand as the device last gave them in this order.
+async function sortBy(page, table, name, order) {
+  const next = () => page.waitForResponse((answer) => answer.url().endsWith('Ajax=1&sort=' + order));
+  let answer = next();
+  await page.locator(`#${table} th button[data-sort=${name}]`).click();
+  while (!await showsClients(page, await (await answer).json())) answer = next();
 }
 
 // One upgrade, from the choice to the restart.
@@ -98,10 +152,7 @@ async function upgrade(page, image, name) {
   await picture(page, name + '-4-restart');
   const before = await runningSet(page);
 
-  await page.getByRole('button', { name: 'Restart now' }).click();
-  await page.getByRole('heading', { name: 'Restarting' }).waitFor();
-  await picture(page, name + '-5-restarting');
-  await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
+  await restart(page);
   await checkPage(page);
   await picture(page, name + '-6-restarted');
   return { rows, before, after: await runningSet(page) };
@@ -157,16 +208,125 @@ const walks = {
 
   // Every page at a phone's width, and in the dark.
   async pages(page) {
-    for (const width of [320, 390, 1280])
-      for (const colorScheme of ['light', 'dark'])
-        for (const name of ['network', 'device', 'upgrade']) {
-          await page.setViewportSize({ width, height: 844 });
-          await page.emulateMedia({ colorScheme });
-          await page.goto(`${url}/cgi-bin/${name}`);
-          await checkPage(page);
-          await picture(page, `${name}-${colorScheme}-${width}`);
-        }
+    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'password']) {
+      await page.goto(`${url}/cgi-bin/${name}`);
+      await checkLooks(page, name);
+    }
     return 'checked';
+  },
+
+  // In, with a wrong password first, through the pages, and out again.
+  async login(page) {
+    await page.goto(url + '/cgi-bin/login');
+    await checkLooks(page, 'login');
+    await page.goto(url + '/cgi-bin/device');
+    await logIn(page, 'wrong');
+    const reason = await page.getByRole('alert').innerText();
+    await checkPage(page);
+    await picture(page, 'login-refused');
+    await logIn(page, process.env.PASSWORD);
+    await page.getByRole('heading', { name: 'Device', level: 1 }).waitFor();
+    const at = [page.url()];
+    const cookies = await page.context().cookies();
+    const seenByScripts = await page.evaluate(() => document.cookie);
+    for (const link of await page.locator('header a').all()) at.push(await link.getAttribute('href'));
+    await page.locator('form#logout button').click();
+    await page.locator('form#login').waitFor();
+    const after = await page.context().cookies();
+    await page.goto(url + '/cgi-bin/status');
+    await page.locator('form#login').waitFor();
+    await page.goBack();
+    return { reason, at, cookies, seenByScripts, after, end: page.url() };
+  },
+
+  async password(page, old, next) {
+    await page.goto(url + '/cgi-bin/password');
+    const change = async (old, next, again) => {
+      await page.getByLabel('Present password').fill(old);
+      await page.getByLabel('New password', { exact: true }).fill(next);
+      await page.getByLabel('New password again').fill(again);
+      await page.getByRole('button', { name: 'Change' }).click();
+    };
+    await change(old, next, next + 'x');
+    await page.locator('.error:not(:empty)').first().waitFor();
+    const reason = await page.locator('.error:not(:empty)').first().innerText();
+    await checkPage(page);
+    await picture(page, 'password-refused');
+    await change(old, next, next);
+    await page.waitForURL(/saved=1/);
+    await checkPage(page);
+    await picture(page, 'password-saved');
+    await page.locator('form#logout button').click();
+    await logIn(page, next);
+    await page.locator('#interfaces').waitFor();
+    return { reason, at: page.url() };
+  },
+
+  // The status page, while the interface wlan0 is changed and then the session is ended.
+  async status(page) {
+    const count = countLoads(page);
+    await page.goto(url + '/cgi-bin/status');
+    const row = page.locator('#interfaces tr[data-name=wlan0]');
+    await row.waitFor();
+    await picture(page, 'status');
+    console.log('shown');
+    await row.locator('.ipv4', { hasText: '198.51.100.99' }).waitFor();
+    await row.locator('.mac', { hasText: /02:0a:ff:00:9b:c2/i }).waitFor();
+    const rows = await page.locator('#interfaces tr[data-name]').evaluateAll((rows) =>
+      rows.map((row) => ({ name: row.dataset.name, ...Object.fromEntries(
+        ['ipv4', 'netmask', 'mac', 'ipv6'].map((name) =>
+          [name, row.querySelector('.' + name).textContent.trim()])) })));
+    const { loads } = count;
+    await checkPage(page);
+    console.log('changed');
+    await page.locator('form#login').waitFor();
+    return { rows, loads, at: page.url() };
+  },
+
+  // Both tables, sorted by each column, up and down: a click sorts, another one turns it round.
+  async sort(page) {
+    await page.goto(url + '/cgi-bin/clients');
+    const orders = {};
+    for (const name of ['host', 'mac', 'expires', 'ip']) {
+      orders[name] = [];
+      for (const wanted of ['ascending', 'descending']) {
+        const table = wanted === 'ascending' ? 'leases' : 'neighbours';
+        await sortBy(page, table, name, (wanted === 'ascending' ? '' : '-') + name);
+        orders[name].push({ leases: await column(page, 'leases', name),
+          neighbours: await column(page, 'neighbours', name) });
+        for (const each of ['leases', 'neighbours'])
+          assert.equal(await page.locator(`#${each} th[data-column=${name}]`)
+            .getAttribute('aria-sort'), wanted);
+        assert.equal(await page.locator(`th[aria-sort=${wanted}]`).count(), 2);
+        await checkPage(page);
+        await picture(page, `clients-${name}-${wanted}`);
+      }
+    }
+    return orders;
+  },
+
+  // Two neighbours come while the table is sorted by address, the highest first.
+  async clients(page) {
+    const count = countLoads(page);
+    await page.goto(url + '/cgi-bin/clients');
+    await sortBy(page, 'neighbours', 'ip', '-ip');
+    console.log('sorted');
+    for (const mac of ['02:00:00:00:09:09', '02:00:00:00:90:90'])
+      await page.locator(`#neighbours tr[data-mac="${mac}"]`).waitFor();
+    return { ips: await column(page, 'neighbours', 'ip'), loads: count.loads };
+  },
+
+  // A table with names that would be scripts if they were not text, as it comes and refreshed.
+  async hostile(page) {
+    await page.goto(url + '/cgi-bin/clients');
+    const first = await column(page, 'leases', 'host');
+    await page.waitForResponse((answer) => answer.url().includes('Ajax=1'));
+    await page.waitForResponse((answer) => answer.url().includes('Ajax=1'));
+    const refreshed = await column(page, 'leases', 'host');
+    const hacked = await page.evaluate(() => 'hacked' in window);
+    const inside = await page.locator('#leases tbody').evaluate((body) =>
+      [...new Set([...body.querySelectorAll('*')].map((each) => each.localName))]);
+    return { first, refreshed, hacked, inside };
   },
 
   // Only the browser's own forms, redirections and refreshes.
@@ -174,8 +334,7 @@ const walks = {
     await upload(page, image);
     await page.getByRole('button', { name: 'Write the image' }).click();
     await page.getByRole('heading', { name: /is ready$/ }).waitFor();
-    await page.getByRole('button', { name: 'Restart now' }).click();
-    await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
+    await restart(page);
     return runningSet(page);
   },
 };
@@ -189,6 +348,9 @@ async function main() {
     viewport: { width: Number(process.env.WIDTH ?? 1100), height: 900 },
   });
   try {
+    if (process.env.SESSION)
+      await browser.addCookies([{ name: 'session', value: process.env.SESSION, url,
+        httpOnly: true, sameSite: 'Strict' }]);
     const page = browser.pages()[0];
     const complaints = [];
     page.setDefaultTimeout(60000);

@@ -8,7 +8,7 @@ import signal
 import subprocess
 import tempfile
 
-from device import SOURCE
+from device import FACTORY_PASSWORD, SOURCE
 
 HERE = pathlib.Path(__file__).resolve().parent
 FOLDER = SOURCE / "build" / "end-to-end"
@@ -33,16 +33,17 @@ def install():
 
 
 class Walk:
-    """A walk through the pages of a running demo, in a browser of its own."""
+    """A walk through the pages of a running demo, in a browser of its own that has logged in."""
 
-    def __init__(self, name, demo, *arguments, **environment):
+    def __init__(self, name, demo, *arguments, logged_in=True, **environment):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-browser-"))
-        command = ["node", HERE / "browser.js", name, f"http://127.0.0.1:{demo.port}", self.folder,
-                   *arguments]
+        command = ["setpriv", "--pdeathsig", "KILL", "node", HERE / "browser.js", name,
+                   f"http://127.0.0.1:{demo.port}", self.folder, *arguments]
         self.process = subprocess.Popen(
             [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True, start_new_session=True,
             env={**os.environ, "NODE_PATH": str(FOLDER / "node_modules"), "HOME": str(self.folder),
+                 "SESSION": demo.session if logged_in else "", "PASSWORD": FACTORY_PASSWORD,
                  **environment})
 
     def line(self):

@@ -22,8 +22,23 @@ NETWORK = "/cgi-bin/network"
 DEVICE = "/cgi-bin/device"
 UPGRADE = "/cgi-bin/upgrade"
 UPLOAD = "/cgi-bin/upload"
+LOGIN = "/cgi-bin/login"
+LOGOUT = "/cgi-bin/logout"
+PASSWORD = "/cgi-bin/password"
+STATUS = "/cgi-bin/status"
+CLIENTS = "/cgi-bin/clients"
+TRAPS = "/cgi-bin/traps"
+PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, PASSWORD)
+
+USER = "admin"
+FACTORY_PASSWORD = "corvel"
+
+CLIENT_NAMES = {"laptop", "phone", "printer"}  # those in the device's LAN
+
+STRANGER = {"Cookie": None}  # headers of a client that has not logged in
 
 _running = set()
+_shared = []
 
 
 def wait_until(condition, seconds=10):
@@ -36,16 +51,37 @@ def wait_until(condition, seconds=10):
     return True
 
 
+_port_share = (0, 1)
+
+
+def take_ports_of(number, count):
+    """Has this process take its ports from a share of its own, as one of several."""
+    global _port_share
+    _port_share = (number, count)
+
+
 def free_port():
-    with socket.socket() as listener:
-        listener.bind(("127.0.0.1", 0))
-        return listener.getsockname()[1]
+    number, count = _port_share
+    while True:
+        with socket.socket() as listener:
+            listener.bind(("127.0.0.1", 0))
+            port = listener.getsockname()[1]
+        # The kernel gives out even ports here, and odd ones to connections.
+        if port // 2 % count == number:
+            return port
 
 
 def build():
     """Builds the demo by starting it once, as its user does."""
     with Demo(no_build=False):
         pass
+
+
+def shared_demo():
+    """A running demo for tests that leave it as they found it; stop_all() stops it."""
+    if not _shared:
+        _shared.append(Demo("--no-pause"))
+    return _shared[0]
 
 
 def stop_all():
@@ -80,16 +116,19 @@ def descendants(pid):
 
 
 class Demo:
-    """A running demo with a state folder of its own."""
+    """A running demo with a state folder of its own, and a client that has logged in to it."""
 
-    def __init__(self, *arguments, state=None, no_build=True, script=SOURCE / "demo" / "run",
-                 build_folder=None, command=()):
+    def __init__(self, *arguments, state=None, password=FACTORY_PASSWORD, no_build=True,
+                 script=SOURCE / "demo" / "run", build_folder=None, command=()):
         self.own_folder = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
         self.state = state or self.own_folder / "state"
         self.port = free_port()
         self.output = ""
+        self.session = None
         _running.add(self)
-        command = [*command, script, "--port", str(self.port), "--state", self.state,
+        # Should this process be killed, the demo ends with it.
+        command = [*command, "setpriv", "--pdeathsig", "TERM", script,
+                   "--port", str(self.port), "--state", self.state,
                    "--build", build_folder or BUILD, *(["--no-build"] if no_build else []),
                    *arguments]
         self.process = subprocess.Popen(
@@ -103,6 +142,11 @@ class Demo:
         self.members = descendants(self.process.pid)
         own = process_namespace("self")
         self.namespaces = {process_namespace(pid) for pid in self.members} - {own, None}
+        try:
+            self.session = self.log_in(password=password)
+        except BaseException:
+            self.stop()
+            raise
 
     def _wait_for_url(self):
         end = time.monotonic() + 300
@@ -177,6 +221,10 @@ class Demo:
         """The path of a flash partition's file."""
         return self.state / "flash" / f"mtdblock{number}"
 
+    def sessions(self):
+        """The files of the sessions, by name."""
+        return {path.name: path for path in (self.root() / "run/sessions").iterdir()}
+
     def programs(self, path):
         """The processes of the device that run a program."""
         found = []
@@ -187,16 +235,49 @@ class Demo:
                     found.append(pid)
         return found
 
+    def program_names(self):
+        """The names of the processes in the device's network."""
+        own = os.readlink(f"/proc/{self.programs('/usr/sbin/lighttpd')[0]}/ns/net")
+        found = set()
+        for pid in processes():
+            with contextlib.suppress(OSError):
+                if os.readlink(f"/proc/{pid}/ns/net") == own:
+                    found.add(pathlib.Path(f"/proc/{pid}/comm").read_text().strip())
+        return found
+
     def root(self):
         """The root folder as the device's own programs see it."""
         return pathlib.Path(f"/proc/{self.programs('/usr/sbin/lighttpd')[0]}/root")
 
+    # The device's network.
+
+    def inside(self, *command):
+        """A command line that runs a program of the machine in the device's network."""
+        # The first process that the script starts there; its network is the device's.
+        pid = self.programs("/usr/sbin/lighttpd")[0]
+        return ["nsenter", "--target", str(pid), "--net", *command]
+
+    def ip(self, *arguments):
+        """What `ip` prints in the device's network."""
+        result = subprocess.run(self.inside("ip", "-json", *arguments), check=True,
+                                capture_output=True, text=True, stdin=subprocess.DEVNULL)
+        return json.loads(result.stdout or "[]")
+
+    def leases(self):
+        """The lines of the DHCP server's file, in words: expiry, MAC, IP, host name, identifier."""
+        path = self.state / "var" / "config" / "dnsmasq.leases"
+        lines = path.read_text(errors="surrogateescape").splitlines() if path.exists() else []
+        return [line.split(" ") for line in lines if line]
+
     # Requests.
 
     def request(self, method, path, body=None, headers=None, timeout=20):
+        """Sends a request with the session's cookie, unless the headers have another or None."""
+        own = {"Cookie": self.session and f"session={self.session}"}
+        sent = {name: value for name, value in (own | (headers or {})).items() if value is not None}
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
         try:
-            connection.request(method, path, body, headers or {})
+            connection.request(method, path, body, sent)
             response = connection.getresponse()
             return Response(response, response.read())
         finally:
@@ -205,17 +286,39 @@ class Demo:
     def get(self, path, **headers):
         return self.request("GET", path, headers=headers)
 
-    def post(self, path, fields, headers=None):
+    def try_log_in(self, user=USER, password=FACTORY_PASSWORD, **fields):
+        """Sends the form of the login, as somebody who has not logged in."""
+        # Wrong passwords wait for each other.
+        return self.post(LOGIN, {"user": user, "password": password, **fields}, STRANGER, 120)
+
+    def log_in(self, user=USER, password=FACTORY_PASSWORD):
+        """Logs in; gives back the new session, which no request is sent with yet."""
+        response = self.try_log_in(user, password)
+        if response.status != 303:
+            raise AssertionError(f"no login: {response.status}")
+        return response.session()
+
+    def is_logged_in(self, session):
+        return self.get(NETWORK, Cookie=f"session={session}").status == 200
+
+    def post(self, path, fields, headers=None, timeout=20):
         body = fields if isinstance(fields, (bytes, str)) else urllib.parse.urlencode(fields)
         return self.request("POST", path, body, {
             "Content-Type": "application/x-www-form-urlencoded",
-            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})})
+            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})}, timeout)
 
     def page(self, path):
         return Page(self.get(path).text)
 
+    def document(self, path):
+        """A page's JSON."""
+        response = self.get(path + "?Ajax=1")
+        if response.status != 200:
+            raise AssertionError(f"{path}: {response.status} {response.text}")
+        return json.loads(response.body)
+
     def json(self, path, section="settings"):
-        return json.loads(self.get(path + "?Ajax=1").body)[section][0]
+        return self.document(path)[section][0]
 
     def raw(self, data, seconds=20, half_close=False):
         """Sends bytes and gives back all that comes until the server closes the connection."""
@@ -239,6 +342,10 @@ class Response:
     @property
     def text(self):
         return self.body.decode()
+
+    def session(self):
+        """The session that the answer sets."""
+        return re.fullmatch(r"session=([0-9a-f]{64})(; .*)?", self.headers["Set-Cookie"]).group(1)
 
 
 class Page(html.parser.HTMLParser):
@@ -306,6 +413,66 @@ class Page(html.parser.HTMLParser):
     def handle_endtag(self, tag):
         if tag == "p":
             self._into = None
+
+
+class Element:
+    """An element of a page, with what is in it."""
+
+    VOID = {"area", "br", "col", "hr", "img", "input", "link", "meta"}
+
+    def __init__(self, tag="", attributes=()):
+        self.tag = tag
+        self.attributes = dict(attributes)
+        self.children = []
+
+    @classmethod
+    def of_page(cls, text):
+        page = cls()
+        open_elements = [page]
+
+        class Builder(html.parser.HTMLParser):
+            def handle_starttag(self, tag, attributes):
+                element = cls(tag, attributes)
+                open_elements[-1].children.append(element)
+                if tag not in cls.VOID:
+                    open_elements.append(element)
+
+            def handle_endtag(self, tag):
+                while len(open_elements) > 1 and open_elements.pop().tag != tag:
+                    pass
+
+            def handle_data(self, data):
+                open_elements[-1].children.append(data)
+
+        Builder().feed(text)
+        return page
+
+    def __iter__(self):
+        """All elements inside, in the page's order."""
+        for child in self.children:
+            if isinstance(child, Element):
+                yield child
+                yield from child
+
+    @property
+    def text(self):
+        return "".join(getattr(child, "text", child) for child in self.children).strip()
+
+    def find(self, tag="", **attributes):
+        """The elements inside that are such a tag and have these attributes."""
+        return [each for each in self if tag in ("", each.tag)
+                and all(each.attributes.get(name.rstrip("_").replace("_", "-")) == value
+                        for name, value in attributes.items())]
+
+    def by_id(self, name):
+        element, = self.find(id=name)
+        return element
+
+    def rows(self):
+        """A table's body: for each row the texts of its cells, by their class, and its data."""
+        return [{each.attributes["class"]: each.text for each in row if "class" in each.attributes}
+                | {name: value for name, value in row.attributes.items() if name.startswith("data-")}
+                for row in self.find("tr") if row.find("td")]
 
 
 def escaped(value):

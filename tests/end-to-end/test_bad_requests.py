@@ -29,7 +29,8 @@ class BadRequests(unittest.TestCase):
         self.assertEqual(self.demo.get(NETWORK).status, 200)
 
     def raw_post(self, headers, body=b"", **options):
-        head = f"POST {NETWORK} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n{headers}\r\n"
+        head = f"POST {NETWORK} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+        head += f"Cookie: session={self.demo.session}\r\n{headers}\r\n"
         answer = self.demo.raw(head.encode() + body, **options)
         return int(answer.split()[1]) if answer else None
 

@@ -101,16 +101,19 @@ class ClientsAtOnce(unittest.TestCase):
         start = time.monotonic()
         with concurrent.futures.ThreadPoolExecutor(CLIENTS + 1) as pool:
             watching = pool.submit(self.watch_files, finished)
-            clients = [pool.submit(self.owner, name) for name in OWNED]
-            for tag in range(10):
-                clients.append(pool.submit(
-                    self.pair_writer, NETWORK, "WLAN_SSID", "WLAN_PASSPHRASE", tag))
-                clients.append(pool.submit(self.pair_writer, DEVICE, "DESCRIPTION", "CONTACT", tag))
-            while len(clients) < CLIENTS:
-                clients.append(pool.submit(self.reader, len(clients)))
-            concurrent.futures.wait(clients)
+            try:
+                clients = [pool.submit(self.owner, name) for name in OWNED]
+                for tag in range(10):
+                    clients.append(pool.submit(
+                        self.pair_writer, NETWORK, "WLAN_SSID", "WLAN_PASSPHRASE", tag))
+                    clients.append(pool.submit(
+                        self.pair_writer, DEVICE, "DESCRIPTION", "CONTACT", tag))
+                while len(clients) < CLIENTS:
+                    clients.append(pool.submit(self.reader, len(clients)))
+                concurrent.futures.wait(clients)
+            finally:
+                finished.set()
             seconds = time.monotonic() - start
-            finished.set()
             looks = watching.result()
         last = {}
         for client in clients:

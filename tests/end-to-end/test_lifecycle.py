@@ -10,7 +10,8 @@ import tempfile
 import unittest
 
 import device
-from device import DEVICE, NETWORK, SOURCE, Demo, wait_until
+from device import (CLIENT_NAMES, DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, SOURCE, STATUS, Demo,
+                    wait_until)
 
 NOBODY = 65534
 
@@ -68,8 +69,11 @@ class Lifecycle(unittest.TestCase):
                               b"/usr/sbin/lighttpd"))
             root = pathlib.Path(f"/proc/{inside}/root")
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
-                             ["bootloader", "configclient", "factory", "init", "reboot"])
-            self.assertFalse((root / "etc" / "shadow").exists())
+                             ["bootloader", "chpasswd", "configclient", "factory", "init",
+                              "interfaces", "keep", "reboot", "station", "traplog"])
+            for name in ("passwd", "shadow"):
+                users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
+                self.assertEqual(users, ["root", "admin"])
             self.assertFalse((root / "home").exists() or (root / "root").exists())
             for folder in ("usr", "etc", "www", "sbin", "opt"):
                 self.assertTrue(os.statvfs(root / folder).f_flag & os.ST_RDONLY, folder)
@@ -124,7 +128,7 @@ class Lifecycle(unittest.TestCase):
         copy.mkdir()
         shutil.copy(SOURCE / "demo" / "run", copy)
         shutil.copy(SOURCE / "demo" / "packages", copy)
-        shutil.copytree(device.BUILD / "device", self.folder / "build" / "device")
+        shutil.copytree(device.BUILD / "device", self.folder / "build" / "device", symlinks=True)
         command = ()
         if os.geteuid() == 0:
             subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.folder], check=True)
@@ -144,4 +148,12 @@ class Lifecycle(unittest.TestCase):
             self.assertEqual(demo.post(DEVICE, {"CONTACT": "Ordinary"}).status, 303)
             self.assertEqual(demo.json(NETWORK)["WLAN_SSID"], "Ordinary")
             self.assertTrue(wait_until(lambda: demo.applied()["WLAN"] == "0 Ordinary"))
+            shown = {each["name"]: each["ipv4"] for each in demo.document(STATUS)["interfaces"]}
+            self.assertEqual((shown["br-lan"], shown["wan0"]), ("192.168.1.1", "203.0.113.2"))
+            self.assertTrue(wait_until(lambda: {lease[3] for lease in demo.leases()} == CLIENT_NAMES,
+                                       60), "the clients have not come")
+            response = demo.post(PASSWORD, {
+                "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
+            self.assertEqual(response.status, 303)
+            demo.log_in(password="another one")
         self.assertEqual(demo.remaining_processes(), [])

@@ -4,7 +4,7 @@ import json
 import re
 import unittest
 
-from device import DEVICE, NETWORK, UPGRADE, UPLOAD, Demo
+from device import DEVICE, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD, Demo
 
 LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLED": "0",
        "DHCP_FIRST": "10.20.28.10", "DHCP_LAST": "10.20.29.200", "DHCP_LEASE": "72"}
@@ -60,27 +60,27 @@ class Pages(unittest.TestCase):
             self.assertEqual(response.headers["Content-Type"], f"{kind}; charset=utf-8", query)
 
     def test_no_marker_is_left(self):
-        for path in (NETWORK, DEVICE, UPGRADE):
+        for path in PAGES:
             text = self.demo.get(path).text
             self.assertIsNone(re.search(r"\$\w", text))
             self.assertTrue(text.endswith("</html>\n"))
 
     def test_each_page_is_the_current_one_in_the_navigation(self):
-        for path in (NETWORK, DEVICE, UPGRADE):
+        for path in PAGES:
             current = re.findall(r'<a href="([^"]+)" aria-current="page">', self.demo.get(path).text)
             self.assertEqual(current, [path])
 
     def test_every_control_has_a_label_and_ids_are_unique(self):
-        for path in (NETWORK, DEVICE, UPGRADE):
+        for path in PAGES:
             page = self.demo.page(path)
             self.assertEqual(set(page.controls), page.labels)
             self.assertEqual(len(page.ids), len(set(page.ids)))
 
     def test_all_that_a_page_refers_to_is_served_from_here(self):
-        for path in (NETWORK, DEVICE, UPGRADE):
+        for path in PAGES:
             for link in self.demo.page(path).links:
                 self.assertRegex(link, r"^(/(?!/)|#)")
-                if link.startswith("/") and link != UPLOAD:
+                if link.startswith("/") and link not in (UPLOAD, LOGOUT):
                     self.assertIn(self.demo.get(link).status, (200, 302), link)
 
     def test_static_files_have_their_types(self):
@@ -92,7 +92,7 @@ class Pages(unittest.TestCase):
 
     def test_the_root_leads_to_the_first_page(self):
         response = self.demo.get("/")
-        self.assertEqual((response.status, response.headers["Location"]), (302, NETWORK))
+        self.assertEqual((response.status, response.headers["Location"]), (302, STATUS))
 
     def test_templates_and_settings_are_not_served(self):
         for path in ("/templates/network.html", "/../templates/network.html", "/etc/config/lan.conf",
@@ -101,7 +101,7 @@ class Pages(unittest.TestCase):
             self.assertIn(self.demo.get(path).status, (400, 403, 404), path)
 
     def test_answers_carry_the_security_headers(self):
-        for path in (NETWORK, DEVICE, UPGRADE, "/style.css", NETWORK + "?Ajax=1"):
+        for path in (*PAGES, "/style.css", NETWORK + "?Ajax=1"):
             headers = self.demo.get(path).headers
             self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
             self.assertIn("frame-ancestors 'none'", headers["Content-Security-Policy"])

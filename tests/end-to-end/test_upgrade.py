@@ -72,7 +72,8 @@ class UpgradeTest(unittest.TestCase):
         """Runs curl; gives back the status and the body."""
         result = subprocess.run(
             ["curl", "--silent", "--show-error", "--max-time", "60", "--write-out",
-             "\n%{http_code}", *arguments, f"http://127.0.0.1:{self.demo.port}{path}"],
+             "\n%{http_code}", "--cookie", f"session={self.demo.session}", *arguments,
+             f"http://127.0.0.1:{self.demo.port}{path}"],
             capture_output=True, check=True)
         body, _, status = result.stdout.rpartition(b"\n")
         return int(status), body.decode()
@@ -120,10 +121,12 @@ class UpgradeTest(unittest.TestCase):
 
         def is_back():
             with contextlib.suppress(OSError, http.client.HTTPException):
-                return self.state()["BOOT_ID"] != before
+                return self.demo.get(NETWORK).status == 303
             return False
 
-        self.assertTrue(wait_until(is_back, 20))
+        self.assertTrue(wait_until(is_back, 20), "a restart ends all sessions")
+        self.demo.session = self.demo.log_in()
+        self.assertNotEqual(self.state()["BOOT_ID"], before)
 
     def start_anew(self):
         self.demo.stop()
@@ -244,7 +247,7 @@ class Walks(UpgradeTest):
     def test_an_upload_needs_little_more_than_the_body_and_the_image(self):
         """Runs the program under one that writes down the most memory that it has had."""
         build = self.folder / "build"
-        shutil.copytree(device.BUILD / "device", build / "device")
+        shutil.copytree(device.BUILD / "device", build / "device", symlinks=True)
         program = build / "device/www/cgi-bin/upload"
         program.rename(program.with_name("upload.real"))
         program.write_text(
@@ -350,6 +353,7 @@ class Refusals(UpgradeTest):
     def test_a_client_that_stops_in_the_middle(self):
         body = multipart(part(Image("Corvel R1 2.0.0").bytes()))
         head = (f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+                f"Cookie: session={self.demo.session}\r\n"
                 "Content-Type: multipart/form-data; boundary=xYzZY\r\n"
                 f"Content-Length: {len(body)}\r\n\r\n").encode()
         for length in (0, 10, len(body) // 2, len(body) - 1):

@@ -38,6 +38,7 @@ class InBrowser(UpgradeTest):
         for number, expected in ((2, back.root), (3, back.kernel), (4, there.root),
                                  (5, there.kernel)):
             self.assertTrue(self.demo.flash(number).read_bytes().startswith(expected), number)
+        self.demo.session = self.demo.log_in()
         self.assert_set("A", "A", "Corvel R1 3.0.0")
 
     def test_a_writer_that_is_killed(self):

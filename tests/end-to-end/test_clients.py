@@ -1,0 +1,288 @@
+"""The clients page: the DHCP server's leases and the kernel's neighbours."""
+
+import re
+import subprocess
+import sys
+import time
+import unittest
+
+from browser import Walk
+from device import CLIENT_NAMES, CLIENTS, Element, shared_demo, wait_until
+
+COLUMNS = ("host", "ip", "mac", "expires")
+
+HOSTILE = [
+    "<script>window.hacked=1</script>", "<img/src=x/onerror=window.hacked=1>", "</td></tr></table>",
+    '"', "''", '"><b>', "'onmouseover='window.hacked=1", "&lt;b&gt;", "&amp;", "&", "$ip", "$title",
+    "$leases", "\\", '\\"', "\\u0041", "\\\\\\", "{}", '"}],"x":[{"y":"', "%41", "%s%n", "x=y", "--",
+    "javascript:alert(1)", "../../etc/passwd", "\u00e9\u65e5\U0001f600", "setenv", "a" * 100,
+]
+
+
+class ClientsTest(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = shared_demo()
+        if not wait_until(lambda: CLIENT_NAMES <= {lease[3] for lease in cls.demo.leases()}, 60):
+            raise AssertionError(f"the clients have not come: {cls.demo.leases()}")
+
+    def setUp(self):
+        self.demo.session = self.demo.log_in()
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def rows(self, table):
+        return self.demo.document(CLIENTS)[table]
+
+    def page(self, query=""):
+        return Element.of_page(self.demo.get(CLIENTS + query).text)
+
+    def seconds(self, expires):
+        """How long is left, from the text that says it."""
+        days, hours, minutes, seconds = re.fullmatch(
+            r"(?:(\d+) d )?(\d\d):(\d\d):(\d\d)", expires).groups()
+        return ((int(days or 0) * 24 + int(hours)) * 60 + int(minutes)) * 60 + int(seconds)
+
+    def neighbours(self):
+        """The kernel's: IP, MAC and interface of those whose hardware address is known."""
+        return {(each["dst"], each["lladdr"].upper(), each["dev"])
+                for each in self.demo.ip("-4", "neighbor", "show", "nud", "all")
+                if "lladdr" in each and not {"FAILED", "INCOMPLETE", "NOARP"} & set(each["state"])}
+
+    def add_neighbour(self, address, mac):
+        """One that stays whatever the kernel finds."""
+        self.demo.ip("neighbor", "replace", address, "lladdr", mac, "dev", "br-lan",
+                     "nud", "permanent")
+        self.addCleanup(self.demo.ip, "neighbor", "del", address, "dev", "br-lan")
+
+    def with_leases(self, lines, look):
+        """Adds lines to the server's file, looks, and takes them out again.
+
+        The server knows nothing of them, and writes the file anew when a client renews its lease: then
+        the look is taken again.
+        """
+        path = self.demo.state / "var/config/dnsmasq.leases"
+        added = "".join(line + "\n" for line in lines).encode("utf-8", "surrogateescape")
+        while True:
+            before = path.read_bytes()
+            with open(path, "ab") as file:
+                file.write(added)
+            seen = look()
+            after = path.read_bytes()
+            if after == before + added:
+                with open(path, "r+b") as file:
+                    file.truncate(len(before))
+                return seen
+
+
+class Clients(ClientsTest):
+    def test_leases_are_the_servers(self):
+        while True:
+            earliest = int(time.time())
+            before = self.demo.leases()
+            rows = self.rows("leases")
+            if self.demo.leases() == before:
+                break
+        latest = int(time.time())
+        self.assertEqual(sorted((row["host"], row["ip"], row["mac"].upper()) for row in rows),
+                         sorted((host.replace("*", ""), ip, mac.upper())
+                                for _, mac, ip, host, *_ in before))
+        ends = {mac.upper(): int(expiry) for expiry, mac, *_ in before}
+        for row in rows:
+            left = self.seconds(row["expires"])
+            self.assertLessEqual(ends[row["mac"].upper()] - latest - 1, left)
+            self.assertLessEqual(left, ends[row["mac"].upper()] - earliest + 1)
+
+    def test_neighbours_are_the_kernels(self):
+        # A datagram to the gateway makes the kernel ask for its hardware address.
+        subprocess.run(self.demo.inside(
+            sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
+            ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
+        self.assertTrue(wait_until(lambda: "203.0.113.1" in {ip for ip, _, _ in self.neighbours()}))
+        def same():
+            before = self.neighbours()
+            rows = self.rows("neighbours")
+            return before == self.neighbours() and before == {
+                (row["ip"], row["mac"].upper(), row["interface"]) for row in rows}
+
+        self.assertTrue(wait_until(same, 10), (self.neighbours(), self.rows("neighbours")))
+        self.assertIn("203.0.113.1", {row["ip"] for row in self.rows("neighbours")})
+
+    def test_each_client_is_a_neighbour_with_the_address_of_its_lease(self):
+        def all_there():
+            leases = {row["host"]: (row["ip"], row["mac"].upper()) for row in self.rows("leases")}
+            neighbours = {row["host"]: (row["ip"], row["mac"].upper())
+                          for row in self.rows("neighbours")}
+            return all(neighbours.get(name) == leases[name] for name in CLIENT_NAMES)
+
+        self.assertTrue(wait_until(all_there, 30), self.rows("neighbours"))
+
+    def test_a_neighbour_comes_and_goes(self):
+        self.demo.ip("neighbor", "replace", "192.168.1.77", "lladdr", "02:00:de:ad:be:ef",
+                     "dev", "br-lan", "nud", "permanent")
+        row, = [row for row in self.rows("neighbours") if row["ip"] == "192.168.1.77"]
+        self.assertEqual((row["host"], row["mac"].upper(), row["interface"]),
+                         ("", "02:00:DE:AD:BE:EF", "br-lan"))
+        self.demo.ip("neighbor", "del", "192.168.1.77", "dev", "br-lan")
+        self.assertNotIn("192.168.1.77", [row["ip"] for row in self.rows("neighbours")])
+
+    def test_json_equals_the_page(self):
+        def same():
+            page = self.page()
+            document = self.demo.document(CLIENTS)
+            for table in ("leases", "neighbours"):
+                rows = page.by_id(table).rows()
+                if len(rows) != len(document[table]):
+                    return False
+                for row, values in zip(rows, document[table]):
+                    self.assertEqual(row["data-mac"], row["data-mac"].upper())
+                    self.assertRegex(row["data-mac"], r"^([0-9A-F]{2}:){5}[0-9A-F]{2}$")
+                    if any(row[name] != values[name] for name in COLUMNS):
+                        return False
+            return True
+
+        self.assertTrue(wait_until(same), "never the same, though a second may pass between them")
+
+    def test_a_page_is_sorted_without_scripts_too(self):
+        for number in (9, 10, 77, 250):
+            self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
+        keys = {"ip": lambda row: [int(part) for part in row["ip"].split(".")],
+                "mac": lambda row: row["mac"]}
+        for column, key in keys.items():
+            for sort, is_down in ((column, False), ("-" + column, True)):
+                rows = self.page(f"?sort={sort}").by_id("neighbours").rows()
+                self.assertGreaterEqual(len(rows), 4)
+                self.assertEqual(rows, sorted(rows, key=key, reverse=is_down), sort)
+        for sort in ("nothing", "-", "--ip", "ip-", "<b>", "x" * 3000, "$title"):
+            response = self.demo.get(f"{CLIENTS}?sort={sort}")
+            self.assertEqual(response.status, 200, sort[:20])
+            self.assertTrue(response.text.endswith("</html>\n"))
+            self.assertNotIn("<b>", response.text)
+
+    def test_a_client_with_a_hostile_name(self):
+        """A real one, whose names the server takes or leaves: what it keeps is shown as it is."""
+        ip = self.demo.ip
+        mac = "02:00:00:00:77:01"
+        ip("link", "add", "test0", "type", "veth", "peer", "name", "test1", "address", mac)
+        self.addCleanup(ip, "link", "del", "test0")
+        ip("link", "set", "test0", "master", "br-lan", "up")
+        ip("link", "set", "test1", "up")
+        for name in ("<script>window.hacked=1</script>", "'\"><b>$title", "good-name"):
+            subprocess.run(self.demo.inside(
+                "busybox", "udhcpc", "-f", "-q", "-n", "-t", "20", "-T", "1", "-i", "test1", "-s", "/bin/true",
+                "-x", f"hostname:{name}"), check=True, capture_output=True, timeout=60)
+            lease, = [each for each in self.demo.leases() if each[1] == mac]
+            row, = [row for row in self.rows("leases") if row["mac"] == mac.upper()]
+            self.assertEqual(row["host"], lease[3].replace("*", ""))
+            text = self.demo.get(CLIENTS).text
+            self.assertNotIn("<script>", text)
+            self.assertNotIn("<b>", text)
+        self.assertEqual(row["host"], "good-name")
+
+
+class HostileNames(ClientsTest):
+    """Names that the DHCP server itself would refuse, should another write its file."""
+
+    def lines(self, names):
+        later = int(time.time()) + 7200
+        return [f"{later} 02:00:00:00:66:{i:02x} 192.168.1.{30 + i} {name} *"
+                for i, name in enumerate(names)]
+
+    def look(self):
+        return self.demo.get(CLIENTS).text, self.demo.document(CLIENTS)
+
+    def test_page_and_json_show_them_as_they_are(self):
+        text, document = self.with_leases(self.lines(HOSTILE), self.look)
+        page = Element.of_page(text)
+        rows = {row["data-mac"]: row for row in page.by_id("leases").rows()}
+        values = {row["mac"]: row for row in document["leases"]}
+        for i, name in enumerate(HOSTILE):
+            mac = f"02:00:00:00:66:{i:02X}"
+            self.assertEqual(values[mac]["host"], name)
+            self.assertEqual(rows[mac]["host"], name)
+            self.assertEqual(rows[mac]["ip"], f"192.168.1.{30 + i}")
+        self.assertTrue(text.endswith("</html>\n"))
+        self.assertEqual([each.attributes.get("src") for each in page.find("script")], ["/site.js"])
+        self.assertEqual([each for each in page if any(name.startswith("on")
+                                                       for name in each.attributes)], [])
+
+    def test_words_that_are_no_addresses(self):
+        later = int(time.time()) + 7200
+        lines = []
+        for word in HOSTILE + ["x" * 900, "1.2.3.4.5", "999.1.1.1", "\x01\x1b", "0"]:
+            lines += [f"{later} {word} 192.168.1.66 mac *", f"{later} 02:00:00:00:66:66 {word} ip *",
+                      f"{word} 02:00:00:00:66:67 192.168.1.67 time *", f"{later} {word}", word]
+        lines += ["", " ", "    ", f"{later}", "-1 02:00:00:00:66:68 192.168.1.68 ended *",
+                  "0 02:00:00:00:66:69 192.168.1.69 never *",
+                  "9" * 200 + " 02:00:00:00:66:70 1.1.1.1 far *"]
+        text, document = self.with_leases(lines, self.look)
+        self.assertTrue(text.endswith("</html>\n"))
+        self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
+        page = Element.of_page(text)
+        self.assertEqual([each.attributes.get("src") for each in page.find("script")], ["/site.js"])
+        self.assertEqual(len(page.find(id="leases")), 1)
+        self.assertNotIn("<b>", text)
+
+    def test_bytes_that_are_no_text(self):
+        host = b"a\xff\xfe\x80\xed\xa0\x80b\x01\x1bc".decode("utf-8", "surrogateescape")
+        text, document = self.with_leases(self.lines([host]), self.look)
+        row, = [row for row in document["leases"] if row["mac"] == "02:00:00:00:66:00"]
+        self.assertEqual(row["host"], "a" + "\ufffd" * 6 + "b\x01\x1bc")
+        self.assertTrue(text.endswith("</html>\n"))
+
+    def test_thousands_of_leases(self):
+        later = int(time.time()) + 7200
+        lines = [f"{later} 02:00:00:01:{i // 256:02x}:{i % 256:02x} 10.1.{i // 256}.{i % 256} host-{i} *"
+                 for i in range(3000)]
+        text, document = self.with_leases(lines, self.look)
+        self.assertTrue(text.endswith("</html>\n"))
+        shown = {row["host"] for row in document["leases"]}
+        self.assertLessEqual({f"host-{i}" for i in range(3000)}, shown)
+
+
+class InBrowser(ClientsTest):
+    def test_a_click_on_a_heading_sorts_and_another_one_turns_it_round(self):
+        for number in (9, 10, 77, 250):
+            self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
+        walk = Walk("sort", self.demo)
+        self.addCleanup(walk.stop)
+        seen = walk.result()
+        for column, orders in seen.items():
+            for table in ("leases", "neighbours"):
+                first, second = orders[0][table], orders[1][table]
+                key = {"ip": lambda text: [int(part) for part in text.split(".")],
+                       "host": lambda text: (not text, text.lower()),
+                       "expires": lambda text: self.seconds(text) if text else -1,
+                       }.get(column, str)
+                values = [key(text) for text in first]
+                self.assertEqual(values, sorted(values), (column, table))
+                values = [key(text) for text in second]
+                self.assertEqual(values, sorted(values, reverse=True), (column, table))
+        self.assertIn("192.168.1.9", seen["ip"][0]["neighbours"])
+
+    def test_a_client_that_comes_is_shown_without_a_reload_in_the_order_that_was_chosen(self):
+        walk = Walk("clients", self.demo)
+        self.addCleanup(walk.stop)
+        self.assertEqual(walk.line(), "sorted")
+        self.add_neighbour("192.168.1.9", "02:00:00:00:09:09")
+        self.add_neighbour("192.168.1.90", "02:00:00:00:90:90")
+        seen = walk.result()
+        values = [[int(part) for part in each.split(".")] for each in seen["ips"]]
+        self.assertEqual(values, sorted(values, reverse=True))
+        self.assertEqual(seen["loads"], 1)
+
+    def test_hostile_names_stay_text(self):
+        lines = HostileNames.lines(self, HOSTILE)
+
+        def look():
+            walk = Walk("hostile", self.demo, len(lines))
+            self.addCleanup(walk.stop)
+            return walk.result()
+
+        seen = self.with_leases(lines, look)
+        self.assertLessEqual(set(HOSTILE), set(seen["first"]))
+        self.assertLessEqual(set(HOSTILE), set(seen["refreshed"]))
+        self.assertFalse(seen["hacked"])

@@ -1,0 +1,502 @@
+"""Nothing is served without a login, and a login lasts no longer than it should."""
+
+import concurrent.futures
+import html
+import json
+import os
+import re
+import secrets
+import shutil
+import stat
+import time
+import unittest
+import urllib.parse
+
+import device
+from browser import Walk
+from device import (DEVICE, FACTORY_PASSWORD, LOGIN, LOGOUT, NETWORK, STATUS, STRANGER, UPLOAD, USER,
+                    Page, shared_demo, wait_until)
+
+FORM = "application/x-www-form-urlencoded"
+MULTIPART = "multipart/form-data; boundary=xYzZY"
+UPLOAD_BODY = (b'--xYzZY\r\nContent-Disposition: form-data; name="image"; filename="a.bin"\r\n'
+               b"Content-Type: application/octet-stream\r\n\r\nabc\r\n--xYzZY--\r\n")
+MOST_SESSIONS = 16
+IDLE = 15 * 60
+
+
+class LoginTest(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = shared_demo()
+
+    def setUp(self):
+        # A success makes the device forget the failures of the tests before.
+        self.demo.session = self.demo.log_in()
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def assert_to_login(self, response, path=None):
+        """The answer sends to the login, and has nothing else."""
+        self.assertEqual(response.status, 303)
+        self.assertRegex(response.headers["Location"], r"^/cgi-bin/login(\?next=[!-~]*)?$")
+        self.assertEqual(response.body, b"")
+        if path:
+            query = urllib.parse.urlsplit(response.headers["Location"]).query
+            self.assertEqual(urllib.parse.parse_qs(query)["next"], [path])
+
+    def assert_refused(self, cookie):
+        """A request with this cookie gets what a stranger gets."""
+        name = str(cookie)[:90]
+        with self.subTest(name):
+            self.assert_to_login(self.demo.get(NETWORK, Cookie=cookie))
+            response = self.demo.get(NETWORK + "?Ajax=1", Cookie=cookie)
+            self.assertEqual((response.status, json.loads(response.body)),
+                             (401, {"error": "login"}))
+
+
+class Strangers(LoginTest):
+    """What somebody gets who has not logged in, from every program that the device has."""
+
+    def setUp(self):
+        super().setUp()
+        programs = self.demo.root() / "www/cgi-bin"
+        self.paths = [f"/cgi-bin/{each.name}" for each in sorted(programs.iterdir())
+                      if each.name != "login"]
+        self.files = self.demo.files()
+        self.flash = [self.demo.flash(number).read_bytes() for number in (0, 1, 4, 5)]
+        self.accounts = (self.demo.root() / "etc/shadow").read_bytes()
+        self.sessions = set(self.demo.sessions())
+
+    def tearDown(self):
+        self.assertEqual(self.demo.files(), self.files)
+        self.assertEqual([self.demo.flash(number).read_bytes() for number in (0, 1, 4, 5)],
+                         self.flash)
+        self.assertEqual((self.demo.root() / "etc/shadow").read_bytes(), self.accounts)
+        self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
+        self.assertEqual(set(self.demo.sessions()), self.sessions)
+        super().tearDown()
+
+    def ask(self, method, path, body=None, **headers):
+        return self.demo.request(method, path, body, {**STRANGER, **headers})
+
+    def test_every_program_of_the_build_is_tried(self):
+        built = {f"/cgi-bin/{each.name}"
+                 for each in (device.BUILD / "device/www/cgi-bin").iterdir()}
+        self.assertEqual(built - {LOGIN}, set(self.paths))
+        self.assertLessEqual({*device.PAGES, UPLOAD, LOGOUT}, built)
+
+    def test_a_page_leads_to_the_login(self):
+        for path in self.paths:
+            for query in ("", "?saved=1", "?Ajax=0", "?next=/style.css", "?user=admin&password=corvel"):
+                with self.subTest(path + query):
+                    response = self.ask("GET", path + query)
+                    self.assert_to_login(response)
+                    self.assert_to_login(self.ask("HEAD", path + query))
+        for path in ("", "?saved=1"):
+            self.assert_to_login(self.ask("GET", NETWORK + path), NETWORK + path)
+
+    def test_more_path_behind_a_program_is_no_way_in(self):
+        for path in self.paths:
+            for more in ("/", "/login", "/../login", "/public/style.css", "//", "%2flogin"):
+                with self.subTest(path + more):
+                    response = self.ask("GET", path + more)
+                    self.assertIn(response.status, (303, 404, 200))
+                    if response.status == 200:
+                        self.assertIn('id="login"', response.text)
+                        self.assertTrue(more.startswith("/.."))
+
+    def test_json_is_refused(self):
+        for path in self.paths:
+            for query in ("?Ajax=1", "?x=1&Ajax=2", "?Ajax=1&Ajax=0"):
+                with self.subTest(path + query):
+                    response = self.ask("GET", path + query)
+                    self.assertIn((response.status, response.body.strip()), (
+                        (401, b'{"error":"login"}'), (303, b"")))
+                    if path in device.PAGES and query == "?Ajax=1":
+                        self.assertEqual(response.status, 401)
+                        self.assertTrue(response.headers["Content-Type"].startswith(
+                            "application/json"))
+
+    def test_a_post_is_refused_and_does_nothing(self):
+        bodies = ((FORM, b""), (FORM, b"WLAN_SSID=x&HOST_NAME=x&CONTACT=x&action=restart"),
+                  (FORM, b"user=admin&password=corvel&old=corvel&new=x&again=x&next=/"),
+                  (MULTIPART, UPLOAD_BODY), ("text/plain", b"x=y"), ("", b"{}"))
+        for path in self.paths:
+            for kind, body in bodies:
+                for query in ("", "?Ajax=1"):
+                    with self.subTest(f"{path}{query} {kind} {body[:20]}"):
+                        response = self.ask("POST", path + query, body, **{"Content-Type": kind})
+                        self.assertIn(response.status, (303, 401))
+                        if response.status == 303:
+                            self.assert_to_login(response)
+                        else:
+                            self.assertEqual(json.loads(response.body), {"error": "login"})
+
+    def test_other_methods_are_refused(self):
+        for path in self.paths:
+            for method in ("PUT", "DELETE", "PATCH", "TRACE", "CONNECT", "MKCOL", "PROPFIND", "get",
+                           "post", "FOO", "OPTIONS"):
+                for body in (None, b"WLAN_SSID=x"):
+                    with self.subTest(f"{method} {path}"):
+                        response = self.ask(method, path, body, **{"Content-Type": FORM})
+                        if method == "OPTIONS" and response.status == 200:
+                            self.assertEqual(response.body, b"")
+                        else:
+                            self.assertIn(response.status, (303, 400, 401, 405, 501))
+                        for secret in ("Corvel Home", "change me soon", "CR1-2209", "192.168."):
+                            self.assertNotIn(secret, response.text)
+
+    def test_a_large_upload_is_refused(self):
+        body = b"x" * (16 * 1024 * 1024)
+        try:
+            response = self.ask("POST", UPLOAD, body, **{"Content-Type": MULTIPART})
+            self.assertIn(response.status, (303, 401, 413))
+        except (BrokenPipeError, ConnectionResetError):
+            pass  # the server has closed the connection before all was sent
+        self.assertTrue(wait_until(lambda: not self.demo.programs("/www/cgi-bin/upload")))
+
+    def test_what_is_public_is_served_and_nothing_beside_it(self):
+        public = self.demo.root() / "www/public"
+        files = [path for path in public.rglob("*") if path.is_file()]
+        self.assertGreaterEqual(len(files), 3)
+        for path in files:
+            response = self.ask("GET", f"/{path.relative_to(public)}")
+            self.assertEqual((response.status, response.body), (200, path.read_bytes()), path)
+        response = self.ask("GET", "/")
+        self.assertIn(response.status, (302, 303))
+        self.assertIn(response.headers["Location"], ("/cgi-bin/status", "/cgi-bin/login", NETWORK))
+        session = next(iter(self.demo.sessions()))
+        for path in (f"/run/sessions/{session}", f"/../run/sessions/{session}", "/cgi-bin/",
+                     "/templates/login.html", "/etc/shadow", "/%2e%2e/%2e%2e/etc/shadow",
+                     "/cgi-bin/../../etc/shadow", "/var/log/traps.log", "/login", "/status"):
+            self.assertIn(self.ask("GET", path).status, (400, 403, 404), path)
+
+    def test_the_login_page_tells_nothing_of_the_settings(self):
+        response = self.ask("GET", LOGIN)
+        self.assertEqual(response.status, 200)
+        page = Page(response.text)
+        self.assertIn("login", page.ids)
+        self.assertEqual({name for name, _ in page.fields} - {"next"}, {"user", "password"})
+        self.assertEqual(set(page.controls), page.labels)
+        self.assertEqual(len(page.ids), len(set(page.ids)))
+        self.assertIsNone(re.search(r"\$\w", response.text))
+        self.assertEqual(response.headers["Cache-Control"], "no-store")
+        self.assertIn("frame-ancestors 'none'", response.headers["Content-Security-Policy"])
+        self.assertIsNone(response.headers["Set-Cookie"])
+        self.assertEqual({link for link in page.links if link.startswith("/cgi-bin/")}, {LOGIN})
+        for secret in ("Corvel Home", "change me soon", "CR1-2209", "192.168."):
+            self.assertNotIn(secret, response.text)
+        for link in page.links:
+            if link.startswith("/"):
+                self.assertIn(self.ask("GET", link).status, (200, 302), link)
+        for method in ("PUT", "DELETE", "FOO"):
+            self.assertIn(self.ask(method, LOGIN, b"").status, (400, 405, 501), method)
+
+
+class Cookies(LoginTest):
+    def test_a_session_is_random_hexadecimal_that_scripts_do_not_see(self):
+        response = self.demo.try_log_in()
+        self.assertEqual(response.status, 303)
+        value, *attributes = re.split(r"; *", response.headers["Set-Cookie"])
+        self.assertRegex(value, r"^session=[0-9a-f]{64}$")
+        self.assertEqual({each.lower() for each in attributes},
+                         {"path=/", "httponly", "samesite=strict"})
+        self.assertNotIn(self.demo.session, value)
+        self.assertNotEqual(response.session(), self.demo.log_in())
+
+    def test_a_session_is_a_file_that_root_alone_reads(self):
+        folder = self.demo.root() / "run/sessions"
+        self.assertEqual(stat.S_IMODE(folder.stat().st_mode), 0o700)
+        path = self.demo.sessions()[self.demo.session]
+        status = path.lstat()
+        self.assertTrue(stat.S_ISREG(status.st_mode))
+        self.assertEqual(stat.S_IMODE(status.st_mode), 0o600)
+        self.assertNotIn(FACTORY_PASSWORD.encode(), path.read_bytes())
+        self.assertEqual([name for name in self.demo.sessions()
+                          if not re.fullmatch("[0-9a-f]{64}", name)], [])
+
+    def test_a_cookie_among_others_counts(self):
+        good = f"session={self.demo.session}"
+        for cookie in (f"a=b; {good}", f"{good}; a=b", f"a=b; {good}; c=d", f"xsession=1; {good}",
+                       f"session2=1; {good}", f"{'x' * 3000}=1; {good}", f"a; {good}", f"=; {good}"):
+            self.assertEqual(self.demo.get(NETWORK, Cookie=cookie).status, 200, cookie[:50])
+
+    def test_anything_else_than_a_whole_session_is_refused(self):
+        good = self.demo.session
+        while not re.search("[a-f]", good) or good == good[::-1]:
+            good = self.demo.session = self.demo.log_in()
+        for value in ("", "x", good[:-1], good[1:], good[:32], good + "0", "0" + good, good + good,
+                      good.upper(), good.capitalize() if good[0] in "abcdef" else good.upper(),
+                      good[::-1], good[:-1] + ("0" if good[-1] != "0" else "1"),
+                      f'"{good}"', f"'{good}'", good + "%00", good + "/", "/" + good, good + ".",
+                      good + "\t.", good + ",", "%" + good, "-" + good[1:], "+" + good[1:],
+                      "".join(f"%{ord(each):02x}" for each in good),
+                      f"../sessions/{good}", f"./{good}", f"/run/sessions/{good}",
+                      "../../etc/passwd", "." * 64, "/" * 64, "0" * 63 + "/", "../" * 21 + ".",
+                      "0" * 64, "f" * 64, "g" * 64, "\xe9" * 64, " " * 64, "*" * 64,
+                      secrets.token_hex(32), good[:63] + "G", good * 50, "a" * 6000):
+            self.assert_refused(f"session={value}")
+        for cookie in (good, f"={good}", f"Session={good}", f"SESSION={good}", f"xsession={good}",
+                       f"session2={good}", f"sessio={good}", f"session:{good}", f"session=={good}",
+                       f"sessionsession={good}", f"a=session={good}", f"a=b&session={good}", "",
+                       ";", "=", "session", "session=", "; " * 2000):
+            self.assert_refused(cookie)
+        self.assertTrue(self.demo.is_logged_in(good))
+
+    def test_a_cookie_of_a_megabyte_is_answered(self):
+        response = self.demo.raw(b"GET /cgi-bin/network HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                                 b"Connection: close\r\nCookie: session=" + b"a" * 1_000_000
+                                 + b"\r\n\r\n")
+        self.assertIn(response[9:12], (b"", b"303", b"400", b"413", b"431"))
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+
+    def test_other_files_among_the_sessions_are_none(self):
+        folder = self.demo.root() / "run/sessions"
+        good = self.demo.sessions()[self.demo.session]
+        names = {"x", "A" * 64, "a" * 63, "a" * 65, "e" * 63 + "."}
+        for name in names:
+            shutil.copy2(good, folder / name)
+            self.addCleanup((folder / name).unlink)
+        empty, directory, other = ("e" * 64, "d" * 64, "c" * 64)
+        (folder / empty).touch(mode=0o600)
+        self.addCleanup((folder / empty).unlink, missing_ok=True)
+        (folder / directory).mkdir()
+        self.addCleanup(shutil.rmtree, folder / directory)
+        (folder / other).write_bytes(bytes(range(256)) * 40)
+        (folder / other).chmod(0o600)
+        self.addCleanup((folder / other).unlink, missing_ok=True)
+        for name in names | {empty, directory, other}:
+            self.assert_refused(f"session={name}")
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+
+
+class Sessions(LoginTest):
+    def test_a_logout_ends_the_session_and_no_other(self):
+        session = self.demo.log_in()
+        cookie = {"Cookie": f"session={session}"}
+        response = self.demo.post(LOGOUT, "", cookie)
+        self.assertEqual((response.status, response.headers["Location"]), (303, LOGIN))
+        name, *attributes = re.split(r"; *", response.headers["Set-Cookie"])
+        self.assertEqual(name, "session=")
+        self.assertIn("max-age=0", [each.lower() for each in attributes])
+        self.assertIn("path=/", [each.lower() for each in attributes])
+        self.assertNotIn(session, self.demo.sessions())
+        self.assert_refused(cookie["Cookie"])
+        self.assert_to_login(self.demo.post(NETWORK, {"WLAN_SSID": "x"}, cookie))
+        self.assert_to_login(self.demo.post(LOGOUT, "", cookie))
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+
+    def test_a_link_logs_nobody_out(self):
+        for method in ("GET", "HEAD"):
+            self.assertEqual(self.demo.request(method, LOGOUT).status, 405)
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+
+    def test_the_oldest_session_makes_room_for_a_new_one(self):
+        sessions = [self.demo.log_in() for _ in range(MOST_SESSIONS)]
+        self.assertEqual(set(self.demo.sessions()), set(sessions))
+        sessions.append(self.demo.log_in())
+        self.assertEqual(set(self.demo.sessions()), set(sessions[1:]))
+        self.assert_refused(f"session={sessions[0]}")
+        for session in sessions[1:]:
+            self.assertTrue(self.demo.is_logged_in(session))
+
+    def test_many_logins_at_once_leave_no_more_than_there_may_be(self):
+        def log_in(_):
+            while (response := self.demo.try_log_in()).status == 429:
+                time.sleep(0.05)
+            return response.session()
+
+        with concurrent.futures.ThreadPoolExecutor(8) as pool:
+            made = list(pool.map(log_in, range(40)))
+        self.assertEqual(len(set(made)), 40)
+        self.assertEqual(len(self.demo.sessions()), MOST_SESSIONS)
+        self.assertLessEqual(set(self.demo.sessions()), set(made))
+
+    def age(self, session, seconds):
+        """Has the session been used last this long ago."""
+        path = self.demo.sessions()[session]
+        then = path.stat().st_mtime - seconds
+        os.utime(path, (then, then))
+
+    def test_a_session_that_is_not_used_ends(self):
+        session = self.demo.log_in()
+        self.age(session, IDLE - 60)
+        self.assertTrue(self.demo.is_logged_in(session))
+        self.age(session, IDLE - 60)
+        self.assertTrue(self.demo.is_logged_in(session), "each use begins the time anew")
+        self.age(session, IDLE + 60)
+        self.assert_refused(f"session={session}")
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+
+    def test_a_page_that_refreshes_itself_does_not_keep_a_session_alive(self):
+        session = self.demo.log_in()
+        cookie = f"session={session}"
+        for path in (STATUS, device.CLIENTS):
+            self.age(session, 120)
+            before = self.demo.sessions()[session].stat().st_mtime
+            self.assertEqual(self.demo.get(path + "?Ajax=1", Cookie=cookie).status, 200)
+            self.assertEqual(self.demo.sessions()[session].stat().st_mtime, before)
+            self.assertEqual(self.demo.get(path, Cookie=cookie).status, 200)
+            self.assertGreater(self.demo.sessions()[session].stat().st_mtime, before)
+
+
+class Passwords(LoginTest):
+    def fail_to_log_in(self, user=USER, password="a bad guess", **fields):
+        start = time.monotonic()
+        response = self.demo.try_log_in(user, password, **fields)
+        return response, time.monotonic() - start
+
+    def message(self, response):
+        self.assertEqual(response.status, 403)
+        self.assertIsNone(response.headers["Set-Cookie"])
+        self.assertIn('id="login"', response.text)
+        found = re.search(r'role="alert"[^>]*>([^<]+)<', response.text)
+        return html.unescape(found.group(1))
+
+    def test_each_failure_in_a_row_waits_longer(self):
+        sessions = set(self.demo.sessions())
+        waits = []
+        messages = set()
+        for user, password in ((USER, "a bad guess"), ("nobody-there", FACTORY_PASSWORD), (USER, "")):
+            response, seconds = self.fail_to_log_in(user, password)
+            waits.append(seconds)
+            messages.add(self.message(response))
+            self.assertNotIn("a bad guess", response.text)
+        self.assertEqual(len(messages), 1, "the message must not tell which of the two is wrong")
+        for wait, least in zip(waits, (1, 2, 4)):
+            self.assertGreaterEqual(wait, least)
+        self.assertEqual(set(self.demo.sessions()), sessions)
+
+        self.demo.log_in()
+        _, seconds = self.fail_to_log_in()
+        self.assertGreaterEqual(seconds, 1)
+        self.assertLess(seconds, waits[2], "a success makes the device forget")
+
+    def test_names_and_passwords_that_are_none(self):
+        for user, password in (("root", ""), ("root", "*"), ("root:x", "x"), ("", ""),
+                               (USER + "\n", FACTORY_PASSWORD), (USER, FACTORY_PASSWORD + "\n"),
+                               (USER, FACTORY_PASSWORD + "x" * 300), (USER.upper(), FACTORY_PASSWORD),
+                               ("x" * 5000, "x" * 50000)):
+            with self.subTest(f"{user[:20]!r} {password[:20]!r}"):
+                response, seconds = self.fail_to_log_in(user, password)
+                self.message(response)
+                self.assertGreaterEqual(seconds, 1)
+                self.demo.log_in()
+        for body in ("", "user=admin", "password=corvel", "user&password", "=&" * 3000):
+            response = self.demo.post(LOGIN, body, STRANGER)
+            self.assertIn(response.status, (400, 403), body[:20])
+            self.assertIsNone(response.headers["Set-Cookie"])
+            self.demo.log_in()
+
+    def test_what_was_typed_is_shown_escaped_or_not_at_all(self):
+        response, _ = self.fail_to_log_in('"><script>alert(1)</script>$title', "$message")
+        self.message(response)
+        self.assertNotIn("<script>", response.text)
+        self.assertIsNone(re.search(r"\$\w", response.text))
+        self.assertNotIn("$message", html.unescape(response.text), "a password is never shown")
+
+    def test_a_flood_of_wrong_passwords_is_answered_and_holds_nobody_up(self):
+        most = 0
+        with concurrent.futures.ThreadPoolExecutor(60) as pool:
+            flood = [pool.submit(self.demo.try_log_in, USER, f"wrong {i}") for i in range(60)]
+            while not all(each.done() for each in flood):
+                most = max(most, len(self.demo.programs("/www/cgi-bin/login")))
+                self.assertTrue(self.demo.is_logged_in(self.demo.session))
+                time.sleep(0.1)
+        statuses = [each.result().status for each in flood]
+        self.assertEqual(set(statuses), {403, 429})
+        refused = next(each.result() for each in flood if each.result().status == 429)
+        self.assertGreater(int(refused.headers["Retry-After"]), 0)
+        self.assertGreater(statuses.count(429), 30, "above a few that wait, nobody waits")
+        self.assertLess(most, 30)
+        for each in flood:
+            self.assertIsNone(each.result().headers["Set-Cookie"])
+        self.assertTrue(wait_until(lambda: self.demo.try_log_in().status == 303, 20))
+
+
+class OtherSites(LoginTest):
+    def test_a_form_of_another_site_is_refused_by_every_program(self):
+        programs = sorted(each.name for each in (self.demo.root() / "www/cgi-bin").iterdir())
+        files = self.demo.files()
+        accounts = (self.demo.root() / "etc/shadow").read_bytes()
+        for name in programs:
+            for headers in ({"Origin": "http://evil.example"}, {"Origin": "null"},
+                            {"Origin": None, "Referer": "http://evil.example/"},
+                            {"Origin": f"http://127.0.0.1:{self.demo.port}.evil.example"},
+                            {"Origin": f"http://localhost:{self.demo.port}"}):
+                for cookie in ({}, STRANGER) if name == "login" else ({},):
+                    with self.subTest(f"{name} {headers}"):
+                        fields = {"user": USER, "password": FACTORY_PASSWORD, "action": "restart",
+                                  "old": FACTORY_PASSWORD, "new": "evil evil", "again": "evil evil",
+                                  "WLAN_SSID": "evil", "CONTACT": "evil"}
+                        response = self.demo.post(f"/cgi-bin/{name}", fields, headers | cookie)
+                        self.assertIn(response.status, (403, 405))
+                        self.assertIsNone(response.headers["Set-Cookie"])
+        self.assertTrue(self.demo.is_logged_in(self.demo.session))
+        self.assertEqual(self.demo.files(), files)
+        self.assertEqual((self.demo.root() / "etc/shadow").read_bytes(), accounts)
+
+    def test_a_login_leads_back_to_where_one_came_from(self):
+        for path in (NETWORK, DEVICE, DEVICE + "?saved=1", device.CLIENTS + "?sort=-ip"):
+            response = self.demo.request("GET", path, headers=STRANGER)
+            self.assert_to_login(response, path)
+            page = Page(self.demo.request("GET", response.headers["Location"],
+                                          headers=STRANGER).text)
+            fields = dict(page.fields) | {"user": USER, "password": FACTORY_PASSWORD}
+            response = self.demo.post(LOGIN, fields, STRANGER)
+            self.assertEqual((response.status, response.headers["Location"]), (303, path))
+        response = self.demo.try_log_in()
+        self.assertEqual((response.status, response.headers["Location"]), (303, STATUS))
+
+    def test_a_login_leads_nowhere_else(self):
+        for target in ("http://evil.example/", "//evil.example/", "///evil.example/", "evil.example",
+                       "/\\evil.example/", "\\\\evil.example/", "\\/evil.example", "https:evil.example",
+                       "javascript:alert(1)", "data:text/html,x", "/\t/evil.example", "\t//evil.example",
+                       " //evil.example", "/\r\n/evil.example", "/%0d%0aSet-Cookie:%20a=b",
+                       "/cgi-bin/status\r\nSet-Cookie: a=b", "/cgi-bin/status\nLocation: //evil.example",
+                       "/cgi-bin/status\0//evil.example", "/./\\evil.example", "/..//evil.example",
+                       "", "/" * 200, "/" + "a" * 500, "/%5cevil.example", "%2f%2fevil.example",
+                       "/@evil.example", ":80//evil.example", "?//evil.example", "#", "\u2215evil.example",
+                       "/\u2215evil.example", "/cgi-bin/logout", LOGIN):
+            with self.subTest(target[:40]):
+                response = self.demo.try_log_in(next=target)
+                self.assertEqual(response.status, 303)
+                self.assertEqual(len(response.headers.get_all("Set-Cookie")), 1)
+                location, = response.headers.get_all("Location")
+                self.assertRegex(location, r"^/(?![/\\])[!-~]*$")
+                own = f"http://127.0.0.1:{self.demo.port}"
+                self.assertTrue(urllib.parse.urljoin(own + LOGIN, location).startswith(own + "/"))
+                self.assertNotIn("\\", location)
+
+                query = urllib.parse.urlencode({"next": target})
+                page = self.demo.request("GET", f"{LOGIN}?{query}", headers=STRANGER)
+                self.assertIn(page.status, (200, 400))
+                self.assertIsNone(re.search(r"""(href|src|action)=["']?[^/#"']""", page.text))
+
+    def test_where_one_came_from_is_shown_escaped(self):
+        target = """/x"><script>alert(1)</script>'$title&lt;"""
+        query = urllib.parse.urlencode({"next": target})
+        text = self.demo.request("GET", f"{LOGIN}?{query}", headers=STRANGER).text
+        self.assertNotIn("<script>", text)
+        self.assertIsNone(re.search(r"\$\w", text))
+
+
+class InBrowser(LoginTest):
+    def test_in_and_out_again(self):
+        walk = Walk("login", self.demo, logged_in=False)
+        self.addCleanup(walk.stop)
+        seen = walk.result()
+        self.assertTrue(seen["reason"])
+        self.assertTrue(seen["at"][0].endswith(DEVICE), "where one wanted to go")
+        self.assertLessEqual(set(device.PAGES), set(seen["at"]))
+        cookie, = seen["cookies"]
+        self.assertEqual((cookie["name"], cookie["path"], cookie["httpOnly"], cookie["sameSite"],
+                          cookie["expires"]), ("session", "/", True, "Strict", -1))
+        self.assertEqual(seen["seenByScripts"], "")
+        self.assertEqual(seen["after"], [])
+        self.assertNotIn(cookie["value"], self.demo.sessions())
+        self.assertIn(LOGIN, seen["end"])

@@ -1,0 +1,159 @@
+"""Traps: what the device tells whoever listens, and the log of it."""
+
+import re
+import struct
+import subprocess
+import sys
+import unittest
+
+from device import (DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE, UPLOAD, USER, Demo,
+                    Element, wait_until)
+from test_upgrade import multipart, part
+from upgrade_image import Image
+
+# Listens as any program of the device may: on the multicast group 1 of netlink's protocol 16. Prints each
+# message that has come, in hexadecimal.
+LISTENER = """
+import socket
+listener = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 16)
+listener.bind((0, 1))
+print("listening", flush=True)
+while True:
+    print(listener.recv(65536).hex(), flush=True)
+"""
+
+
+class Traps(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.demo = Demo("--no-pause")
+        cls.addClassCleanup(cls.demo.stop)
+
+    def setUp(self):
+        self.demo.session = self.demo.log_in()
+        self.listener = subprocess.Popen(
+            self.demo.inside(sys.executable, "-c", LISTENER), stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE, text=True)
+        self.addCleanup(self.listener.communicate)
+        self.addCleanup(self.listener.kill)
+        self.assertEqual(self.listener.stdout.readline(), "listening\n")
+
+    def tearDown(self):
+        self.assertEqual(self.demo.crashes(), [])
+
+    def heard(self):
+        """The text of the next trap, whose form has to be right."""
+        message = bytes.fromhex(self.listener.stdout.readline())
+        length, kind, flags, sequence, port = struct.unpack("=IHHII", message[:16])
+        self.assertEqual((length, len(message), kind, flags, sequence), (172, 172, 17, 0, 1))
+        self.assertGreater(port, 0)
+        text, _, rest = message[16:].partition(b"\0")
+        self.assertEqual(set(rest), {0} if rest else set(), "zeros follow the text")
+        self.assertLess(len(text), 156)
+        return text.decode()
+
+    def log(self):
+        """The texts of the log, the oldest first."""
+        lines = (self.demo.state / "var/log/traps.log").read_text(errors="replace").splitlines()
+        for line in lines:
+            self.assertRegex(line, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d .*$")
+        return [line[20:] for line in lines]
+
+    def shown(self):
+        page = Element.of_page(self.demo.get(TRAPS).text)
+        return [(each.find("time")[0].text, each.find("span")[-1].text)
+                for each in page.by_id("traps").find("li")]
+
+    def assert_told(self, text):
+        """The trap has come, is the last one of the log, and the first one of the page."""
+        self.assertEqual(self.heard(), text)
+        self.assertTrue(wait_until(lambda: self.log()[-1] == text), self.log()[-3:])
+        time, shown = self.shown()[0]
+        self.assertEqual(shown, text)
+        self.assertRegex(time, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
+
+    def test_a_login(self):
+        self.demo.log_in()
+        self.assert_told(f"login: {USER}")
+
+    def test_a_login_that_failed(self):
+        self.assertEqual(self.demo.try_log_in("<b>somebody</b>", "the wrong one").status, 403)
+        self.assert_told("login refused")
+        self.demo.log_in()
+        self.assert_told(f"login: {USER}")
+        self.assertNotIn("the wrong one", "".join(self.log()))
+
+    def test_a_change_of_password(self):
+        accounts = self.demo.root() / "etc/shadow"
+        self.addCleanup(accounts.write_bytes, accounts.read_bytes())
+        response = self.demo.post(PASSWORD, {
+            "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
+        self.assertEqual(response.status, 303)
+        self.assert_told(f"password changed: {USER}")
+        self.assertNotIn("another one", "".join(self.log()))
+
+    def test_saved_settings(self):
+        self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
+        self.assert_told("settings saved: device")
+        self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": "x"}).status, 303)
+        self.assert_told("settings saved: network")
+
+    def test_settings_that_were_refused_are_no_news(self):
+        self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": ""}).status, 422)
+        self.demo.log_in()
+        self.assert_told(f"login: {USER}")
+
+    def test_firmware_that_was_written(self):
+        response = self.demo.request("POST", UPLOAD, multipart(part(
+            Image("Corvel R1 2.0.0", 1000, 1000).bytes())), {
+                "Content-Type": "multipart/form-data; boundary=xYzZY"})
+        self.assertEqual(response.status, 303)
+        self.assertEqual(self.demo.post(UPGRADE, "action=write").status, 303)
+        self.assertTrue(wait_until(
+            lambda: self.demo.json(UPGRADE, "upgrade")["STATE"] == "written"))
+        self.assert_told("firmware written: set B")
+
+    def test_the_page_shows_the_log_the_newest_first(self):
+        for _ in range(3):
+            self.demo.log_in()
+        self.demo.post(DEVICE, {"CONTACT": "y"})
+        self.assertTrue(wait_until(lambda: self.log()[-1] == "settings saved: device"))
+        log = self.log()
+        shown = self.shown()
+        self.assertEqual([text for _, text in shown], log[::-1][:len(shown)])
+        self.assertGreaterEqual(len(shown), 4)
+        self.assertEqual([time for time, _ in shown],
+                         sorted([time for time, _ in shown], reverse=True))
+
+    def test_the_log_goes_on_after_a_restart(self):
+        before = self.log()
+        self.assertEqual(self.demo.post(UPGRADE, "action=restart").status, 200)
+        self.assertTrue(wait_until(lambda: self.demo.get(TRAPS).status == 303, 30))
+
+        def is_logged():
+            self.demo.session = self.demo.log_in()
+            return len(self.log()) > len(before)
+
+        self.assertTrue(wait_until(is_logged, 30))
+        self.assertEqual(self.log()[:len(before)], before)
+        self.assertEqual(self.shown()[0][1], f"login: {USER}")
+
+    def test_what_others_send_is_shown_as_text(self):
+        """Another program's trap, too, is logged and shown."""
+        for text in (b"<script>alert(1)</script>$title", b"line\nend\r\x1b[2J", b"x" * 156, b"\xff\xfe", b""):
+            code = ("import socket, struct, sys\n"
+                    "s = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 16)\n"
+                    "s.bind((0, 0))\n"
+                    f"s.sendto(struct.pack('=IHHII', 172, 17, 0, 1, 0) + {text.ljust(156, bytes(1))!r},"
+                    " (0, 1))\n")
+            subprocess.run(self.demo.inside(sys.executable, "-c", code), check=True)
+        self.demo.log_in()
+        self.assertTrue(wait_until(lambda: self.log()[-1] == f"login: {USER}"))
+        response = self.demo.get(TRAPS)
+        self.assertTrue(response.text.endswith("</html>\n"))
+        self.assertNotIn("<script>alert", response.text)
+        self.assertIsNone(re.search(r"\$t", response.text))
+        self.assertIn("<script>alert(1)</script>$title", [text for _, text in self.shown()])
+        self.assertIn("x" * 155, "".join(self.log()))
