@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -37,9 +38,6 @@ using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
 constexpr std::size_t hostname_limit = 127;
-
-/// Far enough from the ends of its type that the present time can be taken away.
-constexpr long long latest_expiry = INT64_MAX / 2;
 
 /// Opens a lease file, or tells why not.
 Descriptor open_lease_file(const char *path) {
@@ -96,18 +94,26 @@ constexpr LineFormat dnsmasq_format = {.expiry = 0, .mac = 1, .ip = 2, .hostname
 constexpr LineFormat dhcpv6_format = {.expiry = 4, .mac = 1, .ip = 7, .hostname = 3};
 constexpr std::size_t most_words = 8;
 
+/// The seconds up to an expiry, or the most or the least that there can be.
+long long time_left(std::string_view expiry, std::time_t now) {
+    const long long end = decimal_value(expiry, LLONG_MIN, LLONG_MAX);
+    long long left = 0;
+    if (__builtin_sub_overflow(end, now, &left))
+        return end < 0 ? LLONG_MIN : LLONG_MAX;
+    return left;
+}
+
 void fill_from_line(lease_entry &entry, std::string_view line, const LineFormat &format,
                     std::time_t now) {
     LineScanner scanner(line);
     std::array<std::string_view, most_words> words;
     for (std::string_view &word : words)
         word = scanner.word();
-    const long long expiry =
-        decimal_value(front(words[format.expiry], word_limit), -latest_expiry, latest_expiry);
     store(entry.ip, front(words[format.ip], word_limit));
     store(entry.mac, front(words[format.mac], word_limit));
     store(entry.hostname, front(words[format.hostname], hostname_limit));
-    std::snprintf(entry.expires, sizeof entry.expires, "%lld", expiry - now);
+    std::snprintf(entry.expires, sizeof entry.expires, "%lld",
+                  time_left(front(words[format.expiry], word_limit), now));
 }
 
 /// A line that the end of the file cuts off is left out.

@@ -27,7 +27,8 @@ void print_error(const char *format, std::va_list values) {
     std::fflush(stdout);
     std::fputs("unknown app: ", stderr);
     errno = error;
-    std::vfprintf(stderr, text_or_empty(format), values);
+    if (format != nullptr)
+        std::vfprintf(stderr, format, values);
 }
 
 [[noreturn]] void die_of(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);

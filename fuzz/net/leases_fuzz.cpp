@@ -8,6 +8,7 @@
 #include "fuzz/net/lease_list.h"
 
 #include <algorithm>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -21,7 +22,6 @@ constexpr std::size_t record_size = 24;
 constexpr std::size_t longest_word = 31;
 constexpr std::size_t longest_hostname = 127;
 constexpr std::size_t longest_pid_line = 99;
-constexpr long long latest_expiry = INT64_MAX / 2;
 constexpr const char *unopened = "/nowhere/leases";
 
 std::time_t present = 0;
@@ -87,7 +87,7 @@ std::vector<std::string> words_of(std::string_view line) {
 std::string time_left(std::string_view expiry) {
     const long long seconds =
         std::strtoll(std::string(cut(expiry, longest_word)).c_str(), nullptr, 10);
-    return std::to_string(std::clamp(seconds, -latest_expiry, latest_expiry) - present);
+    return std::to_string(std::max(seconds, LLONG_MIN + present) - present);
 }
 
 struct Format {

@@ -1,0 +1,806 @@
+/* SPDX-License-Identifier: MIT */
+#include <corvel.h>
+
+#include "support/child_process.h"
+#include "support/kill_points.h"
+#include "support/next_definition.h"
+#include "support/output_capture.h"
+#include "support/private_root.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+#include "sys/named_process.h"
+
+#include <cerrno>
+#include <crypt.h>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <optional>
+#include <pwd.h>
+#include <shadow.h>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+/** Who this process says it is, where that is not who it is. */
+std::optional<uid_t> claimed_user;
+
+unsigned long account_look_ups;
+unsigned long shadow_look_ups;
+
+/** The room that the last shadow entry was given. */
+std::size_t shadow_room;
+
+bool crypt_fails;
+std::string last_salt;
+
+/** Takes the place of writev(). */
+std::function<ssize_t(int, const iovec *, int)> instead_of_writev;
+
+} // namespace
+
+extern "C" uid_t geteuid() C_LIBRARY_NOEXCEPT {
+    static auto *const next = corvel_test::next_definition<uid_t()>("geteuid");
+    return claimed_user ? *claimed_user : next();
+}
+
+extern "C" passwd *getpwnam(const char *name) {
+    static auto *const next = corvel_test::next_definition<passwd *(const char *)>("getpwnam");
+    ++account_look_ups;
+    return next(name);
+}
+
+extern "C" int getspnam_r(const char *name, spwd *entry, char *texts, std::size_t room,
+                          spwd **found) {
+    static auto *const next =
+        corvel_test::next_definition<int(const char *, spwd *, char *, std::size_t, spwd **)>(
+            "getspnam_r");
+    ++shadow_look_ups;
+    shadow_room = room;
+    return next(name, entry, texts, room, found);
+}
+
+extern "C" char *crypt(const char *password, const char *salt) C_LIBRARY_NOEXCEPT {
+    static auto *const next =
+        corvel_test::next_definition<char *(const char *, const char *)>("crypt");
+    last_salt = salt;
+    return crypt_fails ? nullptr : next(password, salt);
+}
+
+extern "C" ssize_t writev(int descriptor, const iovec *pieces, int count) {
+    static auto *const next =
+        corvel_test::next_definition<ssize_t(int, const iovec *, int)>("writev");
+    return instead_of_writev ? instead_of_writev(descriptor, pieces, count)
+                             : next(descriptor, pieces, count);
+}
+
+namespace corvel_test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+// login_auth
+
+struct Account {
+    std::string name;
+    std::string hash;
+};
+
+/** An account for each method that every C library has. All passwords are the same. */
+const std::vector<Account> accounts = {
+    {"traditional", "arS2vnuG5puYw"},
+    {"extended", "_/...abcdp8WwWTf1aFI"},
+    {"md5", "$1$abcd0123$i1OoR/dK7KvJdBERB5nLN."},
+    {"sha256", "$5$saltstring$5B8vYYiY.CVt1RlTTf8KbXBH3hsxY/GNooZaBBGWEc5"},
+    {"sha512", "$6$saltstring$svn8UoSVapNtMuq1ukKS4tPQd8iKwSMHWjl/O817G3uBnI"
+               "FNjnQJuesI68u4OTLiBFdcbYEdFCoEOfaS35inz1"},
+    {"blowfish", "$2b$04$CCCCCCCCCCCCCCCCCCCCC.M.JZM2tZUe85sR83hfk5p2NZ0IVXwXe"},
+};
+
+/** Accounts for methods that not every C library has. */
+const std::vector<Account> further_accounts = {
+    {"yescrypt", "$y$j75$k2XAnEHBqQ1Ct2aMXFKNa/HAmA1BpMnBsYHMWB4NZN4$GkXPLX1D2"
+                 "R..nIqrmSxLEtB9ma5Yg.Z0zrOaGtUE4H1"},
+    {"gost-yescrypt", "$gy$j75$k2XAnEHBqQ1Ct2aMXFKNa/HAmA1BpMnBsYHMWB4NZN4$m.bKBOSX"
+                      "XeKvlWpneTDR8VWE.MxDZd3Gh/MvFNru/gA"},
+    {"sha1", "$sha1$20$abcdefgh$jW7ZFKj19wQJZ1q8Bnf2tpUFIabZ"},
+    {"nt", "$3$$87ee0af454a9cb8d90d24196068637a8"},
+};
+
+constexpr const char *password = "Hello world!";
+constexpr const char *hash = "$1$abcd0123$i1OoR/dK7KvJdBERB5nLN.";
+
+std::string passwd_line(const std::string &name, const std::string &field = "x") {
+    return name + ":" + field + ":1000:1000:A user:/home:/bin/sh\n";
+}
+
+std::string shadow_line(const std::string &name, const std::string &stored) {
+    return name + ":" + stored + ":19000:0:99999:7:::\n";
+}
+
+/** What login_auth() says with one account in the files. */
+int login(const std::string &passwd_text, const std::string &shadow_text,
+          const std::string &word = password) {
+    write_file("/etc/passwd", "root:*:0:0::/:/bin/sh\n" + passwd_text);
+    write_file("/etc/shadow", "root:*:19000:0:99999:7:::\n" + shadow_text);
+    return login_auth("admin", word.c_str());
+}
+
+/** The same where the password field and the hash are all that matters. */
+int login_with(const std::string &field, const std::string &stored,
+               const std::string &word = password) {
+    return login(passwd_line("admin", field), shadow_line("admin", stored), word);
+}
+
+TEST(LoginAuth, ChecksHashesOfEveryMethod) {
+    std::vector<Account> all = accounts;
+    for (const Account &account : further_accounts) {
+        const char *const result = crypt(password, account.hash.c_str());
+        if (result != nullptr && std::string_view(result).starts_with(account.hash.substr(0, 3)))
+            all.push_back(account);
+    }
+    in_private_root([&all] {
+        std::string passwd_text;
+        std::string shadow_text;
+        for (const Account &account : all) {
+            passwd_text += passwd_line(account.name);
+            shadow_text += shadow_line(account.name, account.hash);
+        }
+        write_file("/etc/passwd", passwd_text);
+        write_file("/etc/shadow", shadow_text);
+        for (const Account &account : all) {
+            EXPECT_EQ(login_auth(account.name.c_str(), password), 0) << account.name;
+            EXPECT_EQ(last_salt, account.hash);
+            for (const char *wrong : {"", "hello world!", "Hello "})
+                EXPECT_EQ(login_auth(account.name.c_str(), wrong), -1) << account.name;
+            EXPECT_EQ(login_auth(account.name.c_str(), account.hash.c_str()), -1) << account.name;
+        }
+    });
+}
+
+TEST(LoginAuth, ComparesTheWholeHash) {
+    in_private_root([] {
+        const std::string right = hash;
+        EXPECT_EQ(login_with("x", right), 0);
+        for (std::size_t place = right.rfind('$') + 1; place < right.size(); ++place) {
+            std::string wrong = right;
+            wrong[place] = wrong[place] == 'a' ? 'b' : 'a';
+            EXPECT_EQ(login_with("x", wrong), -1) << place;
+        }
+        EXPECT_EQ(login_with("x", right.substr(0, right.size() - 1)), -1);
+        EXPECT_EQ(login_with("x", right + "."), -1);
+        EXPECT_EQ(login_with("x", "$1$abcd0123$"), -1);
+        EXPECT_EQ(login_with("x", "$1$abcd0123"), -1);
+    });
+}
+
+TEST(LoginAuth, RefusesWhoeverIsNotRootBeforeItReadsAnything) {
+    in_private_root([] {
+        EXPECT_EQ(login_with("x", hash), 0);
+        for (const uid_t user : {1U, 1000U, 65534U}) {
+            account_look_ups = 0;
+            shadow_look_ups = 0;
+            claimed_user = user;
+            EXPECT_EQ(login_auth("admin", password), -1);
+            EXPECT_EQ(account_look_ups + shadow_look_ups, 0U);
+        }
+        claimed_user.reset();
+        EXPECT_EQ(login_auth("admin", password), 0);
+    });
+    expect_as_ordinary_user([] {
+        account_look_ups = 0;
+        EXPECT_EQ(login_auth("root", password), -1);
+        EXPECT_EQ(account_look_ups, 0U);
+    });
+}
+
+TEST(LoginAuth, RefusesAUserThatIsUnknown) {
+    in_private_root([] {
+        EXPECT_EQ(login(passwd_line("admin2"), shadow_line("admin2", hash)), -1);
+        EXPECT_EQ(login("", shadow_line("admin", hash)), -1);
+        EXPECT_EQ(login(passwd_line("Admin"), shadow_line("Admin", hash)), -1);
+        EXPECT_EQ(login("admin:x\n", shadow_line("admin", hash)), -1);
+        EXPECT_EQ(login("admin:x:number:0::/:/bin/sh\n", shadow_line("admin", hash)), -1);
+        write_file("/etc/passwd", passwd_line("admin"));
+        for (const char *name : {"", "admin ", "admin:x", "adm", "admin\n", "/etc/passwd", "%s%n"})
+            EXPECT_EQ(login_auth(name, password), -1) << name;
+        EXPECT_EQ(login_auth(std::string(100000, 'a').c_str(), password), -1);
+        EXPECT_EQ(login_auth(nullptr, password), -1);
+        EXPECT_EQ(login_auth("admin", nullptr), -1);
+        fs::remove("/etc/passwd");
+        EXPECT_EQ(login_auth("admin", password), -1);
+    });
+}
+
+TEST(LoginAuth, RefusesALockedAccountEvenWithTheRightPassword) {
+    in_private_root([] {
+        EXPECT_EQ(login_with("x", hash), 0);
+        for (const std::string field : {"", "*", "!", "!!", "!x", "*x", "!$1$abcd0123$", "*LK*"}) {
+            shadow_look_ups = 0;
+            EXPECT_EQ(login_with(field, hash), -1) << field;
+            EXPECT_EQ(shadow_look_ups, 0U);
+        }
+        EXPECT_EQ(login_with("!"s + hash, hash), -1);
+    });
+}
+
+TEST(LoginAuth, TakesAnyOtherPasswordFieldAndTheHashFromTheShadowFile) {
+    in_private_root([] {
+        for (const std::string field : {"x", "y", "x!", " ", "$1$wrong$", "password"})
+            EXPECT_EQ(login_with(field, hash), 0) << field;
+        EXPECT_EQ(login_with(hash, "$1$abcd0123$AAAAAAAAAAAAAAAAAAAAAA"), -1);
+        EXPECT_EQ(login(passwd_line("admin", hash), ""), -1);
+    });
+}
+
+TEST(LoginAuth, RefusesAnAccountWithoutAShadowEntry) {
+    in_private_root([] {
+        EXPECT_EQ(login(passwd_line("admin"), ""), -1);
+        EXPECT_EQ(login(passwd_line("admin"), shadow_line("admin2", hash)), -1);
+        EXPECT_EQ(login(passwd_line("admin"), "admin\n"), -1);
+        fs::remove("/etc/shadow");
+        EXPECT_EQ(login_auth("admin", password), -1);
+    });
+}
+
+TEST(LoginAuth, RefusesAShadowEntryThatIsNoHash) {
+    in_private_root([] {
+        for (const std::string stored :
+             {"", "*", "!", "!!", "*0", "*1", "x", "ar", "$", "$1", "$1$", "$9$abcd$abcd", "$y$",
+              "!$1$abcd0123$i1OoR/dK7KvJdBERB5nLN.", "*$1$abcd0123$i1OoR/dK7KvJdBERB5nLN."}) {
+            for (const std::string word : {password, "", "*", "*0", "*1", "x", "!"})
+                EXPECT_EQ(login_with("x", stored, word), -1) << stored << " and " << word;
+            EXPECT_EQ(login_with("x", stored, stored), -1) << stored;
+        }
+    });
+}
+
+TEST(LoginAuth, AcceptsAnEmptyPasswordWhereThatWasHashed) {
+    in_private_root([] {
+        const std::string stored = crypt("", "$1$abcd0123$");
+        EXPECT_EQ(login_with("x", stored, ""), 0);
+        EXPECT_EQ(login_with("x", stored), -1);
+    });
+}
+
+TEST(LoginAuth, AcceptsLongPasswords) {
+    in_private_root([] {
+        const std::string word(200, 'w');
+        const std::string stored = crypt(word.c_str(), "$5$saltstring");
+        EXPECT_EQ(login_with("x", stored, word), 0);
+        EXPECT_EQ(login_with("x", stored, word + "w"), -1);
+        EXPECT_EQ(login_with("x", stored, std::string(100000, 'w')), -1);
+    });
+}
+
+TEST(LoginAuth, RefusesWhereTheHashCannotBeComputed) {
+    in_private_root([] {
+        EXPECT_EQ(login_with("x", hash), 0);
+        crypt_fails = true;
+        EXPECT_EQ(login_auth("admin", password), -1);
+    });
+}
+
+TEST(LoginAuth, ReadsShadowLinesThatFit256Bytes) {
+    in_private_root([] {
+        const std::string start = "admin:"s + hash + ":";
+        const std::string rest = "19000:0:99999:7:::";
+        for (std::size_t length = 100; length < 400; ++length) {
+            const std::string zeros(length - start.size() - rest.size(), '0');
+            const int result = login(passwd_line("admin"), start + zeros + rest + "\n");
+            EXPECT_EQ(shadow_room, 256U);
+            // The C library has the last word on what fits.
+            char texts[256];
+            spwd entry{};
+            spwd *found = nullptr;
+            getspnam_r("admin", &entry, texts, sizeof texts, &found);
+            EXPECT_EQ(result, found != nullptr ? 0 : -1) << length;
+            if (length <= 250 || length >= 256) {
+                EXPECT_EQ(result, length <= 250 ? 0 : -1) << length;
+            }
+        }
+    });
+}
+
+TEST(LoginAuth, PrintsNothing) {
+    in_private_root([] {
+        const auto try_all = [] {
+            EXPECT_EQ(login_with("x", hash), 0);
+            EXPECT_EQ(login_with("x", hash, "wrong"), -1);
+            EXPECT_EQ(login_with("*", hash), -1);
+            EXPECT_EQ(login("", ""), -1);
+            EXPECT_EQ(login(passwd_line("admin"), ""), -1);
+            claimed_user = 1;
+            EXPECT_EQ(login_auth("admin", password), -1);
+            claimed_user.reset();
+        };
+        EXPECT_EQ(capture_stdout(try_all), "");
+        EXPECT_EQ(capture_stderr(try_all), "");
+    });
+}
+
+// login_chpwd
+
+constexpr const char *password_file = "/tmp/.chpwd.txt";
+
+/** Makes /bin a folder in which a command can be placed. */
+void make_room_for_commands() {
+    if (!fs::is_symlink("/bin"))
+        throw std::runtime_error("/bin is not a link, and can't be replaced");
+    const fs::path shell = fs::canonical("/bin/sh");
+    fs::remove("/bin");
+    fs::create_directory("/bin");
+    fs::create_symlink(shell, "/bin/sh");
+    setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
+}
+
+void place_command(const std::string &script) {
+    write_program("/bin/chpasswd", "#!/bin/sh\n" + script);
+}
+
+/** A command that keeps its input, its arguments and what its input file is. */
+constexpr const char *recording_command =
+    "echo \"$*\" >/root/arguments\n"
+    "cat >/root/input\n"
+    "stat -c '%a %u %h %F' /tmp/.chpwd.txt >/root/file\n"
+    "test /tmp/.chpwd.txt -ef /proc/self/fd/0 || echo 'not the input' >>/root/file\n";
+
+bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
+
+/** Whether the recording command was run since this was asked last. */
+bool was_run() { return fs::remove("/root/arguments"); }
+
+/** Runs a piece of a test where the recording command is in place. */
+void with_command(const std::function<void()> &body) {
+    in_private_root([&body] {
+        make_room_for_commands();
+        place_command(recording_command);
+        body();
+        EXPECT_FALSE(exists(password_file));
+    });
+}
+
+/** Changes a password and says what the command got. */
+std::string input_for(const std::string &user, const std::string &word) {
+    EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), 0);
+    EXPECT_TRUE(was_run());
+    EXPECT_FALSE(exists(password_file));
+    return read_file("/root/input");
+}
+
+TEST(LoginChpwd, HandsTheUserAndThePasswordToTheCommand) {
+    with_command([] {
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+        EXPECT_EQ(read_file("/root/arguments"), "-m\n");
+        EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n");
+    });
+}
+
+TEST(LoginChpwd, HandsEveryPasswordOnAsItIs) {
+    with_command([] {
+        for (const std::string word :
+             {"", " ", "with blanks ", "a:b::c", "$(touch /root/hit) `touch /root/hit`", "%s%n%d",
+              "'\"\\;|&<>", "\xC3\xA4\xFF\x01\t\r", "-m"})
+            EXPECT_EQ(input_for("admin", word), "admin:" + word + "\n");
+        const std::string longest(300000, 'w');
+        EXPECT_EQ(input_for("admin", longest), "admin:" + longest + "\n");
+        EXPECT_EQ(input_for(longest, "secret"), longest + ":secret\n");
+        EXPECT_EQ(input_for("", "secret"), ":secret\n");
+        EXPECT_EQ(input_for("$(touch /root/hit)", "secret"), "$(touch /root/hit):secret\n");
+        EXPECT_FALSE(exists("/root/hit"));
+    });
+}
+
+TEST(LoginChpwd, TakesNullForAnEmptyText) {
+    with_command([] {
+        EXPECT_EQ(login_chpwd(nullptr, nullptr), 0);
+        EXPECT_EQ(read_file("/root/input"), ":\n");
+    });
+}
+
+TEST(LoginChpwd, RefusesTextsThatWouldBeAnotherLineBeforeAnythingIsWritten) {
+    with_command([] {
+        const std::pair<std::string, std::string> refused[] = {
+            {"admin:x", "secret"}, {":", "secret"},
+            {"admin\n", "secret"}, {"\nroot", "secret"},
+            {"a\nb", "secret"},    {"admin", "secret\n"},
+            {"admin", "\n"},       {"admin", "\nroot:x"},
+            {"admin", "a\nb"},     {std::string(5000, 'a') + ":", "secret"}};
+        for (const bool planted : {false, true}) {
+            if (planted)
+                write_file(password_file, "as it was");
+            const CountCalls opened(call_open);
+            const CountCalls started(call_popen);
+            for (const auto &[user, word] : refused)
+                EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), 123) << user << word;
+            EXPECT_EQ(opened.count() + started.count(), 0U);
+            EXPECT_FALSE(was_run());
+            EXPECT_EQ(exists(password_file), planted);
+        }
+        EXPECT_EQ(read_file(password_file), "as it was");
+        fs::remove(password_file);
+    });
+}
+
+TEST(LoginChpwd, Returns121ForEveryExitCodeButZero) {
+    with_command([] {
+        for (int code = 0; code < 256; code += code < 3 || code > 124 ? 1 : 61) {
+            place_command("exit " + std::to_string(code) + "\n");
+            EXPECT_EQ(login_chpwd("admin", "secret"), code == 0 ? 0 : 121) << code;
+            EXPECT_FALSE(exists(password_file));
+        }
+    });
+}
+
+TEST(LoginChpwd, Returns121WhereThereIsNoCommandOrItCannotBeRun) {
+    with_command([] {
+        const auto change = [] {
+            int result = 0;
+            // The shell says what is wrong.
+            EXPECT_NE(capture_stderr([&] { result = login_chpwd("admin", "secret"); }), "");
+            EXPECT_FALSE(exists(password_file));
+            return result;
+        };
+        fs::permissions("/bin/chpasswd", fs::perms{0644});
+        EXPECT_EQ(change(), 121);
+        fs::remove("/bin/chpasswd");
+        EXPECT_EQ(change(), 121);
+        fs::create_directory("/bin/chpasswd");
+        EXPECT_EQ(change(), 121);
+    });
+}
+
+TEST(LoginChpwd, Returns122ForACommandThatASignalEnds) {
+    with_command([] {
+        for (const std::string signal : {"KILL", "TERM", "SEGV", "PIPE", "HUP"}) {
+            place_command("cat >/dev/null; kill -" + signal + " $$\n");
+            // A shell may run the command in a process of its own, and tell by its exit code.
+            const int status = std::system("/bin/chpasswd </dev/null");
+            EXPECT_EQ(login_chpwd("admin", "secret"), WIFSIGNALED(status) ? 122 : 121) << signal;
+            EXPECT_FALSE(exists(password_file));
+        }
+    });
+}
+
+TEST(LoginChpwd, Returns122WhereTheShellIsEndedByASignal) {
+    with_command([] {
+        fs::remove("/bin/sh");
+        // The shell that is asked to run the command.
+        write_program("/bin/sh", "#!/usr/bin/sh\nkill -KILL $$\n");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+        EXPECT_FALSE(was_run());
+    });
+}
+
+TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
+    with_command([] {
+        const std::string outputs[] = {
+            "i=0; while [ $i -lt 1000 ]; do echo \"line $i\"; i=$((i + 1)); done",
+            "head -c 1000000 /dev/zero | tr '\\0' x",
+            "head -c 300000 /dev/zero",
+            "head -c 100000 /dev/zero | tr '\\0' '\\n'",
+            "printf '%0126d\\n%0127d\\n%0128d\\n%0129d\\n%0127d' 1 2 3 4 5",
+            "printf '%%s%%n%%d\\n'",
+            "exec >&-; cat >/dev/null"};
+        for (const std::string &output : outputs) {
+            for (const int code : {0, 7}) {
+                place_command("cat >/root/input; " + output + "\nexit " + std::to_string(code) +
+                              "\n");
+                fs::remove("/root/input");
+                EXPECT_EQ(capture_stdout([code] {
+                              EXPECT_EQ(login_chpwd("admin", "secret"), code == 0 ? 0 : 121);
+                          }),
+                          "");
+                EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+                EXPECT_FALSE(exists(password_file));
+            }
+        }
+    });
+}
+
+TEST(LoginChpwd, WaitsForACommandThatClosesItsOutputEarly) {
+    with_command([] {
+        place_command("exec >&-; cat >/root/input; exit 9\n");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 121);
+        EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+    });
+}
+
+TEST(LoginChpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
+    with_command([] {
+        place_command("cat; echo said\n");
+        const std::size_t open_before = open_descriptors().size();
+        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
+        EXPECT_EQ(capture_stderr([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
+        EXPECT_EQ(open_descriptors().size(), open_before);
+        EXPECT_GE(for_each_allocation_failure([](AllocationTrial &trial) {
+                      const int result = trial.run([] { return login_chpwd("admin", "secret"); });
+                      EXPECT_FALSE(exists(password_file));
+                      EXPECT_TRUE(trial.failed() || result == 0);
+                  }),
+                  0U);
+        EXPECT_EQ(open_descriptors().size(), open_before);
+    });
+}
+
+TEST(LoginChpwd, MakesAFileForItsOwnerAloneWhateverTheMask) {
+    with_command([] {
+        for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
+            umask(mask);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n") << mask;
+        }
+        umask(022);
+    });
+}
+
+TEST(LoginChpwd, NeverShowsThePasswordToOthersWhereverItIsStopped) {
+    with_command([] {
+        umask(0);
+        bool file_seen = false;
+        bool password_seen = false;
+        const unsigned long points =
+            for_each_kill_point([] { fs::remove(password_file); },
+                                [] {
+                                    // A command would live on when its starter is killed.
+                                    const FailCall not_started(call_popen, 1);
+                                    login_chpwd("admin", "secret");
+                                },
+                                [&](unsigned long n) {
+                                    struct stat status {};
+                                    if (lstat(password_file, &status) != 0)
+                                        return;
+                                    file_seen = true;
+                                    EXPECT_EQ(status.st_mode, S_IFREG | 0600U) << n;
+                                    EXPECT_EQ(status.st_uid, 0U) << n;
+                                    const std::string text = read_file(password_file);
+                                    EXPECT_TRUE(text.empty() || text == "admin:secret\n") << n;
+                                    password_seen = password_seen || !text.empty();
+                                });
+        EXPECT_GE(points, 5U);
+        EXPECT_TRUE(file_seen);
+        EXPECT_TRUE(password_seen);
+        // What a stopped process left behind hinders nobody.
+        write_file(password_file, "left behind\n");
+        umask(022);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+    });
+}
+
+TEST(LoginChpwd, FollowsNoLink) {
+    with_command([] {
+        const auto expect_own_file = [] {
+            EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+            EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n");
+        };
+        write_file("/etc/victim", "as it was");
+        fs::permissions("/etc/victim", fs::perms{0644});
+        fs::create_symlink("/etc/victim", password_file);
+        expect_own_file();
+        fs::create_hard_link("/etc/victim", "/etc/second-name");
+        // A hard link lies in one file system with its file; all of the root is one.
+        fs::create_hard_link("/etc/victim", password_file);
+        expect_own_file();
+        EXPECT_EQ(read_file("/etc/victim"), "as it was");
+        struct stat status {};
+        ASSERT_EQ(stat("/etc/victim", &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0644U);
+        EXPECT_EQ(status.st_nlink, 2U);
+
+        fs::create_symlink("/etc/not-there", password_file);
+        expect_own_file();
+        EXPECT_FALSE(exists("/etc/not-there"));
+        fs::create_symlink("/etc", password_file);
+        expect_own_file();
+        EXPECT_TRUE(fs::is_directory("/etc"));
+        fs::create_symlink(password_file, password_file);
+        expect_own_file();
+    });
+}
+
+TEST(LoginChpwd, WritesIntoNothingThatWasThereBefore) {
+    with_command([] {
+        write_file(password_file, "a longer text that was there before");
+        fs::permissions(password_file, fs::perms{0666});
+        const int held = open(password_file, O_RDWR | O_CLOEXEC);
+        ASSERT_GE(held, 0);
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+        EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n");
+        char text[100] = "";
+        EXPECT_EQ(read(held, text, sizeof text - 1), 35);
+        EXPECT_STREQ(text, "a longer text that was there before");
+        close(held);
+
+        ASSERT_EQ(mkfifo(password_file, 0666), 0);
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+        EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n");
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereAFolderStandsInItsWay) {
+    with_command([] {
+        fs::create_directory(password_file);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_FALSE(was_run());
+        EXPECT_TRUE(fs::is_directory(password_file));
+        fs::remove(password_file);
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereTheFileCannotBeMade) {
+    with_command([] {
+        const std::size_t open_before = open_descriptors().size();
+        for (const int error : {EACCES, EMFILE, ENOSPC, EROFS, EEXIST}) {
+            const FailCall failing(call_open, 1, error, FailCall::from_then_on);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        }
+        {
+            const FailCall failing(call_unlink, 1, EPERM);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        }
+        EXPECT_FALSE(was_run());
+        fs::permissions("/tmp", fs::perms{0700});
+        fs::rename("/tmp", "/tmp-away");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        fs::rename("/tmp-away", "/tmp");
+        EXPECT_FALSE(was_run());
+        EXPECT_EQ(open_descriptors().size(), open_before);
+    });
+}
+
+TEST(LoginChpwd, TriesAgainWhereAnotherProcessIsQuickerButNotForEver) {
+    with_command([] {
+        write_file(password_file, "another's");
+        {
+            // As if the file had come right behind it.
+            const FailCall missed(call_unlink, 1, ENOENT);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            EXPECT_EQ(missed.failures(), 1U);
+        }
+        EXPECT_TRUE(was_run());
+        EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+        write_file(password_file, "another's");
+        {
+            const FailCall always(call_unlink, 1, ENOENT, FailCall::from_then_on);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        }
+        EXPECT_FALSE(was_run());
+        EXPECT_EQ(read_file(password_file), "another's");
+        fs::remove(password_file);
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereTheDiskIsFull) {
+    in_private_root([] {
+        make_room_for_commands();
+        place_command(recording_command);
+        mount_small_disk("/tmp", 65536);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_TRUE(was_run());
+        EXPECT_EQ(login_chpwd("admin", std::string(100000, 'w').c_str()), 123);
+        EXPECT_FALSE(was_run());
+        EXPECT_FALSE(exists(password_file));
+        EXPECT_THROW(write_file("/tmp/full", std::string(100000, 'x')), std::exception);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_FALSE(was_run());
+        EXPECT_FALSE(exists(password_file));
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereTheFileCannotBeWrittenWhole) {
+    with_command([] {
+        const std::size_t open_before = open_descriptors().size();
+        for (const ssize_t written : {-1, 0, 1, 12}) {
+            const Instead in_place_of_writev(instead_of_writev, [written](int, const iovec *, int) {
+                errno = EIO;
+                return written;
+            });
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << written;
+            EXPECT_FALSE(was_run());
+            EXPECT_FALSE(exists(password_file));
+        }
+        EXPECT_EQ(open_descriptors().size(), open_before);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+    });
+}
+
+/** Whether another process could lock the file. */
+bool can_be_locked_by_another() {
+    return run_in_child([] {
+               const int file = open(password_file, O_RDWR | O_CLOEXEC);
+               return lockf(file, F_TEST, 0) == 0 ? 0 : 1;
+           }).exit_status == 0;
+}
+
+TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
+    with_command([] {
+        bool free_while_written = true;
+        const Instead in_place_of_writev(
+            instead_of_writev, [&](int descriptor, const iovec *pieces, int count) {
+                free_while_written = can_be_locked_by_another();
+                ssize_t total = 0;
+                for (int i = 0; i < count; ++i)
+                    total += write(descriptor, pieces[i].iov_base, pieces[i].iov_len);
+                return total;
+            });
+        place_command("cat >/root/input\n"
+                      "grep \":$(stat -c %i /tmp/.chpwd.txt) \" /proc/locks >/root/locks\n"
+                      "exit 0\n");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_FALSE(free_while_written);
+        EXPECT_EQ(read_file("/root/locks"), "");
+        EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
+    });
+}
+
+TEST(LoginChpwd, GoesOnWithoutALock) {
+    with_command([] {
+        const FailCall failing(call_lockf, 1, ENOLCK, FailCall::from_then_on);
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+    });
+}
+
+TEST(LoginChpwd, Returns122WhereTheCommandCannotBeStarted) {
+    with_command([] {
+        const FailCall failing(call_popen, 1, EMFILE);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+        EXPECT_EQ(failing.failures(), 1U);
+        EXPECT_FALSE(was_run());
+        EXPECT_FALSE(exists(password_file));
+    });
+}
+
+TEST(LoginChpwd, Returns122WhereTheCommandsStatusIsNotToBeHad) {
+    with_command([] {
+        {
+            const FailCall failing(call_pclose, 1, ECHILD);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+        }
+        EXPECT_TRUE(was_run());
+        EXPECT_FALSE(exists(password_file));
+        // As a program that wants to know nothing of its children.
+        expect_in_child([] {
+            signal(SIGCHLD, SIG_IGN);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+            EXPECT_FALSE(exists(password_file));
+        });
+    });
+}
+
+TEST(LoginChpwd, ChangesAPasswordWithTheRealCommand) {
+    in_private_root([] {
+        make_room_for_commands();
+        fs::create_symlink("/usr/sbin/chpasswd", "/bin/chpasswd");
+        write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\n" + passwd_line("admin"));
+        write_file("/etc/shadow", "root:*:19000:0:99999:7:::\n" + shadow_line("admin", hash));
+        write_file("/etc/group", "root:x:0:\n");
+        EXPECT_EQ(login_auth("admin", password), 0);
+        EXPECT_EQ(login_chpwd("admin", "new: $ecret "), 0);
+        EXPECT_EQ(login_auth("admin", "new: $ecret "), 0);
+        EXPECT_EQ(login_auth("admin", password), -1);
+        // As the board's other programs need it.
+        EXPECT_NE(read_file("/etc/shadow").find("\nadmin:$1$"), std::string::npos);
+        EXPECT_NE(capture_stderr([] { EXPECT_EQ(login_chpwd("nobody", "secret"), 121); }), "");
+        EXPECT_EQ(login_auth("admin", "new: $ecret "), 0);
+        EXPECT_FALSE(exists(password_file));
+    });
+}
+
+} // namespace
+} // namespace corvel_test

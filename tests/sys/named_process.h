@@ -1,0 +1,128 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * Real processes with names and command lines of their own, for use in a private root.
+ *
+ *     const NamedProcess server("udhcpd");                       // started as "udhcpd"
+ *     NamedProcess other("target", {"started-as-this", "-"});    // its short name is "target"
+ *     other.leave_as_zombie();
+ */
+#ifndef CORVEL_TESTS_NAMED_PROCESS_H
+#define CORVEL_TESTS_NAMED_PROCESS_H
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace corvel_test {
+
+/** A pipe whose ends no other program inherits. */
+class OwnPipe {
+  public:
+    OwnPipe() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            throw std::system_error(errno, std::generic_category(), "pipe2");
+        reading = ends[0];
+        writing = ends[1];
+    }
+    ~OwnPipe() {
+        close_end(reading);
+        close_end(writing);
+    }
+    OwnPipe(OwnPipe &&other) noexcept
+        : reading(std::exchange(other.reading, -1)), writing(std::exchange(other.writing, -1)) {}
+    OwnPipe &operator=(OwnPipe &&) = delete;
+
+    static void close_end(int &end) {
+        if (end >= 0)
+            close(std::exchange(end, -1));
+    }
+
+    int reading = -1;
+    int writing = -1;
+};
+
+/** A process that is `cat` under another name. It runs, with its name and its command line in
+ * place, when the object is made, and is gone with it. */
+class NamedProcess {
+  public:
+    explicit NamedProcess(const std::string &name) : NamedProcess(name, {name}) {}
+
+    /** @param words the command line; the first need not be the name, the others must be "-". */
+    NamedProcess(const std::string &name, std::vector<std::string> words) {
+        // The kernel takes a process's short name from the name of its file.
+        const std::string folder = "/tmp/programs";
+        const std::string program = folder + "/" + name;
+        std::filesystem::create_directories(folder);
+        if (!std::filesystem::exists(program))
+            std::filesystem::create_symlink("/bin/cat", program);
+        OwnPipe output;
+        id_ = fork();
+        if (id_ < 0)
+            throw std::system_error(errno, std::generic_category(), "fork");
+        if (id_ == 0) {
+            std::vector<char *> arguments;
+            for (std::string &word : words)
+                arguments.push_back(word.data());
+            arguments.push_back(nullptr);
+            dup2(input_.reading, STDIN_FILENO);
+            dup2(output.writing, STDOUT_FILENO);
+            execv(program.c_str(), arguments.data());
+            _exit(127);
+        }
+        OwnPipe::close_end(input_.reading);
+        OwnPipe::close_end(output.writing);
+        // What it hands on shows that it runs.
+        char byte = 'x';
+        if (write(input_.writing, &byte, 1) != 1 || read(output.reading, &byte, 1) != 1)
+            throw std::system_error(errno, std::generic_category(), "starting " + program);
+    }
+    NamedProcess(NamedProcess &&other) noexcept
+        : id_(std::exchange(other.id_, 0)), input_(std::move(other.input_)) {}
+    NamedProcess &operator=(NamedProcess &&) = delete;
+    ~NamedProcess() { end(); }
+
+    [[nodiscard]] pid_t id() const { return id_; }
+
+    /** Ends the process and lets nobody know: its short name stays, its command line is gone. */
+    void leave_as_zombie() const {
+        siginfo_t ended{};
+        kill(id_, SIGKILL);
+        while (waitid(P_PID, static_cast<id_t>(id_), &ended, WEXITED | WNOWAIT) != 0 &&
+               errno == EINTR) {
+        }
+    }
+
+    void end() {
+        if (id_ == 0)
+            return;
+        kill(id_, SIGKILL);
+        while (waitpid(id_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        id_ = 0;
+    }
+
+  private:
+    pid_t id_ = 0;
+    OwnPipe input_;
+};
+
+/** The descriptors that this process has open. */
+inline std::vector<std::string> open_descriptors() {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+} // namespace corvel_test
+
+#endif
