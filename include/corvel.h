@@ -1366,8 +1366,8 @@ CORVEL_API int monotonic_time(void);
 CORVEL_API void add_lease(lease_entry *entry, const unsigned char *record);
 
 /**
- * Reads a binary lease file; see add_lease(). A record that begins with seven zeros is an empty
- * slot; a last one that is cut off is ignored.
+ * Reads a binary lease file; see add_lease(). A record with a hardware address of zeros is an
+ * empty slot; a last one that is cut off is ignored.
  *
  * If the file can't be opened, "could not open input file" is printed with perror().
  *

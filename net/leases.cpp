@@ -33,7 +33,6 @@ constexpr const char *text_server_name = "dnsmasq";
 constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
 
 constexpr std::size_t record_size = 24;
-constexpr std::size_t slot_mark_size = 7;
 using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
@@ -58,10 +57,10 @@ void fill_from_record(lease_entry &entry, Record record) {
                   big_endian_word(record.subspan<20, 4>()));
 }
 
-/// A slot of the file that no lease is in.
+/// A slot of the file that no lease is in has no hardware address.
 bool is_empty_slot(Record record) {
-    return std::all_of(record.begin(), record.begin() + slot_mark_size,
-                       [](unsigned char byte) { return byte == 0; });
+    const MacAddress mac = record.first<6>();
+    return std::all_of(mac.begin(), mac.end(), [](unsigned char byte) { return byte == 0; });
 }
 
 int read_binary_leases(lease_entry **head, const char *path) {

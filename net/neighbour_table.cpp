@@ -79,7 +79,7 @@ class SeenMacs {
             hash = (hash ^ static_cast<unsigned char>(digit)) * 0x00000100000001B3U;
         bool before = true;
         for (const int shift : {16, 32, 48}) {
-            const std::size_t place = (hash >> shift) % marks_.size();
+            const auto place = static_cast<std::uint16_t>(hash >> shift);
             before = before && marks_[place];
             marks_[place] = true;
         }

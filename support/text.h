@@ -70,15 +70,18 @@ constexpr long long decimal_value(std::string_view text, long long minimum, long
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+'))
         text.remove_prefix(1);
-    const long long limit = negative ? minimum : maximum;
-    long long value = 0;
+    unsigned long long magnitude = 0;
     for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1)) {
-        const int digit = negative ? '0' - text.front() : text.front() - '0';
-        if (negative ? value < (limit - digit) / 10 : value > (limit - digit) / 10)
-            return limit;
-        value = value * 10 + digit;
+        if (magnitude > (ULLONG_MAX - 9) / 10)
+            return negative ? minimum : maximum;
+        magnitude = magnitude * 10 + static_cast<unsigned>(text.front() - '0');
     }
-    return value;
+    if (negative)
+        return magnitude < 0 - static_cast<unsigned long long>(minimum)
+                   ? -static_cast<long long>(magnitude)
+                   : minimum;
+    return magnitude < static_cast<unsigned long long>(maximum) ? static_cast<long long>(magnitude)
+                                                                : maximum;
 }
 
 constexpr int decimal_value(std::string_view text) {

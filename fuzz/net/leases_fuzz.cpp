@@ -69,7 +69,7 @@ Record binary_record(std::string_view bytes) {
 Records binary_records(std::string_view file) {
     Records records;
     for (; file.size() >= record_size; file.remove_prefix(record_size)) {
-        if (file.substr(0, 7).find_first_not_of('\0') != std::string_view::npos)
+        if (file.substr(0, 6).find_first_not_of('\0') != std::string_view::npos)
             records.push_back(binary_record(file.substr(0, record_size)));
     }
     return records;

@@ -3,10 +3,12 @@
 
 #include "cgi/guarded_block.h"
 #include "firmware/reference_crc.h"
+#include "support/golden_files.h"
 
 #include <climits>
 #include <gtest/gtest.h>
 #include <random>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -90,6 +92,22 @@ TEST(Crc32, ChangesWithEveryBit) {
 TEST(Crc32, TakesAWholeFlash) {
     const std::string bytes = random_bytes(16U << 20);
     EXPECT_EQ(crc_of(bytes), reference_crc(bytes));
+}
+
+TEST(Crc32, GivesTheGoldenWordsAlike) {
+    const std::string bytes = golden("crc32.bin");
+    std::istringstream ranges(golden("crc32.txt"));
+    std::string words;
+    std::size_t offset = 0;
+    std::size_t length = 0;
+    std::uint32_t word = 0;
+    while (ranges >> std::dec >> offset >> length >> std::hex >> word) {
+        const std::uint32_t crc = crc_of(std::string_view(bytes).substr(offset, length));
+        EXPECT_EQ(crc, word) << offset << ", " << length;
+        words += stored(crc);
+    }
+    EXPECT_TRUE(ranges.eof());
+    EXPECT_EQ(words, golden("crc32.words"));
 }
 
 } // namespace

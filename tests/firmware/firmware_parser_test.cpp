@@ -4,9 +4,9 @@
 #include "cgi/guarded_block.h"
 #include "firmware/environment_image.h"
 #include "firmware/flash.h"
-#include "firmware/golden_files.h"
 #include "firmware/upgrade_image.h"
 #include "support/child_process.h"
+#include "support/golden_files.h"
 #include "support/kill_points.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
@@ -65,7 +65,7 @@ Parsed parsed(std::string_view image, Fence fence = Fence::behind) {
     const GuardedBlock block(image, fence);
     const std::string untouched(sizeof(img_info), '\x5A');
     const GuardedBlock room(std::string(record_room, '\x5A'));
-    auto *const records = reinterpret_cast<img_info *>(room.start());
+    auto *const records = static_cast<img_info *>(static_cast<void *>(room.start()));
     const RecordSyslog log;
     Parsed answer;
     answer.count = parse_firmware(reinterpret_cast<const unsigned char *>(block.start()),

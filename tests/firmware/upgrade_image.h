@@ -169,7 +169,7 @@ class Judge {
     [[nodiscard]] std::optional<unsigned char> byte(std::uint64_t at) const {
         if (at >= image_.size())
             return std::nullopt;
-        return static_cast<unsigned char>(image_[at]);
+        return static_cast<unsigned char>(image_[static_cast<std::size_t>(at)]);
     }
 
     [[nodiscard]] std::optional<std::uint32_t> word(std::uint64_t at) const {
@@ -205,7 +205,8 @@ class Judge {
                          static_cast<int>(offset), 20, len > left ? 1 : 0));
             return fail(1);
         }
-        const Partition *const partition = partition_of(image_.substr(offset, 4));
+        const Partition *const partition =
+            partition_of(image_.substr(static_cast<std::size_t>(offset), 4));
         return partition == nullptr || recognised(offset, *partition);
     }
 

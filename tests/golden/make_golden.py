@@ -12,6 +12,14 @@ upgrade.img              an upgrade image: boot loader, an unknown section, root
                          version
 upgrade-set-*.txt        what it asks to be written while set A or set B runs: staging name, offset of
                          the bytes, length, burn address, block device, its index before the shift
+leases.bin               a binary DHCP lease file with empty slots, its last record cut off
+leases.txt               its leases: IP address, hardware address, expiry
+leases-every-slot.txt    the same of every whole record, empty slots included
+crc32.bin                bytes of which ranges are summed
+crc32.txt                the ranges and their CRC-32: offset, length, word
+crc32.words              the same words one after another, as the formats store them
+trap-*-endian.bin        the netlink message that process 0x01020304 sends for the record of bytes
+                         0 to 155, on a processor of either byte order
 """
 
 import struct
@@ -93,6 +101,59 @@ def record_lines(records, shift):
     return "".join(lines)
 
 
+def leases():
+    """A slot is empty where its hardware address is zeros; that is followed by bytes of no meaning."""
+    slots = [
+        ("00 1a bc ff 0f 09", b"\0" * 10, (192, 168, 1, 10), 3600),
+        ("00 00 00 00 00 00", b"\0" * 10, (0, 0, 0, 0), 0),
+        ("02 80 7f 00 00 01", b"\xff" * 10, (10, 0, 0, 1), 0),
+        ("00 11 22 aa bb cc", b"\0" * 10, (192, 168, 1, 255), 1),
+        ("00 00 00 00 00 00", b"?" * 10, (10, 0, 0, 2), 60),
+        ("80 00 00 00 00 00", b"\0" * 10, (128, 0, 255, 127), 2147483647),
+        ("fe ed fa ce be ef", bytes(range(10)), (172, 16, 254, 1), 2147483648),
+        ("ff ff ff ff ff ff", b"\xff" * 10, (255, 255, 255, 255), 4294967295),
+        ("00 00 00 00 00 01", b"\0" * 10, (1, 2, 3, 4), 0x01020304),
+        ("00 00 00 00 00 00", b"\0" * 10, (0, 0, 0, 0), 0),
+        ("01 23 45 67 89 ab", b"\0" * 10, (10, 9, 8, 7), 0xFF),
+    ]
+    image = b""
+    every_slot = []
+    listed = []
+    for mac, rest, ip, expiry in slots:
+        record = struct.pack(">6s10s4BI", bytes.fromhex(mac), rest, *ip, expiry)
+        line = f"{'.'.join(map(str, ip))} {mac.upper().replace(' ', ':')} {expiry}\n"
+        every_slot.append(line)
+        if any(record[:6]):
+            listed.append(line)
+        image += record
+    return image + image[:23], "".join(listed), "".join(every_slot)
+
+
+def crc_ranges():
+    random = []
+    state = 1
+    for _ in range(5000):
+        state = (state * 1103515245 + 12345) % 2**31
+        random.append(state >> 16 & 0xFF)
+    pieces = [bytes(range(256)), b"123456789", b"\0" * 700, b"\xff" * 700, bytes(random)]
+    data = b"".join(pieces)
+    ranges = [(0, 0), (0, 1), (255, 1), (1, 3), (0, len(data)), (1, len(data) - 1)]
+    offset = 0
+    for piece in pieces:
+        ranges.append((offset, len(piece)))
+        offset += len(piece)
+    for length in (4, 599, 600, 601, 2047, 2048, 2049, 4096, 4097):
+        ranges += [(300, length), (1303, length)]
+    words = [zlib.crc32(data[start : start + length]) for start, length in ranges]
+    lines = [f"{start} {length} 0x{word:08x}\n" for (start, length), word in zip(ranges, words)]
+    return data, "".join(lines), b"".join(struct.pack(">I", word) for word in words)
+
+
+def trap_message(byte_order):
+    """The header: length, type, flags, sequence number, sender."""
+    return struct.pack(byte_order + "IHHII", 172, 17, 0, 1, 0x01020304) + bytes(range(156))
+
+
 def main():
     folder = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent)
     entries = [
@@ -113,6 +174,16 @@ def main():
     (folder / "upgrade.img").write_bytes(image)
     (folder / "upgrade-set-a.txt").write_text(record_lines(records, 2))
     (folder / "upgrade-set-b.txt").write_text(record_lines(records, 0))
+    image, listed, every_slot = leases()
+    (folder / "leases.bin").write_bytes(image)
+    (folder / "leases.txt").write_text(listed)
+    (folder / "leases-every-slot.txt").write_text(every_slot)
+    data, lines, words = crc_ranges()
+    (folder / "crc32.bin").write_bytes(data)
+    (folder / "crc32.txt").write_text(lines)
+    (folder / "crc32.words").write_bytes(words)
+    (folder / "trap-little-endian.bin").write_bytes(trap_message("<"))
+    (folder / "trap-big-endian.bin").write_bytes(trap_message(">"))
 
 
 if __name__ == "__main__":

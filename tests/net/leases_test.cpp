@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "support/child_process.h"
+#include "support/golden_files.h"
 #include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
@@ -181,6 +182,15 @@ std::vector<Lease> numbered_leases(unsigned count) {
     return leases;
 }
 
+/** The leases of a golden file, one a line. */
+std::vector<Lease> golden_leases(const std::string &name) {
+    std::istringstream lines(golden(name));
+    std::vector<Lease> leases;
+    for (Lease lease; lines >> lease.ip >> lease.mac >> lease.expires;)
+        leases.push_back(lease);
+    return leases;
+}
+
 // monotonic_time
 
 TEST(MonotonicTime, IsTheSecondsOfTheMonotonicClock) {
@@ -248,6 +258,17 @@ TEST(AddLease, PrintsEveryNumberInFull) {
     EXPECT_STREQ(entry.expires, "2147483649");
 }
 
+TEST(AddLease, ReadsTheGoldenRecordsAlike) {
+    const std::string bytes = golden("leases.bin");
+    std::vector<Lease> leases;
+    for (std::size_t at = 0; at + 24 <= bytes.size(); at += 24) {
+        lease_entry entry{};
+        add_lease(&entry, reinterpret_cast<const unsigned char *>(bytes.data()) + at);
+        leases.push_back({entry.ip, entry.mac, entry.expires, entry.hostname});
+    }
+    EXPECT_EQ(leases, golden_leases("leases-every-slot.txt"));
+}
+
 // get_udhpd_leases
 
 TEST(GetUdhpdLeases, ListsTheRecordsInTheOrderOfTheFile) {
@@ -300,16 +321,24 @@ TEST(GetUdhpdLeases, PassesOverEmptySlots) {
               numbered_leases(1));
 }
 
-TEST(GetUdhpdLeases, LooksForAnEmptySlotInTheFirstSevenBytes) {
+TEST(GetUdhpdLeases, TakesARecordWithoutAHardwareAddressForAnEmptySlot) {
     for (std::size_t place = 0; place < 24; ++place) {
         std::string bytes(24, '\0');
         bytes[place] = 1;
-        const std::vector<Lease> leases = read_leases(get_udhpd_leases, bytes, place < 7 ? 1 : 0);
-        ASSERT_EQ(leases.size(), place < 7 ? 1U : 0U) << place;
+        const std::vector<Lease> leases = read_leases(get_udhpd_leases, bytes, place < 6 ? 1 : 0);
+        ASSERT_EQ(leases.size(), place < 6 ? 1U : 0U) << place;
         if (place == 5) {
             EXPECT_EQ(leases[0], (Lease{"0.0.0.0", "00:00:00:00:00:01", "0", ""}));
         }
     }
+}
+
+TEST(GetUdhpdLeases, ReadsTheGoldenFileAlike) {
+    const StoppedClock clock(now);
+    const std::vector<Lease> expected = golden_leases("leases.txt");
+    EXPECT_EQ(
+        read_leases(get_udhpd_leases, golden("leases.bin"), static_cast<int>(expected.size())),
+        expected);
 }
 
 TEST(GetUdhpdLeases, ReadsAnEmptyFile) {

@@ -3,11 +3,13 @@
 
 #include "cgi/guarded_block.h"
 #include "support/child_process.h"
+#include "support/golden_files.h"
 #include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "sys/named_process.h"
 
+#include <bit>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -28,6 +30,7 @@ namespace {
 std::function<int(int, int, int)> instead_of_socket;
 std::function<int(int, const sockaddr *, socklen_t)> instead_of_bind;
 std::function<ssize_t(int, const msghdr *, int)> instead_of_sendmsg;
+std::function<pid_t()> instead_of_getpid;
 
 } // namespace
 
@@ -49,6 +52,11 @@ extern "C" ssize_t sendmsg(int descriptor, const msghdr *parcel, int flags) {
         corvel_test::next_definition<ssize_t(int, const msghdr *, int)>("sendmsg");
     return instead_of_sendmsg ? instead_of_sendmsg(descriptor, parcel, flags)
                               : next(descriptor, parcel, flags);
+}
+
+extern "C" pid_t getpid() C_LIBRARY_NOEXCEPT {
+    static auto *const next = corvel_test::next_definition<pid_t()>("getpid");
+    return instead_of_getpid ? instead_of_getpid() : next();
 }
 
 namespace corvel_test {
@@ -259,6 +267,23 @@ TEST(SendTrapMsg, TakesARecordFromAnyAddress) {
         EXPECT_EQ(send_trap_msg(1, shifted.data() + shift), 172);
         EXPECT_EQ(sent, message_bytes(record));
     }
+}
+
+TEST(SendTrapMsg, SendsTheGoldenMessageAlike) {
+    std::string record;
+    for (std::size_t i = 0; i < record_size; ++i)
+        record += static_cast<char>(i);
+    std::string sent;
+    const Instead in_place_of_getpid(instead_of_getpid, [] { return 0x01020304; });
+    const Instead in_place_of_sendmsg(
+        instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
+            sent.assign(static_cast<const char *>(parcel->msg_iov->iov_base),
+                        parcel->msg_iov->iov_len);
+            return 172;
+        });
+    EXPECT_EQ(send_trap_msg(77, record.data()), 172);
+    constexpr bool is_big_endian = std::endian::native == std::endian::big;
+    EXPECT_EQ(sent, golden(is_big_endian ? "trap-big-endian.bin" : "trap-little-endian.bin"));
 }
 
 TEST(SendTrapMsg, SendsTheBareProcessIdFromEveryThread) {

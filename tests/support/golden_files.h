@@ -3,7 +3,6 @@
 #ifndef CORVEL_TESTS_GOLDEN_FILES_H
 #define CORVEL_TESTS_GOLDEN_FILES_H
 
-#include "firmware/environment_image.h"
 #include "support/temporary_folder.h"
 
 #include <string>
@@ -12,13 +11,6 @@ namespace corvel_test {
 
 inline std::string golden(const std::string &name) {
     return read_file(std::string(CORVEL_GOLDEN) + "/" + name);
-}
-
-/** A whole environment image; the files leave out the erased flash at its end. */
-inline std::string golden_environment(const std::string &name) {
-    std::string image = golden(name);
-    image.resize(EnvironmentImage::size, '\xFF');
-    return image;
 }
 
 } // namespace corvel_test
