@@ -9,12 +9,15 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "cgi/guarded_buffer.h"
 #include "cgi/list_contents.h"
+#include "support/output_capture.h"
 #include "support/stand_in.h"
 
 namespace corvel_test {
@@ -558,17 +561,21 @@ TEST(ZeroedBlock, FreeingNullDoesNothing) {
 std::string bytes_left_by(int (*release)(void *, std::uint32_t), std::uint32_t zeroed) {
     constexpr std::size_t size = 4096;
     constexpr std::size_t margin = 64;
-    auto *const block = static_cast<char *>(std::malloc(size));
-    // Keeps the block from being joined to the free memory behind it.
-    void *const neighbour = std::malloc(size);
+    // Blocks in use on both sides keep the heap from joining the free one to other free memory, and
+    // from giving it back to the system.
+    std::vector<void *> blocks(32);
+    for (void *&each : blocks)
+        each = std::malloc(size);
+    auto *const block = static_cast<char *>(std::exchange(blocks[blocks.size() / 2], nullptr));
     std::memset(block, 's', size);
     std::string left(size - 2 * margin, '?');
-    const iovec here{left.data(), left.size()};
     const iovec there{block + margin, left.size()};
+    const StreamFile file;
     EXPECT_EQ(release(block, zeroed), 0);
-    EXPECT_EQ(process_vm_readv(getpid(), &here, 1, &there, 1, 0),
-              static_cast<ssize_t>(left.size()));
-    std::free(neighbour);
+    EXPECT_EQ(syscall(SYS_writev, file.descriptor(), &there, 1), static_cast<long>(left.size()));
+    left = file.text();
+    for (void *const each : blocks)
+        std::free(each);
     return left;
 }
 

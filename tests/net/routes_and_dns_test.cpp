@@ -366,9 +366,6 @@ TEST(RoutingTable, IsMissedAloud) {
     });
 }
 
-// An emulator shows a table of its own making in the place of /proc/net/route. These tests need the
-// file itself.
-#ifndef CORVEL_EMULATOR
 TEST(RoutingTable, MustBeThere) {
     in_private_root([] {
         const OwnTable table("route");
@@ -410,7 +407,6 @@ TEST(RoutingTable, IsFoundToEndWhateverItHolds) {
         expect_passed_over(table, noise);
     });
 }
-#endif
 
 /** What a reader with scanf() finds. */
 std::string expected_of(const std::string &path, const std::string &interface) {

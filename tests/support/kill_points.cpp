@@ -1,6 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 #include "support/kill_points.h"
 
+#include "support/child_process.h"
+#include "support/stand_in_calls.h"
+
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -21,6 +24,28 @@ namespace {
 [[noreturn]] void fail(const std::string &what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
+
+#ifdef CORVEL_EMULATOR
+
+/** Makes a run that ends itself at its n-th point; false if it has fewer. */
+bool kill_run_at(const std::function<void()> &run, unsigned long n) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0)
+        fail("fork");
+    if (child == 0) {
+        stand_in_calls_to_live = n;
+        run();
+        _exit(0);
+    }
+    const ChildResult result = wait_for_child(child);
+    if (result.signal != SIGKILL && result.exit_status != 0)
+        throw std::runtime_error("the run ended with status " + std::to_string(result.exit_status) +
+                                 ", signal " + std::to_string(result.signal));
+    return result.signal == SIGKILL;
+}
+
+#else
 
 /** A child stopped just before the run; it stops again just behind it. */
 pid_t start_stopped(const std::function<void()> &run) {
@@ -72,6 +97,16 @@ bool reaches_system_call(pid_t child, unsigned long n) {
     return true;
 }
 
+/** Makes a run and kills it at its n-th point; false if it has fewer. */
+bool kill_run_at(const std::function<void()> &run, unsigned long n) {
+    const pid_t child = start_stopped(run);
+    const bool killed = reaches_system_call(child, n);
+    end(child);
+    return killed;
+}
+
+#endif
+
 /**
  * The process that starts and kills the runs. It does nothing else, so that every run begins in the
  * same state and makes the same system calls.
@@ -96,7 +131,7 @@ class Starter {
     Starter(const Starter &) = delete;
     Starter &operator=(const Starter &) = delete;
 
-    /** Makes a run and kills it at its n-th system call; false if there was none. */
+    /** As kill_run_at() does, in the other process. */
     [[nodiscard]] bool kill_at(unsigned long n) const {
         bool killed = false;
         if (write(ends_[0], &n, sizeof n) != sizeof n ||
@@ -111,9 +146,7 @@ class Starter {
         unsigned long n = 0;
         try {
             while (read(ends_[1], &n, sizeof n) == sizeof n) {
-                const pid_t child = start_stopped(run);
-                const bool killed = reaches_system_call(child, n);
-                end(child);
+                const bool killed = kill_run_at(run, n);
                 if (write(ends_[1], &killed, sizeof killed) != sizeof killed)
                     _exit(1);
             }

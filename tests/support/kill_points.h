@@ -11,6 +11,9 @@
  * second, and so on; in the last run nothing is killed, and it is checked as well. All runs begin
  * in the state that the process had at the start: what prepare and check change in memory, a run
  * does not see.
+ *
+ * An emulator cannot trace a process. Under one, the points are the calls of those functions of the
+ * C library that a test program stands in for and that can reach the system (stand_in_calls.h).
  */
 #ifndef CORVEL_TESTS_KILL_POINTS_H
 #define CORVEL_TESTS_KILL_POINTS_H

@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -22,6 +23,7 @@ int stand_in_spare_c_library;
 int (*stand_in_system)(const char *command);
 void (*stand_in_sync)(void);
 void (*stand_in_syslog)(int priority, const char *message);
+unsigned long stand_in_calls_to_live;
 
 /* A function that stands in for another hands the call on to the next definition in the program's
  * search order: the C library's, or that of a sanitizer in front of it. */
@@ -69,9 +71,15 @@ static int in_arena(const void *block) {
     return address >= start && address < start + sizeof arena.bytes;
 }
 
+static void note(enum stand_in_call call) {
+    ++stand_in_switches[call].seen;
+    if (stand_in_calls_to_live != 0 && call > call_free && --stand_in_calls_to_live == 0)
+        kill(getpid(), SIGKILL);
+}
+
 static int fails(enum stand_in_call call) {
     struct stand_in_switch *const own = &stand_in_switches[call];
-    ++own->seen;
+    note(call);
     if (own->fail_at == 0 || own->seen < own->fail_at ||
         (own->seen > own->fail_at && !own->keeps_failing))
         return 0;
@@ -151,6 +159,10 @@ static int in_c_library(void *address) {
     return dladdr(address, &place) != 0 && place.dli_fbase == library;
 }
 
+/* An allocation function of the C library may be made of its others and call them by name: such
+ * a call is part of the one that is counted already. */
+static int within_allocation;
+
 static int allocation_fails(enum stand_in_call call, void *caller) {
     const int armed =
         stand_in_switches[call].fail_at != 0 || stand_in_switches[call_allocation].fail_at != 0;
@@ -164,6 +176,8 @@ void *malloc(size_t size) {
     if (searching)
         return from_arena(size);
     NEXT_DEFINITION(malloc);
+    if (within_allocation)
+        return next(size);
     if (allocation_fails(call_malloc, __builtin_return_address(0)))
         return NULL;
     void *const block = next(size);
@@ -178,7 +192,9 @@ void *calloc(size_t count, size_t size) {
     NEXT_DEFINITION(calloc);
     if (allocation_fails(call_calloc, __builtin_return_address(0)))
         return NULL;
+    within_allocation = 1;
     void *const block = next(count, size);
+    within_allocation = 0;
     remember(block);
     return block;
 }
@@ -195,7 +211,9 @@ void *realloc(void *old, size_t size) {
     if (allocation_fails(call_realloc, __builtin_return_address(0)))
         return NULL;
     cross_out(old);
+    within_allocation = 1;
     void *const block = next(old, size);
+    within_allocation = 0;
     remember(block != NULL || size == 0 ? block : old);
     return block;
 }
@@ -206,7 +224,11 @@ void free(void *block) {
     if (searching || in_arena(block))
         return;
     NEXT_DEFINITION(free);
-    ++stand_in_switches[call_free].seen;
+    if (within_allocation) {
+        next(block);
+        return;
+    }
+    note(call_free);
     cross_out(block);
     next(block);
 }
@@ -450,7 +472,7 @@ off_t lseek(int descriptor, off_t offset, int whence) {
 /* sync() cannot fail. */
 void sync(void) {
     NEXT_DEFINITION(sync);
-    ++stand_in_switches[call_sync].seen;
+    note(call_sync);
     if (stand_in_sync != NULL)
         stand_in_sync();
     else
@@ -467,7 +489,7 @@ __attribute__((format(printf, 2, 0))) static void log_values(int priority, const
 __attribute__((format(printf, 2, 3))) void syslog(int priority, const char *format, ...) {
     char message[1024];
     va_list values;
-    ++stand_in_switches[call_syslog].seen;
+    note(call_syslog);
     va_start(values, format);
     if (stand_in_syslog != NULL) {
         vsnprintf(message, sizeof message, format, values);
