@@ -482,7 +482,7 @@ TEST(RoutingTable, IsReadAsAFormatReadsIt) {
             for (unsigned lines = random.number(20); lines != 0; --lines)
                 text += random.next();
             table.hold(text);
-            ASSERT_EQ(gateway("eth0"), expected_of("/proc/net/route", "eth0")) << text;
+            ASSERT_EQ(gateway("eth0"), expected_of("/proc/self/net/route", "eth0")) << text;
         }
     });
 }
