@@ -2,6 +2,7 @@
 #define _GNU_SOURCE
 #include "attempt.h"
 #include "site.h"
+#include "trap.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -85,7 +86,7 @@ static int is_right(const char *user, const char *password) {
  * The turn is kept until the program ends: a login has its session by then, or a change of password
  * its end.
  */
-verdict check_password(const char *user, const char *password) {
+verdict check_password(const char *user, const char *password, const char *refusal) {
     const int file = open("/run/login", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0)
         refuse("503 Service Unavailable", "The attempt can't be written down.");
@@ -102,6 +103,8 @@ verdict check_password(const char *user, const char *password) {
         save_attempts(file, &(attempts){0, 0});
         return password_right;
     }
+    if (refusal)
+        send_trap(refusal);
     sleep_until(known.until);
     return password_wrong;
 }

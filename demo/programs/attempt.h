@@ -17,7 +17,9 @@ typedef enum verdict { password_right, password_wrong, too_many_attempts } verdi
  *
  * @param user     the name, as it was sent. May be null.
  * @param password the password, as it was sent. May be null.
+ * @param refusal  the trap that tells of a wrong one, also where nobody waits for the answer; null
+ *                 for none.
  */
-verdict check_password(const char *user, const char *password);
+verdict check_password(const char *user, const char *password, const char *refusal);
 
 #endif

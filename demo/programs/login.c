@@ -37,12 +37,11 @@ static void answer_post(void) {
     prop_table request = read_request();
     const char *user = find_field("user", &request);
     const char *next = page_behind(&request);
-    switch (check_password(user, find_field("password", &request))) {
+    switch (check_password(user, find_field("password", &request), "login refused")) {
     case password_right:
         welcome(user, next);
         break;
     case password_wrong:
-        send_trap("login refused");
         show("403 Forbidden", "The user name or the password is wrong.", user, next);
         break;
     case too_many_attempts:

@@ -54,6 +54,7 @@ static int check(form *sent) {
 
 static void change(const form *sent) {
     char text[trap_size];
+    finish_what_is_begun(); /* no password stays in a file, and no session of the old one */
     if (login_chpwd(session_user(), sent->new) != 0) {
         show("500 Internal Server Error", "The password could not be changed.", sent);
         return;
@@ -66,7 +67,7 @@ static void change(const form *sent) {
 
 /* Who sits down at a browser that somebody has left alone has to guess, as at the login. */
 static void change_if_right(form *sent) {
-    switch (check_password(session_user(), sent->old)) {
+    switch (check_password(session_user(), sent->old, NULL)) {
     case password_right:
         change(sent);
         break;

@@ -4,6 +4,7 @@
 #include "session.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
@@ -203,7 +204,14 @@ int lock_settings(int operation) {
     const int lock = open("/var/lock/settings", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0 || flock(lock, operation) != 0)
         refuse("503 Service Unavailable", "The settings can't be locked.");
+    if (operation == LOCK_EX)
+        finish_what_is_begun();
     return lock;
+}
+
+void finish_what_is_begun(void) {
+    signal(SIGTERM, SIG_IGN);
+    signal(SIGPIPE, SIG_IGN);
 }
 
 void unlock_settings(int lock) { close(lock); }

@@ -104,9 +104,17 @@ void wipe_table(prop_table *table);
  * request reads or changes in several files, and a reader never meets the moment between a file's
  * removal and the renaming of its copy.
  *
+ * A program that changes something is not ended by the web server, see finish_what_is_begun().
+ *
  * @return the lock, for unlock_settings().
  */
 int lock_settings(int operation);
+
+/**
+ * From here on the program does not end because the browser has gone away, of which the web server
+ * tells it with a signal: what is begun is finished.
+ */
+void finish_what_is_begun(void);
 
 /** Releases the lock that lock_settings() took. */
 void unlock_settings(int lock);

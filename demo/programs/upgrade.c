@@ -89,14 +89,21 @@ static const char *flip(int running) {
     return boot.next >= 0 && boot.next != running ? NULL : "The boot set could not be changed.";
 }
 
+/* The partitions of a set there are twice: those of the set that does not run are written first. */
+static int is_of_a_set(const img_info *section) {
+    return section->mtd_ids >= set_partition(set_a, 0) &&
+           section->mtd_ids <= set_partition(set_b, 1);
+}
+
 static const char *write_all(const image_report *report, upgrade_record *record) {
     const int running = bootparam;
     const char *failure = NULL;
-    for (int i = 0; i < report->count && !failure; i++) {
-        const img_info *section = &report->sections[i];
-        if (is_written(section))
-            failure = write_section(section, record);
-        if (is_written(section) && !failure)
+    for (int i = 0; i < 2 * report->count && !failure; i++) {
+        const img_info *section = &report->sections[i % report->count];
+        if (!is_written(section) || is_of_a_set(section) != (i < report->count))
+            continue;
+        failure = write_section(section, record);
+        if (!failure)
             failure = verify_section(section);
     }
     return failure ? failure : flip(running);

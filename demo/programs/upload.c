@@ -51,10 +51,10 @@ static const char *file_complaint(int count) {
 /* The name is the client's: what it says about folders is of no use here, and some texts can't be
  * kept in a file of lines. */
 static void take_name(const char *path, char *name, size_t size) {
-    const char *slash = strrchr(path, '/');
-    const char *backslash = strrchr(path, '\\');
-    const char *start = slash > backslash ? slash : backslash;
-    start = start ? start + 1 : path;
+    const char *start = path;
+    for (const char *at = path; *at; at++)
+        if (*at == '/' || *at == '\\')
+            start = at + 1;
     snprintf(name, size, "%s", text_complaint(start) ? "image" : start);
 }
 

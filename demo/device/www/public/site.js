@@ -136,6 +136,10 @@ if (live) {
 // Puts an answer's content in the place of the present one: a refusal comes with a status of its own.
 function show(text, url) {
   const main = new DOMParser().parseFromString(text, 'text/html').querySelector('main');
+  if (!main) {
+    location.assign(url); // no page of this site: the web server's own words
+    return;
+  }
   document.querySelector('main').replaceWith(main);
   history.replaceState(null, '', url);
   const heading = main.querySelector('#step') ?? main.querySelector('h1');
