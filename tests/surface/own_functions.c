@@ -21,19 +21,46 @@
 
 uint32_t crc32(const unsigned char *data, int length) { (void)data, (void)length, abort(); }
 
-/* What the rest of the interface brings; not declared here. */
-void *xmalloc(size_t size);
 void *xmalloc(size_t size) { (void)size, abort(); }
 
-void *xrealloc(void *block, size_t size);
 void *xrealloc(void *block, size_t size) { (void)block, (void)size, abort(); }
 
-int hex2int(char digit);
-int hex2int(char digit) { (void)digit, abort(); }
-
-char *safe_strncpy(char *dst, const char *src, size_t size);
 char *safe_strncpy(char *dst, const char *src, size_t size) {
     (void)dst, (void)src, (void)size, abort();
+}
+
+char *my_getug(char *buf, char *name, long id, int bufsize, char prefix) {
+    (void)buf, (void)name, (void)id, (void)bufsize, (void)prefix, abort();
+}
+
+ssize_t full_read(int fd, void *buf, size_t len) { (void)fd, (void)buf, (void)len, abort(); }
+
+ssize_t open_read_close(const char *path, void *buf, size_t len) {
+    (void)path, (void)buf, (void)len, abort();
+}
+
+void read_cmdline(char *buf, int size, unsigned int pid) {
+    (void)buf, (void)size, (void)pid, abort();
+}
+
+int *find_pid_by_name(const char *name) { (void)name, abort(); }
+
+int hex2int(char digit) { (void)digit, abort(); }
+
+signed char chUpcase(signed char character) { (void)character, abort(); }
+
+char *mac2hexStrip(const char *text, char *out) { (void)text, (void)out, abort(); }
+
+int getInAddr(const char *ifname, unsigned int selector, void *result) {
+    (void)ifname, (void)selector, (void)result, abort();
+}
+
+int getDefaultRoute(const char *ifname, uint32_t *gw) { (void)ifname, (void)gw, abort(); }
+
+int search_by_mac(const lease_entry *head, const char *mac) { (void)head, (void)mac, abort(); }
+
+void add_lease(lease_entry *entry, const unsigned char *record) {
+    (void)entry, (void)record, abort();
 }
 
 unsigned int STRCMP(const char *a, const char *b) { (void)a, (void)b, abort(); }
@@ -246,6 +273,25 @@ static void upgrade(const char *path) {
     save_bootparam();
 }
 
+/* Of what is found here nothing is known but that there is an answer. */
+static void look_at_device(const char *lease_file) {
+    char text[64];
+    unsigned char byte = 0;
+    lease_entry *list = NULL;
+    getHWip("lo", 0, text, sizeof text);
+    getHWaddr("lo", text);
+    getDefGw("lo", text);
+    get_arp_cache("", &list);
+    free_leaselist(&list);
+    get_udhpd_leases(&list, lease_file);
+    free_leaselist(&list);
+    is_runing("own_functions");
+    my_getpwuid(text, 0, sizeof text);
+    read_close(open(lease_file, O_RDONLY), text, sizeof text);
+    str2byte("0a", 2, &byte);
+    free(ascii2hex(&byte, 1, NULL));
+}
+
 int main(int argc, char **argv) {
     static char environment_path[4096];
     char path[4096];
@@ -264,5 +310,6 @@ int main(int argc, char **argv) {
     snprintf(environment_path, sizeof environment_path, "%s/env", argv[1]);
     environment = environment_path;
     upgrade(path);
+    look_at_device(path);
     return 0;
 }
