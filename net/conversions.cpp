@@ -82,14 +82,8 @@ char *hex2ascii(const char *hex, char *out) {
 }
 
 int str2byte(const char *hex, int len, unsigned char *out) {
-    const char *digits = corvel::text_or_empty(hex);
-    for (int pair = 0; pair < len / 2; ++pair, digits += 2) {
-        const int byte = corvel::hex_pair(digits);
-        if (byte < 0)
-            return -1;
-        *out++ = static_cast<unsigned char>(byte);
-    }
-    return 0;
+    const std::size_t pairs = len > 0 ? static_cast<std::size_t>(len) / 2 : 0;
+    return corvel::parse_hex(corvel::text_or_empty(hex), pairs, out) ? 0 : -1;
 }
 
 unsigned int ascii2mac(const char *text, unsigned char *mac) {

@@ -52,14 +52,9 @@ std::optional<Ipv6Line> parse_ipv6_line(std::string_view text) {
     LineScanner scanner(text);
     const std::string_view digits = scanner.word();
     Ipv6Line line{};
-    if (digits.size() != address_size * 2)
+    if (digits.size() != address_size * 2 ||
+        !parse_hex(digits.data(), address_size, line.address.data()))
         return {};
-    for (std::size_t i = 0; i < address_size; ++i) {
-        const int byte = hex_pair(&digits[i * 2]);
-        if (byte < 0)
-            return {};
-        line.address[i] = static_cast<unsigned char>(byte);
-    }
     const auto index = scanner.hexadecimal();
     const auto prefix_length = scanner.hexadecimal();
     const auto scope = scanner.hexadecimal();

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <climits>
+#include <cstddef>
 
 namespace corvel {
 
@@ -28,6 +29,18 @@ constexpr int hex_pair(const char *digits) {
     const int high = hex_value(digits[0]);
     const int low = high < 0 ? -1 : hex_value(digits[1]);
     return low < 0 ? -1 : high * 16 + low;
+}
+
+/// Turns pairs of digits into bytes, up to the first pair that is none. Whether there is no such
+/// one.
+constexpr bool parse_hex(const char *digits, std::size_t pairs, unsigned char *out) {
+    for (; pairs != 0; --pairs, digits += 2) {
+        const int byte = hex_pair(digits);
+        if (byte < 0)
+            return false;
+        *out++ = static_cast<unsigned char>(byte);
+    }
+    return true;
 }
 
 /// Not inside of put_hex(), where it would be made anew on the stack for every byte.
