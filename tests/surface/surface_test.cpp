@@ -209,11 +209,13 @@ TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
     folder.write("input", "d=4%21--b\r\nContent-Disposition: form-data; name=\"f\"; "
                           "filename=\"f.bin\"\r\nContent-Type: text/plain\r\n\r\n" +
                               content + "\r\n--b--\r\n");
-    const ChildResult child = run_in_child([&folder] {
-        return std::system((CORVEL_EMULATOR "'" CORVEL_OWN_FUNCTIONS "' '" + folder.path() +
-                            "' <'" + folder.path("input") + "'")
-                               .c_str());
-    });
+    // Called by a short name: the program looks for itself, and of a command line only the first
+    // characters are seen.
+    const std::filesystem::path program = CORVEL_OWN_FUNCTIONS;
+    const std::string command = "cd '" + program.parent_path().string() + "' && " +
+                                CORVEL_EMULATOR "'./" + program.filename().string() + "' '" +
+                                folder.path() + "' <'" + folder.path("input") + "'";
+    const ChildResult child = run_in_child([&command] { return std::system(command.c_str()); });
     EXPECT_EQ(child.exit_status, 0) << child.err;
     EXPECT_EQ(child.err, "");
     EXPECT_EQ(folder.read("conf"), "A=\"saved\"\nC=3\n");
