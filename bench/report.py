@@ -42,7 +42,7 @@ UPLOAD_REST_GOAL = 512  # KiB
 # same at every size, and a quadratic part pushes it towards 2.
 LINEAR_EXPONENT = 1.15
 LINEAR_JOBS = {"load a property file", "save changed rows", "read leases, text",
-               "read leases, binary", "read neighbours"}
+               "read leases, binary", "read neighbours", "read neighbours of one maker"}
 
 # Of jobs that tell their time themselves: it passes in other processes, too.
 OWN_CLOCK_SUFFIX = "/manual_time"
@@ -112,6 +112,7 @@ GOALS = {
     ("read leases, text", "1000"): [as_fast_as_limit()],
     ("read leases, binary", "1000"): [as_fast_as_limit()],
     ("read neighbours", "1000"): [as_fast_as_limit()],
+    ("read neighbours of one maker", "1000"): [as_fast_as_limit()],
     ("bytes to hexadecimal", "1024"): [within(1.5)],
     ("hexadecimal to bytes", "1024"): [within(1.5)],
     ("hexadecimal to characters", "1024"): [within(1.5)],

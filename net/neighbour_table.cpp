@@ -4,6 +4,7 @@
 #include <bitset>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 
 #include "net/conversions.h"
@@ -55,31 +56,37 @@ class StrippedMac {
     explicit StrippedMac(std::string_view text) { strip_separators(text, text_); }
     [[nodiscard]] std::string_view text() const { return text_of(text_); }
 
+    /// In one call, since of a long list nothing else is looked at.
+    [[nodiscard]] bool is_of(const lease_entry &entry) const {
+        return std::strncmp(entry.mac, text_, sizeof entry.mac) == 0;
+    }
+
   private:
     char text_[13];
 };
 
 /// The position of the first record with a hardware address, from 1; 0 if there is none.
-int find_mac(const lease_entry *entry, std::string_view mac) {
+int find_mac(const lease_entry *entry, const StrippedMac &mac) {
     for (int position = 1; entry != nullptr; ++position, entry = entry->next) {
-        if (text_in(entry->mac) == mac)
+        if (mac.is_of(*entry))
             return position;
     }
     return 0;
 }
 
 /// Says of nearly every new hardware address that it is new, which spares looking through the list.
-/// Each address marks three places; one that finds a place unmarked has not been there before.
+/// Each address marks four places; one that finds a place unmarked has not been there before.
 class SeenMacs {
   public:
     /// Whether the address may have been there before; from now on it has.
     bool test_and_set(std::string_view mac) {
+        // 2^64 over the golden ratio: one digit more or less changes all the bits that count.
         std::uint64_t hash = 0;
         for (const char digit : mac)
-            hash = (hash ^ static_cast<unsigned char>(digit)) * 0x00000100000001B3U;
+            hash = (hash ^ static_cast<unsigned char>(digit)) * 0x9E3779B97F4A7C15U;
         bool before = true;
-        for (const int shift : {16, 32, 48}) {
-            const auto place = static_cast<std::uint16_t>(hash >> shift);
+        for (const int shift : {8, 21, 34, 47}) {
+            const auto place = static_cast<std::size_t>(hash >> shift) % places;
             before = before && marks_[place];
             marks_[place] = true;
         }
@@ -87,7 +94,8 @@ class SeenMacs {
     }
 
   private:
-    std::bitset<65536> marks_;
+    static constexpr std::size_t places = 131072;
+    std::bitset<places> marks_;
 };
 
 int read_neighbours(std::string_view interface, lease_entry **head) {
@@ -106,7 +114,7 @@ int read_neighbours(std::string_view interface, lease_entry **head) {
         if (!neighbour->is_complete() || (!interface.empty() && neighbour->device != interface))
             continue;
         const StrippedMac mac(neighbour->mac);
-        if (seen.test_and_set(mac.text()) && find_mac(*head, mac.text()) != 0)
+        if (seen.test_and_set(mac.text()) && find_mac(*head, mac) != 0)
             continue;
         lease_entry *const entry = list.append();
         if (entry == nullptr)
@@ -141,7 +149,7 @@ int get_arp_cache(const char *ifname, lease_entry **head) {
 }
 
 int search_by_mac(const lease_entry *head, const char *mac) {
-    return corvel::find_mac(head, corvel::StrippedMac(corvel::text_of(mac)).text());
+    return corvel::find_mac(head, corvel::StrippedMac(corvel::text_of(mac)));
 }
 
 void dump_macip(const lease_entry *head) {

@@ -29,27 +29,27 @@ void cover_kernel_tables() {
     bench::require(covered, "no table can be placed over the kernel's");
 }
 
-/// Random addresses: a maker's first half, and one's own second.
-void place_table(std::size_t neighbours) {
+/// The first half of an address is one of its maker, the second half is counted up.
+void place_table(std::size_t neighbours, unsigned makers) {
     cover_kernel_tables();
     std::mt19937 generator(1);
     std::string text =
         "IP address       HW type     Flags       HW address            Mask     Device\n";
     for (std::size_t i = 0; i < neighbours; ++i) {
         char line[160];
-        const auto random = static_cast<unsigned>(generator() % 256);
+        const unsigned maker = static_cast<unsigned>(generator() % makers);
         const std::string ip = "10.0." + std::to_string(i / 256) + '.' + std::to_string(i % 256);
         std::snprintf(line, sizeof line,
                       "%-16s 0x1         0x2         %02x:1a:2b:%02x:%02zx:%02zx     *        "
                       "br-lan\n",
-                      ip.c_str(), random & 0xFEU, random, i / 256, i % 256);
+                      ip.c_str(), maker & 0xFEU, maker, i / 256, i % 256);
         text += line;
     }
     bench::write_file(table_path, text);
 }
 
-void corvel(benchmark::State &state) {
-    place_table(static_cast<std::size_t>(state.range(0)));
+template <unsigned makers> void corvel(benchmark::State &state) {
+    place_table(static_cast<std::size_t>(state.range(0)), makers);
     lease_entry *head = nullptr;
     bench::require(get_arp_cache("br-lan", &head) == state.range(0) &&
                        std::strcmp(head->ip, "10.0.0.0") == 0,
@@ -84,14 +84,18 @@ std::int64_t scan() {
     return neighbours;
 }
 
-void limit(benchmark::State &state) {
-    place_table(static_cast<std::size_t>(state.range(0)));
+template <unsigned makers> void limit(benchmark::State &state) {
+    place_table(static_cast<std::size_t>(state.range(0)), makers);
     bench::require(scan() == state.range(0), "the limit reads another table");
     bench::measure(state, [] { benchmark::DoNotOptimize(scan()); });
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-const bench::Job job("read neighbours", {{100}, {1000}, {10000}},
-                     {{"corvel", corvel}, {"limit", limit}});
+const std::vector<bench::Size> sizes = {{100}, {1000}, {10000}};
+
+const bench::Job many_makers("read neighbours", sizes,
+                             {{"corvel", corvel<256>}, {"limit", limit<256>}});
+const bench::Job one_maker("read neighbours of one maker", sizes,
+                           {{"corvel", corvel<1>}, {"limit", limit<1>}});
 
 } // namespace
