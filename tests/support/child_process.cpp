@@ -4,6 +4,7 @@
 #include "support/output_capture.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -42,6 +43,15 @@ ChildResult wait_for_child(pid_t child) {
     return result;
 }
 
+void end_child(int status) {
+    std::fflush(nullptr);
+#ifdef CORVEL_COVERAGE_FOLDER
+    std::exit(status);
+#else
+    _exit(status);
+#endif
+}
+
 ChildResult run_status_in_child(const std::function<int()> &body) {
     std::fflush(nullptr);
     StreamFile out;
@@ -52,9 +62,7 @@ ChildResult run_status_in_child(const std::function<int()> &body) {
     if (child == 0) {
         dup2(out.descriptor(), STDOUT_FILENO);
         dup2(err.descriptor(), STDERR_FILENO);
-        const int status = body();
-        std::fflush(nullptr);
-        _exit(status);
+        end_child(body());
     }
     ChildResult result = wait_for_child(child);
     result.out = out.text();

@@ -38,6 +38,12 @@ struct ChildResult {
 /** Waits for a child that the caller forked; the texts of the result stay empty. */
 ChildResult wait_for_child(pid_t child);
 
+/**
+ * Ends a forked child: what it printed is written, and in a build for coverage what it reached is
+ * counted.
+ */
+[[noreturn]] void end_child(int status);
+
 /** Runs @p body in a child that ends with the body's result as its exit status. */
 ChildResult run_status_in_child(const std::function<int()> &body);
 

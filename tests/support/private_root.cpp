@@ -127,6 +127,11 @@ void build_and_enter(const std::string &folder) {
     show_machine_folders(folder);
     show_devices(folder);
     mount_or_fail("proc", folder + "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
+#ifdef CORVEL_COVERAGE_FOLDER
+    // What is reached in here is counted out there.
+    fs::create_directories(folder + CORVEL_COVERAGE_FOLDER);
+    mount_or_fail(CORVEL_COVERAGE_FOLDER, folder + CORVEL_COVERAGE_FOLDER, nullptr, MS_BIND);
+#endif
     enter(folder);
     if (chmod("/tmp", 01777) != 0)
         impossible("chmod /tmp");
@@ -198,9 +203,7 @@ int run_in_namespaces(const std::string &folder, RootMaker maker,
     if (init == 0) {
         // With its parent killed, nothing would end the namespace.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int status = run_as_init(folder, body);
-        std::fflush(nullptr);
-        _exit(status);
+        end_child(run_as_init(folder, body));
     }
     const ChildResult result = wait_for_child(init);
     return result.signal != 0 ? 128 + result.signal : result.exit_status;
