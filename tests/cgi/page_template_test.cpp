@@ -385,6 +385,13 @@ TEST_F(PageTemplate, NullPathIsAMissingTemplate) {
     EXPECT_EQ(contents(list.head()), (Fields{{"a", "1"}}));
 }
 
+TEST_F(PageTemplate, NullListHasNoFields) {
+    folder_.write("page.html", "<h1>$title</h1>\n");
+    EXPECT_EQ(capture_stdout(
+                  [&] { EXPECT_EQ(print_html(folder_.path("page.html").c_str(), nullptr), 0); }),
+              "<h1>$title</h1>\n");
+}
+
 TEST_F(PageTemplate, FolderIsAMissingTemplate) {
     const Fields fields{{"a", "1"}};
     EXPECT_EQ(filled_from(folder_.path(), fields), (Filled{"", fields, 0}));

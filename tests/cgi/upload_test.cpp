@@ -541,6 +541,8 @@ TEST(HexSearch, FindsNothingInNothingAndNoEmptyPattern) {
     EXPECT_EQ(hex_search(block.start(), block.end(), "a", -1), nullptr);
     EXPECT_EQ(hex_search(block.start(), block.end(), "a", INT_MIN), nullptr);
     EXPECT_EQ(hex_search(block.start(), block.end(), nullptr, 0), nullptr);
+    EXPECT_EQ(hex_search(nullptr, block.end(), "a", 1), nullptr);
+    EXPECT_EQ(hex_search(block.end(), block.start(), "a", 1), nullptr);
 }
 
 TEST(HexSearch, LetsAMatchRunPastTheEnd) {

@@ -683,6 +683,32 @@ TEST_P(BothWriters, WriteNoOtherFileThatTheCopyIsALinkTo) {
     EXPECT_EQ(folder_.read("other"), "precious\n");
 }
 
+TEST_P(BothWriters, LeaveTheFileWhereTheCopyIsALinkThatCannotBeRemoved) {
+    folder_.write("conf", "A=1\n");
+    folder_.write("other", "precious\n");
+    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.cgi").c_str()), 0);
+    const FailCall not_removed(call_unlink, 1, EPERM);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=1\n");
+    EXPECT_EQ(folder_.read("other"), "precious\n");
+}
+
+TEST_P(BothWriters, WriteNoCopyThatBelongsToSomebodyElse) {
+    folder_.write("conf", "A=1\n");
+    folder_.write("conf.cgi", "planted\n");
+    const int planted = open(folder_.path("conf.cgi").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(planted, 0);
+    // An ordinary user can give nothing away; there the copy is its own, and taken.
+    const bool foreign = geteuid() == 0;
+    ASSERT_EQ(fchown(planted, foreign ? ordinary_user_id : geteuid(), static_cast<gid_t>(-1)), 0);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    char text[16] = {};
+    EXPECT_GT(pread(planted, text, sizeof text - 1, 0), 0);
+    EXPECT_STREQ(text, foreign ? "planted\n" : "A=\"x\"\n");
+    close(planted);
+}
+
 TEST_P(BothWriters, DoNotWaitForAPipeInThePlaceOfTheCopy) {
     folder_.write("conf", "A=1\n");
     ASSERT_EQ(mkfifo(folder_.path("conf.cgi").c_str(), 0600), 0);
@@ -788,7 +814,7 @@ TEST_P(BothWriters, WaitForTheLock) {
     const pid_t child = fork();
     if (child == 0) {
         save();
-        _exit(0);
+        end_child(0);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
@@ -1133,9 +1159,7 @@ TEST_P(Savers, LoseNoLineAndLeaveNoTornFile) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            const int status = status_of_assertions([&] { save_rounds(process); });
-            std::fflush(nullptr);
-            _exit(status);
+            end_child(status_of_assertions([&] { save_rounds(process); }));
         }
         children.push_back(child);
     }
@@ -1178,7 +1202,7 @@ TEST(BothWritersAtOnce, LoseNoSettingOnOneFile) {
                     else
                         save_global_conf('=', path.c_str(), "", name.c_str(), value.c_str());
                 }
-                _exit(0);
+                end_child(0);
             }
             children.push_back(child);
         }
