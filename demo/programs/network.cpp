@@ -167,6 +167,17 @@ Complaint country(const std::string &value) {
     return std::ranges::any_of(countries, is_it) ? nullptr : "Choose a country of the list.";
 }
 
+/// Two interfaces in one network: the kernel would take that, and the provider's gateway would be
+/// looked for among the LAN's devices.
+bool is_in_providers_network(std::uint32_t address, std::uint32_t mask) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const auto ask = [&](unsigned selector) {
+        return ipv4(getHWip("wan0", selector, text.data(), INET_ADDRSTRLEN)).value_or(0);
+    };
+    const auto provider = ask(0);
+    return provider != 0 && ((address ^ provider) & mask & ask(1)) == 0;
+}
+
 /// A setting's name is the same in the file, the form, the template and the JSON.
 struct Setting {
     const char *name;
@@ -252,6 +263,8 @@ class Settings {
 
         if (!usable(router))
             find("LAN_ADDRESS").error = "This is the network's own or its broadcast address.";
+        else if (is_in_providers_network(router, mask))
+            find("LAN_ADDRESS").error = "The provider's network has these addresses.";
         if (!usable(first))
             find("DHCP_FIRST").error = "This address is not in the router's network.";
         if (!usable(last))

@@ -60,6 +60,7 @@ static void change(const form *sent) {
         return;
     }
     end_other_sessions();
+    renew_session();
     snprintf(text, sizeof text, "password changed: %s", session_user());
     send_trap(text);
     print_redirect("/cgi-bin/password?saved=1");

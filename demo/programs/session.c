@@ -100,33 +100,39 @@ static void visit_sessions(int folder, void (*visit)(int folder, const session *
 
 /* The request's own session. */
 
-/* The id in the request's cookies, NAME=VALUE; NAME=VALUE; empty if there is none. */
-static void read_cookie(char id[id_length + 1]) {
+/* Reads the id of a cookie, NAME=VALUE; empty if it is no session's. */
+static void read_cookie(const char *cookie, char id[id_length + 1]) {
     static const char name[] = "session=";
-    const char *at = getenv("HTTP_COOKIE");
+    const size_t name_length = strlen(name);
     *id = '\0';
-    for (at = at ? at : ""; *at; at += strcspn(at, ";")) {
+    if (strncmp(cookie, name, name_length) == 0 && strcspn(cookie + name_length, ";") == id_length)
+        snprintf(id, id_length + 1, "%s", cookie + name_length);
+}
+
+/*
+ * Whatever else is served on the same address can set cookies of this name, too, and have the
+ * browser send them in front. They don't hide the one that is a session's: the first such counts.
+ */
+static session find_own(void) {
+    session found = {.id = ""};
+    const char *at = getenv("HTTP_COOKIE");
+    const int folder = open_folder();
+    for (at = at ? at : ""; *at && !*found.id; at += strcspn(at, ";")) {
+        char id[id_length + 1];
         at += strspn(at, "; ");
-        if (strncmp(at, name, strlen(name)) == 0) {
-            at += strlen(name);
-            if (strcspn(at, ";") == id_length)
-                snprintf(id, id_length + 1, "%s", at);
-            return;
-        }
+        read_cookie(at, id);
+        found = read_session(folder, id);
     }
+    close(folder);
+    return found;
 }
 
 static session *own_session(void) {
     static session own;
     static int is_known;
-    if (!is_known) {
-        char id[id_length + 1];
-        const int folder = open_folder();
-        read_cookie(id);
-        own = read_session(folder, id);
-        close(folder);
-        is_known = 1;
-    }
+    if (!is_known)
+        own = find_own();
+    is_known = 1;
     return &own;
 }
 
@@ -215,7 +221,14 @@ void begin_session(const char *user) {
     if (!make_id(id) || !write_session(folder, id, user))
         refuse("503 Service Unavailable", "No session can be begun.");
     close(folder);
+    memcpy(own_session()->id, id, sizeof id);
+    safe_strncpy(own_session()->user, user, user_size);
     printf("Set-Cookie: session=%s; Path=/; HttpOnly; SameSite=Strict\r\n", id);
+}
+
+void renew_session(void) {
+    const session former = *own_session();
+    begin_session(former.user);
 }
 
 int is_local_path(const char *path) {

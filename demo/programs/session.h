@@ -20,9 +20,12 @@ void extend_session(void);
 
 /**
  * Begins a session and prints the header line with its cookie, which therefore comes in front of
- * the answer's own head. The session that the request came with ends.
+ * the answer's own head. The session that the request came with ends, and this one takes its place.
  */
 void begin_session(const char *user);
+
+/** As begin_session(), for the user of the request's session: whoever knows its number is out. */
+void renew_session(void);
 
 /** Ends the request's session, if there is one, and prints the header line that takes its cookie
  * away. */

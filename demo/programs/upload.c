@@ -6,6 +6,7 @@
 #include "firmware.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -108,6 +109,7 @@ static void take(const prop_file *image) {
 }
 
 int main(void) {
+    signal(SIGPIPE, SIG_IGN); /* who goes away while sending is not there to be answered */
     accept_upload();
     lock_upgrade();
     const boot_state boot = read_boot_state();

@@ -12,6 +12,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import urllib.parse
@@ -87,6 +88,13 @@ def shared_demo():
 def stop_all():
     for demo in list(_running):
         demo.stop()
+
+
+def seconds_of(duration):
+    """The seconds of a time span, from the text that a page shows."""
+    days, hours, minutes, seconds = re.fullmatch(
+        r"(?:(\d+) d )?(\d\d):(\d\d):(\d\d)", duration).groups()
+    return ((int(days or 0) * 24 + int(hours)) * 60 + int(minutes)) * 60 + int(seconds)
 
 
 def process_namespace(pid):
@@ -268,6 +276,16 @@ class Demo:
         path = self.state / "var" / "config" / "dnsmasq.leases"
         lines = path.read_text(errors="surrogateescape").splitlines() if path.exists() else []
         return [line.split(" ") for line in lines if line]
+
+    def lessees(self):
+        """The names of those who have a lease."""
+        return {lease[3] for lease in self.leases()}
+
+    def greet_gateway(self):
+        """Sends the gateway a datagram, which makes the kernel ask for its hardware address."""
+        subprocess.run(self.inside(
+            sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
+            ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
 
     # Requests.
 

@@ -2,27 +2,17 @@
 
 import random
 import time
-import unittest
 import urllib.parse
 
-from device import DEVICE, NETWORK, Demo
+from demo_test import OwnDemoTest
+from device import DEVICE, NETWORK
 
 FORM = "application/x-www-form-urlencoded"
 
 
-class BadRequests(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.stop)
-        cls.factory = cls.demo.files()
-
+class BadRequests(OwnDemoTest):
     def setUp(self):
-        for name, content in self.factory.items():
-            self.demo.file(name).write_bytes(content)
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
+        self.restore_settings()
 
     def assert_untouched(self):
         self.assertEqual(self.demo.files(), self.factory)

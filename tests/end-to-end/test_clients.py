@@ -1,13 +1,10 @@
 """The clients page: the DHCP server's leases and the kernel's neighbours."""
 
-import re
 import subprocess
-import sys
 import time
-import unittest
 
-from browser import Walk
-from device import CLIENT_NAMES, CLIENTS, Element, shared_demo, wait_until
+from demo_test import SharedDemoTest
+from device import CLIENT_NAMES, CLIENTS, Element, seconds_of, wait_until
 
 COLUMNS = ("host", "ip", "mac", "expires")
 
@@ -19,32 +16,18 @@ HOSTILE = [
 ]
 
 
-class ClientsTest(unittest.TestCase):
-    maxDiff = None
-
+class ClientsTest(SharedDemoTest):
     @classmethod
     def setUpClass(cls):
-        cls.demo = shared_demo()
-        if not wait_until(lambda: CLIENT_NAMES <= {lease[3] for lease in cls.demo.leases()}, 60):
+        super().setUpClass()
+        if not wait_until(lambda: CLIENT_NAMES <= cls.demo.lessees(), 60):
             raise AssertionError(f"the clients have not come: {cls.demo.leases()}")
-
-    def setUp(self):
-        self.demo.session = self.demo.log_in()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
 
     def rows(self, table):
         return self.demo.document(CLIENTS)[table]
 
     def page(self, query=""):
         return Element.of_page(self.demo.get(CLIENTS + query).text)
-
-    def seconds(self, expires):
-        """How long is left, from the text that says it."""
-        days, hours, minutes, seconds = re.fullmatch(
-            r"(?:(\d+) d )?(\d\d):(\d\d):(\d\d)", expires).groups()
-        return ((int(days or 0) * 24 + int(hours)) * 60 + int(minutes)) * 60 + int(seconds)
 
     def neighbours(self):
         """The kernel's: IP, MAC and interface of those whose hardware address is known."""
@@ -92,16 +75,14 @@ class Clients(ClientsTest):
                                 for _, mac, ip, host, *_ in before))
         ends = {mac.upper(): int(expiry) for expiry, mac, *_ in before}
         for row in rows:
-            left = self.seconds(row["expires"])
+            left = seconds_of(row["expires"])
             self.assertLessEqual(ends[row["mac"].upper()] - latest - 1, left)
             self.assertLessEqual(left, ends[row["mac"].upper()] - earliest + 1)
 
     def test_neighbours_are_the_kernels(self):
-        # A datagram to the gateway makes the kernel ask for its hardware address.
-        subprocess.run(self.demo.inside(
-            sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
-            ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
+        self.demo.greet_gateway()
         self.assertTrue(wait_until(lambda: "203.0.113.1" in {ip for ip, _, _ in self.neighbours()}))
+
         def same():
             before = self.neighbours()
             rows = self.rows("neighbours")
@@ -247,15 +228,13 @@ class InBrowser(ClientsTest):
     def test_a_click_on_a_heading_sorts_and_another_one_turns_it_round(self):
         for number in (9, 10, 77, 250):
             self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
-        walk = Walk("sort", self.demo)
-        self.addCleanup(walk.stop)
-        seen = walk.result()
+        seen = self.walk("sort").result()
         for column, orders in seen.items():
             for table in ("leases", "neighbours"):
                 first, second = orders[0][table], orders[1][table]
                 key = {"ip": lambda text: [int(part) for part in text.split(".")],
                        "host": lambda text: (not text, text.lower()),
-                       "expires": lambda text: self.seconds(text) if text else -1,
+                       "expires": lambda text: seconds_of(text) if text else -1,
                        }.get(column, str)
                 values = [key(text) for text in first]
                 self.assertEqual(values, sorted(values), (column, table))
@@ -264,8 +243,7 @@ class InBrowser(ClientsTest):
         self.assertIn("192.168.1.9", seen["ip"][0]["neighbours"])
 
     def test_a_client_that_comes_is_shown_without_a_reload_in_the_order_that_was_chosen(self):
-        walk = Walk("clients", self.demo)
-        self.addCleanup(walk.stop)
+        walk = self.walk("clients")
         self.assertEqual(walk.line(), "sorted")
         self.add_neighbour("192.168.1.9", "02:00:00:00:09:09")
         self.add_neighbour("192.168.1.90", "02:00:00:00:90:90")
@@ -277,12 +255,7 @@ class InBrowser(ClientsTest):
     def test_hostile_names_stay_text(self):
         lines = HostileNames.lines(self, HOSTILE)
 
-        def look():
-            walk = Walk("hostile", self.demo, len(lines))
-            self.addCleanup(walk.stop)
-            return walk.result()
-
-        seen = self.with_leases(lines, look)
+        seen = self.with_leases(lines, lambda: self.walk("hostile", len(lines)).result())
         self.assertLessEqual(set(HOSTILE), set(seen["first"]))
         self.assertLessEqual(set(HOSTILE), set(seen["refreshed"]))
         self.assertFalse(seen["hacked"])

@@ -5,9 +5,9 @@ import itertools
 import re
 import threading
 import time
-import unittest
 
-from device import DEVICE, NETWORK, Demo, escaped, wait_until
+from demo_test import OwnDemoTest
+from device import DEVICE, NETWORK, escaped, wait_until
 
 CLIENTS = 50
 REQUESTS = 60  # of each client: 3,000 in all
@@ -29,13 +29,12 @@ OWNED = {
 }
 
 
-class ClientsAtOnce(unittest.TestCase):
+class ClientsAtOnce(OwnDemoTest):
     @classmethod
     def setUpClass(cls):
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.stop)
+        super().setUpClass()
         cls.names = {name: [re.split(rb"[= ]", line)[0] for line in content.splitlines()]
-                     for name, content in cls.demo.files().items()}
+                     for name, content in cls.factory.items()}
 
     def expect(self, holds, what):
         if not holds:

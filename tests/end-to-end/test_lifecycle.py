@@ -5,21 +5,20 @@ import pathlib
 import shutil
 import signal
 import socket
+import stat
 import subprocess
-import tempfile
-import unittest
 
 import device
+from demo_test import Case
 from device import (CLIENT_NAMES, DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, SOURCE, STATUS, Demo,
                     wait_until)
 
 NOBODY = 65534
 
 
-class Lifecycle(unittest.TestCase):
+class Lifecycle(Case):
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.folder = self.make_folder()
         self.state = self.folder / "state"
 
     def run_script(self, *arguments, script=SOURCE / "demo" / "run"):
@@ -91,6 +90,14 @@ class Lifecycle(unittest.TestCase):
             self.assertEqual(list(config.glob("*.cgi")), [])
             self.assertEqual(demo.json(NETWORK)["LAN_ADDRESS"], "192.168.1.1")
 
+    def test_the_state_is_nobody_elses(self):
+        """Neither what stands in it nor its locks, which who can read a file can hold."""
+        self.state.mkdir(mode=0o755)
+        for _ in ("a folder that was there", "a state of before"):
+            self.state.chmod(0o755)
+            with Demo(state=self.state):
+                self.assertEqual(stat.S_IMODE(self.state.stat().st_mode), 0o700)
+
     def test_a_port_in_use_is_said(self):
         with socket.socket() as other:
             other.bind(("127.0.0.1", 0))
@@ -150,8 +157,8 @@ class Lifecycle(unittest.TestCase):
             self.assertTrue(wait_until(lambda: demo.applied()["WLAN"] == "0 Ordinary"))
             shown = {each["name"]: each["ipv4"] for each in demo.document(STATUS)["interfaces"]}
             self.assertEqual((shown["br-lan"], shown["wan0"]), ("192.168.1.1", "203.0.113.2"))
-            self.assertTrue(wait_until(lambda: {lease[3] for lease in demo.leases()} == CLIENT_NAMES,
-                                       60), "the clients have not come")
+            self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60),
+                            "the clients have not come")
             response = demo.post(PASSWORD, {
                 "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
             self.assertEqual(response.status, 303)

@@ -1,44 +1,36 @@
 """Nothing is served without a login, and a login lasts no longer than it should."""
 
 import concurrent.futures
+import contextlib
 import html
 import json
 import os
 import re
 import secrets
 import shutil
+import socket
 import stat
 import time
-import unittest
 import urllib.parse
 
 import device
-from browser import Walk
+from demo_test import SharedDemoTest
 from device import (DEVICE, FACTORY_PASSWORD, LOGIN, LOGOUT, NETWORK, STATUS, STRANGER, UPLOAD, USER,
-                    Page, shared_demo, wait_until)
+                    Page, wait_until)
 
 FORM = "application/x-www-form-urlencoded"
 MULTIPART = "multipart/form-data; boundary=xYzZY"
 UPLOAD_BODY = (b'--xYzZY\r\nContent-Disposition: form-data; name="image"; filename="a.bin"\r\n'
                b"Content-Type: application/octet-stream\r\n\r\nabc\r\n--xYzZY--\r\n")
+LARGEST = 16 * 1024 * 1024
+PIECE = 65536
+# Header lines of who has no session: no cookie, one that is none, one that looks like one.
+FORGED = ("", "Cookie: session=x\r\n", f"Cookie: session={'0' * 64}\r\n")
 MOST_SESSIONS = 16
 IDLE = 15 * 60
 
 
-class LoginTest(unittest.TestCase):
-    maxDiff = None
-
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = shared_demo()
-
-    def setUp(self):
-        # A success makes the device forget the failures of the tests before.
-        self.demo.session = self.demo.log_in()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
-
+class LoginTest(SharedDemoTest):
     def assert_to_login(self, response, path=None):
         """The answer sends to the login, and has nothing else."""
         self.assertEqual(response.status, 303)
@@ -159,6 +151,49 @@ class Strangers(LoginTest):
             pass  # the server has closed the connection before all was sent
         self.assertTrue(wait_until(lambda: not self.demo.programs("/www/cgi-bin/upload")))
 
+    def begin_upload(self, cookie):
+        """Sends the head of an upload of 16 MiB; gives back the connection."""
+        connection = socket.create_connection(("127.0.0.1", self.demo.port), timeout=20)
+        self.addCleanup(connection.close)
+        connection.sendall((
+            f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: {MULTIPART}\r\n{cookie}"
+            f"Content-Length: {LARGEST}\r\n\r\n").encode())
+        return connection
+
+    def test_an_upload_is_refused_before_any_of_it_has_come(self):
+        for cookie in FORGED:
+            with self.subTest(cookie):
+                answer = self.begin_upload(cookie).recv(4096)
+                self.assertTrue(answer.startswith(b"HTTP/1.1 303 "), answer)
+                self.assertIn(b"\r\nLocation: /cgi-bin/login\r\n", answer)
+
+    def test_an_upload_that_is_sent_all_the_same_is_kept_nowhere(self):
+        def used():
+            space = os.statvfs(self.demo.root() / "tmp")
+            return (space.f_blocks - space.f_bfree) * space.f_frsize
+
+        for cookie in FORGED:
+            with self.subTest(cookie):
+                before = used()
+                most = 0
+                connection = self.begin_upload(cookie)
+                with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+                    for _ in range(LARGEST // PIECE - 1):
+                        connection.sendall(bytes(PIECE))
+                        most = max(most, used() - before)
+                self.assertLessEqual(most, PIECE)
+
+    def test_an_upload_in_chunks_is_refused_before_any_of_it_has_come(self):
+        for cookie in FORGED:
+            with self.subTest(cookie):
+                connection = socket.create_connection(("127.0.0.1", self.demo.port), timeout=20)
+                self.addCleanup(connection.close)
+                connection.sendall((
+                    f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: {MULTIPART}\r\n"
+                    f"{cookie}Transfer-Encoding: chunked\r\n\r\n").encode())
+                answer = connection.recv(4096)
+                self.assertIn(answer[:13], (b"HTTP/1.1 303 ", b"HTTP/1.1 411 "))
+
     def test_what_is_public_is_served_and_nothing_beside_it(self):
         public = self.demo.root() / "www/public"
         files = [path for path in public.rglob("*") if path.is_file()]
@@ -225,6 +260,15 @@ class Cookies(LoginTest):
                        f"session2=1; {good}", f"{'x' * 3000}=1; {good}", f"a; {good}", f"=; {good}"):
             self.assertEqual(self.demo.get(NETWORK, Cookie=cookie).status, 200, cookie[:50])
 
+    def test_a_cookie_of_the_same_name_hides_no_session(self):
+        """Who serves something else on the same address can have the browser send one in front."""
+        good = f"session={self.demo.session}"
+        for other in ("session=", "session=x", f"session={'0' * 64}", f"session={secrets.token_hex(32)}",
+                      "session=" + "a" * 3000, "; ".join(["session=x"] * 200)):
+            for cookie in (f"{other}; {good}", f"{good}; {other}", f"{other}; {good}; {other}"):
+                self.assertEqual(self.demo.get(NETWORK, Cookie=cookie).status, 200, cookie[:50])
+            self.assert_refused(f"{other}; {other}")
+
     def test_anything_else_than_a_whole_session_is_refused(self):
         good = self.demo.session
         while not re.search("[a-f]", good) or good == good[::-1]:
@@ -275,6 +319,18 @@ class Cookies(LoginTest):
 
 
 class Sessions(LoginTest):
+    def test_a_login_takes_no_number_that_somebody_else_has_chosen(self):
+        chosen = secrets.token_hex(32)
+        former = self.demo.log_in()
+        for sent in (chosen, former):
+            response = self.demo.post(LOGIN, {"user": USER, "password": FACTORY_PASSWORD},
+                                      {"Cookie": f"session={sent}"})
+            self.assertEqual(response.status, 303)
+            self.assertNotEqual(response.session(), sent)
+            self.assertTrue(self.demo.is_logged_in(response.session()))
+            self.assert_refused(f"session={sent}")
+            self.assertNotIn(sent, self.demo.sessions())
+
     def test_a_logout_ends_the_session_and_no_other(self):
         session = self.demo.log_in()
         cookie = {"Cookie": f"session={session}"}
@@ -375,6 +431,21 @@ class Passwords(LoginTest):
         _, seconds = self.fail_to_log_in()
         self.assertGreaterEqual(seconds, 1)
         self.assertLess(seconds, waits[2], "a success makes the device forget")
+
+    def test_who_hangs_up_waits_all_the_same(self):
+        """The record is the failures in a row, and the time of the clock before which nobody is let in."""
+        record = self.demo.root() / "run/login"
+        body = urllib.parse.urlencode({"user": USER, "password": "a bad guess"})
+        for number in (1, 2, 3):
+            with socket.create_connection(("127.0.0.1", self.demo.port), timeout=20) as connection:
+                connection.sendall((
+                    f"POST {LOGIN} HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: {FORM}\r\n"
+                    f"Content-Length: {len(body)}\r\n\r\n{body}").encode())
+                self.assertTrue(wait_until(lambda: record.read_text().split()[0] == str(number)))
+        until = int(record.read_text().split()[1])
+        self.assertGreater(until, time.monotonic() * 1000, "it is written down before the wait")
+        self.demo.log_in()
+        self.assertGreaterEqual(time.monotonic() * 1000, until)
 
     def test_names_and_passwords_that_are_none(self):
         for user, password in (("root", ""), ("root", "*"), ("root:x", "x"), ("", ""),
@@ -487,9 +558,7 @@ class OtherSites(LoginTest):
 
 class InBrowser(LoginTest):
     def test_in_and_out_again(self):
-        walk = Walk("login", self.demo, logged_in=False)
-        self.addCleanup(walk.stop)
-        seen = walk.result()
+        seen = self.walk("login", logged_in=False).result()
         self.assertTrue(seen["reason"])
         self.assertTrue(seen["at"][0].endswith(DEVICE), "where one wanted to go")
         self.assertLessEqual(set(device.PAGES), set(seen["at"]))

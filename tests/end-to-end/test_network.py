@@ -1,15 +1,11 @@
 """The device's own network: what it has, who is in it, and that it stays there."""
 
 import json
-import pathlib
-import shutil
+import re
 import subprocess
-import sys
-import tempfile
-import unittest
 
+from demo_test import OwnDemoTest
 from device import CLIENT_NAMES, CLIENTS, DEVICE, NETWORK, STATUS, Demo, wait_until
-
 
 
 def machine(*arguments):
@@ -18,25 +14,15 @@ def machine(*arguments):
                                      text=True).stdout or "[]")
 
 
-class DeviceNetwork(unittest.TestCase):
-    maxDiff = None
-
+class DeviceNetwork(OwnDemoTest):
     @classmethod
     def setUpClass(cls):
         cls.before = cls.names_of_the_machine()
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.stop)
+        super().setUpClass()
 
     @staticmethod
     def names_of_the_machine():
         return sorted(each["ifname"] for each in machine("link", "show"))
-
-    def setUp(self):
-        if not hasattr(type(self), "factory"):
-            type(self).factory = self.demo.files()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
 
     def link(self, name):
         link, = self.demo.ip("address", "show", "dev", name)
@@ -47,10 +33,7 @@ class DeviceNetwork(unittest.TestCase):
                 if each["scope"] == scope}
 
     def wait_for_clients(self):
-        self.assertTrue(wait_until(lambda: self.known() == CLIENT_NAMES, 60), self.demo.leases())
-
-    def known(self):
-        return {lease[3] for lease in self.demo.leases()}
+        self.assertTrue(wait_until(lambda: self.demo.lessees() == CLIENT_NAMES, 60), self.demo.leases())
 
     def test_the_machine_has_none_of_it(self):
         self.assertEqual(self.names_of_the_machine(), self.before)
@@ -70,10 +53,7 @@ class DeviceNetwork(unittest.TestCase):
     def test_the_gateway_answers(self):
         route, = self.demo.ip("-4", "route", "show", "default")
         self.assertEqual((route["gateway"], route["dev"]), ("203.0.113.1", "wan0"))
-        # A datagram to it makes the kernel ask for its hardware address.
-        subprocess.run(self.demo.inside(
-            sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
-            ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
+        self.demo.greet_gateway()
         self.assertTrue(wait_until(lambda: any(
             "lladdr" in each for each in self.demo.ip("neighbor", "show", "203.0.113.1"))))
 
@@ -109,29 +89,70 @@ class DeviceNetwork(unittest.TestCase):
         self.assertTrue(wait_until(
             lambda: self.addresses("br-lan") == {"192.168.1.1/24", "2001:db8:1::1/64"}))
 
+    def apply_lan(self, **settings):
+        """Has the configuration client apply a file that was written by hand, past the page that would
+        refuse it; gives back what it says that it has applied."""
+        text = self.factory["lan.conf"].decode()
+        for name, value in settings.items():
+            text = re.sub(f'^{name}=.*$', lambda _: f'{name}="{value}"', text, flags=re.M)
+        file = self.demo.file("lan.conf")
+        self.addCleanup(file.write_bytes, self.factory["lan.conf"])
+        file.write_text(text)
+        runs = int(self.demo.applied()["RUNS"])
+        self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
+        self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) > runs))
+        return self.demo.applied()
+
     def test_an_impossible_address_leaves_the_bridge_as_it_was(self):
-        """Written into the file by hand, past the page that would refuse it."""
+        """And is not said to have been applied."""
         for address, netmask in (("300.1.1.1", "255.255.255.0"), ("", ""), ("192.168.1.1; reboot", "x"),
                                  ("192.168.1.7", "255.0.255.0"), ("-h", "-h"), ("127.0.0.1", "0.0.0.0")):
-            file = self.demo.file("lan.conf")
-            text = self.factory["lan.conf"].decode()
-            self.addCleanup(file.write_bytes, self.factory["lan.conf"])
-            file.write_text(text.replace('LAN_ADDRESS="192.168.1.1"', f'LAN_ADDRESS="{address}"')
-                            .replace('LAN_NETMASK="255.255.255.0"', f'LAN_NETMASK="{netmask}"'))
-            runs = int(self.demo.applied()["RUNS"])
-            self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
-            self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) > runs))
+            applied = self.apply_lan(LAN_ADDRESS=address, LAN_NETMASK=netmask)
             self.assertEqual(self.addresses("br-lan"), {"192.168.1.1/24", "2001:db8:1::1/64"}, address)
+            self.assertEqual(applied["LAN"], "192.168.1.1 255.255.255.0", address)
             self.assertEqual(self.demo.get(STATUS).status, 200)
 
+    def test_an_address_is_applied_before_it_is_said_to_be(self):
+        for address, netmask, prefix in (("172.16.5.9", "255.240.0.0", 12),
+                                         ("192.168.1.7", "255.255.255.252", 30),
+                                         ("192.168.1.1", "255.255.255.0", 24)):
+            applied = self.apply_lan(LAN_ADDRESS=address, LAN_NETMASK=netmask)
+            self.assertEqual(applied["LAN"], f"{address} {netmask}")
+            self.assertIn(f"{address}/{prefix}", self.addresses("br-lan"))
+
+    def test_an_impossible_range_leaves_the_one_in_use(self):
+        """And is not said to have been applied."""
+        usual = "192.168.1.100 192.168.1.199 12h"
+        self.assertEqual(self.apply_lan()["DHCP"], usual)
+        for first, last in (("300.1.1.1", "192.168.1.199"), ("192.168.1.100", "192.168.2.199"),
+                            ("", ""), ("x,y", "z")):
+            self.assertEqual(self.apply_lan(DHCP_FIRST=first, DHCP_LAST=last)["DHCP"], usual, first)
+            self.assertEqual((self.demo.root() / "run/dnsmasq.conf").read_text(),
+                             "domain=lan\ndhcp-range=192.168.1.100,192.168.1.199,255.255.255.0,12h\n")
+        self.assertEqual(self.apply_lan(DHCP_ENABLED="0")["DHCP"], "off")
+        self.assertEqual(self.apply_lan()["DHCP"], usual)
+
+    def test_a_device_that_starts_with_impossible_settings_says_that_it_has_none(self):
+        state = self.make_folder() / "state"
+        with Demo(state=state) as demo:
+            file = demo.file("lan.conf")
+        text = file.read_text()
+        file.write_text(text.replace("192.168.1", "300.168.1"))
+        with Demo(state=state) as demo:
+            self.assertEqual((demo.applied()["LAN"], demo.applied()["DHCP"]), ("none", "off"))
+            link, = demo.ip("-4", "address", "show", "dev", "br-lan") or [{"addr_info": []}]
+            self.assertEqual(link.get("addr_info", []), [])
+            file.write_text(text)
+            self.assertEqual(demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
+            self.assertTrue(wait_until(lambda: (demo.applied()["LAN"], demo.applied()["DHCP"]) == (
+                "192.168.1.1 255.255.255.0", "192.168.1.100 192.168.1.199 12h")))
+            self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60))
+
     def test_the_leases_survive_a_restart(self):
-        folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
-        with Demo(state=folder / "state") as demo:
-            self.assertTrue(wait_until(
-                lambda: {lease[3] for lease in demo.leases()} == CLIENT_NAMES, 60))
+        state = self.make_folder() / "state"
+        with Demo(state=state) as demo:
+            self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60))
             leases = {lease[1]: lease[2] for lease in demo.leases()}
-        with Demo(state=folder / "state") as demo:
-            self.assertTrue(wait_until(
-                lambda: {lease[3] for lease in demo.leases()} == CLIENT_NAMES, 60))
+        with Demo(state=state) as demo:
+            self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60))
             self.assertEqual({lease[1]: lease[2] for lease in demo.leases()}, leases)

@@ -2,9 +2,9 @@
 
 import json
 import re
-import unittest
 
-from device import DEVICE, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD, Demo
+from demo_test import OwnDemoTest
+from device import DEVICE, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD
 
 LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLED": "0",
        "DHCP_FIRST": "10.20.28.10", "DHCP_LAST": "10.20.29.200", "DHCP_LEASE": "72"}
@@ -16,15 +16,7 @@ NETWORK_SETTINGS = {**LAN, **WIRELESS, "DOMAIN": GLOBAL["DOMAIN"], "COUNTRY": GL
 DEVICE_SETTINGS = {name: GLOBAL[name] for name in ("HOST_NAME", "DESCRIPTION", "CONTACT")}
 
 
-class Pages(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.stop)
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
-
+class Pages(OwnDemoTest):
     def setUp(self):
         self.write("lan.conf", LAN, '{}="{}"')
         self.write("wireless.conf", WIRELESS, '{}="{}"')
@@ -108,6 +100,21 @@ class Pages(unittest.TestCase):
             self.assertEqual(headers["X-Content-Type-Options"], "nosniff")
             self.assertEqual(headers["Referrer-Policy"], "same-origin")
         self.assertEqual(self.demo.get(NETWORK).headers["Cache-Control"], "no-store")
+
+    def test_an_error_of_the_web_server_says_what_it_is_and_not_who_says_it(self):
+        for request, status in (
+                ("GET /nothing HTTP/1.1", 404), ("GET /cgi-bin/ HTTP/1.1", 403), ("GET", 400),
+                (f"POST {NETWORK} HTTP/1.1", 411),
+                (f"POST {NETWORK} HTTP/1.1\r\nContent-Length: 66000", 413),
+                (f"POST {UPLOAD} HTTP/1.1\r\nContent-Length: 17000000", 413)):
+            with self.subTest(request):
+                head, _, body = self.demo.raw(
+                    f"{request}\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n".encode()
+                ).decode().partition("\r\n\r\n")
+                self.assertRegex(head, rf"^HTTP/1\.[01] {status} ")
+                self.assertRegex(head, r"\r\nContent-Type: text/html")
+                self.assertNotIn("lighttpd", head + body)
+                self.assertTrue(body.endswith("</html>\n"))
 
     def test_head_has_no_body(self):
         response = self.demo.request("HEAD", NETWORK)

@@ -2,34 +2,30 @@
 
 import pathlib
 import re
-import shutil
 import stat
-import tempfile
-import unittest
 
-from browser import Walk
+from demo_test import Case, OwnDemoTest
 from device import FACTORY_PASSWORD, PASSWORD, STATUS, STRANGER, USER, Demo, Page
 
 SHORTEST, LONGEST = 8, 63
 
 
-class PasswordTest(unittest.TestCase):
-    maxDiff = None
+class PasswordTest(OwnDemoTest):
+    arguments = ("--no-pause",)
 
     @classmethod
     def setUpClass(cls):
-        cls.demo = Demo("--no-pause")
-        cls.addClassCleanup(cls.demo.stop)
+        super().setUpClass()
         cls.path = cls.demo.root() / "etc/shadow"
-        cls.factory = cls.path.read_bytes()
+        cls.accounts = cls.path.read_bytes()
 
     def setUp(self):
         """Begins with the factory's password, without a failure before it."""
-        self.path.write_bytes(self.factory)
+        self.path.write_bytes(self.accounts)
         self.demo.session = self.demo.log_in()
 
     def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
+        super().tearDown()
         root = self.demo.root()
         for path in (root / "tmp", pathlib.Path("/tmp")):
             self.assertFalse((path / ".chpwd.txt").is_symlink() or (path / ".chpwd.txt").exists())
@@ -39,8 +35,12 @@ class PasswordTest(unittest.TestCase):
         return lines[user].split(":")[0]
 
     def send(self, old, new, again=None, **headers):
-        return self.demo.post(PASSWORD, {
+        """Sends the form, and takes the cookie that comes back as a browser does."""
+        response = self.demo.post(PASSWORD, {
             "old": old, "new": new, "again": new if again is None else again}, headers)
+        if response.headers["Set-Cookie"]:
+            self.demo.session = response.session()
+        return response
 
     def change(self, old, new):
         """Changes the password, and sees that the new one is the only one that opens."""
@@ -64,7 +64,7 @@ class PasswordTest(unittest.TestCase):
         self.assertIn('id="password"', response.text)
         self.assertTrue(re.search(r'(role="alert"|class="error"|class="message")[^>]*>[^<]',
                                   response.text))
-        self.assertEqual(self.path.read_bytes(), self.factory)
+        self.assertEqual(self.path.read_bytes(), self.accounts)
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
 
@@ -95,8 +95,9 @@ class Change(PasswordTest):
                 self.demo.log_in(password=new)
                 old = new
 
-    def test_a_session_elsewhere_ends_and_ones_own_goes_on(self):
-        others = [self.demo.log_in() for _ in range(3)]
+    def test_a_session_elsewhere_ends_and_ones_own_goes_on_under_another_number(self):
+        """Who has come to know the number of this session is out as well."""
+        others = [self.demo.session, *(self.demo.log_in() for _ in range(3))]
         self.assertEqual(self.send(FACTORY_PASSWORD, "another one").status, 303)
         for session in others:
             self.assertFalse(self.demo.is_logged_in(session))
@@ -133,7 +134,7 @@ class Change(PasswordTest):
                      f"old={FACTORY_PASSWORD}&new&again"):
             response = self.demo.post(PASSWORD, body)
             self.assertIn(response.status, (400, 403, 422), body[:30])
-            self.assertEqual(self.path.read_bytes(), self.factory)
+            self.assertEqual(self.path.read_bytes(), self.accounts)
             self.demo.log_in()
 
     def test_a_stranger_and_another_site_change_nothing(self):
@@ -142,7 +143,7 @@ class Change(PasswordTest):
         for origin in ("http://evil.example", "null"):
             response = self.send(FACTORY_PASSWORD, "another one", Origin=origin)
             self.assertEqual(response.status, 403)
-        self.assertEqual(self.path.read_bytes(), self.factory)
+        self.assertEqual(self.path.read_bytes(), self.accounts)
 
     def test_a_field_does_not_choose_another_user(self):
         root = self.entry("root")
@@ -171,25 +172,22 @@ class Change(PasswordTest):
 
 class InBrowser(PasswordTest):
     def test_a_change_by_hand(self):
-        walk = Walk("password", self.demo, FACTORY_PASSWORD, "quite another one")
-        self.addCleanup(walk.stop)
-        seen = walk.result()
+        seen = self.walk("password", FACTORY_PASSWORD, "quite another one").result()
         self.assertTrue(seen["reason"])
         self.assertTrue(seen["at"].endswith(STATUS))
         self.demo.log_in(password="quite another one")
 
 
-class AfterAChange(unittest.TestCase):
+class AfterAChange(Case):
     def test_a_password_survives_a_restart_and_a_reset_undoes_it(self):
-        folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        state = self.make_folder() / "state"
         new = "kept for long"
-        with Demo(state=folder / "state") as demo:
+        with Demo(state=state) as demo:
             session = demo.session
             response = demo.post(PASSWORD, {"old": FACTORY_PASSWORD, "new": new, "again": new})
             self.assertEqual(response.status, 303)
-        with Demo(state=folder / "state", password=new) as demo:
+        with Demo(state=state, password=new) as demo:
             self.assertFalse(demo.is_logged_in(session), "a session ends with the device")
             self.assertTrue(demo.is_logged_in(demo.session))
-        with Demo("--reset", state=folder / "state") as demo:
+        with Demo("--reset", state=state) as demo:
             self.assertTrue(demo.is_logged_in(demo.session))

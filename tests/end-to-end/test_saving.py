@@ -3,9 +3,9 @@
 import fcntl
 import stat
 import time
-import unittest
 
-from device import DEVICE, NETWORK, Demo, Page, escaped, wait_until
+from demo_test import OwnDemoTest
+from device import DEVICE, NETWORK, Page, escaped, wait_until
 
 # name: page, file, separator, a value that differs from the factory's
 SETTINGS = {
@@ -62,21 +62,9 @@ INVALID = {
 }
 
 
-class Saving(unittest.TestCase):
-    maxDiff = None
-
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = Demo()
-        cls.addClassCleanup(cls.demo.stop)
-        cls.factory = cls.demo.files()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
-
+class Saving(OwnDemoTest):
     def setUp(self):
-        for name, content in self.factory.items():
-            self.demo.file(name).write_bytes(content)
+        self.restore_settings()
 
     def save(self, path, fields):
         response = self.demo.post(path, fields)
@@ -99,7 +87,7 @@ class Saving(unittest.TestCase):
     def test_each_setting_alone(self):
         for name, (path, file, separator, value) in SETTINGS.items():
             with self.subTest(name):
-                self.setUp()
+                self.restore_settings()
                 old = self.demo.setting(name, file, separator)
                 self.save(path, {name: value})
                 self.assert_stored(name, value)
@@ -190,11 +178,17 @@ class Saving(unittest.TestCase):
                 ({"LAN_ADDRESS": "10.0.0.1"}, "DHCP_FIRST"),
                 ({"LAN_NETMASK": "255.255.255.128"}, "DHCP_LAST"),
                 ({"DHCP_FIRST": "192.168.1.150", "DHCP_LAST": "192.168.1.149"}, "DHCP_LAST"),
-                ({"LAN_ADDRESS": "192.168.1.0"}, "LAN_ADDRESS")):
+                ({"LAN_ADDRESS": "192.168.1.0"}, "LAN_ADDRESS"),
+                ({"LAN_ADDRESS": "203.0.113.129", "LAN_NETMASK": "255.255.255.128",
+                  "DHCP_FIRST": "203.0.113.130", "DHCP_LAST": "203.0.113.200"}, "LAN_ADDRESS"),
+                ({"LAN_ADDRESS": "203.0.1.1", "LAN_NETMASK": "255.255.0.0",
+                  "DHCP_FIRST": "203.0.1.2", "DHCP_LAST": "203.0.1.9"}, "LAN_ADDRESS")):
             response = self.demo.post(NETWORK, fields)
             self.assertEqual(response.status, 422, fields)
             self.assertIn(name, Page(response.text).errors, fields)
         self.assertEqual(self.demo.files(), self.factory)
+        self.save(NETWORK, {"LAN_ADDRESS": "203.0.112.1", "LAN_NETMASK": "255.255.255.0",
+                            "DHCP_FIRST": "203.0.112.2", "DHCP_LAST": "203.0.112.9"})
         self.save(NETWORK, {"LAN_ADDRESS": "10.0.0.1", "LAN_NETMASK": "255.0.0.0",
                             "DHCP_FIRST": "10.0.0.2", "DHCP_LAST": "10.255.255.254"})
 

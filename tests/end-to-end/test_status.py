@@ -3,27 +3,14 @@
 import ipaddress
 import re
 import time
-import unittest
 
-from browser import Walk
-from device import LOGIN, STATUS, STRANGER, UPGRADE, Element, shared_demo, wait_until
+from demo_test import SharedDemoTest
+from device import CLIENTS, LOGIN, STATUS, STRANGER, UPGRADE, Element, seconds_of, wait_until
 
 INTERFACES = {"br-lan", "wan0", "wlan0"}
 
 
-class Status(unittest.TestCase):
-    maxDiff = None
-
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = shared_demo()
-
-    def setUp(self):
-        self.demo.session = self.demo.log_in()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
-
+class Status(SharedDemoTest):
     def shown(self):
         """The interfaces in the JSON, by name."""
         return {each["name"]: each for each in self.demo.document(STATUS)["interfaces"]}
@@ -76,6 +63,20 @@ class Status(unittest.TestCase):
             self.assertEqual(row | {"mac": row["mac"].upper()}, self.kernels()["wlan0"])
         self.assertEqual(self.shown()["wlan0"]["netmask"], "255.255.255.224")
 
+    def test_a_hostile_name_of_an_interface_is_shown_as_it_is(self):
+        for name in ("<b>&\"'$name", "'><i>$title", "\\\\u0041\\\"}"):
+            with self.subTest(name):
+                self.demo.ip("link", "add", name, "type", "bridge")
+                self.addCleanup(self.demo.ip, "link", "del", name)
+                self.assertIn(name, self.shown())
+                for path in (STATUS, CLIENTS):
+                    text = self.demo.get(path).text
+                    self.assertIsNone(re.search("<[bi]>", text))
+                    self.assertIsNone(re.search(r"\$\w", text))
+                    self.assertTrue(text.endswith("</html>\n"))
+                rows = Element.of_page(self.demo.get(STATUS).text).by_id("interfaces").rows()
+                self.assertIn((name, name), [(row["name"], row["data-name"]) for row in rows])
+
     def test_the_gateway_is_that_of_the_routes(self):
         route, = [each for each in self.demo.ip("-4", "route", "show", "default")
                   if each["dev"] == "wan0"]
@@ -98,9 +99,7 @@ class Status(unittest.TestCase):
 
     def test_the_uptime_is_the_clocks(self):
         before = int(time.monotonic())
-        days, hours, minutes, seconds = re.fullmatch(
-            r"(?:(\d+) d )?(\d\d):(\d\d):(\d\d)", self.system()["uptime"]).groups()
-        shown = ((int(days or 0) * 24 + int(hours)) * 60 + int(minutes)) * 60 + int(seconds)
+        shown = seconds_of(self.system()["uptime"])
         self.assertLessEqual(before, shown)
         self.assertLessEqual(shown, int(time.monotonic()))
 
@@ -133,8 +132,7 @@ class Status(unittest.TestCase):
     def test_the_browser_shows_a_change_without_a_reload(self):
         """And goes to the login when the session has ended."""
         before = self.shown()["wlan0"]["mac"]
-        walk = Walk("status", self.demo)
-        self.addCleanup(walk.stop)
+        walk = self.walk("status")
         self.addCleanup(self.demo.ip, "link", "set", "wlan0", "address", before)
         self.addCleanup(self.demo.ip, "address", "flush", "dev", "wlan0")
         self.assertEqual(walk.line(), "shown")

@@ -4,10 +4,10 @@ import re
 import struct
 import subprocess
 import sys
-import unittest
 
-from device import (DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE, UPLOAD, USER, Demo,
-                    Element, wait_until)
+from demo_test import OwnDemoTest
+from device import (DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE, UPLOAD, USER, Element,
+                    wait_until)
 from test_upgrade import multipart, part
 from upgrade_image import Image
 
@@ -23,13 +23,8 @@ while True:
 """
 
 
-class Traps(unittest.TestCase):
-    maxDiff = None
-
-    @classmethod
-    def setUpClass(cls):
-        cls.demo = Demo("--no-pause")
-        cls.addClassCleanup(cls.demo.stop)
+class Traps(OwnDemoTest):
+    arguments = ("--no-pause",)
 
     def setUp(self):
         self.demo.session = self.demo.log_in()
@@ -39,9 +34,6 @@ class Traps(unittest.TestCase):
         self.addCleanup(self.listener.communicate)
         self.addCleanup(self.listener.kill)
         self.assertEqual(self.listener.stdout.readline(), "listening\n")
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
 
     def heard(self):
         """The text of the next trap, whose form has to be right."""
@@ -91,6 +83,7 @@ class Traps(unittest.TestCase):
         response = self.demo.post(PASSWORD, {
             "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
         self.assertEqual(response.status, 303)
+        self.demo.session = response.session()
         self.assert_told(f"password changed: {USER}")
         self.assertNotIn("another one", "".join(self.log()))
 

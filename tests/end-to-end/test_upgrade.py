@@ -4,20 +4,18 @@ import contextlib
 import html
 import http.client
 import os
-import pathlib
 import re
 import shutil
 import signal
 import struct
 import subprocess
-import tempfile
 import threading
 import time
-import unittest
 import zlib
 
 import device
 import upgrade_image
+from demo_test import DemoTest
 from device import NETWORK, SOURCE, UPGRADE, UPLOAD, Demo, wait_until
 from upgrade_image import Image, content, large_image, section, signed, version_section
 
@@ -48,22 +46,18 @@ def variables(image):
     return dict(entry.decode().split("=", 1) for entry in entries)
 
 
-class UpgradeTest(unittest.TestCase):
+class UpgradeTest(DemoTest):
     """A device that has just left the factory, for each test."""
 
     pause = "--no-pause"
     options = {}
 
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.folder = self.make_folder()
         self.demo = Demo(*([self.pause] if self.pause else []), state=self.folder / "state",
                          **self.options)
         self.addCleanup(self.demo.stop)
         self.factory = self.flash()
-
-    def tearDown(self):
-        self.assertEqual(self.demo.crashes(), [])
 
     def flash(self, numbers=range(9)):
         return {number: self.demo.flash(number).read_bytes() for number in numbers}
@@ -452,6 +446,20 @@ class Refusals(UpgradeTest):
             self.assertEqual(self.flash(), self.factory)
             self.assertEqual(self.curl(UPGRADE)[0], 200)
 
+    def test_a_version_that_looks_like_html(self):
+        """The image says it of itself, and is staged, shown and booted all the same."""
+        version = "<b>x</b>$title'\"&amp;"
+        self.assertEqual(self.upload(Image(version, 99, 99).bytes())[0], 303)
+        self.write_staged()
+        for path in (UPGRADE, UPGRADE + "?x=1"):
+            text = self.curl(path)[1]
+            self.assertNotIn("<b>x", text)
+            self.assertIsNone(re.search(r"\$[a-z]", text))
+            self.assertIn(">&lt;b&gt;x&lt;/b&gt;&#36;title&#39;&quot;&amp;amp;<", text)
+        self.assertEqual(self.state()["VERSION_B"], version)
+        self.restart()
+        self.assert_set("B", "B", version)
+
     def test_names_of_files(self):
         image = Image("Corvel R1 2.0.0", 99, 99).bytes()
         for name, shown in (("<script>alert(1)</script>", "script>"), ("../../etc/passwd", "passwd"),
@@ -509,8 +517,7 @@ class ReadOnlyFlash(UpgradeTest):
     """A device with a partition that can't be written."""
 
     def setUp(self):
-        folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+        folder = self.make_folder()
         (folder / "demo").mkdir()
         script = folder / "demo" / "run"
         shutil.copy(SOURCE / "demo" / "packages", folder / "demo")
@@ -540,9 +547,11 @@ class AtOnce(UpgradeTest):
     def test_one_upload_at_a_time_and_a_pause_before_a_large_one(self):
         times = []
 
+        large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
+
         def first():
             start = time.monotonic()
-            result = self.send(multipart(part(Image("Corvel R1 2.0.0", 99_000, 99).bytes())))
+            result = self.send(large)
             times.append((result.status, time.monotonic() - start))
 
         small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))

@@ -3,18 +3,12 @@
 import os
 import signal
 
-from browser import Walk
-from device import wait_until
+from device import LOGIN, wait_until
 from test_upgrade import RUNNING_A, UpgradeTest
 from upgrade_image import Image, large_image
 
 
 class InBrowser(UpgradeTest):
-    def walk(self, name, *arguments, **environment):
-        walk = Walk(name, self.demo, *arguments, **environment)
-        self.addCleanup(walk.stop)
-        return walk
-
     def file(self, name, data):
         path = self.folder / name
         path.write_bytes(data)
@@ -66,6 +60,12 @@ class InBrowser(UpgradeTest):
     def test_a_file_that_is_too_large_is_not_sent(self):
         self.assertIn("larger than 16 MiB", self.walk(
             "tooLarge", self.file("large.bin", bytes(16 * 1024 * 1024 + 1))).result())
+
+    def test_an_image_that_is_sent_when_the_session_has_ended_leads_to_the_login(self):
+        image = self.file("a.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
+        for name in ("ended", "endedWithoutScripts"):
+            self.assertIn(LOGIN, self.walk(name, image).result(), name)
+        self.assert_untouched()
 
     def test_without_scripts(self):
         image = self.file("a.bin", Image("Corvel R1 2.0.0").bytes())

@@ -160,12 +160,11 @@ function sendImage(form) {
   const error = document.getElementById('error-image');
   const controls = form.querySelectorAll('input, button');
   const request = new XMLHttpRequest();
-  request.upload.addEventListener('progress', (event) => {
-    const percent = Math.floor(100 * event.loaded / event.total);
-    showProgress(bar, label, `Uploading: ${percent} %`, percent);
-  });
-  request.upload.addEventListener('load', () =>
-    showProgress(bar, label, 'Checking. For a large image the router first pauses for ten seconds.'));
+  const uploading = (percent) => showProgress(bar, label,
+    `Uploading: ${percent} %. Before a large image the router pauses for ten seconds.`, percent);
+  request.upload.addEventListener('progress', (event) =>
+    uploading(Math.floor(100 * event.loaded / event.total)));
+  request.upload.addEventListener('load', () => showProgress(bar, label, 'Checking.'));
   request.addEventListener('load', () => {
     if (new URL(request.responseURL).pathname === '/cgi-bin/login') toLogin();
     else show(request.responseText, '/cgi-bin/upgrade');
@@ -180,7 +179,7 @@ function sendImage(form) {
   for (const each of controls) each.disabled = true;
   error.textContent = '';
   bar.parentElement.hidden = false;
-  showProgress(bar, label, 'Uploading: 0 %', 0);
+  uploading(0);
 }
 
 // Asks for the state again and again until a visitor of it has seen enough.
