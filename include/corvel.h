@@ -1217,7 +1217,8 @@ CORVEL_API char *HexStrip2mac(const char *text, char *out);
  * Prints the number that a file begins with, with six decimal places; 0.010000 if there is none.
  *
  * @param path the file; may be null.
- * @param out  receives the text, cut to fit. Untouched if the file can't be read.
+ * @param out  receives the text, cut to fit. Untouched if the file can't be opened or
+ *             is a folder.
  * @param size the bytes at @p out.
  * @return @p out.
  */
@@ -1299,7 +1300,7 @@ CORVEL_API char *getHWaddr0(const char *ifname, char *out);
  * @param out      receives the text, cut to fit; 16 bytes suffice for IPv4, 64 for IPv6. "::" if
  *                 the IPv6 address does not fit.
  * @param len      the bytes at @p out; nothing is written for 0 or less. Four of them are never
- * used for the prefix length.
+ *                 used for the prefix length.
  * @return @p out.
  */
 CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, int len);
@@ -1408,9 +1409,10 @@ CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
  * be the one before. Otherwise, if a process named dnsmasq runs, /var/config/dnsmasq.leases is read
  * with get_dnsmasq_leases().
  *
- * @param head the address of a null pointer; receives the list.
- * If /proc can't be opened it dies; see find_pid_by_name().
+ * dnsmasq is looked for with app_isrun(): where it does not run, a few bytes are never freed, and
+ * where /proc can't be opened, the program dies.
  *
+ * @param head the address of a null pointer; receives the list.
  * @return what the reader returns; 0 if no server runs.
  */
 CORVEL_API int get_leases(lease_entry **head);
@@ -1576,7 +1578,7 @@ CORVEL_API int is_runing(const char *name);
  * Reads a process id from a file; that the process lives is not checked.
  *
  * @return the number that the file begins with, 0 if it does not begin with one; -1 if the file
- *         can't be read.
+ *         can't be opened or is a folder.
  */
 CORVEL_API int getPid(const char *path);
 

@@ -132,8 +132,9 @@ int recorded_process(const char *path) {
     const Descriptor file = open_for_reading(path);
     if (!file)
         return -1;
-    char block[pid_line_length];
-    return decimal_value(first_line(start_of(file, block)));
+    LineReader reader(file.get(), pid_line_length);
+    Line line;
+    return reader.next(line) ? decimal_value(line.text()) : 0;
 }
 
 } // namespace corvel

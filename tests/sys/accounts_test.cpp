@@ -45,6 +45,8 @@ unsigned long shadow_look_ups;
 std::size_t shadow_room;
 
 bool crypt_fails;
+/** The answer is the salt, of whatever kind. */
+bool crypt_echoes;
 std::string last_salt;
 
 /** Takes the place of writev(). */
@@ -77,6 +79,8 @@ extern "C" char *crypt(const char *password, const char *salt) C_LIBRARY_NOEXCEP
     static auto *const next =
         corvel_test::next_definition<char *(const char *, const char *)>("crypt");
     last_salt = salt;
+    if (crypt_echoes)
+        return last_salt.data();
     return crypt_fails ? nullptr : next(password, salt);
 }
 
@@ -119,6 +123,12 @@ const std::vector<Account> further_accounts = {
                       "XeKvlWpneTDR8VWE.MxDZd3Gh/MvFNru/gA"},
     {"sha1", "$sha1$20$abcdefgh$jW7ZFKj19wQJZ1q8Bnf2tpUFIabZ"},
     {"nt", "$3$$87ee0af454a9cb8d90d24196068637a8"},
+    {"scrypt", "$7$0/..../....abcdefgh$KioOUQpuvyQrt6/z19NmFa8QicCeWqyXIj.zVE.RMVB"},
+    {"sun-md5", "$md5,rounds=10$abcdefgh$$MKB55atLeIC2S5Mlf0eXU1"},
+    {"blowfish-a", "$2a$04$CCCCCCCCCCCCCCCCCCCCC.M.JZM2tZUe85sR83hfk5p2NZ0IVXwXe"},
+    {"blowfish-x", "$2x$04$CCCCCCCCCCCCCCCCCCCCC.M.JZM2tZUe85sR83hfk5p2NZ0IVXwXe"},
+    {"blowfish-y", "$2y$04$CCCCCCCCCCCCCCCCCCCCC.M.JZM2tZUe85sR83hfk5p2NZ0IVXwXe"},
+    {"long-traditional", "arS2vnuG5puYwk3OMWsvT54s"},
 };
 
 constexpr const char *password = "Hello world!";
@@ -150,7 +160,8 @@ TEST(LoginAuth, ChecksHashesOfEveryMethod) {
     std::vector<Account> all = accounts;
     for (const Account &account : further_accounts) {
         const char *const result = crypt(password, account.hash.c_str());
-        if (result != nullptr && std::string_view(result).starts_with(account.hash.substr(0, 3)))
+        if (result != nullptr && std::strlen(result) == account.hash.size() &&
+            std::string_view(result).starts_with(account.hash.substr(0, 3)))
             all.push_back(account);
     }
     in_private_root([&all] {
@@ -266,6 +277,20 @@ TEST(LoginAuth, RefusesAShadowEntryThatIsNoHash) {
                 EXPECT_EQ(login_with("x", stored, word), -1) << stored << " and " << word;
             EXPECT_EQ(login_with("x", stored, stored), -1) << stored;
         }
+    });
+}
+
+TEST(LoginAuth, RefusesALockedShadowEntryThatTheCLibraryAnswersWith) {
+    in_private_root([] {
+        crypt_echoes = true;
+        EXPECT_EQ(login_with("x", "x"), 0);
+        EXPECT_EQ(login_with("x", hash), 0);
+        for (const std::string stored : {"", "*", "*0", "*1", "!", "!!", "!x"}) {
+            EXPECT_EQ(login_with("x", stored), -1) << stored;
+            EXPECT_EQ(login_with("x", stored, ""), -1) << stored;
+        }
+        EXPECT_EQ(login_with("x", "!"s + hash), -1);
+        EXPECT_EQ(login_with("x", "*"s + hash), -1);
     });
 }
 
@@ -528,12 +553,13 @@ TEST(LoginChpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
         EXPECT_EQ(capture_stdout([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
         EXPECT_EQ(capture_stderr([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
         EXPECT_EQ(open_descriptors().size(), open_before);
-        EXPECT_GE(for_each_allocation_failure([](AllocationTrial &trial) {
-                      const int result = trial.run([] { return login_chpwd("admin", "secret"); });
-                      EXPECT_FALSE(exists(password_file));
-                      EXPECT_TRUE(trial.failed() || result == 0);
-                  }),
-                  0U);
+        // The library itself needs no memory; where starting or hearing the command does, it is
+        // either run or not.
+        for_each_allocation_failure([](AllocationTrial &trial) {
+            const int result = trial.run([] { return login_chpwd("admin", "secret"); });
+            EXPECT_FALSE(exists(password_file));
+            EXPECT_TRUE(result == 0 || (trial.failed() && result == 122)) << result;
+        });
         EXPECT_EQ(open_descriptors().size(), open_before);
     });
 }

@@ -314,6 +314,10 @@ TEST(MyGetpwuid, WritesTheNumberOrDiesWhereThereIsNoUser) {
         char buffer[16] = "";
         EXPECT_EQ(my_getpwuid(buffer, 12345, 16), nullptr);
         EXPECT_STREQ(buffer, "12345");
+        EXPECT_EQ(my_getpwuid(buffer, 1234567890, 16), nullptr);
+        EXPECT_STREQ(buffer, "1234567890");
+        EXPECT_EQ(my_getpwuid(buffer, -1, 16), nullptr);
+        EXPECT_STREQ(buffer, "-1");
         EXPECT_EQ(my_getpwuid(buffer, 12345, 4), nullptr);
         EXPECT_STREQ(buffer, "123");
         EXPECT_EQ(my_getpwuid(buffer, 12345, 0), nullptr);

@@ -10,6 +10,7 @@
 #include "support/temporary_folder.h"
 #include "sys/named_process.h"
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -19,8 +20,12 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
+#include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -105,6 +110,34 @@ class Copy {
 
   private:
     pid_t id_;
+};
+
+/** A folder of the test's own in the place of /proc, which holds what no kernel shows. */
+class OwnProc {
+  public:
+    OwnProc() {
+        fs::create_directory(folder_);
+        if (mount(folder_.c_str(), "/proc", nullptr, MS_BIND, nullptr) != 0)
+            throw std::system_error(errno, std::generic_category(), "mount on /proc");
+    }
+    OwnProc(const OwnProc &) = delete;
+    OwnProc &operator=(const OwnProc &) = delete;
+    ~OwnProc() { umount2("/proc", MNT_DETACH); }
+
+    void hold_status(const std::string &entry, std::string_view text) const {
+        hold(entry, "status", text);
+    }
+    void hold_command_line(const std::string &entry, std::string_view text) const {
+        hold(entry, "cmdline", text);
+    }
+
+  private:
+    void hold(const std::string &entry, const std::string &name, std::string_view text) const {
+        fs::create_directory(folder_ + "/" + entry);
+        write_file(folder_ + "/" + entry + "/" + name, text);
+    }
+
+    const std::string folder_ = "/tmp/proc";
 };
 
 // read_cmdline
@@ -319,6 +352,94 @@ TEST(FindPidByName, PassesOverWhatCannotBeOpenedOrReadWithoutAMessage) {
     }
 }
 
+TEST(FindPidByName, PassesOverEntriesThatDoNotBeginWithADigit) {
+    in_private_root([] {
+        const OwnProc proc;
+        for (const char *entry : {"self", "x8", ".8", "-8", "+8", " 8"})
+            proc.hold_status(entry, "Name:\tserver\n");
+        // What their names are as numbers.
+        for (const char *entry : {"0", "4294967288"})
+            proc.hold_command_line(entry, "server");
+        proc.hold_command_line("8", "server");
+        EXPECT_EQ(processes_named("server"), nobody);
+        proc.hold_status("8", "Name:\tserver\n");
+        EXPECT_EQ(processes_named("server"), (std::vector<int>{8, 0}));
+    });
+}
+
+TEST(FindPidByName, ReadsAnEntrysNumberInTheBaseThatItIsWrittenIn) {
+    in_private_root([] {
+        const OwnProc proc;
+        for (const char *entry : {"8", "31", "12"})
+            proc.hold_command_line(entry, "server");
+        const std::pair<const char *, int> entries[] = {{"010", 8}, {"0x1f", 31}, {"12nd", 12}};
+        for (const auto &[entry, number] : entries) {
+            proc.hold_status(entry, "Name:\tserver\n");
+            EXPECT_EQ(processes_named("server"), (std::vector<int>{number, 0}));
+            fs::remove_all("/proc/"s + entry);
+        }
+        EXPECT_EQ(processes_named("server"), nobody);
+    });
+}
+
+TEST(FindPidByName, TakesTheSecondWordOfAStatusFilesFirstLine) {
+    in_private_root([] {
+        const OwnProc proc;
+        proc.hold_command_line("8", "server");
+        for (const char *status : {"Name:\tserver\nUmask:\t0022\n", "Name: server",
+                                   "x\v server y\n", " \t Name:  server\r\n", "server server\n"}) {
+            proc.hold_status("8", status);
+            EXPECT_EQ(processes_named("server"), (std::vector<int>{8, 0})) << status;
+        }
+        for (const std::string &status :
+             {""s, "\n"s, "server\n"s, "Name:\nserver\n"s, "Name:server\n"s, "\nName:\tserver\n"s,
+              "Name:\tother\nName:\tserver\n"s, "Name: my server\n"s, "Name:\0 server\n"s,
+              "Name: ser\0ver\n"s}) {
+            proc.hold_status("8", status);
+            EXPECT_EQ(processes_named("server"), nobody) << status;
+        }
+    });
+}
+
+TEST(FindPidByName, Reads48CharactersOfAStatusFilesFirstLine) {
+    in_private_root([] {
+        const OwnProc proc;
+        proc.hold_command_line("8", "server");
+        const std::vector<int> found = {8, 0};
+        for (std::size_t length = 40; length < 52; ++length) {
+            proc.hold_status("8", "Name:" + std::string(length - 11, ' ') + "server\n");
+            EXPECT_EQ(processes_named("server"), length <= 48 ? found : nobody) << length;
+            EXPECT_EQ(processes_named("serve"), length == 49 ? found : nobody) << length;
+        }
+    });
+}
+
+TEST(FindPidByName, LooksForTheNameAnywhereInTheCommandLine) {
+    in_private_root([] {
+        const OwnProc proc;
+        proc.hold_status("8", "Name:\tserver\n");
+        const std::vector<int> found = {8, 0};
+        for (const std::string &line :
+             {"server"s, "start\0server\0"s, "\0server"s, "a\0b\0/sbin/server-1\0"s}) {
+            proc.hold_command_line("8", line);
+            EXPECT_EQ(processes_named("server"), found) << line;
+        }
+        for (const std::string &line : {""s, "ser\0ver\0"s, "SERVER"s, "serve"s}) {
+            proc.hold_command_line("8", line);
+            EXPECT_EQ(processes_named("server"), nobody) << line;
+        }
+        // Not even no name stands in a command line that is empty.
+        proc.hold_status("8", "Name:\t\n");
+        proc.hold_command_line("8", "");
+        EXPECT_EQ(processes_named(""), nobody);
+        // A name that the kernel cuts may go on over several words.
+        proc.hold_status("8", "Name:\ta23456789012345\n");
+        proc.hold_command_line("8", "a23456789012345\0-x\0"s);
+        EXPECT_EQ(processes_named("a23456789012345 -x "), found);
+        EXPECT_EQ(processes_named("a23456789012345 -y"), nobody);
+    });
+}
+
 TEST(FindPidByName, FindsHundredsAndLeavesNothingOpen) {
     in_private_root([] {
         std::vector<NamedProcess> processes;
@@ -499,6 +620,18 @@ TEST(GetPid, ReadsNothingAsZero) {
 TEST(GetPid, ReadsTheFirstLineOnly) {
     EXPECT_EQ(pid_in_file("\n1234\n"), 0);
     EXPECT_EQ(pid_in_file("12\n34\n"), 12);
+}
+
+TEST(GetPid, WaitsForNothingBehindTheFirstLine) {
+    const TemporaryFolder folder;
+    const std::string path = folder.path("pid");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int writer = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(write(writer, "1234\n", 5), 5);
+    alarm(20);
+    EXPECT_EQ(getPid(path.c_str()), 1234);
+    alarm(0);
+    close(writer);
 }
 
 TEST(GetPid, Reads99CharactersOfALine) {
