@@ -9,6 +9,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
@@ -269,6 +270,12 @@ TEST(Hex2Ascii, UndoesAscii2Hex) {
     }
 }
 
+TEST(Hex2Ascii, TakesNullForAnEmptyText) {
+    const FencedRoom room(1, '\0');
+    EXPECT_EQ(hex2ascii(nullptr, room.start()), room.start());
+    EXPECT_EQ(room.bytes(), "\0"s);
+}
+
 struct Bytes {
     int result;
     std::string bytes;
@@ -336,6 +343,13 @@ TEST(Str2Byte, ReadsNothingBehindTheEndOfTheText) {
     EXPECT_EQ(strict("", 200), (Bytes{-1, std::string(100, '#')}));
 }
 
+TEST(Str2Byte, TakesNullForAnEmptyText) {
+    const FencedRoom room(2);
+    EXPECT_EQ(str2byte(nullptr, 4, room.bytes_start()), -1);
+    EXPECT_EQ(str2byte(nullptr, 0, room.bytes_start()), 0);
+    EXPECT_EQ(room.bytes(), "##");
+}
+
 TEST(Str2Byte, TakesANegativeLengthForZero) {
     for (const int length : {-1, -2, -3, INT_MIN})
         EXPECT_EQ(strict("0102", length), (Bytes{0, ""})) << length;
@@ -391,6 +405,12 @@ TEST(Ascii2Mac, RefusesATextThatHasNotTwelveCharacters) {
     EXPECT_EQ(mac_of("00:11:22:33:44:55"), (Mac{1, "######"}));
 }
 
+TEST(Ascii2Mac, TakesNullForAnEmptyText) {
+    const FencedRoom room(6);
+    EXPECT_EQ(ascii2mac(nullptr, room.bytes_start()), 1U);
+    EXPECT_EQ(room.bytes(), "######");
+}
+
 TEST(Ascii2Mac, ChecksNoDigits) {
     EXPECT_EQ(mac_of("0Z1122334455"), (Mac{1, "\xFF\x11\x22\x33\x44\x55"}));
     EXPECT_EQ(mac_of("Z01122334455"), (Mac{0, "\xF0\x11\x22\x33\x44\x55"}));
@@ -428,6 +448,13 @@ TEST(IwPrEther, UsesOneBufferForAllCalls) {
     EXPECT_STREQ(first, "01:01:01:01:01:01");
     EXPECT_EQ(iw_pr_ether(two), first);
     EXPECT_STREQ(first, "02:02:02:02:02:02");
+}
+
+TEST(IwPrEther, PrintsIntoABufferOf64BytesThatMayBeWrittenTo) {
+    const unsigned char mac[6] = {1, 2, 3, 4, 5, 6};
+    // A sanitizer sees where the buffer ends.
+    std::memset(iw_pr_ether(mac), '#', 64);
+    EXPECT_STREQ(iw_pr_ether(mac), "01:02:03:04:05:06");
 }
 
 TEST(In2Str, PrintsANumber) {
@@ -492,6 +519,12 @@ TEST(Mac2HexStrip, TakesWhatIsMissingForNul) {
     }
 }
 
+TEST(Mac2HexStrip, TakesNullForAnEmptyText) {
+    const FencedRoom room(13);
+    EXPECT_EQ(mac2hexStrip(nullptr, room.start()), room.start());
+    EXPECT_EQ(room.bytes(), std::string(13, '\0'));
+}
+
 TEST(Mac2HexStrip, WorksInPlace) {
     char text[] = "00:1a:2b:3c:4d:5e";
     EXPECT_EQ(mac2hexStrip(text, text), text);
@@ -544,6 +577,12 @@ TEST(HexStrip2Mac, WritesNoTerminator) {
     char text[19] = "##################";
     HexStrip2mac("001A2B3C4D5E", text);
     EXPECT_STREQ(text, "00:1A:2B:3C:4D:5E#");
+}
+
+TEST(HexStrip2Mac, TakesNullForAnEmptyText) {
+    const FencedRoom room(0);
+    EXPECT_EQ(HexStrip2mac(nullptr, room.start()), room.start());
+    EXPECT_TRUE(room.front_is_intact());
 }
 
 TEST(HexStrip2Mac, TakesATextOfAnyLength) {
@@ -605,6 +644,20 @@ TEST(GetValFromFile, KeepsSinglePrecision) {
     EXPECT_EQ(number_in("100000.3"), "100000.296875");
 }
 
+TEST(GetValFromFile, TakesEveryNumberThatAFormatTakes) {
+    EXPECT_EQ(number_in("0x1P4"), "16.000000");
+    EXPECT_EQ(number_in("-Inf"), "-inf");
+    EXPECT_EQ(number_in("nan"), "nan");
+    EXPECT_EQ(number_in("3.4028235E+38"), "340282346638528859811704183484516925440.000000");
+    EXPECT_EQ(number_in("1e39"), "inf");
+    EXPECT_EQ(number_in("-1e-60"), "-0.000000");
+}
+
+TEST(GetValFromFile, TakesANumberOfAnyLength) {
+    EXPECT_EQ(number_in(std::string(20000, '0') + "7.5"), "7.500000");
+    EXPECT_EQ(number_in("0." + std::string(20000, '0') + "1e20001"), "1.000000");
+}
+
 TEST(GetValFromFile, PrintsAHundredthWhereThereIsNoNumber) {
     EXPECT_EQ(number_in("abc"), "0.010000");
     EXPECT_EQ(number_in(""), "0.010000");
@@ -612,6 +665,11 @@ TEST(GetValFromFile, PrintsAHundredthWhereThereIsNoNumber) {
     EXPECT_EQ(number_in("x 5"), "0.010000");
     EXPECT_EQ(number_in("\0"s + "5"), "0.010000");
     EXPECT_EQ(number_in("-"), "0.010000");
+}
+
+TEST(GetValFromFile, PrintsAHundredthWhereAFileThatIsOpenCannotBeRead) {
+    // Nothing is mapped at the start of a process's memory.
+    EXPECT_EQ(left_by("/proc/self/mem"), "0.010000");
 }
 
 TEST(GetValFromFile, CutsTheTextToFit) {
@@ -754,6 +812,14 @@ TEST(NameBuilders, TakeTheSuffixAsItIs) {
     expect_names(1, 2, "1", "2", "%s%n%d");
     expect_names(1, 2, "1", "2", "lower_case } {\xE9\xFF");
     expect_names(1, 2, "1", "2", std::string(400, 'K'));
+}
+
+TEST(NameBuilders, TakeNullForAnEmptySuffix) {
+    char out[32];
+    EXPECT_STREQ(gen_radio_key(1, nullptr, out), "{WIFI1_}");
+    EXPECT_STREQ(gen_radio_key0(1, nullptr, out), "WIFI1_");
+    EXPECT_STREQ(gen_wlan_key(1, 2, nullptr, out), "{WIFI1_WLAN2_}");
+    EXPECT_STREQ(gen_wlan_key0(1, 2, nullptr, out), "WIFI1_WLAN2_");
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "net/fail_ioctl.h"
 #include "net/fenced.h"
 #include "net/network.h"
+#include "net/random_tables.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
@@ -16,17 +17,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <memory>
 #include <net/if_arp.h>
 #include <ostream>
-#include <random>
 #include <string>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <vector>
 
 namespace {
 
@@ -240,7 +239,45 @@ TEST(InterfaceAddress, DoesNotExistForANameThatNoInterfaceHas) {
         expect_not_to_exist("/");
         expect_not_to_exist("%s%n");
         expect_not_to_exist("\xFF\x80");
+    });
+}
+
+TEST(InterfaceAddress, DoesNotExistWithoutAName) {
+    in_private_root([] {
+        for (const unsigned selector : all_selectors) {
+            const FencedRoom result(16);
+            EXPECT_EQ(getInAddr(nullptr, selector, result.start()), 0) << selector;
+            EXPECT_EQ(result.bytes(), nothing.bytes) << selector;
+        }
         expect_no_address_but_texts(nullptr);
+    });
+}
+
+TEST(InterfaceAddress, IsKnownForNamesOfUnusualCharacters) {
+    in_private_root([] {
+        for (const std::string name : {"br-lan", "0", "wan_#1@x", "\xE9t\xE9"}) {
+            add_cable(name, "far0");
+            ip("address add 10.0.0.1/24 dev " + name);
+            ip("-6 address add 2001:db8::1/64 dev " + name + " nodad");
+            EXPECT_EQ(text_of(name.c_str(), ipv4_address), "10.0.0.1") << name;
+            EXPECT_EQ(text_of(name.c_str(), ipv6_address), "2001:db8::1/64") << name;
+            ip("link delete " + name);
+        }
+    });
+}
+
+TEST(InterfaceAddress, OfALabelIsTheIpv4AddressThatHasIt) {
+    in_private_root([] {
+        add_cable("eth0", "far0");
+        ip("link set eth0 address 02:1a:2b:fc:80:09");
+        ip("address add 10.0.0.1/24 dev eth0");
+        ip("address add 172.16.0.9/12 dev eth0 label eth0:1");
+        ip("-6 address add 2001:db8::1/64 dev eth0 nodad");
+        EXPECT_EQ(text_of("eth0:1", ipv4_address), "172.16.0.9");
+        EXPECT_EQ(text_of("eth0:1", ipv4_netmask), "255.240.0.0");
+        EXPECT_EQ(mac_of("eth0:1"), "02:1A:2B:FC:80:09");
+        EXPECT_EQ(text_of("eth0:1", ipv6_address), "::");
+        EXPECT_EQ(text_of("eth0", ipv4_address), "10.0.0.1");
     });
 }
 
@@ -305,18 +342,33 @@ TEST(InterfaceAddress, IsNotWrittenToABufferOfNoBytes) {
     });
 }
 
-TEST(InterfaceAddress, PrintsNothing) {
+void expect_silence(const std::function<void()> &body) {
+    const RecordSyslog log;
+    EXPECT_EQ(capture_stdout(body), "");
+    EXPECT_EQ(capture_stderr(body), "");
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST(InterfaceAddress, PrintsAndLogsNothing) {
     in_private_root([] {
         const auto ask_for_all = [] {
-            for (const unsigned selector : all_selectors) {
-                ask("lo", selector);
-                text_of("lo", selector);
-                text_of("eth7", selector);
+            for (const char *name : {"lo", "eth7", static_cast<const char *>(nullptr)}) {
+                for (const unsigned selector : all_selectors)
+                    text_of(name, selector);
+                mac_of(name);
+                stripped_mac_of(name);
             }
-            mac_of("eth7");
         };
-        EXPECT_EQ(capture_stdout(ask_for_all), "");
-        EXPECT_EQ(capture_stderr(ask_for_all), "");
+        expect_silence(ask_for_all);
+        const OwnTable table("if_inet6");
+        table.be_missing();
+        expect_silence(ask_for_all);
+        table.hold("junk\n");
+        expect_silence(ask_for_all);
+        expect_silence([&] {
+            const DescriptorsLeft none(0);
+            ask_for_all();
+        });
     });
 }
 
@@ -416,6 +468,15 @@ TEST(Ipv6Table, HoldsPrefixLengthsUpTo128) {
     });
 }
 
+TEST(Ipv6Table, IsSearchedNoFurtherThanAPrefixLengthOfZero) {
+    in_private_root([] {
+        const OwnTable table("if_inet6");
+        table.hold(line(one, "02 00 00 80", "lo") + line(two, global, "lo"));
+        EXPECT_EQ(ask("lo", ipv6_address), sixteen(0, "2001:db8::1"));
+        EXPECT_EQ(text_of("lo", ipv6_address), "::");
+    });
+}
+
 TEST(Ipv6Table, MayHoldUpperCaseDigitsTabsAndMoreBlanks) {
     in_private_root([] {
         const OwnTable table("if_inet6");
@@ -454,6 +515,10 @@ TEST(Ipv6Table, IsSearchedBehindALineThatIsNone) {
               line(one, "02 zz 00 80", "lo"),
               line(one, "zz 40 00 80", "lo"),
               line(one, "02 40 00 zz", "lo"),
+              line(one, "- 40 00 80", "lo"),
+              line(one, "02 - 00 80", "lo"),
+              line(one, "02 40 - 80", "lo"),
+              line(one, "02 40 00 -", "lo"),
               line(one, global, ""),
               line(one + "0", global, "lo"),
               line(one.substr(1), global, "lo"),
@@ -556,6 +621,24 @@ TEST(Ipv6Table, GivesAnAddressThatIsCutToFit) {
     });
 }
 
+TEST(Ipv6Table, GivesAnAddressInItsShortSpelling) {
+    in_private_root([] {
+        const OwnTable table("if_inet6");
+        const struct {
+            std::string digits;
+            std::string address;
+        } samples[] = {{"20010db8000000010000000000000001", "2001:db8:0:1::1"},
+                       {"20010db8000000000001000000000001", "2001:db8::1:0:0:1"},
+                       {"20010db8000000000000000000000000", "2001:db8::"},
+                       {"00000000000000000000ffffc0a801fe", "::ffff:192.168.1.254"},
+                       {"20010db80a0b0c0d00e0f00000100abc", "2001:db8:a0b:c0d:e0:f000:10:abc"}};
+        for (const auto &sample : samples) {
+            table.hold(line(sample.digits, global, "lo"));
+            EXPECT_EQ(text_of("lo", ipv6_address), sample.address + "/64");
+        }
+    });
+}
+
 /** What a reader with scanf() finds. */
 Answer expected_of(const std::string &path, const std::string &interface) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "r"),
@@ -579,48 +662,34 @@ Answer expected_of(const std::string &path, const std::string &interface) {
     return nothing;
 }
 
-class RandomTable {
-  public:
-    /** A line of the table, or, rarely, one in which a word is something else. */
-    std::string next() {
-        std::string digits(32, '0');
-        for (char &digit : digits)
-            digit = "0123456789abcdef"[number(16)];
-        const std::string names[] = {"lo", "lo2", "l", "eth0", "lo.1", "LO"};
-        std::vector<std::string> words = {digits,   hex(0x7fffffff),
-                                          hex(129), number(4) == 0 ? hex(16) : hex(256),
-                                          hex(256), names[number(std::size(names))]};
-        if (number(4) == 0)
-            words[number(5)] = "zz" + std::string(number(20), 'x');
-        if (number(8) == 0)
-            words.resize(number(words.size()));
-        if (number(8) == 0)
-            words.emplace_back("more");
-        std::string text;
-        for (const std::string &word : words)
-            text += word + std::string(1 + number(3), number(4) == 0 ? '\t' : ' ');
-        return text + "\n";
-    }
-    unsigned number(std::size_t below) { return static_cast<unsigned>(engine_() % below); }
-
-  private:
-    std::string hex(unsigned below) {
+/** The words of a line of the table, or, rarely, of one in which something else is. */
+Words words_of_a_line(RandomTables &random) {
+    const auto hex = [&random](unsigned below) {
         char text[16];
-        std::snprintf(text, sizeof text, "%02x", number(below));
-        return text;
-    }
-
-    std::mt19937 engine_{6};
-};
+        std::snprintf(text, sizeof text, "%02x", random.number(below));
+        return std::string(text);
+    };
+    std::string digits(32, '0');
+    for (char &digit : digits)
+        digit = "0123456789abcdef"[random.number(16)];
+    Words words = {digits,   hex(0x7fffffff),
+                   hex(129), random.number(4) == 0 ? hex(16) : hex(256),
+                   hex(256), random.one_of({"lo", "lo2", "l", "eth0", "lo.1", "LO"})};
+    if (random.number(4) == 0)
+        words[random.number(5)] = "zz" + std::string(random.number(20), 'x');
+    if (random.number(8) == 0)
+        words.resize(random.number(words.size()));
+    if (random.number(8) == 0)
+        words.emplace_back("more");
+    return words;
+}
 
 TEST(Ipv6Table, IsReadAsAFormatReadsIt) {
     in_private_root([] {
         const OwnTable table("if_inet6");
-        RandomTable random;
+        RandomTables random(6);
         for (int round = 0; round < 1000; ++round) {
-            std::string text;
-            for (unsigned lines = random.number(20); lines != 0; --lines)
-                text += random.next();
+            const std::string text = random.table_of(words_of_a_line);
             table.hold(text);
             ASSERT_EQ(ask("lo", ipv6_address), expected_of("/proc/net/if_inet6", "lo")) << text;
         }
@@ -630,13 +699,7 @@ TEST(Ipv6Table, IsReadAsAFormatReadsIt) {
 TEST(Ipv6Table, IsFoundToEndWhateverItHolds) {
     in_private_root([] {
         const OwnTable table("if_inet6");
-        std::mt19937 engine(66);
-        std::string noise;
-        for (int count = 0; count < 10000; ++count) {
-            for (unsigned length = static_cast<unsigned>(engine() % 80); length != 0; --length)
-                noise += static_cast<char>(engine() % 256);
-            noise += '\n';
-        }
+        const std::string noise = RandomTables(66).noise();
         table.hold(noise);
         EXPECT_EQ(ask("lo", ipv6_address), nothing);
         table.hold(noise + line(two, global, "lo"));

@@ -4,6 +4,7 @@
 #include "net/descriptors.h"
 #include "net/fenced.h"
 #include "net/network.h"
+#include "net/random_tables.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
@@ -21,7 +22,6 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -168,6 +168,16 @@ TEST(Gateway, IsNoneWithoutAName) {
     });
 }
 
+TEST(Gateway, IsLeftAloneWithoutAName) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        std::uint32_t found = 7;
+        EXPECT_EQ(getDefaultRoute(nullptr, &found), 0);
+        EXPECT_EQ(found, 7U);
+    });
+}
+
 TEST(Gateway, IsSoughtWithoutAWord) {
     in_private_root([] {
         add_two_interfaces();
@@ -285,6 +295,21 @@ TEST(RoutingTable, MayHoldLongWords) {
     });
 }
 
+TEST(RoutingTable, HoldsGatewaysOf128Characters) {
+    in_private_root([] {
+        const OwnTable table("route");
+        const auto read = [&table](const std::string &gateway_text) {
+            table.hold("eth0 0 " + gateway_text + " 3 0 0 0 0 0 0 0\n");
+            return gateway("eth0");
+        };
+        const std::string zeros(120, '0');
+        EXPECT_EQ(read(zeros + kernel_hex("1.2.3.4")), "1.2.3.4");
+        // The digits behind are cut off, and shift no word.
+        EXPECT_EQ(read(zeros + kernel_hex("1.2.3.4") + "567"), "1.2.3.4");
+        EXPECT_EQ(read(zeros + std::string(8, '0') + kernel_hex("1.2.3.4")), "0.0.0.0");
+    });
+}
+
 TEST(RoutingTable, GivesZeroForAGatewayThatIsNoNumber) {
     in_private_root([] {
         const OwnTable table("route");
@@ -300,8 +325,10 @@ TEST(RoutingTable, HoldsNumbersOf32Bits) {
             table.hold("eth0 00000000 " + gateway_text + " " + flags + " 0 0 0 00000000 0 0 0\n");
             return gateway("eth0");
         };
-        for (const char *largest : {"ffffffff", "1FFFFFFFF", "123456789abcdef0123456789", "-1"})
+        for (const char *largest :
+             {"ffffffff", "1FFFFFFFF", "123456789abcdef0123456789", "-1", "-ffffffff0"})
             EXPECT_EQ(read(largest, "3"), "255.255.255.255") << largest;
+        EXPECT_EQ(read("-ffffffff", "3"), read("1", "3"));
         EXPECT_EQ(read("0x" + kernel_hex("1.2.3.4"), "0x3"), "1.2.3.4");
         EXPECT_EQ(read("+" + kernel_hex("1.2.3.4") + "zz", "0X00000000003"), "1.2.3.4");
         EXPECT_EQ(read(kernel_hex("1.2.3.4"), "-d"), "1.2.3.4");
@@ -381,6 +408,30 @@ TEST(RoutingTable, MustBeThere) {
     });
 }
 
+TEST(RoutingTable, IsMissedWhateverTheNameIs) {
+    in_private_root([] {
+        const OwnTable table("route");
+        table.be_missing();
+        for (const std::string &name : {""s, "no such"s, std::string(100, 'e')})
+            EXPECT_EQ(capture_stdout([&] {
+                          std::uint32_t found = 7;
+                          EXPECT_EQ(getDefaultRoute(name.c_str(), &found), 0);
+                      }),
+                      open_error)
+                << name;
+    });
+}
+
+TEST(RoutingTable, IsNotOpenedForTheTextOfNoName) {
+    in_private_root([] {
+        const OwnTable table("route");
+        table.be_missing();
+        char out[16];
+        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(getDefGw(nullptr, out), out); }), "");
+        EXPECT_STREQ(out, "0.0.0.0");
+    });
+}
+
 TEST(RoutingTable, MayHoldNuls) {
     in_private_root([] {
         const OwnTable table("route");
@@ -397,13 +448,7 @@ TEST(RoutingTable, MayHoldNuls) {
 TEST(RoutingTable, IsFoundToEndWhateverItHolds) {
     in_private_root([] {
         const OwnTable table("route");
-        std::mt19937 engine(64);
-        std::string noise;
-        for (int count = 0; count < 10000; ++count) {
-            for (unsigned length = static_cast<unsigned>(engine() % 100); length != 0; --length)
-                noise += static_cast<char>(engine() % 256);
-            noise += '\n';
-        }
+        const std::string noise = RandomTables(64).noise();
         expect_passed_over(table, noise);
     });
 }
@@ -430,57 +475,44 @@ std::string expected_of(const std::string &path, const std::string &interface) {
     return "";
 }
 
-class RandomTable {
-  public:
-    std::string next() {
-        const std::string names[] = {"lo", "eth0", "eth0.1", "eth", "abcdefghijklmno"};
-        std::vector<std::string> words = {names[number(std::size(names))],
-                                          hex(),
-                                          hex(),
-                                          std::to_string(number(8)),
-                                          decimal(),
-                                          decimal(),
-                                          decimal(),
-                                          hex(),
-                                          decimal(),
-                                          decimal(),
-                                          decimal()};
-        if (number(3) == 0)
-            words[number(words.size())] = junk();
-        if (number(8) == 0)
-            words.resize(number(words.size()));
-        std::string text;
-        for (const std::string &word : words)
-            text += word + std::string(1 + number(3), number(2) == 0 ? '\t' : ' ');
-        return text + "\n";
-    }
-    unsigned number(std::size_t below) { return static_cast<unsigned>(engine_() % below); }
-
-  private:
-    std::string hex() {
+/** The words of a line of the table, or of one in which something else is. */
+Words words_of_a_line(RandomTables &random) {
+    const auto hex = [&random] {
         char text[16];
-        std::snprintf(text, sizeof text, "%08X", static_cast<unsigned>(engine_()));
-        return text;
+        std::snprintf(text, sizeof text, "%08X", random.number());
+        return std::string(text);
+    };
+    const auto decimal = [&random] {
+        return std::to_string(static_cast<int>(random.number()));
+    };
+    Words words = {random.one_of({"lo", "eth0", "eth0.1", "eth", "abcdefghijklmno"}),
+                   hex(),
+                   hex(),
+                   std::to_string(random.number(8)),
+                   decimal(),
+                   decimal(),
+                   decimal(),
+                   hex(),
+                   decimal(),
+                   decimal(),
+                   decimal()};
+    if (random.number(3) == 0) {
+        std::string junk(1 + random.number(14), '\0');
+        for (char &character : junk)
+            character = "0123zxXaF-+.\xFF*%"[random.number(15)];
+        words[random.number(words.size())] = junk;
     }
-    std::string decimal() { return std::to_string(static_cast<int>(engine_())); }
-    std::string junk() {
-        std::string text(1 + number(14), '\0');
-        for (char &character : text)
-            character = "0123zxXaF-+.\xFF*%"[number(15)];
-        return text;
-    }
-
-    std::mt19937 engine_{63};
-};
+    if (random.number(8) == 0)
+        words.resize(random.number(words.size()));
+    return words;
+}
 
 TEST(RoutingTable, IsReadAsAFormatReadsIt) {
     in_private_root([] {
         const OwnTable table("route");
-        RandomTable random;
+        RandomTables random(63);
         for (int round = 0; round < 1000; ++round) {
-            std::string text;
-            for (unsigned lines = random.number(20); lines != 0; --lines)
-                text += random.next();
+            const std::string text = random.table_of(words_of_a_line);
             table.hold(text);
             ASSERT_EQ(gateway("eth0"), expected_of("/proc/self/net/route", "eth0")) << text;
         }
@@ -725,6 +757,9 @@ TEST(RoutesAndDns, AllocateNothing) {
         const CountCalls allocations(call_allocation);
         get_dns(out);
         getDefaultRoute("eth0", &found);
+        getDefGw("eth0", out);
+        std::remove("/etc/resolv.conf");
+        get_dns(out);
         EXPECT_EQ(allocations.count(), 0U);
     });
 }
