@@ -4,17 +4,16 @@
 #include "net/descriptors.h"
 #include "net/fenced.h"
 #include "net/network.h"
+#include "net/random_tables.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <memory>
 #include <ostream>
 #include <random>
@@ -460,52 +459,39 @@ Records expected_of(const std::string &path, const std::string &interface) {
     return records;
 }
 
-class RandomTable {
-  public:
-    std::string next() {
-        const std::string flags[] = {"0x0", "0x2", "0x6", "0x2", "0x00000002", "0x4"};
-        const std::string macs[] = {mac_of(number(9)),   mac_of(number(9)),
-                                    mac_of(number(9)),   "*",
-                                    "aa-bb-cc-dd-ee-ff", "AA:BB:CC:DD:EE:FF:01"};
-        const std::string devices[] = {"eth0", "eth0.1", "eth", "-"};
-        std::vector<std::string> words = {"10.0.0." + std::to_string(number(256)),
-                                          number(9) == 0 ? "0x2fb" : "0x1",
-                                          flags[number(std::size(flags))],
-                                          macs[number(std::size(macs))],
-                                          "*",
-                                          devices[number(std::size(devices))]};
-        if (number(12) == 0)
-            words[number(words.size())] = junk();
-        if (number(12) == 0)
-            words.resize(4 + number(2));
-        if (number(100) == 0)
-            words.resize(number(4));
-        std::string text;
-        for (const std::string &word : words)
-            text += word + std::string(1 + number(3), number(2) == 0 ? '\t' : ' ');
-        return text + (number(30) == 0 ? "" : "\n");
+/** The words of a line of the table, some of them missing or something else. */
+Words words_of_a_line(RandomTables &random) {
+    Words words = {
+        "10.0.0." + std::to_string(random.number(256)),
+        random.number(9) == 0 ? "0x2fb" : "0x1",
+        random.one_of({"0x0", "0x2", "0x6", "0x2", "0x00000002", "0x4"}),
+        random.one_of({mac_of(random.number(9)), mac_of(random.number(9)), mac_of(random.number(9)),
+                       "*", "aa-bb-cc-dd-ee-ff", "AA:BB:CC:DD:EE:FF:01"}),
+        "*",
+        random.one_of({"eth0", "eth0.1", "eth", "-"})};
+    if (random.number(12) == 0) {
+        std::string junk(1 + random.number(8), '\0');
+        for (char &character : junk)
+            character = "0123xxXaF-+z\xFF*%"[random.number(15)];
+        words[random.number(words.size())] = random.number(2) == 0 ? junk : "0x" + junk;
     }
-    unsigned number(std::size_t below) { return static_cast<unsigned>(engine_() % below); }
-
-  private:
-    std::string junk() {
-        std::string text(1 + number(8), '\0');
-        for (char &character : text)
-            character = "0123xxXaF-+z\xFF*%"[number(15)];
-        return number(2) == 0 ? text : "0x" + text;
-    }
-
-    std::mt19937 engine_{68};
-};
+    if (random.number(12) == 0)
+        words.resize(4 + random.number(2));
+    if (random.number(100) == 0)
+        words.resize(random.number(4));
+    return words;
+}
 
 TEST(NeighbourTable, IsReadAsAFormatReadsIt) {
     in_private_root([] {
         const OwnTable table("arp");
-        RandomTable random;
+        RandomTables random(68);
         for (int round = 0; round < 1500; ++round) {
-            std::string text = heading;
-            for (unsigned lines = random.number(25); lines != 0; --lines)
-                text += random.next();
+            std::string text = random.table_of(words_of_a_line);
+            std::erase_if(text, [&random](char character) {
+                return character == '\n' && random.number(30) == 0;
+            });
+            text.insert(0, heading);
             table.hold(text);
             for (const char *interface : {"", "eth0", "-"})
                 ASSERT_EQ(neighbours(interface), expected_of("/proc/net/arp", interface)) << text;
