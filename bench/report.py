@@ -261,7 +261,7 @@ def print_system_calls(search):
     """A process that its short name rules out costs three: opening, reading and closing a file."""
     calls, processes = int(search["system calls"]), int(search["processes"])
     rest = calls - 3 * processes
-    verdict = "met" if rest <= SEARCH_CALLS_GOAL else "MISSED"
+    verdict = "met" if 0 <= rest <= SEARCH_CALLS_GOAL else "MISSED"
     print(f"\nA search among {processes:,} processes makes {calls:,} system calls: three for each and"
           f" {rest:,} (at most {SEARCH_CALLS_GOAL}: {verdict}).")
 

@@ -1120,7 +1120,7 @@ CORVEL_API int print_byte_to_string(char *dst, const unsigned char *data, int le
  *
  * Hexadecimal text, hardware (MAC) addresses, and the names of wireless radios and networks. A
  * hardware address is spelled in colon form (17 characters, `00:1A:2B:3C:4D:5E`), in stripped form
- * (12 characters, `001A2B3C4D5E`) or in binary form (6 bytes). What is printed is upper case.
+ * (12 characters, `001A2B3C4D5E`) or in binary form (6 bytes). What is written is upper case.
  *
  * No function knows the size of a buffer that it writes to: each says how much it takes.
  * @{
@@ -1130,7 +1130,7 @@ CORVEL_API int print_byte_to_string(char *dst, const unsigned char *data, int le
 CORVEL_API int hex2int(char digit);
 
 /**
- * Prints bytes as hexadecimal text.
+ * Writes bytes as hexadecimal text.
  *
  * @param bytes the bytes.
  * @param n     their number.
@@ -1175,14 +1175,14 @@ CORVEL_API int str2byte(const char *hex, int len, unsigned char *out);
 CORVEL_API unsigned int ascii2mac(const char *text, unsigned char *mac);
 
 /**
- * Prints a hardware address of 6 bytes in colon form.
+ * Writes a hardware address of 6 bytes in colon form.
  *
  * @return the text, in a buffer of the library that the next call overwrites.
  */
 CORVEL_API char *iw_pr_ether(const unsigned char *mac);
 
 /**
- * Prints a number in decimal.
+ * Writes a number in decimal.
  *
  * @param out receives up to 12 bytes.
  * @return @p out.
@@ -1214,11 +1214,11 @@ CORVEL_API char *mac2hexStrip(const char *text, char *out);
 CORVEL_API char *HexStrip2mac(const char *text, char *out);
 
 /**
- * Prints the number that a file begins with, with six decimal places; 0.010000 if there is none.
+ * Writes the number that a file begins with, with six decimal places; 0.010000 if there is none. It
+ * is read in single precision: about seven digits count.
  *
  * @param path the file; may be null.
- * @param out  receives the text, cut to fit. Untouched if the file can't be opened or
- *             is a folder.
+ * @param out  receives the text, cut to fit. Untouched if the file can't be opened or is a folder.
  * @param size the bytes at @p out.
  * @return @p out.
  */
@@ -1259,8 +1259,9 @@ CORVEL_API char *gen_wlan_key0(int radio, int network, const char *suffix, char 
 /**
  * @defgroup interface_addresses Interface addresses
  *
- * What the kernel knows of a network interface. One that is down still answers. A name that no
- * interface can have, as one of 16 characters, is that of an interface that does not exist.
+ * What the kernel knows of a network interface. One that is down still answers. No name, and one of
+ * 16 characters or more, is that of an interface that does not exist. Of a name with a colon the
+ * kernel looks at what stands in front of it; for an IPv4 address or netmask, at the whole.
  * @{
  */
 
@@ -1274,7 +1275,7 @@ CORVEL_API char *gen_wlan_key0(int radio, int network, const char *suffix, char 
  *                 machine's order) and 14 of data, the first 6 of which are the address; 16 for 4.
  *                 Untouched on failure.
  * @return 1, for 4 the prefix length (0 to 128); 0 if there is no such interface or no such address
- *         and for any other selector.
+ *         and for any other selector. A prefix length of 0 looks like a failure, but for @p result.
  */
 CORVEL_API int getInAddr(const char *ifname, unsigned int selector, void *result);
 
@@ -1296,11 +1297,12 @@ CORVEL_API char *getHWaddr0(const char *ifname, char *out);
  * @param ifname   the interface; may be null.
  * @param selector 0: IPv4 address; 1: IPv4 netmask: "0.0.0.0" on any failure. 4: global IPv6
  *                 address with its prefix length, as in "2001:db8::1/64"; "::" on any failure and
- *                 for a prefix length of 0.
+ *                 for a prefix length of 0. With 3 the text is no address, with any other selector
+ *                 "0.0.0.0".
  * @param out      receives the text, cut to fit; 16 bytes suffice for IPv4, 64 for IPv6. "::" if
  *                 the IPv6 address does not fit.
- * @param len      the bytes at @p out; nothing is written for 0 or less. Four of them are never
- *                 used for the prefix length.
+ * @param len      the bytes at @p out; nothing is written for 0 or less. The prefix length
+ *                 with its slash and NUL is cut to @p len - 4 of them.
  * @return @p out.
  */
 CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, int len);
@@ -1316,7 +1318,8 @@ CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, i
  * Finds the gateway of an interface: that of its first route through a gateway that is up and not a
  * host route, be it the default route or not.
  *
- * Prints "Open %s file error." and a line end if the kernel's table can't be opened.
+ * If the kernel's table can't be opened, "Open %s file error." and a line end are printed on
+ * standard output, where the answer to a request goes, too.
  *
  * @param ifname the interface.
  * @param gw     receives the address in network byte order; untouched if there is none.
@@ -1325,7 +1328,8 @@ CORVEL_API char *getHWip(const char *ifname, unsigned int selector, char *out, i
 CORVEL_API int getDefaultRoute(const char *ifname, uint32_t *gw);
 
 /**
- * Writes the gateway of an interface as getDefaultRoute() finds it, or "0.0.0.0".
+ * Writes the gateway of an interface as getDefaultRoute() finds it, or "0.0.0.0". Prints what that
+ * prints.
  *
  * @param ifname the interface; may be null.
  * @param out    receives up to 16 bytes.
@@ -1337,9 +1341,9 @@ CORVEL_API char *getDefGw(const char *ifname, char *out);
  * Appends the name servers of /etc/resolv.conf to a text, in the file's order and each followed by
  * `&nbsp;&nbsp;&nbsp;&nbsp;`. Lines are taken in pieces of 254 characters.
  *
- * @param out a text, with room for all of them: up to 24 bytes more than its line for each.
- * @return @p out. If the file can't be read @p out stays as it is, and the four entities are
- *         returned as a text of the library.
+ * @param out a text, with room behind it for each address and 24 characters more, and for a NUL.
+ * @return @p out. If the file can't be opened or is a folder, @p out stays as it is, and the four
+ *         entities are returned as a text of the library, which must not be changed.
  */
 CORVEL_API char *get_dns(char *out);
 
@@ -1359,7 +1363,8 @@ CORVEL_API int monotonic_time(void);
 
 /**
  * Fills a record from one of a binary lease file: 16 bytes of hardware address, of which 6 are
- * used, 4 of IPv4 address, and 4 of expiry as a big-endian number, which is printed as it is.
+ * used, 4 of IPv4 address, and 4 of expiry, a big-endian number of seconds that is written as it
+ * is.
  *
  * @param entry  the record; `ip`, `mac` (colon form) and `expires` are written.
  * @param record 24 bytes.
@@ -1370,7 +1375,7 @@ CORVEL_API void add_lease(lease_entry *entry, const unsigned char *record);
  * Reads a binary lease file; see add_lease(). A record with a hardware address of zeros is an
  * empty slot; a last one that is cut off is ignored.
  *
- * If the file can't be opened, "could not open input file" is printed with perror().
+ * If the file can't be opened or is a folder, "could not open input file" is printed with perror().
  *
  * @param head the address of a null pointer; receives the list.
  * @param path the file.
@@ -1383,10 +1388,11 @@ CORVEL_API int get_udhpd_leases(lease_entry **head, const char *path);
  * IP address, host name, client identifier.
  *
  * `mac`, `ip` and `hostname` are taken as they are, `expires` is the time that is left and negative
- * for a lease that has ended. A missing word is empty. Words are cut at 31 characters, the host
- * name at 127; lines are taken in pieces of 1023. A last line without a line end is not read.
+ * for a lease that has ended. Every line is a record, be it empty: a missing word is empty, a
+ * missing expiry counts as 0. Words are cut at 31 characters, the host name at 127; lines are taken
+ * in pieces of 1023. A last line without a line end is not read.
  *
- * If the file can't be opened, "could not open input file" is printed with perror().
+ * If the file can't be opened or is a folder, "could not open input file" is printed with perror().
  *
  * @param head the address of a null pointer; receives the list.
  * @param path the file.
@@ -1404,10 +1410,10 @@ CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
 /**
  * Reads the leases of the DHCP server that runs.
  *
- * If /var/run/udhcpd.pid holds a number above 0, that process is sent SIGUSR1, upon which it writes
- * its leases, and /var/config/udhcpd.leases is read with get_udhpd_leases() at once: it may still
- * be the one before. Otherwise, if a process named dnsmasq runs, /var/config/dnsmasq.leases is read
- * with get_dnsmasq_leases().
+ * If /var/run/udhcpd.pid holds a number above 0, the process that has it now is sent SIGUSR1, upon
+ * which the server writes its leases, and /var/config/udhcpd.leases is read with get_udhpd_leases()
+ * at once: it may still be the one before. Otherwise, if a process named dnsmasq runs,
+ * /var/config/dnsmasq.leases is read with get_dnsmasq_leases().
  *
  * dnsmasq is looked for with app_isrun(): where it does not run, a few bytes are never freed, and
  * where /proc can't be opened, the program dies.
@@ -1443,8 +1449,8 @@ CORVEL_API int get_arp_cache(const char *ifname, lease_entry **head);
 CORVEL_API int search_by_mac(const lease_entry *head, const char *mac);
 
 /**
- * Prints a list: the line "dump mac ip", a line of address, hardware address and expiry for each
- * record, each followed by a tab, and a line of dashes. A debugging aid.
+ * Prints a list on standard output: the line "dump mac ip", a line of address, hardware address and
+ * expiry for each record, each followed by a tab, and a line of dashes. A debugging aid.
  */
 CORVEL_API void dump_macip(const lease_entry *head);
 
@@ -1513,7 +1519,10 @@ CORVEL_API char *safe_strncpy(char *dst, const char *src, size_t size);
  */
 CORVEL_API char *my_getug(char *buf, char *name, long id, int bufsize, char prefix);
 
-/** Does what my_getug() does with the name of the user @p uid, if there is one, and `u`. */
+/**
+ * Does what my_getug() does with the name of the user @p uid, if there is one, and `u`. A name that
+ * is returned and not in @p buf is the C library's: the next look-up of a user overwrites it.
+ */
 CORVEL_API char *my_getpwuid(char *buf, long uid, int bufsize);
 
 /**
@@ -1538,9 +1547,9 @@ CORVEL_API ssize_t open_read_close(const char *path, void *buf, size_t len);
 /**
  * @defgroup processes Process lookup
  *
- * A process has a name if its short name, which the kernel cuts to 15 characters, is that name's
- * first 15, and its command line's first 49 characters hold the whole name. Kernel threads have no
- * command line and so no name.
+ * A process has a name if its short name, which the kernel cuts to 15 characters and of which the
+ * first word counts, is that name's first 15, and its command line's first 49 characters hold the
+ * whole name. Kernel threads have no command line and so no name.
  *
  * If /proc can't be opened, what looks for processes dies with "Cannot open /proc"; see
  * bb_error_msg_and_die().
@@ -1609,6 +1618,9 @@ CORVEL_API int login_auth(const char *user, const char *password);
  * alone, and removed before the call returns; whatever had its name before is removed, too. A
  * signal that ends the program meanwhile leaves it there.
  *
+ * The command has the rights that the shell leaves it: many shells give those of a set-user-ID
+ * program up, which ends in 121. Such a program has to make root its real user first.
+ *
  * Programs that call this at the same time share the one file, and a password may be set twice and
  * another not at all: hold a lock of your own.
  *
@@ -1616,7 +1628,7 @@ CORVEL_API int login_auth(const char *user, const char *password);
  * @param password the password, in plain text. Refused with 123 if there is a line end in it.
  * @return 0; 121 if the command failed, and with most shells also if it is not there or was killed;
  *         122 if the shell could not be started or was killed, or if its status is not to be had,
- * as where SIGCHLD is ignored; 123 if the file could not be made.
+ *         as where SIGCHLD is ignored; 123 if the file could not be made or not be written whole.
  */
 CORVEL_API int login_chpwd(const char *user, const char *password);
 
@@ -1629,10 +1641,11 @@ CORVEL_API int login_chpwd(const char *user, const char *password);
  */
 
 /**
- * Opens a socket for send_trap_msg(), itself a member of the group. The caller closes it.
+ * Opens a socket for send_trap_msg(), itself a member of the group. The caller closes it. A thread
+ * can have one at a time: the port of a second one is taken.
  *
- * If it can't be bound, "bind failure:%s!" and a line end are printed, with the reason, and it
- * stays open.
+ * If it can't be bound, "bind failure:%s!" and a line end are printed on standard output, with the
+ * reason, and it stays open.
  *
  * @return the descriptor, above 0; otherwise the negative `errno`. A descriptor of 0 counts as a
  *         failure, although it stays open and `errno` says nothing of it.

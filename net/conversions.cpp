@@ -90,6 +90,7 @@ unsigned int ascii2mac(const char *text, unsigned char *mac) {
     const std::string_view digits = corvel::text_of(text);
     if (digits.size() != 12)
         return 1;
+    // Joined with OR, unlike unchecked_pair(): they differ where the low digit is none.
     for (std::size_t i = 0; i < 6; ++i)
         mac[i] = static_cast<unsigned char>(corvel::hex_value(digits[i * 2]) * 16 |
                                             corvel::hex_value(digits[i * 2 + 1]));

@@ -33,6 +33,7 @@ constexpr const char *text_server_name = "dnsmasq";
 constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
 
 constexpr std::size_t record_size = 24;
+constexpr std::size_t records_at_once = 170; // as many as fit in 4 KiB
 using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
@@ -47,12 +48,8 @@ Descriptor open_lease_file(const char *path) {
 }
 
 void fill_from_record(lease_entry &entry, Record record) {
-    char mac[18];
-    char ip[INET_ADDRSTRLEN];
-    print_colon_form(record.first<6>(), mac);
-    print_dotted_quad(record.data() + 16, ip);
-    store(entry.mac, mac);
-    store(entry.ip, ip);
+    print_colon_form(record.first<6>(), std::span(entry.mac).first<18>());
+    print_dotted_quad(record.data() + 16, std::span(entry.ip).first<INET_ADDRSTRLEN>());
     std::snprintf(entry.expires, sizeof entry.expires, "%u",
                   big_endian_word(record.subspan<20, 4>()));
 }
@@ -68,8 +65,9 @@ int read_binary_leases(lease_entry **head, const char *path) {
     if (!file)
         return 0;
     LeaseList list(head);
-    std::array<unsigned char, 170 * record_size> block;
-    for (ssize_t length = sizeof block; length == sizeof block;) {
+    std::array<unsigned char, records_at_once * record_size> block;
+    ssize_t length = 0;
+    do {
         length = read_fully(file.get(), block.data(), block.size());
         for (std::size_t at = 0; std::cmp_less_equal(at + record_size, length); at += record_size) {
             const Record record = std::span(block).subspan(at).first<record_size>();
@@ -80,7 +78,7 @@ int read_binary_leases(lease_entry **head, const char *path) {
                 return list.count();
             fill_from_record(*entry, record);
         }
-    }
+    } while (std::cmp_equal(length, block.size()));
     return list.count();
 }
 

@@ -80,7 +80,7 @@ class SeenMacs {
   public:
     /// Whether the address may have been there before; from now on it has.
     bool test_and_set(std::string_view mac) {
-        // 2^64 over the golden ratio: one digit more or less changes all the bits that count.
+        // 2^64 over the golden ratio spreads each digit over the bits that are used.
         std::uint64_t hash = 0;
         for (const char digit : mac)
             hash = (hash ^ static_cast<unsigned char>(digit)) * 0x9E3779B97F4A7C15U;
@@ -120,9 +120,7 @@ int read_neighbours(std::string_view interface, lease_entry **head) {
         if (entry == nullptr)
             return 0;
         store(entry->ip, neighbour->ip);
-        char hardware_type[9];
-        std::snprintf(hardware_type, sizeof hardware_type, "%x", neighbour->hardware_type);
-        store(entry->hwtype, hardware_type);
+        std::snprintf(entry->hwtype, sizeof entry->hwtype, "%x", neighbour->hardware_type);
         store(entry->mac, mac.text());
     }
     return list.count();

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <span>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -87,8 +88,8 @@ struct PipeClose {
 using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 
 /// A lock on a file of its own, held while the object lives. The file is created if it is missing
-/// and emptied if it is not, unless it has another name, too. Where it can't be opened, there is no
-/// lock.
+/// and emptied if it is not, unless it has another name, too. Where it can't be opened or
+/// locked, there is no lock.
 class FileLock {
   public:
     explicit FileLock(const char *path)

@@ -31,8 +31,8 @@ constexpr int hex_pair(const char *digits) {
     return low < 0 ? -1 : high * 16 + low;
 }
 
-/// Turns pairs of digits into bytes, up to the first pair that is none. Whether there is no such
-/// one.
+/// Turns pairs of digits into bytes, up to the first pair that is none. False if there is one; the
+/// bytes of the pairs in front of it are stored.
 constexpr bool parse_hex(const char *digits, std::size_t pairs, unsigned char *out) {
     for (; pairs != 0; --pairs, digits += 2) {
         const int byte = hex_pair(digits);

@@ -12,8 +12,8 @@
 namespace corvel {
 
 /// Takes a line apart as sscanf does, except that a word is always taken whole: one that is longer
-/// than what keeps it does not shift those behind it. Its functions are not inlined: each is called
-/// many times, and the code is small that way.
+/// than what keeps it does not shift those behind it. Those that are called most are not
+/// inlined: the code is small that way.
 class LineScanner {
   public:
     explicit constexpr LineScanner(std::string_view line) : rest_(line) {}

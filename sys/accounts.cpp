@@ -12,6 +12,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 
@@ -28,8 +29,7 @@ constexpr const char *change_command = "/bin/chpasswd -m < /tmp/.chpwd.txt";
 /// What login_chpwd() returns.
 enum ChangeResult { changed = 0, refused = 121, not_run = 122, no_file = 123 };
 
-/// The hash of an account that nobody logs in to: none, or a text that is no hash. Some C libraries
-/// answer with such a text where they can't compute a hash.
+/// The hash of an account that nobody logs in to: none, or a text that is no hash.
 bool is_locked(const char *hash) { return *hash == '\0' || *hash == '!' || *hash == '*'; }
 
 /// Takes the same time wherever texts of one length differ.
@@ -72,6 +72,7 @@ bool is_password(const char *password, const char *hash) {
         DFPrintf(stderr, "crypt() failed\n");
         return false;
     }
+    // Some C libraries answer with a text that is no hash where they can't compute one.
     const bool same = !is_locked(hash) && is_same_secret(result, hash);
     DFPrintf(stderr, same ? "Login OK!\n" : "login failed\n");
     return same;
@@ -181,7 +182,7 @@ int run_change_command() {
     if (status == -1)
         DFPrintf(stderr, "pclose failuer \n");
     else
-        DFPrintf(stderr, "status:%d\n", status >> 8 & 0xFF);
+        DFPrintf(stderr, "status:%d\n", WEXITSTATUS(status));
     return status;
 }
 
@@ -193,11 +194,11 @@ ChangeResult change_password(std::string_view user, std::string_view password) {
     if (!file.write(user, password))
         return no_file;
     const int status = run_change_command();
-    if ((status & 0x7F) != 0) {
+    if (!WIFEXITED(status)) {
         DFPrintf(stderr, "%s NOT terminated normally\n", change_command);
         return not_run;
     }
-    if ((status >> 8 & 0xFF) != 0) {
+    if (WEXITSTATUS(status) != 0) {
         DFPrintf(stderr, "chpasswd failed\n");
         return refused;
     }

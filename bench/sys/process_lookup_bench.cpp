@@ -101,8 +101,10 @@ double found_by_pgrep() { return found_by(with_pgrep); }
 /// The system calls of one search, from start to end, by a process that is one more to look at.
 double system_calls() {
     const pid_t searcher = fork();
+    bench::require(searcher >= 0, "no process can be made");
     if (searcher == 0) {
-        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(1);
         raise(SIGSTOP);
         with_corvel();
         kill(getpid(), SIGKILL); // getpid() and kill(): two calls that are not the search's
@@ -114,6 +116,8 @@ double system_calls() {
         ptrace(PTRACE_SYSCALL, searcher, nullptr, nullptr);
         waitpid(searcher, &status, 0);
     }
+    bench::require(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && stops > 0,
+                   "a search is not traced to its end");
     const int calls = stops / 2; // it stops where a call begins and where it ends
     return calls - 2;
 }

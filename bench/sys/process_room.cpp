@@ -62,10 +62,12 @@ void start(const Sleepers &sleepers) {
     start(sleepers);
     Work asked = nullptr;
     double result = 0; // the first reply says that all are there
-    do
+    for (;;) {
         need(write(replies, &result, sizeof result) == sizeof result, "no reply");
-    while (read(requests, &asked, sizeof asked) == sizeof asked && (result = asked(), true));
-    _exit(0);
+        if (read(requests, &asked, sizeof asked) != sizeof asked)
+            _exit(0);
+        result = asked();
+    }
 }
 
 /// Keeps the namespace, in which it does not live itself.
