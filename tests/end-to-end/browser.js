@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Walks through the demo's pages in a headless browser, one walk a run:
 //   node browser.js WALK URL FOLDER [ARGUMENT...]
 // FOLDER is for what the browser keeps; with SCREENSHOTS set, pictures go to that folder. A walk

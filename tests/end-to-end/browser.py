@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs the walks of browser.js, and installs what they need."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What tests have in common: a demo to look at, and that none of its programs may crash."""
 
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Starts and stops the demo, and talks to its pages the way a browser does."""
 
 import contextlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Whatever comes in, the answer is a sensible one, and the files stay whole."""
 
 import random

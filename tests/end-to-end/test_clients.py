@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The clients page: the DHCP server's leases and the kernel's neighbours."""
 
 import subprocess

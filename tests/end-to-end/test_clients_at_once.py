@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Fifty clients at once, saving and reading: no error, no lost setting, no torn file."""
 
 import concurrent.futures

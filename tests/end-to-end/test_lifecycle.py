@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Starting, stopping, and what stays behind: the settings, and nothing else."""
 
 import os

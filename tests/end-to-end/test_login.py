@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Nothing is served without a login, and a login lasts no longer than it should."""
 
 import concurrent.futures

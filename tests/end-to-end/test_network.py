@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The device's own network: what it has, who is in it, and that it stays there."""
 
 import json

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What the pages and the JSON show."""
 
 import json

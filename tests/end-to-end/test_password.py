@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The change of one's password, with the device's real chpasswd."""
 
 import pathlib

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What a form sends comes to stand in the files, and comes back the same."""
 
 import fcntl

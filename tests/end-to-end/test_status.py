@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The status page: what it shows is what the kernel of the device's network says."""
 
 import ipaddress

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Traps: what the device tells whoever listens, and the log of it."""
 
 import re

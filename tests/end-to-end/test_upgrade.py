@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The firmware upgrade over HTTP: from A to B and back, refusals, and what cuts it off."""
 
 import contextlib

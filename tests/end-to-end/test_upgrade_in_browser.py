@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The firmware upgrade as a person does it, in a browser."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Builds upgrade images, good ones and bad ones, as a maker of firmware would."""
 
 import random

@@ -576,6 +576,20 @@ TEST(GetDnsmasqLeases, ReadsAnExpiryAsANumberHoweverItLooks) {
     EXPECT_EQ(left("100000000000000"), std::to_string(100000000000000 - now));
 }
 
+TEST(GetDnsmasqLeases, GoesOnTellingTheTimeThatIsLeftPast2038) {
+    const auto left_at = [](std::int64_t time, const std::string &expiry) {
+        const StoppedClock clock(static_cast<std::time_t>(time));
+        return read_leases(get_dnsmasq_leases, expiry + " m 1.2.3.4 h *\n").at(0).expires;
+    };
+    EXPECT_EQ(left_at(INT32_MAX, "2147483747"), "100");
+    if constexpr (sizeof(std::time_t) > 4) {
+        EXPECT_EQ(left_at(2147483648, "2147483747"), "99");
+        EXPECT_EQ(left_at(2147483748, "2147483747"), "-1");
+        EXPECT_EQ(left_at(4294967296, "4294967396"), "100");
+        EXPECT_EQ(left_at(4294967396, "100"), "-4294967296");
+    }
+}
+
 TEST(GetDnsmasqLeases, KeepsFifteenCharactersOfTheTimeThatIsLeft) {
     const auto left = [](const std::string &expiry) {
         return read_line(expiry + " m 1.2.3.4 h *").expires;

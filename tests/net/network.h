@@ -32,7 +32,10 @@ inline void ip(const std::string &words) {
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
 
-/** Two Ethernet interfaces, one at each end of a cable, which are on and have no address. */
+/**
+ * Two Ethernet interfaces, one at each end of a cable, which are on and have no address. Where one
+ * would do, too: not every kernel has dummy interfaces.
+ */
 inline void add_cable(const std::string &near, const std::string &far) {
     ip("link add " + near + " type veth peer name " + far);
     for (const std::string &name : {near, far}) {

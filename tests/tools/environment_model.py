@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Environment images, made and edited without the library."""
 
 import struct

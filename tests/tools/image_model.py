@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Upgrade images, made and judged without the library."""
 
 import dataclasses

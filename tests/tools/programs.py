@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Builds the tools and runs them."""
 
 import os

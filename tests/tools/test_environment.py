@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Environment images, created and edited, beside a model in Python."""
 
 import os

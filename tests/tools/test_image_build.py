@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Images out of manifests: exactly what the model makes, or a refusal that leaves no trace."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Images of every kind: what list and verify say of them."""
 
 import random

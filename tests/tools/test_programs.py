@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """What both programs have in common: help, usage, output, progress, manual pages, installation."""
 
 import os

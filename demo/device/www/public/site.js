@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Comforts only: every page shows and saves without this file.
 'use strict';
 
