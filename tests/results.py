@@ -1,0 +1,31 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""Counts the tests of a run and shows what those said that did not pass. A test that was skipped or
+could not be run has not passed.
+
+usage: tests/results.py JUNIT        the tests' results, as ctest wrote them
+
+The last line is "N passed, N failed".
+"""
+import sys
+import xml.etree.ElementTree as ElementTree
+
+
+def count(junit):
+    """How many passed and how many did not."""
+    cases = list(ElementTree.parse(junit).getroot().iter("testcase"))
+    missed = [case for case in cases if case.get("status") != "run"]
+    for case in missed:
+        print(f"--- not passed: {case.get('name')} ({case.get('status')})")
+        print(case.findtext("system-out", ""))
+    return len(cases) - len(missed), len(missed)
+
+
+def main():
+    passed, failed = count(sys.argv[1])
+    print(f"{passed} passed, {failed} failed")
+    return 0 if passed and not failed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
