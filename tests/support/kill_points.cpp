@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #include "support/kill_points.h"
 
-#include "support/child_process.h"
 #include "support/stand_in_calls.h"
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace corvel_test {
@@ -25,24 +26,85 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-#ifdef CORVEL_EMULATOR
+/** What happens to a run at its n-th point. */
+struct Trial {
+    std::function<void()> run;
+    /** Runs in another child while the run is paused; there may be none. */
+    std::function<void()> meanwhile;
+    AfterPause after;
+    /** How long the other child may take while the run is paused. */
+    std::chrono::milliseconds patience{0};
+};
 
-/** Makes a run that ends itself at its n-th point; false if it has fewer. */
-bool kill_run_at(const std::function<void()> &run, unsigned long n) {
-    std::fflush(nullptr);
+/** A child that does a piece of work and exits. */
+pid_t start(const std::function<void()> &work) {
     const pid_t child = fork();
     if (child < 0)
         fail("fork");
     if (child == 0) {
-        stand_in_calls_to_live = n;
-        run();
+        work();
         _exit(0);
     }
-    const ChildResult result = wait_for_child(child);
-    if (result.signal != SIGKILL && result.exit_status != 0)
-        throw std::runtime_error("the run ended with status " + std::to_string(result.exit_status) +
-                                 ", signal " + std::to_string(result.signal));
-    return result.signal == SIGKILL;
+    return child;
+}
+
+/** Ends a child, whatever it is doing. */
+void end(pid_t child) {
+    kill(child, SIGKILL);
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+/** Waits for a child for a while; true if it has exited. */
+bool exits_within(pid_t child, std::chrono::milliseconds patience) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (waitpid(child, nullptr, WNOHANG) != child) {
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    return true;
+}
+
+/** Does what a trial does while the run is paused, and then lets the run go on or ends it. */
+void pause(pid_t run, const Trial &trial, const std::function<void()> &let_it_go_on) {
+    std::fflush(nullptr);
+    const pid_t other = trial.meanwhile ? start(trial.meanwhile) : -1;
+    const bool exited = other < 0 || exits_within(other, trial.patience);
+    if (trial.after == AfterPause::go_on)
+        let_it_go_on();
+    end(run);
+    if (!exited && waitpid(other, nullptr, 0) != other)
+        fail("waitpid");
+}
+
+#ifdef CORVEL_EMULATOR
+
+/** Makes a run that is stopped at its n-th point; false if it has fewer. */
+bool make_run(const Trial &trial, unsigned long n) {
+    std::fflush(nullptr);
+    const pid_t child = start([&trial, n] {
+        stand_in_signal = SIGSTOP;
+        stand_in_calls_to_signal = n;
+        trial.run();
+    });
+    int status = 0;
+    if (waitpid(child, &status, WUNTRACED) != child)
+        fail("waitpid");
+    if (WIFSTOPPED(status)) {
+        pause(child, trial, [child] {
+            kill(child, SIGCONT);
+            siginfo_t exited = {};
+            if (waitid(P_PID, static_cast<id_t>(child), &exited, WEXITED | WNOWAIT) != 0)
+                fail("waitid");
+        });
+        return true;
+    }
+    if (status != 0)
+        throw std::runtime_error("the run ended with status " + std::to_string(status));
+    if (trial.meanwhile)
+        waitpid(start(trial.meanwhile), nullptr, 0);
+    return false;
 }
 
 #else
@@ -50,29 +112,19 @@ bool kill_run_at(const std::function<void()> &run, unsigned long n) {
 /** A child stopped just before the run; it stops again just behind it. */
 pid_t start_stopped(const std::function<void()> &run) {
     std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child < 0)
-        fail("fork");
-    if (child == 0) {
+    const pid_t child = start([&run] {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
             _exit(127);
         raise(SIGSTOP);
         run();
         raise(SIGSTOP);
-        _exit(0);
-    }
+    });
     int status = 0;
     if (waitpid(child, &status, 0) != child || !WIFSTOPPED(status))
         fail("the child did not stop");
     if (ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0)
         fail("ptrace");
     return child;
-}
-
-void end(pid_t child) {
-    kill(child, SIGKILL);
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
 }
 
 /** Lets the child run to its n-th system call; false if it comes to its end before. */
@@ -97,23 +149,28 @@ bool reaches_system_call(pid_t child, unsigned long n) {
     return true;
 }
 
-/** Makes a run and kills it at its n-th point; false if it has fewer. */
-bool kill_run_at(const std::function<void()> &run, unsigned long n) {
-    const pid_t child = start_stopped(run);
-    const bool killed = reaches_system_call(child, n);
-    end(child);
-    return killed;
+/** Makes a run that is stopped at its n-th point; false if it has fewer. */
+bool make_run(const Trial &trial, unsigned long n) {
+    const pid_t child = start_stopped(trial.run);
+    const bool reached = reaches_system_call(child, n);
+    pause(child, trial, [child, reached] {
+        int status = 0;
+        if (reached && (ptrace(PTRACE_CONT, child, nullptr, nullptr) != 0 ||
+                        waitpid(child, &status, 0) != child || !WIFSTOPPED(status)))
+            fail("the run did not come to its end");
+    });
+    return reached;
 }
 
 #endif
 
 /**
- * The process that starts and kills the runs. It does nothing else, so that every run begins in the
+ * The process that starts and stops the runs. It does nothing else, so that every run begins in the
  * same state and makes the same system calls.
  */
 class Starter {
   public:
-    explicit Starter(const std::function<void()> &run) {
+    explicit Starter(const Trial &trial) {
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_.data()) != 0)
             fail("socketpair");
         std::fflush(nullptr);
@@ -121,7 +178,7 @@ class Starter {
         if (process_ < 0)
             fail("fork");
         if (process_ == 0)
-            serve(run);
+            serve(trial);
         close(ends_[1]);
     }
     ~Starter() {
@@ -131,27 +188,27 @@ class Starter {
     Starter(const Starter &) = delete;
     Starter &operator=(const Starter &) = delete;
 
-    /** As kill_run_at() does, in the other process. */
-    [[nodiscard]] bool kill_at(unsigned long n) const {
-        bool killed = false;
+    /** As make_run() does, in the other process. */
+    [[nodiscard]] bool stop_at(unsigned long n) const {
+        bool stopped = false;
         if (write(ends_[0], &n, sizeof n) != sizeof n ||
-            read(ends_[0], &killed, sizeof killed) != sizeof killed)
+            read(ends_[0], &stopped, sizeof stopped) != sizeof stopped)
             throw std::runtime_error("a run could not be made or traced");
-        return killed;
+        return stopped;
     }
 
   private:
-    [[noreturn]] void serve(const std::function<void()> &run) const {
+    [[noreturn]] void serve(const Trial &trial) const {
         close(ends_[0]);
         unsigned long n = 0;
         try {
             while (read(ends_[1], &n, sizeof n) == sizeof n) {
-                const bool killed = kill_run_at(run, n);
-                if (write(ends_[1], &killed, sizeof killed) != sizeof killed)
+                const bool stopped = make_run(trial, n);
+                if (write(ends_[1], &stopped, sizeof stopped) != sizeof stopped)
                     _exit(1);
             }
         } catch (const std::exception &exception) {
-            std::fprintf(stderr, "kill point %lu: %s\n", n, exception.what());
+            std::fprintf(stderr, "point %lu: %s\n", n, exception.what());
             _exit(1);
         }
         _exit(0);
@@ -161,19 +218,32 @@ class Starter {
     pid_t process_ = 0;
 };
 
+unsigned long for_each_point(const std::function<void()> &prepare, const Trial &trial,
+                             const std::function<void(unsigned long)> &check) {
+    const Starter starter(trial);
+    for (unsigned long n = 1;; ++n) {
+        prepare();
+        const bool stopped = starter.stop_at(n);
+        check(n);
+        if (!stopped)
+            return n - 1;
+    }
+}
+
 } // namespace
 
 unsigned long for_each_kill_point(const std::function<void()> &prepare,
                                   const std::function<void()> &run,
                                   const std::function<void(unsigned long)> &check) {
-    const Starter starter(run);
-    for (unsigned long n = 1;; ++n) {
-        prepare();
-        const bool killed = starter.kill_at(n);
-        check(n);
-        if (!killed)
-            return n - 1;
-    }
+    return for_each_point(prepare, {.run = run, .meanwhile = {}, .after = AfterPause::die}, check);
+}
+
+unsigned long for_each_pause_point(const std::function<void()> &prepare,
+                                   const std::function<void()> &run,
+                                   const std::function<void()> &meanwhile, AfterPause after,
+                                   const std::function<void(unsigned long)> &check,
+                                   std::chrono::milliseconds patience) {
+    return for_each_point(prepare, {run, meanwhile, after, patience}, check);
 }
 
 } // namespace corvel_test

@@ -18,6 +18,7 @@
 #ifndef CORVEL_TESTS_KILL_POINTS_H
 #define CORVEL_TESTS_KILL_POINTS_H
 
+#include <chrono>
 #include <functional>
 
 namespace corvel_test {
@@ -26,6 +27,34 @@ namespace corvel_test {
 unsigned long for_each_kill_point(const std::function<void()> &prepare,
                                   const std::function<void()> &run,
                                   const std::function<void(unsigned long)> &check);
+
+/** What becomes of a paused process. */
+enum class AfterPause {
+    go_on, /**< It runs to its end. */
+    die,   /**< It is killed. */
+};
+
+/**
+ * Pauses a process at each of its system calls in turn, while another one is at work:
+ *
+ *     for_each_pause_point(
+ *         [&] { folder.write("conf", before); },             // before each run, here
+ *         [&] { save_prop('=', path, table, count); },       // in a child, which is paused
+ *         [&] { save_prop('=', path, other_table, count); }, // meanwhile, in another child
+ *         AfterPause::go_on,
+ *         [&](unsigned long n) { EXPECT_TRUE(...) << n; });  // after both, here
+ *
+ * The paused process goes on or is killed once the other child has finished or, where that may wait
+ * for the paused one, after @p patience; then both are waited for. In the last run nothing is
+ * paused, and the other child starts after it.
+ *
+ * @return the number of runs that were paused.
+ */
+unsigned long for_each_pause_point(const std::function<void()> &prepare,
+                                   const std::function<void()> &run,
+                                   const std::function<void()> &meanwhile, AfterPause after,
+                                   const std::function<void(unsigned long)> &check,
+                                   std::chrono::milliseconds patience = std::chrono::minutes(1));
 
 } // namespace corvel_test
 

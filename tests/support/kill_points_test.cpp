@@ -4,6 +4,7 @@
 #include "support/temporary_folder.h"
 
 #include <algorithm>
+#include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -37,6 +38,56 @@ TEST(KillPoints, EndTheRunAtEachOfItsSystemCallsInTurn) {
     EXPECT_EQ(files.back(), 2U);
     EXPECT_TRUE(std::is_sorted(files.begin(), files.end()));
     EXPECT_EQ(std::count(files.begin(), files.end(), 1U), 2);
+}
+
+TEST(PausePoints, LetAnotherProcessWorkAtEachSystemCallOfTheRunInTurn) {
+    const TemporaryFolder folder;
+    const std::string first = folder.path("1");
+    const std::string second = folder.path("2");
+    const std::string seen = folder.path("seen");
+    std::vector<std::size_t> files;
+    const unsigned long points = for_each_pause_point(
+        [&] {
+            for (const std::string &name : folder.names())
+                folder.remove(name);
+        },
+        [&] {
+            close(open(first.c_str(), O_CREAT | O_WRONLY, 0600));
+            close(open(second.c_str(), O_CREAT | O_WRONLY, 0600));
+        },
+        [&] { write_file(seen, std::to_string(folder.names().size())); }, AfterPause::go_on,
+        [&](unsigned long) {
+            files.push_back(std::stoul(folder.read("seen")));
+            EXPECT_EQ(folder.names(), (std::vector<std::string>{"1", "2", "seen"}));
+        });
+    ASSERT_EQ(files.size(), points + 1);
+    EXPECT_EQ(files.front(), 0U);
+    EXPECT_EQ(files.back(), 2U);
+    EXPECT_EQ(std::count(files.begin(), files.end(), 1U), 2);
+}
+
+TEST(PausePoints, DoNotWaitForAProcessThatWaitsForThePausedOne) {
+    const TemporaryFolder folder;
+    folder.write("lock", "");
+    const std::string lock = folder.path("lock");
+    const auto hold = [&lock](const std::string &made) {
+        const int file = open(lock.c_str(), O_RDWR | O_CLOEXEC);
+        if (lockf(file, F_LOCK, 0) == 0)
+            write_file(made, "");
+        close(file);
+    };
+    for (const AfterPause after : {AfterPause::go_on, AfterPause::die})
+        for_each_pause_point(
+            [&] {
+                folder.remove("1");
+                folder.remove("2");
+            },
+            [&] { hold(folder.path("1")); }, [&] { hold(folder.path("2")); }, after,
+            [&](unsigned long n) {
+                EXPECT_TRUE(folder.exists("2")) << n;
+                EXPECT_TRUE(after == AfterPause::die || folder.exists("1")) << n;
+            },
+            std::chrono::milliseconds(10));
 }
 
 } // namespace

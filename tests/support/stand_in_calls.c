@@ -23,7 +23,8 @@ int stand_in_spare_c_library;
 int (*stand_in_system)(const char *command);
 void (*stand_in_sync)(void);
 void (*stand_in_syslog)(int priority, const char *message);
-unsigned long stand_in_calls_to_live;
+unsigned long stand_in_calls_to_signal;
+int stand_in_signal = SIGKILL;
 
 /* A function that stands in for another hands the call on to the next definition in the program's
  * search order: the C library's, or that of a sanitizer in front of it. */
@@ -73,8 +74,8 @@ static int in_arena(const void *block) {
 
 static void note(enum stand_in_call call) {
     ++stand_in_switches[call].seen;
-    if (stand_in_calls_to_live != 0 && call > call_free && --stand_in_calls_to_live == 0)
-        kill(getpid(), SIGKILL);
+    if (stand_in_calls_to_signal != 0 && call > call_free && --stand_in_calls_to_signal == 0)
+        kill(getpid(), stand_in_signal);
 }
 
 static int fails(enum stand_in_call call) {

@@ -80,9 +80,11 @@ extern void (*stand_in_sync)(void);
  * gets nothing then. */
 extern void (*stand_in_syslog)(int priority, const char *message);
 
-/** Where it is not 0, the call that makes it 0 ends the process before it has any effect, as if the
- * device lost its power there. Calls that only allocate or free memory are not counted. */
-extern unsigned long stand_in_calls_to_live;
+/** Where it is not 0, the call that makes it 0 sends stand_in_signal to the process before it has
+ * any effect. Calls that only allocate or free memory are not counted. */
+extern unsigned long stand_in_calls_to_signal;
+/** SIGKILL, as if the device lost its power there, unless it is changed. */
+extern int stand_in_signal;
 
 /** Remembers each block that is allocated from now on. */
 void stand_in_start_tracking(void);
