@@ -4,9 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <sys/file.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "config/lock_file.h"
 #include "config/property_table.h"
+#include "config/replacement.h"
 #include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"
@@ -29,110 +33,45 @@ bool name_companion(std::array<char, size> &name, std::string_view path, std::st
     return true;
 }
 
-bool is_at(const struct stat &file, const char *path) {
-    struct stat named;
-    return lstat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
-}
-
-/// Whether nobody else can have the file open for writing or know it by another name.
-bool is_ours_alone(const struct stat &file) {
-    return S_ISREG(file.st_mode) && file.st_nlink == 1 && file.st_uid == geteuid();
-}
-
-/// Removes a copy that was never written. One that was may be all that a writer that died has left.
-void remove_if_empty(const Descriptor &copy, const char *path) {
-    if (lseek(copy.get(), 0, SEEK_END) == 0)
-        unlink(path);
-}
-
-/// Creates the copy that is to take a file's place, or opens one that was left behind, and locks
-/// it.
-///
-/// The lock file alone does not keep two writers apart: the one that removes it may remove it from
-/// under the next one. Whoever holds the copy is the only writer; one that waited for it finds that
-/// it has become the file itself, and begins again.
-Descriptor hold_copy(const char *path) {
-    for (;;) {
-        Descriptor copy(open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW,
-                             S_IRUSR | S_IWUSR));
-        if (!copy)
-            return copy;
-        while (flock(copy.get(), LOCK_EX) != 0 && errno == EINTR) {
-        }
-        struct stat status;
-        if (fstat(copy.get(), &status) != 0) {
-            remove_if_empty(copy, path);
-            return Descriptor(-1);
-        }
-        if (!is_at(status, path))
-            continue;
-        if (is_ours_alone(status))
-            return copy;
-        if (unlink(path) != 0)
-            return Descriptor(-1);
-    }
-}
-
-/// A stream that writes the copy from its start; its own descriptor, so that the lock outlives it.
-Stream open_copy(const Descriptor &held) {
-    if (fchmod(held.get(), S_IRUSR | S_IWUSR) != 0 || ftruncate(held.get(), 0) != 0)
-        return nullptr;
-    Descriptor own(fcntl(held.get(), F_DUPFD_CLOEXEC, 0));
-    Stream copy(own ? fdopen(own.get(), "w") : nullptr);
-    if (copy)
-        own.release();
-    return copy;
-}
-
-/// Gives the copy the original's owner, group and mode; false if the mode can't be had. Where the
-/// owner can't be set, set-id bits go; another group than before gets no more than everybody.
-bool take_over_owner_and_mode(int copy, int original) {
+/// Opens a file for reading. One that is not regular counts as one that cannot be read: a FIFO
+/// could make the writer wait and a device could give it bytes without an end.
+Descriptor open_regular(const char *path) {
+    Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status;
-    if (fstat(original, &status) != 0)
-        return false;
-    mode_t rights = 07777;
-    if (fchown(copy, status.st_uid, status.st_gid) != 0) {
-        const mode_t everybody = status.st_mode & S_IRWXO;
-        const bool grouped = fchown(copy, static_cast<uid_t>(-1), status.st_gid) == 0;
-        rights = grouped ? 0777 : S_IRWXU | everybody << 3 | S_IRWXO;
-    }
-    return fchmod(copy, status.st_mode & rights) == 0;
+    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
+        return Descriptor(-1);
+    return file;
 }
 
-/// Closes the finished copy; false if it is not all that it should be. The mode comes last: to
-/// write to a file clears its set-id bits.
-bool finish_copy(Stream copy, int original) {
-    const bool whole = std::fflush(copy.get()) == 0 && std::ferror(copy.get()) == 0 &&
-                       take_over_owner_and_mode(fileno(copy.get()), original);
-    return std::fclose(copy.release()) == 0 && whole;
+/// Whether a path, whose links are followed, still leads to an open file.
+bool leads_to(const char *path, const Descriptor &file) {
+    struct stat named;
+    struct stat opened;
+    return stat(path, &named) == 0 && fstat(file.get(), &opened) == 0 &&
+           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-/// Puts the copy in the file's place, or removes it if it is not what it should be.
-void settle(const char *path, const char *copy_path, bool complete) {
-    const bool removed = complete && unlink(path) == 0;
-    // Once the file is gone, the copy is all there is.
-    if ((!complete || std::rename(copy_path, path) != 0) && !removed)
-        unlink(copy_path);
-}
-
-/// Puts a new version of a file in its place. `write_lines(lines, copy)` takes the lines of the
+/// Replaces a file by a new version of it. `write_lines(lines, copy)` takes the lines of the
 /// original and writes the copy. If any of it fails, the original stays and the copy is removed.
 template <typename WriteLines>
-void rewrite(const char *path, const char *copy_path, WriteLines write_lines) {
-    const Descriptor held = hold_copy(copy_path);
-    if (!held)
+void rewrite(const LockFile &lock, const FileNames &names, WriteLines write_lines) {
+    Descriptor original = open_regular(names.file);
+    if (!original)
         return;
-    const Descriptor original = open_for_reading(path);
-    if (!original) {
-        remove_if_empty(held, copy_path);
+    Replacement replacement(names, lock.held());
+    if (!replacement)
         return;
-    }
-    Stream copy = open_copy(held);
+    // A writer without the lock file may have been faster. While the copy is locked, none can.
+    if (!leads_to(names.file, original))
+        original = open_regular(names.file);
+    if (!original)
+        return;
     LineReader lines(original.get());
-    if (copy)
-        write_lines(lines, copy.get());
-    const bool complete = copy && finish_copy(std::move(copy), original.get()) && !lines.failed();
-    settle(path, copy_path, complete);
+    write_lines(lines, replacement.stream());
+    const bool whole = !lines.failed() && replacement.finish(original.get());
+    original = Descriptor(-1);
+    if (whole)
+        replacement.take_place();
 }
 
 /// The text in front of the first separator, or the whole line.
@@ -276,8 +215,9 @@ int save_prop(signed char sep, const char *path, const prop_entry *table, int co
     if (!corvel::name_companion(copy_path, corvel::text_of(path), corvel::copy_ending) ||
         !corvel::name_companion(lock_path, corvel::text_of(path), corvel::lock_ending))
         return 1;
-    const corvel::FileLock lock(lock_path.data());
-    corvel::rewrite(path, copy_path.data(), [&](corvel::LineReader &lines, std::FILE *copy) {
+    const corvel::FileNames names = {path, copy_path.data(), lock_path.data()};
+    const corvel::LockFile lock(names);
+    corvel::rewrite(lock, names, [&](corvel::LineReader &lines, std::FILE *copy) {
         corvel::copy_with_rows(lines, copy, static_cast<char>(sep), corvel::rows_of(table, count));
     });
     return 1;
@@ -292,13 +232,12 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
         return 1;
     const corvel::NewSetting setting = {corvel::text_of(prefix), corvel::text_of(name),
                                         corvel::text_of(value), corvel::separator_of(sep)};
-    {
-        const corvel::FileLock lock(lock_path.data());
-        corvel::rewrite(path, copy_path.data(), [&](corvel::LineReader &lines, std::FILE *copy) {
-            corvel::copy_with_setting(lines, copy, setting);
-        });
-    }
-    unlink(lock_path.data());
+    const corvel::FileNames names = {path, copy_path.data(), lock_path.data()};
+    corvel::LockFile lock(names);
+    corvel::rewrite(lock, names, [&](corvel::LineReader &lines, std::FILE *copy) {
+        corvel::copy_with_setting(lines, copy, setting);
+    });
+    lock.release_and_remove();
     return 1;
 }
 

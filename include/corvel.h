@@ -297,22 +297,55 @@ CORVEL_API int free_prop(prop_entry *table, int count);
 /**
  * @defgroup configuration_saving Configuration saving
  *
- * Both writers lock the companion file `path` + ".lck", write the whole new content into `path` +
- * ".cgi", remove `path` and rename the copy to `path`. A process that dies on the way leaves either
- * the old file whole or the copy whole. Between the removal and the renaming there is no file at
- * `path`; readers take no lock.
+ * Both writers lock the companion file `path` + ".lck", write the whole new content into a copy,
+ * `path` + ".cgi", remove `path` and rename the copy to `path`.
  *
- * Whatever the lock file is worth, the copy is locked as well (flock()) until it has become the
- * file: two writers that overlap write one after the other.
+ * **What is promised.** A process that dies leaves the old file whole or, if it has removed that
+ * already, the copy whole. Writers that can open the lock file do not rewrite the file at the same
+ * time. While there is no file at `path`, nothing but the lock file is touched, so that a copy that
+ * may be the only one left stays. Each copy is a new file (mode 0600), which no other process has
+ * open. A writer waits for the lock file as long as another process holds it, for half a second for
+ * a lock file that it has no permission to open or a copy that is in use, and for nothing else.
  *
- * The new file has the mode and, as far as the process may set them, the owner and the group of the
- * old one. Without the owner, set-id bits go; another group gets no more than everybody. If the old
- * file can't be read, or the copy can't be written whole (a full disk), the old file stays as
- * it is and no copy is left behind, except one that a writer which died has written: it may be all
- * there is, and nobody but you renames it back. Symbolic links at the companions' names are not
- * followed: with one in the copy's place nothing is saved, with one in the lock's place without a
- * lock. A path whose companions' names do not fit their buffers (1024 bytes; 255 for the copy in
- * save_global_conf()) leaves everything untouched.
+ * **Mode and owner.** The new file has the mode and, as far as the process may set them, the owner
+ * and group of the old one. Without the owner, set-id bits are dropped. If the group cannot be
+ * kept, its permissions are reduced to those of others.
+ *
+ * **Failures.** If `path` cannot be read or is no regular file, if the copy cannot be written whole
+ * (a full disk) or if the mode cannot be set, the old file stays as it is and the copy is removed.
+ * What is at the copy's name before, such as a copy that a killed process left, is removed first;
+ * symbolic links there are not followed, and with a directory there nothing is saved. A path whose
+ * companions' names do not fit their buffers (1024 bytes; 255 for the copy in save_global_conf())
+ * leaves every file untouched.
+ *
+ * **The lock file** is created with mode 0600. One that root creates belongs to the owner of `path`
+ * or, while there is only the copy, of the copy; one that root creates while there is neither stays
+ * root's. It is emptied, unless it has a second name: keep nothing in it. It counts as one that
+ * cannot be opened if it is a symbolic link or no regular file, or if its owner is none of the
+ * effective user, root, the owner of `path` and the owner of the directory: these are trusted. Each
+ * of them can hold its lock, and so make every writer wait. A lock file that is removed or replaced
+ * 100 times while a writer waits for its lock counts as one that cannot be opened, too.
+ *
+ * **Without the lock file**, a writer proceeds, but saves nothing if another one is at work on the
+ * copy, has replaced it, or if there is anything else but a regular file at the copy's name. A
+ * writer with the lock file waits for half a second for one without it. Then it saves nothing or,
+ * if the owner of the copy is not trusted, replaces the copy: if that owner's writer is alive, both
+ * the file and the copy may be lost. A writer that looks for the file at the moment in which one
+ * without the lock file has removed it saves nothing.
+ *
+ * **What is not promised.**
+ *  - Threads: a lock belongs to the process, so two threads may not save the same file at once. No
+ *    thread may open and close the lock file during a save; a second name of the lock file must be
+ *    neither `path` nor the copy.
+ *  - Readers take no lock: between the removal and the renaming there is no file at `path`.
+ *  - A symbolic link at `path` is replaced by a file; the file that it led to stays as it was.
+ *  - An access control list is not kept. If the old file has one, the group's permissions are
+ *    reduced to those of others, since its mode shows the list's mask in their place.
+ *  - Nothing is flushed to the device: after a power loss the file may be empty or missing. Call
+ *    sync() where that matters.
+ *
+ * A copy without a file is all that a killed process left: with the writers stopped, rename it to
+ * `path`. A copy beside a file is worth nothing; the next save removes it.
  *
  * Lines are read as described under Property table: a line of more than 1023 characters is taken in
  * pieces, a last line without a line end is dropped, and behind a NUL no key is looked for. A
@@ -330,8 +363,7 @@ CORVEL_API int free_prop(prop_entry *table, int count);
  * character is replaced by a line end, whatever it is: a piece of an over-long line loses its
  * 1023rd character. The value is neither checked for "setenv " nor for a line end.
  *
- * The lock file is created if it is missing (mode 0600) and stays. If it can't be opened the file
- * is rewritten without a lock.
+ * The lock file stays.
  *
  * @param sep   the separator, used as given.
  * @param path  the file; one that can't be read is left as it is, and none is created.
@@ -350,8 +382,8 @@ CORVEL_API int save_prop(signed char sep, const char *path, const prop_entry *ta
  * separator includes the line end, so that no usual name matches it. A last line without a line end
  * is dropped even if it is the one for @p name, which then disappears.
  *
- * The lock file is removed at the end. A writer that opened it just before holds a lock on a file
- * without a name; the lock on the copy then keeps the two apart.
+ * The lock file is removed at the end, unless another writer has taken it; one that was never
+ * locked stays.
  *
  * @param sep    `'='`, `' '`, anything else means tab.
  * @param path   the file; one that can't be read is left as it is, and none is created.

@@ -20,7 +20,10 @@ class Descriptor {
     /// Takes what open() or socket() returned.
     explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-    Descriptor &operator=(Descriptor &&) = delete;
+    Descriptor &operator=(Descriptor &&other) noexcept {
+        std::swap(descriptor_, other.descriptor_);
+        return *this;
+    }
     ~Descriptor() {
         if (descriptor_ >= 0)
             close(descriptor_);
@@ -45,6 +48,12 @@ inline Descriptor open_for_reading(const char *path) {
         return Descriptor(-1);
     }
     return file;
+}
+
+/// Whether a path, whose last component is not followed, names the file with this status.
+inline bool is_at(const struct stat &file, const char *path) {
+    struct stat named;
+    return lstat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
 }
 
 /// Reads until the block is full or nothing more comes. Returns the number of bytes read, or -1 if

@@ -1,21 +1,16 @@
 // SPDX-License-Identifier: MIT
-// Owners of what must be released: heap blocks, streams, locks.
+// Owners of what must be released: heap blocks and streams.
 #ifndef CORVEL_SUPPORT_HANDLES_H
 #define CORVEL_SUPPORT_HANDLES_H
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <span>
 #include <string_view>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utility>
 
-#include "support/descriptor.h"
 #include "support/text.h"
 
 namespace corvel {
@@ -86,30 +81,6 @@ struct PipeClose {
 
 /// A stream opened with popen.
 using Pipe = std::unique_ptr<std::FILE, PipeClose>;
-
-/// A lock on a file of its own, held while the object lives. The file is created if it is missing
-/// and emptied if it is not, unless it has another name, too. Where it can't be opened or
-/// locked, there is no lock.
-class FileLock {
-  public:
-    explicit FileLock(const char *path)
-        : file_(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)) {
-        struct stat status;
-        if (file_ && fstat(file_.get(), &status) == 0 && status.st_nlink == 1)
-            static_cast<void>(ftruncate(file_.get(), 0) == 0);
-        while (file_ && lockf(file_.get(), F_LOCK, 0) != 0 && errno == EINTR) {
-        }
-    }
-    FileLock(const FileLock &) = delete;
-    FileLock &operator=(const FileLock &) = delete;
-    ~FileLock() {
-        if (file_)
-            static_cast<void>(lockf(file_.get(), F_ULOCK, 0));
-    }
-
-  private:
-    Descriptor file_;
-};
 
 } // namespace corvel
 

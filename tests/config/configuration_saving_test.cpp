@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "config/property_rows.h"
+#include "config/writers.h"
 #include "support/child_process.h"
 #include "support/kill_points.h"
 #include "support/output_capture.h"
@@ -34,7 +35,6 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 namespace fs = std::filesystem;
-using Names = std::vector<std::string>;
 
 std::size_t open_descriptors() {
     const auto entries = fs::directory_iterator("/proc/self/fd");
@@ -424,52 +424,9 @@ TEST(SaveGlobalConf, RemovesTheLockFile) {
     EXPECT_EQ(folder.names(), Names{"conf"});
 }
 
-/** A writer that sets A to "x", for what holds for both. */
-struct Writer {
-    std::string name;
-    void (*set_a)(const std::string &path);
-    /** The longest path whose companions' names fit their buffers. */
-    std::size_t longest_path;
-    bool keeps_lock_file;
-};
-
-void PrintTo(const Writer &writer, std::ostream *out) { *out << writer.name; }
-
-void set_a_with_save_prop(const std::string &path) {
-    std::string name = "A";
-    std::string value = "x";
-    const prop_entry row = {2, 257, name.data(), value.data()};
-    EXPECT_EQ(save_prop('=', path.c_str(), &row, 1), 1);
-}
-
-void set_a_with_save_global_conf(const std::string &path) {
-    EXPECT_EQ(save_global_conf('=', path.c_str(), "", "A", "x"), 1);
-}
-
-class BothWriters : public testing::TestWithParam<Writer> {
-  protected:
-    void save() const { GetParam().set_a(path()); }
-    [[nodiscard]] std::string path() const { return folder_.path("conf"); }
-    /** The folder's content after a save: the named files and, where it stays, the lock file. */
-    [[nodiscard]] static Names with_lock_file(Names names) {
-        if (GetParam().keeps_lock_file)
-            names.emplace_back("conf.lck");
-        return names;
-    }
-    [[nodiscard]] mode_t mode() const {
-        struct stat status {};
-        EXPECT_EQ(stat(path().c_str(), &status), 0);
-        return status.st_mode & 07777U;
-    }
-
-    TemporaryFolder folder_;
-};
-
 INSTANTIATE_TEST_SUITE_P(Writers, BothWriters,
-                         testing::Values(Writer{"SaveProp", set_a_with_save_prop, 1019, true},
-                                         Writer{"SaveGlobalConf", set_a_with_save_global_conf, 250,
-                                                false}),
-                         [](const auto &writer) { return writer.param.name; });
+                         testing::Values(save_prop_writer, save_global_conf_writer),
+                         name_of_writer);
 
 TEST_P(BothWriters, SaveTheFile) {
     folder_.write("conf", "A=1\nB=2\n");
@@ -537,40 +494,6 @@ TEST_P(BothWriters, LeaveTheFileInAFolderThatMayNotBeWritten) {
     EXPECT_EQ(folder_.names(), Names{"conf"});
 }
 
-TEST_P(BothWriters, OverwriteACopyThatACrashLeft) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("conf.cgi", filler(100000));
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(folder_.names(), with_lock_file({"conf"}));
-}
-
-TEST_P(BothWriters, DoNotWriteThroughALinkAtTheCopysName) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("precious", "text");
-    fs::create_symlink(folder_.path("precious"), folder_.path("conf.cgi"));
-    save();
-    EXPECT_EQ(folder_.read("precious"), "text");
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-}
-
-TEST_P(BothWriters, DoNotEmptyTheTargetOfALinkAtTheLockFilesName) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("precious", "text");
-    fs::create_symlink(folder_.path("precious"), folder_.path("conf.lck"));
-    save();
-    EXPECT_EQ(folder_.read("precious"), "text");
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
-TEST_P(BothWriters, SaveWithoutALockWhereTheLockFileCannotBeOpened) {
-    folder_.write("conf", "A=1\n");
-    fs::create_directory(folder_.path("conf.lck"));
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
-}
-
 TEST_P(BothWriters, KeepTheMode) {
     for (const mode_t wanted : {0600U, 0644U, 0666U, 0755U, 0440U, 04750U, 02755U, 01777U}) {
         folder_.write("conf", "A=1\n");
@@ -602,25 +525,6 @@ TEST_P(BothWriters, KeepTheModeWhateverTheUmaskIs) {
         umask(before);
         EXPECT_EQ(mode(), 0666U);
     }
-}
-
-TEST_P(BothWriters, NeverShowTheCopyToOthersThanTheFile) {
-    for_each_kill_point(
-        [&] {
-            folder_.write("conf", "A=1\n");
-            ASSERT_EQ(chmod(path().c_str(), 0600), 0);
-            folder_.remove("conf.cgi");
-        },
-        [&] {
-            umask(0);
-            save();
-        },
-        [&](unsigned long n) {
-            struct stat status {};
-            if (stat(folder_.path("conf.cgi").c_str(), &status) != 0)
-                return;
-            EXPECT_EQ(status.st_mode & 0077U, 0U) << "system call " << n;
-        });
 }
 
 TEST_P(BothWriters, KeepTheOwner) {
@@ -666,62 +570,10 @@ TEST_P(BothWriters, GiveAnotherGroupNoMoreThanEverybody) {
     EXPECT_EQ(mode(), 0644U);
 }
 
-TEST_P(BothWriters, KeepACopyThatADeadWriterLeftWhereThereIsNoFile) {
-    folder_.write("conf.cgi", "A=1\n");
-    save();
-    EXPECT_EQ(folder_.read("conf.cgi"), "A=1\n");
-    EXPECT_FALSE(folder_.exists("conf"));
-}
-
-TEST_P(BothWriters, WriteNoOtherFileThatTheCopyIsALinkTo) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("other", "precious\n");
-    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.cgi").c_str()), 0);
-    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.lck").c_str()), 0);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(folder_.read("other"), "precious\n");
-}
-
-TEST_P(BothWriters, LeaveTheFileWhereTheCopyIsALinkThatCannotBeRemoved) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("other", "precious\n");
-    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.cgi").c_str()), 0);
-    const FailCall not_removed(call_unlink, 1, EPERM);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_EQ(folder_.read("other"), "precious\n");
-}
-
-TEST_P(BothWriters, WriteNoCopyThatBelongsToSomebodyElse) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("conf.cgi", "planted\n");
-    const int planted = open(folder_.path("conf.cgi").c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(planted, 0);
-    // An ordinary user can give nothing away; there the copy is its own, and taken.
-    const bool foreign = geteuid() == 0;
-    ASSERT_EQ(fchown(planted, foreign ? ordinary_user_id : geteuid(), static_cast<gid_t>(-1)), 0);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    char text[16] = {};
-    EXPECT_GT(pread(planted, text, sizeof text - 1, 0), 0);
-    EXPECT_STREQ(text, foreign ? "planted\n" : "A=\"x\"\n");
-    close(planted);
-}
-
-TEST_P(BothWriters, DoNotWaitForAPipeInThePlaceOfTheCopy) {
-    folder_.write("conf", "A=1\n");
-    ASSERT_EQ(mkfifo(folder_.path("conf.cgi").c_str(), 0600), 0);
-    alarm(20);
-    save();
-    alarm(0);
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-}
-
 TEST_P(BothWriters, TouchNothingWithoutAPath) {
     ASSERT_EQ(chdir(folder_.path().c_str()), 0);
     folder_.write(".lck", "text");
-    GetParam().set_a("");
+    GetParam().set("", "A", "x");
     EXPECT_EQ(save_prop('=', nullptr, nullptr, 0), 1);
     EXPECT_EQ(save_global_conf('=', nullptr, "", "A", "x"), 1);
     ASSERT_EQ(chdir("/"), 0);
@@ -750,7 +602,7 @@ std::string path_of_length(const TemporaryFolder &folder, std::size_t length) {
 TEST_P(BothWriters, SaveAFileWhoseCompanionsNamesJustFit) {
     const std::string path = path_of_length(folder_, GetParam().longest_path);
     write_file(path, "A=1\n");
-    GetParam().set_a(path);
+    GetParam().set(path, "A", "x");
     EXPECT_EQ(read_file(path), "A=\"x\"\n");
     EXPECT_FALSE(fs::exists(path + ".cgi"));
     EXPECT_EQ(fs::exists(path + ".lck"), GetParam().keeps_lock_file);
@@ -762,7 +614,7 @@ TEST_P(BothWriters, TouchNothingWhereTheCompanionsNamesDoNotFit) {
         const TemporaryFolder folder;
         const std::string path = path_of_length(folder, length);
         write_file(path, "A=1\n");
-        GetParam().set_a(path);
+        GetParam().set(path, "A", "x");
         EXPECT_EQ(read_file(path), "A=1\n") << length;
         const auto entries = fs::directory_iterator(fs::path(path).parent_path());
         EXPECT_EQ(std::distance(begin(entries), end(entries)), 1) << length;
@@ -773,7 +625,7 @@ TEST_P(BothWriters, TouchNoLockFileWhereTheCompanionsNamesDoNotFit) {
     const std::string path = path_of_length(folder_, GetParam().longest_path + 1);
     write_file(path, "A=1\n");
     write_file(path + ".lck", "text");
-    GetParam().set_a(path);
+    GetParam().set(path, "A", "x");
     EXPECT_EQ(read_file(path + ".lck"), "text");
 }
 
@@ -788,50 +640,14 @@ TEST_P(BothWriters, CloseEveryFile) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_P(BothWriters, SaveWithoutALockWhereLockingFails) {
-    folder_.write("conf", "A=1\n");
-    const FailCall no_locks(call_lockf, 1, ENOLCK, FailCall::from_then_on);
+/** The number of calls of a function that a save makes where there is a lock file, if it stays. */
+unsigned long calls_of_a_save(stand_in_call call, const TemporaryFolder &folder,
+                              const std::function<void()> &save, const std::string &before) {
     save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_GE(no_locks.failures(), 1U);
-}
-
-TEST_P(BothWriters, LockAgainAfterASignal) {
-    folder_.write("conf", "A=1\n");
-    const CountCalls locks(call_lockf);
-    const FailCall signal(call_lockf, 1, EINTR);
+    folder.write("conf", before);
+    const CountCalls calls(call);
     save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    // Interrupted, locked, unlocked.
-    EXPECT_EQ(locks.count(), 3U);
-}
-
-TEST_P(BothWriters, WaitForTheLock) {
-    folder_.write("conf", "A=1\n");
-    const int lock = open(folder_.path("conf.lck").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(lock, 0);
-    ASSERT_EQ(lockf(lock, F_LOCK, 0), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        save();
-        end_child(0);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
-    EXPECT_EQ(lockf(lock, F_ULOCK, 0), 0);
-    EXPECT_EQ(wait_for_child(child).exit_status, 0);
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    close(lock);
-}
-
-TEST_P(BothWriters, ReleaseTheLock) {
-    folder_.write("conf", "A=1\n");
-    save();
-    const int lock = open(folder_.path("conf.lck").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    expect_in_child([&] { EXPECT_EQ(lockf(lock, F_TLOCK, 0), 0); });
-    close(lock);
+    return calls.count();
 }
 
 /**
@@ -843,10 +659,7 @@ TEST_P(BothWriters, ReleaseTheLock) {
 unsigned long fail_each(stand_in_call call, const TemporaryFolder &folder,
                         const std::function<void()> &save, const std::string &before,
                         const std::string &after) {
-    folder.write("conf", before);
-    const CountCalls calls(call);
-    save();
-    const unsigned long count = calls.count();
+    const unsigned long count = calls_of_a_save(call, folder, save, before);
     EXPECT_EQ(folder.read("conf"), after);
     unsigned long left_alone = 0;
     for (unsigned long n = 1; n <= count; ++n) {
@@ -876,10 +689,7 @@ TEST_P(BothWriters, LeaveTheFileAndNoCopyWhicheverWriteFails) {
     const std::size_t descriptors = open_descriptors();
     for (const stand_in_call call :
          {call_fwrite, call_fputs, call_fputc, call_fprintf, call_write, call_fflush}) {
-        folder_.write("conf", before);
-        const CountCalls calls(call);
-        save();
-        const unsigned long count = calls.count();
+        const unsigned long count = calls_of_a_save(call, folder_, set_a, before);
         EXPECT_EQ(fail_each(call, folder_, set_a, before, after), count);
         writes += count;
     }
@@ -899,13 +709,6 @@ TEST_P(BothWriters, LeaveTheFileAndNoCopyWhicheverFileCannotBeOpened) {
             call, folder_, [&] { save(); }, "A=1\nB=2\n", "A=\"x\"\nB=2\n");
 }
 
-TEST_P(BothWriters, SaveWithoutALockWhereTheLockFilesOpeningFails) {
-    folder_.write("conf", "A=1\n");
-    const FailCall lock_file(call_open, 1, EMFILE);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
 TEST_P(BothWriters, LeaveAWholeFileWhicheverRightsCallFails) {
     for (const stand_in_call call : {call_fstat, call_fchmod, call_fchown})
         fail_each(
@@ -918,10 +721,8 @@ TEST_P(BothWriters, LeaveTheFileAndNoCopyWhicheverReadFails) {
     const std::size_t descriptors = open_descriptors();
     unsigned long reads = 0;
     for (const stand_in_call call : {call_read, call_fgets, call_fread}) {
-        folder_.write("conf", before);
-        const CountCalls calls(call);
-        save();
-        const unsigned long count = calls.count();
+        const unsigned long count = calls_of_a_save(
+            call, folder_, [&] { save(); }, before);
         EXPECT_EQ(fail_each(
                       call, folder_, [&] { save(); }, before, after),
                   count);
@@ -969,7 +770,7 @@ TEST_P(BothWriters, GiveTheSameFileWhicheverAllocationFails) {
         [&](AllocationTrial &trial) {
             folder_.write("conf", "A=1\nB=2\n");
             const std::string conf = path();
-            trial.run([&] { GetParam().set_a(conf); });
+            trial.run([&] { GetParam().set(conf, "A", "x"); });
             EXPECT_EQ(folder_.read("conf"), "A=\"x\"\nB=2\n") << "allocation " << trial.n();
             EXPECT_EQ(folder_.names(), with_lock_file({"conf"})) << "allocation " << trial.n();
         },
@@ -982,7 +783,7 @@ TEST_P(BothWriters, LeaveAWholeFileWhicheverAllocationOfTheStreamsFails) {
     for_each_allocation_failure([&](AllocationTrial &trial) {
         folder_.write("conf", "A=1\nB=2\n");
         const std::string conf = path();
-        trial.run([&] { GetParam().set_a(conf); });
+        trial.run([&] { GetParam().set(conf, "A", "x"); });
         const std::string text = folder_.read("conf");
         EXPECT_TRUE(text == "A=\"x\"\nB=2\n" || (trial.failed() && text == "A=1\nB=2\n"))
             << "allocation " << trial.n() << " left\n"
@@ -1017,7 +818,7 @@ TEST_P(BothWriters, LoseNothingOnAFullDisk) {
         const std::string text = "A=1\n" + large_file("1") + large_file("1");
         ASSERT_GT(2 * text.size(), disk);
         write_file("/mnt/disk/conf", text);
-        GetParam().set_a("/mnt/disk/conf");
+        GetParam().set("/mnt/disk/conf", "A", "x");
         EXPECT_EQ(read_file("/mnt/disk/conf"), text);
         EXPECT_FALSE(fs::exists("/mnt/disk/conf.cgi"));
     });
@@ -1028,11 +829,11 @@ TEST_P(BothWriters, LoseNothingOnADiskThatIsFullWhenTheCopyIsClosed) {
         mount_small_disk("/mnt/disk", 128 * 1024);
         write_file("/mnt/disk/conf", "A=1\nB=2\n");
         EXPECT_THROW(write_file("/mnt/disk/rest", filler(200 * 1024)), std::exception);
-        GetParam().set_a("/mnt/disk/conf");
+        GetParam().set("/mnt/disk/conf", "A", "x");
         EXPECT_EQ(read_file("/mnt/disk/conf"), "A=1\nB=2\n");
         EXPECT_FALSE(fs::exists("/mnt/disk/conf.cgi"));
         fs::remove("/mnt/disk/rest");
-        GetParam().set_a("/mnt/disk/conf");
+        GetParam().set("/mnt/disk/conf", "A", "x");
         EXPECT_EQ(read_file("/mnt/disk/conf"), "A=\"x\"\nB=2\n");
     });
 }

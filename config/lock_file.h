@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_CONFIG_LOCK_FILE_H
+#define CORVEL_CONFIG_LOCK_FILE_H
+
+#include <sys/types.h>
+
+#include "support/descriptor.h"
+
+namespace corvel {
+
+/// The names of a configuration file and its companions.
+struct FileNames {
+    const char *file;
+    const char *copy; ///< The new version, until it takes the file's place.
+    const char *lock;
+};
+
+/// Whether a user's files take part in keeping writers apart: the effective user, root, the owner
+/// of the file and the owner of its directory. Anybody else's files could be locked by them for as
+/// long as they like.
+bool is_trusted(uid_t user, const FileNames &names);
+
+/// The lock that a writer of a configuration file holds while it rewrites the file: a lockf() lock
+/// on a companion of the file.
+///
+/// Any close() of the lock file in a process drops the process's lock. Between construction and
+/// release, nothing else in the process may open and close it.
+class LockFile {
+  public:
+    /// Takes the lock, waiting as long as another writer holds it. The lock file is created if it
+    /// is missing and emptied if it has no second name. It counts as one that cannot be opened if
+    /// it is not a regular file or its owner is not trusted. The names must outlive the object.
+    explicit LockFile(const FileNames &names);
+    LockFile(const LockFile &) = delete;
+    LockFile &operator=(const LockFile &) = delete;
+    ~LockFile() { release(); }
+
+    /// Whether no other writer that can open the lock file is at work.
+    [[nodiscard]] bool held() const { return held_; }
+
+    /// Unlocks and closes the lock file.
+    void release();
+
+    /// Releases the lock and then removes the lock file, unless another writer has taken it. A
+    /// lock that was not held removes nothing.
+    void release_and_remove();
+
+  private:
+    const char *path_;
+    Descriptor file_{-1};
+    bool held_ = false;
+};
+
+} // namespace corvel
+
+#endif

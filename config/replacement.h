@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_CONFIG_REPLACEMENT_H
+#define CORVEL_CONFIG_REPLACEMENT_H
+
+#include <sys/stat.h>
+
+#include "config/lock_file.h"
+#include "support/descriptor.h"
+#include "support/handles.h"
+
+namespace corvel {
+
+/// A new version of a file, written into a companion of the file, the copy, which then takes the
+/// file's place.
+///
+/// Each copy is a new file, locked by its maker until it has taken the file's place. The lock keeps
+/// apart those writers that the lock file does not: a writer without the lock file never replaces a
+/// copy that somebody has locked. A writer that holds the lock file waits for half a second. If a
+/// writer that is trusted is still at work then, nothing is saved; if the lock is a stranger's, the
+/// copy is replaced.
+class Replacement {
+  public:
+    /// Creates the copy; what a writer that died has left at its name, unless it is a directory, is
+    /// removed first. There is no replacement if another writer is at work on one, or if the file
+    /// has disappeared, so that the copy that is there may be the only one left.
+    Replacement(const FileNames &names, bool holds_lock_file);
+    Replacement(const Replacement &) = delete;
+    Replacement &operator=(const Replacement &) = delete;
+    /// Removes a copy that was not finished.
+    ~Replacement();
+
+    explicit operator bool() const { return stream_ != nullptr; }
+    [[nodiscard]] std::FILE *stream() const { return stream_.get(); }
+
+    /// Gives the copy the owner, group and mode of the original and closes it. False if it is not
+    /// whole.
+    bool finish(int original);
+
+    /// Removes the file and gives its name to the finished copy.
+    void take_place();
+
+  private:
+    enum class Creation { done, taken, failed };
+
+    [[nodiscard]] bool is_at_its_name() const { return is_at(status_, names_.copy); }
+    Creation create();
+    bool create_in_turn(bool holds_lock_file);
+    [[nodiscard]] bool remove_unlocked_copy() const;
+    [[nodiscard]] bool remove_strangers_copy() const;
+    void remove_copy() const;
+
+    FileNames names_;
+    /// Holds the lock until the copy has taken the file's place.
+    Descriptor copy_{-1};
+    struct stat status_ {};
+    Stream stream_;
+    bool finished_ = false;
+};
+
+} // namespace corvel
+
+#endif

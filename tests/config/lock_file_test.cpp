@@ -1,0 +1,631 @@
+/* SPDX-License-Identifier: MIT */
+/** The lock file of a configuration file, as the two functions that save the file use it. */
+#include <corvel.h>
+
+#include "config/writers.h"
+#include "support/child_process.h"
+#include "support/kill_points.h"
+#include "support/next_definition.h"
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+/** Whether the library's pauses are skipped. */
+static bool skip_pauses = false;
+
+extern "C" int nanosleep(const timespec *length, timespec *left) {
+    static auto *const next =
+        corvel_test::next_definition<int(const timespec *, timespec *)>("nanosleep");
+    return skip_pauses ? 0 : next(length, left);
+}
+
+namespace {
+
+using namespace corvel_test;
+namespace fs = std::filesystem;
+
+constexpr uid_t file_owner = 1234;
+constexpr uid_t directory_owner = 2345;
+constexpr uid_t stranger = 3456;
+
+/** A lock on a file, held while the object lives. */
+class HeldLock {
+  public:
+    explicit HeldLock(const std::string &path)
+        : file_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+        EXPECT_GE(file_, 0);
+        EXPECT_EQ(lockf(file_, F_LOCK, 0), 0);
+    }
+    ~HeldLock() { release(); }
+    HeldLock(const HeldLock &) = delete;
+    HeldLock &operator=(const HeldLock &) = delete;
+
+    void release() {
+        if (file_ >= 0)
+            close(file_);
+        file_ = -1;
+    }
+
+  private:
+    int file_;
+};
+
+pid_t start(const std::function<void()> &body) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0)
+        end_child(status_of_assertions(body));
+    return child;
+}
+
+/** Whether a child is still at work after a while. */
+bool waits(pid_t child) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return waitpid(child, nullptr, WNOHANG) == 0;
+}
+
+void change_owner(const std::string &path, uid_t user) {
+    ASSERT_EQ(chown(path.c_str(), user, static_cast<gid_t>(-1)), 0) << path;
+}
+
+void become(uid_t user) {
+    ASSERT_EQ(setgid(user), 0);
+    ASSERT_EQ(setuid(user), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Writers, BothWriters,
+                         testing::Values(save_prop_writer, save_global_conf_writer),
+                         name_of_writer);
+
+TEST_P(BothWriters, DoNotEmptyTheTargetOfALinkAtTheLockFilesName) {
+    folder_.write("conf", "A=1\n");
+    folder_.write("precious", "text");
+    fs::create_symlink(folder_.path("precious"), folder_.path("conf.lck"));
+    save();
+    EXPECT_EQ(folder_.read("precious"), "text");
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, SaveWithoutALockWhereTheLockFileCannotBeOpened) {
+    folder_.write("conf", "A=1\n");
+    fs::create_directory(folder_.path("conf.lck"));
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
+}
+
+TEST_P(BothWriters, SaveWithoutALockWhereTheLockFilesOpeningFails) {
+    folder_.write("conf", "A=1\n");
+    const FailCall lock_file(call_open, 1, EMFILE);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, SaveWithoutALockWhereLockingFails) {
+    folder_.write("conf", "A=1\n");
+    const FailCall no_locks(call_lockf, 1, ENOLCK, FailCall::from_then_on);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_GE(no_locks.failures(), 1U);
+}
+
+TEST_P(BothWriters, WaitForTheLock) {
+    folder_.write("conf", "A=1\n");
+    const int lock = open(folder_.path("conf.lck").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(lockf(lock, F_LOCK, 0), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        save();
+        end_child(0);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
+    EXPECT_EQ(folder_.read("conf"), "A=1\n");
+    EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
+    EXPECT_EQ(lockf(lock, F_ULOCK, 0), 0);
+    EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    close(lock);
+}
+
+TEST_P(BothWriters, ReleaseTheLock) {
+    folder_.write("conf", "A=1\n");
+    save();
+    const int lock = open(folder_.path("conf.lck").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    expect_in_child([&] { EXPECT_EQ(lockf(lock, F_TLOCK, 0), 0); });
+    close(lock);
+}
+
+TEST_P(BothWriters, LockAgainAfterASignal) {
+    folder_.write("conf", "A=1\n");
+    const CountCalls locks(call_lockf);
+    const FailCall signal(call_lockf, 1, EINTR);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    // Interrupted, locked, unlocked; locked once more to remove the lock file.
+    EXPECT_EQ(locks.count(), GetParam().keeps_lock_file ? 3U : 4U);
+}
+
+TEST_P(BothWriters, LockAgainWhereTheKernelSeesADeadlock) {
+    folder_.write("conf", "A=1\n");
+    const CountCalls locks(call_lockf);
+    const FailCall deadlock(call_lockf, 1, EDEADLK);
+    save();
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(locks.count(), GetParam().keeps_lock_file ? 3U : 4U);
+}
+
+TEST_P(BothWriters, ReturnWhereTheKernelSeesADeadlockForEver) {
+    folder_.write("conf", "A=1\n");
+    expect_in_child([&] {
+        skip_pauses = true;
+        const FailCall deadlock(call_lockf, 1, EDEADLK, FailCall::from_then_on);
+        save();
+    });
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, CreateALockFileForTheOwnerAlone) {
+    folder_.write("conf", "A=1\n");
+    const mode_t before = umask(0);
+    for_each_kill_point([&] { folder_.remove("conf.lck"); }, [&] { save(); },
+                        [&](unsigned long n) {
+                            if (folder_.exists("conf.lck")) {
+                                EXPECT_EQ(status("conf.lck").st_mode & 07777U, 0600U) << n;
+                            }
+                        });
+    umask(before);
+}
+
+TEST_P(BothWriters, DoNotWaitForTheLockOfAStrangersFile) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can have a file of somebody else";
+    folder_.write("conf", "A=1\n");
+    folder_.write("conf.lck", "text");
+    change_owner(folder_.path("conf.lck"), stranger);
+    const HeldLock held(folder_.path("conf.lck"));
+    const ChildResult child = run_in_child([&] {
+        alarm(20);
+        save();
+    });
+    EXPECT_EQ(child.signal, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    // Neither emptied nor removed.
+    EXPECT_EQ(folder_.read("conf.lck"), "text");
+}
+
+TEST_P(BothWriters, WaitForTheLockOfAFileOfTheUserOfRootOfTheFilesOrOfTheDirectorysOwner) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can have files of several users";
+    change_owner(folder_.path(), directory_owner);
+    ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);
+    for (const uid_t writer : {uid_t{0}, ordinary_user_id}) {
+        for (const uid_t owner : {uid_t{0}, ordinary_user_id, file_owner, directory_owner}) {
+            // To root, an ordinary user who owns neither the file nor the directory is a stranger.
+            if (writer == 0 && owner == ordinary_user_id)
+                continue;
+            folder_.write("conf", "A=1\n");
+            change_owner(path(), file_owner);
+            folder_.write("conf.lck", "");
+            change_owner(folder_.path("conf.lck"), owner);
+            ASSERT_EQ(chmod(folder_.path("conf.lck").c_str(), 0666), 0);
+            HeldLock held(folder_.path("conf.lck"));
+            const pid_t child = start([&] {
+                if (writer != 0)
+                    become(writer);
+                save();
+            });
+            EXPECT_TRUE(waits(child)) << "writer " << writer << ", owner " << owner;
+            held.release();
+            EXPECT_EQ(wait_for_child(child).exit_status, 0);
+            EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+            folder_.remove("conf.lck");
+        }
+    }
+}
+
+TEST_P(BothWriters, WaitForTheLockOfADirectoryOwnersFileAtARelativePath) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can have a file of somebody else";
+    folder_.write("conf", "A=1\n");
+    change_owner(folder_.path(), directory_owner);
+    folder_.write("conf.lck", "");
+    change_owner(folder_.path("conf.lck"), directory_owner);
+    HeldLock held(folder_.path("conf.lck"));
+    const pid_t child = start([&] {
+        ASSERT_EQ(chdir(folder_.path().c_str()), 0);
+        GetParam().set("conf", "A", "x");
+    });
+    EXPECT_TRUE(waits(child));
+    held.release();
+    EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, DoNotWaitForAFifoOrADeviceInThePlaceOfTheLockFile) {
+    folder_.write("conf", "A=1\n");
+    ASSERT_EQ(mkfifo(folder_.path("conf.lck").c_str(), 0600), 0);
+    const HeldLock held(folder_.path("conf.lck"));
+    const ChildResult child = run_in_child([&] {
+        alarm(20);
+        save();
+    });
+    EXPECT_EQ(child.signal, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_TRUE(folder_.exists("conf.lck"));
+}
+
+class RootsLockFile : public BothWriters {
+  protected:
+    /** A file of another user, without a lock file. */
+    void prepare_file_of(uid_t user) const {
+        folder_.remove("conf.lck");
+        folder_.write("conf", "A=1\n");
+        change_owner(path(), user);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Writers, RootsLockFile,
+                         testing::Values(save_prop_writer, save_global_conf_writer),
+                         name_of_writer);
+
+TEST_P(RootsLockFile, BelongsToTheFilesOwner) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root gives files away";
+    // The owner may create files in the directory, or may not.
+    for (const mode_t directory_mode : {0777U, 0755U}) {
+        ASSERT_EQ(chmod(folder_.path().c_str(), directory_mode), 0);
+        bool seen = false;
+        for_each_kill_point([&] { prepare_file_of(file_owner); }, [&] { save(); },
+                            [&](unsigned long) {
+                                seen = seen || (folder_.exists("conf.lck") &&
+                                                status("conf.lck").st_uid == file_owner);
+                            });
+        EXPECT_TRUE(seen);
+    }
+}
+
+TEST_P(RootsLockFile, BelongsToTheCopysOwnerWhereThereIsNoFile) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root gives files away";
+    prepare_file_of(file_owner);
+    fs::rename(path(), folder_.path("conf.cgi"));
+    uid_t owner = 0;
+    for_each_kill_point([&] { folder_.remove("conf.lck"); }, [&] { save(); },
+                        [&](unsigned long) {
+                            if (folder_.exists("conf.lck"))
+                                owner = status("conf.lck").st_uid;
+                        });
+    EXPECT_EQ(owner, file_owner);
+}
+
+TEST_P(RootsLockFile, IsWaitedForWhereRootIsAboutToGiveItAway) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root gives files away";
+    prepare_file_of(file_owner);
+    change_owner(folder_.path(), file_owner);
+    HeldLock held(folder_.path("conf.lck"));
+    const pid_t child = start([&] {
+        become(file_owner);
+        save();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    change_owner(folder_.path("conf.lck"), file_owner);
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
+    EXPECT_EQ(folder_.read("conf"), "A=1\n");
+    held.release();
+    EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(RootsLockFile, IsLockedByTheNextWriterWhileThereIsNoFile) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root has several users";
+    prepare_file_of(file_owner);
+    folder_.write("conf.lck", "");
+    change_owner(folder_.path("conf.lck"), file_owner);
+    // Another writer has removed the file and not yet renamed the copy.
+    HeldLock held(folder_.path("conf.lck"));
+    fs::rename(path(), folder_.path("conf.cgi"));
+    const pid_t child = start([&] { save(); });
+    EXPECT_TRUE(waits(child));
+    fs::rename(folder_.path("conf.cgi"), path());
+    held.release();
+    EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, GiveAwayNoLockFileThatTheyDidNotCreate) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root gives files away";
+    folder_.write("conf", "A=1\n");
+    change_owner(path(), file_owner);
+    folder_.write("other", "text");
+    ASSERT_EQ(link(folder_.path("other").c_str(), folder_.path("conf.lck").c_str()), 0);
+    save();
+    EXPECT_EQ(status("other").st_uid, 0U);
+    EXPECT_EQ(folder_.read("other"), "text");
+}
+
+TEST_P(BothWriters, WaitForTheLockOfTheFileThatIsAtTheNameNow) {
+    folder_.write("conf", "A=1\n");
+    HeldLock removed(folder_.path("conf.lck"));
+    const pid_t child = start([&] { save(); });
+    EXPECT_TRUE(waits(child));
+    folder_.remove("conf.lck");
+    HeldLock created(folder_.path("conf.lck"));
+    removed.release();
+    EXPECT_TRUE(waits(child));
+    EXPECT_EQ(folder_.read("conf"), "A=1\n");
+    created.release();
+    EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, SaveThoughTheLockFileIsReplacedAgainAndAgain) {
+    folder_.write("conf", "A=1\n");
+    const std::string lock = folder_.path("conf.lck");
+    const std::string next = folder_.path("next");
+    const pid_t replacer = start([&] {
+        for (;;) {
+            close(open(next.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+            rename(next.c_str(), lock.c_str());
+        }
+    });
+    const ChildResult child = run_in_child([&] {
+        alarm(60);
+        for (int i = 0; i < 20; ++i)
+            save();
+    });
+    kill(replacer, SIGKILL);
+    waitpid(replacer, nullptr, 0);
+    EXPECT_EQ(child.signal, 0);
+    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+}
+
+TEST(SaveGlobalConf, LeavesALockFileThatAnotherWriterHasTaken) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    // Locked, unlocked; the lock for the removal is the third call.
+    const FailCall taken(call_lockf, 3, EAGAIN);
+    set_with_save_global_conf(folder.path("conf"), "A", "x");
+    EXPECT_EQ(taken.failures(), 1U);
+    EXPECT_EQ(folder.names(), (Names{"conf", "conf.lck"}));
+    EXPECT_EQ(folder.read("conf"), "A=\"x\"\n");
+}
+
+TEST(SaveGlobalConf, LeavesALockFileOfAnotherWriterWhereverItIsPaused) {
+    const TemporaryFolder folder;
+    const std::string lock = folder.path("conf.lck");
+    pid_t holder = 0;
+    unsigned long left = 0;
+    for_each_pause_point(
+        [&] {
+            folder.remove("conf.lck");
+            folder.write("conf", "A=1\n");
+        },
+        [&] {
+            alarm(20);
+            set_with_save_global_conf(folder.path("conf"), "A", "x");
+            alarm(0);
+        },
+        [&] {
+            // Once the file is saved, another writer removes the lock file, which it must have
+            // locked, and a third one makes another.
+            const int old = open(lock.c_str(), O_RDWR | O_CLOEXEC);
+            if (!folder.exists("conf") || folder.read("conf") == "A=1\n" ||
+                (old >= 0 && lockf(old, F_TLOCK, 0) != 0))
+                return;
+            folder.remove("conf.lck");
+            folder.write("conf.lck", "another's");
+            const pid_t process = fork();
+            if (process == 0) {
+                const HeldLock held(lock);
+                folder.write("holder", std::to_string(getpid()));
+                pause();
+            }
+            while (!folder.exists("holder"))
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        },
+        AfterPause::go_on,
+        [&](unsigned long n) {
+            if (!folder.exists("holder"))
+                return;
+            holder = std::stoi(folder.read("holder"));
+            EXPECT_TRUE(folder.exists("conf.lck") && folder.read("conf.lck") == "another's") << n;
+            ++left;
+            kill(holder, SIGKILL);
+            folder.remove("holder");
+        });
+    EXPECT_GE(left, 3U);
+}
+
+TEST(SaveGlobalConf, RemovesNoLockFileThatItNeverLocked) {
+    const TemporaryFolder folder;
+    folder.write("conf", "A=1\n");
+    folder.write("precious", "text");
+    fs::create_symlink(folder.path("precious"), folder.path("conf.lck"));
+    set_with_save_global_conf(folder.path("conf"), "A", "x");
+    EXPECT_EQ(folder.names(), (Names{"conf", "conf.lck", "precious"}));
+    folder.remove("conf.lck");
+    folder.write("conf.lck", "");
+    const FailCall no_locks(call_lockf, 1, ENOLCK);
+    set_with_save_global_conf(folder.path("conf"), "A", "x");
+    EXPECT_EQ(folder.names(), (Names{"conf", "conf.lck", "precious"}));
+}
+
+/** Who makes the first lock file of a test, and so decides to whom it belongs. */
+enum class FirstWriter { root, another_user };
+
+class MixedWriters : public testing::TestWithParam<FirstWriter> {};
+
+INSTANTIATE_TEST_SUITE_P(First, MixedWriters,
+                         testing::Values(FirstWriter::root, FirstWriter::another_user),
+                         [](const auto &first) {
+                             return first.param == FirstWriter::root ? "Root" : "AnotherUser";
+                         });
+
+TEST_P(MixedWriters, LoseNoSettingOfSixWritersOfBothKindsAndTwoUsers) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "two users need root";
+    constexpr int processes = 6;
+    constexpr int saves = 200;
+    const TemporaryFolder folder;
+    change_owner(folder.path(), ordinary_user_id);
+    std::string lines;
+    for (int process = 0; process < processes; ++process)
+        lines += "NAME_" + std::to_string(process) + "=\"0\"\n";
+    const std::string path = folder.path("conf");
+    folder.write("conf", lines);
+    change_owner(path, ordinary_user_id);
+    const auto first = [&] {
+        if (GetParam() == FirstWriter::another_user)
+            become(ordinary_user_id);
+        set_with_save_prop(path, "NAME_0", "0");
+    };
+    EXPECT_EQ(wait_for_child(start(first)).exit_status, 0);
+
+    std::vector<pid_t> children;
+    for (int process = 0; process < processes; ++process)
+        children.push_back(start([&, process] {
+            // Both kinds of writers, of both users.
+            const Writer &writer = process % 2 == 0 ? save_prop_writer : save_global_conf_writer;
+            if (process >= processes / 2)
+                become(ordinary_user_id);
+            for (int i = 1; i <= saves; ++i)
+                writer.set(path, "NAME_" + std::to_string(process), std::to_string(i));
+        }));
+    for (const pid_t child : children)
+        EXPECT_EQ(wait_for_child(child).exit_status, 0);
+    std::string expected;
+    for (int process = 0; process < processes; ++process)
+        expected += "NAME_" + std::to_string(process) + "=\"" + std::to_string(saves) + "\"\n";
+    EXPECT_EQ(folder.read("conf"), expected);
+    EXPECT_FALSE(folder.exists("conf.cgi"));
+}
+
+/** Two writers, one of which is paused at each of its system calls while the other one saves. */
+class TwoWriters : public testing::TestWithParam<std::array<Writer, 2>> {
+  protected:
+    void prepare() const {
+        for (const std::string &name : folder_.names())
+            folder_.remove(name);
+        folder_.write("conf", "A=\"1\"\nB=\"1\"\nC=\"1\"\n");
+    }
+    void first() const { GetParam()[0].set(folder_.path("conf"), "A", "x"); }
+    void second() const { GetParam()[1].set(folder_.path("conf"), "B", "y"); }
+    /** Leaves a note if the file is saved. */
+    void second_without_lock() const {
+        set_without_lock(GetParam()[1], folder_.path("conf"), "B", "y");
+        if (folder_.exists("conf") && folder_.read("conf").find("B=\"y\"") != std::string::npos)
+            folder_.write("note", "");
+    }
+    /** The file's content or, if there is no file, the copy's. */
+    [[nodiscard]] std::string settings() const {
+        return folder_.read(folder_.exists("conf") ? "conf" : "conf.cgi");
+    }
+
+    TemporaryFolder folder_;
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, TwoWriters,
+    testing::Values(std::array{save_prop_writer, save_prop_writer},
+                    std::array{save_prop_writer, save_global_conf_writer},
+                    std::array{save_global_conf_writer, save_prop_writer},
+                    std::array{save_global_conf_writer, save_global_conf_writer}),
+    [](const auto &kinds) { return kinds.param[0].name + "And" + kinds.param[1].name; });
+
+/** Long enough for a save, where it need not wait for the paused one. */
+constexpr std::chrono::milliseconds waiting_for_the_other(10);
+
+TEST_P(TwoWriters, SaveBothSettingsWhereverOneIsPaused) {
+    for_each_pause_point([&] { prepare(); }, [&] { first(); }, [&] { second(); }, AfterPause::go_on,
+                         [&](unsigned long n) {
+                             EXPECT_EQ(folder_.read("conf"), "A=\"x\"\nB=\"y\"\nC=\"1\"\n") << n;
+                             EXPECT_FALSE(folder_.exists("conf.cgi")) << n;
+                         },
+                         waiting_for_the_other);
+}
+
+TEST_P(TwoWriters, KeepTheSettingsWhereverOneIsKilledBeforeTheOther) {
+    const Names whole = {"A=\"1\"\nB=\"y\"\nC=\"1\"\n", "A=\"x\"\nB=\"1\"\nC=\"1\"\n",
+                         "A=\"x\"\nB=\"y\"\nC=\"1\"\n"};
+    for_each_pause_point(
+        [&] { prepare(); }, [&] { first(); }, [&] { second(); }, AfterPause::die,
+        [&](unsigned long n) {
+            EXPECT_TRUE(std::count(whole.begin(), whole.end(), settings())) << n << "\n"
+                                                                            << settings();
+            // Without a file there is nothing that the second one could change.
+            EXPECT_TRUE(!folder_.exists("conf") || settings().find("B=\"y\"") != std::string::npos)
+                << n;
+        },
+        waiting_for_the_other);
+}
+
+TEST_P(TwoWriters, DestroyNothingWithoutTheLockWhereverTheOtherIsPaused) {
+    for_each_pause_point(
+        [&] { prepare(); }, [&] { first(); }, [&] { second_without_lock(); }, AfterPause::go_on,
+        [&](unsigned long n) {
+            EXPECT_EQ(folder_.read("conf"), folder_.exists("note") ? "A=\"x\"\nB=\"y\"\nC=\"1\"\n"
+                                                                   : "A=\"x\"\nB=\"1\"\nC=\"1\"\n")
+                << n;
+            EXPECT_FALSE(folder_.exists("conf.cgi")) << n;
+        });
+}
+
+TEST_P(TwoWriters, DestroyNothingHoweverLongTheOneWithoutTheLockIsPaused) {
+    const Names whole = {"A=\"x\"\nB=\"1\"\nC=\"1\"\n", "A=\"1\"\nB=\"y\"\nC=\"1\"\n",
+                         "A=\"x\"\nB=\"y\"\nC=\"1\"\n"};
+    for_each_pause_point([&] { prepare(); }, [&] { second_without_lock(); },
+                         [&] {
+                             skip_pauses = true;
+                             first();
+                         },
+                         AfterPause::go_on,
+                         [&](unsigned long n) {
+                             const std::string text = settings();
+                             EXPECT_TRUE(std::count(whole.begin(), whole.end(), text)) << n << "\n"
+                                                                                       << text;
+                         });
+}
+
+TEST_P(TwoWriters, DestroyNothingWithoutTheLockWhereverTheOtherIsKilled) {
+    for_each_pause_point([&] { prepare(); }, [&] { first(); }, [&] { second_without_lock(); },
+                         AfterPause::die,
+                         [&](unsigned long n) {
+                             const std::string text = settings();
+                             EXPECT_EQ(text.size(), 18U) << n;
+                             EXPECT_NE(text.find("C=\"1\"\n"), std::string::npos) << n;
+                         });
+}
+
+TEST_P(TwoWriters, DestroyNothingWhereverTheOneWithoutTheLockIsPaused) {
+    for_each_pause_point([&] { prepare(); }, [&] { second_without_lock(); }, [&] { first(); },
+                         AfterPause::die,
+                         [&](unsigned long n) {
+                             const std::string text = settings();
+                             EXPECT_EQ(text.size(), 18U) << n;
+                             EXPECT_NE(text.find("C=\"1\"\n"), std::string::npos) << n;
+                         },
+                         waiting_for_the_other);
+}
+
+} // namespace

@@ -1,0 +1,86 @@
+/* SPDX-License-Identifier: MIT */
+/** The two functions that save a configuration file, for tests of what holds for both. */
+#ifndef CORVEL_TESTS_WRITERS_H
+#define CORVEL_TESTS_WRITERS_H
+
+#include <corvel.h>
+
+#include "support/stand_in.h"
+#include "support/temporary_folder.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <gtest/gtest.h>
+#include <ostream>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+namespace corvel_test {
+
+using Names = std::vector<std::string>;
+
+struct Writer {
+    std::string name;
+    /** Sets a name in a file to a value, in quotes. */
+    void (*set)(const std::string &path, const std::string &name, const std::string &value);
+    /** The longest path whose companions' names fit their buffers. */
+    std::size_t longest_path;
+    bool keeps_lock_file;
+};
+
+inline void PrintTo(const Writer &writer, std::ostream *out) { *out << writer.name; }
+
+inline void set_with_save_prop(const std::string &path, const std::string &name,
+                               const std::string &value) {
+    std::string own_name = name;
+    std::string own_value = value;
+    const prop_entry row = {2, 257, own_name.data(), own_value.data()};
+    EXPECT_EQ(save_prop('=', path.c_str(), &row, 1), 1);
+}
+
+inline void set_with_save_global_conf(const std::string &path, const std::string &name,
+                                      const std::string &value) {
+    EXPECT_EQ(save_global_conf('=', path.c_str(), "", name.c_str(), value.c_str()), 1);
+}
+
+inline const Writer save_prop_writer = {"SaveProp", set_with_save_prop, 1019, true};
+inline const Writer save_global_conf_writer = {"SaveGlobalConf", set_with_save_global_conf, 250,
+                                               false};
+
+/** Sets a name in a file by a writer that cannot open the lock file. */
+inline void set_without_lock(const Writer &writer, const std::string &path, const std::string &name,
+                             const std::string &value) {
+    const FailCall lock_file(call_open, 1, EMFILE);
+    writer.set(path, name, value);
+}
+
+/** A directory with a file "conf", in which either writer sets A to "x". */
+class BothWriters : public testing::TestWithParam<Writer> {
+  protected:
+    void save() const { GetParam().set(path(), "A", "x"); }
+    void save_without_lock() const { set_without_lock(GetParam(), path(), "A", "x"); }
+    [[nodiscard]] std::string path() const { return folder_.path("conf"); }
+    /** The directory's content after a save: the named files and, if it stays, the lock file. */
+    [[nodiscard]] static Names with_lock_file(Names names) {
+        if (GetParam().keeps_lock_file)
+            names.emplace_back("conf.lck");
+        return names;
+    }
+    [[nodiscard]] struct stat status(const char *name) const {
+        struct stat status {};
+        EXPECT_EQ(lstat(folder_.path(name).c_str(), &status), 0) << name;
+        return status;
+    }
+    [[nodiscard]] mode_t mode() const { return status("conf").st_mode & 07777U; }
+
+    TemporaryFolder folder_;
+};
+
+inline std::string name_of_writer(const testing::TestParamInfo<Writer> &writer) {
+    return writer.param.name;
+}
+
+} // namespace corvel_test
+
+#endif
