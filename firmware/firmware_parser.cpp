@@ -96,20 +96,24 @@ unsigned char sum_of(Bytes bytes) {
 /// What of a section is written to flash. `size` is as the section says, `bytes` what of it the
 /// image holds.
 struct Content {
-    std::uint32_t size;
+    std::uint64_t size;
     Bytes bytes;
 };
 
+/// Only the size of a stripped section wraps at 32 bits: a whole section that did would be shorter
+/// than its own header.
 Content content_of(Bytes section, const Header &header, const sign_tbl_entry &row) {
-    const bool stripped = row.strip_header == 1;
-    const std::uint32_t size = stripped ? header.len - 1 - header.pad
-                                        : header.len + static_cast<std::uint32_t>(header_size);
-    return {size, first_bytes(stripped ? section.subspan(header_size) : section, size)};
+    if (row.strip_header == 1) {
+        const std::uint32_t size = header.len - 1 - header.pad;
+        return {size, first_bytes(section.subspan(header_size), size)};
+    }
+    const std::uint64_t size = std::uint64_t{header.len} + header_size;
+    return {size, size < section.size() ? section.first(static_cast<std::size_t>(size)) : section};
 }
 
 /// Whether a section's payload sums up and fits its partition; only asked where it has to.
 Result check_section(Bytes section, std::uint64_t offset, const Header &header,
-                     const sign_tbl_entry &row, std::uint32_t size) {
+                     const sign_tbl_entry &row, std::uint64_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
         syslog(LOG_ERR, "%s image checksum error at %X!\n", row.signature,
                static_cast<unsigned int>(offset + header_size));
@@ -120,7 +124,8 @@ Result check_section(Bytes section, std::uint64_t offset, const Header &header,
                "Header.signature = %s,  burnaddr=0x%02x, mtd_id = 0x%04x, pad = 0x%04x,  "
                "len = 0x%04x\n",
                row.signature, header.burnaddr, header.mtd_id, header.pad, header.len);
-        syslog(LOG_ERR, "%s image size(%X) > %X!\n", row.signature, size, row.max_size);
+        syslog(LOG_ERR, "%s image size(%X) > %X!\n", row.signature, static_cast<unsigned int>(size),
+               row.max_size);
         return section_too_large;
     }
     return accepted;

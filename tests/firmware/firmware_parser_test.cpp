@@ -14,8 +14,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -25,8 +27,11 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <syslog.h>
+#include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -520,6 +525,70 @@ TEST(ParseFirmware, RefusesACrcThatIsNotAllThere) {
         }
     });
 }
+
+#if SIZE_MAX > UINT32_MAX
+
+/** The largest image whose length the interface can hold, nearly all of it zeros that take no
+ * memory, after a page that nobody may touch. Only a 64-bit address space can hold it. */
+class LargestImage {
+  public:
+    static constexpr std::uint32_t size = UINT32_MAX;
+
+    LargestImage() {
+        const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        mapped_ = page + std::size_t{size} + 1;
+        void *const memory = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (memory == MAP_FAILED || mprotect(memory, page, PROT_NONE) != 0)
+            throw std::system_error(errno, std::generic_category(), "the largest image");
+        memory_ = static_cast<unsigned char *>(memory);
+        start_ = memory_ + page;
+    }
+    LargestImage(const LargestImage &) = delete;
+    LargestImage &operator=(const LargestImage &) = delete;
+    ~LargestImage() { munmap(memory_, mapped_); }
+
+    void start_with(std::string_view bytes) { std::memcpy(start_, bytes.data(), bytes.size()); }
+    [[nodiscard]] const unsigned char *start() const { return start_; }
+
+  private:
+    std::size_t mapped_ = 0;
+    unsigned char *memory_ = nullptr;
+    unsigned char *start_ = nullptr;
+};
+
+/** A version section of these lengths ends where 32 bits cannot count. */
+TEST(ParseFirmware, EndsAVersionSectionOfNearly4GiBWhereTheImageEnds) {
+    on_set_a([] {
+        LargestImage image;
+        const RecordSyslog log;
+        for (const std::uint32_t len : {0xFFFFFFECU, 0xFFFFFFEFU}) {
+            image.start_with(raw_section("Ver0", 0, 255, 0, len, ""));
+            img_info records[5] = {};
+            int code = -1;
+            EXPECT_EQ(parse_firmware(image.start(), LargestImage::size, records, &code), 0);
+            EXPECT_EQ(code, 5) << "the CRC is not all there";
+            EXPECT_EQ(records[0].data, image.start());
+            EXPECT_EQ(records[0].len, LargestImage::size);
+            EXPECT_EQ(records[0].mtd_ids, 255U);
+        }
+    });
+}
+
+TEST(ParseFirmware, RefusesAConfigurationOfNearly4GiB) {
+    on_set_a([] {
+        LargestImage image;
+        const RecordSyslog log;
+        image.start_with(raw_section("conf", 0, 0, 0, 0xFFFFFFEF, ""));
+        img_info records[5] = {};
+        int code = -1;
+        EXPECT_EQ(parse_firmware(image.start(), LargestImage::size, records, &code), 0);
+        EXPECT_EQ(code, 3) << "with its header it is larger than its partition";
+        EXPECT_EQ(records[0].data, nullptr);
+    });
+}
+
+#endif
 
 TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
     on_set_a([] {
