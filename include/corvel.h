@@ -1653,14 +1653,22 @@ CORVEL_API int login_auth(const char *user, const char *password);
  * The command has the rights that the shell leaves it: many shells give those of a set-user-ID
  * program up, which ends in 121. Such a program has to make root its real user first.
  *
- * Programs that call this at the same time share the one file, and a password may be set twice and
- * another not at all: hold a lock of your own.
+ * Programs that call this at the same time share the one file. For its whole duration a call holds
+ * a lock on /var/run/chpwd.lck, so that the command runs on the line of its own call: 0 means that
+ * it accepted this user and this password. Another call is waited for, for 15 seconds at most. The
+ * lock file is empty, is never removed, belongs to root and has mode 0600. It is created if it is
+ * missing, and so is its directory, which only root may be able to write: it is in memory on most
+ * devices, also where the root file system is read-only. Without the lock nothing is run: if the
+ * file cannot be opened or locked, is a link, has a second name or another owner, or can be opened
+ * by others, the result is 123. A program that is killed during the call releases the lock, but its
+ * command may still be running.
  *
  * @param user     the user. Refused with 123 if there is a colon or a line end in it.
  * @param password the password, in plain text. Refused with 123 if there is a line end in it.
  * @return 0; 121 if the command failed, and with most shells also if it is not there or was killed;
  *         122 if the shell could not be started or was killed, or if its status is not to be had,
- *         as where SIGCHLD is ignored; 123 if the file could not be made or not be written whole.
+ *         as where SIGCHLD is ignored; 123 if the file could not be made or not be written whole,
+ *         or if the lock could not be taken: then nothing was run.
  */
 CORVEL_API int login_chpwd(const char *user, const char *password);
 

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
+#include <poll.h>
 #include <pwd.h>
 #include <shadow.h>
 #include <string_view>
@@ -24,6 +25,8 @@ namespace corvel {
 namespace {
 
 constexpr const char *password_file = "/tmp/.chpwd.txt";
+constexpr const char *lock_directory = "/var/run";
+constexpr const char *lock_file = "/var/run/chpwd.lck";
 constexpr const char *change_command = "/bin/chpasswd -m < /tmp/.chpwd.txt";
 
 /// What login_chpwd() returns.
@@ -124,6 +127,46 @@ bool may_log_in(const char *user, const char *password) {
     return right;
 }
 
+/// Another call's lock is waited for this many times, 15 seconds in all.
+constexpr int lock_waits = 300;
+constexpr int lock_wait_milliseconds = 50;
+
+/// Whether nobody but root could have made the lock file, or could hold a lock on it.
+bool is_roots_alone(const struct stat &status) {
+    return S_ISREG(status.st_mode) && status.st_uid == 0 &&
+           (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 && status.st_nlink <= 1;
+}
+
+/// Takes the lock that a call holds from its start to its end: all calls share one password file,
+/// and chpasswd must not read the line of another one. Where the device has no such lock file,
+/// there is no lock; then nothing may be run, since nobody could tell whose password was set.
+///
+/// The directory is in memory on a device with a read-only root, and only root writes to it. The
+/// lock is not that of chpasswd itself, which would wait for it in vain. It ends with the process.
+Descriptor take_change_lock() {
+    mkdir(lock_directory, S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
+    for (int wait = 0; wait <= lock_waits; ++wait) {
+        if (wait != 0)
+            poll(nullptr, 0, lock_wait_milliseconds);
+        Descriptor file(
+            open(lock_file, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        if (!file)
+            break;
+        struct flock whole_file {};
+        whole_file.l_type = F_WRLCK;
+        const bool locked = fcntl(file.get(), F_SETLK, &whole_file) == 0;
+        if (!locked && errno != EAGAIN && errno != EACCES)
+            break;
+        struct stat status;
+        if (fstat(file.get(), &status) != 0 || !is_roots_alone(status))
+            break;
+        // A file that was removed meanwhile is not the one that the next call locks.
+        if (locked && status.st_nlink == 1)
+            return file;
+    }
+    return Descriptor(-1);
+}
+
 /// The file that chpasswd reads. It is made anew, so that nobody else has it open, can read it, or
 /// finds it where a link of theirs leads; it goes with the object.
 class PasswordFile {
@@ -189,6 +232,9 @@ int run_change_command() {
 ChangeResult change_password(std::string_view user, std::string_view password) {
     if (user.find_first_of(":\n") != std::string_view::npos ||
         password.find('\n') != std::string_view::npos)
+        return no_file;
+    const Descriptor lock = take_change_lock();
+    if (!lock)
         return no_file;
     PasswordFile file;
     if (!file.write(user, password))

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <crypt.h>
 #include <csignal>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <optional>
+#include <poll.h>
 #include <pwd.h>
 #include <shadow.h>
 #include <stdexcept>
@@ -51,6 +53,10 @@ std::string last_salt;
 
 /** Takes the place of writev(). */
 std::function<ssize_t(int, const iovec *, int)> instead_of_writev;
+/** Takes the place of poll(). */
+std::function<int(pollfd *, nfds_t, int)> instead_of_poll;
+/** Called before fcntl() sets a lock, which fails with the error that it gives. */
+std::function<int()> error_of_lock;
 
 } // namespace
 
@@ -89,6 +95,25 @@ extern "C" ssize_t writev(int descriptor, const iovec *pieces, int count) {
         corvel_test::next_definition<ssize_t(int, const iovec *, int)>("writev");
     return instead_of_writev ? instead_of_writev(descriptor, pieces, count)
                              : next(descriptor, pieces, count);
+}
+
+extern "C" int poll(pollfd *descriptors, nfds_t count, int milliseconds) {
+    static auto *const next = corvel_test::next_definition<int(pollfd *, nfds_t, int)>("poll");
+    return instead_of_poll ? instead_of_poll(descriptors, count, milliseconds)
+                           : next(descriptors, count, milliseconds);
+}
+
+extern "C" int fcntl(int descriptor, int command, ...) {
+    static auto *const next = corvel_test::next_definition<int(int, int, void *)>("fcntl");
+    std::va_list values;
+    va_start(values, command);
+    void *const value = va_arg(values, void *);
+    va_end(values);
+    const int error = command == F_SETLK && error_of_lock ? error_of_lock() : 0;
+    if (error == 0)
+        return next(descriptor, command, value);
+    errno = error;
+    return -1;
 }
 
 namespace corvel_test {
@@ -673,8 +698,11 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeMade) {
     with_command([] {
         const std::size_t open_before = open_descriptors().size();
         for (const int error : {EACCES, EMFILE, ENOSPC, EROFS, EEXIST}) {
-            const FailCall failing(call_open, 1, error, FailCall::from_then_on);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+            // The lock file is opened first.
+            for (const unsigned long first : {1UL, 2UL}) {
+                const FailCall failing(call_open, first, error, FailCall::from_then_on);
+                EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+            }
         }
         {
             const FailCall failing(call_unlink, 1, EPERM);
@@ -746,10 +774,10 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeWrittenWhole) {
     });
 }
 
-/** Whether another process could lock the file. */
-bool can_be_locked_by_another() {
-    return run_in_child([] {
-               const int file = open(password_file, O_RDWR | O_CLOEXEC);
+/** Whether another process could lock a file. */
+bool can_be_locked_by_another(const char *path) {
+    return run_in_child([path] {
+               const int file = open(path, O_RDWR | O_CLOEXEC);
                return lockf(file, F_TEST, 0) == 0 ? 0 : 1;
            }).exit_status == 0;
 }
@@ -759,7 +787,7 @@ TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
         bool free_while_written = true;
         const Instead in_place_of_writev(
             instead_of_writev, [&](int descriptor, const iovec *pieces, int count) {
-                free_while_written = can_be_locked_by_another();
+                free_while_written = can_be_locked_by_another(password_file);
                 ssize_t total = 0;
                 for (int i = 0; i < count; ++i)
                     total += write(descriptor, pieces[i].iov_base, pieces[i].iov_len);
@@ -779,6 +807,263 @@ TEST(LoginChpwd, GoesOnWithoutALock) {
     with_command([] {
         const FailCall failing(call_lockf, 1, ENOLCK, FailCall::from_then_on);
         EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+    });
+}
+
+constexpr const char *lock_file = "/var/run/chpwd.lck";
+
+/** A process that holds the lock of a call while the object lives. */
+class OtherCall {
+  public:
+    OtherCall() : id_(fork()) {
+        if (id_ == 0) {
+            const int file = open(lock_file, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+            const bool locked = file >= 0 && lockf(file, F_TLOCK, 0) == 0;
+            const char byte = locked ? 'x' : '!';
+            static_cast<void>(write(ready_.writing, &byte, 1));
+            for (;;)
+                pause();
+        }
+        char byte = '!';
+        if (id_ < 0 || read(ready_.reading, &byte, 1) != 1 || byte != 'x')
+            throw std::runtime_error("the lock can't be held");
+    }
+    OtherCall(const OtherCall &) = delete;
+    OtherCall &operator=(const OtherCall &) = delete;
+    ~OtherCall() { end(); }
+
+    void end() {
+        if (id_ > 0) {
+            kill(id_, SIGKILL);
+            waitpid(id_, nullptr, 0);
+        }
+        id_ = -1;
+    }
+
+  private:
+    OwnPipe ready_;
+    pid_t id_;
+};
+
+/** Adds up what poll() is to wait while the object lives; nothing waits. */
+class CountedWaits {
+  public:
+    explicit CountedWaits(std::function<void(unsigned)> at_each = [](unsigned) {})
+        : in_place_(instead_of_poll,
+                    [this, at_each = std::move(at_each)](pollfd *, nfds_t count, int milliseconds) {
+                        EXPECT_EQ(count, 0U);
+                        milliseconds_ += milliseconds;
+                        at_each(++count_);
+                        return 0;
+                    }) {}
+
+    [[nodiscard]] unsigned count() const { return count_; }
+    [[nodiscard]] long long milliseconds() const { return milliseconds_; }
+
+  private:
+    unsigned count_ = 0;
+    long long milliseconds_ = 0;
+    Instead<int(pollfd *, nfds_t, int)> in_place_;
+};
+
+TEST(LoginChpwd, ChangesEveryPasswordItReportsWhereSeveralProcessesCallIt) {
+    in_private_root([] {
+        make_room_for_commands();
+        fs::create_symlink("/usr/sbin/chpasswd", "/bin/chpasswd");
+        const std::vector<std::string> users = {"ada", "bob", "cid", "dan", "eve", "fay"};
+        std::string passwd_text = "root:x:0:0::/:/bin/sh\n";
+        std::string shadow_text = "root:*:19000:0:99999:7:::\n";
+        for (const std::string &user : users) {
+            passwd_text += passwd_line(user);
+            shadow_text += shadow_line(user, hash);
+        }
+        write_file("/etc/passwd", passwd_text);
+        write_file("/etc/shadow", shadow_text);
+        write_file("/etc/group", "root:x:0:\n");
+        OwnPipe start;
+        std::vector<pid_t> processes;
+        for (const std::string &user : users) {
+            const pid_t process = fork();
+            ASSERT_GE(process, 0);
+            if (process == 0) {
+                OwnPipe::close_end(start.writing);
+                char byte = 0;
+                static_cast<void>(read(start.reading, &byte, 1)); // until all have started
+                end_child(login_chpwd(user.c_str(), ("new of " + user).c_str()));
+            }
+            processes.push_back(process);
+        }
+        OwnPipe::close_end(start.writing);
+        std::size_t changed = 0;
+        for (std::size_t i = 0; i < users.size(); ++i) {
+            const int result = wait_for_child(processes[i]).exit_status;
+            // A busy machine may make the last ones wait for too long.
+            EXPECT_TRUE(result == 0 || result == 123) << result;
+            changed += result == 0 ? 1 : 0;
+            EXPECT_EQ(login_auth(users[i].c_str(), ("new of " + users[i]).c_str()),
+                      result == 0 ? 0 : -1)
+                << users[i];
+        }
+        EXPECT_GE(changed, 2U);
+        EXPECT_FALSE(exists(password_file));
+    });
+}
+
+TEST(LoginChpwd, HoldsALockWhileTheCommandRunsAndNoLonger) {
+    with_command([] {
+        ASSERT_EQ(mkfifo("/root/running", 0600), 0);
+        ASSERT_EQ(mkfifo("/root/go-on", 0600), 0);
+        place_command("echo >/root/running; cat /root/go-on\n"
+                      "stat -c '%a %u %h %F' /var/run/chpwd.lck >/root/lock\n");
+        const pid_t caller = fork();
+        ASSERT_GE(caller, 0);
+        if (caller == 0)
+            end_child(login_chpwd("admin", "secret"));
+        EXPECT_EQ(read_file("/root/running"), "\n");
+        EXPECT_FALSE(can_be_locked_by_another(lock_file));
+        write_file("/root/go-on", "");
+        EXPECT_EQ(wait_for_child(caller).exit_status, 0);
+        EXPECT_TRUE(can_be_locked_by_another(lock_file));
+        EXPECT_EQ(read_file("/root/lock"), "600 0 1 regular empty file\n");
+    });
+}
+
+TEST(LoginChpwd, MakesALockFileForItsOwnerAloneUnderAnyMask) {
+    with_command([] {
+        for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
+            fs::remove(lock_file);
+            umask(mask);
+            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            struct stat status {};
+            EXPECT_EQ(lstat(lock_file, &status), 0);
+            EXPECT_EQ(status.st_mode, S_IFREG | 0600U) << mask;
+        }
+        umask(022);
+    });
+}
+
+TEST(LoginChpwd, WaitsUntilAnotherCallEnds) {
+    with_command([] {
+        OtherCall other;
+        const CountedWaits waits([&other](unsigned count) {
+            EXPECT_FALSE(exists(password_file));
+            if (count == 3)
+                other.end();
+        });
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+        EXPECT_EQ(waits.count(), 3U);
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereAnotherCallLastsLongerThan15Seconds) {
+    with_command([] {
+        write_file(password_file, "the other call's");
+        const OtherCall other;
+        const CountedWaits waits;
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(waits.milliseconds(), 15000);
+        EXPECT_FALSE(was_run());
+        EXPECT_EQ(read_file(password_file), "the other call's");
+        fs::remove(password_file);
+    });
+}
+
+TEST(LoginChpwd, TakesTheLockFileThatHasTheNameNow) {
+    with_command([] {
+        // Removed while another call holds it: that one is outside already.
+        const OtherCall other;
+        const CountedWaits waits([](unsigned) { fs::remove(lock_file); });
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+        EXPECT_EQ(waits.count(), 1U);
+        EXPECT_TRUE(exists(lock_file));
+        // Removed after it was opened and before it was locked.
+        bool removed = false;
+        const Instead in_place_of_lock(error_of_lock, [&removed] {
+            if (!std::exchange(removed, true))
+                fs::remove(lock_file);
+            return 0;
+        });
+        EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
+        EXPECT_EQ(waits.count(), 2U);
+        EXPECT_TRUE(exists(lock_file));
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
+    with_command([] {
+        const CountedWaits waits;
+        const auto expect_refused = [](const char *what) {
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << what;
+            EXPECT_FALSE(was_run()) << what;
+            EXPECT_TRUE(exists(lock_file)) << what;
+            fs::remove_all(lock_file);
+        };
+        write_file("/etc/victim", "as it was");
+        fs::permissions("/etc/victim", fs::perms{0600});
+        fs::create_symlink("/etc/victim", lock_file);
+        expect_refused("a symbolic link");
+        fs::create_symlink("/var/run/nothing", lock_file);
+        expect_refused("a dangling link");
+        EXPECT_FALSE(exists("/var/run/nothing"));
+        fs::create_hard_link("/etc/victim", lock_file);
+        expect_refused("a second name");
+        EXPECT_EQ(read_file("/etc/victim"), "as it was");
+        write_file(lock_file, "");
+        fs::permissions(lock_file, fs::perms{0600});
+        // The one other user that each user namespace has is nobody.
+        if (chown(lock_file, ordinary_user_id, 0) == 0)
+            expect_refused("another owner");
+        for (const unsigned mode : {0640U, 0620U, 0604U, 0602U}) {
+            write_file(lock_file, "");
+            fs::permissions(lock_file, fs::perms{mode});
+            expect_refused("a file for others");
+        }
+        ASSERT_EQ(mkfifo(lock_file, 0600), 0);
+        expect_refused("a FIFO");
+        fs::create_directory(lock_file);
+        expect_refused("a directory");
+        EXPECT_EQ(waits.count(), 0U);
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+    });
+}
+
+TEST(LoginChpwd, MakesTheDirectoryOfItsLock) {
+    with_command([] {
+        fs::remove_all("/var/run");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_TRUE(was_run());
+        EXPECT_EQ(fs::status("/var/run").permissions(), fs::perms{0755});
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereThereIsNoPlaceForItsLock) {
+    with_command([] {
+        const CountedWaits waits;
+        fs::remove_all("/var");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        write_file("/var", "");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_FALSE(was_run());
+        EXPECT_EQ(waits.count(), 0U);
+    });
+}
+
+TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
+    with_command([] {
+        const CountedWaits waits;
+        for (const int error : {ENOLCK, EINVAL, EIO}) {
+            const Instead in_place_of_lock(error_of_lock, [error] { return error; });
+            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << error;
+        }
+        EXPECT_EQ(waits.count(), 0U);
+        EXPECT_FALSE(was_run());
+        // What a system may say of a lock that another process has.
+        for (const int error : {EAGAIN, EACCES}) {
+            int left = 2;
+            const Instead in_place_of_lock(error_of_lock, [&] { return left-- > 0 ? error : 0; });
+            EXPECT_EQ(login_chpwd("admin", "secret"), 0) << error;
+        }
+        EXPECT_EQ(waits.count(), 4U);
     });
 }
 
