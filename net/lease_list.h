@@ -14,9 +14,10 @@ class LeaseList {
     /// Begins at the caller's head pointer, which is null.
     explicit LeaseList(lease_entry **head) : end_(head) {}
 
-    /// A new last record, filled with zeros; null if there is no memory.
-    lease_entry *append() {
-        auto *const entry = static_cast<lease_entry *>(std::calloc(1, sizeof(lease_entry)));
+    /// A new last record, filled with zeros; null if there is no memory. A record that extends
+    /// lease_entry keeps what it adds in the same block.
+    template <typename Record = lease_entry> Record *append() {
+        auto *const entry = static_cast<Record *>(std::calloc(1, sizeof(Record)));
         if (entry == nullptr)
             return nullptr;
         *end_ = entry;

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -19,6 +20,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -425,6 +427,83 @@ TEST(NeighbourTable, MayBeLong) {
         table.hold(text);
         EXPECT_EQ(expected.size(), 5000U);
         EXPECT_EQ(neighbours(), expected);
+    });
+}
+
+/** Expects each of these hardware addresses, which all differ, to be listed once and in order. The
+ * table has each two times. */
+void expect_listed_once(const OwnTable &table, const std::vector<std::string> &macs) {
+    std::string text = heading;
+    for (const std::string &mac : macs)
+        text += "1.1.1.1 0x1 0x2 " + mac + "\n";
+    for (const std::string &mac : macs)
+        text += "2 0x1 0x2 " + mac + "\n";
+    table.hold(text);
+    lease_entry *head = nullptr;
+    ASSERT_EQ(get_arp_cache("", &head), macs.size());
+    const lease_entry *entry = head;
+    char stripped[13];
+    for (const std::string &mac : macs) {
+        ASSERT_STREQ(entry->mac, mac2hexStrip(mac.c_str(), stripped));
+        ASSERT_STREQ(entry->ip, "1.1.1.1");
+        entry = entry->next;
+    }
+    EXPECT_EQ(entry, nullptr);
+    free_leaselist(&head);
+}
+
+/** So many neighbours that looking through all of them for each would take half an hour. */
+TEST(NeighbourTable, IsReadInTimeWithHundredsOfThousandsOfNeighbours) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        std::vector<std::string> macs(400000);
+        for (unsigned number = 0; number < macs.size(); ++number)
+            macs[number] = mac_of(number);
+        expect_listed_once(table, macs);
+    });
+}
+
+/** A hardware address of any twelve characters that are neither whitespace nor changed to upper
+ * case; empty for other characters. */
+std::string mac_of_characters(std::string_view characters) {
+    std::string mac;
+    for (std::size_t i = 0; i < characters.size(); ++i) {
+        const char character = characters[i];
+        if (character == '\0' || character == ' ' || (character >= '\t' && character <= '\r') ||
+            (character >= 'a' && character <= 'z'))
+            return "";
+        mac += character;
+        if (i % 2 == 1)
+            mac += ':';
+    }
+    mac.pop_back();
+    return mac;
+}
+
+/** The number that gives 1 when multiplied by an odd number. */
+std::uint64_t inverse_of(std::uint64_t odd) {
+    std::uint64_t inverse = 1;
+    for (int doubled = 0; doubled < 6; ++doubled)
+        inverse *= 2 - odd * inverse;
+    return inverse;
+}
+
+/** Addresses that agree in all 64 bits into which the library first mixes their characters. */
+TEST(NeighbourTable, IsReadInTimeWithHardwareAddressesChosenToCollide) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        const std::uint64_t unmixed = 0x123456789ABCDEF0U * inverse_of(0x9E3779B97F4A7C15U);
+        std::vector<std::string> macs;
+        for (std::uint32_t low = 0x21212121; macs.size() < 200000; ++low) {
+            const std::uint64_t high = unmixed ^ low * 0xBF58476D1CE4E5B9U;
+            char characters[12];
+            std::memcpy(characters, &high, sizeof high);
+            std::memcpy(characters + sizeof high, &low, sizeof low);
+            std::string mac = mac_of_characters({characters, sizeof characters});
+            if (!mac.empty())
+                macs.push_back(std::move(mac));
+        }
+        expect_listed_once(table, macs);
     });
 }
 
