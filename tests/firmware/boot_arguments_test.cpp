@@ -98,6 +98,15 @@ TEST(ParseBootargsGetVal, TakesLongValues) {
     EXPECT_EQ(value_of(("root=" + value + " x").c_str(), "root="), value);
 }
 
+/** Near misses, so many that comparing each of them to its end would take an hour. */
+TEST(ParseBootargsGetVal, SearchesALongLineInLinearTime) {
+    const std::size_t length = 8000000;
+    const std::string line(2 * length, 'a');
+    const std::string key = std::string(length, 'a') + '=';
+    EXPECT_EQ(value_of((line + "b ").c_str(), key.c_str()), "(null)");
+    EXPECT_EQ(value_of((line + "=1 x").c_str(), key.c_str()), "1");
+}
+
 TEST(ParseBootargsGetVal, ReadsNothingBehindTheLine) {
     for (const std::string line : {"root=1 x", "root=1", "root=", "root", "x r", " ", ""}) {
         const GuardedBlock block(line + '\0');
