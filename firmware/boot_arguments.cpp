@@ -58,6 +58,7 @@ int save_variable(const char *path, const char *name, const char *value) {
         return 0;
     }
     static_cast<void>(write(file.get(), env_image_mem, sizeof env_image_mem) < 0);
+    fsync(file.get());
     return 0;
 }
 

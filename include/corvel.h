@@ -998,7 +998,7 @@ CORVEL_API uint32_t get_rootid(const char *path);
 
 /**
  * Sets a variable, or deletes it, in the current image and writes env_image_mem to a file: load it
- * with init_env() first.
+ * with init_env() first. The file is flushed to its device with fsync() before it is closed.
  *
  * @param path  the file; created with mode 0644 if it is missing. If it can't be opened,
  *              `Err: open file %s failed` is printed, and a line end.

@@ -5,21 +5,36 @@
 #include "firmware/current_image.h"
 #include "firmware/environment_image.h"
 #include "support/child_process.h"
+#include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
 #include "support/temporary_folder.h"
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
+
+namespace {
+
+/** Takes the place of fsync(). */
+std::function<int(int)> instead_of_fsync;
+
+} // namespace
+
+extern "C" int fsync(int descriptor) {
+    static auto *const next = corvel_test::next_definition<int(int)>("fsync");
+    return instead_of_fsync ? instead_of_fsync(descriptor) : next(descriptor);
+}
 
 namespace {
 
@@ -323,6 +338,29 @@ TEST(SaveParam, DoesNotNoticeThatWritingFails) {
     });
     EXPECT_EQ(said, "");
     EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST(SaveParam, FlushesTheFileToItsDeviceBeforeItIsClosed) {
+    const TemporaryFolder folder;
+    EnvironmentImage model({"a=1"});
+    load(model);
+    model.set("a", "2");
+    const std::string path = folder.path("env");
+    std::vector<std::string> flushed;
+    for (const int result : {0, -1}) {
+        const Instead in_place_of_fsync(instead_of_fsync, [&](int descriptor) {
+            // It is still open.
+            EXPECT_EQ(fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor)), path);
+            flushed.push_back(folder.read("env"));
+            errno = EIO;
+            return result;
+        });
+        const std::size_t descriptors = open_descriptors();
+        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(save_param(path.c_str(), "a", "2"), 0); }), "");
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
+    EXPECT_EQ(flushed, (std::vector<std::string>{model.bytes(), model.bytes()}));
+    EXPECT_EQ(folder.read("env"), model.bytes());
 }
 
 /** Any bytes whatever go through a file and back. */
