@@ -224,7 +224,7 @@ Result parse(Bytes image, img_info *records, int &count) {
 bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size_t length) {
     ssize_t written = -1;
     {
-        const Descriptor device(open(text_or_empty(path), O_RDWR));
+        const Descriptor device(open(text_or_empty(path), O_RDWR | O_CLOEXEC));
         if (!device)
             return false;
         lseek(device.get(), offset, SEEK_SET);
@@ -255,10 +255,10 @@ int flash_write(const char *path, const void *buf, int offset, unsigned int len)
 }
 
 int file_copy(const char *src, const char *dst) {
-    const corvel::Stream source(std::fopen(corvel::text_or_empty(src), "rb"));
+    const corvel::Stream source(std::fopen(corvel::text_or_empty(src), "rbe"));
     if (!source)
         return -1;
-    const corvel::Stream destination(std::fopen(corvel::text_or_empty(dst), "wb"));
+    const corvel::Stream destination(std::fopen(corvel::text_or_empty(dst), "wbe"));
     if (!destination)
         return -1;
     for (int byte = std::getc(source.get()); byte != EOF; byte = std::getc(source.get()))

@@ -1681,8 +1681,9 @@ CORVEL_API int login_chpwd(const char *user, const char *password);
  */
 
 /**
- * Opens a socket for send_trap_msg(), itself a member of the group. The caller closes it. A thread
- * can have one at a time: the port of a second one is taken.
+ * Opens a socket for send_trap_msg(), itself a member of the group. The caller closes it; programs
+ * that the caller starts do not inherit it. A thread can have one at a time: the port of a second
+ * one is taken.
  *
  * If it can't be bound, "bind failure:%s!" and a line end are printed on standard output, with the
  * reason, and it stays open.

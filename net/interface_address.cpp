@@ -91,7 +91,7 @@ void copy_ipv4_address(const sockaddr &answer, void *result) {
 }
 
 int find_address(std::string_view interface, unsigned selector, void *result) {
-    const Descriptor kernel(socket(AF_INET, SOCK_DGRAM, 0));
+    const Descriptor kernel(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     ifreq request{};
     if (!kernel || !is_interface_name(interface))
         return 0;

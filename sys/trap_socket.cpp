@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <linux/netlink.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -45,6 +46,7 @@ int open_trap_socket() {
     const int descriptor = socket(AF_NETLINK, SOCK_RAW, trap_protocol);
     if (descriptor <= 0)
         return -errno;
+    fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     const sockaddr_nl address = address_of_port(thread_port());
     if (bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
         return descriptor;

@@ -20,6 +20,7 @@
 
 struct stand_in_switch stand_in_switches[stand_in_call_count];
 int stand_in_spare_c_library;
+void (*stand_in_opened)(int descriptor, const char *path);
 int (*stand_in_system)(const char *command);
 void (*stand_in_sync)(void);
 void (*stand_in_syslog)(int priority, const char *message);
@@ -265,7 +266,10 @@ int ferror(FILE *stream) {
 
 FILE *fopen(const char *path, const char *mode) {
     NEXT_DEFINITION(fopen);
-    return fails(call_fopen) ? NULL : next(path, mode);
+    FILE *const stream = fails(call_fopen) ? NULL : next(path, mode);
+    if (stream != NULL && stand_in_opened != NULL)
+        stand_in_opened(fileno(stream), path);
+    return stream;
 }
 
 FILE *fdopen(int descriptor, const char *mode) {
@@ -383,7 +387,10 @@ int open(const char *path, int flags, ...) {
     va_start(values, flags);
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(values, mode_t) : 0;
     va_end(values);
-    return next(path, flags, mode);
+    const int descriptor = next(path, flags, mode);
+    if (descriptor >= 0 && stand_in_opened != NULL)
+        stand_in_opened(descriptor, path);
+    return descriptor;
 }
 
 int close(int descriptor) {

@@ -70,6 +70,9 @@ extern struct stand_in_switch stand_in_switches[stand_in_call_count];
 /** Allocations made inside the C library, by fopen for example, are neither counted nor failed. */
 extern int stand_in_spare_c_library;
 
+/** What is told of each descriptor that open() or fopen() returned, where it is not null. */
+extern void (*stand_in_opened)(int descriptor, const char *path);
+
 /** What is called instead of system() where it is not null. */
 extern int (*stand_in_system)(const char *command);
 

@@ -928,6 +928,16 @@ TEST(LoginChpwd, HoldsALockWhileTheCommandRunsAndNoLonger) {
     });
 }
 
+TEST(LoginChpwd, HandsTheCommandNoDescriptorOfItsLock) {
+    with_command([] {
+        place_command("ls -l /proc/$$/fd >/root/opened\n");
+        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        const std::string opened = read_file("/root/opened");
+        EXPECT_NE(opened.find(password_file), std::string::npos) << opened;
+        EXPECT_EQ(opened.find(lock_file), std::string::npos) << opened;
+    });
+}
+
 TEST(LoginChpwd, MakesALockFileForItsOwnerAloneUnderAnyMask) {
     with_command([] {
         for (const mode_t mask : {0U, 022U, 077U, 0177U}) {

@@ -223,6 +223,21 @@ TEST(OpenSocketForTrap, TellsWhyASocketCannotBeBoundAndLeavesItOpen) {
     }
 }
 
+TEST(OpenSocketForTrap, OpensASocketThatNoOtherProgramInherits) {
+    int descriptor = -1;
+    const Instead in_place_of_socket(instead_of_socket, [&descriptor](int, int, int) {
+        descriptor = open("/dev/null", O_RDONLY);
+        return descriptor;
+    });
+    for (const int result : {0, -1}) {
+        const Instead in_place_of_bind(
+            instead_of_bind, [result](int, const sockaddr *, socklen_t) { return result; });
+        static_cast<void>(capture_stdout([] { open_socket_for_trap(); }));
+        EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+        close(descriptor);
+    }
+}
+
 // send_trap_msg, as the kernel sees it
 
 TEST(SendTrapMsg, SendsTheMessageInOnePieceToTheGroup) {
