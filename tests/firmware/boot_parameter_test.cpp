@@ -168,9 +168,22 @@ TEST(SaveBootparam, FollowsWhatTheProgramSetsBootparamTo) {
         bootparam = 1;
         EXPECT_EQ(save_bootparam(), 0U);
         EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
-        for (const int none : {-1, 2, INT_MIN, INT_MAX}) {
-            bootparam = none;
-            EXPECT_EQ(save_bootparam(), 0U) << none;
+    });
+}
+
+TEST(SaveBootparam, TakesAnyOtherNumberForSetA) {
+    on_device({"bootparam=0"}, [] {
+        const RecordSyslog log;
+        get_bootparam();
+        const std::string set_b = EnvironmentImage({"bootparam=1"}).bytes();
+        for (const int other : {-1, 2, 3, -2, 256, 257, INT_MIN, INT_MAX, 0}) {
+            bootparam = 1;
+            EXPECT_EQ(save_bootparam(), 0U);
+            EXPECT_NE(read_file(environment_device), set_b);
+            bootparam = other;
+            EXPECT_EQ(save_bootparam(), 0U) << other;
+            EXPECT_EQ(read_file(environment_device), set_b) << other;
+            EXPECT_EQ(bootparam, other);
         }
     });
 }
