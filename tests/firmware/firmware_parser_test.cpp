@@ -590,6 +590,23 @@ TEST(ParseFirmware, RefusesAConfigurationOfNearly4GiB) {
 
 #endif
 
+/** Sums that carry out of any field that is too narrow for them. */
+TEST(ParseFirmware, SumsUpAnyNumberOfLargestBytes) {
+    on_set_a([] {
+        std::vector<std::size_t> lengths = {65535, 65536, 65537, 0x80000};
+        for (std::size_t length = 1; length <= 4200; ++length)
+            lengths.push_back(length);
+        for (const std::size_t length : lengths) {
+            const std::string image =
+                Section{.signature = "root", .data = std::string(length, '\xFF')}.bytes();
+            ASSERT_EQ(parsed(image).code, 0) << length;
+            std::string wrong = image;
+            wrong.back() = static_cast<char>(wrong.back() + 1);
+            ASSERT_EQ(parsed(wrong).code, 2) << length;
+        }
+    });
+}
+
 TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
     on_set_a([] {
         for (const std::string &image :
