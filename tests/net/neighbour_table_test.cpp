@@ -267,6 +267,17 @@ TEST(NeighbourTable, MayHoldAnyBlanksAndWords) {
     });
 }
 
+/** "%x" takes the zero of a number that has no digits after its prefix. */
+TEST(NeighbourTable, MayHoldAPrefixWithoutDigits) {
+    in_private_root([] {
+        const OwnTable table("arp");
+        table.hold(heading + "9.9.9.9 0x1 0x0x " + mac_2 + "\n" + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{record_1});
+        table.hold(heading + "9.9.9.9 0x0x 0x2 " + mac_2 + "\n" + line("1.1.1.1", mac_1));
+        EXPECT_EQ(neighbours(), Records{});
+    });
+}
+
 TEST(NeighbourTable, MayHoldShortHardwareAddresses) {
     in_private_root([] {
         const OwnTable table("arp");
