@@ -7,6 +7,7 @@
 #include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/private_root.h"
+#include "support/stand_in.h"
 #include "sys/named_process.h"
 
 #include <bit>
@@ -221,6 +222,17 @@ TEST(OpenSocketForTrap, TellsWhyASocketCannotBeBoundAndLeavesItOpen) {
         EXPECT_EQ(child.err, "");
         EXPECT_EQ(child.exit_status, 0);
     }
+}
+
+TEST(OpenSocketForTrap, ReturnsTheErrorOfBindingIfTheMessageFails) {
+    const Instead in_place_of_socket(instead_of_socket, [](int, int, int) { return 77; });
+    const Instead in_place_of_bind(instead_of_bind, [](int, const sockaddr *, socklen_t) {
+        errno = EADDRINUSE;
+        return -1;
+    });
+    const FailCall failing(call_printf, 1, ENOSPC);
+    EXPECT_EQ(open_socket_for_trap(), -EADDRINUSE);
+    EXPECT_EQ(failing.failures(), 1U);
 }
 
 TEST(OpenSocketForTrap, OpensASocketThatNoOtherProgramInherits) {
