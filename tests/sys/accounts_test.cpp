@@ -10,6 +10,7 @@
 #include "support/temporary_folder.h"
 #include "sys/named_process.h"
 
+#include <array>
 #include <cerrno>
 #include <crypt.h>
 #include <csignal>
@@ -58,6 +59,9 @@ std::function<int(pollfd *, nfds_t, int)> instead_of_poll;
 /** Called before fcntl() sets a lock, which fails with the error that it gives. */
 std::function<int()> error_of_lock;
 
+/** Where the last shadow entry's strings were put. */
+const volatile char *shadow_texts;
+
 } // namespace
 
 extern "C" uid_t geteuid() C_LIBRARY_NOEXCEPT {
@@ -78,6 +82,7 @@ extern "C" int getspnam_r(const char *name, spwd *entry, char *texts, std::size_
             "getspnam_r");
     ++shadow_look_ups;
     shadow_room = room;
+    shadow_texts = texts;
     return next(name, entry, texts, room, found);
 }
 
@@ -362,6 +367,32 @@ TEST(LoginAuth, ReadsShadowLinesThatFit256Bytes) {
             if (length <= 250 || length >= 256) {
                 EXPECT_EQ(result, length <= 250 ? 0 : -1) << length;
             }
+        }
+    });
+}
+
+/**
+ * Logs in and copies what is left where the shadow entry's strings were. The frame is gone by then:
+ * nothing may be called between, and the sanitizers must not look.
+ */
+__attribute__((noinline, no_sanitize("address"))) int
+log_in_and_copy_left(const char *word, std::array<char, 256> &left) {
+    const int result = login_auth("admin", word);
+    for (std::size_t i = 0; i < left.size(); ++i)
+        left[i] = shadow_texts[i];
+    return result;
+}
+
+TEST(LoginAuth, WipesTheShadowEntryItRead) {
+    in_private_root([] {
+        ASSERT_EQ(login_with("x", hash), 0);
+        for (const std::string word : {password, "wrong"}) {
+            std::array<char, 256> left{};
+            EXPECT_EQ(log_in_and_copy_left(word.c_str(), left), word == password ? 0 : -1);
+            const std::string_view text(left.data(), left.size());
+            EXPECT_EQ(text.find("i1OoR/dK7KvJdBERB5nLN."), std::string_view::npos);
+            EXPECT_EQ(text.find("$1$abcd0123$"), std::string_view::npos);
+            EXPECT_EQ(text.find("admin"), std::string_view::npos);
         }
     });
 }
