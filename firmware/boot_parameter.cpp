@@ -19,9 +19,6 @@ namespace {
 constexpr const char *environment_device = "/dev/mtdblock1";
 constexpr const char *variable_name = "bootparam";
 
-/// By running set: what leads from set A's partitions (mtd 2 and 3) to the idle set's.
-constexpr std::uint32_t bootparam_mtd_shift[] = {2, 0};
-
 /// By running set: the value that makes the other one boot.
 constexpr const char *bootparam_next[] = {"1", "0"};
 

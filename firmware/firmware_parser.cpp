@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <corvel.h>
+#include "firmware/firmware_parser.h"
 
 #include <algorithm>
 #include <cstring>
@@ -206,21 +206,6 @@ Result check_crc(Bytes image, const img_info &last, bool last_is_whole) {
     return bad_crc;
 }
 
-Result parse(Bytes image, img_info *records, int &count) {
-    // The shift is kept as a byte.
-    const std::uint32_t shift = load_boot_parameter() & 0xFF;
-    Recognised recognised;
-    const Result walked = walk_sections(image, shift, records, recognised);
-    count = recognised.count;
-    if (walked != accepted)
-        return walked;
-    log_records({records, static_cast<std::size_t>(count)});
-    // Without a section nothing vouches for the image.
-    if (count == 0)
-        return bad_crc;
-    return check_crc(image, records[count - 1], recognised.last_is_whole);
-}
-
 bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size_t length) {
     ssize_t written = -1;
     {
@@ -235,13 +220,29 @@ bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size
 }
 
 } // namespace
+
+int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count) {
+    Recognised recognised;
+    const Result walked = walk_sections(image, shift, records, recognised);
+    count = recognised.count;
+    if (walked != accepted)
+        return walked;
+    log_records({records, static_cast<std::size_t>(count)});
+    // Without a section nothing vouches for the image.
+    if (count == 0)
+        return bad_crc;
+    return check_crc(image, records[count - 1], recognised.last_is_whole);
+}
+
 } // namespace corvel
 
 extern "C" {
 
 int parse_firmware(const unsigned char *image, unsigned int total, img_info *records, int *result) {
     int count = 0;
-    *result = corvel::parse({image, total}, records, count);
+    // The shift is kept as a byte.
+    const std::uint32_t shift = corvel::load_boot_parameter() & 0xFF;
+    *result = corvel::parse_image({image, total}, shift, records, count);
     return *result == corvel::accepted ? count : 0;
 }
 
