@@ -8,12 +8,25 @@
 #include <exception>
 #include <fcntl.h>
 #include <getopt.h>
+#include <iterator>
 #include <unistd.h>
+
+#include "tools/text_format.h"
 
 namespace corvel::tools {
 namespace {
 
 const char *program_name = "";
+
+constexpr option long_options[] = {
+    {"force", no_argument, nullptr, 'f'},
+    {"json", no_argument, nullptr, 'j'},
+    {"raw", no_argument, nullptr, 'r'},
+    {"strict", no_argument, nullptr, 's'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'V'},
+    {nullptr, 0, nullptr, 0},
+};
 
 /// Standard input, output and error are open, so that no file gets their numbers. Where one was
 /// closed, reading from it finds the end and writing to it fails.
@@ -32,8 +45,24 @@ Failure usage_error(const std::string &message) {
 const Command &find_command(const Program &program, const std::string &name) {
     const auto command = std::ranges::find(program.commands, name, &Command::name);
     if (command == program.commands.end())
-        throw usage_error("there is no command '" + name + "'");
+        throw usage_error("there is no command '" + printable(name) + "'");
     return *command;
+}
+
+std::string name_of(Option wanted) {
+    return std::ranges::find(long_options, static_cast<int>(wanted), &option::val)->name;
+}
+
+/// What getopt refuses. `optopt` is 0 for an unknown long option, and an option of ours only where
+/// the long one has an argument.
+Failure option_error(char **words) {
+    if (optopt == 0)
+        return usage_error("unrecognized option '" + printable(words[optind - 1]) + "'");
+    const auto *const known = std::ranges::find(long_options, optopt, &option::val);
+    if (known != std::end(long_options))
+        return usage_error(std::string("option '--") + known->name + "' allows no argument");
+    const char letter = static_cast<char>(optopt);
+    return usage_error("invalid option -- '" + printable(std::string_view(&letter, 1)) + "'");
 }
 
 void check_arguments(const Command &command, const Arguments &arguments) {
@@ -42,8 +71,9 @@ void check_arguments(const Command &command, const Arguments &arguments) {
         throw usage_error(name + ": too few arguments");
     if (arguments.words.size() > command.most)
         throw usage_error(name + ": too many arguments");
-    if (arguments.force && !command.knows_force)
-        throw usage_error(name + ": there is no --force here");
+    for (const Option given : arguments.options)
+        if (command.options.find(static_cast<char>(given)) == std::string_view::npos)
+            throw usage_error(name + ": there is no --" + name_of(given) + " here");
 }
 
 /// What was printed has arrived: a full disk is no success.
@@ -55,30 +85,23 @@ void finish_output() {
 }
 
 ExitStatus run_command(const Program &program, int argument_count, char **words) {
-    static constexpr option options[] = {
-        {"force", no_argument, nullptr, 'f'},
-        {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'V'},
-        {nullptr, 0, nullptr, 0},
-    };
     Arguments arguments;
+    opterr = 0; // its messages would hold the bytes of the command line as they are
     for (int letter = 0; letter != -1;) {
-        letter = getopt_long(argument_count, words, "fhV", options, nullptr);
+        letter = getopt_long(argument_count, words, "fhjrsV", long_options, nullptr);
         switch (letter) {
-        case 'f':
-            arguments.force = true;
-            break;
         case 'h':
             std::fputs(program.help, stdout);
             return success;
         case 'V':
             std::printf("%s %s\n", program.name, CORVEL_VERSION);
             return success;
-        case '?': // getopt has said what is wrong
-            std::fprintf(stderr, "Try '%s --help'.\n", program.name);
-            return cannot_do_it;
-        default:
+        case '?':
+            throw option_error(words);
+        case -1:
             break;
+        default:
+            arguments.options.push_back(static_cast<Option>(letter));
         }
     }
     arguments.words.assign(words + optind, words + argument_count);
@@ -92,11 +115,14 @@ ExitStatus run_command(const Program &program, int argument_count, char **words)
 
 } // namespace
 
+bool Arguments::has(Option option) const {
+    return std::ranges::find(options, option) != options.end();
+}
+
 int run_program(const Program &program, int argument_count, char **arguments) {
     program_name = program.name;
     if (argument_count < 1)
-        return cannot_do_it;                         // getopt counts on the program's own name
-    arguments[0] = const_cast<char *>(program.name); // its messages begin with it
+        return cannot_do_it; // getopt counts on the program's own name
     try {
         open_standard_descriptors();
         const ExitStatus status = run_command(program, argument_count, arguments);

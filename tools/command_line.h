@@ -12,10 +12,15 @@
 
 namespace corvel::tools {
 
-/// What stands on the command line behind the command's name.
+/// The options that only some commands have, each with the letter that represents it.
+enum class Option : char { force = 'f', json = 'j', raw = 'r', strict = 's' };
+
+/// The command line after the command's name.
 struct Arguments {
     std::vector<std::string> words;
-    bool force = false;
+    std::vector<Option> options;
+
+    [[nodiscard]] bool has(Option option) const;
 };
 
 struct Command {
@@ -24,7 +29,7 @@ struct Command {
     std::string_view name;
     std::size_t fewest; ///< words
     std::size_t most;
-    bool knows_force;
+    std::string_view options; ///< letters of the options that the command has
     ExitStatus (*run)(const Arguments &);
 };
 
@@ -38,7 +43,8 @@ struct Program {
 /// standard error and an exit status.
 int run_program(const Program &program, int argument_count, char **arguments);
 
-/// Prints a message on standard error, with the program's name.
+/// Prints a message on standard error, with the program's name. What comes from a file or from the
+/// command line must be printable().
 void complain(const std::string &message);
 
 } // namespace corvel::tools

@@ -33,6 +33,9 @@ constexpr const char *help = R"(usage: corvel-env create [--force] FILE [NAME=VA
   delete   delete variables
   check    tell whether an image is good, and if not, why
 
+FILE may be "-": list, get and check read standard input, create writes
+standard output, and set and delete read the one and write the other.
+
   -f, --force      create: replace a file that is there already
                    set, delete: change an image whose CRC is bad
                    delete: pass over variables that are not there
@@ -70,12 +73,13 @@ std::string crc_fault() {
 
 /// Reads an image into env_image_mem, where the library finds it.
 void load(const std::string &path) {
-    const Bytes content = read_file(path, CORVEL_ENV_SIZE);
+    const Bytes content = read_argument(path, CORVEL_ENV_SIZE).content;
     if (content.size() != CORVEL_ENV_SIZE)
         throw Failure(bad_content,
-                      path + format(": size: %d bytes are expected; found %s%zu", CORVEL_ENV_SIZE,
-                                    content.size() > CORVEL_ENV_SIZE ? "at least " : "",
-                                    content.size()));
+                      printable(path) + format(": size: %d bytes are expected; found %s%zu",
+                                               CORVEL_ENV_SIZE,
+                                               content.size() > CORVEL_ENV_SIZE ? "at least " : "",
+                                               content.size()));
     std::ranges::copy(content, env_image_mem);
     const SilentOutput silent; // the library would say that the CRC is bad
     set_env_ptr(env_image_mem);
@@ -84,15 +88,15 @@ void load(const std::string &path) {
 void load_for_change(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
     load(path);
-    if (!good_crc() && !arguments.force)
-        throw Failure(bad_content, path + ": bad environment: " + crc_fault() +
+    if (!good_crc() && !arguments.has(Option::force))
+        throw Failure(bad_content, printable(path) + ": bad environment: " + crc_fault() +
                                        "\nWith --force it is changed all the same.");
 }
 
-void save(const std::string &path) { replace_file(path, env_image_mem); }
+void save(const std::string &path) { write_argument(path, env_image_mem); }
 
 void complain_about_image(const std::string &path, const std::string &fault) {
-    complain(format("%s: bad environment: %s", path.c_str(), fault.c_str()));
+    complain(printable(path) + ": bad environment: " + fault);
 }
 
 /// For reading, a bad image is as good as any, and the exit status tells.
@@ -112,15 +116,15 @@ struct Assignment {
 Assignment assignment_of(const std::string &word) {
     const std::size_t equals = word.find('=');
     if (equals == std::string::npos)
-        throw Failure(cannot_do_it, "'" + word + "' is not NAME=VALUE");
+        throw Failure(cannot_do_it, "'" + printable(word) + "' is not NAME=VALUE");
     if (equals == 0)
-        throw Failure(cannot_do_it, "'" + word + "' has no name");
+        throw Failure(cannot_do_it, "'" + printable(word) + "' has no name");
     return {word.substr(0, equals), word.substr(equals + 1)};
 }
 
 void check_name(const std::string &name) {
     if (name.empty() || name.find('=') != std::string::npos)
-        throw Failure(cannot_do_it, "'" + name + "' is not a variable's name");
+        throw Failure(cannot_do_it, "'" + printable(name) + "' is not a variable's name");
 }
 
 /// All entries of the name go: of several the first one counts, and the new one comes last.
@@ -141,7 +145,7 @@ void assign(const Assignment &assignment) {
     if (status == 0)
         return;
     throw Failure(bad_content, format("'%s' does not fit: it takes %zu bytes, and %zu are free",
-                                      assignment.name.c_str(),
+                                      printable(assignment.name).c_str(),
                                       assignment.name.size() + assignment.value.size() + 3,
                                       data_size - list_end()));
 }
@@ -154,6 +158,10 @@ void assign_all(const Arguments &arguments) {
         assign(assignment);
 }
 
+Failure no_variable(const std::string &path, const std::string &name) {
+    return {bad_content, printable(path) + ": there is no variable '" + printable(name) + "'"};
+}
+
 bool exists(const std::string &path) {
     struct stat status;
     return lstat(path.c_str(), &status) == 0;
@@ -161,8 +169,9 @@ bool exists(const std::string &path) {
 
 ExitStatus create(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
-    if (!arguments.force && exists(path))
-        throw Failure(cannot_do_it, path + ": is there already; with --force it is replaced");
+    if (!arguments.has(Option::force) && !is_standard_stream(path) && exists(path))
+        throw Failure(cannot_do_it,
+                      printable(path) + ": is there already; with --force it is replaced");
     {
         const SilentOutput silent;
         set_env_ptr(env_image_mem);
@@ -185,7 +194,7 @@ ExitStatus get(const Arguments &arguments) {
     const ExitStatus status = load_for_reading(arguments.words[0]);
     const char *const value = get_env(name.c_str());
     if (value == nullptr)
-        throw Failure(bad_content, arguments.words[0] + ": there is no variable '" + name + "'");
+        throw no_variable(arguments.words[0], name);
     std::puts(value);
     return status;
 }
@@ -202,9 +211,8 @@ ExitStatus remove(const Arguments &arguments) {
     std::ranges::for_each(names, check_name);
     load_for_change(arguments);
     for (const std::string &name : names) {
-        if (!erase(name) && !arguments.force)
-            throw Failure(bad_content,
-                          arguments.words[0] + ": there is no variable '" + name + "'");
+        if (!erase(name) && !arguments.has(Option::force))
+            throw no_variable(arguments.words[0], name);
     }
     save(arguments.words[0]);
     return success;
@@ -259,17 +267,17 @@ ExitStatus check(const Arguments &arguments) {
         complain_about_image(path, fault);
     if (status != success || !entries.faults().empty())
         return bad_content;
-    std::printf("%s: good: %s\n", path.c_str(), entries.summary().c_str());
+    std::printf("%s: good: %s\n", printable(path).c_str(), entries.summary().c_str());
     return success;
 }
 
 constexpr Command commands[] = {
-    {"create", 1, Command::any, true, create},
-    {"list", 1, 1, false, list},
-    {"get", 2, 2, false, get},
-    {"set", 2, Command::any, true, set},
-    {"delete", 2, Command::any, true, remove},
-    {"check", 1, 1, false, check},
+    {"create", 1, Command::any, "f", create},
+    {"list", 1, 1, "", list},
+    {"get", 2, 2, "", get},
+    {"set", 2, Command::any, "f", set},
+    {"delete", 2, Command::any, "f", remove},
+    {"check", 1, 1, "", check},
 };
 
 } // namespace

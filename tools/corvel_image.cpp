@@ -2,6 +2,7 @@
 // Builds upgrade images, and tells what a device would make of one.
 #include <corvel.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
@@ -24,7 +25,8 @@ constexpr const char *help = R"(usage: corvel-image build MANIFEST IMAGE
   list     show the sections of an image and where a device writes them
   verify   tell whether a device accepts an image, and if not, why
 
-IMAGE is a file; for list and verify, "-" is standard input.
+Each argument is a file; "-" is standard input or, for the image that build
+makes, standard output.
 
   -h, --help       print this text
   -V, --version    print the version
@@ -45,15 +47,16 @@ be, 2 if a file can't be read or written or the usage is wrong.
 
 void warn(const std::string &path, const Inspection &found) {
     for (const std::string &warning : found.warnings)
-        complain(format("%s: warning: %s", path.c_str(), warning.c_str()));
+        complain(format("%s: warning: %s", printable(path).c_str(), warning.c_str()));
 }
 
 Bytes read_image(const std::string &path) {
-    Bytes image = read_file(path == "-" ? "/dev/stdin" : path, image_size_limit);
+    Bytes image = read_argument(path, image_size_limit).content;
     if (image.size() > image_size_limit)
-        throw Failure(bad_content, path + format(": size: at most %zu bytes are expected, those "
-                                                 "of an upload; found more",
-                                                 image_size_limit));
+        throw Failure(bad_content,
+                      printable(path) + format(": size: at most %zu bytes are expected, those "
+                                               "of an upload; found more",
+                                               image_size_limit));
     return image;
 }
 
@@ -61,7 +64,7 @@ ExitStatus verdict(const std::string &path, const Inspection &found) {
     warn(path, found);
     if (found.fault.empty())
         return success;
-    complain(path + ": bad image: " + found.fault);
+    complain(printable(path) + ": bad image: " + found.fault);
     return bad_content;
 }
 
@@ -76,14 +79,25 @@ std::string summary_of(const Inspection &found) {
     return text;
 }
 
+/// An image never takes the place of what it is made from, under any name.
+void refuse_source_as_target(const std::vector<FileIdentity> &sources, const std::string &path) {
+    const std::optional<FileIdentity> target = target_of_argument(path);
+    if (target && std::ranges::find(sources, *target) != sources.end())
+        throw Failure(cannot_do_it,
+                      printable(path) + ": is one of the files that the image is made from");
+}
+
 ExitStatus build(const Arguments &arguments) {
-    const Bytes image = build_image(read_manifest(arguments.words[0]));
+    const BuiltImage image = build_image(read_manifest(arguments.words[0]));
     const std::string &path = arguments.words[1];
-    const Inspection found = inspect_image(image);
+    const Inspection found = inspect_image(image.content);
+    refuse_source_as_target(image.sources, path);
     if (verdict(path, found) != success)
         return bad_content;
-    replace_file(path, image);
-    std::printf("%s: %zu bytes, %s\n", path.c_str(), image.size(), summary_of(found).c_str());
+    write_argument(path, image.content);
+    if (!is_standard_stream(path))
+        std::printf("%s: %zu bytes, %s\n", printable(path).c_str(), image.content.size(),
+                    summary_of(found).c_str());
     return success;
 }
 
@@ -147,14 +161,14 @@ ExitStatus verify(const Arguments &arguments) {
     const Inspection found = inspect_image(read_image(path));
     const ExitStatus status = verdict(path, found);
     if (status == success)
-        std::printf("%s: good: %s\n", path.c_str(), summary_of(found).c_str());
+        std::printf("%s: good: %s\n", printable(path).c_str(), summary_of(found).c_str());
     return status;
 }
 
 constexpr Command commands[] = {
-    {"build", 2, 2, false, build},
-    {"list", 1, 1, false, list},
-    {"verify", 1, 1, false, verify},
+    {"build", 2, 2, "", build},
+    {"list", 1, 1, "", list},
+    {"verify", 1, 1, "", verify},
 };
 
 } // namespace

@@ -15,14 +15,14 @@ namespace {
 
 class Builder {
   public:
-    explicit Builder(const Manifest &manifest) : manifest_(manifest) {}
+    explicit Builder(const Manifest &manifest) : manifest_(manifest), sources_{manifest.identity} {}
 
-    Bytes build() {
+    BuiltImage build() {
         check_sections();
         for (const ManifestSection &section : manifest_.sections)
             append(section);
         append_word(crc32(image_.data(), static_cast<int>(image_.size())));
-        return std::move(image_);
+        return {std::move(image_), std::move(sources_)};
     }
 
   private:
@@ -76,17 +76,19 @@ class Builder {
             image_.push_back(static_cast<unsigned char>(-sum_of(content)));
     }
 
-    [[nodiscard]] Bytes content_of(const ManifestSection &section) const {
+    [[nodiscard]] Bytes content_of(const ManifestSection &section) {
         if (section.text)
             return {section.text->begin(), section.text->end()};
         const std::filesystem::path folder = std::filesystem::path(manifest_.path).parent_path();
-        Bytes content = read_file((folder / *section.file).string(), image_size_limit);
-        if (content.empty())
-            refuse(section, *section.file + " is empty");
-        if (content.size() > image_size_limit)
-            refuse(section, *section.file + format(" has more than the %zu bytes of an upload",
-                                                   image_size_limit));
-        return content;
+        File file = read_file((folder / *section.file).string(), image_size_limit);
+        if (file.content.empty())
+            refuse(section, printable(*section.file) + " is empty");
+        if (file.content.size() > image_size_limit)
+            refuse(section,
+                   printable(*section.file) +
+                       format(" has more than the %zu bytes of an upload", image_size_limit));
+        sources_.push_back(file.identity);
+        return std::move(file.content);
     }
 
     /// `content` is the size of the file or text, `length` that of the whole payload.
@@ -120,10 +122,11 @@ class Builder {
 
     const Manifest &manifest_;
     Bytes image_;
+    std::vector<FileIdentity> sources_;
 };
 
 } // namespace
 
-Bytes build_image(const Manifest &manifest) { return Builder(manifest).build(); }
+BuiltImage build_image(const Manifest &manifest) { return Builder(manifest).build(); }
 
 } // namespace corvel::tools

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "tools/failure.h"
-#include "tools/files.h"
 #include "tools/text_format.h"
 
 namespace corvel::tools {
@@ -27,13 +26,13 @@ std::string_view without_blanks(std::string_view text) {
 std::string quoted(std::string_view text) { return "'" + printable(text) + "'"; }
 
 std::string place(const std::string &path, std::size_t line) {
-    return path + format(":%zu: ", line);
+    return printable(path) + format(":%zu: ", line);
 }
 
 /// Takes a manifest line by line.
 class Reader {
   public:
-    explicit Reader(const std::string &path) : manifest_{path, {}} {}
+    Reader(const std::string &path, FileIdentity identity) : manifest_{path, identity, {}} {}
 
     void take(std::string_view line) {
         ++line_;
@@ -48,7 +47,8 @@ class Reader {
 
     Manifest result() {
         if (manifest_.sections.empty())
-            throw Failure(cannot_do_it, manifest_.path + ": no section, such as [Rootfs], in it");
+            throw Failure(cannot_do_it,
+                          printable(manifest_.path) + ": no section, such as [Rootfs], in it");
         return std::move(manifest_);
     }
 
@@ -137,11 +137,11 @@ class Reader {
 } // namespace
 
 Manifest read_manifest(const std::string &path) {
-    const Bytes content = read_file(path, size_limit);
-    if (content.size() > size_limit)
-        throw Failure(cannot_do_it, path + ": too long for a manifest");
-    Reader reader(path);
-    std::string_view rest(reinterpret_cast<const char *>(content.data()), content.size());
+    const File file = read_argument(path, size_limit);
+    if (file.content.size() > size_limit)
+        throw Failure(cannot_do_it, printable(path) + ": too long for a manifest");
+    Reader reader(path, file.identity);
+    std::string_view rest(reinterpret_cast<const char *>(file.content.data()), file.content.size());
     while (!rest.empty()) {
         const std::size_t length = std::min(rest.find('\n'), rest.size());
         reader.take(rest.substr(0, length));

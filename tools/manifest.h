@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "firmware/image_format.h"
+#include "tools/files.h"
 
 namespace corvel::tools {
 
@@ -28,10 +29,12 @@ struct ManifestSection {
 
 struct Manifest {
     std::string path;
+    FileIdentity identity;
     std::vector<ManifestSection> sections;
 };
 
-/// Reads a manifest; anything in it that is not understood is a failure.
+/// Reads a manifest, from standard input if the path is "-"; anything in it that is not understood
+/// is a failure.
 Manifest read_manifest(const std::string &path);
 
 /// Where in a manifest something is wrong, for messages: "image.manifest:7: ".

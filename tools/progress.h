@@ -11,7 +11,7 @@ namespace corvel::tools {
 /// line is gone when the work is done.
 class Progress {
   public:
-    /// A total of 0 is one that is not known.
+    /// A total of 0 is one that is not known; the text is printable().
     Progress(std::string what, std::size_t total);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

@@ -27,7 +27,7 @@ class Done:
 
     def __init__(self, done):
         self.status = done.returncode
-        self.output = done.stdout.decode(errors="surrogateescape")
+        self.output = (done.stdout or b"").decode(errors="surrogateescape")
         self.errors = done.stderr.decode(errors="surrogateescape")
 
     def __repr__(self):
@@ -41,6 +41,12 @@ def run(program, *arguments, **options):
     if "input" in options:
         del options["stdin"]
     return Done(subprocess.run(command, **options))
+
+
+def printable(content):
+    """How the programs show bytes."""
+    return "".join("\\\\" if byte == 0x5c else chr(byte) if 0x20 <= byte < 0x7f else
+                   f"\\x{byte:02x}" for byte in content)
 
 
 def with_file_size_limit(size):

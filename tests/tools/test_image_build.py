@@ -141,8 +141,10 @@ class Build(ToolTest):
         self.assert_refuses(manifest.format(most + 1), 1, f":4: Ver0: {refusal}")
         for padding in (most + 25, 2**32 - 1):
             self.assert_refuses(manifest.format(padding), 1, f":1: Rootfs: {refusal}")
-        self.assert_refuses("[Log]\nfile = /dev/zero\n[Ver0]\ntext = v\n", 1, ":1: Log: /dev/zero "
-                            "has more than the 16777216 bytes of an upload")
+        with self.path("large").open("wb") as sparse:
+            sparse.truncate(2**24 + 1)
+        self.assert_refuses("[Log]\nfile = large\n[Ver0]\ntext = v\n", 1, ":1: Log: large has more "
+                            "than the 16777216 bytes of an upload")
 
     def test_sections_that_no_device_takes(self):
         ending = "[Ver0]\ntext = v\n"
@@ -203,8 +205,9 @@ class Build(ToolTest):
                 ("[Rootfs]\npadding =\n", f":2: padding is '', {number}")):
             with self.subTest(manifest):
                 self.assert_refuses(manifest, 2, message)
-        done = run("corvel-image", "build", "/dev/zero", self.target)
-        self.expect(done, 2, errors="corvel-image: /dev/zero: too long for a manifest\n")
+        path = self.write("manifest", b"#" * (2**20 + 1))
+        self.expect(run("corvel-image", "build", path, self.target), 2,
+                    errors=f"corvel-image: {path}: too long for a manifest\n")
 
     def test_files_that_cannot_be_read(self):
         missing = "No such file or directory"
@@ -262,10 +265,33 @@ class Build(ToolTest):
         self.assertEqual(stat.S_IMODE(self.target.stat().st_mode), 0o604)
         self.assertEqual(other_name.read_bytes(), before)
 
-    def test_the_target_may_be_a_source(self):
-        self.target.write_bytes(b"content")
-        self.assert_builds("[Rootfs]\nfile = new.img\n[Ver0]\ntext = v\n",
-                           image(partition(b"root", b"content"), version(b"v")))
+    def test_no_source_is_the_target_under_any_name(self):
+        self.path("directory").mkdir()
+        manifest = self.write("manifest", SIMPLE)
+        for source in ("root", "manifest"):
+            before = self.path(source).read_bytes()
+            symbolic, hard = self.path("symbolic"), self.path("hard")
+            symbolic.symlink_to(source)
+            os.link(self.path(source), hard)
+            for target in (self.path(source), symbolic, hard,
+                           self.folder / "directory/.." / source):
+                self.expect(run("corvel-image", "build", manifest, target), 2, errors=(
+                    f"corvel-image: {target}: is one of the files that the image is made from\n"))
+                self.assertEqual(self.path(source).read_bytes(), before)
+            symbolic.unlink()
+            hard.unlink()
+
+    def test_no_source_is_the_target_as_a_standard_stream(self):
+        manifest = self.write("manifest", SIMPLE)
+        message = "corvel-image: {}: is one of the files that the image is made from\n"
+        with manifest.open("rb") as file:
+            self.expect(run("corvel-image", "build", "-", manifest, stdin=file, cwd=self.folder), 2,
+                        errors=message.format(manifest))
+        with self.path("root").open("ab") as file:
+            self.expect(run("corvel-image", "build", manifest, "-", stdout=file), 2,
+                        errors=message.format("-"))
+        self.assertEqual(manifest.read_text(), SIMPLE)
+        self.assertEqual(self.path("root").read_bytes(), b"root file system")
 
     def test_random_images(self):
         random.seed(3)
