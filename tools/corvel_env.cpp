@@ -13,6 +13,7 @@
 #include "support/big_endian.h"
 #include "tools/command_line.h"
 #include "tools/files.h"
+#include "tools/json.h"
 #include "tools/silent_output.h"
 #include "tools/text_format.h"
 
@@ -20,8 +21,8 @@ namespace corvel::tools {
 namespace {
 
 constexpr const char *help = R"(usage: corvel-env create [--force] FILE [NAME=VALUE...]
-       corvel-env list FILE
-       corvel-env get FILE NAME
+       corvel-env list [--json] FILE
+       corvel-env get [--raw] FILE NAME
        corvel-env set [--force] FILE NAME=VALUE...
        corvel-env delete [--force] FILE NAME...
        corvel-env check FILE
@@ -39,6 +40,9 @@ standard output, and set and delete read the one and write the other.
   -f, --force      create: replace a file that is there already
                    set, delete: change an image whose CRC is bad
                    delete: pass over variables that are not there
+  -j, --json       list: print a JSON object
+  -r, --raw        get: print the bytes of the value as they are; all other
+                   output shows \xNN for what is not printable, and \\ for \
   -h, --help       print this text
   -V, --version    print the version
 
@@ -62,6 +66,21 @@ std::uint32_t computed_crc() { return crc32(data_area().data(), static_cast<int>
 std::size_t list_end() {
     const SilentOutput silent;
     return static_cast<std::size_t>(print_env());
+}
+
+struct Entry {
+    std::size_t offset; ///< in the data area
+    std::string_view text;
+};
+
+/// The entries up to the end of the list. The last one ends with the data area if it has no NUL.
+std::vector<Entry> all_entries() {
+    const std::size_t end = list_end();
+    const char *const data = reinterpret_cast<const char *>(data_area().data());
+    std::vector<Entry> entries;
+    for (std::size_t start = 0; start < end; start += entries.back().text.size() + 1)
+        entries.push_back({start, {data + start, strnlen(data + start, data_size - start)}});
+    return entries;
 }
 
 bool good_crc() { return stored_crc() == computed_crc(); }
@@ -182,9 +201,38 @@ ExitStatus create(const Arguments &arguments) {
     return success;
 }
 
+/// An entry without '=' is a name without a value.
+std::string json_of(const Entry &entry) {
+    const std::size_t equals = entry.text.find('=');
+    return json::Object()
+        .add("name", json::string(entry.text.substr(0, equals)))
+        .add("value", equals != std::string_view::npos ? json::string(entry.text.substr(equals + 1))
+                                                       : json::null)
+        .text();
+}
+
+void print_json(const std::string &path) {
+    std::vector<std::string> variables;
+    for (const Entry &entry : all_entries())
+        variables.push_back(json_of(entry));
+    std::puts(json::Object()
+                  .add("file", json::string(path))
+                  .add("good_crc", json::boolean(good_crc()))
+                  .add("stored_crc", json::number(stored_crc()))
+                  .add("computed_crc", json::number(computed_crc()))
+                  .add("variables", json::array(variables))
+                  .text()
+                  .c_str());
+}
+
 ExitStatus list(const Arguments &arguments) {
-    const ExitStatus status = load_for_reading(arguments.words[0]);
-    print_env();
+    const std::string &path = arguments.words[0];
+    const ExitStatus status = load_for_reading(path);
+    if (arguments.has(Option::json))
+        print_json(path);
+    else
+        for (const Entry &entry : all_entries())
+            std::puts(printable(entry.text).c_str());
     return status;
 }
 
@@ -195,7 +243,7 @@ ExitStatus get(const Arguments &arguments) {
     const char *const value = get_env(name.c_str());
     if (value == nullptr)
         throw no_variable(arguments.words[0], name);
-    std::puts(value);
+    std::puts(arguments.has(Option::raw) ? value : printable(std::string_view(value)).c_str());
     return status;
 }
 
@@ -222,8 +270,8 @@ ExitStatus remove(const Arguments &arguments) {
 class EntryCheck {
   public:
     EntryCheck() {
-        for (std::size_t start = 0; start < end_;)
-            start += check(start) + 1;
+        for (const Entry &entry : all_entries())
+            check(entry);
         if (end_ == data_size)
             faults_.emplace_back(
                 "list: a second NUL is expected at its end; found the image's end");
@@ -237,13 +285,10 @@ class EntryCheck {
     }
 
   private:
-    /// Looks at one entry and returns its length.
-    std::size_t check(std::size_t start) {
-        const char *const data = reinterpret_cast<const char *>(data_area().data());
-        const std::string_view entry(data + start, strnlen(data + start, data_size - start));
-        const std::size_t equals = entry.find('=');
-        const std::string_view name = entry.substr(0, equals);
-        const std::string place = format("entry at offset 0x%zx: ", crc_size + start);
+    void check(const Entry &entry) {
+        const std::size_t equals = entry.text.find('=');
+        const std::string_view name = entry.text.substr(0, equals);
+        const std::string place = format("entry at offset 0x%zx: ", crc_size + entry.offset);
         if (equals == std::string_view::npos)
             faults_.push_back(place + "NAME=VALUE is expected; found no '='");
         else if (name.empty())
@@ -251,7 +296,6 @@ class EntryCheck {
         else if (!names_.insert(name).second)
             faults_.push_back(place + "a new name is expected; found '" + printable(name) +
                               "' again");
-        return entry.size();
     }
 
     std::size_t end_ = list_end();
@@ -273,8 +317,8 @@ ExitStatus check(const Arguments &arguments) {
 
 constexpr Command commands[] = {
     {"create", 1, Command::any, "f", create},
-    {"list", 1, 1, "", list},
-    {"get", 2, 2, "", get},
+    {"list", 1, 1, "j", list},
+    {"get", 2, 2, "r", get},
     {"set", 2, Command::any, "f", set},
     {"delete", 2, Command::any, "f", remove},
     {"check", 1, 1, "", check},

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_TOOLS_JSON_H
+#define CORVEL_TOOLS_JSON_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace corvel::tools::json {
+
+/// A string in which each byte is the character of the same number, U+0000 to U+00FF: the bytes of
+/// any encoding can be restored from it. The text itself is printable ASCII.
+std::string string(std::string_view bytes);
+
+std::string number(std::uint64_t value);
+
+constexpr const char *boolean(bool value) { return value ? "true" : "false"; }
+
+constexpr const char *null = "null";
+
+std::string array(const std::vector<std::string> &values);
+
+/// An object, built member by member; the values are JSON texts.
+class Object {
+  public:
+    Object &add(std::string_view name, std::string_view value);
+    [[nodiscard]] std::string text() const;
+
+  private:
+    std::string members_;
+};
+
+} // namespace corvel::tools::json
+
+#endif
