@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
 // Builds upgrade images, and tells what a device would make of one.
-#include <corvel.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -17,9 +15,9 @@
 namespace corvel::tools {
 namespace {
 
-constexpr const char *help = R"(usage: corvel-image build MANIFEST IMAGE
+constexpr const char *help = R"(usage: corvel-image build [--strict] MANIFEST IMAGE
        corvel-image list IMAGE
-       corvel-image verify IMAGE
+       corvel-image verify [--strict] IMAGE
 
   build    make an upgrade image: sections, payload checksums, final CRC
   list     show the sections of an image and where a device writes them
@@ -28,6 +26,7 @@ constexpr const char *help = R"(usage: corvel-image build MANIFEST IMAGE
 Each argument is a file; "-" is standard input or, for the image that build
 makes, standard output.
 
+  -s, --strict     build, verify: each warning is an error
   -h, --help       print this text
   -V, --version    print the version
 
@@ -42,13 +41,9 @@ A manifest names the sections in their order, the version last:
 
 A section may have burn-address, padding and mtd-id, too; paths are relative
 to the manifest. Exit status: 0 if all is well, 1 if the image is bad or would
-be, 2 if a file can't be read or written or the usage is wrong.
+be, 2 if a file can't be read or written or the usage is wrong, 3 if --strict
+makes a warning an error.
 )";
-
-void warn(const std::string &path, const Inspection &found) {
-    for (const std::string &warning : found.warnings)
-        complain(format("%s: warning: %s", printable(path).c_str(), warning.c_str()));
-}
 
 Bytes read_image(const std::string &path) {
     Bytes image = read_argument(path, image_size_limit).content;
@@ -60,23 +55,36 @@ Bytes read_image(const std::string &path) {
     return image;
 }
 
-ExitStatus verdict(const std::string &path, const Inspection &found) {
-    warn(path, found);
-    if (found.fault.empty())
-        return success;
-    complain(printable(path) + ": bad image: " + found.fault);
-    return bad_content;
+/// Says what is wrong with an image.
+ExitStatus verdict(const Arguments &arguments, const std::string &path, const Inspection &found) {
+    const bool strict = arguments.has(Option::strict);
+    for (const Warning &warning : found.warnings)
+        complain(format("%s: %s: %s", printable(path).c_str(), strict ? "error" : "warning",
+                        warning.message.c_str()));
+    if (!found.fault.empty()) {
+        complain(printable(path) + ": bad image: " + found.fault);
+        return bad_content;
+    }
+    return strict && !found.warnings.empty() ? warned : success;
 }
 
 /// "4 sections, version 2.1.0"
 std::string summary_of(const Inspection &found) {
     const std::size_t count = found.sections.size() + found.unlisted;
     std::string text = format("%zu section%s", count, count == 1 ? "" : "s");
-    if (!found.version.empty())
-        text += ", version " + found.version;
+    if (found.version && !found.version->empty())
+        text += ", version " + printable(*found.version);
     if (found.crc)
         text += format(", CRC 0x%08" PRIx32, *found.crc);
     return text;
+}
+
+/// Two sections for one partition, the version among them or not, are no image that anybody wants.
+void refuse_same_partition(const Manifest &manifest, const Inspection &found) {
+    const auto warning = std::ranges::find(found.warnings, "same-partition", &Warning::kind);
+    if (warning != found.warnings.end())
+        throw Failure(bad_content, place_in(manifest, manifest.sections[warning->section - 1]) +
+                                       warning->message);
 }
 
 /// An image never takes the place of what it is made from, under any name.
@@ -88,12 +96,15 @@ void refuse_source_as_target(const std::vector<FileIdentity> &sources, const std
 }
 
 ExitStatus build(const Arguments &arguments) {
-    const BuiltImage image = build_image(read_manifest(arguments.words[0]));
+    const Manifest manifest = read_manifest(arguments.words[0]);
+    const BuiltImage image = build_image(manifest);
     const std::string &path = arguments.words[1];
     const Inspection found = inspect_image(image.content);
+    refuse_same_partition(manifest, found);
     refuse_source_as_target(image.sources, path);
-    if (verdict(path, found) != success)
-        return bad_content;
+    const ExitStatus status = verdict(arguments, path, found);
+    if (status != success)
+        return status;
     write_argument(path, image.content);
     if (!is_standard_stream(path))
         std::printf("%s: %zu bytes, %s\n", printable(path).c_str(), image.content.size(),
@@ -106,7 +117,7 @@ const char *text_of(ImageSection::Checksum checksum) {
     case ImageSection::Checksum::good:
         return "good";
     case ImageSection::Checksum::bad:
-        return "BAD";
+        return "bad";
     case ImageSection::Checksum::none:
         break;
     }
@@ -122,19 +133,21 @@ std::string target_text(const ImageSection &section) {
     if (!section.target)
         return "refused";
     std::string text =
-        format("%8" PRIu32 "  mtdblock%-5" PRIu32 " mtdblock%" PRIu32, section.target->len,
-               device_while_a_runs(*section.target), device_while_b_runs(*section.target));
+        format("%8" PRIu32 "  mtdblock%-5" PRIu32 " mtdblock%" PRIu32, section.target->size,
+               section.target->device_while_a_runs, section.target->device_while_b_runs);
     if (section.partition->mtd_id == 0) // the boot loader alone has a burn address
-        text += format("  burn address 0x%08" PRIx32, section.target->burnAddr);
+        text += format("  burn address 0x%08" PRIx32, section.target->burn_address);
     return text;
 }
 
 void print_section(const ImageSection &section) {
-    std::printf(
-        "%6zu  0x%07zx  %-9s  %-14s  %10" PRIu32 "  %10" PRIu32 "  %6" PRIu32 "  %-8s  %s\n",
-        section.number, section.offset, section.signature.c_str(),
-        section.partition != nullptr ? section.partition->name : "unknown", section.length,
-        section.padding, section.mtd_id, text_of(section.checksum), target_text(section).c_str());
+    std::printf("%6zu  0x%07zx  %-9s  %-14s  %10" PRIu32 "  %10" PRIu32 "  %6" PRIu32
+                "  %-8s  %s\n",
+                section.number, section.offset, printable(section.signature).c_str(),
+                section.partition != nullptr ? section.partition->name : "unknown", section.length,
+                section.padding, section.mtd_id,
+                section.checksum == ImageSection::Checksum::bad ? "BAD" : text_of(section.checksum),
+                target_text(section).c_str());
 }
 
 void print_list(const Inspection &found) {
@@ -144,31 +157,34 @@ void print_list(const Inspection &found) {
         print_section(section);
     if (found.unlisted != 0)
         std::printf("%6s  %zu more with unknown signatures, skipped\n", "...", found.unlisted);
-    if (!found.version.empty())
-        std::printf("version: %s\n", found.version.c_str());
+    if (found.version && !found.version->empty())
+        std::printf("version: %s\n", printable(*found.version).c_str());
     if (found.crc)
         std::printf("CRC: 0x%08" PRIx32 "\n", *found.crc);
+    if (found.bytes_after_image != 0)
+        std::printf("%s after the image\n", bytes_text(found.bytes_after_image).c_str());
 }
 
 ExitStatus list(const Arguments &arguments) {
-    const Inspection found = inspect_image(read_image(arguments.words[0]));
+    const std::string &path = arguments.words[0];
+    const Inspection found = inspect_image(read_image(path));
     print_list(found);
-    return verdict(arguments.words[0], found);
+    return verdict(arguments, path, found);
 }
 
 ExitStatus verify(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
     const Inspection found = inspect_image(read_image(path));
-    const ExitStatus status = verdict(path, found);
+    const ExitStatus status = verdict(arguments, path, found);
     if (status == success)
         std::printf("%s: good: %s\n", printable(path).c_str(), summary_of(found).c_str());
     return status;
 }
 
 constexpr Command commands[] = {
-    {"build", 2, 2, "", build},
+    {"build", 2, 2, "s", build},
     {"list", 1, 1, "", list},
-    {"verify", 1, 1, "", verify},
+    {"verify", 1, 1, "s", verify},
 };
 
 } // namespace

@@ -12,6 +12,7 @@ enum ExitStatus : int {
     success = 0,
     bad_content = 1,  ///< what was looked at, or asked for, is bad
     cannot_do_it = 2, ///< wrong usage, or a file that could not be read or written
+    warned = 3,       ///< accepted with warnings, where --strict makes each an error
 };
 
 /// Ends the program with a message on standard error.

@@ -4,9 +4,10 @@
 #include <algorithm>
 #include <syslog.h>
 
+#include "firmware/boot_parameter.h"
+#include "firmware/firmware_parser.h"
 #include "support/big_endian.h"
 #include "tools/image_layout.h"
-#include "tools/silent_output.h"
 #include "tools/text_format.h"
 
 namespace corvel::tools {
@@ -20,8 +21,27 @@ constexpr std::size_t length_margin = 4;
 /// An image of nothing but zeros is a chain of hundreds of thousands of them.
 constexpr std::size_t most_unknown_listed = 4;
 
-/// From set A's partitions to set B's.
-constexpr std::uint32_t distance_of_sets = 2;
+/// The sets, by the value of `bootparam`.
+enum Set : std::size_t { set_a, set_b };
+
+struct SetDevices {
+    std::uint32_t root;
+    std::uint32_t kernel;
+};
+
+constexpr SetDevices devices_of(Set set) {
+    return set == set_a ? SetDevices{sign_tbl[2].mtd_id, sign_tbl[3].mtd_id}
+                        : SetDevices{sign_tbl[4].mtd_id, sign_tbl[5].mtd_id};
+}
+
+constexpr std::uint32_t boot_loader_device = sign_tbl[0].mtd_id;
+constexpr std::uint32_t boot_environment_device = sign_tbl[1].mtd_id;
+
+/// The running sets for which something holds.
+struct RunningSets {
+    bool a;
+    bool b;
+};
 
 /// What the library says.
 struct Verdict {
@@ -29,18 +49,12 @@ struct Verdict {
     std::vector<img_info> records;
 };
 
-/// Without an environment of a device's own, which a workstation has not, the records hold the
-/// devices of a device that runs set B. Neither the system log nor standard output gets anything.
-Verdict ask_library(Image image) {
+/// The library's verdict on a device that runs this set. The system log gets nothing.
+Verdict ask_library(Image image, Set running) {
     const int log_mask = setlogmask(LOG_MASK(LOG_EMERG));
     std::vector<img_info> records(most_sections + 1);
-    int result = 0;
     int count = 0;
-    {
-        const SilentOutput silent;
-        count = parse_firmware(image.data(), static_cast<unsigned int>(image.size()),
-                               records.data(), &result);
-    }
+    const int result = parse_image(image, bootparam_mtd_shift[running], records.data(), count);
     setlogmask(log_mask);
     records.resize(static_cast<std::size_t>(count));
     return {result, std::move(records)};
@@ -56,10 +70,6 @@ enum Result : int {
     bad_crc = 5,
 };
 
-std::string bytes_text(std::size_t count) {
-    return format("%zu byte%s", count, count == 1 ? "" : "s");
-}
-
 /// Goes from section to section as the library does, in order to say where and why it stops.
 class Walk {
   public:
@@ -70,7 +80,8 @@ class Walk {
             take_section();
         if (result_ == accepted)
             check_end();
-        compare(ask_library(image_));
+        compare(ask_library(image_, set_a), ask_library(image_, set_b));
+        count_bytes_after_image();
         if (found_.fault.empty())
             warn();
         return std::move(found_);
@@ -104,7 +115,7 @@ class Walk {
         ImageSection section{};
         section.number = ++count_;
         section.offset = offset_;
-        section.signature = printable(header.first(4));
+        section.signature.assign(header.begin(), header.begin() + 4);
         section.burn_address = big_endian_word(header.subspan<4, 4>());
         section.mtd_id = big_endian_word(header.subspan<8, 4>());
         section.padding = big_endian_word(header.subspan<12, 4>());
@@ -131,9 +142,24 @@ class Walk {
                                              "expected, the version included; found %zu",
                                              most_sections, recognised_));
         last_ = section;
-        if (is_version(*section.partition))
-            found_.version = printable(payload.first(
-                payload.size() > crc_size ? payload.size() - crc_size : std::size_t{0}));
+        if (!is_version(*section.partition))
+            return;
+        look_for_the_end(section);
+        const Image text =
+            payload.first(payload.size() > crc_size ? payload.size() - crc_size : std::size_t{0});
+        found_.version = std::string(text.begin(), text.end());
+    }
+
+    /// A version section ends the image if its CRC is that of all bytes before the CRC; any bytes
+    /// after it make a device refuse the whole.
+    void look_for_the_end(const ImageSection &version) {
+        const std::size_t end = version.offset + header_size + version.length;
+        if (end > image_.size())
+            return;
+        const Image covered = image_.first(end - crc_size);
+        if (big_endian_word(image_.subspan(covered.size()).first<crc_size>()) ==
+            crc32(covered.data(), static_cast<int>(covered.size())))
+            end_of_image_ = end;
     }
 
     /// What of a payload the image holds.
@@ -177,8 +203,8 @@ class Walk {
     }
 
     static std::string name_of(const ImageSection &section) {
-        return format("section %zu (%s) at offset 0x%zx", section.number, section.signature.c_str(),
-                      section.offset);
+        return format("section %zu (%s) at offset 0x%zx", section.number,
+                      printable(section.signature).c_str(), section.offset);
     }
 
     void check_end() {
@@ -218,17 +244,39 @@ class Walk {
     }
 
     /// The library has the last word; the walk only explains it.
-    void compare(const Verdict &verdict) {
-        if (verdict.result != result_) {
+    void compare(const Verdict &while_a_runs, const Verdict &while_b_runs) {
+        if (while_a_runs.result != result_ || while_b_runs.result != result_) {
             found_.fault =
-                format("the library's result is %d, and this program's %d%s%s", verdict.result,
+                format("the library's result is %d, and this program's %d%s%s", while_a_runs.result,
                        result_, found_.fault.empty() ? "" : ": ", found_.fault.c_str());
             return;
         }
-        auto record = verdict.records.begin();
-        for (ImageSection &section : found_.sections)
-            if (section.partition != nullptr && record != verdict.records.end())
-                section.target = *record++;
+        if (result_ != accepted)
+            return;
+        std::size_t index = 0;
+        for (ImageSection &section : found_.sections) {
+            if (section.partition == nullptr)
+                continue;
+            const img_info &record = while_a_runs.records[index];
+            if (!is_version(*section.partition))
+                section.target = {record.len, record.burnAddr, record.mtd_ids,
+                                  while_b_runs.records[index].mtd_ids};
+            ++index;
+        }
+    }
+
+    void count_bytes_after_image() {
+        const bool refused = !found_.fault.empty();
+        if (refused && !end_of_image_)
+            return;
+        const std::size_t end = refused ? *end_of_image_ : offset_;
+        if (end >= image_.size())
+            return;
+        const std::size_t count = image_.size() - end;
+        found_.bytes_after_image = count;
+        if (refused)
+            found_.fault += format("; a whole image ends at offset 0x%zx, and %s follow%s it", end,
+                                   bytes_text(count).c_str(), count == 1 ? "s" : "");
     }
 
     void warn() {
@@ -236,57 +284,146 @@ class Walk {
             if (section.partition != nullptr)
                 warn_about(section);
         if (unknown_ != 0)
-            add_warning(format("%zu section%s with an unknown signature %s skipped", unknown_,
-                               unknown_ == 1 ? "" : "s", unknown_ == 1 ? "is" : "are"));
+            warn_about_image("unknown-section",
+                             format("%zu section%s with an unknown signature %s skipped", unknown_,
+                                    unknown_ == 1 ? "" : "s", unknown_ == 1 ? "is" : "are"));
         if (!is_version(*last_->partition))
-            add_warning("the last known section is no version section: the image carries no CRC");
-        if (offset_ < image_.size())
-            add_warning(bytes_text(image_.size() - offset_) +
-                        " behind the last section belong to none");
+            warn_about_image(
+                "no-crc", "the last known section is no version section: the image carries no CRC");
+        if (found_.bytes_after_image != 0)
+            warn_about_image("bytes-after-image",
+                             format("%s after the last section belong%s to none",
+                                    bytes_text(found_.bytes_after_image).c_str(),
+                                    found_.bytes_after_image == 1 ? "s" : ""));
         for (const ImageSection &section : found_.sections)
             warn_about_same_device(section);
+        warn_about_boot();
     }
 
-    void add_warning(std::string warning) { found_.warnings.push_back(std::move(warning)); }
+    void warn_about_image(std::string_view kind, std::string message) {
+        found_.warnings.push_back({kind, 0, std::move(message)});
+    }
+
+    void warn_about_section(std::string_view kind, const ImageSection &section,
+                            const std::string &message) {
+        found_.warnings.push_back({kind, section.number, name_of(section) + ": " + message});
+    }
 
     void warn_about(const ImageSection &section) {
-        const std::string name = name_of(section);
         const std::size_t held = payload_of(section).size();
         if (held < section.length)
-            add_warning(name + ": " + bytes_text(section.length - held) +
-                        " of its payload are missing");
+            warn_about_section("missing-bytes", section,
+                               bytes_text(section.length - held) + " of its payload are missing");
         if (is_version(*section.partition))
             return;
         if (section.checksum == ImageSection::Checksum::none)
-            add_warning(name + ": mtd_id 255: neither checksum nor size are checked");
-        if (section.target->len > section.partition->max_size)
-            add_warning(name + format(": writes %u bytes, and partition %s holds %u",
-                                      section.target->len, section.partition->name,
+            warn_about_section("unchecked", section,
+                               "mtd_id 255: neither checksum nor size are checked");
+        if (section.target->size > section.partition->max_size)
+            warn_about_section("too-large", section,
+                               format("writes %u bytes, and partition %s holds %u",
+                                      section.target->size, section.partition->name,
                                       section.partition->max_size));
+        if (section.target->size == 0)
+            warn_about_section("empty", section, "writes nothing: its content has no bytes");
         if (padding_is_too_long(section))
-            add_warning(
-                name + format(": pad %u is not less than len %u", section.padding, section.length));
+            warn_about_section(
+                "padding", section,
+                format("pad %u is not less than len %u", section.padding, section.length));
     }
 
     void warn_about_same_device(const ImageSection &section) {
         for (const ImageSection &other : found_.sections) {
             if (&other == &section)
                 return;
-            if (!writes(section) || !writes(other))
+            if (!section.target || !other.target)
                 continue;
-            const bool while_a_runs =
-                device_while_a_runs(*section.target) == device_while_a_runs(*other.target);
-            const bool while_b_runs =
-                device_while_b_runs(*section.target) == device_while_b_runs(*other.target);
-            if (while_a_runs || while_b_runs)
-                add_warning(name_of(section) +
-                            format(": writes the same partition as section %zu%s", other.number,
-                                   while_b_runs ? "" : " while set A runs"));
+            warn_while("same-partition", section,
+                       format("writes the same partition as section %zu", other.number),
+                       {device(section, set_a) == device(other, set_a),
+                        device(section, set_b) == device(other, set_b)});
         }
     }
 
-    static bool writes(const ImageSection &section) {
-        return section.target && !is_version(*section.partition);
+    static std::uint32_t device(const ImageSection &section, Set running) {
+        return running == set_a ? section.target->device_while_a_runs
+                                : section.target->device_while_b_runs;
+    }
+
+    /// The end of a sentence that is true on a device that runs set A, set B, or either.
+    static std::string condition(RunningSets running) {
+        if (running.a && running.b)
+            return "";
+        return running.a ? " while set A runs" : " while set B runs";
+    }
+
+    /// An upgrade writes all sections and then has the other set boot, whether it was written or
+    /// not.
+    void warn_about_boot() {
+        for (const ImageSection &section : found_.sections)
+            if (section.target)
+                warn_about_boot(section);
+        const RunningSets running{writes_nothing_of(set_b, set_a), writes_nothing_of(set_a, set_b)};
+        if (!running.a && !running.b)
+            return;
+        const std::string message =
+            "no root file system and no kernel for the set that boots after the upgrade" +
+            condition(running);
+        if (recognised_ == 1 && is_version(*last_->partition))
+            warn_about_section("idle-set-not-written", *last_, "a version alone: " + message);
+        else
+            warn_about_image("idle-set-not-written", message);
+    }
+
+    void warn_about_boot(const ImageSection &section) {
+        const std::uint32_t target = device(section, set_a);
+        if (target == boot_loader_device)
+            warn_about_section("boot-loader", section,
+                               "writes the boot loader: a device has no second one to boot from");
+        if (target == boot_environment_device)
+            warn_about_section("boot-environment", section,
+                               "writes the boot environment, which selects the set that boots; "
+                               "save_bootparam() then overwrites it");
+        warn_while("running-set", section, "writes the running set",
+                   {is_in(set_a, section, set_a), is_in(set_b, section, set_b)});
+        warn_while("root-without-kernel", section, "no kernel for the same set",
+                   {is_alone(section, &SetDevices::root, &SetDevices::kernel, set_a),
+                    is_alone(section, &SetDevices::root, &SetDevices::kernel, set_b)});
+        warn_while("kernel-without-root", section, "no root file system for the same set",
+                   {is_alone(section, &SetDevices::kernel, &SetDevices::root, set_a),
+                    is_alone(section, &SetDevices::kernel, &SetDevices::root, set_b)});
+    }
+
+    void warn_while(std::string_view kind, const ImageSection &section, const std::string &message,
+                    RunningSets running) {
+        if (running.a || running.b)
+            warn_about_section(kind, section, message + condition(running));
+    }
+
+    static bool is_in(Set set, const ImageSection &section, Set running) {
+        const SetDevices devices = devices_of(set);
+        const std::uint32_t target = device(section, running);
+        return target == devices.root || target == devices.kernel;
+    }
+
+    /// Whether a section writes one part of a set, and none writes the other part.
+    [[nodiscard]] bool is_alone(const ImageSection &section, std::uint32_t SetDevices::*part,
+                                std::uint32_t SetDevices::*other_part, Set running) const {
+        for (const Set set : {set_a, set_b})
+            if (devices_of(set).*part == device(section, running))
+                return !writes(devices_of(set).*other_part, running);
+        return false;
+    }
+
+    [[nodiscard]] bool writes(std::uint32_t wanted, Set running) const {
+        return std::ranges::any_of(found_.sections, [=](const ImageSection &section) {
+            return section.target && section.target->size != 0 &&
+                   device(section, running) == wanted;
+        });
+    }
+
+    [[nodiscard]] bool writes_nothing_of(Set set, Set running) const {
+        return !writes(devices_of(set).root, running) && !writes(devices_of(set).kernel, running);
     }
 
     Image image_;
@@ -297,23 +434,11 @@ class Walk {
     std::size_t unknown_ = 0;
     std::size_t recognised_ = 0;
     std::optional<ImageSection> last_; ///< the last one with a known signature
+    std::optional<std::size_t> end_of_image_;
 };
-
-/// The sections "root" and "kern", alone, go to whichever set is idle.
-bool goes_to_the_idle_set(const img_info &record) {
-    constexpr std::uint32_t root_file_system = 2;
-    constexpr std::uint32_t kernel = 3;
-    return record.base_mtd_id == root_file_system || record.base_mtd_id == kernel;
-}
 
 } // namespace
 
 Inspection inspect_image(Image image) { return Walk(image).inspect(); }
-
-std::uint32_t device_while_a_runs(const img_info &record) {
-    return record.base_mtd_id + (goes_to_the_idle_set(record) ? distance_of_sets : 0);
-}
-
-std::uint32_t device_while_b_runs(const img_info &record) { return record.base_mtd_id; }
 
 } // namespace corvel::tools

@@ -37,4 +37,8 @@ std::string printable(std::string_view bytes) {
         std::span(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size()));
 }
 
+std::string bytes_text(std::size_t count) {
+    return format("%zu byte%s", count, count == 1 ? "" : "s");
+}
+
 } // namespace corvel::tools

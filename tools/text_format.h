@@ -2,6 +2,7 @@
 #ifndef CORVEL_TOOLS_TEXT_FORMAT_H
 #define CORVEL_TOOLS_TEXT_FORMAT_H
 
+#include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,6 +16,9 @@ namespace corvel::tools {
 /// backslash `\\`.
 std::string printable(std::string_view bytes);
 std::string printable(std::span<const unsigned char> bytes);
+
+/// "1 byte", "2 bytes"
+std::string bytes_text(std::size_t count);
 
 } // namespace corvel::tools
 

@@ -88,3 +88,61 @@ def judge(data):
     if end > len(data) or data[end - 4:end] != struct.pack(">I", zlib.crc32(data[:-4])):
         return Verdict(BAD_CRC, number, offset)
     return Verdict(ACCEPTED)
+
+
+ROOT, KERNEL = 0, 1
+SETS = {"A": (2, 3), "B": (4, 5)}
+
+
+def warnings_about_boot(data):
+    """What is said of an accepted image after which a device may not boot."""
+    sections = []
+    offset = number = 0
+    while offset + 20 < len(data):
+        number += 1
+        signature = data[offset:offset + 4]
+        _, _, pad, length = struct.unpack_from(">4I", data, offset + 4)
+        if signature in PARTITIONS:
+            empty = PARTITIONS[signature][1] and (length - 1 - pad) % 2**32 == 0
+            sections.append((signature, f"section {number} ({signature.decode()}) at offset "
+                             f"0x{offset:x}: ", empty))
+        offset += 20 + length
+
+    def device(signature, running):
+        idle = 2 if signature in (b"root", b"kern") and running == "A" else 0
+        return PARTITIONS[signature][3] + idle
+
+    written = {running: {device(signature, running) for signature, _, empty in sections
+                         if not empty} for running in SETS}
+
+    def sentence(text, holds):
+        running = [name for name in SETS if holds(name)]
+        if not running:
+            return []
+        return [text if len(running) == 2 else f"{text} while set {running[0]} runs"]
+
+    def alone(signature, running, part):
+        return any(device(signature, running) == devices[part] and
+                   devices[1 - part] not in written[running] for devices in SETS.values())
+
+    lines = []
+    for signature, place, _ in sections:
+        if signature == b"Ver0":
+            continue
+        if signature == b"boot":
+            lines.append(place + "writes the boot loader: a device has no second one to boot from")
+        if signature == b"benv":
+            lines.append(place + "writes the boot environment, which selects the set that boots; "
+                         "save_bootparam() then overwrites it")
+        lines += sentence(place + "writes the running set",
+                          lambda running: device(signature, running) in SETS[running])
+        lines += sentence(place + "no kernel for the same set",
+                          lambda running: alone(signature, running, ROOT))
+        lines += sentence(place + "no root file system for the same set",
+                          lambda running: alone(signature, running, KERNEL))
+    place = f"{sections[0][1]}a version alone: " if [
+        signature for signature, _, _ in sections] == [b"Ver0"] else ""
+    idle = {"A": SETS["B"], "B": SETS["A"]}
+    return lines + sentence(
+        place + "no root file system and no kernel for the set that boots after the upgrade",
+        lambda running: not written[running] & set(idle[running]))

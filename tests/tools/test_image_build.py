@@ -10,8 +10,9 @@ import image_model as model
 from image_model import image, partition, version
 from programs import ToolTest, run, with_file_size_limit
 
-SIMPLE = "[Rootfs]\nfile = root\n[Ver0]\ntext = 1.0\n"
-SIMPLE_IMAGE = image(partition(b"root", b"root file system"), version(b"1.0"))
+SIMPLE = "[Rootfs]\nfile = root\n[Linux_kernel]\nfile = kernel\n[Ver0]\ntext = 1.0\n"
+SIMPLE_IMAGE = image(partition(b"root", b"root file system"), partition(b"kern", b"kernel"),
+                     version(b"1.0"))
 
 
 class Build(ToolTest):
@@ -26,6 +27,8 @@ class Build(ToolTest):
         return run("corvel-image", "build", path, target or self.target, **options)
 
     def assert_builds(self, manifest, expected, warnings=()):
+        """With these warnings and, after them, those about booting."""
+        warnings = [*warnings, *model.warnings_about_boot(expected)]
         done = self.build(manifest)
         self.assertEqual(done.status, 0, done)
         self.assertEqual(done.errors.splitlines(), [
@@ -43,7 +46,7 @@ class Build(ToolTest):
 
     def test_a_simple_image(self):
         done = self.assert_builds(SIMPLE, SIMPLE_IMAGE)
-        self.assertEqual(done.output, f"{self.target}: {len(SIMPLE_IMAGE)} bytes, 2 sections, "
+        self.assertEqual(done.output, f"{self.target}: {len(SIMPLE_IMAGE)} bytes, 3 sections, "
                          f"version 1.0, CRC 0x{SIMPLE_IMAGE[-4:].hex()}\n")
 
     def test_every_key(self):
@@ -68,7 +71,7 @@ class Build(ToolTest):
 
     def test_layout_of_the_manifest_does_not_matter(self):
         self.assert_builds("# A comment\r\n\r\n  [ Rootfs ]  \n\t# another\n file=root\t\n\n\n"
-                           "[Ver0]\r\ntext =  1.0  \r", SIMPLE_IMAGE)
+                           "[kern]\nfile\t= kernel\n[Ver0]\r\ntext =  1.0  \r", SIMPLE_IMAGE)
 
     def test_a_version_from_a_file(self):
         text = bytes(range(68))
@@ -82,18 +85,18 @@ class Build(ToolTest):
 
     def test_warnings_for_what_a_device_accepts(self):
         self.assert_builds(
-            "[Rootfs]\nfile = kernel\nmtd-id = 255\n[rfs1]\nfile = kernel\n[Ver0]\ntext = v\n",
-            image(partition(b"root", b"kernel", mtd_id=255), partition(b"rfs1", b"kernel"),
+            "[Rootfs]\nfile = kernel\nmtd-id = 255\n[kern]\nfile = kernel\n[Ver0]\ntext = v\n",
+            image(partition(b"root", b"kernel", mtd_id=255), partition(b"kern", b"kernel"),
                   version(b"v")),
-            ["section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor size are checked",
-             "section 2 (rfs1) at offset 0x1b: writes the same partition as section 1 while set A "
-             "runs"])
+            ["section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor size are checked"])
 
     def test_paths_are_relative_to_the_manifest(self):
         self.path("parts").mkdir()
         self.path("parts/root").write_bytes(b"another")
+        self.path("parts/kernel").write_bytes(b"kernel")
         self.path("parts/manifest").write_text(SIMPLE)
-        expected = image(partition(b"root", b"another"), version(b"1.0"))
+        expected = image(partition(b"root", b"another"), partition(b"kern", b"kernel"),
+                         version(b"1.0"))
         for manifest, folder in (("parts/manifest", self.folder), ("manifest", self.path("parts")),
                                  (self.path("parts/manifest"), "/")):
             self.assertEqual(run("corvel-image", "build", manifest, self.target,
@@ -261,14 +264,15 @@ class Build(ToolTest):
         self.assertEqual(self.build(SIMPLE, link).status, 0)
         self.assertTrue(link.is_symlink())
         self.assertEqual(self.target.read_bytes(),
-                         image(partition(b"root", b"changed"), version(b"1.0")))
+                         image(partition(b"root", b"changed"), partition(b"kern", b"kernel"),
+                               version(b"1.0")))
         self.assertEqual(stat.S_IMODE(self.target.stat().st_mode), 0o604)
         self.assertEqual(other_name.read_bytes(), before)
 
     def test_no_source_is_the_target_under_any_name(self):
         self.path("directory").mkdir()
         manifest = self.write("manifest", SIMPLE)
-        for source in ("root", "manifest"):
+        for source in ("root", "kernel", "manifest"):
             before = self.path(source).read_bytes()
             symbolic, hard = self.path("symbolic"), self.path("hard")
             symbolic.symlink_to(source)
@@ -287,11 +291,26 @@ class Build(ToolTest):
         with manifest.open("rb") as file:
             self.expect(run("corvel-image", "build", "-", manifest, stdin=file, cwd=self.folder), 2,
                         errors=message.format(manifest))
-        with self.path("root").open("ab") as file:
+        with self.path("kernel").open("ab") as file:
             self.expect(run("corvel-image", "build", manifest, "-", stdout=file), 2,
                         errors=message.format("-"))
         self.assertEqual(manifest.read_text(), SIMPLE)
-        self.assertEqual(self.path("root").read_bytes(), b"root file system")
+        self.assertEqual(self.path("kernel").read_bytes(), b"kernel")
+
+    def test_two_sections_for_one_partition(self):
+        kernel = "[kern]\nfile = kernel\n"
+        for manifest, line, message in (
+                ("[root]\nfile = root\n[rfs1]\nfile = root\n" + kernel, 3,
+                 "section 2 (rfs1) at offset 0x25: writes the same partition as section 1 while "
+                 "set A runs"),
+                ("[rfs1]\nfile = root\n[root]\nfile = root\n" + kernel, 3,
+                 "section 2 (root) at offset 0x25: writes the same partition as section 1 while "
+                 "set A runs"),
+                ("[root]\nfile = root\n[knl1]\nfile = kernel\n" + kernel, 5,
+                 "section 3 (kern) at offset 0x40: writes the same partition as section 2 while "
+                 "set A runs")):
+            with self.subTest(manifest):
+                self.assert_refuses(manifest + "[Ver0]\ntext = v\n", 1, f":{line}: {message}")
 
     def test_random_images(self):
         random.seed(3)

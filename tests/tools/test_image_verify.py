@@ -29,6 +29,8 @@ class Verify(ToolTest):
         self.expect(self.verify(data), 1, errors=f"corvel-image: -: bad image: {fault}\n")
 
     def assert_warnings(self, data, *warnings):
+        """These and, after them, those about booting."""
+        warnings = [*warnings, *model.warnings_about_boot(data)]
         self.assertEqual(model.judge(data).result, ACCEPTED)
         done = self.verify(data)
         self.assertEqual(done.status, 0, done)
@@ -70,7 +72,8 @@ class Verify(ToolTest):
             "     4  0x0000058  Ver0       Ver0                     9           0     255"
             "  none      not written\n"
             "version: 2.1.0\n"
-            f"CRC: 0x{crc:08x}\n"))
+            f"CRC: 0x{crc:08x}\n"), "corvel-image: -: warning: section 1 (boot) at offset 0x0: writes "
+            "the boot loader: a device has no second one to boot from\n")
 
     def test_where_each_partition_goes(self):
         for signature, (name, stripped, _, device) in model.PARTITIONS.items():
@@ -161,7 +164,9 @@ class Verify(ToolTest):
             self.assert_fault(
                 image(section(b"root", with_checksum(b"root"), pad=pad), version()),
                 f"section 1 (root) at offset 0x0: pad: less than len, 5, is expected; found {pad}")
-        self.assert_warnings(image(section(b"root", with_checksum(b"root"), pad=4), version()))
+        self.assert_warnings(
+            image(section(b"root", with_checksum(b"root"), pad=4), version()),
+            "section 1 (root) at offset 0x0: writes nothing: its content has no bytes")
         # Sizes are numbers of 32 bits: this one comes round to 5.
         self.assert_warnings(
             image(section(b"root", with_checksum(b"root"), pad=0xffffffff), version()),
@@ -234,7 +239,7 @@ class Verify(ToolTest):
         no_crc = "the last known section is no version section: the image carries no CRC"
         self.assert_warnings(root, no_crc)
         self.assert_warnings(root + bytes(1), no_crc,
-                             "1 byte behind the last section belong to none")
+                             "1 byte after the last section belongs to none")
         self.assert_warnings(image(root, root, version()), "section 2 (root) at offset 0x19: writes"
                              " the same partition as section 1")
         self.assert_warnings(

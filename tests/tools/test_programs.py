@@ -111,7 +111,8 @@ class Output(ToolTest):
 
     def test_progress_on_a_terminal_alone(self):
         self.write("root", bytes(3_000_000))
-        manifest = self.write("manifest", "[Rootfs]\nfile = root\n[Ver0]\ntext = 1\n")
+        manifest = self.write("manifest", "[Rootfs]\nfile = root\n[kern]\nfile = env\n"
+                              "[Ver0]\ntext = 1\n")
         target = self.path("new.img")
         arguments = [programs.BUILD / "tools" / "corvel-image", "build", manifest, target]
         leader, follower = pty.openpty()
@@ -159,6 +160,14 @@ class ManualPages(unittest.TestCase):
                 self.assertIn(option, text)
             for heading in ("EXIT STATUS", "EXAMPLES", "SEE ALSO"):
                 self.assertIn(f"\n{heading}\n", text)
+
+    def test_all_warnings_are_there(self):
+        source = (SOURCE / "tools/image_inspection.cpp").read_text()
+        kinds = set(re.findall(r'warn_\w+\(\s*"([a-z-]+)"', source))
+        self.assertGreater(len(kinds), 10)
+        warnings = self.page("corvel-image").read_text().partition(".Ss Warnings")[2]
+        self.assertEqual(set(re.findall(r"^\.It Cm ([a-z-]+)$", warnings.partition(".Sh EXIT")[0],
+                                        re.M)), kinds)
 
     def test_the_examples(self):
         """The examples of each page are one session, from its first line to its last."""

@@ -1,10 +1,12 @@
 # SPDX-License-Identifier: MIT
 """Standard input and output as file arguments, and which files the programs open."""
 
+import ctypes
 import os
 import pty
 import shutil
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -28,6 +30,29 @@ READERS = [
     (["corvel-env", "set", "-", "c=3"], ENVIRONMENT),
     (["corvel-env", "delete", "-", "a"], ENVIRONMENT),
 ]
+
+
+class Inotify:
+    """Tells whether files were opened."""
+    IN_OPEN = 0x20
+    IN_NONBLOCK = 0o4000
+
+    def __init__(self):
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.descriptor = self.libc.inotify_init1(self.IN_NONBLOCK)
+        assert self.descriptor >= 0
+
+    def watch(self, path):
+        assert self.libc.inotify_add_watch(self.descriptor, os.fsencode(path), self.IN_OPEN) > 0
+
+    def opened(self):
+        try:
+            return len(os.read(self.descriptor, 65536)) // struct.calcsize("iIII")
+        except BlockingIOError:
+            return 0
+
+    def close(self):
+        os.close(self.descriptor)
 
 
 class StandardInput(ToolTest):
@@ -205,6 +230,35 @@ class StandardOutput(ToolTest):
 
 
 class OpenedFiles(ToolTest):
+    def test_no_flash_device_is_opened(self):
+        devices = [self.write(f"flash{index}", environment_model.image([b"bootparam=1"]))
+                   for index in range(9)]
+        binds = [word for index, device in enumerate(devices)
+                 for word in ("--bind", device, f"/dev/mtdblock{index}")]
+        self.write("part", b"part")
+        manifest = self.write("manifest", "".join(
+            f"[{name}]\nfile = part\n" for name in ("boot", "benv", "conf")) + "[Ver0]\ntext = 1\n")
+        sandbox = ["bwrap", "--bind", "/", "/", "--dev", "/dev", *binds]
+        tools = programs.BUILD / "tools"
+        watch = Inotify()
+        self.addCleanup(watch.close)
+        for device in devices:
+            watch.watch(device)
+        for arguments, content in (
+                (["corvel-image", "build", manifest, self.path("new.img")], b""),
+                (["corvel-image", "verify", "-"], GOOD),
+                (["corvel-image", "list", "-"], GOOD),
+                (["corvel-env", "list", "-"], ENVIRONMENT),
+                (["corvel-env", "set", "-", "bootparam=0"], ENVIRONMENT)):
+            done = subprocess.run([*sandbox, tools / arguments[0], *arguments[1:]], input=content,
+                                  capture_output=True, timeout=60)
+            self.assertEqual(done.returncode, 0, done.stderr)
+            self.assertEqual(watch.opened(), 0, arguments)
+        # The watch does see what opens a device.
+        subprocess.run([*sandbox, "head", "-c", "1", "/dev/mtdblock1"], check=True, timeout=60,
+                       stdout=subprocess.DEVNULL)
+        self.assertEqual(watch.opened(), 1)
+
     def test_an_input_that_is_a_device_is_refused(self):
         refusal = "is a device, which is read through standard input only"
         for device in ("/dev/zero", "/dev/null", "/dev/tty"):
