@@ -9,6 +9,7 @@
 #include "support/big_endian.h"
 #include "tools/image_layout.h"
 #include "tools/text_format.h"
+#include "tools/upload_check.h"
 
 namespace corvel::tools {
 namespace {
@@ -298,6 +299,7 @@ class Walk {
         for (const ImageSection &section : found_.sections)
             warn_about_same_device(section);
         warn_about_boot();
+        warn_about_upload();
     }
 
     void warn_about_image(std::string_view kind, std::string message) {
@@ -424,6 +426,39 @@ class Walk {
 
     [[nodiscard]] bool writes_nothing_of(Set set, Set running) const {
         return !writes(devices_of(set).root, running) && !writes(devices_of(set).kernel, running);
+    }
+
+    void warn_about_upload() {
+        if (image_.size() > image_size_limit - upload_framing_size)
+            warn_about_image("upload-size",
+                             format("%zu bytes leave less than %zu of the %zu of an upload for its "
+                                    "headers",
+                                    image_.size(), upload_framing_size, image_size_limit));
+        const UploadResult upload = try_upload(image_);
+        if (upload.stored == image_.size())
+            return;
+        const std::string loss =
+            format(": a device that gets the image as an upload stores its last %s only",
+                   bytes_text(upload.stored).c_str());
+        for (const MistakenHeader &header : upload.headers) {
+            const std::string message = format("\"%s\" at offset 0x%zx is taken for a header",
+                                               std::string(header.name).c_str(), header.offset);
+            const ImageSection *const section = section_at(header.offset);
+            if (section != nullptr)
+                warn_about_section("upload-header", *section, message + loss);
+            else
+                warn_about_image("upload-header", message + loss);
+        }
+        if (upload.headers.empty())
+            warn_about_image("upload-header", "the image is truncated" + loss);
+    }
+
+    /// The listed section that an offset is in, or null.
+    [[nodiscard]] const ImageSection *section_at(std::size_t offset) const {
+        for (const ImageSection &section : found_.sections)
+            if (section.offset <= offset && offset - section.offset < header_size + section.length)
+                return &section;
+        return nullptr;
     }
 
     Image image_;

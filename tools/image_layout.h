@@ -21,6 +21,9 @@ inline constexpr std::size_t most_sections = 4;
 /// What an upload to a device may hold.
 inline constexpr std::size_t image_size_limit = std::size_t{16} << 20;
 
+/// Room in that for the boundaries and the headers around a file, more than browsers need.
+inline constexpr std::size_t upload_framing_size = 1024;
+
 /// The version section says what the image is; it is written nowhere.
 constexpr bool is_version(const sign_tbl_entry &partition) {
     return partition.mtd_id == no_partition;

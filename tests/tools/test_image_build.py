@@ -13,6 +13,7 @@ from programs import ToolTest, run, with_file_size_limit
 SIMPLE = "[Rootfs]\nfile = root\n[Linux_kernel]\nfile = kernel\n[Ver0]\ntext = 1.0\n"
 SIMPLE_IMAGE = image(partition(b"root", b"root file system"), partition(b"kern", b"kernel"),
                      version(b"1.0"))
+TIGHT = "{} bytes leave less than 1024 of the 16777216 of an upload for its headers"
 
 
 class Build(ToolTest):
@@ -26,9 +27,9 @@ class Build(ToolTest):
         path = self.write("manifest", manifest)
         return run("corvel-image", "build", path, target or self.target, **options)
 
-    def assert_builds(self, manifest, expected, warnings=()):
-        """With these warnings and, after them, those about booting."""
-        warnings = [*warnings, *model.warnings_about_boot(expected)]
+    def assert_builds(self, manifest, expected, warnings=(), after=()):
+        """With these warnings, those about booting, and the ones after them."""
+        warnings = [*warnings, *model.warnings_about_boot(expected), *after]
         done = self.build(manifest)
         self.assertEqual(done.status, 0, done)
         self.assertEqual(done.errors.splitlines(), [
@@ -139,7 +140,8 @@ class Build(ToolTest):
         most = 16 * 1024 * 1024 - 20 - 1 - 1 - 20 - 4
         manifest = "[Rootfs]\nfile = byte\npadding = {}\n[Ver0]\ntext =\n"
         self.assert_builds(manifest.format(most),
-                           image(partition(b"root", b"1", pad=most), version(b"")))
+                           image(partition(b"root", b"1", pad=most), version(b"")),
+                           after=[TIGHT.format(2**24)])
         refusal = "makes the image larger than the 16777216 bytes of an upload"
         self.assert_refuses(manifest.format(most + 1), 1, f":4: Ver0: {refusal}")
         for padding in (most + 25, 2**32 - 1):

@@ -1,11 +1,14 @@
 # SPDX-License-Identifier: MIT
 """What a device accepts and does not survive: warnings, and errors with --strict."""
 
+import random
+import subprocess
 import unittest
 
 import image_model as model
-from image_model import image, partition, version
-from programs import ToolTest, run
+import programs
+from image_model import image, partition, section, version
+from programs import SOURCE, ToolTest, run
 
 ROOT, KERNEL = partition(b"root", b"root"), partition(b"kern", b"kern")
 ROOT_B, KERNEL_B = partition(b"rfs1", b"root"), partition(b"knl1", b"kern")
@@ -106,6 +109,134 @@ class Boot(WarningTest):
         # A CRC at the end of another range does not end an image.
         done = run("corvel-image", "verify", "-", input=good[:-1] + b"x" + bytes(9))
         self.assertNotIn("a whole image", done.errors)
+
+
+class Upload(WarningTest):
+    """The expected values come from the upload intake itself, in a program of its own."""
+
+    SOURCE = r"""
+#include <corvel.h>
+#include <stdio.h>
+#include <string.h>
+int main(void)
+{
+    static char upload[40 << 20];
+    static prop_file files[4];
+    const char *head = "--limit\n--limit\r\nContent-Disposition: form-data; name=\"f\"; "
+                       "filename=\"f\"\r\nContent-Type: application/octet-stream\r\n\r\n";
+    size_t length = strlen(head);
+    memcpy(upload, head, length);
+    length += fread(upload + length, 1, sizeof upload / 2, stdin);
+    memcpy(upload + length, "\r\n--limit--\r\n", 13);
+    int count = process_file(upload, (int)(length + 13), "--limit", files);
+    if (count != 1)
+        return 1;
+    fwrite(files[0].data, 1, files[0].size, stdout);
+    return 0;
+}
+"""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.program = programs.BUILD / "upload"
+        source = programs.BUILD / "upload.c"
+        source.write_text(cls.SOURCE)
+        subprocess.run(["g++", "-x", "c++", "-I", SOURCE / "include", source, "-x", "none",
+                        programs.BUILD / "libcorvel.a", "-lcrypt", "-o", cls.program], check=True)
+
+    def stored(self, data):
+        return subprocess.run([self.program], input=data, stdout=subprocess.PIPE, check=True,
+                              timeout=60).stdout
+
+    def assert_arrives(self, kernel):
+        data = image(ROOT, partition(b"kern", kernel), version())
+        self.assertEqual(self.stored(data), data)
+        self.assert_warns(data)
+
+    def assert_loses_its_beginning(self, kernel, *headers):
+        """`headers`: the mistaken ones, each with its place in the kernel."""
+        data = image(ROOT, partition(b"kern", kernel), version())
+        stored = self.stored(data)
+        self.assertLess(len(stored), len(data))
+        self.assertTrue(data.endswith(stored))
+        size = "1 byte" if len(stored) == 1 else f"{len(stored)} bytes"
+        self.assert_warns(data, *(
+            f'section 2 (kern) at offset 0x19: "{name}:" at offset '
+            f"0x{len(ROOT) + 20 + place:x} is taken for a header: a device that gets the image as "
+            f"an upload stores its last {size} only" for name, place in headers))
+
+    def test_a_payload_that_looks_like_a_header(self):
+        for name in ("Content-Type", "Content-Transfer-Encoding"):
+            for before in (b"", b"x", b"\r\n", bytes(1000)):
+                for after in (b"", b"\n", b" text\r\nmore", b"\0" * 300 + b"\rmore"):
+                    with self.subTest(name=name, before=len(before), after=len(after)):
+                        self.assert_loses_its_beginning(before + name.encode() + b":" + after,
+                                                        (name, len(before)))
+
+    def test_both_headers(self):
+        both = b"Content-Type: a\nContent-Transfer-Encoding: b\n"
+        self.assert_loses_its_beginning(both, ("Content-Type", 0),
+                                        ("Content-Transfer-Encoding", 16))
+        # After the type's line an earlier encoding does not count, nor one in that line.
+        self.assert_loses_its_beginning(
+            b"Content-Transfer-Encoding: b\nContent-Type: a\n", ("Content-Type", 29))
+        self.assert_loses_its_beginning(
+            b"Content-Type: Content-Transfer-Encoding: b\n", ("Content-Type", 0))
+
+    def test_what_only_resembles_a_header(self):
+        for kernel in (b"content-type: x\n", b"CONTENT-TYPE: x\n", b"Content-Type : x\n",
+                       b"Content-Type", b"Content-Type=x\n", b"Content-Typ", b"Content-T",
+                       b"Content-Length: 3\n", b"filename=x\n", b"boundary=x\n",
+                       b"Content-transfer-encoding: x\n", b"Content-Transfer-Encodin\n"):
+            with self.subTest(kernel):
+                self.assert_arrives(kernel)
+
+    def test_the_first_place_of_a_name_decides(self):
+        self.assert_arrives(b"Content-Type, Content-Type: x\n")
+        self.assert_arrives(b"Content-Transfer-Encoding\nContent-Transfer-Encoding: x\n")
+        self.assert_loses_its_beginning(b"Content-Type, Content-Transfer-Encoding: x\n",
+                                        ("Content-Transfer-Encoding", 14))
+
+    def test_a_header_in_a_version_and_in_a_skipped_section(self):
+        data = image(ROOT, KERNEL, version(b"Content-Type: x"))
+        self.assertEqual(self.stored(data), b"")
+        self.assert_warns(data, (
+            'section 3 (Ver0) at offset 0x32: "Content-Type:" at offset 0x46 is taken for a '
+            "header: a device that gets the image as an upload stores its last 0 bytes only"))
+        skipped = section(b"what", b"Content-Type:\n", mtd_id=0)
+        data = image(*[section(b"what", b"x", mtd_id=0)] * 5, skipped, ROOT, KERNEL, version())
+        self.assert_warns(
+            data, "6 sections with an unknown signature are skipped",
+            '"Content-Type:" at offset 0x7d is taken for a header: a device that gets the image '
+            f"as an upload stores its last {len(self.stored(data))} bytes only")
+
+    def test_random_payloads(self):
+        random.seed(7)
+        words = (b"Content-Type", b"Content-Transfer-Encoding", b":", b":", b"\r\n", b"\n", b"x",
+                 b"=", b"Content-T", b"\0")
+        arrived = 0
+        for _ in range(200):
+            kernel = b"".join(random.choices(words, k=random.randrange(1, 9)))
+            data = image(ROOT, partition(b"kern", kernel), version())
+            stored = self.stored(data)
+            done = run("corvel-image", "verify", "--strict", "-", input=data)
+            arrived += stored == data
+            self.assertEqual(done.status, 0 if stored == data else 3, kernel)
+            if stored != data:
+                self.assertIn(f" its last {len(stored)} byte", done.errors)
+        self.assertTrue(20 < arrived < 180, arrived)
+
+    def test_an_image_that_leaves_no_room_for_the_headers(self):
+        room = 2**24 - 1024 - len(image(ROOT, KERNEL, partition(b"log0", b""), version()))
+        log = section(b"log0", bytes(room + 1), mtd_id=9, pad=room)
+        data = image(ROOT, KERNEL, log, version())
+        self.assertEqual(len(data), 2**24 - 1024)
+        empty = "section 3 (log0) at offset 0x32: writes nothing: its content has no bytes"
+        self.assert_warns(data, empty)
+        log = section(b"log0", bytes(room + 2), mtd_id=9, pad=room + 1)
+        self.assert_warns(image(ROOT, KERNEL, log, version()), empty,
+                          "16776193 bytes leave less than 1024 of the 16777216 of an upload for "
+                          "its headers")
 
 
 class Strict(ToolTest):
