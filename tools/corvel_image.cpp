@@ -9,6 +9,7 @@
 #include "tools/image_builder.h"
 #include "tools/image_inspection.h"
 #include "tools/image_layout.h"
+#include "tools/json.h"
 #include "tools/manifest.h"
 #include "tools/text_format.h"
 
@@ -16,8 +17,8 @@ namespace corvel::tools {
 namespace {
 
 constexpr const char *help = R"(usage: corvel-image build [--strict] MANIFEST IMAGE
-       corvel-image list IMAGE
-       corvel-image verify [--strict] IMAGE
+       corvel-image list [--json] IMAGE
+       corvel-image verify [--json] [--strict] IMAGE
 
   build    make an upgrade image: sections, payload checksums, final CRC
   list     show the sections of an image and where a device writes them
@@ -26,6 +27,7 @@ constexpr const char *help = R"(usage: corvel-image build [--strict] MANIFEST IM
 Each argument is a file; "-" is standard input or, for the image that build
 makes, standard output.
 
+  -j, --json       list, verify: print a JSON object
   -s, --strict     build, verify: each warning is an error
   -h, --help       print this text
   -V, --version    print the version
@@ -165,26 +167,89 @@ void print_list(const Inspection &found) {
         std::printf("%s after the image\n", bytes_text(found.bytes_after_image).c_str());
 }
 
+std::string json_of(const ImageSection &section) {
+    json::Object object;
+    object.add("number", json::number(section.number))
+        .add("offset", json::number(section.offset))
+        .add("signature", json::string(section.signature))
+        .add("partition",
+             section.partition != nullptr ? json::string(section.partition->name) : json::null)
+        .add("burn_address", json::number(section.burn_address))
+        .add("mtd_id", json::number(section.mtd_id))
+        .add("pad", json::number(section.padding))
+        .add("len", json::number(section.length))
+        .add("checksum", json::string(text_of(section.checksum)));
+    if (!section.target)
+        return object.add("target", json::null).text();
+    json::Object target;
+    target.add("size", json::number(section.target->size))
+        .add("mtdblock_while_a_runs", json::number(section.target->device_while_a_runs))
+        .add("mtdblock_while_b_runs", json::number(section.target->device_while_b_runs));
+    return object.add("target", target.text()).text();
+}
+
+std::string json_of(const Warning &warning) {
+    return json::Object()
+        .add("kind", json::string(warning.kind))
+        .add("section", warning.section != 0 ? json::number(warning.section) : json::null)
+        .add("message", json::string(warning.message))
+        .text();
+}
+
+/// An array of what json_of() makes of each.
+template <typename Value> std::string json_of(const std::vector<Value> &values) {
+    std::vector<std::string> texts;
+    texts.reserve(values.size());
+    for (const Value &value : values)
+        texts.push_back(json_of(value));
+    return json::array(texts);
+}
+
+/// What list and verify have in common.
+json::Object json_of(const std::string &path, std::size_t size, const Inspection &found) {
+    json::Object object;
+    object.add("file", json::string(path))
+        .add("size", json::number(size))
+        .add("accepted", json::boolean(found.fault.empty()))
+        .add("fault", found.fault.empty() ? json::null : json::string(found.fault))
+        .add("warnings", json_of(found.warnings))
+        .add("version", found.version ? json::string(*found.version) : json::null)
+        .add("crc", found.crc ? json::number(*found.crc) : json::null)
+        .add("bytes_after_image", json::number(found.bytes_after_image));
+    return object;
+}
+
 ExitStatus list(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
-    const Inspection found = inspect_image(read_image(path));
-    print_list(found);
+    const Bytes image = read_image(path);
+    const Inspection found = inspect_image(image);
+    if (arguments.has(Option::json))
+        std::puts(json_of(path, image.size(), found)
+                      .add("sections", json_of(found.sections))
+                      .add("unlisted_sections", json::number(found.unlisted))
+                      .text()
+                      .c_str());
+    else
+        print_list(found);
     return verdict(arguments, path, found);
 }
 
 ExitStatus verify(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
-    const Inspection found = inspect_image(read_image(path));
+    const Bytes image = read_image(path);
+    const Inspection found = inspect_image(image);
     const ExitStatus status = verdict(arguments, path, found);
-    if (status == success)
+    if (arguments.has(Option::json))
+        std::puts(json_of(path, image.size(), found).text().c_str());
+    else if (status == success)
         std::printf("%s: good: %s\n", printable(path).c_str(), summary_of(found).c_str());
     return status;
 }
 
 constexpr Command commands[] = {
     {"build", 2, 2, "s", build},
-    {"list", 1, 1, "", list},
-    {"verify", 1, 1, "s", verify},
+    {"list", 1, 1, "j", list},
+    {"verify", 1, 1, "js", verify},
 };
 
 } // namespace

@@ -166,7 +166,7 @@ class ManualPages(unittest.TestCase):
         kinds = set(re.findall(r'warn_\w+\(\s*"([a-z-]+)"', source))
         self.assertGreater(len(kinds), 10)
         warnings = self.page("corvel-image").read_text().partition(".Ss Warnings")[2]
-        self.assertEqual(set(re.findall(r"^\.It Cm ([a-z-]+)$", warnings.partition(".Sh EXIT")[0],
+        self.assertEqual(set(re.findall(r"^\.It Cm ([a-z-]+)$", warnings.partition(".Ss JSON")[0],
                                         re.M)), kinds)
 
     def test_the_examples(self):

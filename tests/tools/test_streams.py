@@ -246,7 +246,7 @@ class OpenedFiles(ToolTest):
             watch.watch(device)
         for arguments, content in (
                 (["corvel-image", "build", manifest, self.path("new.img")], b""),
-                (["corvel-image", "verify", "-"], GOOD),
+                (["corvel-image", "verify", "--json", "-"], GOOD),
                 (["corvel-image", "list", "-"], GOOD),
                 (["corvel-env", "list", "-"], ENVIRONMENT),
                 (["corvel-env", "set", "-", "bootparam=0"], ENVIRONMENT)):
