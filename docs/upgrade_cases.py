@@ -1,0 +1,236 @@
+# SPDX-License-Identifier: MIT
+"""Runs the guide's upgrade program on devices of plain files, in a root directory of their own.
+
+After each run a model of the boot loader starts the device: it reads `bootparam` from an environment
+whose CRC is good and starts set A otherwise. The root file system and the kernel that it finds must
+be of one version. The program is also killed at each of its system calls that open or write a file.
+Then a whole set must boot as well, unless none did before and no set has been touched.
+"""
+import os
+import shutil
+import struct
+import subprocess
+import zlib
+
+UPGRADED, REFUSED, NOT_WRITTEN = range(3)
+WORDS = ("upgraded", "refused", "not written")
+COMPILE = ("cc -O2 -static upgrade.c -o upgrade.static "
+           "$(pkg-config --cflags --libs-only-L corvel) -l:libcorvel.a -lcrypt")
+ROOT_SIZE, KERNEL_SIZE, PAGE = 0x650000, 0x100000, 4096
+
+
+# --- Environments and images --------------------------------------------------------------------
+
+def environment(*variables, good_crc=True):
+    data = b"".join(each + b"\0" for each in variables) + b"\0"
+    data = data.ljust(65532, b"\0")
+    return struct.pack(">I", zlib.crc32(data) ^ (0 if good_crc else 1)) + data
+
+
+def section(signature, data, unchecked=False):
+    payload = data + bytes([-sum(data) & 255])
+    return signature + struct.pack(">IIII", 0, 255 if unchecked else 2, 0, len(payload)) + payload
+
+
+def image(*sections):
+    data = b"".join(sections) + b"Ver0" + struct.pack(">IIII", 0, 255, 0, 8) + b"2.0\0"
+    return data + struct.pack(">I", zlib.crc32(data))
+
+
+ROOT, KERNEL = section(b"root", b"root new"), section(b"kern", b"kern new")
+ROOT_B, KERNEL_B = section(b"rfs1", b"root new"), section(b"knl1", b"kern new")
+NEW = image(ROOT, KERNEL)
+A_BOOTS, B_BOOTS = environment(b"bootparam=0"), environment(b"bootparam=1")
+DAMAGED_A = environment(b"bootparam=0", good_crc=False)
+DAMAGED_B = environment(b"bootparam=1", good_crc=False)
+WITHOUT = environment(b"bootdelay=1")
+
+
+def line(partition, rest=""):
+    return f"console=ttyS0 root=31:{partition} rootfstype=squashfs{rest}\n"
+
+
+# --- A device -----------------------------------------------------------------------------------
+
+class Device:
+    """A flash whose running set holds the version "old"; the other set is erased."""
+
+    def __init__(self, folder, running, environment_image, command_line):
+        self.root = folder / "device"
+        shutil.rmtree(self.root, ignore_errors=True)
+        (self.root / "dev").mkdir(parents=True)
+        (self.root / "proc").mkdir()
+        shutil.copy(folder / "upgrade.static", self.root / "upgrade")
+        (self.root / "dev/null").touch()
+        for number in range(9):
+            self.partition(number).write_bytes(b"\xff" * PAGE)
+        self.partition(1).write_bytes(environment_image)
+        self.write(2 + 2 * running, b"root old")
+        self.write(3 + 2 * running, b"kern old")
+        if command_line is not None:
+            (self.root / "proc/cmdline").write_text(command_line)
+        self.before = self.contents()
+
+    def partition(self, number):
+        return self.root / f"dev/mtdblock{number}"
+
+    def write(self, number, data):
+        self.partition(number).write_bytes(data.ljust(PAGE, b"\xff"))
+
+    def contents(self):
+        return [self.partition(number).read_bytes() for number in range(9)]
+
+    def upgrade(self, image_bytes, wrapper=()):
+        """Runs the program; gives back its status."""
+        root = ["chroot"] if os.geteuid() == 0 else ["unshare", "--map-root-user", "chroot"]
+        done = subprocess.run([*wrapper, *root, self.root, "/upgrade"], input=image_bytes,
+                              capture_output=True, timeout=60)
+        assert not done.stdout, done.stdout
+        return done.returncode
+
+    def booted(self):
+        """The set and the version that boot; the version is None if there is no whole set."""
+        stored = self.partition(1).read_bytes()
+        number = 0
+        if len(stored) == 65536 and struct.unpack(">I", stored[:4])[0] == zlib.crc32(stored[4:]):
+            for entry in stored[4:].split(b"\0\0")[0].split(b"\0"):
+                if entry.startswith(b"bootparam="):
+                    number = int(entry[10:]) % 2
+                    break
+        root, kernel = (self.partition(2 + 2 * number + half).read_bytes()[:8] for half in (0, 1))
+        for version in (b"old", b"new"):
+            if (root, kernel) == (b"root " + version, b"kern " + version):
+                return "AB"[number], version.decode()
+        return "AB"[number], None
+
+
+# --- The cases ----------------------------------------------------------------------------------
+
+A, B = 0, 1
+STARTS_NEW_A, STARTS_NEW_B = ("A", "new"), ("B", "new")
+
+# What runs, the environment, the image, the command line, the outcome and what boots after it. The
+# flash stays as it was where the upgrade is refused.
+CASES = {
+    "a good environment": (A, A_BOOTS, NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "an environment with a bad CRC": (A, DAMAGED_A, NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "an environment without bootparam": (A, WITHOUT, NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "a negative bootparam": (A, environment(b"bootparam=-1"), NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "B runs, an image for set B": (B, B_BOOTS, image(ROOT_B, KERNEL_B), line(4), REFUSED, None),
+    "A runs, an image of rfs1 and kern": (A, A_BOOTS, image(ROOT_B, KERNEL), line(2), UPGRADED,
+                                          STARTS_NEW_B),
+    "B runs, an image of rfs1 and kern": (B, B_BOOTS, image(ROOT_B, KERNEL), line(4), REFUSED,
+                                          None),
+    "a root alone": (A, A_BOOTS, image(ROOT), line(2), REFUSED, None),
+    "a log alone": (A, A_BOOTS, image(section(b"log0", b"log")), line(2), REFUSED, None),
+    "an image with a boot environment": (A, A_BOOTS, image(section(b"benv", B_BOOTS), ROOT, KERNEL),
+                                         line(2), REFUSED, None),
+
+    "B runs": (B, B_BOOTS, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "B runs, a bad CRC": (B, DAMAGED_B, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "B runs, no bootparam": (B, WITHOUT, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "the device's name": (B, B_BOOTS, NEW, "ro root=/dev/mtdblock4\n", UPGRADED, STARTS_NEW_A),
+    "the last of two roots": (B, B_BOOTS, NEW, line(2, " root=31:4"), UPGRADED, STARTS_NEW_A),
+    "a root in a quoted value": (B, B_BOOTS, NEW, line(4, ' x="y root=31:2 z"'), UPGRADED,
+                                 STARTS_NEW_A),
+    "a root for the first program": (B, B_BOOTS, NEW, line(4, " -- root=31:2"), UPGRADED,
+                                     STARTS_NEW_A),
+    "a long command line": (B, DAMAGED_B, NEW, "x" * 4000 + " " + line(4), UPGRADED, STARTS_NEW_A),
+    "no command line": (B, B_BOOTS, NEW, None, UPGRADED, STARTS_NEW_A),
+    "another root": (B, B_BOOTS, NEW, "root=/dev/nfs\n", UPGRADED, STARTS_NEW_A),
+    "neither a command line nor bootparam": (A, WITHOUT, NEW, "quiet\n", REFUSED, None),
+    "a command line that disagrees": (A, B_BOOTS, NEW, line(2), REFUSED, None),
+    "an erased environment": (A, b"\xff" * 65536, NEW, line(2), REFUSED, None),
+    "a short environment": (A, A_BOOTS[:65535], NEW, line(2), REFUSED, None),
+    "an environment of noise": (A, b"noise" + bytes(65531), NEW, line(2), REFUSED, None),
+    "no variables and a bad CRC": (A, environment(good_crc=False), NEW, line(2), REFUSED, None),
+    "a kernel alone": (A, A_BOOTS, image(KERNEL), line(2), REFUSED, None),
+    "a version alone": (A, A_BOOTS, image(), line(2), REFUSED, None),
+    "no version": (A, A_BOOTS, ROOT + KERNEL, line(2), REFUSED, None),
+    "a root twice": (A, A_BOOTS, image(ROOT, ROOT), line(2), REFUSED, None),
+    "both roots": (A, A_BOOTS, image(ROOT, ROOT_B), line(2), REFUSED, None),
+    "an empty kernel": (A, A_BOOTS, image(ROOT, section(b"kern", b"")), line(2), REFUSED, None),
+    "an unchecked root that is too large": (
+        A, A_BOOTS, image(section(b"root", bytes(ROOT_SIZE + 1), True), KERNEL), line(2), REFUSED,
+        None),
+    "an unchecked kernel that is too large": (
+        A, A_BOOTS, image(ROOT, section(b"kern", bytes(KERNEL_SIZE + 1), True)), line(2), REFUSED,
+        None),
+    "a boot loader": (A, A_BOOTS, image(section(b"boot", b"boot"), ROOT, KERNEL), line(2), REFUSED,
+                      None),
+    "a damaged image": (A, A_BOOTS, NEW[:-1] + b"?", line(2), REFUSED, None),
+    "an image cut off": (A, A_BOOTS, NEW[:50], line(2), REFUSED, None),
+    "no image": (A, A_BOOTS, b"", line(2), REFUSED, None),
+}
+
+
+def fault_of(folder, case):
+    running, environment_image, image_bytes, command_line, outcome, boots = case
+    device = Device(folder, running, environment_image, command_line)
+    expected = boots or device.booted()
+    status = device.upgrade(image_bytes)
+    if status != outcome:
+        return f"status {status}, not {WORDS[outcome]}"
+    if outcome == REFUSED and device.contents() != device.before:
+        return "the flash has changed"
+    if device.booted() != expected:
+        return f"set {device.booted()[0]} boots, version {device.booted()[1]}"
+    return None
+
+
+def fault_of_full_flash(folder):
+    """A partition that cannot be written: the set that runs still boots."""
+    device = Device(folder, A, A_BOOTS, line(2))
+    device.partition(5).unlink()
+    device.partition(5).symlink_to("/dev/missing")
+    status = device.upgrade(NEW)
+    return None if (status, device.booted()) == (NOT_WRITTEN, ("A", "old")) else f"status {status}"
+
+
+def fault_of_second(folder):
+    """A second upgrade before the restart would be written over the set that runs."""
+    device = Device(folder, A, A_BOOTS, line(2))
+    statuses = device.upgrade(NEW), device.upgrade(NEW)
+    return None if statuses == (UPGRADED, REFUSED) and device.booted() == STARTS_NEW_B else (
+        f"statuses {statuses}")
+
+
+def fault_of_two_at_once(folder):
+    """Another upgrade holds the lock."""
+    device = Device(folder, A, A_BOOTS, line(2))
+    status = device.upgrade(NEW, ["flock", device.partition(1)])
+    return None if status == REFUSED and device.contents() == device.before else f"status {status}"
+
+
+def fault_of_kills(folder, running, environment_image, call):
+    """Kills the program at each call of one kind; gives back what is wrong with the flash then."""
+    for number in range(1, 1000):
+        device = Device(folder, running, environment_image, line(2 + 2 * running))
+        booted_before = device.booted()[1] is not None
+        status = device.upgrade(NEW, ["strace", "-f", "-qq", "-o", os.devnull, "-e",
+                                      f"inject={call}:signal=KILL:when={number}"])
+        touched = device.contents()[2:6] != device.before[2:6]
+        if device.booted()[1] is None and (booted_before or touched):
+            return f"killed at {call} {number}: set {device.booted()[0]} is not whole"
+        if status == UPGRADED:
+            return None if number > 2 else f"only {number - 1} calls of {call}"
+    return f"no end of {call}"
+
+
+def check(tally, folder, variables):
+    done = subprocess.run(["bash", "-c", COMPILE], cwd=folder, env=variables,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    tally.add("upgrade: compilation", done.stdout if done.returncode else None)
+    if done.returncode:
+        return
+    for name, case in CASES.items():
+        tally.add(f"upgrade: {name}", fault_of(folder, case))
+    tally.add("upgrade: a partition that cannot be written", fault_of_full_flash(folder))
+    tally.add("upgrade: a second one before the restart", fault_of_second(folder))
+    tally.add("upgrade: two at once", fault_of_two_at_once(folder))
+    for name, running, environment_image in (
+            ("A runs", A, A_BOOTS), ("B runs", B, B_BOOTS), ("A runs, a bad CRC", A, DAMAGED_A),
+            ("B runs, a bad CRC", B, DAMAGED_B), ("B runs, no bootparam", B, WITHOUT)):
+        for call in ("openat", "write"):
+            tally.add(f"upgrade: killed at each {call}, {name}",
+                      fault_of_kills(folder, running, environment_image, call))
