@@ -68,36 +68,92 @@ int open_partition(unsigned int number) {
     return open(path, O_RDONLY | O_CLOEXEC);
 }
 
-/* The root device's number in the kernel's command line: "root=31:2" is set A. */
-static int read_running_set(void) {
-    char line[value_size] = "";
-    FILE *file = fopen(COMMAND_LINE, "r");
-    if (file) {
-        if (!fgets(line, sizeof line, file))
-            *line = '\0';
-        fclose(file);
+/* The set with this root device; -1 if neither has it. */
+static int find_set(const char *device) {
+    for (int set = set_a; set <= set_b; set++) {
+        char number[32];
+        char path[32];
+        snprintf(number, sizeof number, "31:%u", set_partition(set, 0));
+        snprintf(path, sizeof path, "/dev/mtdblock%u", set_partition(set, 0));
+        if (STRCMP(device, number) == 0 || STRCMP(device, path) == 0)
+            return set;
     }
-    char *root = parse_bootargs_get_val(line, "root=");
-    const char *colon = root ? strchr(root, ':') : NULL;
-    const int set =
-        colon && strtoul(colon + 1, NULL, 10) == set_partition(set_b, 0) ? set_b : set_a;
-    free(root);
+    return -1;
+}
+
+/* Ends each word of a command line by a NUL. A space between double quotes ends none. */
+static void split_words(char *line, size_t size) {
+    int quoted = 0;
+    for (size_t i = 0; i < size; i++) {
+        quoted ^= line[i] == '"';
+        if (!quoted && (line[i] == ' ' || line[i] == '\n'))
+            line[i] = '\0';
+    }
+}
+
+/* The root device in the kernel's command line, however long that is; -1 if it is of no set. The
+ * last "root=" counts, as for the kernel, and none after "--". */
+static int read_running_set(void) {
+    static char line[65536];
+    const ssize_t size = open_read_close(COMMAND_LINE, line, sizeof line);
+    int set = -1;
+    if (size <= 0 || (size_t)size == sizeof line)
+        return -1;
+    line[size] = '\0';
+    split_words(line, (size_t)size);
+    for (const char *word = line; word < line + size && STRCMP(word, "--") != 0;
+         word += strlen(word) + 1)
+        if (strncmp(word, "root=", 5) == 0)
+            set = find_set(word + 5);
     return set;
 }
 
-/* get_bootparam() doesn't tell an unreadable environment from set B: both give 0. */
+/* get_bootparam() returns 0 both for set B and for an environment that can't be read. */
 static int read_next_set(void) {
     const int output = mute_output();
-    const int readable = init_env(ENVIRONMENT_DEVICE) == 0 && get_env("bootparam");
-    if (readable)
-        get_bootparam();
+    const char *stored = init_env(ENVIRONMENT_DEVICE) == 0 ? get_env("bootparam") : NULL;
     unmute_output(output);
-    return readable ? bootparam : -1;
+    return stored ? (int)(strtol(stored, NULL, 10) % 2) : -1;
 }
 
 boot_state read_boot_state(void) {
-    const boot_state state = {read_running_set(), read_next_set()};
+    const int running = read_running_set();
+    const int next = read_next_set();
+    const boot_state state = {running >= 0 ? running : next, next};
     return state;
+}
+
+/* Whether env_image_mem is a list of variables. */
+static int is_variable_list(void) {
+    const unsigned char *entry = env_image_mem + 4;
+    const unsigned char *end = env_image_mem + sizeof env_image_mem;
+    if (!*entry)
+        return 0;
+    while (entry < end && *entry) {
+        const unsigned char *nul = memchr(entry, '\0', (size_t)(end - entry));
+        if (!nul || !memchr(entry, '=', (size_t)(nul - entry)))
+            return 0;
+        entry = nul + 1;
+    }
+    return entry < end;
+}
+
+/* Whether a variable may be stored. The boot loader ignores an environment with a bad CRC, and a
+ * save makes all of it count again: it must at least be a list of variables. */
+static int is_environment_usable(void) {
+    const int output = mute_output();
+    const int result = init_env(ENVIRONMENT_DEVICE);
+    unmute_output(output);
+    return result == 0 || (result > 0 && is_variable_list());
+}
+
+int make_boot(int set) {
+    if (!is_environment_usable())
+        return 0;
+    const int output = mute_output();
+    save_param(ENVIRONMENT_DEVICE, "bootparam", set == set_a ? "0" : "1");
+    unmute_output(output);
+    return read_next_set() == set;
 }
 
 void read_version(int set, char version[version_size]) {
@@ -192,11 +248,33 @@ static void check_upgrade(image_report *report, boot_state boot) {
         complain(report, "The image has not both a root file system and a kernel.");
 }
 
+/* parse_firmware() takes set B for the running one if the boot environment can't be read. */
+static void direct_to_set(image_report *report, int set) {
+    for (int i = 0; i < report->count; i++) {
+        img_info *section = &report->sections[i];
+        for (unsigned int which = 0; which < 2; which++)
+            if (section->base_mtd_id == set_partition(set_a, which))
+                section->mtd_ids = set_partition(set, which);
+        snprintf(section->mtdev, sizeof section->mtdev, "/dev/mtdblock%u", section->mtd_ids);
+    }
+}
+
+static const char *device_complaint(boot_state boot) {
+    if (boot.running < 0)
+        return "Neither the kernel's command line nor the boot environment names the running set.";
+    if (!is_environment_usable())
+        return "The boot environment can't be read: no set could be made to boot.";
+    return boot.next >= 0 && boot.next != boot.running
+               ? "The last upgrade has to be started before another one is made."
+               : NULL;
+}
+
 void check_image(const unsigned char *image, size_t size, image_report *report) {
     memset(report, 0, sizeof *report);
     const boot_state boot = read_boot_state();
-    if (boot.next < 0) {
-        complain(report, "The boot environment can't be read: nothing says which set boots.");
+    const char *complaint = device_complaint(boot);
+    if (complaint) {
+        complain(report, complaint);
         return;
     }
     const int output = mute_output();
@@ -205,6 +283,7 @@ void check_image(const unsigned char *image, size_t size, image_report *report) 
     unmute_output(output);
     while (report->count < record_count && *report->sections[report->count].name)
         report->count++;
+    direct_to_set(report, boot.running == set_a ? set_b : set_a);
     if (report->result == 0)
         check_upgrade(report, boot);
     else

@@ -38,13 +38,21 @@ static inline unsigned int set_partition(int set, unsigned int which) {
     return (set == set_a ? 2U : 4U) + which;
 }
 
+/** A set's letter; empty for -1, an unknown set. */
+static inline const char *set_letter(int set) {
+    return set == set_a ? "A" : set == set_b ? "B" : "";
+}
+
 /** Which set runs and which one boots next. */
 typedef struct boot_state {
-    int running;
-    int next; /**< -1 if the boot environment can't be read. */
+    int running; /**< The set in the kernel's command line; `next` if it names none. */
+    int next;    /**< -1 if the boot environment can't be read or names no set. */
 } boot_state;
 
 boot_state read_boot_state(void);
+
+/** Stores which set boots and reads it back. @return whether the set will boot. */
+int make_boot(int set);
 
 /** Reads a set's version: the line that its root file system begins with; empty if there is none.
  */
@@ -64,9 +72,8 @@ typedef struct image_report {
 
 /**
  * Checks an image: first as parse_firmware() does, then whether an upgrade with it is safe. It has
- * to bring both halves of the set that does not run, nothing for the one that does, and a CRC.
- *
- * get_bootparam() has been called then, as save_bootparam() wants it.
+ * to bring both halves of the set that does not run, nothing for the one that does, and a CRC. The
+ * records are directed to the set that does not run, also if the boot environment can't be read.
  */
 void check_image(const unsigned char *image, size_t size, image_report *report);
 

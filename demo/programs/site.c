@@ -449,15 +449,17 @@ char *format_duration(long seconds, char text[duration_size]) {
 
 int mute_output(void) {
     fflush(stdout);
-    const int output = dup(STDOUT_FILENO);
+    const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(nowhere, STDOUT_FILENO);
+    if (output < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0)
+        exit(EXIT_FAILURE); /* what is to be muted may be a stranger's bytes */
     close(nowhere);
     return output;
 }
 
 void unmute_output(int output) {
     fflush(stdout);
-    dup2(output, STDOUT_FILENO);
+    if (dup2(output, STDOUT_FILENO) < 0)
+        exit(EXIT_FAILURE);
     close(output);
 }

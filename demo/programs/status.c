@@ -54,7 +54,7 @@ static str_node *system_fields(add_field *add) {
     add(&fields, "dnsmasq", app_isrun("dnsmasq") ? "running" : "stopped");
     add(&fields, "gateway", or_nothing(gateway, "0.0.0.0"));
     add(&fields, "dns", dns);
-    add(&fields, "bootset", read_boot_state().running == set_a ? "A" : "B");
+    add(&fields, "bootset", set_letter(read_boot_state().running));
     add(&fields, "uptime", format_duration(monotonic_time(), uptime));
     return fields;
 }

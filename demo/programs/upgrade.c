@@ -82,13 +82,6 @@ static const char *verify_section(const img_info *section) {
     return done < section->len ? "The flash does not hold what was written." : NULL;
 }
 
-/* save_bootparam() does not tell whether the device could be written: it is read again. */
-static const char *flip(int running) {
-    save_bootparam();
-    const boot_state boot = read_boot_state();
-    return boot.next >= 0 && boot.next != running ? NULL : "The boot set could not be changed.";
-}
-
 /* The partitions of a set there are twice: those of the set that does not run are written first. */
 static int is_of_a_set(const img_info *section) {
     return section->mtd_ids >= set_partition(set_a, 0) &&
@@ -96,8 +89,11 @@ static int is_of_a_set(const img_info *section) {
 }
 
 static const char *write_all(const image_report *report, upgrade_record *record) {
-    const int running = bootparam;
+    const boot_state boot = read_boot_state();
     const char *failure = NULL;
+    /* Until all is written the set that runs has to boot, also after a loss of power. */
+    if (boot.next < 0 && !make_boot(boot.running))
+        return "The boot environment could not be written.";
     for (int i = 0; i < 2 * report->count && !failure; i++) {
         const img_info *section = &report->sections[i % report->count];
         if (!is_written(section) || is_of_a_set(section) != (i < report->count))
@@ -106,7 +102,10 @@ static const char *write_all(const image_report *report, upgrade_record *record)
         if (!failure)
             failure = verify_section(section);
     }
-    return failure ? failure : flip(running);
+    if (failure)
+        return failure;
+    return make_boot(boot.running == set_a ? set_b : set_a) ? NULL
+                                                            : "The boot set could not be changed.";
 }
 
 static uint32_t bytes_to_write(const image_report *report) {
@@ -164,7 +163,7 @@ static int percent(const upgrade_record *record) {
 }
 
 static void add_set_name(str_node **fields, const char *name, int set) {
-    add_str(fields, name, set == set_a ? "A" : "B");
+    add_str(fields, name, set_letter(set));
 }
 
 static void show_choice(const upgrade_record *record) {
@@ -286,7 +285,7 @@ static void show_json(void) {
     add_number(&fields, "WRITTEN", record.written);
     add_number(&fields, "TOTAL", record.total);
     add_set_name(&fields, "RUNNING", boot.running);
-    add_json(&fields, "NEXT", boot.next < 0 ? "" : boot.next == set_a ? "A" : "B");
+    add_set_name(&fields, "NEXT", boot.next);
     add_versions(&fields);
     add_json(&fields, "BOOT_ID", id);
     print_json_head();

@@ -47,6 +47,11 @@ def variables(image):
     return dict(entry.decode().split("=", 1) for entry in entries)
 
 
+def environment(*entries):
+    data = b"".join(each + b"\0" for each in entries).ljust(65532, b"\0")
+    return struct.pack(">I", zlib.crc32(data)) + data
+
+
 class UpgradeTest(DemoTest):
     """A device that has just left the factory, for each test."""
 
@@ -302,6 +307,56 @@ class Walks(UpgradeTest):
         self.assert_untouched()
 
 
+class RunningSet(UpgradeTest):
+    """The kernel's command line names the running set, whatever the boot environment says."""
+
+    def upgrade_with(self, stored, line=None):
+        self.demo.flash(1).write_bytes(stored)
+        if line is not None:
+            (self.demo.root() / "run/cmdline").write_text(line)
+        running = self.state()["RUNNING"]
+        kept = self.flash(RUNNING_A if running == "A" else RUNNING_B)
+        image = Image("Corvel R1 2.0.0", 9999, 9999)
+        self.assertEqual(self.upload(image.bytes())[0], 303)
+        self.write_staged()
+        self.assertEqual(self.flash(kept), kept)
+        other = RUNNING_B if running == "A" else RUNNING_A
+        for number, content_bytes in zip(other, (image.root, image.kernel)):
+            self.assertTrue(self.demo.flash(number).read_bytes().startswith(content_bytes))
+        self.assertEqual(variables(self.demo.flash(1).read_bytes())["bootparam"],
+                         "1" if running == "A" else "0")
+        return running
+
+    def test_a_boot_environment_with_a_bad_crc(self):
+        self.assertEqual(self.upgrade_with(self.factory[1][:-1] + b"x"), "A")
+
+    def test_a_boot_environment_without_the_boot_set(self):
+        self.assertEqual(self.upgrade_with(environment(b"bootdelay=2")), "A")
+
+    def test_a_boot_environment_without_the_boot_set_while_set_b_runs(self):
+        self.assertEqual(self.upgrade_with(environment(b"bootdelay=2"), "x root=31:4 ro\n"), "B")
+
+    def test_a_command_line_that_names_no_set(self):
+        self.assertEqual(self.upgrade_with(environment(b"bootparam=1"), "quiet\n"), "B")
+
+    def test_a_long_command_line(self):
+        """The boot loader makes it of a long variable and starts set B."""
+        arguments = b"bootargs=" + b"x=" + b"y" * 5000 + b" root=31:2 ro"
+        self.demo.flash(1).write_bytes(environment(arguments, b"bootparam=1"))
+        self.restart()
+        self.assertIn("root=31:4", (self.demo.root() / "run/cmdline").read_text())
+        self.assertEqual((self.state()["RUNNING"], self.state()["NEXT"]), ("B", "B"))
+        self.assertEqual(self.upgrade_with(environment(arguments, b"bootdelay=2")), "B")
+
+    def test_only_a_whole_root_argument_counts(self):
+        for line, running in (("root=31:2 root=31:4\n", "B"), ("root=/dev/mtdblock4", "B"),
+                              ('x="a root=31:4 b" root=31:2\n', "A"),
+                              ("nfsroot=31:4 root=31:2", "A"),
+                              ("root=31:2 -- root=31:4\n", "A")):
+            (self.demo.root() / "run/cmdline").write_text(line)
+            self.assertEqual(self.state()["RUNNING"], running, line)
+
+
 class Refusals(UpgradeTest):
     def test_bad_uploads(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
@@ -434,11 +489,10 @@ class Refusals(UpgradeTest):
             self.assertIn("would overwrite the set that runs", self.complaint(text))
         self.assertEqual(self.flash(), before)
 
-    def test_a_broken_boot_environment(self):
+    def test_an_environment_that_no_variable_can_be_stored_in(self):
         image = Image("Corvel R1 2.0.0", 99, 99).bytes()
-        without = b"bootdelay=2\0\0".ljust(65532, b"\0")
-        for broken in (b"\0" * 65536, self.factory[1][:-1] + b"x",
-                       struct.pack(">I", zlib.crc32(without)) + without):
+        for broken in (b"\0" * 65536, b"noise" + bytes(65531),
+                       b"\0" * 4 + b"\xff" * 65532):
             self.demo.flash(1).write_bytes(broken)
             self.factory[1] = broken
             status, text = self.upload(image)
@@ -446,6 +500,17 @@ class Refusals(UpgradeTest):
             self.assertIn("boot environment", self.complaint(text))
             self.assertEqual(self.flash(), self.factory)
             self.assertEqual(self.curl(UPGRADE)[0], 200)
+
+    def test_a_set_that_nothing_names_as_the_running_one(self):
+        (self.demo.root() / "run/cmdline").write_text("root=/dev/nfs\n")
+        self.demo.flash(1).write_bytes(environment(b"bootdelay=2"))
+        self.factory[1] = self.demo.flash(1).read_bytes()
+        status, text = self.upload(Image("Corvel R1 2.0.0", 99, 99).bytes())
+        self.assertEqual(status, 422)
+        self.assertIn("names the running set", self.complaint(text))
+        self.assertEqual(self.flash(), self.factory)
+        self.assertEqual((self.state()["RUNNING"], self.state()["NEXT"]), ("", ""))
+        self.assertEqual(self.curl(UPGRADE)[0], 200)
 
     def test_a_version_that_looks_like_html(self):
         """The image says it of itself, and is staged, shown and booted all the same."""
