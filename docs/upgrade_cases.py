@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
 """Runs the guide's upgrade program on devices of plain files, in a root directory of their own.
 
-After each run a model of the boot loader starts the device: it reads `bootparam` from an environment
-whose CRC is good and starts set A otherwise. The root file system and the kernel that it finds must
-be of one version. The program is also killed at each of its system calls that open or write a file.
-Then a whole set must boot as well, unless none did before and no set has been touched.
+After each run a model of the boot loader starts the device: it reads `bootparam` from an
+environment whose CRC is good and starts set A otherwise. The root file system and the kernel that it
+finds must be of one version. The program is also killed at each of its system calls that open or
+write a file. Then a whole set must boot as well, unless none did before and no set has been touched.
 """
 import os
 import shutil
