@@ -909,6 +909,13 @@ extern CORVEL_API unsigned char env_image_mem[CORVEL_ENV_SIZE];
 /**
  * Computes the standard CRC-32 (that of Ethernet and zip files), always from the start.
  *
+ * zlib has a function of this name with other arguments, and its deflate() and inflate() call
+ * whichever of the two the program finds first: with this one they crash or write wrong checksums.
+ * In a program that also uses zlib, directly or through another library, link
+ * `-Wl,--no-as-needed -lz` before `-lcorvel`, or a copy of the static library that
+ * `objcopy --localize-symbol=crc32` has made; call only zlib's function; and include `zlib.h` and
+ * this header in different source files.
+ *
  * @param data   the bytes.
  * @param length their number; 0 or less gives 0.
  * @return the CRC-32.
