@@ -1,0 +1,56 @@
+# SPDX-License-Identifier: MIT
+"""Runs the guide's program that lists leases beside a udhcpd, in a root directory of its own."""
+import json
+import os
+import shutil
+import struct
+import subprocess
+
+COMPILE = ("cc -O2 -static hosts.c -o hosts.static "
+           "$(pkg-config --cflags --libs-only-L corvel) -l:libcorvel.a -lcrypt")
+HOST = bytes.fromhex("aabbccddee01"), bytes([192, 168, 1, 10])
+KNOWN = HOST[0].ljust(16, b"\0") + HOST[1] + struct.pack(">I", 3600)
+ROW = {"ip": "192.168.1.10", "mac": "AA:BB:CC:DD:EE:01", "name": "", "left": "3600"}
+
+
+def current(count):
+    """What a current udhcpd writes: the time, then leases of 36 bytes."""
+    lease = struct.pack(">I4s6s20sxx", 3600, HOST[1], HOST[0], b"laptop")
+    return struct.pack(">q", 1_700_000_000) + count * lease
+
+
+# The pid file, the lease file, the rows.
+CASES = {
+    "the layout that is known": ("99999\n", 2 * KNOWN, [ROW, ROW]),
+    "an empty file": ("99999\n", b"", []),
+    "a file of another layout without leases": ("99999\n", current(0), []),
+    "a file of another layout": ("99999\n", current(2), []),
+    "many leases of another layout": ("99999\n", current(50), []),
+    "process 1": ("1\n", KNOWN, []),
+}
+
+
+def rows(folder, process, leases):
+    root = folder / "lessor"
+    shutil.rmtree(root, ignore_errors=True)
+    (root / "var/run").mkdir(parents=True)
+    (root / "var/config").mkdir()
+    shutil.copy(folder / "hosts.static", root / "hosts")
+    (root / "var/run/udhcpd.pid").write_text(process)
+    (root / "var/config/udhcpd.leases").write_bytes(leases)
+    # In a namespace of its own the program can send no other process a signal.
+    user = [] if os.geteuid() == 0 else ["--map-root-user"]
+    done = subprocess.run(["unshare", *user, "--pid", "--fork", "chroot", root, "/hosts"],
+                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)
+    return json.loads(done.stdout.partition("\n\n")[2])
+
+
+def check(tally, folder, variables):
+    done = subprocess.run(["bash", "-c", COMPILE], cwd=folder, env=variables,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    tally.add("leases: compilation", done.stdout if done.returncode else None)
+    if done.returncode:
+        return
+    for name, (process, leases, expected) in CASES.items():
+        found = rows(folder, process, leases)
+        tally.add(f"leases: {name}", None if found == expected else str(found))
