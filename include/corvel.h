@@ -19,6 +19,14 @@
  *    texts and a list's records with malloc() and releases them in free_prop(), free_list() and
  *    free_leaselist().
  *  - No function may be called from several threads at once.
+ *  - Standard output is the response of a CGI program, and some functions print messages on it:
+ *    init_env(), set_env_ptr(), set_env(), save_param(), get_rootid(), get_bootparam(),
+ *    save_bootparam(), parse_firmware(), getDisposition_file(), process_file(), getDefaultRoute(),
+ *    getDefGw() and open_socket_for_trap(). Flush it, redirect its descriptor to /dev/null, call
+ *    the function, flush it again and restore the descriptor.
+ *  - Only xmalloc(), xrealloc(), find_pid_by_name(), app_isrun(), is_runing(), get_leases(),
+ *    my_getug() and my_getpwuid() can end the process: see there. Any other function that runs out
+ *    of memory reports a failure or a shorter result.
  */
 #ifndef CORVEL_H
 #define CORVEL_H
@@ -215,6 +223,8 @@ CORVEL_API void DFPrintf(FILE *stream, const char *fmt, ...) CORVEL_PRINTF_LIKE(
  * @param sep   the separator: `'='`, `' '`, anything else means tab.
  * @param path  the file.
  * @param table the caller's array, with room for every line of the file; filled from its first row.
+ *              Its size is not known here: rows after its end would be written. A row takes at
+ *              least 2 bytes of the file, so half the file's size in bytes is always enough.
  * @return the number of rows filled; 0 if the file can't be opened or is a folder. A row whose
  *         texts can't be allocated is left out.
  */
@@ -398,6 +408,10 @@ CORVEL_API int save_global_conf(signed char sep, const char *path, const char *p
 /**
  * Starts the configuration client in the background: system("/sbin/configclient  &").
  *
+ * The client inherits the program's open descriptors. As long as it holds standard output, the web
+ * server does not see the end of the response: redirect the descriptor to /dev/null for this call,
+ * with FD_CLOEXEC on the copy that is kept.
+ *
  * @return what system() returned.
  */
 CORVEL_API int save_config(void);
@@ -421,8 +435,9 @@ CORVEL_API int calc_netpriexlength(const char *mask);
  *
  * The decoders turn a urlencoded request into rows of a property table, in request order, nothing
  * merged. They set each row's name and value to heap copies of the decoded texts and leave the two
- * size fields alone; free_prop() releases the texts. The table must have room for every pair. Zero
- * the array first: set_prop() and ins_prop() rely on the sizes, and change nothing in a row whose
+ * size fields alone; free_prop() releases the texts. The table must have room for every pair, since
+ * its size is not known here: a body or a query of n bytes has at most (n + 1) / 2. Zero the array
+ * first: set_prop() and ins_prop() rely on the sizes, and change nothing in a row whose
  * size is 0, but write anywhere if it is left undefined.
  *
  * A name ends at `=` only (`flag&x=1` is one pair, named `flag&x`), a value at `&`. A word is cut
@@ -436,6 +451,11 @@ CORVEL_API int calc_netpriexlength(const char *mask);
 
 /**
  * Reads the request body from standard input: exactly CONTENT_LENGTH bytes.
+ *
+ * It waits for them without a limit. A signal whose handler was installed without SA_RESTART ends
+ * the wait, and the body is refused; with SA_RESTART the wait goes on. To bound a slow body, call
+ * alarm(): without a handler it ends the process, and with one that has no SA_RESTART the program
+ * can still respond. The same holds for the other functions that read a body.
  *
  * @return the body and a NUL behind it, in a heap block of CONTENT_LENGTH + 1 bytes that the caller
  *         releases with free_buff(). Null if REQUEST_METHOD or CONTENT_LENGTH is not set, if the
@@ -453,7 +473,8 @@ CORVEL_API int free_buff(void *block, uint32_t size);
  * QUERY_STRING and HTTP_REFERER are removed from the environment, except after a GET, which yields
  * nothing here.
  *
- * @param table the rows to fill, from the first one.
+ * @param table the rows to fill, from the first one. For a body of m bytes and a query of n, at
+ *              most (m + 1) / 2 + (n + 1) / 2 are written.
  * @return the number of pairs stored; 0 for a GET without a body, or if the scratch buffers can't
  *         be allocated. A pair whose texts can't be allocated is left out.
  */
@@ -463,7 +484,7 @@ CORVEL_API int process_queue(prop_entry *table);
  * Decodes a GET: the pairs of QUERY_STRING. QUERY_STRING and HTTP_REFERER are removed from the
  * environment.
  *
- * @param table the rows to fill, from the first one.
+ * @param table the rows to fill, from the first one: at most (n + 1) / 2 for a query of n bytes.
  * @return the number of pairs stored; 0 for a POST in whatever case, which touches nothing, or if
  *         the scratch buffers can't be allocated.
  */
@@ -472,7 +493,7 @@ CORVEL_API int process_queue_get(prop_entry *table);
 /**
  * Decodes the pairs of QUERY_STRING, whatever the method, and leaves the environment alone.
  *
- * @param table the rows to fill, from the first one.
+ * @param table the rows to fill, from the first one: at most (n + 1) / 2 for a query of n bytes.
  * @return the number of pairs stored.
  */
 CORVEL_API int process_query_string(prop_entry *table);
@@ -653,6 +674,8 @@ CORVEL_API char *change_keyword(char *text, const str_node *record);
  * where the `$` stood: a marker inside a value is filled as well, unless the value begins with it,
  * and behind an empty value one character is passed over.
  *
+ * A NUL in a line ends it: the rest of the line is not printed, and neither is its line end.
+ *
  * A line's filled form may have any length. Each `$` costs a walk through the fields that are left.
  * Only where memory for values inside values runs out, a value is written as it stands, its markers
  * not filled.
@@ -695,7 +718,9 @@ CORVEL_API int generate_hidder_from_prop(const prop_entry *table, int count);
  *
  * A document is one object of sections; a section is a named array that holds one object of pairs.
  * Names and values are written as they stand, without escaping: a value with a double quote, a
- * backslash or a control character is escaped by the caller or the document does not parse.
+ * backslash or a control character is escaped by the caller or the document does not parse. A value
+ * that add_escape() made is no exception: JSON has no backslash before a dollar sign or a
+ * backquote.
  * @{
  */
 
@@ -760,6 +785,9 @@ CORVEL_API int list2json(const str_node *list, const char *name);
  * Prints the rows of a table as pairs, as list2json_data() does, one double quote removed from each
  * end of each value.
  *
+ * Do not use it for a file whose values were saved with add_escape(): print a field list of values
+ * that get_prop(), strip_escape() and an escaping for JSON of your own have made.
+ *
  * @return 0.
  */
 CORVEL_API int prop2json(const prop_entry *table, int count);
@@ -772,6 +800,9 @@ CORVEL_API int prop2json(const prop_entry *table, int count);
  * A multipart upload is read whole, with its boundary in front so that the first part is found like
  * every other one, and then cut into its files. Header names are matched with their case, anywhere
  * between two boundaries: a content that holds "Content-Type:" is taken for a header, too.
+ *
+ * getDisposition_file() and process_file() print bytes that the client chose, also of a form
+ * without a file: keep standard output out of the response while they run.
  * @{
  */
 
@@ -793,9 +824,10 @@ CORVEL_API char *read_queue_for_upload(int *length);
  *
  * @param total           receives the length of what process_file() is to look at: CONTENT_LENGTH
  *                        plus the boundary's length.
- * @param boundary        the address of a pointer: to a buffer that takes the boundary text, or a
- *                        null pointer, which is set to a new block that the caller frees. It may be
- *                        set even where the result is null.
+ * @param boundary        the address of a null pointer, which is set to a new block that the caller
+ *                        frees, also where the result is null. A pointer to a buffer of the caller
+ *                        is taken as well, but the client chooses the length, which is not
+ *                        checked: the buffer has to hold as much as CONTENT_TYPE.
  * @param boundary_length receives the length of the boundary text.
  * @return the boundary text, a line end and the body, in a heap block that the caller frees; a NUL
  *         stands in the place of the body's last byte. Null if REQUEST_METHOD, CONTENT_TYPE, its
@@ -808,8 +840,9 @@ CORVEL_API char *read_queue_for_upload1(int *total, char **boundary, int *bounda
  * Writes the boundary text: "--" and all that follows "boundary=" in the content type.
  *
  * @param content_type the content type.
- * @param boundary     the address of a pointer: to a buffer that holds the boundary text, or a null
- *                     pointer, which is set to a new block that the caller frees.
+ * @param boundary     the address of a null pointer, which is set to a new block that the caller
+ *                     frees. A pointer to a buffer of the caller is taken as well; it must hold 3
+ *                     bytes more than what follows "boundary=", which is not checked.
  * @return the boundary text's length; 0 if there is no "boundary=" or no memory.
  */
 CORVEL_API int get_vhash(const char *content_type, char **boundary);
@@ -852,8 +885,8 @@ CORVEL_API char *hex_search(const char *start, const char *end, const char *patt
  * @param boundary the boundary text; an empty one stands nowhere.
  * @param record   its three texts are written as far as the headers are there.
  * @return 0 if a file was found; -1 if there is no boundary, -2 if no second one, -3 without
- *         `filename=`, -4 without `Content-Type:` (the next 32 bytes at most are then printed to
- *         standard output).
+ *         `filename=`, -4 without `Content-Type:` (up to 32 bytes after the place of the
+ *         file name, which the client chose, are then printed on standard output).
  */
 CORVEL_API int getDisposition_file(char **data, unsigned int *size, char **cursor, char *end,
                                    const char *boundary, prop_file *record);
@@ -873,10 +906,14 @@ CORVEL_API char *strip_r(char *text, int *length, char one, char other);
  * Cuts the files out of an upload. Parts without a file name are passed over, as is a file for
  * whose content there is no memory.
  *
+ * Of a part without `Content-Type:`, bytes that the client chose are printed on standard output, as
+ * getDisposition_file() does.
+ *
  * @param upload   what read_queue_for_upload1() returned.
  * @param length   its total length.
  * @param boundary the boundary text.
- * @param files    four records.
+ * @param files    four records, all zero: a field whose header is missing is not written, and the
+ *                 texts of records after the last file may be.
  * @return the number of files stored, 0 to 4; later ones are not looked at.
  */
 CORVEL_API int process_file(char *upload, int length, const char *boundary, prop_file *files);
@@ -925,6 +962,10 @@ CORVEL_API uint32_t crc32(const unsigned char *data, int length);
 /**
  * Reads an environment image from a file or device and makes it current.
  *
+ * Save nothing unless the result is 0. After a result of 1 or -1, env_image_mem may be damaged or a
+ * mixture: a short file overwrites its first bytes only, and the image that was current before
+ * stays current. save_param() gives it a good CRC, with which the boot loader believes all of it.
+ *
  * Prints "Err: can not open file %s\n" or "Warning - bad CRC\n" or, of a file that is too short,
  * "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n".
  *
@@ -961,9 +1002,13 @@ CORVEL_API char *get_env(const char *name);
  * `## Error: illegal character '=' in variable name "%s"`. Where there is no room, and the old
  * value is gone and the CRC stale: `## Error: environment overflow, "%s" deleted`.
  *
- * @param name  the name.
- * @param value the value; null deletes the variable, which need not be there. Not a value that
- *              get_env() returned: the old entry is removed first, which moves what follows it.
+ * After an overflow, load the image again with init_env() before anything else is set: the next
+ * set_env() or save_param() that succeeds updates the CRC, and the variable is lost for good.
+ *
+ * @param name  the name; must not be inside the image, as a value that get_env() returned is: the
+ *              old entry is removed first, which moves what follows it.
+ * @param value the value; null deletes the variable, which need not be there. Must not be inside
+ *              the image either.
  * @return 0, or 1 on failure or without a current image.
  */
 CORVEL_API int set_env(const char *name, const char *value);
@@ -1005,7 +1050,9 @@ CORVEL_API uint32_t get_rootid(const char *path);
 
 /**
  * Sets a variable, or deletes it, in the current image and writes env_image_mem to a file: load it
- * with init_env() first. The file is flushed to its device with fsync() before it is closed.
+ * with init_env() first, and only if that returns 0 save anything. See there, and at set_env() for
+ * what is left in memory after -1. The file is flushed to its device with fsync() before it is
+ * closed.
  *
  * @param path  the file; created with mode 0644 if it is missing. If it can't be opened,
  *              `Err: open file %s failed` is printed, and a line end.
@@ -1022,7 +1069,11 @@ CORVEL_API int save_param(const char *path, const char *name, const char *value)
  *
  * An upgrade image is a chain of sections, each a 20-byte header and a payload for one partition;
  * at the end stands the CRC-32 of all that precedes it. The flash holds two sets of root file
- * system and kernel: an upgrade writes the one that does not run and then makes it boot.
+ * system and kernel. An upgrade is to write the one that does not run and then make it boot, but
+ * the functions take the running set from the environment's variable "bootparam" alone. If that
+ * cannot be read, parse_firmware() directs "root" and "kern" to set A, whatever runs; "rfs1" and
+ * "knl1" always go to set B; and an image need not contain a whole set. A safe program takes the
+ * running set from the kernel's command line and checks all of this, as the guide's does.
  * @{
  */
 
@@ -1044,7 +1095,12 @@ CORVEL_API uint32_t get_tbl_id(const unsigned char *sig);
  */
 CORVEL_API int get_tbl_ids(unsigned int index);
 
-/** The set that runs: 0 for A, 1 for B. Updated by get_bootparam() only. */
+/**
+ * The set that boots, according to the environment: 0 for A, 1 for B. Updated by get_bootparam()
+ * only. It is the set that runs until save_bootparam(), which leaves the object as it is. After
+ * that, the next get_bootparam() or parse_firmware() sets it to the other set, which does not run
+ * before the restart: a second upgrade would be written over the running set.
+ */
 extern CORVEL_API int bootparam;
 
 /**
@@ -1053,15 +1109,17 @@ extern CORVEL_API int bootparam;
  *
  * @return what is added to the block-device index of set A to reach the idle set: 2 if A runs, 0 if
  *         B runs. 0 also on every failure and for a negative odd number, with `bootparam` as it
- *         was.
+ *         was: then nothing is known about the set that runs.
  */
 CORVEL_API uint32_t get_bootparam(void);
 
 /**
  * Makes the other set boot: stores it in the environment that get_bootparam() loaded and writes
- * that to "/dev/mtdblock1". Call it when the new set is written, in the same process.
+ * that to "/dev/mtdblock1". Call it when the new set is written, in the same process, and not if
+ * get_bootparam() failed: see init_env().
  *
- * @return what save_param() returned: 0 or (uint32_t)-1.
+ * @return what save_param() returned: 0, also where nothing could be written, or (uint32_t)-1. Read
+ *         the environment again to see what is stored.
  */
 CORVEL_API uint32_t save_bootparam(void);
 
@@ -1096,7 +1154,8 @@ CORVEL_API int dump_img_info(int count, const img_info *records);
  *
  * @param path   the device; never created.
  * @param buf    the bytes.
- * @param offset where to, from the device's start.
+ * @param offset where to, from the device's start. A negative one counts as 0: the bytes are
+ *               written at the start.
  * @param len    their number.
  * @return 1 if all were written, else 0.
  */
@@ -1105,6 +1164,9 @@ CORVEL_API int flash_write(const char *path, const void *buf, int offset, unsign
 /**
  * Copies a file byte by byte. Write errors are not noticed.
  *
+ * @param src the file. A directory counts as an empty file.
+ * @param dst the copy; emptied first, and if it is a symbolic link its target. If it is the same
+ *            file as @p src, by another name or a link, the content is lost.
  * @return 0, or -1 if either file can't be opened.
  */
 CORVEL_API int file_copy(const char *src, const char *dst);
@@ -1414,6 +1476,10 @@ CORVEL_API void add_lease(lease_entry *entry, const unsigned char *record);
  * Reads a binary lease file; see add_lease(). A record with a hardware address of zeros is an
  * empty slot; a last one that is cut off is ignored.
  *
+ * The layout is that of an old udhcpd: 24 bytes a lease and nothing else. A current one writes 8
+ * bytes and then 36 a lease, from which this makes wrong records. The size of such a file is never
+ * a multiple of 24.
+ *
  * If the file can't be opened or is a folder, "could not open input file" is printed with perror().
  *
  * @param head the address of a null pointer; receives the list.
@@ -1430,6 +1496,11 @@ CORVEL_API int get_udhpd_leases(lease_entry **head, const char *path);
  * for a lease that has ended. Every line is a record, be it empty: a missing word is empty, a
  * missing expiry counts as 0. Words are cut at 31 characters, the host name at 127; lines are taken
  * in pieces of 1023. A last line without a line end is not read.
+ *
+ * What dnsmasq writes needs a look at each record: a host without a name has the name "*"; a lease
+ * without end has the expiry 0, so that `expires` is a large negative number; the line "duid" and
+ * an identifier gives a record without an `ip`; and the lines after it are leases of IPv6
+ * addresses, with a number in `mac`.
  *
  * If the file can't be opened or is a folder, "could not open input file" is printed with perror().
  *
@@ -1453,6 +1524,10 @@ CORVEL_API int get_dhcpv6_leases(lease_entry **head, const char *path);
  * which the server writes its leases, and /var/config/udhcpd.leases is read with get_udhpd_leases()
  * at once: it may still be the one before. Otherwise, if a process named dnsmasq runs,
  * /var/config/dnsmasq.leases is read with get_dnsmasq_leases().
+ *
+ * Whether the process is the server is not checked. A stale file sends the signal to another
+ * program, and one that says 1 to process 1, which may take it for the order to halt the device:
+ * look at the file with getPid() first.
  *
  * dnsmasq is looked for with app_isrun(): where it does not run, a few bytes are never freed, and
  * where /proc can't be opened, the program dies.
