@@ -1,0 +1,40 @@
+# SPDX-License-Identifier: MIT
+"""Runs the guide's program that starts the configuration client, beside a client that does not end."""
+import os
+import subprocess
+import time
+
+CLIENT = "#!/bin/sh\nread -r line </work/go && echo \"$line\" >/work/done\n"
+LIBRARIES = [["--symlink", os.readlink(f"/{name}"), f"/{name}"]
+             for name in ("bin", "lib", "lib32", "lib64") if os.path.islink(f"/{name}")]
+
+
+def fault_of(folder, variables):
+    client = folder / "configclient"
+    client.write_text(CLIENT)
+    client.chmod(0o755)
+    os.mkfifo(folder / "go")
+    library = variables["LD_LIBRARY_PATH"]
+    root = ["bwrap", "--ro-bind", "/usr", "/usr", *sum(LIBRARIES, []), "--dev", "/dev",
+            "--ro-bind", client, "/sbin/configclient", "--bind", folder, "/work",
+            "--ro-bind", library, "/library", "--setenv", "LD_LIBRARY_PATH", "/library"]
+    program = subprocess.Popen([*root, "/work/apply"], stdin=subprocess.DEVNULL,
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    try:
+        output = program.communicate(timeout=30)[0]
+        fault = None if output.startswith(b"Status: 303 ") else str(output)
+    except subprocess.TimeoutExpired:
+        fault = "the client holds the response open"
+    # Whether a client has been started at all: it ends when it is told to.
+    go = os.open(folder / "go", os.O_RDWR)
+    os.write(go, b"applied\n")
+    end = time.monotonic() + 30
+    while not (folder / "done").exists() and time.monotonic() < end:
+        time.sleep(0.01)
+    os.close(go)
+    program.communicate()
+    return fault or (None if (folder / "done").exists() else "the client has not been started")
+
+
+def check(tally, folder, variables):
+    tally.add("apply: the response ends before the client", fault_of(folder, variables))
