@@ -9,14 +9,14 @@ LIBRARIES = [["--symlink", os.readlink(f"/{name}"), f"/{name}"]
              for name in ("bin", "lib", "lib32", "lib64") if os.path.islink(f"/{name}")]
 
 
-def fault_of(folder, variables):
-    client = folder / "configclient"
+def fault_of(directory, variables):
+    client = directory / "configclient"
     client.write_text(CLIENT)
     client.chmod(0o755)
-    os.mkfifo(folder / "go")
+    os.mkfifo(directory / "go")
     library = variables["LD_LIBRARY_PATH"]
     root = ["bwrap", "--ro-bind", "/usr", "/usr", *sum(LIBRARIES, []), "--dev", "/dev",
-            "--ro-bind", client, "/sbin/configclient", "--bind", folder, "/work",
+            "--ro-bind", client, "/sbin/configclient", "--bind", directory, "/work",
             "--ro-bind", library, "/library", "--setenv", "LD_LIBRARY_PATH", "/library"]
     program = subprocess.Popen([*root, "/work/apply"], stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
@@ -26,15 +26,15 @@ def fault_of(folder, variables):
     except subprocess.TimeoutExpired:
         fault = "the client holds the response open"
     # Whether a client has been started at all: it ends when it is told to.
-    go = os.open(folder / "go", os.O_RDWR)
+    go = os.open(directory / "go", os.O_RDWR)
     os.write(go, b"applied\n")
     end = time.monotonic() + 30
-    while not (folder / "done").exists() and time.monotonic() < end:
+    while not (directory / "done").exists() and time.monotonic() < end:
         time.sleep(0.01)
     os.close(go)
     program.communicate()
-    return fault or (None if (folder / "done").exists() else "the client has not been started")
+    return fault or (None if (directory / "done").exists() else "the client has not been started")
 
 
-def check(tally, folder, variables):
-    tally.add("apply: the response ends before the client", fault_of(folder, variables))
+def check(tally, directory, variables):
+    tally.add("apply: the response ends before the client", fault_of(directory, variables))

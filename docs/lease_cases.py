@@ -30,12 +30,12 @@ CASES = {
 }
 
 
-def rows(folder, process, leases):
-    root = folder / "lessor"
+def rows(directory, process, leases):
+    root = directory / "lessor"
     shutil.rmtree(root, ignore_errors=True)
     (root / "var/run").mkdir(parents=True)
     (root / "var/config").mkdir()
-    shutil.copy(folder / "hosts.static", root / "hosts")
+    shutil.copy(directory / "hosts.static", root / "hosts")
     (root / "var/run/udhcpd.pid").write_text(process)
     (root / "var/config/udhcpd.leases").write_bytes(leases)
     # In a namespace of its own the program can send no other process a signal.
@@ -45,12 +45,12 @@ def rows(folder, process, leases):
     return json.loads(done.stdout.partition("\n\n")[2])
 
 
-def check(tally, folder, variables):
-    done = subprocess.run(["bash", "-c", COMPILE], cwd=folder, env=variables,
+def check(tally, directory, variables):
+    done = subprocess.run(["bash", "-c", COMPILE], cwd=directory, env=variables,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     tally.add("leases: compilation", done.stdout if done.returncode else None)
     if done.returncode:
         return
     for name, (process, leases, expected) in CASES.items():
-        found = rows(folder, process, leases)
+        found = rows(directory, process, leases)
         tally.add(f"leases: {name}", None if found == expected else str(found))

@@ -11,21 +11,21 @@ import time
 CONFIGURATION = """
 {user}
 daemon off;
-pid {folder}/nginx.pid;
-error_log {folder}/nginx.log;
+pid {directory}/nginx.pid;
+error_log {directory}/nginx.log;
 events {{}}
 http {{
     client_max_body_size 32m;
-    client_body_temp_path {folder}/body;
-    proxy_temp_path {folder}/proxy;
-    fastcgi_temp_path {folder}/fastcgi;
-    uwsgi_temp_path {folder}/uwsgi;
-    scgi_temp_path {folder}/scgi;
+    client_body_temp_path {directory}/body;
+    proxy_temp_path {directory}/proxy;
+    fastcgi_temp_path {directory}/fastcgi;
+    uwsgi_temp_path {directory}/uwsgi;
+    scgi_temp_path {directory}/scgi;
     access_log off;
     server {{
-        listen unix:{folder}/http.socket;
+        listen unix:{directory}/http.socket;
         location / {{
-            fastcgi_pass unix:{folder}/fastcgi.socket;
+            fastcgi_pass unix:{directory}/fastcgi.socket;
             fastcgi_param REQUEST_METHOD $request_method;
             fastcgi_param CONTENT_TYPE $content_type;
             fastcgi_param CONTENT_LENGTH $content_length;
@@ -42,7 +42,7 @@ def server(programs, scratch, variables):
     """Serves the programs of a directory; gives the path of the socket."""
     user = "user root;" if os.geteuid() == 0 else ""
     (scratch / "nginx.conf").write_text(
-        CONFIGURATION.format(folder=scratch, programs=programs, user=user))
+        CONFIGURATION.format(directory=scratch, programs=programs, user=user))
     variables = {**variables, "PATH": variables["PATH"] + ":/usr/sbin"}
     commands = (["fcgiwrap", "-s", f"unix:{scratch}/fastcgi.socket"],
                 ["nginx", "-c", scratch / "nginx.conf", "-e", scratch / "nginx.log"])
@@ -74,8 +74,8 @@ def fault_of_status(status, expected):
     return None if status == expected else f"status {status}, not {expected}"
 
 
-def check(tally, folder, scratch, variables):
-    with server(folder, scratch, variables) as socket:
+def check(tally, directory, scratch, variables):
+    with server(directory, scratch, variables) as socket:
         for size in (70_000, 3_000_000, 20_000_000):
             status, _ = post(socket, "/save_lan", b"x" * size)
             tally.add(f"nginx: a form of {size} bytes is refused", fault_of_status(status, 413))

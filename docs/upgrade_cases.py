@@ -55,12 +55,12 @@ def line(partition, rest=""):
 class Device:
     """A flash whose running set holds the version "old"; the other set is erased."""
 
-    def __init__(self, folder, running, environment_image, command_line):
-        self.root = folder / "device"
+    def __init__(self, directory, running, environment_image, command_line):
+        self.root = directory / "device"
         shutil.rmtree(self.root, ignore_errors=True)
         (self.root / "dev").mkdir(parents=True)
         (self.root / "proc").mkdir()
-        shutil.copy(folder / "upgrade.static", self.root / "upgrade")
+        shutil.copy(directory / "upgrade.static", self.root / "upgrade")
         (self.root / "dev/null").touch()
         for number in range(9):
             self.partition(number).write_bytes(b"\xff" * PAGE)
@@ -164,9 +164,9 @@ CASES = {
 }
 
 
-def fault_of(folder, case):
+def fault_of(directory, case):
     running, environment_image, image_bytes, command_line, outcome, boots = case
-    device = Device(folder, running, environment_image, command_line)
+    device = Device(directory, running, environment_image, command_line)
     expected = boots or device.booted()
     status = device.upgrade(image_bytes)
     if status != outcome:
@@ -178,34 +178,34 @@ def fault_of(folder, case):
     return None
 
 
-def fault_of_full_flash(folder):
+def fault_of_full_flash(directory):
     """A partition that cannot be written: the set that runs still boots."""
-    device = Device(folder, A, A_BOOTS, line(2))
+    device = Device(directory, A, A_BOOTS, line(2))
     device.partition(5).unlink()
     device.partition(5).symlink_to("/dev/missing")
     status = device.upgrade(NEW)
     return None if (status, device.booted()) == (NOT_WRITTEN, ("A", "old")) else f"status {status}"
 
 
-def fault_of_second(folder):
+def fault_of_second(directory):
     """A second upgrade before the restart would be written over the set that runs."""
-    device = Device(folder, A, A_BOOTS, line(2))
+    device = Device(directory, A, A_BOOTS, line(2))
     statuses = device.upgrade(NEW), device.upgrade(NEW)
     return None if statuses == (UPGRADED, REFUSED) and device.booted() == STARTS_NEW_B else (
         f"statuses {statuses}")
 
 
-def fault_of_two_at_once(folder):
+def fault_of_two_at_once(directory):
     """Another upgrade holds the lock."""
-    device = Device(folder, A, A_BOOTS, line(2))
+    device = Device(directory, A, A_BOOTS, line(2))
     status = device.upgrade(NEW, ["flock", device.partition(1)])
     return None if status == REFUSED and device.contents() == device.before else f"status {status}"
 
 
-def fault_of_kills(folder, running, environment_image, call):
+def fault_of_kills(directory, running, environment_image, call):
     """Kills the program at each call of one kind; gives back what is wrong with the flash then."""
     for number in range(1, 1000):
-        device = Device(folder, running, environment_image, line(2 + 2 * running))
+        device = Device(directory, running, environment_image, line(2 + 2 * running))
         booted_before = device.booted()[1] is not None
         status = device.upgrade(NEW, ["strace", "-f", "-qq", "-o", os.devnull, "-e",
                                       f"inject={call}:signal=KILL:when={number}"])
@@ -217,20 +217,20 @@ def fault_of_kills(folder, running, environment_image, call):
     return f"no end of {call}"
 
 
-def check(tally, folder, variables):
-    done = subprocess.run(["bash", "-c", COMPILE], cwd=folder, env=variables,
+def check(tally, directory, variables):
+    done = subprocess.run(["bash", "-c", COMPILE], cwd=directory, env=variables,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     tally.add("upgrade: compilation", done.stdout if done.returncode else None)
     if done.returncode:
         return
     for name, case in CASES.items():
-        tally.add(f"upgrade: {name}", fault_of(folder, case))
-    tally.add("upgrade: a partition that cannot be written", fault_of_full_flash(folder))
-    tally.add("upgrade: a second one before the restart", fault_of_second(folder))
-    tally.add("upgrade: two at once", fault_of_two_at_once(folder))
+        tally.add(f"upgrade: {name}", fault_of(directory, case))
+    tally.add("upgrade: a partition that cannot be written", fault_of_full_flash(directory))
+    tally.add("upgrade: a second one before the restart", fault_of_second(directory))
+    tally.add("upgrade: two at once", fault_of_two_at_once(directory))
     for name, running, environment_image in (
             ("A runs", A, A_BOOTS), ("B runs", B, B_BOOTS), ("A runs, a bad CRC", A, DAMAGED_A),
             ("B runs, a bad CRC", B, DAMAGED_B), ("B runs, no bootparam", B, WITHOUT)):
         for call in ("openat", "write"):
             tally.add(f"upgrade: killed at each {call}, {name}",
-                      fault_of_kills(folder, running, environment_image, call))
+                      fault_of_kills(directory, running, environment_image, call))

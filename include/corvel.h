@@ -1071,9 +1071,9 @@ CORVEL_API int save_param(const char *path, const char *name, const char *value)
  * at the end stands the CRC-32 of all that precedes it. The flash holds two sets of root file
  * system and kernel. An upgrade is to write the one that does not run and then make it boot, but
  * the functions take the running set from the environment's variable "bootparam" alone. If that
- * cannot be read, parse_firmware() directs "root" and "kern" to set A, whatever runs; "rfs1" and
- * "knl1" always go to set B; and an image need not contain a whole set. A safe program takes the
- * running set from the kernel's command line and checks all of this, as the guide's does.
+ * cannot be read, parse_firmware() directs "root" and "kern" to set A, even if set A runs; "rfs1"
+ * and "knl1" always go to set B; and an image need not contain a whole set. A safe program takes
+ * the running set from the kernel's command line and checks all of this, as the guide's does.
  * @{
  */
 

@@ -308,7 +308,7 @@ class Walks(UpgradeTest):
 
 
 class RunningSet(UpgradeTest):
-    """The kernel's command line names the running set, whatever the boot environment says."""
+    """The kernel's command line names the running set, with any boot environment."""
 
     def upgrade_with(self, stored, line=None):
         self.demo.flash(1).write_bytes(stored)
