@@ -208,6 +208,23 @@ class HostileNames(ClientsTest):
         self.assertEqual(len(page.find(id="leases")), 1)
         self.assertNotIn("<b>", text)
 
+    def test_what_a_lease_file_has_besides_leases_of_named_hosts(self):
+        later = int(time.time()) + 7200
+        lines = ["0 02:00:00:00:66:01 192.168.1.61 kept 01:02:00:00:00:66:01",
+                 f"{later} 02:00:00:00:66:02 192.168.1.62 * *",
+                 "1700000000 02:00:00:00:66:03 192.168.1.63 gone *",
+                 "duid 00:01:00:01:2c:9f:1e:3b:02:00:00:00:66:00",
+                 f"{later} 14535372 fd00::10 six 00:01:00:01:2c:9f:1e:3c:02:00:00:00:66:01"]
+        _, document = self.with_leases(lines, self.look)
+        rows = {row["ip"]: row for row in document["leases"]}
+        self.assertNotIn("", rows)
+        kept, unnamed, gone, six = (rows[ip] for ip in (
+            "192.168.1.61", "192.168.1.62", "192.168.1.63", "fd00::10"))
+        self.assertEqual((kept["host"], kept["expires"]), ("kept", "never"))
+        self.assertEqual((unnamed["host"], unnamed["mac"]), ("", "02:00:00:00:66:02"))
+        self.assertEqual(gone["expires"], "ended")
+        self.assertEqual((six["host"], six["mac"]), ("six", ""))
+
     def test_bytes_that_are_no_text(self):
         host = b"a\xff\xfe\x80\xed\xa0\x80b\x01\x1bc".decode("utf-8", "surrogateescape")
         text, document = self.with_leases(self.lines([host]), self.look)
