@@ -72,12 +72,32 @@ void redirect_stdout(const char *path) {
             "standard output could not be redirected");
 }
 
+namespace {
+
+std::vector<std::string> environment() {
+    std::vector<std::string> entries;
+    for (char **entry = environ; *entry != nullptr; ++entry)
+        entries.emplace_back(*entry);
+    return entries;
+}
+
+/// Runs a side, which must leave the environment as it was: the programs that a later job starts
+/// inherit it.
+void run_side(const Side &side, benchmark::State &state) {
+    const std::vector<std::string> before = environment();
+    side.run(state);
+    require(environment() == before, "a job leaves the environment changed");
+}
+
+} // namespace
+
 Job::Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides,
          Clock clock) {
     for (const Size &size : sizes)
         for (const Side &side : sides) {
             auto *const registered = benchmark::RegisterBenchmark(
-                (std::string(name) + '/' + side.name).c_str(), side.run);
+                (std::string(name) + '/' + side.name).c_str(),
+                [side](benchmark::State &state) { run_side(side, state); });
             registered->Args(size);
             if (clock == Clock::of_its_own)
                 registered->UseManualTime();

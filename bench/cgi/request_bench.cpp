@@ -11,6 +11,7 @@
 
 #include <cgicc/Cgicc.h>
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -35,10 +36,38 @@ std::string value_of_field(std::size_t i) {
     return value;
 }
 
-void place_request(std::size_t fields) {
-    setenv("REQUEST_METHOD", "GET", 1);
-    setenv("QUERY_STRING", form_text(fields).c_str(), 1);
-}
+/// A variable of the environment that has its former value again when the object is gone.
+class Variable {
+  public:
+    Variable(const char *name, const std::string &value) : name_(name) {
+        if (const char *const before = std::getenv(name))
+            before_ = before;
+        setenv(name, value.c_str(), 1);
+    }
+    ~Variable() {
+        if (before_)
+            setenv(name_, before_->c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+    Variable(const Variable &) = delete;
+    Variable &operator=(const Variable &) = delete;
+
+  private:
+    const char *name_;
+    std::optional<std::string> before_;
+};
+
+/// A form sent with GET. The largest one does not fit the environment of a program that another job
+/// starts.
+class Request {
+  public:
+    explicit Request(std::size_t fields) : query_("QUERY_STRING", form_text(fields)) {}
+
+  private:
+    Variable method_{"REQUEST_METHOD", "GET"};
+    Variable query_;
+};
 
 void report_rate(benchmark::State &state) {
     state.SetBytesProcessed(state.iterations() * state.range(0) *
@@ -47,7 +76,7 @@ void report_rate(benchmark::State &state) {
 
 void corvel(benchmark::State &state) {
     const auto fields = static_cast<std::size_t>(state.range(0));
-    place_request(fields);
+    const Request request(fields);
     std::vector<prop_entry> table(fields);
 
     const int found = process_query_string(table.data());
@@ -65,7 +94,7 @@ void corvel(benchmark::State &state) {
 
 void cgicc_library(benchmark::State &state) {
     const auto fields = static_cast<std::size_t>(state.range(0));
-    place_request(fields);
+    const Request request(fields);
     {
         const cgicc::Cgicc form;
         bench::require(form.getElements().size() == fields &&
