@@ -6,6 +6,7 @@
     bench/run --only PATTERN               the times of some benchmarks, named job/side/size
     bench/run --instructions               instruction counts (callgrind), which hardly vary
     bench/run --profile BENCHMARK          where the instructions of one benchmark go
+    bench/run --check                      each benchmark once, and whether it has its row
 
 All sides of a job run one right after the other, in several rounds. A time is the median of the
 rounds; a ratio is taken within each round, where the machine's speed is the same for both sides,
@@ -160,6 +161,37 @@ def size_order(size):
     return [int(number) for number in size.split("/")]
 
 
+# --- Checking -----------------------------------------------------------------------------------
+
+
+def all_names(arguments):
+    listed = subprocess.run([arguments.program, "--benchmark_list_tests",
+                             f"--benchmark_filter={arguments.only}"],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
+    return [name for name in listed.stdout.splitlines() if "/" in name]
+
+
+def check(arguments):
+    """Runs all benchmarks in one process, as for the table, but once and as briefly as they can be.
+    A benchmark that fails ends the process; one that has no row, or no time in it, is named."""
+    arguments.rounds, arguments.min_time = 1, 1e-9
+    runs = run_benchmarks(arguments)
+    print_times(runs, arguments.program)
+    jobs = collect_times(runs)
+    missing = []
+    for name in all_names(arguments):
+        if name.startswith(START_UP_JOB):
+            present = len(start_up_rows(runs)) == 2
+        else:
+            job, side, size = name.removesuffix(OWN_CLOCK_SUFFIX).split("/", 2)
+            present = (any(row[:2] == [job, size] for row in time_rows({job: jobs[job]}))
+                       and len(jobs[job][size][side]) == 1)
+        if not present:
+            missing.append(name)
+    if missing or not runs:
+        sys.exit("no row for: " + (", ".join(missing) or "any benchmark"))
+
+
 # --- The tables ---------------------------------------------------------------------------------
 
 
@@ -295,10 +327,7 @@ def print_upload_memory(program):
 
 
 def benchmark_names(arguments):
-    listed = subprocess.run([arguments.program, "--benchmark_list_tests",
-                             f"--benchmark_filter={arguments.only}"],
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=True)
-    return [name for name in listed.stdout.splitlines()
+    return [name for name in all_names(arguments)
             if name.count("/") >= 2 and not name.endswith(("/real_time", OWN_CLOCK_SUFFIX))]
 
 
@@ -361,8 +390,11 @@ def main():
     parser.add_argument("--only", default=".", metavar="PATTERN")
     parser.add_argument("--instructions", action="store_true")
     parser.add_argument("--profile", metavar="BENCHMARK")
+    parser.add_argument("--check", action="store_true")
     arguments = parser.parse_args()
-    if arguments.profile:
+    if arguments.check:
+        check(arguments)
+    elif arguments.profile:
         print_profile(arguments, arguments.profile, 98)
     elif arguments.instructions:
         print_instructions(arguments)
