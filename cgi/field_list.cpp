@@ -20,8 +20,8 @@ void *add_str(str_node **head, const char *name, const char *value) {
     auto *const record = static_cast<str_node *>(std::malloc(sizeof(str_node)));
     if (record == nullptr)
         return nullptr;
-    corvel::store(record->name, corvel::text_of(name));
-    corvel::store(record->value, corvel::text_of(value));
+    corvel::store(record->name, corvel::text_of(name, sizeof record->name));
+    corvel::store(record->value, corvel::text_of(value, sizeof record->value));
     record->next = nullptr;
     str_node **const end = corvel::find_link(head, [](const str_node &) { return false; });
     *end = record;
@@ -34,7 +34,8 @@ void free_list(str_node **head) {
 }
 
 void delete_string(str_node **head, const char *name) {
-    const std::string_view wanted = corvel::text_of(name);
+    // The name may be that of a record, unterminated.
+    const std::string_view wanted = corvel::text_of(name, sizeof(str_node::name));
     str_node **const link = corvel::find_link(
         head, [wanted](const str_node &field) { return corvel::name_of(field) == wanted; });
     if (*link != nullptr)
@@ -42,7 +43,9 @@ void delete_string(str_node **head, const char *name) {
 }
 
 str_node *find_keyword(const char *text, str_node *head) {
-    const std::string_view position = corvel::text_of(text);
+    // Callers look at place after place of a text: no more is read than a name can be compared
+    // with.
+    const std::string_view position = corvel::text_of(text, sizeof(str_node::name));
     return *corvel::find_link(&head, [position](const str_node &field) {
         return corvel::names_start_of(field, position);
     });

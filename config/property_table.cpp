@@ -83,8 +83,9 @@ std::span<char> without_line_end(const Line &line) {
     return line.place.first(text.size() - (text.ends_with('\n') ? 1 : 0));
 }
 
-bool fill_row_with(prop_entry &row, std::string_view name, std::string_view value) {
-    return fill_row(row, name, name.size() + 1, value);
+bool fill_row_with(prop_entry &row, const char *name, const char *value) {
+    const std::string_view name_text = text_of(name);
+    return fill_row(row, name_text, name_text.size() + 1, text_of(value, value_size));
 }
 
 /// The index of the first row that has the name, or the number of rows.
@@ -128,8 +129,7 @@ char *get_prop(const char *name, char *dst, const prop_entry *table, int count) 
     const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
     if (index == rows.size())
         return nullptr;
-    const std::string_view value =
-        corvel::front(corvel::text_of(rows[index].value), corvel::lookup_size - 1);
+    const std::string_view value = corvel::text_of(rows[index].value, corvel::lookup_size - 1);
     corvel::store({dst, corvel::lookup_size}, corvel::stripped(value, '"'));
     return dst;
 }
@@ -139,7 +139,8 @@ int set_prop(const char *name, const char *value, prop_entry *table, int count) 
     const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
     if (index == rows.size())
         return std::max(count, 0);
-    corvel::store(corvel::value_field(rows[index]), corvel::text_of(value));
+    const std::span field = corvel::value_field(rows[index]);
+    corvel::store(field, corvel::text_of(value, field.size()));
     return static_cast<int>(index);
 }
 
@@ -148,19 +149,18 @@ int ins_prop(const char *name, const char *value, prop_entry *table, int count) 
     const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
     const int rows_in_use = static_cast<int>(rows.size());
     if (index == rows.size()) {
-        const bool added =
-            corvel::fill_row_with(table[index], corvel::text_of(name), corvel::text_of(value));
+        const bool added = corvel::fill_row_with(table[index], name, value);
         return added ? rows_in_use + 1 : rows_in_use;
     }
     const std::span field = corvel::value_field(rows[index]);
-    const std::size_t kept = corvel::store(field, corvel::text_of(value));
+    const std::size_t kept = corvel::store(field, corvel::text_of(value, field.size()));
     if (kept < field.size())
         std::memset(&field[kept], 0, field.size() - kept);
     return rows_in_use;
 }
 
 int ins_pr(const char *name, const char *value, prop_entry *row, int) {
-    return corvel::fill_row_with(*row, corvel::text_of(name), corvel::text_of(value)) ? 1 : 0;
+    return corvel::fill_row_with(*row, name, value) ? 1 : 0;
 }
 
 int dump_prop(const prop_entry *table, int count) {

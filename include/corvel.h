@@ -258,7 +258,8 @@ CORVEL_API char *get_prop(const char *name, char *dst, const prop_entry *table, 
 /**
  * Changes the value of the first row that has the name. Never adds a row.
  *
- * At most `value_size` - 1 characters are kept: 256. Not for rows of a request: see there.
+ * At most `value_size` - 1 characters are kept: 256. No more than `value_size` bytes of the value
+ * are read. Not for rows of a request: see there.
  *
  * @return the index of the row, or @p count if no row has the name.
  */
@@ -268,7 +269,8 @@ CORVEL_API int set_prop(const char *name, const char *value, prop_entry *table, 
  * Sets a value, adding a row at index @p count if no row has the name.
  *
  * An existing value is zeroed whole before it is written, and keeps 256 characters; a new row keeps
- * 257 characters. Not for rows of a request: see there.
+ * 257 characters. No more bytes of the value are read than the row's value holds. Not for rows of a
+ * request: see there.
  *
  * @param table the rows, with room for one more.
  * @return the new count: @p count if the name was there or the row could not be allocated,
@@ -280,7 +282,7 @@ CORVEL_API int ins_prop(const char *name, const char *value, prop_entry *table, 
  * Fills one row.
  *
  * @param name  the name.
- * @param value the value; cut at 257 characters.
+ * @param value the value; cut at 257 characters, of which the last need not be followed by a NUL.
  * @param row   the row; whatever it held is overwritten, not freed.
  * @param count not used.
  * @return 1, or 0 on an allocation failure, in which case the row is left as it was.

@@ -25,6 +25,12 @@ template <std::size_t size> std::string_view text_in(const char (&field)[size]) 
     return {field, strnlen(field, size)};
 }
 
+/// The string at `text`, of which no more than `size` bytes are read; a null pointer is the empty
+/// string. For what is stored in a field of that size: the string may be unterminated.
+inline std::string_view text_of(const char *text, std::size_t size) {
+    return {text_or_empty(text), strnlen(text_or_empty(text), size)};
+}
+
 constexpr std::size_t at_most(std::size_t length, std::size_t limit) {
     return length < limit ? length : limit;
 }

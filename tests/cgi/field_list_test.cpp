@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "cgi/guarded_block.h"
 #include "cgi/guarded_buffer.h"
 #include "cgi/list_contents.h"
 #include "support/output_capture.h"
@@ -139,6 +140,14 @@ TEST_F(FieldList, TextsAreReadNoFurtherThanTheirTerminators) {
     add_str(&head_, name.text(), value.text());
 
     EXPECT_EQ(contents(head_), (Fields{{"ip", "10.0.0.1"}}));
+}
+
+TEST_F(FieldList, UnterminatedNameAndValueAreReadNoFurtherThanTheirFields) {
+    const GuardedBlock name(std::string(sizeof(str_node::name), 'n'));
+    const GuardedBlock value(std::string(sizeof(str_node::value), 'v'));
+    ASSERT_NE(add_str(&head_, name.start(), value.start()), nullptr);
+
+    EXPECT_EQ(contents(head_), (Fields{{std::string(254, 'n'), std::string(4096, 'v')}}));
 }
 
 TEST_F(FieldList, TextsAreCopiedNotReferredTo) {
@@ -326,6 +335,32 @@ TEST_F(FieldList, NameOf254CharactersIsRemovedByThatNameButNotByALongerOne) {
     EXPECT_EQ(head_, nullptr);
 }
 
+/** A record whose name fills its array and has no terminator. */
+str_node unterminated_record() {
+    str_node record{};
+    std::memset(record.name, 'n', sizeof record.name);
+    std::memcpy(record.value, "value", sizeof "value");
+    return record;
+}
+
+TEST_F(FieldList, RecordWithAnUnterminatedNameIsRemovedByItsAddress) {
+    append({{"a", "1"}});
+    head_->next = static_cast<str_node *>(std::malloc(sizeof(str_node)));
+    ASSERT_NE(head_->next, nullptr);
+    *head_->next = unterminated_record();
+
+    delete_string(&head_, head_->next->name);
+    EXPECT_EQ(contents(head_), (Fields{{"a", "1"}}));
+}
+
+TEST_F(FieldList, NameToRemoveIsReadNoFurtherThanItsField) {
+    append({{"a", "1"}});
+    const GuardedBlock name(std::string(sizeof(str_node::name), 'a'));
+    delete_string(&head_, name.start());
+
+    EXPECT_EQ(contents(head_), (Fields{{"a", "1"}}));
+}
+
 // --------------------------------------------------------------------------------- looking up --
 
 TEST_F(FieldList, LookupInAnEmptyListFindsNothing) {
@@ -397,6 +432,27 @@ TEST_F(FieldList, LookupReadsNoFurtherThanTheTextsEnd) {
 
     GuardedBuffer exact("ipa");
     EXPECT_EQ(find_keyword(exact.text(), head_), head_->next->next);
+}
+
+TEST_F(FieldList, LookupReadsNoFurtherThanTheLongestNameIsLong) {
+    append({{"ip", "1"}, {"a", "2"}});
+    const GuardedBlock text(std::string(sizeof(str_node::name), 'a'));
+
+    EXPECT_EQ(find_keyword(text.start(), head_), head_->next);
+}
+
+TEST_F(FieldList, UnterminatedNameEndsWithItsArray) {
+    str_node record = unterminated_record();
+    const std::string name(sizeof record.name, 'n');
+
+    EXPECT_EQ(find_keyword((name + "x").c_str(), &record), &record);
+    EXPECT_EQ(find_keyword(name.c_str(), &record), &record);
+    EXPECT_EQ(find_keyword(name.substr(1).c_str(), &record), nullptr);
+    GuardedBuffer text("$" + name + "x");
+    EXPECT_STREQ(change_keyword(text.text(), &record), "valuex");
+    const std::string input = "<input type=\"hidden\" name=\"" + name + "\" value=\"$" + name;
+    EXPECT_EQ(capture_stdout([&] { generate_hidder_from_list(&record); }), input + "\">\n");
+    EXPECT_EQ(capture_stdout([&] { list2json_data(&record); }), "\t\"" + name + "\":\"value\"");
 }
 
 TEST_F(FieldList, NamesOfBytesAbove127AreFound) {

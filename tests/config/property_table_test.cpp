@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
+#include "cgi/guarded_block.h"
 #include "config/property_rows.h"
 #include "support/child_process.h"
 #include "support/environment.h"
@@ -558,6 +559,15 @@ TEST(GetProp, CutsAValueTo255CharactersBeforeTheQuotesAreRemoved) {
     EXPECT_EQ(value_of(table, "quoted 256"), filler.substr(0, 254));
 }
 
+TEST(GetProp, ReadsAnUnterminatedValueNoFurtherThanItNeeds) {
+    char name[] = "A";
+    const GuardedBlock value(std::string(255, 'v'));
+    const prop_entry row = {2, 255, name, value.start()};
+    std::array<char, 256> out{};
+    EXPECT_EQ(get_prop("A", out.data(), &row, 1), out.data());
+    EXPECT_EQ(out.data(), std::string(255, 'v'));
+}
+
 TEST(GetProp, NeverWritesBeyond256Bytes) {
     PropertyTable table(Rows{{"A", std::string(257, 'v')}});
     std::array<char, 300> value;
@@ -643,6 +653,17 @@ TEST(SetProp, StaysInsideTheSizeThatTheRowSays) {
     EXPECT_EQ(value, "abc\0"s + "456789");
 }
 
+TEST(SetProp, ReadsAnUnterminatedValueNoFurtherThanTheSizeThatTheRowSays) {
+    PropertyTable table(Rows{{"A", "1"}});
+    const GuardedBlock value(std::string(value_size, 'v'));
+    EXPECT_EQ(set_prop("A", value.start(), table.data(), table.count()), 0);
+    EXPECT_EQ(table.rows(), (Rows{{"A", std::string(256, 'v')}}));
+    table.data()->value_size = 8;
+    const GuardedBlock shorter("12345678");
+    EXPECT_EQ(set_prop("A", shorter.start(), table.data(), table.count()), 0);
+    EXPECT_EQ(table.rows(), (Rows{{"A", "1234567"}}));
+}
+
 TEST(SetProp, WritesNothingIntoARowThatHasNoSize) {
     std::string name = "A";
     std::string value = "0123456789";
@@ -723,6 +744,16 @@ TEST(InsProp, StaysInsideTheSizeThatTheRowSays) {
     EXPECT_EQ(value, "ab\0\0\0\0"s + "6789");
 }
 
+TEST(InsProp, ReadsAnUnterminatedValueNoFurtherThanItsField) {
+    PropertyTable table;
+    const GuardedBlock value(std::string(value_size, 'v'));
+    ASSERT_EQ(ins_prop("A", value.start(), table.data(), 0), 1);
+    EXPECT_EQ(table.row(0).value, std::string(value_size, 'v')) << "a new row";
+    EXPECT_EQ(ins_prop("A", value.start(), table.data(), 1), 1);
+    EXPECT_EQ(table.row(0).value, std::string(value_size - 1, 'v')) << "an existing one";
+    free_prop(table.data(), 1);
+}
+
 TEST(InsProp, TakesNullPointersForTheEmptyText) {
     PropertyTable table;
     std::array<prop_entry, 2> rows{};
@@ -773,6 +804,14 @@ TEST(InsPr, CutsAValueAt257CharactersAndTerminatesIt) {
         EXPECT_EQ(row.value[value_size], '\0');
         free_prop(&row, 1);
     }
+}
+
+TEST(InsPr, ReadsAnUnterminatedValueNoFurtherThanItsField) {
+    const GuardedBlock value(std::string(value_size, 'v'));
+    prop_entry row{};
+    ASSERT_EQ(ins_pr("A", value.start(), &row, 0), 1);
+    EXPECT_EQ(row.value, std::string(value_size, 'v'));
+    free_prop(&row, 1);
 }
 
 TEST(InsPr, OverwritesWhatTheRowHeld) {
