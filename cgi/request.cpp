@@ -205,10 +205,13 @@ int process_query_string(prop_entry *table) {
 }
 
 char *makeword(char *dst, const char *src, char stop, char **rest) {
-    const std::string_view text = corvel::text_of(src);
-    const std::size_t length = text.find(stop);
-    const std::string_view word = corvel::front(text, length);
-    *rest = length != std::string_view::npos ? const_cast<char *>(src) + length + 1 : nullptr;
+    const char *const start = corvel::text_or_empty(src);
+    const char *end = start;
+    // The length of the whole text is not taken: callers take word after word.
+    while (*end != '\0' && *end != stop)
+        ++end;
+    *rest = *end != '\0' ? const_cast<char *>(end) + 1 : nullptr;
+    const std::string_view word(start, static_cast<std::size_t>(end - start));
     corvel::store({dst, word.size() + 1}, word);
     return dst;
 }

@@ -501,7 +501,8 @@ CORVEL_API int process_queue_get(prop_entry *table);
 CORVEL_API int process_query_string(prop_entry *table);
 
 /**
- * Copies a text up to a stop character.
+ * Copies a text up to a stop character. What follows the stop character is not read: a loop that
+ * takes all words of a text takes time in proportion to its length.
  *
  * @param dst  receives the word, terminated; must hold the whole of it. May be @p src.
  * @param src  the text.

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "cgi/guarded_block.h"
 #include "cgi/guarded_buffer.h"
 #include "cgi/request_pairs.h"
 #include "support/child_process.h"
@@ -710,6 +711,18 @@ TEST(MakeWord, StopMayBeAnyCharacter) {
 TEST(MakeWord, WordIsNotCutWhateverItsLength) {
     const std::string word(100000, 'w');
     EXPECT_EQ(cut(word + "&rest", '&'), (Word{word, "rest"}));
+}
+
+TEST(MakeWord, WhatFollowsTheStopIsNotRead) {
+    const GuardedBlock source("name=");
+    GuardedBuffer word("????");
+    char *rest = nullptr;
+    EXPECT_STREQ(makeword(word.text(), source.start(), '=', &rest), "name");
+    EXPECT_EQ(rest, source.end());
+}
+
+TEST(MakeWord, NulForTheStopTakesTheWholeText) {
+    EXPECT_EQ(cut("name=value", '\0'), (Word{"name=value", std::nullopt}));
 }
 
 TEST(MakeWord, NullTextIsTheEmptyText) {
