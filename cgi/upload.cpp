@@ -23,6 +23,10 @@ constexpr std::string_view boundary_start = "--";
 
 constexpr std::size_t most_files = 4;
 
+/// How far into the following parts the end of a header's line is looked for. A caller's loop over
+/// an upload without line endings would otherwise read the whole rest of it for each part.
+constexpr std::size_t longest_overrun = 16384;
+
 /// With no more than this left behind the cursor there is no further part.
 constexpr std::size_t shortest_part = 21;
 
@@ -41,25 +45,29 @@ const char *find_bytes(std::string_view block, std::string_view pattern) {
         memmem(block.data(), block.size(), pattern.data(), pattern.size()));
 }
 
-/// Where the lines of an upload end. The last end that was found is kept: a body of boundaries in a
-/// single line is not read to its end for each of them.
+/// The first line ending in a block, or the block's end.
+const char *line_end_of(std::string_view block) {
+    const std::string_view line = front(block, block.find('\n'));
+    return line.data() + front(line, line.find('\r')).size();
+}
+
+/// Where the lines of an upload end. What was searched last is kept: a body of boundaries in a
+/// single line is not read again for each of them.
 class LineEnds {
   public:
-    explicit LineEnds(const char *end) : end_(end), start_(end), line_end_(end) {}
-
-    /// The first line end from a position on, or the upload's end.
-    const char *from(const char *position) {
-        if (position < start_ || position > line_end_) {
-            start_ = position;
-            line_end_ = std::find_if(position, end_, [](char c) { return c == '\r' || c == '\n'; });
-        }
-        return line_end_;
+    /// The first line ending from a position on, or the limit.
+    const char *from(const char *position, const char *limit) {
+        if (searched_ == nullptr || position < start_ || position > searched_)
+            start_ = searched_ = position;
+        if (searched_ < limit)
+            searched_ = line_end_of(between(searched_, limit));
+        return std::min(searched_, limit);
     }
 
   private:
-    const char *end_;
-    const char *start_;
-    const char *line_end_;
+    // No line ends between the two.
+    const char *start_ = nullptr;
+    const char *searched_ = nullptr;
 };
 
 /// The value of a header: at most its first 256 characters.
@@ -88,6 +96,7 @@ class PartHeaders {
   public:
     PartHeaders(const char *start, const char *next_boundary, const char *end, LineEnds &line_ends)
         : cursor_(start), search_start_(start), next_boundary_(next_boundary), end_(end),
+          line_limit_(next_boundary + front(between(next_boundary, end), longest_overrun).size()),
           line_ends_(line_ends) {}
 
     /// Finds a key from the cursor on, in front of the next boundary and with the separator right
@@ -100,7 +109,7 @@ class PartHeaders {
         const std::string_view rest = behind(between(found, end_), key.size());
         if (!rest.starts_with(separator))
             return false;
-        cursor_ = line_ends_.from(rest.data() + 1);
+        cursor_ = line_ends_.from(rest.data() + 1, line_limit_);
         value.take(between(rest.data() + 1, cursor_));
         return true;
     }
@@ -139,6 +148,7 @@ class PartHeaders {
     const char *search_start_;
     const char *next_boundary_;
     const char *end_;
+    const char *line_limit_;
     LineEnds &line_ends_;
 };
 
@@ -208,7 +218,7 @@ bool store_content(prop_file &record, std::string_view content) {
 int read_files(std::string_view upload, std::string_view boundary, prop_file *files) {
     std::size_t count = 0;
     std::string_view content;
-    LineEnds line_ends(upload.data() + upload.size());
+    LineEnds line_ends;
     while (upload.size() > shortest_part && count < most_files)
         if (read_part(upload, boundary, line_ends, files[count], content) == file_found &&
             files[count].filename[0] != '\0' && store_content(files[count], content))
@@ -336,7 +346,7 @@ int getDisposition_file(char **data, unsigned int *size, char **cursor, char *en
                         const char *boundary, prop_file *record) {
     std::string_view rest = corvel::between(*cursor < end ? *cursor : end, end);
     std::string_view content;
-    corvel::LineEnds line_ends(end);
+    corvel::LineEnds line_ends;
     const corvel::PartResult result =
         corvel::read_part(rest, corvel::text_of(boundary), line_ends, *record, content);
     *cursor = const_cast<char *>(rest.data());

@@ -875,10 +875,10 @@ CORVEL_API char *hex_search(const char *start, const char *end, const char *patt
  * Of each header the first place where its name stands counts, and the separator must follow right
  * behind. A second Content-Type takes the place of the first, and that of the transfer encoding if
  * none follows. Without either, the record's transfer encoding is left as it was: zero the records
- * first. Where a header's line does not end, the buffer is read to its end. A value is what follows
- * up to the line end, without double quotes, cut at 256 characters and at what the record's field
- * holds. The content lies between the blank line behind the last header and the line end in front
- * of the next boundary.
+ * first. A value is what follows up to the line end, without double quotes, cut at 256 characters
+ * and at what the record's field holds. A line that does not end in the part or in the 16,384 bytes
+ * from the next boundary on ends after those bytes. The content lies between the blank line behind
+ * the last header and the line end in front of the next boundary.
  *
  * @param data     receives where the content begins, in the buffer.
  * @param size     receives the content's length; 0 where the headers run into the boundary.

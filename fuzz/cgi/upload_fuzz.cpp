@@ -26,6 +26,7 @@ constexpr std::size_t longest_name = 254;
 constexpr std::size_t longest_type = 254;
 constexpr std::size_t longest_value = 256;
 constexpr std::size_t dump_size = 32;
+constexpr std::size_t longest_overrun = 16384;
 constexpr int most_scans = 64;
 constexpr int largest_upload = 16777216;
 constexpr int largest_without_pause = 6144;
@@ -65,8 +66,8 @@ struct File {
 
 // ------------------------------------------------------------------------------------ the model
 
-/** Reads the header that begins with a key in front of a limit; moves the cursor to the line's end.
- */
+/** Reads the header that begins with a key in front of a limit; moves the cursor to the line's end,
+ *  which is looked for so far behind the limit. */
 bool read_header(const std::string &bytes, const std::string &key, char separator,
                  std::size_t limit, std::size_t &cursor, std::string &value) {
     const std::size_t place = bytes.find(key, cursor);
@@ -74,7 +75,8 @@ bool read_header(const std::string &bytes, const std::string &key, char separato
     if (place == std::string::npos || place >= limit || behind >= bytes.size() ||
         bytes[behind] != separator)
         return false;
-    cursor = std::min(bytes.find_first_of("\r\n", behind + 1), bytes.size());
+    cursor =
+        std::min({bytes.find_first_of("\r\n", behind + 1), limit + longest_overrun, bytes.size()});
     value = bytes.substr(behind + 1, cursor - behind - 1);
     std::erase(value, '"');
     value.resize(std::min(value.size(), longest_value));

@@ -873,7 +873,7 @@ TEST(UploadPart, HeaderLineThatRunsIntoTheBoundaryEndsBehindIt) {
     EXPECT_EQ(unnamed.output, "\r\nContent-Type:t\r\n\r\nx--b\n");
 }
 
-/** Wherever the line ends: it may go on over many boundaries. */
+/** Wherever the line ends, within 16 KiB: it may go on over many boundaries. */
 TEST(UploadPart, HeaderLineThatRunsFarBehindTheBoundaryEndsWhereItDoes) {
     for (const std::size_t size : {0U, 254U, 255U, 256U, 257U, 10000U}) {
         const std::string line = repeated("--bx", size);
@@ -883,6 +883,55 @@ TEST(UploadPart, HeaderLineThatRunsFarBehindTheBoundaryEndsWhereItDoes) {
         EXPECT_EQ(part.record.filename, ("a--b" + line).substr(0, 254));
         EXPECT_EQ(part.output, "\r\nbehind\n") << size;
     }
+}
+
+// A sanitizer looks at all the bytes that a search may read, not at those that it reads.
+#if !UNDER_SANITIZER
+/**
+ * Reads a part of a block of which the last byte lies a mebibyte behind its memory.
+ *
+ * @return the cursor's place, and the code, or 1 if a signal ended the call.
+ */
+std::pair<int, std::ptrdiff_t> code_of_part_before_a_gap(const std::string &bytes) {
+    const GuardedBlock block(bytes);
+    std::ptrdiff_t place = 0;
+    const auto body = [&] {
+        prop_file record{};
+        char *data = nullptr;
+        unsigned int size = 0;
+        char *cursor = block.start();
+        const int code =
+            getDisposition_file(&data, &size, &cursor, block.end() + mebibyte, "--b", &record);
+        place = cursor - block.start();
+        return code;
+    };
+    const ChildResult child = run_in_child([&] { return -body(); });
+    if (child.signal != 0)
+        return {1, 0};
+    static_cast<void>(capture_stdout(body));
+    return {-child.exit_status, place};
+}
+
+/** So that a caller's loop over an upload without line endings takes time in proportion to it. */
+TEST(UploadPart, EndOfAHeaderLineIsLookedForIn16KibibytesAfterTheBoundary) {
+    const std::string rest(16384 + 32, 'x'); // the search for the line ending, and what is dumped
+    EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a--b" + rest), (std::pair{-4, 13L}));
+    EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a\nContent-Type:t--b" + rest),
+              (std::pair{0, 26L}));
+}
+#endif
+
+TEST(UploadPart, HeaderLineThatDoesNotEndThereEndsThere) {
+    const std::string start = "--bfilename=a";
+    const std::string boundary_and_16_kibibytes = "--b" + std::string(16384 - 3, 'x');
+    const std::string next = "0123456789abcdef0123456789ABCDEF";
+    EXPECT_EQ(part_of(start + boundary_and_16_kibibytes + next + "!\n", "--b").output, next + "\n");
+    EXPECT_EQ(
+        part_of(start + boundary_and_16_kibibytes.substr(0, 16383) + "\n" + next, "--b").output,
+        "\n" + next.substr(0, 31) + "\n");
+    const PartRead part = part_of(start + "\nContent-Type:t" + boundary_and_16_kibibytes, "--b");
+    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.content, "");
 }
 
 TEST(UploadPart, HeaderValueBehindTheBoundaryLosesAnyNumberOfQuotes) {
