@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <corvel.h>
 
+#include <algorithm>
 #include <array>
 
 #include "cgi/field_list.h"
@@ -64,8 +65,139 @@ class PendingText {
     HeapBlock<char> grown_;
 };
 
-/// Writes a line with its markers filled; each field that fills one is removed from the list.
-void fill_line(std::string_view line, str_node **list, Output &out) {
+/// A field in the index of names. All fields of one name make up a group, in list order.
+struct IndexedName {
+    std::string_view name;
+    const str_node *field;
+    std::size_t place; ///< The field's place in the list.
+    IndexedName *group;
+    IndexedName *next;   ///< Of a group's first field: the first field of the group not yet taken,
+    IndexedName *last;   ///< the end of the group,
+    IndexedName *prefix; ///< and the group of the longest other name that starts this one, or null.
+};
+
+int compare_names(const void *one, const void *other) {
+    const auto &a = *static_cast<const IndexedName *>(one);
+    const auto &b = *static_cast<const IndexedName *>(other);
+    const int order = a.name.compare(b.name);
+    if (order != 0)
+        return order;
+    return a.place < b.place ? -1 : 1;
+}
+
+/// Takes the fields of a list that markers name: the first field, in list order, whose name starts
+/// the text after the marker.
+///
+/// The list is searched until that has skipped `most_skipped` fields, which few pages reach. An
+/// index of the sorted names keeps the time of a search small after that, however many dollar signs
+/// the values contain. All names that start a text start one another: they are on the path of
+/// `prefix` links from the last name that does not sort after the text. The path has no more than
+/// as many steps as there are lengths of a name.
+class PageFields {
+  public:
+    explicit PageFields(str_node **list) : list_(list) {}
+    PageFields(const PageFields &) = delete;
+    PageFields &operator=(const PageFields &) = delete;
+    ~PageFields() { remove_taken(); }
+
+    /// The field that a text names, or null. It stays valid until the next call and is not in the
+    /// list when this object is gone.
+    const str_node *take(std::string_view text) {
+        if (!index_ && skipped_ > most_skipped)
+            make_index();
+        return index_ ? take_from_index(text) : take_from_list(text);
+    }
+
+  private:
+    const str_node *take_from_list(std::string_view text) {
+        str_node **const link = find_link(list_, [this, text](const str_node &field) {
+            ++skipped_;
+            return names_start_of(field, text);
+        });
+        taken_.reset(*link);
+        if (taken_)
+            *link = taken_.get()->next;
+        return taken_.get();
+    }
+
+    const str_node *take_from_index(std::string_view text) {
+        IndexedName *const after =
+            std::upper_bound(index_.get(), index_.get() + count_, text,
+                             [](std::string_view searched, const IndexedName &entry) {
+                                 return searched < entry.name;
+                             });
+        IndexedName *found = nullptr;
+        for (IndexedName *group = after != index_.get() ? after[-1].group : nullptr;
+             group != nullptr; group = group->prefix)
+            if (group->next != group->last && text.starts_with(group->name) &&
+                (found == nullptr || group->next->place < found->next->place))
+                found = group;
+        if (found == nullptr)
+            return nullptr;
+        const IndexedName &taken = *found->next++;
+        is_taken_.get()[taken.place] = true;
+        return taken.field;
+    }
+
+    /// Without memory for it there is no index yet.
+    void make_index() {
+        skipped_ = 0;
+        count_ = 0;
+        for (const str_node *field = *list_; field != nullptr; field = field->next)
+            ++count_;
+        is_taken_.reset(static_cast<bool *>(std::calloc(count_ + 1, sizeof(bool))));
+        index_.reset(static_cast<IndexedName *>(std::calloc(count_ + 1, sizeof(IndexedName))));
+        if (!is_taken_)
+            index_.reset();
+        if (!index_)
+            return;
+        IndexedName *entry = index_.get();
+        for (const str_node *field = *list_; field != nullptr; field = field->next, ++entry) {
+            entry->name = name_of(*field);
+            entry->field = field;
+            entry->place = static_cast<std::size_t>(entry - index_.get());
+        }
+        std::qsort(index_.get(), count_, sizeof(IndexedName), compare_names);
+        link_groups();
+    }
+
+    void link_groups() {
+        IndexedName *group = nullptr;
+        for (IndexedName *entry = index_.get(); entry != index_.get() + count_; ++entry) {
+            if (group == nullptr || group->name != entry->name) {
+                entry->prefix = group;
+                while (entry->prefix != nullptr && !entry->name.starts_with(entry->prefix->name))
+                    entry->prefix = entry->prefix->prefix;
+                group = entry;
+                group->next = entry;
+            }
+            entry->group = group;
+            group->last = entry + 1;
+        }
+    }
+
+    void remove_taken() {
+        str_node **link = list_;
+        for (std::size_t place = 0; index_ && place != count_; ++place) {
+            if (is_taken_.get()[place])
+                remove_record(link);
+            else
+                link = &(*link)->next;
+        }
+    }
+
+    static constexpr std::size_t most_skipped = 8192;
+
+    str_node **list_;
+    std::size_t skipped_ = 0;
+    HeapBlock<str_node> taken_;
+    HeapBlock<IndexedName> index_;
+    HeapBlock<bool> is_taken_;
+    std::size_t count_ = 0;
+};
+
+/// Writes a line with its markers filled.
+void fill_line(std::string_view line, PageFields &fields, Output &out) {
     PendingText pending(line);
     std::size_t position = 0;
     for (;;) {
@@ -73,23 +205,20 @@ void fill_line(std::string_view line, str_node **list, Output &out) {
         const std::size_t marker = text.find('$', position);
         if (marker == std::string_view::npos)
             break;
-        const std::string_view keyword = behind(text, marker + 1);
-        str_node **const link = find_link(
-            list, [keyword](const str_node &field) { return names_start_of(field, keyword); });
         position = marker + 1;
-        if (*link == nullptr)
+        const str_node *const field = fields.take(behind(text, marker + 1));
+        if (field == nullptr)
             continue;
         out.put(front(text, marker));
-        pending.drop(marker + 1 + name_of(**link).size());
+        pending.drop(marker + 1 + name_of(*field).size());
         // Without memory for a search inside of it, the value is written as it stands.
-        const std::string_view value = value_of(**link);
+        const std::string_view value = value_of(*field);
         if (pending.prepend(value)) {
             position = 1;
         } else {
             out.put(value);
             position = 0;
         }
-        remove_record(link);
     }
     out.put(pending.text());
 }
@@ -115,7 +244,7 @@ int print_html(const char *path, str_node **list) {
     if (!page)
         return 0;
     str_node *no_fields = nullptr;
-    str_node **const fields = list != nullptr ? list : &no_fields;
+    corvel::PageFields fields(list != nullptr ? list : &no_fields);
     corvel::Output out(stdout);
     corvel::LineReader lines(page.get());
     corvel::Line line;

@@ -2,18 +2,22 @@
 #include <corvel.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "cgi/list_contents.h"
+#include "support/child_process.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
 #include "support/temporary_folder.h"
@@ -583,6 +587,105 @@ TEST_F(PageTemplate, SmallRandomTemplatesAndListsAreFilledByTheRule) {
                 << testing::PrintToString(cases[i].fields);
         }
     }
+}
+
+/** Lines of dollar signs that name no field: after them the fields are looked for in an index. */
+std::string many_dollar_signs() {
+    std::string line;
+    while (line.size() < 1000)
+        line += "$.";
+    line += '\n';
+    std::string text;
+    for (int i = 0; i < 20; ++i)
+        text += line;
+    return text;
+}
+
+TEST_F(PageTemplate, RandomTemplatesWithManyDollarSignsAreFilledByTheRule) {
+    RandomText random(20261122);
+    const std::string dollar_signs = many_dollar_signs();
+    for (int batch = 0; batch < 20; ++batch) {
+        std::vector<SmallCase> cases;
+        while (cases.size() < 50) {
+            cases.push_back({dollar_signs + random.text("$$$aab\n", 60), {}});
+            for (std::size_t count = 1 + random.below(25); count > 0; --count)
+                cases.back().fields.emplace_back(random.text(batch % 4 == 0 ? "ab$" : "ab", 4),
+                                                 random.text("$$$aab\n", 12));
+        }
+        const std::vector<Filled> results = all_filled(cases);
+        for (std::size_t i = 0; i < cases.size(); ++i)
+            ASSERT_EQ(results[i], filled_by_the_rule(cases[i].page_template, cases[i].fields))
+                << "list " << testing::PrintToString(cases[i].fields);
+    }
+}
+
+TEST_F(PageTemplate, AfterManyDollarSignsTheFirstFieldWhoseNameIsAPrefixStillWins) {
+    const std::string dollar_signs = many_dollar_signs();
+    expect_filled(dollar_signs + "$ipaddr $ipaddr $ipaddr $ipx $i\n",
+                  {{"b", "0"}, {"ip", "1"}, {"ipaddr", "2"}, {"ipa", "3"}, {"i", "4"}, {"ip", "5"}},
+                  dollar_signs + "1addr 2 3ddr 4px $i\n", {{"b", "0"}, {"ip", "5"}});
+}
+
+TEST_F(PageTemplate, AfterManyDollarSignsAnUnterminatedNameStillEndsWithItsArray) {
+    const std::string name(sizeof(str_node::name), 'n');
+    OwnedList list(Fields{{"a", "1"}, {"b", "2"}});
+    std::memset(list.head()->name, 'n', sizeof list.head()->name);
+    folder_.write("page.html", many_dollar_signs() + "$" + name + "n\n");
+    const std::string path = folder_.path("page.html");
+    const std::string page = capture_stdout([&] { print_html(path.c_str(), list.address()); });
+    EXPECT_EQ(page, many_dollar_signs() + "1n\n");
+    EXPECT_EQ(contents(list.head()), (Fields{{"b", "2"}}));
+}
+
+TEST_F(PageTemplate, WithoutMemoryForAnIndexThePageIsTheSame) {
+    const std::string dollar_signs = many_dollar_signs();
+    const Fields fields{{"a", "1"}, {"b", "2"}, {"c", "3"}};
+    folder_.write("page.html", dollar_signs + "$b" + dollar_signs + "$a\n");
+    const std::string path = folder_.path("page.html");
+    const Filled expected{dollar_signs + "2" + dollar_signs + "1\n", {{"c", "3"}}, 0};
+    const unsigned long failures = for_each_allocation_failure(
+        [&](AllocationTrial &trial) {
+            OwnedList list(fields);
+            Filled result;
+            result.page = capture_stdout([&] {
+                result.result = trial.run([&] { return print_html(path.c_str(), list.address()); });
+            });
+            result.left = contents(list.head());
+            EXPECT_EQ(result, expected) << trial.n();
+        },
+        Allocations::outside_c_library);
+    EXPECT_EQ(failures, 2U);
+    const FailCall no_memory(call_allocation, 1, ENOMEM, FailCall::from_then_on);
+    EXPECT_EQ(print_html(path.c_str(), nullptr), 0);
+}
+
+/** Each of the dollar signs in the values would be compared with the names of all fields. */
+TEST_F(PageTemplate, IsFilledInTimeThatGrowsWithItsValuesAndItsFields) {
+    constexpr std::size_t values = 100;
+    constexpr std::size_t fields = 20000;
+    constexpr rlim_t seconds_allowed = 10;
+    std::string markers;
+    for (std::size_t i = 0; i < values; ++i)
+        markers += numbered("$f", static_cast<int>(fields + i)) + '\n';
+    folder_.write("page.html", markers);
+    const std::string path = folder_.path("page.html");
+    const std::string value(4096, '$');
+    const ChildResult child = run_in_child([&] {
+        const rlimit limit{seconds_allowed, seconds_allowed + 1};
+        setrlimit(RLIMIT_CPU, &limit);
+        str_node *list = nullptr;
+        str_node **end = &list;
+        for (std::size_t i = fields + values; i-- > 0; end = &(*end)->next)
+            add_str(end, numbered("f", static_cast<int>(i)).c_str(),
+                    i < fields ? "" : value.c_str());
+        print_html(path.c_str(), &list);
+        const std::size_t left = contents(list).size();
+        free_list(&list);
+        return left == fields ? 0 : 1;
+    });
+    EXPECT_EQ(child.signal, 0) << "took more than " << seconds_allowed << " seconds";
+    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.out.size(), values * (value.size() + 1));
 }
 
 TEST_F(PageTemplate, LongRandomTemplatesAndListsAreFilledByTheRule) {
