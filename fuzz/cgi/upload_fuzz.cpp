@@ -67,7 +67,7 @@ struct File {
 // ------------------------------------------------------------------------------------ the model
 
 /** Reads the header that begins with a key in front of a limit; moves the cursor to the line's end,
- *  which is looked for so far behind the limit. */
+ *  which is looked for up to so many bytes after the limit. */
 bool read_header(const std::string &bytes, const std::string &key, char separator,
                  std::size_t limit, std::size_t &cursor, std::string &value) {
     const std::size_t place = bytes.find(key, cursor);

@@ -602,6 +602,13 @@ TEST(ZeroedBlock, SizeZeroIsHarmless) {
     EXPECT_EQ(free_buffer(block, 0), 0);
 }
 
+TEST(ZeroedBlock, SizeZeroGivesABlockEvenWhereTheHeapHasNoEmptyBlocks) {
+    const NoEmptyBlocks heap;
+    void *const block = get_buffer(0);
+    EXPECT_NE(block, nullptr);
+    std::free(block);
+}
+
 TEST(ZeroedBlock, FreeingNullDoesNothing) {
     for (const std::uint32_t size : {0U, 1U, 4096U, 0xFFFFFFFFU}) {
         EXPECT_EQ(free_buffer(nullptr, size), 0);

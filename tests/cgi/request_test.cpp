@@ -819,6 +819,12 @@ TEST(UnescapeUrl, DecodedNulEndsTheText) {
     EXPECT_EQ(unescaped("%00"), "");
 }
 
+TEST(UnescapeUrl, WhatFollowsADecodedNulIsDecodedAsWell) {
+    std::array text = std::to_array("a%00b%41%");
+    unescape_url(text.data());
+    EXPECT_EQ(std::string(text.data(), 6), std::string("a\0bA%\0", 6));
+}
+
 TEST(UnescapeUrl, NullIsLeftAlone) { EXPECT_EQ(unescape_url(nullptr), nullptr); }
 
 TEST(UnescapeUrl, EveryTwoCharactersGiveTheByteOfTheRule) {
@@ -1171,6 +1177,13 @@ TEST(CommandLine, NothingOfALongerLineBeforeIsLeft) {
     get_val_awk("head -c 4095 /dev/zero | tr '\\0' x");
     EXPECT_STREQ(get_val_awk("echo short"), "short\n");
     EXPECT_STREQ(get_val_awk("true"), "");
+}
+
+TEST(CommandLine, First255BytesAreZeroedForASilentCommand) {
+    get_val_awk("head -c 4095 /dev/zero | tr '\\0' x");
+    const std::string_view buffer(get_val_awk("true"), 4096);
+    EXPECT_EQ(buffer.substr(0, 255), std::string(255, '\0'));
+    EXPECT_EQ(buffer.substr(255), std::string(3840, 'x') + '\0');
 }
 
 TEST(CommandLine, NulByteEndsIt) { EXPECT_STREQ(get_val_awk("printf 'a\\0b\\n'"), "a"); }

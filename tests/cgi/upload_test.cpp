@@ -398,6 +398,22 @@ TEST(MultipartBody, OfABadLengthIsRefusedUnreadAndWithoutAPause) {
     }
 }
 
+TEST(MultipartBody, OfABadLengthHasItsBoundaryStoredAllTheSame) {
+    for (const std::optional<std::string> &value :
+         std::vector<std::optional<std::string>>{"-1", "16777217", std::nullopt}) {
+        const UploadSurroundings surroundings(
+            {.body = "ab", .length = value, .has_length = value.has_value()});
+        char *boundary = nullptr;
+        int total = -7;
+        int length = -7;
+        EXPECT_EQ(read_queue_for_upload1(&total, &boundary, &length), nullptr);
+        const OwnedText block = owned(boundary);
+        EXPECT_STREQ(boundary, "--b");
+        EXPECT_EQ(length, 3) << value.value_or("none");
+        EXPECT_EQ(total, -7) << value.value_or("none");
+    }
+}
+
 TEST(MultipartBody, IsTakenUpToSixteenMebibytes) {
     std::string body = body_of("b", {file_part("image", "")});
     const std::string content = repeated(every_byte(), largest_upload - body.size());
@@ -888,7 +904,7 @@ TEST(UploadPart, HeaderLineThatRunsFarBehindTheBoundaryEndsWhereItDoes) {
 // A sanitizer looks at all the bytes that a search may read, not at those that it reads.
 #if !UNDER_SANITIZER
 /**
- * Reads a part of a block of which the last byte lies a mebibyte behind its memory.
+ * Reads a part of a block whose end is a mebibyte after the end of its memory.
  *
  * @return the cursor's place, and the code, or 1 if a signal ended the call.
  */
@@ -959,6 +975,44 @@ TEST(UploadPart, KeyMayRunIntoTheNextBoundary) {
     const PartRead part = part_of(bytes, "=x");
     EXPECT_EQ(part.code, -4);
     EXPECT_STREQ(part.record.filename, "x");
+}
+
+TEST(UploadPart, KeyThatStartsWhereTheNextBoundaryDoesIsNotTaken) {
+    const char *const type = "Content-Type:b";
+    EXPECT_EQ(part_of("Content-Type:b filename=a\r\nContent-Type:b", type).code, -4);
+    const PartRead second =
+        part_of("Content-Type:b filename=a\r\nContent-Type: t\r\n\r\nc\r\nContent-Type:b", type);
+    EXPECT_STREQ(second.record.content_type, " t");
+    EXPECT_EQ(second.content, "c");
+    const PartRead encoded = part_of("Content-Transfer-Encoding:b filename=a\r\nContent-Type: t"
+                                     "\r\n\r\nc\r\nContent-Transfer-Encoding:b",
+                                     "Content-Transfer-Encoding:b");
+    EXPECT_EQ(encoded.record.transfer_encoding[0], '!') << "as it was";
+    EXPECT_EQ(encoded.content, "c");
+}
+
+TEST(UploadPart, KeyThatStartsJustBeforeTheNextBoundaryIsTaken) {
+    // The boundary is the key without its first character.
+    const PartRead part = part_of("ontent-Type: filename=a\nContent-Type: t\n", "ontent-Type:");
+    EXPECT_EQ(part.code, 0);
+    EXPECT_STREQ(part.record.content_type, " t");
+}
+
+TEST(UploadPart, CursorAtOrAfterTheEndFindsNoBoundary) {
+    const std::string bytes = "--bfilename=a\r\nContent-Type:t\r\n\r\nc\r\n--b";
+    for (const std::size_t beyond : {0U, 1U, 2U, 1000000U}) {
+        const PartRead part = part_of(bytes, "--b", bytes.size() + beyond);
+        EXPECT_EQ(part.code, -1) << beyond;
+        EXPECT_EQ(part.cursor, static_cast<std::ptrdiff_t>(bytes.size())) << beyond;
+    }
+    // Boundaries between the cursor and the end of the memory are not looked at.
+    const GuardedBlock block("xx bfilename=ab");
+    char *cursor = block.start() + 3;
+    char *data = nullptr;
+    unsigned int size = 0;
+    prop_file record{};
+    EXPECT_EQ(getDisposition_file(&data, &size, &cursor, block.start() + 2, "b", &record), -1);
+    EXPECT_EQ(cursor, block.start() + 2);
 }
 
 TEST(UploadPart, BoundaryMayHoldHeadersItself) {

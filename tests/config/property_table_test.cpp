@@ -559,6 +559,15 @@ TEST(GetProp, CutsAValueTo255CharactersBeforeTheQuotesAreRemoved) {
     EXPECT_EQ(value_of(table, "quoted 256"), filler.substr(0, 254));
 }
 
+TEST(GetProp, RemovesTheLeadingQuoteOfAValueThatItCuts) {
+    PropertyTable table;
+    for (const std::size_t length : {255U, 256U, 257U}) {
+        const std::string name = std::to_string(length);
+        table.insert(name, "\"" + std::string(length - 1, 'v'));
+        EXPECT_EQ(value_of(table, name), std::string(254, 'v')) << length;
+    }
+}
+
 TEST(GetProp, ReadsAnUnterminatedValueNoFurtherThanItNeeds) {
     char name[] = "A";
     const GuardedBlock value(std::string(255, 'v'));

@@ -67,6 +67,15 @@ class CountCalls {
     unsigned long before_;
 };
 
+/** Allocating no bytes gives a null pointer while the object lives, as in some C libraries. */
+class NoEmptyBlocks {
+  public:
+    NoEmptyBlocks() { stand_in_no_empty_blocks = 1; }
+    ~NoEmptyBlocks() { stand_in_no_empty_blocks = 0; }
+    NoEmptyBlocks(const NoEmptyBlocks &) = delete;
+    NoEmptyBlocks &operator=(const NoEmptyBlocks &) = delete;
+};
+
 /** Takes the commands given to system() and answers with a status; nothing is run. */
 class RecordSystem {
   public:

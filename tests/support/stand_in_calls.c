@@ -21,6 +21,7 @@
 struct stand_in_switch stand_in_switches[stand_in_call_count];
 int stand_in_spare_c_library;
 void (*stand_in_opened)(int descriptor, const char *path);
+int stand_in_no_empty_blocks;
 int (*stand_in_system)(const char *command);
 void (*stand_in_sync)(void);
 void (*stand_in_syslog)(int priority, const char *message);
@@ -182,6 +183,8 @@ void *malloc(size_t size) {
         return next(size);
     if (allocation_fails(call_malloc, __builtin_return_address(0)))
         return NULL;
+    if (stand_in_no_empty_blocks && size == 0)
+        return NULL;
     void *const block = next(size);
     remember(block);
     return block;
@@ -193,6 +196,8 @@ void *calloc(size_t count, size_t size) {
         return size != 0 && count > SIZE_MAX / size ? NULL : from_arena(count * size);
     NEXT_DEFINITION(calloc);
     if (allocation_fails(call_calloc, __builtin_return_address(0)))
+        return NULL;
+    if (stand_in_no_empty_blocks && (count == 0 || size == 0))
         return NULL;
     within_allocation = 1;
     void *const block = next(count, size);
