@@ -72,6 +72,7 @@ extern int stand_in_spare_c_library;
 
 /** What is told of each descriptor that open() or fopen() returned, where it is not null. */
 extern void (*stand_in_opened)(int descriptor, const char *path);
+
 /** Where it is not 0, allocating no bytes gives a null pointer, as in some C libraries. */
 extern int stand_in_no_empty_blocks;
 
