@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Runs the guide's program that starts the configuration client, beside a client that does not end."""
+"""Runs the guide's program that starts the configuration client, with one that keeps running."""
 import os
 import subprocess
 import time
@@ -25,7 +25,7 @@ def fault_of(directory, variables):
         fault = None if output.startswith(b"Status: 303 ") else str(output)
     except subprocess.TimeoutExpired:
         fault = "the client holds the response open"
-    # Whether a client has been started at all: it ends when it is told to.
+    # The client ends when it reads a line. Checks that a client was started at all.
     go = os.open(directory / "go", os.O_RDWR)
     os.write(go, b"applied\n")
     end = time.monotonic() + 30
@@ -33,7 +33,7 @@ def fault_of(directory, variables):
         time.sleep(0.01)
     os.close(go)
     program.communicate()
-    return fault or (None if (directory / "done").exists() else "the client has not been started")
+    return fault or (None if (directory / "done").exists() else "the client was not started")
 
 
 def check(tally, directory, variables):

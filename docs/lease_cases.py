@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Runs the guide's program that lists leases beside a udhcpd, in a root directory of its own."""
+"""Runs the guide's program that lists leases in a private root, with the files of a udhcpd."""
 import json
 import os
 import shutil
@@ -14,16 +14,16 @@ ROW = {"ip": "192.168.1.10", "mac": "AA:BB:CC:DD:EE:01", "name": "", "left": "36
 
 
 def current(count):
-    """What a current udhcpd writes: the time, then leases of 36 bytes."""
+    """Returns the file that a current udhcpd writes: the time, then leases of 36 bytes."""
     lease = struct.pack(">I4s6s20sxx", 3600, HOST[1], HOST[0], b"laptop")
     return struct.pack(">q", 1_700_000_000) + count * lease
 
 
-# The pid file, the lease file, the rows.
+# Name: (pid file, lease file, expected rows).
 CASES = {
-    "the layout that is known": ("99999\n", 2 * KNOWN, [ROW, ROW]),
+    "the supported layout": ("99999\n", 2 * KNOWN, [ROW, ROW]),
     "an empty file": ("99999\n", b"", []),
-    "a file of another layout without leases": ("99999\n", current(0), []),
+    "a file of another layout, without leases": ("99999\n", current(0), []),
     "a file of another layout": ("99999\n", current(2), []),
     "many leases of another layout": ("99999\n", current(50), []),
     "process 1": ("1\n", KNOWN, []),
@@ -38,7 +38,7 @@ def rows(directory, process, leases):
     shutil.copy(directory / "hosts.static", root / "hosts")
     (root / "var/run/udhcpd.pid").write_text(process)
     (root / "var/config/udhcpd.leases").write_bytes(leases)
-    # In a namespace of its own the program can send no other process a signal.
+    # In its own process namespace the program cannot signal any other process.
     user = [] if os.geteuid() == 0 else ["--map-root-user"]
     done = subprocess.run(["unshare", *user, "--pid", "--fork", "chroot", root, "/hosts"],
                           stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=60)

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""Sends the guide's programs requests through nginx and fcgiwrap.
+"""Sends requests to the guide's programs through nginx and fcgiwrap.
 
-nginx reports "502 Bad Gateway" if a program exits while nginx still sends it the body.
+nginx reports "502 Bad Gateway" if a program exits while nginx is still sending the body.
 """
 import contextlib
 import os
@@ -39,7 +39,7 @@ http {{
 
 @contextlib.contextmanager
 def server(programs, scratch, variables):
-    """Serves the programs of a directory; gives the path of the socket."""
+    """Serves the programs of a directory. Yields the path of the server's socket."""
     user = "user root;" if os.geteuid() == 0 else ""
     (scratch / "nginx.conf").write_text(
         CONFIGURATION.format(directory=scratch, programs=programs, user=user))
@@ -61,7 +61,7 @@ def server(programs, scratch, variables):
 
 
 def post(socket, path, body, content_type="application/x-www-form-urlencoded"):
-    """The status and the whole response to a request."""
+    """Returns the status and the complete response to a request."""
     done = subprocess.run(
         ["curl", "--silent", "--max-time", "60", "--include", "--unix-socket", socket,
          "--header", f"Content-Type: {content_type}", "--header", "Expect:", "--data-binary", "@-",
@@ -80,7 +80,7 @@ def check(tally, directory, scratch, variables):
             status, _ = post(socket, "/save_lan", b"x" * size)
             tally.add(f"nginx: a form of {size} bytes is refused", fault_of_status(status, 413))
         status, _ = post(socket, "/save_lan", b"IPADDR=10.0.0.1")
-        tally.add("nginx: a form is taken", fault_of_status(status, 303))
+        tally.add("nginx: a form is accepted", fault_of_status(status, 303))
         kind = "multipart/form-data; boundary=b"
         for size in (70_000, 20_000_000):
             status, _ = post(socket, "/files", b"x" * size, "multipart/form-data")
@@ -91,6 +91,6 @@ def check(tally, directory, scratch, variables):
         status, response = post(
             socket, "/files", b"--b\r\nContent-Disposition: form-data; name=\"f\"\r\n\r\n"
             b"filename=x\r\n\r\n<script>alert(1)</script>\r\n--b--\r\n", kind)
-        tally.add("nginx: nothing of a field gets into the response",
+        tally.add("nginx: the response contains no part of a field",
                   fault_of_status(status, 200) or (response.decode() if b"script" in response else
                                                    None))

@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: MIT
-"""Runs the guide's upgrade program on devices of plain files, in a root directory of their own.
+"""Runs the guide's upgrade program on devices of plain files, in a private root.
 
-After each run a model of the boot loader starts the device: it reads `bootparam` from an
-environment whose CRC is good and starts set A otherwise. The root file system and the kernel that it
-finds must be of one version. The program is also killed at each of its system calls that open or
-write a file. Then a whole set must boot as well, unless none did before and no set has been touched.
+After each run a model of the boot loader starts the device: it reads `bootparam` from the
+environment if its CRC is correct, and starts set A otherwise. The root file system and the kernel
+of the started set must have the same version. The program is also killed at each of its system
+calls that open or write a file. A complete set must then boot, unless none booted before and no set
+has been changed.
 """
 import os
 import shutil
@@ -53,7 +54,7 @@ def line(partition, rest=""):
 # --- A device -----------------------------------------------------------------------------------
 
 class Device:
-    """A flash whose running set holds the version "old"; the other set is erased."""
+    """A flash whose running set has the version "old"; the other set is erased."""
 
     def __init__(self, directory, running, environment_image, command_line):
         self.root = directory / "device"
@@ -81,7 +82,7 @@ class Device:
         return [self.partition(number).read_bytes() for number in range(9)]
 
     def upgrade(self, image_bytes, wrapper=()):
-        """Runs the program; gives back its status."""
+        """Runs the program and returns its exit status."""
         root = ["chroot"] if os.geteuid() == 0 else ["unshare", "--map-root-user", "chroot"]
         done = subprocess.run([*wrapper, *root, self.root, "/upgrade"], input=image_bytes,
                               capture_output=True, timeout=60)
@@ -89,7 +90,7 @@ class Device:
         return done.returncode
 
     def booted(self):
-        """The set and the version that boot; the version is None if there is no whole set."""
+        """Returns the set that boots and its version, which is None if the set is incomplete."""
         stored = self.partition(1).read_bytes()
         number = 0
         if len(stored) == 65536 and struct.unpack(">I", stored[:4])[0] == zlib.crc32(stored[4:]):
@@ -109,57 +110,60 @@ class Device:
 A, B = 0, 1
 STARTS_NEW_A, STARTS_NEW_B = ("A", "new"), ("B", "new")
 
-# What runs, the environment, the image, the command line, the outcome and what boots after it. The
-# flash stays as it was where the upgrade is refused.
+# Name: (running set, environment, image, command line, outcome, set and version that boot
+# afterwards; None for the running set). A refused upgrade must leave the flash unchanged.
 CASES = {
-    "a good environment": (A, A_BOOTS, NEW, line(2), UPGRADED, STARTS_NEW_B),
-    "an environment with a bad CRC": (A, DAMAGED_A, NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "a valid environment": (A, A_BOOTS, NEW, line(2), UPGRADED, STARTS_NEW_B),
+    "an environment with a wrong CRC": (A, DAMAGED_A, NEW, line(2), UPGRADED, STARTS_NEW_B),
     "an environment without bootparam": (A, WITHOUT, NEW, line(2), UPGRADED, STARTS_NEW_B),
     "a negative bootparam": (A, environment(b"bootparam=-1"), NEW, line(2), UPGRADED, STARTS_NEW_B),
-    "B runs, an image for set B": (B, B_BOOTS, image(ROOT_B, KERNEL_B), line(4), REFUSED, None),
-    "A runs, an image of rfs1 and kern": (A, A_BOOTS, image(ROOT_B, KERNEL), line(2), UPGRADED,
-                                          STARTS_NEW_B),
-    "B runs, an image of rfs1 and kern": (B, B_BOOTS, image(ROOT_B, KERNEL), line(4), REFUSED,
-                                          None),
-    "a root alone": (A, A_BOOTS, image(ROOT), line(2), REFUSED, None),
-    "a log alone": (A, A_BOOTS, image(section(b"log0", b"log")), line(2), REFUSED, None),
+    "B is running, an image for set B": (B, B_BOOTS, image(ROOT_B, KERNEL_B), line(4), REFUSED,
+                                         None),
+    "A is running, an image of rfs1 and kern": (A, A_BOOTS, image(ROOT_B, KERNEL), line(2),
+                                                UPGRADED, STARTS_NEW_B),
+    "B is running, an image of rfs1 and kern": (B, B_BOOTS, image(ROOT_B, KERNEL), line(4),
+                                                REFUSED, None),
+    "only a root file system": (A, A_BOOTS, image(ROOT), line(2), REFUSED, None),
+    "only a log": (A, A_BOOTS, image(section(b"log0", b"log")), line(2), REFUSED, None),
     "an image with a boot environment": (A, A_BOOTS, image(section(b"benv", B_BOOTS), ROOT, KERNEL),
                                          line(2), REFUSED, None),
 
-    "B runs": (B, B_BOOTS, NEW, line(4), UPGRADED, STARTS_NEW_A),
-    "B runs, a bad CRC": (B, DAMAGED_B, NEW, line(4), UPGRADED, STARTS_NEW_A),
-    "B runs, no bootparam": (B, WITHOUT, NEW, line(4), UPGRADED, STARTS_NEW_A),
-    "the device's name": (B, B_BOOTS, NEW, "ro root=/dev/mtdblock4\n", UPGRADED, STARTS_NEW_A),
-    "the last of two roots": (B, B_BOOTS, NEW, line(2, " root=31:4"), UPGRADED, STARTS_NEW_A),
-    "a root in a quoted value": (B, B_BOOTS, NEW, line(4, ' x="y root=31:2 z"'), UPGRADED,
+    "B is running": (B, B_BOOTS, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "B is running, a wrong CRC": (B, DAMAGED_B, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "B is running, no bootparam": (B, WITHOUT, NEW, line(4), UPGRADED, STARTS_NEW_A),
+    "a device path as the root": (B, B_BOOTS, NEW, "ro root=/dev/mtdblock4\n", UPGRADED,
+                                  STARTS_NEW_A),
+    "the last of two root parameters": (B, B_BOOTS, NEW, line(2, " root=31:4"), UPGRADED,
+                                        STARTS_NEW_A),
+    "a root parameter in a quoted value": (B, B_BOOTS, NEW, line(4, ' x="y root=31:2 z"'), UPGRADED,
                                  STARTS_NEW_A),
-    "a root for the first program": (B, B_BOOTS, NEW, line(4, " -- root=31:2"), UPGRADED,
+    "a root parameter for the init program": (B, B_BOOTS, NEW, line(4, " -- root=31:2"), UPGRADED,
                                      STARTS_NEW_A),
     "a long command line": (B, DAMAGED_B, NEW, "x" * 4000 + " " + line(4), UPGRADED, STARTS_NEW_A),
     "no command line": (B, B_BOOTS, NEW, None, UPGRADED, STARTS_NEW_A),
     "another root": (B, B_BOOTS, NEW, "root=/dev/nfs\n", UPGRADED, STARTS_NEW_A),
     "neither a command line nor bootparam": (A, WITHOUT, NEW, "quiet\n", REFUSED, None),
-    "a command line that disagrees": (A, B_BOOTS, NEW, line(2), REFUSED, None),
+    "a command line that contradicts bootparam": (A, B_BOOTS, NEW, line(2), REFUSED, None),
     "an erased environment": (A, b"\xff" * 65536, NEW, line(2), REFUSED, None),
     "a short environment": (A, A_BOOTS[:65535], NEW, line(2), REFUSED, None),
-    "an environment of noise": (A, b"noise" + bytes(65531), NEW, line(2), REFUSED, None),
-    "no variables and a bad CRC": (A, environment(good_crc=False), NEW, line(2), REFUSED, None),
-    "a kernel alone": (A, A_BOOTS, image(KERNEL), line(2), REFUSED, None),
-    "a version alone": (A, A_BOOTS, image(), line(2), REFUSED, None),
+    "an environment that is not a list": (A, b"noise" + bytes(65531), NEW, line(2), REFUSED, None),
+    "no variables and a wrong CRC": (A, environment(good_crc=False), NEW, line(2), REFUSED, None),
+    "only a kernel": (A, A_BOOTS, image(KERNEL), line(2), REFUSED, None),
+    "only a version": (A, A_BOOTS, image(), line(2), REFUSED, None),
     "no version": (A, A_BOOTS, ROOT + KERNEL, line(2), REFUSED, None),
-    "a root twice": (A, A_BOOTS, image(ROOT, ROOT), line(2), REFUSED, None),
-    "both roots": (A, A_BOOTS, image(ROOT, ROOT_B), line(2), REFUSED, None),
+    "a root file system twice": (A, A_BOOTS, image(ROOT, ROOT), line(2), REFUSED, None),
+    "the root file systems of both sets": (A, A_BOOTS, image(ROOT, ROOT_B), line(2), REFUSED, None),
     "an empty kernel": (A, A_BOOTS, image(ROOT, section(b"kern", b"")), line(2), REFUSED, None),
-    "an unchecked root that is too large": (
+    "an unverified root file system that is too large": (
         A, A_BOOTS, image(section(b"root", bytes(ROOT_SIZE + 1), True), KERNEL), line(2), REFUSED,
         None),
-    "an unchecked kernel that is too large": (
+    "an unverified kernel that is too large": (
         A, A_BOOTS, image(ROOT, section(b"kern", bytes(KERNEL_SIZE + 1), True)), line(2), REFUSED,
         None),
     "a boot loader": (A, A_BOOTS, image(section(b"boot", b"boot"), ROOT, KERNEL), line(2), REFUSED,
                       None),
     "a damaged image": (A, A_BOOTS, NEW[:-1] + b"?", line(2), REFUSED, None),
-    "an image cut off": (A, A_BOOTS, NEW[:50], line(2), REFUSED, None),
+    "a truncated image": (A, A_BOOTS, NEW[:50], line(2), REFUSED, None),
     "no image": (A, A_BOOTS, b"", line(2), REFUSED, None),
 }
 
@@ -179,7 +183,7 @@ def fault_of(directory, case):
 
 
 def fault_of_full_flash(directory):
-    """A partition that cannot be written: the set that runs still boots."""
+    """If a partition cannot be written, the running set still boots."""
     device = Device(directory, A, A_BOOTS, line(2))
     device.partition(5).unlink()
     device.partition(5).symlink_to("/dev/missing")
@@ -188,7 +192,7 @@ def fault_of_full_flash(directory):
 
 
 def fault_of_second(directory):
-    """A second upgrade before the restart would be written over the set that runs."""
+    """A second upgrade before the restart is refused: it would overwrite the running set."""
     device = Device(directory, A, A_BOOTS, line(2))
     statuses = device.upgrade(NEW), device.upgrade(NEW)
     return None if statuses == (UPGRADED, REFUSED) and device.booted() == STARTS_NEW_B else (
@@ -196,14 +200,14 @@ def fault_of_second(directory):
 
 
 def fault_of_two_at_once(directory):
-    """Another upgrade holds the lock."""
+    """An upgrade is refused while another one holds the lock."""
     device = Device(directory, A, A_BOOTS, line(2))
     status = device.upgrade(NEW, ["flock", device.partition(1)])
     return None if status == REFUSED and device.contents() == device.before else f"status {status}"
 
 
 def fault_of_kills(directory, running, environment_image, call):
-    """Kills the program at each call of one kind; gives back what is wrong with the flash then."""
+    """Kills the program at each call of one kind. Returns the first fault of the flash, or None."""
     for number in range(1, 1000):
         device = Device(directory, running, environment_image, line(2 + 2 * running))
         booted_before = device.booted()[1] is not None
@@ -211,10 +215,10 @@ def fault_of_kills(directory, running, environment_image, call):
                                       f"inject={call}:signal=KILL:when={number}"])
         touched = device.contents()[2:6] != device.before[2:6]
         if device.booted()[1] is None and (booted_before or touched):
-            return f"killed at {call} {number}: set {device.booted()[0]} is not whole"
+            return f"killed at {call} {number}: set {device.booted()[0]} is incomplete"
         if status == UPGRADED:
             return None if number > 2 else f"only {number - 1} calls of {call}"
-    return f"no end of {call}"
+    return f"more calls of {call} than expected"
 
 
 def check(tally, directory, variables):
@@ -227,10 +231,12 @@ def check(tally, directory, variables):
         tally.add(f"upgrade: {name}", fault_of(directory, case))
     tally.add("upgrade: a partition that cannot be written", fault_of_full_flash(directory))
     tally.add("upgrade: a second one before the restart", fault_of_second(directory))
-    tally.add("upgrade: two at once", fault_of_two_at_once(directory))
+    tally.add("upgrade: two at the same time", fault_of_two_at_once(directory))
     for name, running, environment_image in (
-            ("A runs", A, A_BOOTS), ("B runs", B, B_BOOTS), ("A runs, a bad CRC", A, DAMAGED_A),
-            ("B runs, a bad CRC", B, DAMAGED_B), ("B runs, no bootparam", B, WITHOUT)):
+            ("A is running", A, A_BOOTS), ("B is running", B, B_BOOTS),
+            ("A is running, a wrong CRC", A, DAMAGED_A),
+            ("B is running, a wrong CRC", B, DAMAGED_B),
+            ("B is running, no bootparam", B, WITHOUT)):
         for call in ("openat", "write"):
             tally.add(f"upgrade: killed at each {call}, {name}",
                       fault_of_kills(directory, running, environment_image, call))
