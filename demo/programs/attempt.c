@@ -10,14 +10,14 @@
 #include <time.h>
 #include <unistd.h>
 
-/* A file holds the record of wrong passwords; locks on its bytes are who waits and whose turn it
- * is. They end with the program, whatever ends it. */
+/* The record of wrong passwords is in a file. Locks on bytes of the file represent the places of
+ * waiting programs and the turn. They are released when the program ends for any reason. */
 
 enum { places = 4, turn = places, longest_delay = 8000, forgotten_after = 15 * 60 * 1000 };
 
 typedef struct attempts {
     int failures;    /* in a row */
-    long long until; /* when the next password is looked at, in milliseconds */
+    long long until; /* when the next password may be checked, in milliseconds */
 } attempts;
 
 static long long now(void) {
@@ -55,41 +55,41 @@ static attempts load_attempts(int file) {
         sscanf(text, "%d %lld", &known.failures, &known.until);
     if (now() - known.until > forgotten_after)
         known.failures = 0;
-    if (known.until > now() + longest_delay) /* no record that was written here */
+    if (known.until > now() + longest_delay) /* not a time that this program writes */
         known.until = now() + longest_delay;
     return known;
 }
 
-/* Always of one length: the record is written over in one piece. */
+/* The record has a fixed length, so that one write replaces it. */
 static void save_attempts(int file, const attempts *known) {
     char text[64];
     const int length = snprintf(text, sizeof text, "%11d %20lld\n", known->failures, known->until);
     if (pwrite(file, text, (size_t)length, 0) != length)
-        refuse("503 Service Unavailable", "The attempt can't be written down.");
+        refuse("503 Service Unavailable", "The attempt could not be recorded.");
 }
 
 static long long delay_after(int failures) {
     return failures < 4 ? 1000LL << (failures - 1) : longest_delay;
 }
 
-/* A user name of the form may be anything; one that was cut could name somebody else. */
+/* A form can contain any user name. A truncated name could be that of another user. */
 static int is_right(const char *user, const char *password) {
     return user && password && strlen(user) <= longest_value && strlen(password) <= longest_value &&
            !text_complaint(user) && login_auth(user, password) == 0;
 }
 
 /*
- * An attempt counts as a wrong one until it has turned out right: closing the connection, which
- * ends this program, saves nobody the time. All answers to wrong ones take the same time, from the
- * start of the check, so that they don't tell which users there are.
+ * An attempt counts as a failure until the password has proved right: closing the connection, which
+ * ends this program, does not avoid the delay. The response to a wrong password is sent at a fixed
+ * time after the start of the check, so that it does not reveal which users exist.
  *
- * The turn is kept until the program ends: a login has its session by then, or a change of password
- * its end.
+ * The program keeps the turn until it ends. By then a login has its session, and a change of
+ * password is complete.
  */
 verdict check_password(const char *user, const char *password, const char *refusal) {
     const int file = open("/run/login", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0)
-        refuse("503 Service Unavailable", "The attempt can't be written down.");
+        refuse("503 Service Unavailable", "The attempt could not be recorded.");
     if (!take_place(file))
         return too_many_attempts;
     lock_byte(file, F_OFD_SETLKW, turn);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file attempt.h
- * @brief The checking of passwords.
+ * @brief Password checks with a delay against guessing.
  */
 #ifndef ATTEMPT_H
 #define ATTEMPT_H
@@ -9,16 +9,15 @@
 typedef enum verdict { password_right, password_wrong, too_many_attempts } verdict;
 
 /**
- * Checks a password, and slows down who guesses: behind each wrong one in a row it takes longer
- * until the answer comes and until the next one is looked at, whoever sends it. Few may wait at
- * once; nobody waits behind them.
+ * Checks a password. Each further wrong password in a row increases the delay before the response
+ * and before the next check, regardless of the client. Only a few programs may wait at once;
+ * further ones return too_many_attempts immediately.
  *
- * From a password that was looked at until the program ends, no other program looks at one.
+ * From the check until this program ends, no other program checks a password.
  *
- * @param user     the name, as it was sent. May be null.
- * @param password the password, as it was sent. May be null.
- * @param refusal  the trap that tells of a wrong one, also where nobody waits for the answer; null
- *                 for none.
+ * @param user     the name as received. May be null.
+ * @param password the password as received. May be null.
+ * @param refusal  text of the trap that reports a wrong password, before the delay; null for none.
  */
 verdict check_password(const char *user, const char *password, const char *refusal);
 

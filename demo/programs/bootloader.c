@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The boot loader: reads from the environment which set is to run, and hands the kernel its command
- * line with that set's root file system. Without an environment it starts set A.
+ * The boot loader: selects the set by the boot environment, and writes the kernel's command line
+ * with that set's root file system. Without an environment it starts set A.
  */
 #define _GNU_SOURCE
 #include "firmware.h"
@@ -9,7 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* Prints the command line with another root device in the place of its own. */
+/* Prints the command line with its root device replaced. */
 static void print_with_root(FILE *file, const char *line, unsigned int partition) {
     static const char key[] = "root=";
     const char *root = strstr(line, key);

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The clients page: who has got an address from the DHCP server, and whom the kernel knows as a
- * neighbour. Each list is completed from the other one: the lease has the name and the time, the
- * neighbour the interface.
+ * The clients page: the leases of the DHCP server and the kernel's neighbours. Each list is
+ * completed with data of the other: a lease has the name and the time left, a neighbour the
+ * interface.
  */
 #define _GNU_SOURCE
 #include "site.h"
@@ -16,14 +16,14 @@
 enum {
     stripped_size = 13,
     mac_size = 18,
-    /* A lease that never ends is stored with the end 0: more than ten years ago. */
+    /* A lease that never expires has the expiry time 0, which is more than ten years ago. */
     never = -315360000
 };
 
 typedef struct client {
     char host[sizeof(((lease_entry *)0)->hostname)];
     char ip[sizeof(((lease_entry *)0)->ip)];
-    char stripped[stripped_size]; /* the hardware address without colons; empty if there is none */
+    char stripped[stripped_size]; /* the hardware address without colons; empty if unknown */
     char interface[IF_NAMESIZE];
     char expires[duration_size];
     long left; /* seconds */
@@ -49,14 +49,14 @@ static void take_expiry(client *taken, const char *seconds) {
     if (taken->left < never)
         snprintf(taken->expires, sizeof taken->expires, "never");
     else if (taken->left < 0)
-        snprintf(taken->expires, sizeof taken->expires, "ended");
+        snprintf(taken->expires, sizeof taken->expires, "expired");
     else
         format_duration(taken->left, taken->expires);
     if (taken->left < never)
         taken->left = -never;
 }
 
-/* The DHCP server writes a star for a name that it was not told. */
+/* The DHCP server writes an asterisk instead of an unknown name. */
 static client_table read_leases(void) {
     client_table table = {NULL, 0};
     lease_entry *leases = NULL;
@@ -96,7 +96,8 @@ static void take_neighbour(client_table *table, client_table *leases, const leas
     safe_strncpy(neighbour->interface, interface, sizeof neighbour->interface);
 }
 
-/* A neighbour's record doesn't say where it was met: each interface is asked for its own. */
+/* A neighbour's record does not name its interface: the neighbours of each interface are read
+ * separately. */
 static client_table read_neighbours(client_table *leases) {
     client_table table = {NULL, 0};
     struct if_nameindex *interfaces = if_nameindex();
@@ -112,7 +113,7 @@ static client_table read_neighbours(client_table *leases) {
     return table;
 }
 
-/* Sorting: by one column, and by the address where that leaves it open. */
+/* Sorting: by one column, and by address where that column is equal. */
 
 typedef int comparison(const client *one, const client *other);
 
@@ -124,7 +125,7 @@ static int by_ip(const client *one, const client *other) {
     return memcmp(&one_address, &other_address, sizeof one_address);
 }
 
-/* Who has no name comes behind those who have one. */
+/* Clients without a name follow those with a name. */
 static int by_host(const client *one, const client *other) {
     const int missing = !*one->host - !*other->host;
     return missing ? missing : strcasecmp(one->host, other->host);
@@ -143,7 +144,7 @@ static int by_interface(const client *one, const client *other) {
 }
 
 static const struct column {
-    const char *name; /* in the query, the page and the JSON alike */
+    const char *name; /* in the query, the page and the JSON */
     comparison *compare;
 } columns[] = {{"host", by_host},
                {"ip", by_ip},
@@ -155,7 +156,7 @@ enum { column_count = sizeof columns / sizeof *columns };
 static const struct column *sorted = &columns[1];
 static int is_descending;
 
-/* The query has a column's name, behind a hyphen for the other direction. */
+/* The query contains a column's name, preceded by a hyphen for descending order. */
 static void choose_order(void) {
     prop_table request = read_request();
     const char *asked = find_field("sort", &request);
@@ -179,7 +180,7 @@ static void sort(client_table *table) {
         qsort(table->rows, (size_t)table->count, sizeof *table->rows, compare);
 }
 
-/* The answers. */
+/* Responses. */
 
 static str_node *client_fields(const client *shown, add_field *add) {
     str_node *fields = NULL;
@@ -200,7 +201,7 @@ static void print_row(const client *shown) {
     free_list(&fields);
 }
 
-/* The headings: a click on the column that is sorted turns it round. */
+/* A click on the heading of the sorted column reverses the order. */
 static void print_table(const char *id, const char *heading, const client_table *table) {
     str_node *fields = NULL;
     char name[32];
@@ -228,7 +229,7 @@ static void print_table(const char *id, const char *heading, const client_table 
 static void show_page(const client_table *leases, const client_table *neighbours) {
     print_page_start("200 OK", "clients", "", "Clients");
     print_template("clients", &(str_node *){NULL});
-    print_table("leases", "Addresses given", leases);
+    print_table("leases", "DHCP leases", leases);
     print_table("neighbours", "Neighbours", neighbours);
     print_template("clients-end", &(str_node *){NULL});
     print_page_end();
@@ -254,7 +255,7 @@ static void show_json(const client_table *leases, const client_table *neighbours
 
 int main(void) {
     if (accept_request())
-        refuse("405 Method Not Allowed", "This page can be read, nothing else.");
+        refuse("405 Method Not Allowed", "This page only supports viewing.");
     const int is_json = isajax_get();
     choose_order();
     client_table leases = read_leases();

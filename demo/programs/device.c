@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The device page: what the factory wrote, and the names that the owner gives the device.
+ * The device page: the values set in the factory, and the names that the owner gives the device.
  *
- * The names stand in the global file, whose lines are NAME "value"; each that the form sends is
- * saved with save_global_conf().
+ * The names are in the global file, which has lines of the form NAME "value". Each name that the
+ * form sends is saved with save_global_conf().
  */
 #include "site.h"
 #include "trap.h"
@@ -16,7 +16,7 @@
 typedef const char *check(const char *value);
 
 typedef struct setting {
-    const char *name; /* in the file, the form, the template and the JSON alike */
+    const char *name; /* in the file, the form, the template and the JSON document */
     check *complaint;
     char value[value_size];
     const char *error;
@@ -27,7 +27,7 @@ static const char *host_name_complaint(const char *value) {
     if (length < 1 || length > 63)
         return "Use 1 to 63 characters.";
     if (value[0] == '-' || value[length - 1] == '-')
-        return "A hyphen can't be the first or the last character.";
+        return "The first and last character cannot be a hyphen.";
     for (const char *at = value; *at; at++)
         if (!isalnum((unsigned char)*at) && *at != '-')
             return "Use letters, digits and hyphens.";
@@ -71,7 +71,7 @@ static void show(const char *status, const char *message) {
     print_page(status, "device", "Device", &fields);
 }
 
-/* A document of two sections: the settings from a field list, the factory's from a table. */
+/* Prints two sections: the settings from a field list, the factory's values from a table. */
 static void show_json(void) {
     char value[value_size];
     str_node *fields = NULL;
@@ -98,7 +98,7 @@ static void show_json(void) {
     free_list(&fields);
 }
 
-/* Takes the settings that the request has. Those that it hasn't stay as they are. */
+/* Changes the settings that the request contains. Returns their number. */
 static int take(const prop_table *request) {
     int taken = 0;
     for (int i = 0; i < setting_count; i++) {
@@ -136,9 +136,9 @@ static void answer_post(void) {
     prop_table request = read_request();
     load();
     if (take(&request) == 0)
-        show("400 Bad Request", "The request has none of this page's settings.");
+        show("400 Bad Request", "The request contains no setting of this page.");
     else if (has_errors())
-        show("422 Unprocessable Content", "Nothing has been saved yet: see below.");
+        show("422 Unprocessable Content", "The settings have not been saved. See below.");
     else {
         save(&request);
         print_redirect("/cgi-bin/device?saved=1");

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * What the factory does with a device whose flash is still erased: it writes set A and a boot
- * environment. A device that has an environment, good or bad, is left alone.
+ * Initialises a device whose flash is erased: writes set A and a boot environment. If the partition
+ * of the boot environment is not erased, nothing is written.
  */
 #include "firmware.h"
 
@@ -19,7 +19,7 @@ static int write_text(const char *device, const char *text) {
     return flash_write(device, text, 0, (unsigned int)strlen(text));
 }
 
-/* The list of variables is empty: two NULs, and nothing behind it. */
+/* Starts with an empty list of variables: zeros only. */
 static int write_environment(void) {
     memset(env_image_mem, 0, sizeof env_image_mem);
     set_env_ptr(env_image_mem);
@@ -28,7 +28,7 @@ static int write_environment(void) {
            save_param(ENVIRONMENT_DEVICE, "bootparam", "0") == 0;
 }
 
-/* The environment comes last: until it is there, the next start begins anew. */
+/* The environment is written last: if the program is interrupted, the next start repeats it. */
 int main(void) {
     if (init_env(ENVIRONMENT_DEVICE) < 0)
         return EXIT_FAILURE;

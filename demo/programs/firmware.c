@@ -11,15 +11,15 @@
 static const settings_file mtd_file = {"/etc/mtd", ' '};
 static const settings_file record_file = {"/run/upgrade.conf", ' '};
 
-/* What the library logs. */
+/* The library's log messages. */
 
 enum { kept_messages = 16, message_size = 120 };
 
 static char messages[kept_messages][message_size];
 static unsigned int message_count;
 
-/* Stands in for the C library's function, which the library calls by this name: the device has no
- * system log, and the page is where somebody looks for the reason. The last messages are kept. */
+/* Replaces the C library's function, which libcorvel calls: the device has no system log, and the
+ * page shows the messages. Only the last ones are kept. */
 void syslog(int priority, const char *format, ...) __attribute__((__format__(__printf__, 2, 3)));
 void syslog(int priority, const char *format, ...) {
     char *message = messages[message_count++ % kept_messages];
@@ -37,7 +37,7 @@ static unsigned int first_message(void) {
     return message_count > kept_messages ? message_count - kept_messages : 0;
 }
 
-/* The last section that the parser has found; empty if there was none. */
+/* Finds the name of the last section that the parser has logged; empty if there is none. */
 static void find_last_section(char name[32]) {
     *name = '\0';
     for (unsigned int i = first_message(); i < message_count; i++)
@@ -68,7 +68,7 @@ int open_partition(unsigned int number) {
     return open(path, O_RDONLY | O_CLOEXEC);
 }
 
-/* The set with this root device; -1 if neither has it. */
+/* Returns the set with this root device; -1 if it is the root device of neither set. */
 static int find_set(const char *device) {
     for (int set = set_a; set <= set_b; set++) {
         char number[32];
@@ -81,7 +81,8 @@ static int find_set(const char *device) {
     return -1;
 }
 
-/* Ends each word of a command line by a NUL. A space between double quotes ends none. */
+/* Terminates each word of a command line with a NUL. A space in double quotes does not separate
+ * words. */
 static void split_words(char *line, size_t size) {
     int quoted = 0;
     for (size_t i = 0; i < size; i++) {
@@ -91,8 +92,8 @@ static void split_words(char *line, size_t size) {
     }
 }
 
-/* The root device in the kernel's command line, however long that is; -1 if it is of no set. The
- * last "root=" counts, as for the kernel, and none after "--". */
+/* Returns the set of the root device in the kernel's command line; -1 if it is of neither set. As
+ * in the kernel, the last "root=" before "--" counts. */
 static int read_running_set(void) {
     static char line[65536];
     const ssize_t size = open_read_close(COMMAND_LINE, line, sizeof line);
@@ -108,7 +109,7 @@ static int read_running_set(void) {
     return set;
 }
 
-/* get_bootparam() returns 0 both for set B and for an environment that can't be read. */
+/* Does not use get_bootparam(), which returns 0 for set B and if the environment is unreadable. */
 static int read_next_set(void) {
     const int output = mute_output();
     const char *stored = init_env(ENVIRONMENT_DEVICE) == 0 ? get_env("bootparam") : NULL;
@@ -123,7 +124,7 @@ boot_state read_boot_state(void) {
     return state;
 }
 
-/* Whether env_image_mem is a list of variables. */
+/* True if env_image_mem is a list of variables. */
 static int is_variable_list(void) {
     const unsigned char *entry = env_image_mem + 4;
     const unsigned char *end = env_image_mem + sizeof env_image_mem;
@@ -138,8 +139,9 @@ static int is_variable_list(void) {
     return entry < end;
 }
 
-/* Whether a variable may be stored. The boot loader ignores an environment with a bad CRC, and a
- * save makes all of it count again: it must at least be a list of variables. */
+/* True if a variable may be stored. The boot loader ignores an environment whose CRC is wrong.
+ * Saving stores a valid CRC and makes every variable effective again, so the environment must at
+ * least be a list of variables. */
 static int is_environment_usable(void) {
     const int output = mute_output();
     const int result = init_env(ENVIRONMENT_DEVICE);
@@ -168,7 +170,7 @@ void read_version(int set, char version[version_size]) {
         *version = '\0';
 }
 
-/* What an image is, and whether it may be written. */
+/* Checking an image. */
 
 char *section_name(const img_info *section, char name[32]) {
     const char *start = strrchr(section->name, '/');
@@ -184,19 +186,20 @@ static void complain(image_report *report, const char *complaint) {
              about_section ? report->failed : "", about_section ? ": " : "", complaint);
 }
 
-/* What parse_firmware()'s results from 1 on mean. */
+/* Sets the complaint for a result of parse_firmware() other than 0. */
 static void explain_result(image_report *report) {
     static const char *const texts[] = {
-        "A section runs past the image's end: it has been cut off, or it is no upgrade image.",
+        "A section exceeds the end of the file: the image is truncated, or is not an upgrade "
+        "image.",
         "the checksum of this section is wrong. The image is damaged.",
         "this section is larger than its partition.",
         "The image has more than four sections.",
-        "The CRC at the image's end is wrong. The image is damaged.",
+        "The CRC at the end of the image is wrong. The image is damaged.",
     };
     if (report->result == 2 || report->result == 3)
         find_last_section(report->failed);
     complain(report, report->result == 5 && report->count == 0
-                         ? "No section is for this device: it is no upgrade image."
+                         ? "The file is not an upgrade image: it has no section for this device."
                          : texts[report->result - 1]);
 }
 
@@ -207,8 +210,8 @@ static int sections_for(const image_report *report, unsigned int number) {
     return count;
 }
 
-/* A section may say of itself that it is not to be checked: what the parser then has not looked at
- * is looked at here. */
+/* A section may declare that it is not to be verified. The checks that the parser then omits are
+ * made here. */
 static const char *section_complaint(const image_report *report, const img_info *section,
                                      int running) {
     const partition target = find_partition(section->mtd_ids);
@@ -218,20 +221,20 @@ static const char *section_complaint(const image_report *report, const img_info 
         return NULL;
     if (section->mtd_ids == set_partition(running, 0) ||
         section->mtd_ids == set_partition(running, 1))
-        return "this section would overwrite the set that runs.";
+        return "this section would overwrite the running set.";
     if (STRCMP(target.name, "Boot-env") == 0)
-        return "this section would replace what says which set boots.";
+        return "this section would replace the boot environment.";
     if (section->len > target.size || section_offset(section) > target.size - section->len)
-        return "this section does not fit its partition.";
+        return "this section does not fit into its partition.";
     return NULL;
 }
 
-/* The parser takes an image of any sections, and one without a CRC. After this one another set
- * boots: it has to be there whole, and the one that runs has to stay as it is. */
+/* The parser accepts an image with any sections, and one without a CRC. After an upgrade the other
+ * set boots, so the image must contain a complete set and leave the running set unchanged. */
 static void check_upgrade(image_report *report, boot_state boot) {
     const int idle = boot.running == set_a ? set_b : set_a;
     if (is_written(&report->sections[report->count - 1])) {
-        complain(report, "The image has no version section at its end, and so no CRC.");
+        complain(report, "The image does not end with a version section, and thus has no CRC.");
         return;
     }
     for (int i = 0; i < report->count; i++) {
@@ -245,10 +248,11 @@ static void check_upgrade(image_report *report, boot_state boot) {
     }
     if (!sections_for(report, set_partition(idle, 0)) ||
         !sections_for(report, set_partition(idle, 1)))
-        complain(report, "The image has not both a root file system and a kernel.");
+        complain(report, "The image must contain both a root file system and a kernel.");
 }
 
-/* parse_firmware() takes set B for the running one if the boot environment can't be read. */
+/* Corrects the partitions: if the boot environment cannot be read, parse_firmware() assumes that
+ * set B is running. */
 static void direct_to_set(image_report *report, int set) {
     for (int i = 0; i < report->count; i++) {
         img_info *section = &report->sections[i];
@@ -263,9 +267,9 @@ static const char *device_complaint(boot_state boot) {
     if (boot.running < 0)
         return "Neither the kernel's command line nor the boot environment names the running set.";
     if (!is_environment_usable())
-        return "The boot environment can't be read: no set could be made to boot.";
+        return "The boot environment cannot be read, so the boot set could not be changed.";
     return boot.next >= 0 && boot.next != boot.running
-               ? "The last upgrade has to be started before another one is made."
+               ? "Restart the router to complete the last upgrade first."
                : NULL;
 }
 
@@ -290,7 +294,7 @@ void check_image(const unsigned char *image, size_t size, image_report *report) 
         explain_result(report);
 }
 
-/* How it is shown. */
+/* Showing an image's sections and the sets. */
 
 static void print_size(uint32_t bytes, char text[32]) {
     if (bytes < 1024)
@@ -301,7 +305,7 @@ static void print_size(uint32_t bytes, char text[32]) {
         snprintf(text, 32, "%.1f MiB", bytes / 1048576.0);
 }
 
-/* A row of the table; its texts need no escaping. */
+/* Prints a row of the table; its strings need no escaping. */
 static size_t print_section(const img_info *section, char *row, size_t size) {
     char name[32];
     char length[32];
@@ -348,7 +352,7 @@ void add_findings(str_node **fields, const image_report *report) {
     add_html(fields, "log", log);
 }
 
-/* A set that has been written in part only keeps no trace of it but in the record. */
+/* Only the record shows that a set has been written incompletely. */
 static int is_incomplete(const upgrade_record *record) {
     return record->written > 0 && STRCMP(record->state, "written") != 0;
 }
@@ -379,7 +383,7 @@ static void add_set(str_node **fields, int set, boot_state boot) {
     add_str(fields, name, role);
 }
 
-/* The steps in front of the current one are done. */
+/* The steps before the current one are done. */
 static void add_steps(str_node **fields, const char *part) {
     static const char *const parts[] = {"upgrade-choose", "upgrade-check", "upgrade-writing",
                                         "upgrade-restart"};
@@ -402,7 +406,7 @@ void print_upgrade_page(const char *status, const char *part, const char *head, 
     print_page_part(status, "upgrade", part, head, "Firmware", fields);
 }
 
-/* The upgrade's record, and the lock around its steps. */
+/* The upgrade's record, and the lock of its steps. */
 
 static void get_text(const char *name, char *text, size_t size, const prop_table *table) {
     char value[value_size];
@@ -440,17 +444,17 @@ int save_upgrade(const upgrade_record *record) {
 static int open_lock(void) {
     const int lock = open("/run/upgrade.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0)
-        refuse("503 Service Unavailable", "The upgrade can't be locked.");
+        refuse("503 Service Unavailable", "The upgrade could not be locked.");
     return lock;
 }
 
-/* A lock of an open file, which a forked process shares, and which can be looked at without being
- * taken. */
+/* An open file description lock: a forked process shares it, and it can be tested without being
+ * acquired. */
 int lock_upgrade(void) {
     const int lock = open_lock();
     struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
     if (fcntl(lock, F_OFD_SETLK, &whole) != 0)
-        refuse("409 Conflict", "Another upgrade is going on. Only one at a time can be made.");
+        refuse("409 Conflict", "Another upgrade is in progress. Only one is possible at a time.");
     return lock;
 }
 

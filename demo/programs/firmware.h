@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file firmware.h
- * @brief What the programs of the firmware upgrade share.
+ * @brief Functions shared by the programs of the firmware upgrade.
  *
- * The flash has two sets of root file system and kernel, A and B: numbers 0 and 1, as in the boot
- * environment's variable "bootparam". An upgrade goes through these hands: `upload` receives an
- * image, checks it and stages it; `upgrade` shows what it would write where, writes it into the set
- * that does not run, makes that set boot, and restarts the device; `bootloader` starts the set.
+ * The flash has two sets of a root file system and a kernel, A and B: numbers 0 and 1, as in the
+ * boot environment's variable "bootparam". `upload` receives an image, checks it and stages it.
+ * `upgrade` shows its sections and their partitions, writes it to the set that is not running,
+ * makes that set boot, and restarts the device. `bootloader` starts the set.
  */
 #ifndef FIRMWARE_H
 #define FIRMWARE_H
@@ -18,110 +18,110 @@
 enum {
     set_a = 0,
     set_b = 1,
-    /** What an image's records need room for. */
+    /** The number of records that parse_firmware() needs room for. */
     record_count = 5,
-    /** Bytes of a root file system's version, terminator included. */
+    /** Bytes of a root file system's version, including the terminating NUL. */
     version_size = 64
 };
 
-/** The device that the boot environment is on. */
+/** The device that contains the boot environment. */
 #define ENVIRONMENT_DEVICE "/dev/mtdblock1"
 
-/** The image that was received, in memory only, until it is written or given up. */
+/** The received image, on a file system in memory, until it is written or discarded. */
 #define STAGED_IMAGE "/tmp/firmware/image.bin"
 
-/** The kernel's command line, which the boot loader has made. */
+/** The kernel's command line, written by the boot loader. */
 #define COMMAND_LINE "/run/cmdline"
 
-/** The number of a set's partition: 0 for its root file system, 1 for its kernel. */
+/** Returns the number of a set's partition. @p which is 0 for the root file system, 1 for the
+ * kernel. */
 static inline unsigned int set_partition(int set, unsigned int which) {
     return (set == set_a ? 2U : 4U) + which;
 }
 
-/** A set's letter; empty for -1, an unknown set. */
+/** Returns a set's letter; an empty string for -1, an unknown set. */
 static inline const char *set_letter(int set) {
     return set == set_a ? "A" : set == set_b ? "B" : "";
 }
 
-/** Which set runs and which one boots next. */
+/** The set that is running and the set that boots next. */
 typedef struct boot_state {
-    int running; /**< The set in the kernel's command line; `next` if it names none. */
-    int next;    /**< -1 if the boot environment can't be read or names no set. */
+    int running; /**< The set named by the kernel's command line; `next` if it names none. */
+    int next;    /**< -1 if the boot environment cannot be read or names no set. */
 } boot_state;
 
 boot_state read_boot_state(void);
 
-/** Stores which set boots and reads it back. @return whether the set will boot. */
+/** Stores the set that boots next, and reads it again. @return true if the set will boot. */
 int make_boot(int set);
 
-/** Reads a set's version: the line that its root file system begins with; empty if there is none.
- */
+/** Reads a set's version, the first line of its root file system; empty if there is none. */
 void read_version(int set, char version[version_size]);
 
-/** Opens a partition for reading as the kernel would name it, "/dev/mtdblock" and a number. */
+/** Opens the partition "/dev/mtdblock" with this number for reading. */
 int open_partition(unsigned int number);
 
-/** What is known about an image once it has been checked. */
+/** The results of checking an image. */
 typedef struct image_report {
     img_info sections[record_count]; /**< They point into the image. */
-    int count;                       /**< How many were recognised, also where it is refused. */
-    int result;                      /**< What parse_firmware() made of it. */
-    char failed[32];                 /**< The section to blame; empty if it is none of them. */
-    char complaint[160];             /**< Why the image can't be written; empty if it can. */
+    int count;                       /**< Sections recognised, even if the image is refused. */
+    int result;                      /**< The result of parse_firmware(). */
+    char failed[32];                 /**< The invalid section; empty if no section is invalid. */
+    char complaint[160];             /**< Why the image cannot be written; empty if it can. */
 } image_report;
 
 /**
- * Checks an image: first as parse_firmware() does, then whether an upgrade with it is safe. It has
- * to bring both halves of the set that does not run, nothing for the one that does, and a CRC. The
- * records are directed to the set that does not run, also if the boot environment can't be read.
+ * Checks an image with parse_firmware(), and then checks that an upgrade with it is safe: it must
+ * contain a root file system and a kernel for the set that is not running, nothing for the running
+ * set, and a CRC. The records are directed to the set that is not running, even if the boot
+ * environment cannot be read.
  */
 void check_image(const unsigned char *image, size_t size, image_report *report);
 
-/** A section's name, cut out of its record's. @return @p name. */
+/** Extracts a section's name from the name in its record. @return @p name. */
 char *section_name(const img_info *section, char name[32]);
 
-/** Where in its partition a section belongs. */
+/** Returns a section's offset in its partition. */
 static inline uint32_t section_offset(const img_info *section) { return section->burnAddr; }
 
-/** Whether a section is written: the version section is not. */
+/** True if a section is written to the flash; false for the version section. */
 static inline int is_written(const img_info *section) { return section->mtd_ids != 255; }
 
-/** Adds the fields "message" and "tone": what stands above the sets, as a complaint or not. */
+/** Adds the fields "message" and "tone": the message above the sets, and whether it is an error. */
 void add_message(str_node **fields, const char *message, int bad);
 
-/** Adds the field "sections": the rows of a table, one a section, as HTML. */
+/** Adds the field "sections": the rows of a table as HTML, one per section. */
 void add_sections(str_node **fields, const image_report *report);
 
-/** Adds the fields "result" and "log": parse_firmware()'s result and what it has logged. */
+/** Adds the fields "result" and "log": parse_firmware()'s result and log messages. */
 void add_findings(str_node **fields, const image_report *report);
 
-/** How far an upgrade has come. It is forgotten when the device restarts. */
+/** The progress of an upgrade. It is lost when the device restarts. */
 typedef struct upgrade_record {
     char state[16];   /**< Empty, or "staged", "writing", "written" or "failed". */
     char file[96];    /**< The image's file name. */
     char section[32]; /**< The section that is being written. */
-    char reason[160]; /**< Why it failed. */
+    char reason[160]; /**< The reason of a failure. */
     uint32_t written; /**< Bytes. */
     uint32_t total;   /**< Bytes. */
 } upgrade_record;
 
 upgrade_record load_upgrade(void);
 
-/** Saves the record. A reader sees the old one or the new one. @return whether it was saved. */
+/** Replaces the saved record atomically. @return true if it was saved. */
 int save_upgrade(const upgrade_record *record);
 
 /**
- * Begins an upgrade's step, which no other may meet. Refuses the request if one goes on.
+ * Acquires the lock for a step of an upgrade. If another step holds it, refuses the request.
  *
- * @return a lock that ends with the process, and with the last of those that it has forked.
+ * @return the lock. It is released when this process and all processes forked from it have ended.
  */
 int lock_upgrade(void);
 
-/** Whether a step of an upgrade goes on. */
+/** True if a step of an upgrade is in progress. */
 int is_upgrade_locked(void);
 
-/** Prints what the upgrade's pages have in common and the step's own part, see print_page_part().
- */
+/** Prints the common part of the upgrade's pages and the step's own part, see print_page_part(). */
 void print_upgrade_page(const char *status, const char *part, const char *head, str_node **fields);
 
 #endif

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The login page. A right password begins a session and leads on to the page that was asked for;
- * for a wrong one there is one message, whatever is wrong.
+ * The login page. A correct login starts a session and redirects to the requested page. A failed
+ * login gives the same message regardless of the reason.
  */
 #include "attempt.h"
 #include "session.h"
@@ -33,7 +33,7 @@ static void welcome(const char *user, const char *next) {
 }
 
 static void answer_post(void) {
-    setvbuf(stdin, NULL, _IONBF, 0); /* no copy of the password is left in a buffer of its own */
+    setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of the password */
     prop_table request = read_request();
     const char *user = find_field("user", &request);
     const char *next = page_behind(&request);
@@ -46,7 +46,7 @@ static void answer_post(void) {
         break;
     case too_many_attempts:
         printf("Retry-After: 8\r\n");
-        show("429 Too Many Requests", "Others are trying, too. Try again in a few seconds.", user,
+        show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", user,
              next);
         break;
     }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Ends the session. A form's button leads here, not a link: what follows links logs nobody out. */
+/* Ends the session. Only a form's button does this: programs that follow links log nobody out. */
 #include "session.h"
 
 #include <stdlib.h>

@@ -2,9 +2,9 @@
 //
 // The network page: LAN, DHCP server and wireless network.
 //
-// Its settings stand in three files. Those whose lines are NAME="value", which the device's shell
-// scripts read as they are, are saved with save_prop(), all changed lines of a file at once; those
-// of the global file, whose lines are NAME "value", with save_global_conf().
+// Its settings are in three files. Two of them have lines of the form NAME="value", which the
+// device's shell scripts source; save_prop() saves all changed lines of such a file at once. The
+// global file has lines of the form NAME "value", which save_global_conf() saves one by one.
 
 #include "site.h"
 #include "trap.h"
@@ -35,12 +35,12 @@ class Table {
     [[nodiscard]] int count() const { return table.count; }
     [[nodiscard]] const prop_entry *rows() const { return table.rows; }
 
-    /// The value of a setting in a file, unquoted and unescaped; empty if it has none.
+    /// The value of a file's setting, unquoted and unescaped; empty if there is no such setting.
     [[nodiscard]] std::string setting(const char *name) const {
         std::array<char, value_size> value{};
         return get_setting(name, value.data(), &table);
     }
-    /// The value of a form's field, or null.
+    /// The value of a form's field; null if there is no such field.
     [[nodiscard]] const char *field(const char *name) const { return find_field(name, &table); }
     void insert(const char *name, const std::string &value) {
         table.count = ins_prop(name, value.c_str(), table.rows, table.count);
@@ -53,7 +53,7 @@ class Table {
     prop_table table;
 };
 
-/// The lock on all settings, for as long as it lives.
+/// Holds the lock on all settings during its lifetime.
 class SettingsLock {
   public:
     explicit SettingsLock(int operation) : lock(lock_settings(operation)) {}
@@ -65,7 +65,7 @@ class SettingsLock {
     int lock;
 };
 
-// What a value must be like. Each check gives back what to tell the user, or nothing.
+// Validation. Each check returns a message for the user, or null if the value is valid.
 
 using Complaint = const char *;
 
@@ -83,7 +83,7 @@ std::optional<int> number(std::string_view text, int lowest, int highest) {
     if (error != std::errc{} || stop != end || value < lowest || value > highest)
         return std::nullopt;
     if (std::to_string(value) !=
-        text) // one spelling of each number, the one without a zero in front
+        text) // accepts only one form of each number, without leading zeros
         return std::nullopt;
     return value;
 }
@@ -91,7 +91,7 @@ std::optional<int> number(std::string_view text, int lowest, int highest) {
 std::uint32_t mask_of_length(int prefix) { return prefix ? ~std::uint32_t{0} << (32 - prefix) : 0; }
 
 Complaint flag(const std::string &value) {
-    return value == "0" || value == "1" ? nullptr : "This is either on or off.";
+    return value == "0" || value == "1" ? nullptr : "Choose on or off.";
 }
 
 Complaint host_address(const std::string &value) {
@@ -103,7 +103,7 @@ Complaint host_address(const std::string &value) {
                                                             : "No device can have this address.";
 }
 
-/// The library counts the mask's one bits; the mask of that length is the only valid one with them.
+/// The library counts the one bits; the only valid mask with that number is the contiguous one.
 Complaint netmask(const std::string &value) {
     const auto mask = ipv4(value);
     const int prefix = mask ? calc_netpriexlength(value.c_str()) : 0;
@@ -123,12 +123,12 @@ Complaint domain(const std::string &value) {
     if (value.size() > 63)
         return "Use at most 63 characters.";
     return std::ranges::all_of(value, fits) ? nullptr
-                                            : "Use small letters, digits, hyphens and dots.";
+                                            : "Use lowercase letters, digits, hyphens and dots.";
 }
 
 Complaint ssid(const std::string &value) {
     if (value.empty() || value.size() > 32)
-        return "Use 1 to 32 bytes: 32 plain letters, fewer with accents.";
+        return "Use 1 to 32 characters. Accented characters count as two or more.";
     return text_complaint(value.c_str());
 }
 
@@ -139,7 +139,7 @@ Complaint passphrase(const std::string &value) {
     if (value.size() < 8 || value.size() > 63)
         return "Use 8 to 63 characters.";
     if (!std::ranges::all_of(value, printable))
-        return "Use the letters, digits and signs of a US keyboard.";
+        return "Use the letters, digits and symbols of a US keyboard.";
     return text_complaint(value.c_str());
 }
 
@@ -164,11 +164,11 @@ Complaint country(const std::string &value) {
     const auto is_it = [&](const Country &each) {
         return value == each.code;
     };
-    return std::ranges::any_of(countries, is_it) ? nullptr : "Choose a country of the list.";
+    return std::ranges::any_of(countries, is_it) ? nullptr : "Choose a country from the list.";
 }
 
-/// Two interfaces in one network: the kernel would take that, and the provider's gateway would be
-/// looked for among the LAN's devices.
+/// True if the LAN overlaps the provider's network. The kernel would accept that, but would then
+/// look for the provider's gateway in the LAN.
 bool is_in_providers_network(std::uint32_t address, std::uint32_t mask) {
     std::array<char, INET_ADDRSTRLEN> text{};
     const auto ask = [&](unsigned selector) {
@@ -178,7 +178,7 @@ bool is_in_providers_network(std::uint32_t address, std::uint32_t mask) {
     return provider != 0 && ((address ^ provider) & mask & ask(1)) == 0;
 }
 
-/// A setting's name is the same in the file, the form, the template and the JSON.
+/// A setting has the same name in the file, the form, the template and the JSON document.
 struct Setting {
     const char *name;
     const settings_file *file;
@@ -190,7 +190,7 @@ struct Setting {
 
 class Settings {
   public:
-    /// Loads the values. The caller holds the lock.
+    /// Loads the values. The caller must hold the lock.
     Settings() {
         for (const auto *file : {&lan_file, &wireless_file, &global_file}) {
             const Table stored(load_settings(file));
@@ -200,8 +200,8 @@ class Settings {
         }
     }
 
-    /// Takes the settings that the request has; those that it hasn't stay as they are.
-    /// @return whether there were any.
+    /// Changes the settings that the request contains.
+    /// @return true if it contains any.
     bool take(const Table &request) {
         bool any = false;
         for (auto &setting : all)
@@ -213,7 +213,7 @@ class Settings {
         return any;
     }
 
-    /// @return whether the settings, one by one and together, can be saved.
+    /// @return true if the settings are valid, each by itself and together.
     bool check() {
         for (auto &setting : all)
             setting.error = setting.complaint(setting.value);
@@ -249,7 +249,7 @@ class Settings {
         return std::ranges::any_of(all, [](const Setting &setting) { return setting.error; });
     }
 
-    /// The addresses have to fit each other: each is good in itself here.
+    /// Checks the addresses against each other. Each of them is valid by itself.
     void check_network() {
         const auto mask = *ipv4(find("LAN_NETMASK").value);
         const auto router = *ipv4(find("LAN_ADDRESS").value);
@@ -262,21 +262,21 @@ class Settings {
         };
 
         if (!usable(router))
-            find("LAN_ADDRESS").error = "This is the network's own or its broadcast address.";
+            find("LAN_ADDRESS").error = "This is the network or broadcast address.";
         else if (is_in_providers_network(router, mask))
-            find("LAN_ADDRESS").error = "The provider's network has these addresses.";
+            find("LAN_ADDRESS").error = "This address range is used by the provider's network.";
         if (!usable(first))
             find("DHCP_FIRST").error = "This address is not in the router's network.";
         if (!usable(last))
             find("DHCP_LAST").error = "This address is not in the router's network.";
         else if (last < first)
-            find("DHCP_LAST").error = "The last address comes before the first.";
+            find("DHCP_LAST").error = "The last address is lower than the first.";
         else if (router >= first && router <= last)
-            find("DHCP_FIRST").error = "The router's own address lies in this range.";
+            find("DHCP_FIRST").error = "This range contains the router's address.";
     }
 
-    /// Only rows whose lines change go into the table: save_prop() writes each value between quotes
-    /// as it stands, and would quote those of a loaded file twice.
+    /// The table contains only changed settings: save_prop() adds quotes to each value, and would
+    /// add a second pair to the values of a loaded file.
     void save_lines(const settings_file &file) const {
         Table lines(new_table(all.size()));
         for (const auto &setting : all) {
@@ -305,7 +305,7 @@ class Settings {
     }};
 };
 
-// The answers.
+// Responses.
 
 std::string option(const std::string &value, const std::string &text, const std::string &chosen) {
     const char *selected = value == chosen ? " selected" : "";
@@ -330,7 +330,7 @@ std::string prefix_length(const std::string &mask) {
     return netmask(mask) ? "–" : std::to_string(calc_netpriexlength(mask.c_str()));
 }
 
-/// Fields of the template beside the settings' own: switches and lists are chosen by an attribute.
+/// Adds the fields for switches and lists, whose state is an attribute, and the prefix length.
 void add_choices(str_node **fields, const Settings &settings) {
     for (const auto *name : {"DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN"})
         add_str(fields, (std::string("checked_") + name).c_str(),
@@ -354,7 +354,7 @@ void show(const char *status, const Settings &settings, const char *message) {
     print_page(status, "network", "Network", &fields);
 }
 
-/// A document of two sections: the settings from a field list, what is in force from a table.
+/// Prints two sections: the settings from a field list, the applied settings from a table.
 void show_json(const Settings &settings) {
     str_node *fields = nullptr;
     for (const auto &setting : settings)
@@ -378,7 +378,7 @@ void show_json(const Settings &settings) {
     free_list(&fields);
 }
 
-/// What is checked is what is saved: the lock is held from loading to saving.
+/// The caller holds the lock from loading to saving, so that the checked values are those saved.
 bool save(Settings &settings) {
     const bool good = settings.check();
     if (good)
@@ -399,9 +399,9 @@ void answer_post() {
         print_redirect("/cgi-bin/network?saved=1");
         send_trap("settings saved: network");
     } else if (any) {
-        show("422 Unprocessable Content", settings, "Nothing has been saved yet: see below.");
+        show("422 Unprocessable Content", settings, "The settings have not been saved. See below.");
     } else {
-        show("400 Bad Request", settings, "The request has none of this page's settings.");
+        show("400 Bad Request", settings, "The request contains no setting of this page.");
     }
 }
 

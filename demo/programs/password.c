@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The password page: a user changes the own password. The sessions of the old one end. */
+/* The password page: users change their own passwords. A change ends the user's other sessions. */
 #include "attempt.h"
 #include "session.h"
 #include "trap.h"
@@ -10,7 +10,7 @@
 
 enum { shortest_password = 8, longest_password = 63 };
 
-/* What the form has sent, and what is wrong with it. No answer repeats a password. */
+/* The form's fields and their errors. No response contains a password. */
 typedef struct form {
     const char *old;
     const char *new;
@@ -31,30 +31,30 @@ static void show(const char *status, const char *message, const form *sent) {
     print_page(status, "password", "Password", &fields);
 }
 
-/* It becomes a part of a line that chpasswd reads. */
+/* The password becomes part of a line that chpasswd reads. */
 static const char *new_password_complaint(const char *password) {
     const size_t length = strlen(password);
     if (length < shortest_password || length > longest_password)
         return "Use 8 to 63 characters.";
     for (const char *at = password; *at; at++)
         if (iscntrl((unsigned char)*at))
-            return "This has a character that no password can have.";
+            return "A password cannot contain this character.";
     return "";
 }
 
-/* Whether the form is good as far as can be told without the old password. */
+/* Checks what can be checked before the old password. */
 static int check(form *sent) {
     sent->new_error = new_password_complaint(sent->new);
     if (STRCMP(sent->new, sent->again) != 0)
-        sent->again_error = "This is not the same.";
+        sent->again_error = "The two passwords differ.";
     if (!*sent->new_error && STRCMP(sent->new, sent->old) == 0)
-        sent->new_error = "This is the old one.";
+        sent->new_error = "This is the current password.";
     return !*sent->new_error && !*sent->again_error;
 }
 
 static void change(const form *sent) {
     char text[trap_size];
-    finish_what_is_begun(); /* no password stays in a file, and no session of the old one */
+    finish_what_is_begun(); /* an interruption could leave a password file, or old sessions */
     if (login_chpwd(session_user(), sent->new) != 0) {
         show("500 Internal Server Error", "The password could not be changed.", sent);
         return;
@@ -66,7 +66,7 @@ static void change(const form *sent) {
     print_redirect("/cgi-bin/password?saved=1");
 }
 
-/* Who sits down at a browser that somebody has left alone has to guess, as at the login. */
+/* Guessing the old password at an unattended browser is slowed down as at the login. */
 static void change_if_right(form *sent) {
     switch (check_password(session_user(), sent->old, NULL)) {
     case password_right:
@@ -74,18 +74,17 @@ static void change_if_right(form *sent) {
         break;
     case password_wrong:
         sent->old_error = "This is not your password.";
-        show("403 Forbidden", "Nothing has been changed: see below.", sent);
+        show("403 Forbidden", "The password has not been changed. See below.", sent);
         break;
     case too_many_attempts:
         printf("Retry-After: 8\r\n");
-        show("429 Too Many Requests", "Others are trying to log in. Try again in a few seconds.",
-             sent);
+        show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", sent);
         break;
     }
 }
 
 static void answer_post(void) {
-    setvbuf(stdin, NULL, _IONBF, 0); /* no copy of a password is left in a buffer of its own */
+    setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of a password */
     prop_table request = read_request();
     form sent = {find_field("old", &request),
                  find_field("new", &request),
@@ -94,9 +93,9 @@ static void answer_post(void) {
                  "",
                  ""};
     if (!sent.old || !sent.new || !sent.again)
-        show("400 Bad Request", "The request does not have this page's fields.", &sent);
+        show("400 Bad Request", "The request does not contain the fields of this form.", &sent);
     else if (!check(&sent))
-        show("422 Unprocessable Content", "Nothing has been changed yet: see below.", &sent);
+        show("422 Unprocessable Content", "The password has not been changed. See below.", &sent);
     else
         change_if_right(&sent);
     wipe_table(&request);
@@ -109,7 +108,9 @@ int main(void) {
         const form nothing = {"", "", "", "", "", ""};
         prop_table request = read_request();
         show("200 OK",
-             find_field("saved", &request) ? "Changed. Elsewhere you have been logged out." : "",
+             find_field("saved", &request)
+                 ? "Password changed. All your other sessions have been logged out."
+                 : "",
              &nothing);
         free_table(&request);
     }

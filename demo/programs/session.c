@@ -23,20 +23,20 @@ enum {
 
 static const char hex_digits[] = "0123456789abcdef";
 
-/* A session as its file tells. */
+/* A session as read from its file. */
 typedef struct session {
-    char id[id_length + 1]; /* empty: there is no such session */
+    char id[id_length + 1]; /* empty if there is no such session */
     char user[user_size];
     struct timespec used;
 } session;
 
-/* The files. All names are looked up in their folder, and only those that an id can be. */
+/* The files. All names are relative to the directory, and only names that are ids are used. */
 
 static int open_folder(void) {
     return open("/run/sessions", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-/* Where files are made or others' are removed, one program at a time does so. */
+/* Only one program at a time creates files or removes those of other sessions. */
 static int lock_folder(void) {
     const int folder = open_folder();
     flock(folder, LOCK_EX);
@@ -47,14 +47,14 @@ static int is_id(const char *text) {
     return strlen(text) == id_length && strspn(text, hex_digits) == id_length;
 }
 
-/* A time in the future is none of a last use: the clock has been set back since. */
+/* If the time of the last use is in the future, the clock has been set back: the session ends. */
 static int is_alive(const struct stat *status) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     return status->st_mtime <= now.tv_sec && now.tv_sec - status->st_mtime <= idle_seconds;
 }
 
-/* The whole content is a line: the name of somebody whom the device still knows. */
+/* The file consists of one line, the name of a user who must still exist. */
 static int read_user(int file, char user[user_size]) {
     char line[user_size + 1] = "";
     const ssize_t length = full_read(file, line, user_size);
@@ -66,7 +66,7 @@ static int read_user(int file, char user[user_size]) {
     return getpwnam(user) != NULL;
 }
 
-/* Reads a session, and removes it if it has not been used for too long or is none. */
+/* Reads a session. Removes its file if it has expired or is invalid. */
 static session read_session(int folder, const char *id) {
     session found = {.id = ""};
     struct stat status;
@@ -84,7 +84,7 @@ static session read_session(int folder, const char *id) {
     return found;
 }
 
-/* Hands each session to a visitor. */
+/* Calls a function for each session. */
 static void visit_sessions(int folder, void (*visit)(int folder, const session *each)) {
     DIR *files = fdopendir(dup(folder));
     if (!files)
@@ -98,9 +98,9 @@ static void visit_sessions(int folder, void (*visit)(int folder, const session *
     closedir(files);
 }
 
-/* The request's own session. */
+/* The session of the request. */
 
-/* Reads the id of a cookie, NAME=VALUE; empty if it is no session's. */
+/* Reads the id from a cookie, NAME=VALUE; empty if it is not a session cookie. */
 static void read_cookie(const char *cookie, char id[id_length + 1]) {
     static const char name[] = "session=";
     const size_t name_length = strlen(name);
@@ -110,8 +110,8 @@ static void read_cookie(const char *cookie, char id[id_length + 1]) {
 }
 
 /*
- * Whatever else is served on the same address can set cookies of this name, too, and have the
- * browser send them in front. They don't hide the one that is a session's: the first such counts.
+ * Other servers on the same address can set cookies of this name, too, and make the browser send
+ * them first. They are skipped: the first cookie that names an existing session is used.
  */
 static session find_own(void) {
     session found = {.id = ""};
@@ -183,7 +183,7 @@ static void count_session(int folder, const session *each) {
         oldest = *each;
 }
 
-/* Whoever logs in again and again fills no memory. */
+/* Repeated logins do not exhaust memory: the least recently used sessions are removed. */
 static void make_room(int folder) {
     for (;;) {
         session_count = 0;
@@ -219,7 +219,7 @@ void begin_session(const char *user) {
     remove_own(folder);
     make_room(folder);
     if (!make_id(id) || !write_session(folder, id, user))
-        refuse("503 Service Unavailable", "No session can be begun.");
+        refuse("503 Service Unavailable", "The session could not be started.");
     close(folder);
     memcpy(own_session()->id, id, sizeof id);
     safe_strncpy(own_session()->user, user, user_size);

@@ -1,42 +1,41 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file session.h
- * @brief Who is logged in.
+ * @brief Login sessions.
  *
  * A session is a random number that the browser keeps in a cookie, and a file of that name on the
- * device. The file's content is the user's name, its time of change the session's last use. It is
- * in memory: a restart of the device ends all sessions.
+ * device. The file contains the user's name; its modification time is the time of the session's
+ * last use. The files are in memory: a restart of the device ends all sessions.
  */
 #ifndef SESSION_H
 #define SESSION_H
 
 #include "site.h"
 
-/** The user whose session the request's cookie names; null if it names none that is alive. */
+/** Returns the user of the request's session; null if the request has no valid session. */
 const char *session_user(void);
 
-/** Has the session of session_user() live on from now. */
+/** Sets the time of last use of the request's session to now. */
 void extend_session(void);
 
 /**
- * Begins a session and prints the header line with its cookie, which therefore comes in front of
- * the answer's own head. The session that the request came with ends, and this one takes its place.
+ * Starts a session and prints the header line that sets its cookie. Call it before the rest of the
+ * response's header is printed. The session of the request ends and is replaced by the new one.
  */
 void begin_session(const char *user);
 
-/** As begin_session(), for the user of the request's session: whoever knows its number is out. */
+/** As begin_session(), for the user of the request's session, whose number becomes invalid. */
 void renew_session(void);
 
-/** Ends the request's session, if there is one, and prints the header line that takes its cookie
- * away. */
+/** Ends the request's session, if any, and prints the header line that deletes its cookie. */
 void end_session(void);
 
-/** Ends the sessions that the user of this one has elsewhere. */
+/** Ends all other sessions of the user of the request's session. */
 void end_other_sessions(void);
 
 /**
- * Tells whether a path leads to a page of this site: only to such a one does a login lead on. It
- * consists of characters that neither end a header line nor need escaping.
+ * True if a path names a page of this site. A login redirects only to such a path. It consists of
+ * characters that neither end a header line nor need escaping.
  */
 int is_local_path(const char *path);
 

@@ -38,13 +38,13 @@ static void print_head(const char *status, const char *type) {
 void refuse(const char *status, const char *reason) {
     str_node *fields = NULL;
     add_html(&fields, "reason", reason);
-    print_page(status, "refused", "Not done", &fields);
+    print_page(status, "refused", "Request refused", &fields);
     exit(EXIT_SUCCESS);
 }
 
-/* Requests: which are taken, and how they become a table. */
+/* Requests: accepting and decoding. */
 
-/* Tells whether a URL's host and port are the ones that this request was sent to. */
+/* True if a URL has the host and port that this request was sent to. */
 static int is_own_url(const char *url) {
     const char *host = environment("HTTP_HOST");
     const char *authority = strstr(url, "://");
@@ -55,9 +55,9 @@ static int is_own_url(const char *url) {
 }
 
 /*
- * A browser says with every POST which site's page sent it. A page of another site could otherwise
- * change the router's settings through the browser of whoever looks at it. A request that names
- * no page at all comes from a program that somebody runs on purpose.
+ * A browser names the origin of the page that sends a POST. Without this check, a page of another
+ * site could change the router's settings through the browser of its visitor. A request that names
+ * no origin was not sent by a browser and is accepted.
  */
 static int is_from_this_site(void) {
     if (getenv("HTTP_ORIGIN"))
@@ -72,13 +72,13 @@ static int is_get(void) {
     return STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0;
 }
 
-/* Prints a text of letters, digits and a few signs as the value of a URL's query. */
+/* Prints a path that is_local_path() accepts as a value of a URL's query. */
 static void print_query_value(const char *text) {
     for (; *text; text++)
         printf(strchr("?&=", *text) ? "%%%02X" : "%c", (unsigned)*text);
 }
 
-/* A page that was asked for is shown after the login; a form that was sent is lost. */
+/* After the login the requested page is shown; a submitted form is lost. */
 static void send_to_login(void) {
     char page[value_size];
     const char *query = environment("QUERY_STRING");
@@ -92,7 +92,7 @@ static void send_to_login(void) {
     printf("\r\n\r\n");
 }
 
-/* Looked at before anything else of the request, and before its body is read. */
+/* This is the first check of a request, before its body is read. */
 static void require_login(void) {
     const int is_refreshing = isajax_get();
     if (session_user() && !is_refreshing)
@@ -108,12 +108,12 @@ static void require_login(void) {
     exit(EXIT_SUCCESS);
 }
 
-/* What a POST has to be, whatever it is that a program takes. */
+/* The checks of a POST that forms and uploads share. */
 static void accept_post(const char *type) {
     if (!is_from_this_site())
         refuse("403 Forbidden", "The form was sent by a page of another site.");
     if (!starts_with(environment("CONTENT_TYPE"), type))
-        refuse("415 Unsupported Media Type", "This page takes the fields of its own form only.");
+        refuse("415 Unsupported Media Type", "This page only accepts its own form.");
 }
 
 int accept_request(void) {
@@ -125,24 +125,24 @@ int accept_stranger(void) {
     if (is_get())
         return 0;
     if (!get_http_methmod(environment("REQUEST_METHOD")))
-        refuse("405 Method Not Allowed", "This page can be read and saved, nothing else.");
+        refuse("405 Method Not Allowed", "This page only supports viewing and saving.");
     accept_post("application/x-www-form-urlencoded");
     if (atoll(environment("CONTENT_LENGTH")) > longest_body)
-        refuse("413 Content Too Large", "The form is larger than any form of this site.");
+        refuse("413 Content Too Large", "The form data is too large.");
     return 1;
 }
 
 void accept_upload(void) {
     require_login();
     if (!get_http_methmod(environment("REQUEST_METHOD")))
-        refuse("405 Method Not Allowed", "An image can be sent here, nothing else.");
+        refuse("405 Method Not Allowed", "This address only accepts image uploads.");
     accept_post("multipart/form-data");
     const char *boundary = strstr(environment("CONTENT_TYPE"), "boundary=");
     if (!boundary || !boundary[strlen("boundary=")])
-        refuse("400 Bad Request", "The upload does not say what stands between its parts.");
+        refuse("400 Bad Request", "The upload has no multipart boundary.");
     if (atoll(environment("CONTENT_LENGTH")) > longest_upload)
         refuse("413 Content Too Large",
-               "An upload has at most 16 MiB, with all that is around it.");
+               "The upload is larger than 16 MiB, including the form data.");
 }
 
 prop_table new_table(size_t capacity) {
@@ -167,8 +167,8 @@ void wipe_table(prop_table *table) {
 }
 
 /*
- * The decoder stores as many pairs as the request has, so that the table has to have room for them.
- * Each but the last takes two characters at least, `=` and `&`.
+ * The decoder stores every pair of the request, so the table must have room for all of them. Every
+ * pair but the last takes at least two characters, `=` and `&`.
  */
 prop_table read_request(void) {
     const long long length = atoll(environment("CONTENT_LENGTH"));
@@ -187,9 +187,9 @@ const char *find_field(const char *name, const prop_table *request) {
     return NULL;
 }
 
-/* Settings: load, look up, save, and the lock around it. */
+/* Settings: load, find, save, and their lock. */
 
-/* A row takes two characters of the file at least: the separator and the line's end. */
+/* A row takes at least two characters of the file: the separator and the newline. */
 prop_table load_settings(const settings_file *file) {
     struct stat status;
     if (stat(file->path, &status) != 0)
@@ -199,11 +199,11 @@ prop_table load_settings(const settings_file *file) {
     return settings;
 }
 
-/* A program that is started from here must not inherit the lock, and keep it. */
+/* O_CLOEXEC: a program that is started later must not inherit the lock. */
 int lock_settings(int operation) {
     const int lock = open("/var/lock/settings", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0 || flock(lock, operation) != 0)
-        refuse("503 Service Unavailable", "The settings can't be locked.");
+        refuse("503 Service Unavailable", "The settings could not be locked.");
     if (operation == LOCK_EX)
         finish_what_is_begun();
     return lock;
@@ -223,8 +223,8 @@ char *get_setting(const char *name, char value[value_size], const prop_table *se
 }
 
 /*
- * A line that save_global_conf() adds stands without quotes, and a quote at the end of its value
- * would be taken for one. The second call finds the line and writes it anew, with quotes.
+ * save_global_conf() appends a line without quotes, so that a quote at either end of the value
+ * would be removed when it is read. The second call replaces the appended line by one with quotes.
  */
 void save_global(const char *name, const char *value, const prop_table *settings) {
     char present[value_size];
@@ -235,9 +235,9 @@ void save_global(const char *name, const char *value, const prop_table *settings
     save_global_conf(global_file.separator, global_file.path, "", name, escaped);
 }
 
-/* Texts: what may be stored, and how it is written into a page and into JSON. */
+/* Strings: validation, and escaping for HTML and JSON. */
 
-/* The number of bytes of the well-formed UTF-8 character at the start of a text, 0 if none is. */
+/* Returns the number of bytes of the first UTF-8 character of a string, 0 if it is malformed. */
 static size_t utf8_length(const char *text) {
     const unsigned char *byte = (const unsigned char *)text;
     unsigned char lowest = 0x80;
@@ -252,13 +252,13 @@ static size_t utf8_length(const char *text) {
     else if (byte[0] < 0xF0)
         length = 3;
     if (byte[0] == 0xE0)
-        lowest = 0xA0; /* below: longer than it has to be */
+        lowest = 0xA0; /* smaller bytes: an overlong encoding */
     else if (byte[0] == 0xED)
-        highest = 0x9F; /* above: one half of a UTF-16 pair */
+        highest = 0x9F; /* greater bytes: a UTF-16 surrogate */
     else if (byte[0] == 0xF0)
         lowest = 0x90;
     else if (byte[0] == 0xF4)
-        highest = 0x8F; /* above: beyond the last code point */
+        highest = 0x8F; /* greater bytes: beyond the last code point */
     if (byte[1] < lowest || byte[1] > highest)
         return 0;
     for (size_t i = 2; i < length; i++)
@@ -277,18 +277,18 @@ const char *text_complaint(const char *value) {
     for (const char *at = value; *at;) {
         const size_t length = utf8_length(at);
         if (length == 0 || is_control(*at))
-            return "This has a character that can't be stored.";
+            return "This contains a character that cannot be stored.";
         at += length;
     }
     if (strstr(value, "setenv "))
-        return "The word setenv with a blank behind it can't be stored.";
+        return "The word setenv followed by a space cannot be stored.";
     return NULL;
 }
 
-/* One character's escaped form: the text that takes its place. */
+/* Returns the string that replaces the character, or null to keep it. */
 typedef const char *escape(const char *character);
 
-/* `$` is escaped too: print_html() would fill a marker that stands inside of a value. */
+/* `$` is escaped too: print_html() would fill a marker inside a value. */
 static const char *html_escape(const char *character) {
     switch (*character) {
     case '&':
@@ -321,7 +321,7 @@ static const char *json_escape(const char *character) {
     return utf8_length(character) ? NULL : "\\ufffd";
 }
 
-/* Copies a text escaped. What does not fit is left out, in whole characters and whole escapes. */
+/* Escapes a string. Truncates it after the last complete character or escape that fits. */
 static void copy_escaped(const char *text, escape *escape_of, char *copy, size_t size) {
     size_t used = 0;
     while (*text) {
@@ -354,8 +354,8 @@ void add_json(str_node **fields, const char *name, const char *value) {
 }
 
 /*
- * prop2json() takes one quote from each end of a value. With quotes of its own around it, a value
- * that begins or ends with a quote keeps it.
+ * prop2json() removes one quote from each end of a value. The value is stored in additional quotes,
+ * so that it keeps its own.
  */
 void insert_json(prop_table *table, const char *name, const char *value) {
     char escaped[value_size - sizeof "\"\""];
@@ -365,7 +365,7 @@ void insert_json(prop_table *table, const char *name, const char *value) {
     table->count = ins_prop(name, quoted, table->rows, table->count);
 }
 
-/* Answers. */
+/* Responses. */
 
 void print_template(const char *name, str_node **fields) {
     char path[256];
@@ -373,7 +373,7 @@ void print_template(const char *name, str_node **fields) {
     print_html(path, fields);
 }
 
-/* Who is not logged in sees nothing of what there is. */
+/* The navigation is shown only to users who are logged in. */
 static void print_navigation(const char *page) {
     str_node *fields = NULL;
     for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
@@ -452,7 +452,7 @@ int mute_output(void) {
     const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (output < 0 || nowhere < 0 || dup2(nowhere, STDOUT_FILENO) < 0)
-        exit(EXIT_FAILURE); /* what is to be muted may be a stranger's bytes */
+        exit(EXIT_FAILURE); /* the discarded output may contain a stranger's bytes */
     close(nowhere);
     return output;
 }

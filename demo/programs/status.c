@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The status page: what the kernel knows of the device's interfaces, and how the device runs. */
+/* The status page: the device's interfaces, as the kernel reports them, and the system's state. */
 #define _GNU_SOURCE
 #include "firmware.h"
 
@@ -8,23 +8,23 @@
 #include <string.h>
 #include <sys/stat.h>
 
-/* The list of name servers is HTML: addresses with this behind each. */
+/* The list of name servers is HTML: each address is followed by this string. */
 static const char dns_end[] = "&nbsp;&nbsp;&nbsp;&nbsp;";
 
 enum {
-    /* A resolver file larger than this is none. */
+    /* A larger resolver file is ignored. */
     longest_resolver_file = 4096,
-    /* A line has 11 characters at least, "nameserver" and its end, and 24 more in the list. */
+    /* A line has at least 11 characters, "nameserver" and the newline, and 24 more in the list. */
     dns_size = 4 * longest_resolver_file
 };
 
-/* What the library writes where there is no address; the page shows nothing there. */
+/* Replaces the library's placeholder for a missing address by an empty string. */
 static const char *or_nothing(const char *text, const char *placeholder) {
     return STRCMP(text, placeholder) == 0 ? "" : text;
 }
 
-/* Turns the list of name servers into plain text: an address may hold anything that stands in the
- * file, and is escaped like every other value. */
+/* Converts the list of name servers to plain text: an address may contain any characters of the
+ * file, and is later escaped like every other value. */
 static void read_dns(char text[dns_size]) {
     char list[dns_size] = "";
     struct stat status;
@@ -46,11 +46,11 @@ static str_node *system_fields(add_field *add) {
     char dns[dns_size];
     char uptime[duration_size];
     read_dns(dns);
-    const int output = mute_output(); /* getDefGw() tells there that there is no table */
+    const int output = mute_output(); /* getDefGw() prints if it cannot read the routes */
     getDefGw("wan0", gateway);
     unmute_output(output);
-    /* Where a name is the beginning of another's, the longer one goes first: the first that fits a
-     * marker fills it. */
+    /* If a name is a prefix of another, the longer one is added first: a marker is filled with the
+     * first field that matches. */
     add(&fields, "dnsmasq", app_isrun("dnsmasq") ? "running" : "stopped");
     add(&fields, "gateway", or_nothing(gateway, "0.0.0.0"));
     add(&fields, "dns", dns);
@@ -91,7 +91,7 @@ static int by_name(const void *one, const void *other) {
                   ((const struct if_nameindex *)other)->if_name);
 }
 
-/* The device's talk to itself is nothing to look at. */
+/* The loopback interface is not shown. */
 static void print_interfaces(void (*print)(int number, const char *name)) {
     struct if_nameindex *all = if_nameindex();
     size_t count = 0;
@@ -134,7 +134,7 @@ static void show_json(void) {
 
 int main(void) {
     if (accept_request())
-        refuse("405 Method Not Allowed", "This page can be read, nothing else.");
+        refuse("405 Method Not Allowed", "This page only supports viewing.");
     if (isajax_get())
         show_json();
     else

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file trap.h
- * @brief What is told, as traps, to whoever watches the device.
+ * @brief Traps: notifications to processes that monitor the device.
  *
- * On this device a trap's record is a text with zeros behind it. `traplog` listens and writes what
- * it hears into a log.
+ * On this device a trap's record is a string, padded with NULs. `traplog` receives traps and writes
+ * them to a log.
  */
 #ifndef TRAP_H
 #define TRAP_H
@@ -16,13 +16,13 @@ enum { trap_size = 156 };
 /** The log, one trap a line: "2026-01-31 12:00:00 text". */
 #define TRAP_LOG "/var/log/traps.log"
 
-/** What the log becomes when it has grown too long. */
+/** The previous log: the log is renamed to this path when it has reached its size limit. */
 #define OLD_TRAP_LOG "/var/log/traps.log.old"
 
 enum {
-    /** What the log may grow to. */
+    /** Size in bytes from which the log is renamed. */
     longest_trap_log = 65536,
-    /** Bytes of a line's time, terminator included. */
+    /** Bytes of a line's time, including the terminating NUL. */
     trap_time_size = sizeof "2026-01-31 12:00:00"
 };
 
@@ -30,8 +30,8 @@ enum {
 extern "C" {
 #endif
 
-/** Sends a trap: a text of at most 155 characters; more are cut off. That nobody listens, or that
- * it can't be sent, is no reason not to do what is told about. */
+/** Sends a trap: a string, truncated to 155 characters. Failures are ignored, since the reported
+ * event has taken place. */
 void send_trap(const char *text);
 
 #ifdef __cplusplus

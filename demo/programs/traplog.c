@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Writes down the traps that the device sends. It runs as long as the device does; it ends only if
- * it can't listen.
+ * Writes the traps that the device sends to a log. It runs as long as the device, and ends only if
+ * it cannot receive.
  */
 #define _GNU_SOURCE
 #include "trap.h"
@@ -24,14 +24,14 @@ typedef struct message {
     char record[trap_size];
 } message;
 
-/* The kernel has messages of its own on the socket: a trap is known by its length and type.
- * MSG_TRUNC gives the length of one that is longer than the room for it. */
+/* The kernel also sends messages to the socket: length and type identify a trap. With MSG_TRUNC,
+ * recv() returns the full length of a message that does not fit the buffer. */
 static int is_trap(const message *received, ssize_t length) {
     return length == sizeof *received && received->header.nlmsg_len == sizeof *received &&
            received->header.nlmsg_type == trap_type;
 }
 
-/* Whatever the record holds, a line of the log is one line. */
+/* Control characters are replaced, so that each trap is exactly one line of the log. */
 static void take_text(const message *received, char text[trap_size + 1]) {
     memcpy(text, received->record, trap_size);
     text[trap_size] = '\0';

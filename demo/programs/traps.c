@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The log page: the traps that the device has sent, the newest first. */
+/* The log page: the traps that the device has sent, newest first. */
 #define _GNU_SOURCE
 #include "trap.h"
 
@@ -22,7 +22,7 @@ static void print_trap(const char *line) {
     free_list(&fields);
 }
 
-/* Prints the lines of a log from its end on. @return how many of those wanted are still missing. */
+/* Prints the lines of a log, last line first. @return the number of wanted lines still missing. */
 static int print_log(const char *path, int wanted) {
     static char log[longest_trap_log + value_size];
     const int file = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
@@ -30,7 +30,7 @@ static int print_log(const char *path, int wanted) {
         return wanted;
     ssize_t length = read_close(file, log, sizeof log - 1);
     while (wanted > 0 && length > 0) {
-        log[--length] = '\0'; /* the line's end */
+        log[--length] = '\0'; /* the newline */
         const char *before = memrchr(log, '\n', (size_t)length);
         const char *line = before ? before + 1 : log;
         print_trap(line);
@@ -42,7 +42,7 @@ static int print_log(const char *path, int wanted) {
 
 int main(void) {
     if (accept_request())
-        refuse("405 Method Not Allowed", "This page can be read, nothing else.");
+        refuse("405 Method Not Allowed", "This page only supports viewing.");
     print_page_start("200 OK", "traps", "", "Log");
     print_template("traps", &(str_node *){NULL});
     const int left = print_log(TRAP_LOG, most_traps);

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * The upgrade page: what runs, what has been received, and how far it has been written. Its forms
- * have the staged image written or given up, and the device restarted.
+ * The upgrade page: shows the two sets, the received image and the progress of writing. Its forms
+ * write or discard the staged image, and restart the device.
  *
- * The writing goes on in a process of its own, whatever becomes of the browser. If that process is
- * killed, its lock is gone and the record still says that it writes; the set that runs has not been
- * touched, and it is still the one that boots.
+ * A separate process writes the image, so that it continues if the browser disconnects. If this
+ * process is killed, its lock is released and the record is still in the state "writing". The
+ * running set is unchanged, and it is still the set that boots.
  */
 #define _GNU_SOURCE
 #include "firmware.h"
@@ -20,21 +20,21 @@
 #include <unistd.h>
 
 enum {
-    /* What is written at once: an erase block of the flash. */
+    /* Bytes per write: an erase block of the flash. */
     piece_size = 65536
 };
 
 /*
- * Stands in for the C library's function, which the library calls by this name behind every write:
- * that would flush all disks of the machine that the device is simulated on. A flash that writes an
- * erase block would take about this long.
+ * Replaces the C library's function. libcorvel calls it after every write; the original would flush
+ * all disks of the machine that runs the simulation. This one takes about the time that a flash
+ * needs to write an erase block.
  */
 void sync(void) {
     const struct timespec block = {0, 10000000};
     nanosleep(&block, NULL);
 }
 
-/* The staged image, mapped as long as the process lives. */
+/* Maps the staged image until the process ends. Returns null if there is none. */
 static const unsigned char *map_image(size_t *size) {
     const int file = open(STAGED_IMAGE, O_RDONLY | O_CLOEXEC);
     struct stat status;
@@ -47,7 +47,7 @@ static const unsigned char *map_image(size_t *size) {
     return image == MAP_FAILED ? NULL : image;
 }
 
-/* Writing. Each step gives back why it failed, or null. */
+/* Writing. Each step returns the reason of its failure, or null. */
 
 static const char *write_section(const img_info *section, upgrade_record *record) {
     section_name(section, record->section);
@@ -64,7 +64,7 @@ static const char *write_section(const img_info *section, upgrade_record *record
     return NULL;
 }
 
-/* Nothing boots that does not stand in the flash as it was meant. */
+/* A set is made to boot only if the flash contains exactly the image's data. */
 static const char *verify_section(const img_info *section) {
     const int device = open_partition(section->mtd_ids);
     const off_t offset = (off_t)section_offset(section);
@@ -79,10 +79,10 @@ static const char *verify_section(const img_info *section) {
         done += (uint32_t)wanted;
     }
     close(device);
-    return done < section->len ? "The flash does not hold what was written." : NULL;
+    return done < section->len ? "The flash does not contain the data that was written." : NULL;
 }
 
-/* The partitions of a set there are twice: those of the set that does not run are written first. */
+/* Partitions of a set exist twice; those of the set that is not running are written first. */
 static int is_of_a_set(const img_info *section) {
     return section->mtd_ids >= set_partition(set_a, 0) &&
            section->mtd_ids <= set_partition(set_b, 1);
@@ -91,7 +91,7 @@ static int is_of_a_set(const img_info *section) {
 static const char *write_all(const image_report *report, upgrade_record *record) {
     const boot_state boot = read_boot_state();
     const char *failure = NULL;
-    /* Until all is written the set that runs has to boot, also after a loss of power. */
+    /* Until everything is written, the running set must boot, even after a power loss. */
     if (boot.next < 0 && !make_boot(boot.running))
         return "The boot environment could not be written.";
     for (int i = 0; i < 2 * report->count && !failure; i++) {
@@ -120,7 +120,7 @@ static const char *write_image(upgrade_record *record) {
     size_t size = 0;
     const unsigned char *image = map_image(&size);
     if (!image)
-        return "The image is not there any more.";
+        return "The image no longer exists.";
     check_image(image, size, &report);
     if (*report.complaint)
         return report.complaint;
@@ -144,7 +144,7 @@ static void write_in_background(upgrade_record *record) {
                                                   : "firmware written: set B");
 }
 
-/* The answers. */
+/* Responses. */
 
 static int is_pending(boot_state boot) { return boot.next >= 0 && boot.next != boot.running; }
 
@@ -152,8 +152,7 @@ static int is_in_state(const upgrade_record *record, const char *state) {
     return STRCMP(record->state, state) == 0;
 }
 
-/* An image that was being written when its writer ended is still there, and can be written again.
- */
+/* If the writing process was killed, the image still exists and can be written again. */
 static int is_staged(const upgrade_record *record) {
     return is_in_state(record, "staged") || is_in_state(record, "writing");
 }
@@ -171,7 +170,7 @@ static void show_choice(const upgrade_record *record) {
     const int failed = is_in_state(record, "failed");
     char message[value_size] = "";
     if (failed)
-        snprintf(message, sizeof message, "%s The set that runs is as it was, and still boots.",
+        snprintf(message, sizeof message, "%s The running set is unchanged and still boots.",
                  record->reason);
     add_message(&fields, message, failed);
     print_upgrade_page("200 OK", "upgrade-choose", "", &fields);
@@ -190,9 +189,9 @@ static void show_check(const upgrade_record *record, boot_state boot) {
     const int cut_off = is_in_state(record, "writing");
     add_message(&fields,
                 *report.complaint ? report.complaint
-                : cut_off         ? "The writing was cut off. The set that runs is as it was, and "
-                                    "still boots; the image can be written again."
-                                  : "",
+                : cut_off ? "Writing was interrupted. The running set is unchanged and still "
+                            "boots. You can write the image again."
+                          : "",
                 *report.complaint || cut_off);
     add_html(&fields, "file", record->file);
     add_sections(&fields, &report);
@@ -201,7 +200,7 @@ static void show_check(const upgrade_record *record, boot_state boot) {
     print_upgrade_page("200 OK", "upgrade-check", "", &fields);
 }
 
-/* Without scripts the page loads itself again until all is written. */
+/* Without JavaScript the page reloads itself until the image is written. */
 static void show_writing(const upgrade_record *record) {
     str_node *fields = NULL;
     char number[16];
@@ -231,7 +230,8 @@ static void show_receiving(void) {
     print_upgrade_page("200 OK", "upgrade-choose", "", &fields);
 }
 
-/* The lock is looked at first: whoever gives it up has saved the record before. */
+/* The lock is checked before the record is read: a process saves the record before it releases the
+ * lock. */
 static void show_page(void) {
     const int locked = is_upgrade_locked();
     const upgrade_record record = load_upgrade();
@@ -293,7 +293,8 @@ static void show_json(void) {
     free_list(&fields);
 }
 
-/* The forms. Each holds the lock: nothing is written, received or restarted at the same time. */
+/* Forms. Each action holds the lock, so that no image is written or received, and no restart
+ * begins, at the same time. */
 
 static void begin_writing(void) {
     upgrade_record record = load_upgrade();
@@ -303,7 +304,7 @@ static void begin_writing(void) {
     record.written = 0;
     record.total = 0;
     if (!save_upgrade(&record))
-        refuse("503 Service Unavailable", "The upgrade can't be begun.");
+        refuse("503 Service Unavailable", "The upgrade could not be started.");
     fflush(stdout);
     const pid_t writer = fork();
     if (writer == 0) {
@@ -311,7 +312,7 @@ static void begin_writing(void) {
         _exit(EXIT_SUCCESS);
     }
     if (writer < 0)
-        refuse("503 Service Unavailable", "The upgrade can't be begun.");
+        refuse("503 Service Unavailable", "The upgrade could not be started.");
     print_redirect("/cgi-bin/upgrade");
 }
 
@@ -326,7 +327,7 @@ static void restart(void) {
     char id[value_size];
     str_node *fields = NULL;
     read_boot_id(id);
-    add_message(&fields, "The router restarts.", 0);
+    add_message(&fields, "The router is restarting.", 0);
     add_html(&fields, "boot_id", id);
     print_upgrade_page("200 OK", "upgrade-restarting",
                        "<noscript><meta http-equiv=\"refresh\" "
@@ -348,7 +349,7 @@ static void answer_post(void) {
     else if (asked && STRCMP(asked, "restart") == 0)
         restart();
     else
-        refuse("400 Bad Request", "The request says nothing that this page can do.");
+        refuse("400 Bad Request", "The request contains no action of this page.");
     free_table(&request);
 }
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Receives an upgrade image, checks it, and stages it for the upgrade page, which is where the
- * browser goes next. An image that can't be written is refused with all that is known about it.
+ * Receives an upgrade image, checks it, stages it, and redirects the browser to the upgrade page.
+ * If the image cannot be written, the response shows the results of the check.
  */
 #include "firmware.h"
 
@@ -14,8 +14,8 @@
 #include <unistd.h>
 
 /*
- * Stands in for the C library's function, which the library calls by this name: before it reads a
- * large upload it waits until the device has settled. A test of a simulated device need not wait.
+ * Replaces the C library's function. libcorvel calls it before it reads a large upload, so that the
+ * device can settle. With UPLOAD_PAUSE=no it returns at once, for tests of the simulated device.
  */
 unsigned int sleep(unsigned int seconds) {
     const char *pause = getenv("UPLOAD_PAUSE");
@@ -27,12 +27,13 @@ unsigned int sleep(unsigned int seconds) {
     return 0;
 }
 
-/* The files of the upload; the upload itself, as large as they are, is released. */
+/* Returns the number of files, or -1 if the upload is incomplete. Frees the upload itself, which is
+ * as large as the files. */
 static int receive(prop_file files[4]) {
     int length = 0;
     int boundary_length = 0;
     char *boundary = NULL;
-    const int output = mute_output(); /* a part without a type is dumped there */
+    const int output = mute_output(); /* process_file() prints bytes of a part without a type */
     char *upload = read_queue_for_upload1(&length, &boundary, &boundary_length);
     const int count = upload ? process_file(upload, length, boundary, files) : 0;
     unmute_output(output);
@@ -43,14 +44,14 @@ static int receive(prop_file files[4]) {
 
 static const char *file_complaint(int count) {
     if (count < 0)
-        return "The upload has not come whole.";
+        return "The upload is incomplete.";
     if (count == 0)
-        return "No file has come with the form. Choose an image first.";
-    return count > 1 ? "Several files have come with the form. Choose one image." : NULL;
+        return "The form contained no file. Choose an image first.";
+    return count > 1 ? "The form contained several files. Choose one image." : NULL;
 }
 
-/* The name is the client's: what it says about folders is of no use here, and some texts can't be
- * kept in a file of lines. */
+/* The client chooses the name. Its directories are removed, and a name that cannot be stored in a
+ * property file is replaced. */
 static void take_name(const char *path, char *name, size_t size) {
     const char *start = path;
     for (const char *at = path; *at; at++)
@@ -77,7 +78,7 @@ static int stage(const prop_file *image) {
     return 0;
 }
 
-/* What was staged before is given up for what comes now. */
+/* Discards the previous image before the new one is received. */
 static void forget_staged(void) {
     const upgrade_record nothing = {.state = ""};
     remove(STAGED_IMAGE);
@@ -105,16 +106,16 @@ static void take(const prop_file *image) {
     else if (stage(image))
         print_redirect("/cgi-bin/upgrade");
     else
-        refuse("507 Insufficient Storage", "The device has not enough memory to keep the image.");
+        refuse("507 Insufficient Storage", "The device does not have enough memory for the image.");
 }
 
 int main(void) {
-    signal(SIGPIPE, SIG_IGN); /* who goes away while sending is not there to be answered */
+    signal(SIGPIPE, SIG_IGN); /* a response to a client that has disconnected is lost */
     accept_upload();
     lock_upgrade();
     const boot_state boot = read_boot_state();
     if (boot.next >= 0 && boot.next != boot.running)
-        refuse("409 Conflict", "The last upgrade has to be started before another one is made.");
+        refuse("409 Conflict", "Restart the router to complete the last upgrade first.");
 
     forget_staged();
     prop_file files[4] = {0};

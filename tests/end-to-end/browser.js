@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Walks through the demo's pages in a headless browser, one walk a run:
-//   node browser.js WALK URL FOLDER [ARGUMENT...]
-// FOLDER is for what the browser keeps; with SCREENSHOTS set, pictures go to that folder. A walk
-// that ends well prints what it has seen as JSON and gives the exit status 0.
+// Walks through the demo's pages in a headless browser, one walk per run:
+//   node browser.js WALK URL DIRECTORY [ARGUMENT...]
+// DIRECTORY is for the browser's profile. If SCREENSHOTS names a directory, screenshots are saved
+// there. A successful walk prints its observations as JSON and exits with status 0.
 'use strict';
 
 const assert = require('node:assert/strict');
@@ -15,20 +15,20 @@ const FLAGS = ['--headless', '--no-sandbox', '--disable-gpu', '--no-first-run',
   '--disable-background-networking', '--disable-component-update', '--disable-sync',
   '--disable-quic'];
 
-const [walk, url, folder, ...rest] = process.argv.slice(2);
+const [walk, url, directory, ...rest] = process.argv.slice(2);
 
 async function picture(page, name) {
   if (process.env.SCREENSHOTS)
     await page.screenshot({ path: path.join(process.env.SCREENSHOTS, name + '.png'), fullPage: true });
 }
 
-// The text of the one set that runs, such as "Set A Running Corvel R1 1.0.0".
+// Returns the text of the running set, such as "Set A Running Corvel R1 1.0.0".
 async function runningSet(page) {
   const text = await page.locator('.set[data-running]').innerText();
   return text.replace(/\s+/g, ' ').replace(/ Root file system.*/, '');
 }
 
-// Notes down every value that an element's attribute takes, beyond the page's own life.
+// Records every value of an element's attribute on all pages loaded from now on.
 async function watch(page, selector, attribute) {
   const seen = [];
   const note = 'note_' + selector.slice(1);
@@ -42,7 +42,7 @@ async function watch(page, selector, attribute) {
   return seen;
 }
 
-// What a person must be able to tell and to reach, on whatever page is shown.
+// Checks labels, texts, heading, width and ids of the current page.
 async function checkPage(page) {
   const faults = await page.evaluate(() => {
     const found = [];
@@ -55,13 +55,13 @@ async function checkPage(page) {
     if (document.documentElement.scrollWidth > window.innerWidth)
       found.push('wider than the window: ' + document.documentElement.scrollWidth);
     const ids = [...document.querySelectorAll('[id]')].map((each) => each.id);
-    if (new Set(ids).size !== ids.length) found.push('an id stands twice');
+    if (new Set(ids).size !== ids.length) found.push('an id occurs twice');
     return found;
   });
   assert.deepEqual(faults, []);
 }
 
-// The page that is shown, from a phone's width on, and in the dark.
+// Checks the current page at several widths, from that of a phone, and in both colour schemes.
 async function checkLooks(page, name) {
   for (const width of [320, 390, 1280])
     for (const colorScheme of ['light', 'dark']) {
@@ -78,7 +78,7 @@ async function upload(page, image) {
   await page.getByRole('button', { name: 'Upload and check' }).click();
 }
 
-// As slow as a wireless network, so that there is something to see.
+// Limits the upload to the speed of a wireless network, so that progress can be observed.
 async function slowDown(page) {
   const network = await page.context().newCDPSession(page);
   await network.send('Network.enable');
@@ -87,14 +87,14 @@ async function slowDown(page) {
   return network;
 }
 
-// Fills in the form of the login, which has to be shown.
+// Fills in and submits the login form of the current page.
 async function logIn(page, password) {
   await page.getByLabel('User name').fill('admin');
   await page.getByLabel('Password', { exact: true }).fill(password);
   await page.getByRole('button', { name: 'Log in' }).click();
 }
 
-// A restart ends all sessions: the login comes first, and leads back to the upgrade.
+// A restart ends all sessions: the login page appears and leads back to the upgrade page.
 async function restart(page) {
   await page.getByRole('button', { name: 'Restart now' }).click();
   await page.locator('form#login').waitFor();
@@ -102,19 +102,19 @@ async function restart(page) {
   await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
 }
 
-// How often a page has been loaded from here on.
+// Counts how often a page is loaded from now on.
 function countLoads(page) {
   const count = { loads: 0 };
   page.on('load', () => count.loads++);
   return count;
 }
 
-// The texts of a table's column, from the first row on.
+// Returns the texts of a table's column, from the first row.
 function column(page, table, name) {
   return page.locator(`#${table} tbody .${name}`).allInnerTexts();
 }
 
-// Whether both tables come to show the rows of a document, in its order.
+// Waits until both tables show the rows of a document in its order. Returns false if they do not.
 function showsClients(page, sections) {
   const macs = Object.entries(sections).map(([table, rows]) => [table, rows.map((row) => row.mac)]);
   return page.waitForFunction((macs) => macs.every(([table, expected]) =>
@@ -122,7 +122,7 @@ function showsClients(page, sections) {
       expected.join()), macs, { timeout: 2000 }).then(() => true, () => false);
 }
 
-// Clicks a heading, and waits until the rows stand as the device last gave them in this order.
+// Clicks a heading, and waits until the rows are those of the device's last response in this order.
 async function sortBy(page, table, name, order) {
   const next = () => page.waitForResponse((answer) => answer.url().endsWith('Ajax=1&sort=' + order));
   let answer = next();
@@ -130,7 +130,7 @@ async function sortBy(page, table, name, order) {
   while (!await showsClients(page, await (await answer).json())) answer = next();
 }
 
-// One upgrade, from the choice to the restart.
+// Performs an upgrade, from the choice of the image to the restart.
 async function upgrade(page, image, name) {
   await page.goto(url + '/cgi-bin/upgrade');
   await checkPage(page);
@@ -140,13 +140,13 @@ async function upgrade(page, image, name) {
   await page.waitForFunction(() => Number(document.querySelector('#sent')?.value) > 30);
   await checkPage(page);
   await picture(page, name + '-2-uploading');
-  await page.getByRole('heading', { name: /^Write .* into set/ }).waitFor();
+  await page.getByRole('heading', { name: /^Write .* to set/ }).waitFor();
   await network.detach();
   await checkPage(page);
   const rows = await page.locator('tbody tr').allInnerTexts();
   await picture(page, name + '-3-check');
 
-  await page.getByRole('button', { name: 'Write the image' }).click();
+  await page.getByRole('button', { name: 'Write image' }).click();
   await page.getByRole('heading', { name: 'Writing' }).waitFor();
   await page.getByRole('heading', { name: /is ready$/ }).waitFor();
   await checkPage(page);
@@ -160,7 +160,7 @@ async function upgrade(page, image, name) {
 }
 
 const walks = {
-  // There and back again.
+  // Upgrades to one image and then to another.
   async both(page, there, back) {
     const uploading = await watch(page, '#sent', 'value');
     const writing = await watch(page, '#written', 'value');
@@ -168,18 +168,18 @@ const walks = {
     return { upgrades, uploading, writing };
   },
 
-  // Sees an image being written, and then that the writing was cut off.
+  // Observes that an image is being written, and then that writing was interrupted.
   async write(page, image) {
     const writing = await watch(page, '#written', 'value');
     await upload(page, image);
-    await page.getByRole('button', { name: 'Write the image' }).click();
+    await page.getByRole('button', { name: 'Write image' }).click();
     await page.getByRole('heading', { name: 'Writing' }).waitFor();
     await page.waitForFunction(() => Number(document.querySelector('#written')?.value) >= 30);
     await checkPage(page);
     await picture(page, 'writing');
     console.log('writing');
-    await page.getByText('The writing was cut off.').waitFor();
-    await picture(page, 'cut-off');
+    await page.getByText('Writing was interrupted.').waitFor();
+    await picture(page, 'interrupted');
     await checkPage(page);
     await page.getByRole('button', { name: 'Discard' }).click();
     await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
@@ -197,7 +197,7 @@ const walks = {
     return { reason, focused };
   },
 
-  // A file that is too large is not even sent.
+  // A file that is too large is not sent.
   async tooLarge(page, image) {
     let sent = false;
     page.on('request', (request) => { sent ||= request.method() === 'POST'; });
@@ -207,7 +207,7 @@ const walks = {
     return reason;
   },
 
-  // Every page at a phone's width, and in the dark.
+  // Checks every page at several widths and in both colour schemes.
   async pages(page) {
     for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'password']) {
       await page.goto(`${url}/cgi-bin/${name}`);
@@ -216,7 +216,7 @@ const walks = {
     return 'checked';
   },
 
-  // In, with a wrong password first, through the pages, and out again.
+  // Logs in, first with a wrong password, collects the links, and logs out.
   async login(page) {
     await page.goto(url + '/cgi-bin/login');
     await checkLooks(page, 'login');
@@ -243,10 +243,10 @@ const walks = {
   async password(page, old, next) {
     await page.goto(url + '/cgi-bin/password');
     const change = async (old, next, again) => {
-      await page.getByLabel('Present password').fill(old);
+      await page.getByLabel('Current password').fill(old);
       await page.getByLabel('New password', { exact: true }).fill(next);
-      await page.getByLabel('New password again').fill(again);
-      await page.getByRole('button', { name: 'Change' }).click();
+      await page.getByLabel('Repeat new password').fill(again);
+      await page.getByRole('button', { name: 'Change password' }).click();
     };
     await change(old, next, next + 'x');
     await page.locator('.error:not(:empty)').first().waitFor();
@@ -263,7 +263,7 @@ const walks = {
     return { reason, at: page.url() };
   },
 
-  // The status page, while the interface wlan0 is changed and then the session is ended.
+  // Observes the status page while the interface wlan0 is changed and then the session ends.
   async status(page) {
     const count = countLoads(page);
     await page.goto(url + '/cgi-bin/status');
@@ -284,7 +284,7 @@ const walks = {
     return { rows, loads, at: page.url() };
   },
 
-  // Both tables, sorted by each column, up and down: a click sorts, another one turns it round.
+  // Sorts both tables by each column: a click sorts ascending, another one descending.
   async sort(page) {
     await page.goto(url + '/cgi-bin/clients');
     const orders = {};
@@ -306,7 +306,7 @@ const walks = {
     return orders;
   },
 
-  // Two neighbours come while the table is sorted by address, the highest first.
+  // Two neighbours appear while the table is sorted by address in descending order.
   async clients(page) {
     const count = countLoads(page);
     await page.goto(url + '/cgi-bin/clients');
@@ -317,7 +317,7 @@ const walks = {
     return { ips: await column(page, 'neighbours', 'ip'), loads: count.loads };
   },
 
-  // A table with names that would be scripts if they were not text, as it comes and refreshed.
+  // Shows a table with host names that contain scripts, as loaded and after a refresh.
   async hostile(page) {
     await page.goto(url + '/cgi-bin/clients');
     const first = await column(page, 'leases', 'host');
@@ -330,8 +330,7 @@ const walks = {
     return { first, refreshed, hacked, inside };
   },
 
-  // Only the browser's own forms, redirections and refreshes.
-  // An image that is sent when the session has ended: the answer comes before all has been sent.
+  // Sends an image after the session has ended: the response precedes the end of the upload.
   async ended(page, image) {
     await page.goto(url + '/cgi-bin/upgrade');
     await page.getByLabel('Image file').setInputFiles(image);
@@ -343,9 +342,10 @@ const walks = {
 
   endedWithoutScripts: (page, image) => walks.ended(page, image),
 
+  // Uses only the browser's own forms, redirects and refreshes.
   async withoutScripts(page, image) {
     await upload(page, image);
-    await page.getByRole('button', { name: 'Write the image' }).click();
+    await page.getByRole('button', { name: 'Write image' }).click();
     await page.getByRole('heading', { name: /is ready$/ }).waitFor();
     await restart(page);
     return runningSet(page);
@@ -353,7 +353,7 @@ const walks = {
 };
 
 async function main() {
-  const profile = fs.mkdtempSync(path.join(folder, 'profile-'));
+  const profile = fs.mkdtempSync(path.join(directory, 'profile-'));
   const browser = await chromium.launchPersistentContext(profile, {
     executablePath: CHROMIUM, headless: true,
     args: walk.toLowerCase().endsWith('withoutscripts') ? [...FLAGS, '--blink-settings=scriptEnabled=false'] : FLAGS,
@@ -369,7 +369,7 @@ async function main() {
     page.setDefaultTimeout(60000);
     page.on('pageerror', (error) => complaints.push(String(error)));
     page.on('console', (message) => {
-      // A refusal has a status of its own, and a router that restarts does not answer.
+      // A refusal has an error status, and a router that is restarting does not respond.
       if (message.type() === 'error' && !message.text().startsWith('Failed to load resource'))
         complaints.push(message.text());
     });

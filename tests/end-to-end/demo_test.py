@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What tests have in common: a demo to look at, and that none of its programs may crash."""
+"""Base classes of the tests: they provide a demo and check that none of its programs has crashed."""
 
 import pathlib
 import shutil
@@ -13,40 +13,40 @@ from device import Demo, shared_demo
 class Case(unittest.TestCase):
     maxDiff = None
 
-    def make_folder(self):
-        """A new folder that is gone after the test."""
-        folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
-        self.addCleanup(shutil.rmtree, folder, ignore_errors=True)
-        return folder
+    def make_directory(self):
+        """Returns a new directory, which is removed after the test."""
+        directory = pathlib.Path(tempfile.mkdtemp(prefix="corvel-test-"))
+        self.addCleanup(shutil.rmtree, directory, ignore_errors=True)
+        return directory
 
 
 class DemoTest(Case):
-    """Tests against self.demo."""
+    """Tests that use self.demo."""
 
     def tearDown(self):
         self.assertEqual(self.demo.crashes(), [])
 
     def walk(self, name, *arguments, **options):
-        """Begins a walk in a browser; it ends with the test at the latest."""
+        """Starts a walk in a browser. It is stopped when the test ends."""
         walk = Walk(name, self.demo, *arguments, **options)
         self.addCleanup(walk.stop)
         return walk
 
 
 class SharedDemoTest(DemoTest):
-    """Tests that leave the demo as they found it. Each begins with a session of its own."""
+    """Tests that restore the demo's state. Each starts with a new session."""
 
     @classmethod
     def setUpClass(cls):
         cls.demo = shared_demo()
 
     def setUp(self):
-        # A success makes the device forget the failures of the tests before.
+        # A successful login resets the failures of previous tests.
         self.demo.session = self.demo.log_in()
 
 
 class OwnDemoTest(DemoTest):
-    """Tests that need a demo for their class alone, with these arguments."""
+    """Tests whose class needs its own demo, started with these arguments."""
 
     arguments = ()
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Starts and stops the demo, and talks to its pages the way a browser does."""
+"""Starts and stops the demo, and sends requests to its pages as a browser does."""
 
 import contextlib
 import html.parser
@@ -35,7 +35,7 @@ PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, PASSWORD)
 USER = "admin"
 FACTORY_PASSWORD = "corvel"
 
-CLIENT_NAMES = {"laptop", "phone", "printer"}  # those in the device's LAN
+CLIENT_NAMES = {"laptop", "phone", "printer"}  # the stations in the device's LAN
 
 STRANGER = {"Cookie": None}  # headers of a client that has not logged in
 
@@ -44,7 +44,7 @@ _shared = []
 
 
 def wait_until(condition, seconds=10):
-    """Waits for a condition; gives back whether it came to hold."""
+    """Waits until a condition is true. Returns false if it is not true in time."""
     end = time.monotonic() + seconds
     while not condition():
         if time.monotonic() > end:
@@ -57,7 +57,7 @@ _port_share = (0, 1)
 
 
 def take_ports_of(number, count):
-    """Has this process take its ports from a share of its own, as one of several."""
+    """Restricts this process to its share of the ports; it is one of several processes."""
     global _port_share
     _port_share = (number, count)
 
@@ -68,19 +68,19 @@ def free_port():
         with socket.socket() as listener:
             listener.bind(("127.0.0.1", 0))
             port = listener.getsockname()[1]
-        # The kernel gives out even ports here, and odd ones to connections.
+        # The kernel assigns even ports to bind() and odd ones to connect().
         if port // 2 % count == number:
             return port
 
 
 def build():
-    """Builds the demo by starting it once, as its user does."""
+    """Builds the demo by starting it once, as a user does."""
     with Demo(no_build=False):
         pass
 
 
 def shared_demo():
-    """A running demo for tests that leave it as they found it; stop_all() stops it."""
+    """Returns a running demo for tests that restore its state. stop_all() stops it."""
     if not _shared:
         _shared.append(Demo("--no-pause"))
     return _shared[0]
@@ -92,7 +92,7 @@ def stop_all():
 
 
 def seconds_of(duration):
-    """The seconds of a time span, from the text that a page shows."""
+    """Converts a duration as shown on a page to seconds."""
     days, hours, minutes, seconds = re.fullmatch(
         r"(?:(\d+) d )?(\d\d):(\d\d):(\d\d)", duration).groups()
     return ((int(days or 0) * 24 + int(hours)) * 60 + int(minutes)) * 60 + int(seconds)
@@ -125,20 +125,20 @@ def descendants(pid):
 
 
 class Demo:
-    """A running demo with a state folder of its own, and a client that has logged in to it."""
+    """A running demo with its own state directory, and a client that is logged in to it."""
 
     def __init__(self, *arguments, state=None, password=FACTORY_PASSWORD, no_build=True,
-                 script=SOURCE / "demo" / "run", build_folder=None, command=()):
-        self.own_folder = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
-        self.state = state or self.own_folder / "state"
+                 script=SOURCE / "demo" / "run", build_directory=None, command=()):
+        self.own_directory = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
+        self.state = state or self.own_directory / "state"
         self.port = free_port()
         self.output = ""
         self.session = None
         _running.add(self)
-        # Should this process be killed, the demo ends with it.
+        # The demo ends if this process is killed.
         command = [*command, "setpriv", "--pdeathsig", "TERM", script,
                    "--port", str(self.port), "--state", self.state,
-                   "--build", build_folder or BUILD, *(["--no-build"] if no_build else []),
+                   "--build", build_directory or BUILD, *(["--no-build"] if no_build else []),
                    *arguments]
         self.process = subprocess.Popen(
             [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -178,7 +178,7 @@ class Demo:
         self.stop()
 
     def stop(self, with_signal=signal.SIGTERM):
-        """Stops the demo; gives back its exit status."""
+        """Stops the demo and returns its exit status."""
         if self in _running:
             _running.discard(self)
             if self.process.poll() is None:
@@ -189,12 +189,12 @@ class Demo:
                 os.killpg(self.process.pid, signal.SIGKILL)
                 self.process.wait()
             self.process.stdout.close()
-            if self.own_folder:
-                shutil.rmtree(self.own_folder, ignore_errors=True)
+            if self.own_directory:
+                shutil.rmtree(self.own_directory, ignore_errors=True)
         return self.process.returncode
 
     def remaining_processes(self):
-        """The processes of the device and of the script that are still there."""
+        """Returns the processes of the device and of the script that still exist."""
         left = [pid for pid in self.members if process_namespace(pid)]
         return left + [pid for pid in processes() if process_namespace(pid) in self.namespaces]
 
@@ -208,7 +208,7 @@ class Demo:
                 if path.suffix == ".conf"}
 
     def setting(self, name, file, separator="="):
-        """The raw value of a line, as it stands in the file; None if there is no such line."""
+        """Returns the raw value of a line of the file; None if there is no such line."""
         for line in self.file(file).read_bytes().decode("utf-8", "surrogateescape").split("\n"):
             key, found, value = line.partition(separator)
             if found and key == name:
@@ -216,26 +216,26 @@ class Demo:
         return None
 
     def applied(self):
-        """What the configuration client has written down."""
+        """Returns the configuration client's record of the applied settings."""
         path = self.state / "var" / "log" / "applied.conf"
         return dict(line.split(" ", 1) for line in path.read_text().splitlines())
 
     def crashes(self):
-        """Lines of the server's log about programs that died, or complained of themselves."""
+        """Returns lines of the server's log about crashes and sanitizer reports."""
         log = self.state / "var" / "log" / "lighttpd.log"
         return [line for line in log.read_text(errors="replace").splitlines()
                 if re.search(r"died|signal|Sanitizer|runtime error", line)]
 
     def flash(self, number):
-        """The path of a flash partition's file."""
+        """Returns the path of a flash partition's file."""
         return self.state / "flash" / f"mtdblock{number}"
 
     def sessions(self):
-        """The files of the sessions, by name."""
+        """Returns the files of the sessions by name."""
         return {path.name: path for path in (self.root() / "run/sessions").iterdir()}
 
     def programs(self, path):
-        """The processes of the device that run a program."""
+        """Returns the processes of the device that run a program."""
         found = []
         for pid in processes():
             with contextlib.suppress(OSError):
@@ -245,7 +245,7 @@ class Demo:
         return found
 
     def program_names(self):
-        """The names of the processes in the device's network."""
+        """Returns the names of the processes in the device's network."""
         own = os.readlink(f"/proc/{self.programs('/usr/sbin/lighttpd')[0]}/ns/net")
         found = set()
         for pid in processes():
@@ -255,35 +255,34 @@ class Demo:
         return found
 
     def root(self):
-        """The root folder as the device's own programs see it."""
+        """Returns the device's root directory."""
         return pathlib.Path(f"/proc/{self.programs('/usr/sbin/lighttpd')[0]}/root")
 
     # The device's network.
 
     def inside(self, *command):
-        """A command line that runs a program of the machine in the device's network."""
-        # The first process that the script starts there; its network is the device's.
+        """Returns the command line that runs a program of the machine in the device's network."""
         pid = self.programs("/usr/sbin/lighttpd")[0]
         return ["nsenter", "--target", str(pid), "--net", *command]
 
     def ip(self, *arguments):
-        """What `ip` prints in the device's network."""
+        """Returns the output of `ip` in the device's network."""
         result = subprocess.run(self.inside("ip", "-json", *arguments), check=True,
                                 capture_output=True, text=True, stdin=subprocess.DEVNULL)
         return json.loads(result.stdout or "[]")
 
     def leases(self):
-        """The lines of the DHCP server's file, in words: expiry, MAC, IP, host name, identifier."""
+        """Returns the leases as lists of words: expiry, MAC, IP, host name, identifier."""
         path = self.state / "var" / "config" / "dnsmasq.leases"
         lines = path.read_text(errors="surrogateescape").splitlines() if path.exists() else []
         return [line.split(" ") for line in lines if line]
 
     def lessees(self):
-        """The names of those who have a lease."""
+        """Returns the host names of the leases."""
         return {lease[3] for lease in self.leases()}
 
     def greet_gateway(self):
-        """Sends the gateway a datagram, which makes the kernel ask for its hardware address."""
+        """Sends a datagram to the gateway, so that the kernel requests its hardware address."""
         subprocess.run(self.inside(
             sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
             ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
@@ -291,7 +290,7 @@ class Demo:
     # Requests.
 
     def request(self, method, path, body=None, headers=None, timeout=20):
-        """Sends a request with the session's cookie, unless the headers have another or None."""
+        """Sends a request. A Cookie header, which may be None, replaces the session's cookie."""
         own = {"Cookie": self.session and f"session={self.session}"}
         sent = {name: value for name, value in (own | (headers or {})).items() if value is not None}
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
@@ -306,15 +305,15 @@ class Demo:
         return self.request("GET", path, headers=headers)
 
     def try_log_in(self, user=USER, password=FACTORY_PASSWORD, **fields):
-        """Sends the form of the login, as somebody who has not logged in."""
-        # Wrong passwords wait for each other.
+        """Sends the login form as a client that is not logged in."""
+        # The long timeout covers the delays after wrong passwords.
         return self.post(LOGIN, {"user": user, "password": password, **fields}, STRANGER, 120)
 
     def log_in(self, user=USER, password=FACTORY_PASSWORD):
-        """Logs in; gives back the new session, which no request is sent with yet."""
+        """Logs in and returns the new session. Requests do not use it yet."""
         response = self.try_log_in(user, password)
         if response.status != 303:
-            raise AssertionError(f"no login: {response.status}")
+            raise AssertionError(f"login failed: {response.status}")
         return response.session()
 
     def is_logged_in(self, session):
@@ -330,7 +329,7 @@ class Demo:
         return Page(self.get(path).text)
 
     def document(self, path):
-        """A page's JSON."""
+        """Returns a page's JSON document."""
         response = self.get(path + "?Ajax=1")
         if response.status != 200:
             raise AssertionError(f"{path}: {response.status} {response.text}")
@@ -340,7 +339,7 @@ class Demo:
         return self.document(path)[section][0]
 
     def raw(self, data, seconds=20, half_close=False):
-        """Sends bytes and gives back all that comes until the server closes the connection."""
+        """Sends bytes and returns everything received until the server closes the connection."""
         with socket.create_connection(("127.0.0.1", self.port), timeout=seconds) as connection:
             connection.sendall(data)
             if half_close:
@@ -363,7 +362,7 @@ class Response:
         return self.body.decode()
 
     def session(self):
-        """The session that the answer sets."""
+        """Returns the session that the response sets."""
         return re.fullmatch(r"session=([0-9a-f]{64})(; .*)?", self.headers["Set-Cookie"]).group(1)
 
 
@@ -373,12 +372,12 @@ class Page(html.parser.HTMLParser):
     def __init__(self, text):
         super().__init__()
         self.text = text
-        self.fields = []    # what a browser would send, in order
-        self.shown = {}     # name: what the control shows
-        self.errors = {}    # name: what is wrong with it
+        self.fields = []    # the fields that a browser would send, in order
+        self.shown = {}     # name: value shown by the control
+        self.errors = {}    # name: error message
         self.labels = set()
         self.ids = []
-        self.controls = []  # ids of what a user fills in
+        self.controls = []  # ids of the visible controls
         self.links = []
         self.message = ""
         self._select = None
@@ -435,7 +434,7 @@ class Page(html.parser.HTMLParser):
 
 
 class Element:
-    """An element of a page, with what is in it."""
+    """An element of a page and its contents."""
 
     VOID = {"area", "br", "col", "hr", "img", "input", "link", "meta"}
 
@@ -467,7 +466,7 @@ class Element:
         return page
 
     def __iter__(self):
-        """All elements inside, in the page's order."""
+        """Yields all descendants in document order."""
         for child in self.children:
             if isinstance(child, Element):
                 yield child
@@ -478,7 +477,7 @@ class Element:
         return "".join(getattr(child, "text", child) for child in self.children).strip()
 
     def find(self, tag="", **attributes):
-        """The elements inside that are such a tag and have these attributes."""
+        """Returns the descendants with this tag and these attributes."""
         return [each for each in self if tag in ("", each.tag)
                 and all(each.attributes.get(name.rstrip("_").replace("_", "-")) == value
                         for name, value in attributes.items())]
@@ -488,12 +487,12 @@ class Element:
         return element
 
     def rows(self):
-        """A table's body: for each row the texts of its cells, by their class, and its data."""
+        """Returns the rows of a table: the texts of the cells by class, and the data attributes."""
         return [{each.attributes["class"]: each.text for each in row if "class" in each.attributes}
                 | {name: value for name, value in row.attributes.items() if name.startswith("data-")}
                 for row in self.find("tr") if row.find("td")]
 
 
 def escaped(value):
-    """A value as it stands between the quotes of a settings file."""
+    """Escapes a value as between the quotes of a settings file."""
     return re.sub(r'(["\\$`])', r"\\\1", value)

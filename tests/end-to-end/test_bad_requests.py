@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Whatever comes in, the answer is a sensible one, and the files stay whole."""
+"""Malformed requests get an appropriate response, and leave the files intact."""
 
 import random
 import time
@@ -39,7 +39,7 @@ class BadRequests(OwnDemoTest):
             self.assertEqual(response.status, 415, kind)
         self.assert_untouched()
 
-    def test_a_charset_behind_the_type_is_fine(self):
+    def test_a_charset_after_the_type_is_accepted(self):
         response = self.demo.post(NETWORK, "WLAN_SSID=x", {"Content-Type": FORM + "; charset=UTF-8"})
         self.assertEqual(response.status, 303)
 
@@ -57,7 +57,7 @@ class BadRequests(OwnDemoTest):
             self.assertEqual(response.status, 403, referer)
         self.assert_untouched()
 
-    def test_forms_of_this_site_and_of_programs_are_taken(self):
+    def test_forms_of_this_site_and_of_programs_are_accepted(self):
         own = f"http://127.0.0.1:{self.demo.port}"
         for headers in ({}, {"Origin": own}, {"Referer": own + NETWORK}, {"Referer": own}):
             response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
@@ -78,13 +78,13 @@ class BadRequests(OwnDemoTest):
             try:
                 self.assertEqual(self.demo.post(NETWORK, body).status, 413, size)
             except (BrokenPipeError, ConnectionResetError):
-                pass  # the server has closed the connection before all was sent
+                pass  # the server has closed the connection before the end of the body
         for length in ("99999999999", "9223372036854775807"):
             self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n"),
                              413)
         self.assert_untouched()
 
-    def test_the_largest_body_is_taken(self):
+    def test_the_largest_body_is_accepted(self):
         ending = "&WLAN_SSID=Full"
         body = "a=&" * 21000 + "a="
         body += "z" * (65536 - len(body) - len(ending)) + ending
@@ -92,17 +92,17 @@ class BadRequests(OwnDemoTest):
         self.assertEqual(self.demo.post(NETWORK, body).status, 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "Full")
 
-    def test_thousands_of_fields(self):
+    def test_thousands_of_fields_are_accepted(self):
         for count in (2047, 2048, 2049, 10000, 21000):
             body = "=&" * count + f"WLAN_SSID={count}&" + "a=&" * 100
             self.assertEqual(self.demo.post(NETWORK, body).status, 303, count)
             self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], str(count))
         body = "&".join(f"WLAN_SSID={i}" for i in range(4000))
         self.assertEqual(self.demo.post(NETWORK, body).status, 303)
-        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "0", "the first one counts")
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "0", "the first field is used")
         self.assertEqual(self.demo.post(DEVICE, "=&" * 32768).status, 400)
 
-    def test_long_queries(self):
+    def test_long_queries_get_a_complete_response(self):
         for query in ("=&" * 2048 + "Ajax=1", "=&" * 2047 + "Ajax=1", "a&" * 2000, "Ajax=" + "9" * 3000,
                       "Ajax", "Ajax=", "Ajax=1%", "Ajax=%", "Ajax=-1", "%", "&", "=",
                       "Ajax=99999999999999999999"):
@@ -117,51 +117,51 @@ class BadRequests(OwnDemoTest):
     def test_a_post_without_known_settings_is_refused(self):
         for body in ("", "a=b", "WLAN_SSID", "=", "&", "wlan_ssid=x", "=WLAN_SSID=x", "&WLAN_SSID=x",
                      "WLAN_SSID%3Dx"):
-            # A last word without `=` is a field with an empty value, and no network has an empty name.
+            # A last word without `=` is a field with an empty value, and an empty SSID is invalid.
             expected = 422 if body == "WLAN_SSID" else 400
             self.assertEqual(self.demo.post(NETWORK, body).status, expected, body)
         self.assert_untouched()
 
-    def test_a_post_without_a_length(self):
+    def test_a_post_without_a_valid_length_is_refused(self):
         self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\n"), 411)
         for length in ("-1", "x", "1x", "", "0x10", "+5"):
             status = self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n")
             self.assertIn(status, (400, 411, 413), length)
         self.assert_untouched()
 
-    def test_a_body_in_chunks(self):
+    def test_a_chunked_body_is_accepted(self):
         chunks = b"5\r\nWLAN_\r\n8\r\nSSID=abc\r\n0\r\n\r\n"
         headers = f"Content-Type: {FORM}\r\nTransfer-Encoding: chunked\r\n"
         self.assertEqual(self.raw_post(headers, chunks), 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "abc")
         self.assertIn(self.raw_post(headers, b"zz\r\nWLAN_SSID=x"), (400, None))
 
-    def test_a_short_body_ends_without_a_save(self):
+    def test_a_short_body_is_not_saved(self):
         headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
         for body in (b"", b"WLAN_SSID=short"):
             self.assertIn(self.raw_post(headers, body, half_close=True), (None, 400, 408))
         self.assert_untouched()
 
-    def test_a_client_that_stops_sending_is_not_waited_for_long(self):
+    def test_a_client_that_stops_sending_is_disconnected(self):
         start = time.monotonic()
         headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
         self.assertIn(self.raw_post(headers, b"WLAN_SSID=slow", seconds=30), (None, 400, 408))
         self.assertLess(time.monotonic() - start, 25)
         self.assert_untouched()
 
-    def test_more_body_than_announced(self):
+    def test_bytes_after_the_content_length_are_ignored(self):
         headers = f"Content-Type: {FORM}\r\nContent-Length: 11\r\n"
         self.assertEqual(self.raw_post(headers, b"WLAN_SSID=abGARBAGE"), 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "a")
 
-    def test_garbage_bodies(self):
+    def test_random_bodies_are_refused(self):
         chance = random.Random(1)
         for _ in range(150):
             body = chance.randbytes(chance.choice((1, 2, 10, 300, 5000)))
             self.assertIn(self.demo.post(chance.choice((NETWORK, DEVICE)), body).status, (400, 422))
         self.assert_untouched()
 
-    def test_damaged_forms(self):
+    def test_damaged_forms_leave_the_files_well_formed(self):
         chance = random.Random(2)
         good = urllib.parse.urlencode(self.demo.page(NETWORK).fields).encode()
         for _ in range(300):
@@ -181,13 +181,13 @@ class BadRequests(OwnDemoTest):
                              [line.replace(b"=", b" ").split()[0] for line in old])
         self.assertEqual(self.demo.get(NETWORK).status, 200)
 
-    def test_bad_percent_signs_do_no_harm(self):
+    def test_malformed_percent_encodings_are_kept_and_a_nul_ends_a_value(self):
         for body, value in (("WLAN_SSID=100%", "100%"), ("WLAN_SSID=a%4", "a%4"),
                             ("WLAN_SSID=ab%00cd", "ab"), ("WLAN_SSID=%41%", "A%")):
             self.assertEqual(self.demo.post(NETWORK, body).status, 303, body)
             self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], value)
 
-    def test_a_value_that_the_decoder_cuts_is_refused_and_not_saved_cut(self):
+    def test_a_value_that_the_decoder_truncates_is_refused(self):
         for value in ("%41" * 81, "%41" * 85, "%41" * 86, "a" * 254 + "%4", "%E6%97%A5" * 40):
             self.assertEqual(self.demo.post(DEVICE, "DESCRIPTION=" + value).status, 422, value)
         self.assert_untouched()

@@ -22,7 +22,7 @@ class ClientsTest(SharedDemoTest):
     def setUpClass(cls):
         super().setUpClass()
         if not wait_until(lambda: CLIENT_NAMES <= cls.demo.lessees(), 60):
-            raise AssertionError(f"the clients have not come: {cls.demo.leases()}")
+            raise AssertionError(f"there are clients without a lease: {cls.demo.leases()}")
 
     def rows(self, table):
         return self.demo.document(CLIENTS)[table]
@@ -31,22 +31,21 @@ class ClientsTest(SharedDemoTest):
         return Element.of_page(self.demo.get(CLIENTS + query).text)
 
     def neighbours(self):
-        """The kernel's: IP, MAC and interface of those whose hardware address is known."""
+        """Returns IP, MAC and interface of the kernel's neighbours with a known hardware address."""
         return {(each["dst"], each["lladdr"].upper(), each["dev"])
                 for each in self.demo.ip("-4", "neighbor", "show", "nud", "all")
                 if "lladdr" in each and not {"FAILED", "INCOMPLETE", "NOARP"} & set(each["state"])}
 
     def add_neighbour(self, address, mac):
-        """One that stays whatever the kernel finds."""
+        """Adds a permanent neighbour."""
         self.demo.ip("neighbor", "replace", address, "lladdr", mac, "dev", "br-lan",
                      "nud", "permanent")
         self.addCleanup(self.demo.ip, "neighbor", "del", address, "dev", "br-lan")
 
     def with_leases(self, lines, look):
-        """Adds lines to the server's file, looks, and takes them out again.
+        """Appends lines to the server's file, calls look(), and removes the lines.
 
-        The server knows nothing of them, and writes the file anew when a client renews its lease: then
-        the look is taken again.
+        The server overwrites the file when a client renews its lease; look() is then called again.
         """
         path = self.demo.state / "var/config/dnsmasq.leases"
         added = "".join(line + "\n" for line in lines).encode("utf-8", "surrogateescape")
@@ -63,7 +62,7 @@ class ClientsTest(SharedDemoTest):
 
 
 class Clients(ClientsTest):
-    def test_leases_are_the_servers(self):
+    def test_leases_equal_those_of_the_server(self):
         while True:
             earliest = int(time.time())
             before = self.demo.leases()
@@ -80,7 +79,7 @@ class Clients(ClientsTest):
             self.assertLessEqual(ends[row["mac"].upper()] - latest - 1, left)
             self.assertLessEqual(left, ends[row["mac"].upper()] - earliest + 1)
 
-    def test_neighbours_are_the_kernels(self):
+    def test_neighbours_equal_those_of_the_kernel(self):
         self.demo.greet_gateway()
         self.assertTrue(wait_until(lambda: "203.0.113.1" in {ip for ip, _, _ in self.neighbours()}))
 
@@ -102,7 +101,7 @@ class Clients(ClientsTest):
 
         self.assertTrue(wait_until(all_there, 30), self.rows("neighbours"))
 
-    def test_a_neighbour_comes_and_goes(self):
+    def test_an_added_neighbour_is_shown_and_a_removed_one_is_not(self):
         self.demo.ip("neighbor", "replace", "192.168.1.77", "lladdr", "02:00:de:ad:be:ef",
                      "dev", "br-lan", "nud", "permanent")
         row, = [row for row in self.rows("neighbours") if row["ip"] == "192.168.1.77"]
@@ -126,9 +125,10 @@ class Clients(ClientsTest):
                         return False
             return True
 
-        self.assertTrue(wait_until(same), "never the same, though a second may pass between them")
+        # A second may pass between the two requests.
+        self.assertTrue(wait_until(same), "page and JSON differ")
 
-    def test_a_page_is_sorted_without_scripts_too(self):
+    def test_a_page_can_be_sorted_without_javascript(self):
         for number in (9, 10, 77, 250):
             self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
         keys = {"ip": lambda row: [int(part) for part in row["ip"].split(".")],
@@ -144,8 +144,8 @@ class Clients(ClientsTest):
             self.assertTrue(response.text.endswith("</html>\n"))
             self.assertNotIn("<b>", response.text)
 
-    def test_a_client_with_a_hostile_name(self):
-        """A real one, whose names the server takes or leaves: what it keeps is shown as it is."""
+    def test_a_client_with_a_hostile_name_is_shown_with_the_name_in_the_lease(self):
+        """The client is real. The server may reject its name; the name that it stores is shown."""
         ip = self.demo.ip
         mac = "02:00:00:00:77:01"
         ip("link", "add", "test0", "type", "veth", "peer", "name", "test1", "address", mac)
@@ -166,7 +166,7 @@ class Clients(ClientsTest):
 
 
 class HostileNames(ClientsTest):
-    """Names that the DHCP server itself would refuse, should another write its file."""
+    """Leases with names that the DHCP server itself would not write."""
 
     def lines(self, names):
         later = int(time.time()) + 7200
@@ -176,7 +176,7 @@ class HostileNames(ClientsTest):
     def look(self):
         return self.demo.get(CLIENTS).text, self.demo.document(CLIENTS)
 
-    def test_page_and_json_show_them_as_they_are(self):
+    def test_page_and_json_show_hostile_names_unchanged(self):
         text, document = self.with_leases(self.lines(HOSTILE), self.look)
         page = Element.of_page(text)
         rows = {row["data-mac"]: row for row in page.by_id("leases").rows()}
@@ -191,7 +191,7 @@ class HostileNames(ClientsTest):
         self.assertEqual([each for each in page if any(name.startswith("on")
                                                        for name in each.attributes)], [])
 
-    def test_words_that_are_no_addresses(self):
+    def test_malformed_leases_leave_the_page_intact(self):
         later = int(time.time()) + 7200
         lines = []
         for word in HOSTILE + ["x" * 900, "1.2.3.4.5", "999.1.1.1", "\x01\x1b", "0"]:
@@ -208,7 +208,7 @@ class HostileNames(ClientsTest):
         self.assertEqual(len(page.find(id="leases")), 1)
         self.assertNotIn("<b>", text)
 
-    def test_what_a_lease_file_has_besides_leases_of_named_hosts(self):
+    def test_infinite_unnamed_expired_and_ipv6_leases(self):
         later = int(time.time()) + 7200
         lines = ["0 02:00:00:00:66:01 192.168.1.61 kept 01:02:00:00:00:66:01",
                  f"{later} 02:00:00:00:66:02 192.168.1.62 * *",
@@ -222,17 +222,17 @@ class HostileNames(ClientsTest):
             "192.168.1.61", "192.168.1.62", "192.168.1.63", "fd00::10"))
         self.assertEqual((kept["host"], kept["expires"]), ("kept", "never"))
         self.assertEqual((unnamed["host"], unnamed["mac"]), ("", "02:00:00:00:66:02"))
-        self.assertEqual(gone["expires"], "ended")
+        self.assertEqual(gone["expires"], "expired")
         self.assertEqual((six["host"], six["mac"]), ("six", ""))
 
-    def test_bytes_that_are_no_text(self):
+    def test_malformed_utf_8_is_replaced(self):
         host = b"a\xff\xfe\x80\xed\xa0\x80b\x01\x1bc".decode("utf-8", "surrogateescape")
         text, document = self.with_leases(self.lines([host]), self.look)
         row, = [row for row in document["leases"] if row["mac"] == "02:00:00:00:66:00"]
         self.assertEqual(row["host"], "a" + "\ufffd" * 6 + "b\x01\x1bc")
         self.assertTrue(text.endswith("</html>\n"))
 
-    def test_thousands_of_leases(self):
+    def test_thousands_of_leases_are_shown(self):
         later = int(time.time()) + 7200
         lines = [f"{later} 02:00:00:01:{i // 256:02x}:{i % 256:02x} 10.1.{i // 256}.{i % 256} host-{i} *"
                  for i in range(3000)]
@@ -243,7 +243,7 @@ class HostileNames(ClientsTest):
 
 
 class InBrowser(ClientsTest):
-    def test_a_click_on_a_heading_sorts_and_another_one_turns_it_round(self):
+    def test_a_click_on_a_heading_sorts_and_another_one_reverses_the_order(self):
         for number in (9, 10, 77, 250):
             self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
         seen = self.walk("sort").result()
@@ -260,7 +260,7 @@ class InBrowser(ClientsTest):
                 self.assertEqual(values, sorted(values, reverse=True), (column, table))
         self.assertIn("192.168.1.9", seen["ip"][0]["neighbours"])
 
-    def test_a_client_that_comes_is_shown_without_a_reload_in_the_order_that_was_chosen(self):
+    def test_a_new_client_is_shown_in_the_chosen_order_without_a_reload(self):
         walk = self.walk("clients")
         self.assertEqual(walk.line(), "sorted")
         self.add_neighbour("192.168.1.9", "02:00:00:00:09:09")
@@ -270,7 +270,7 @@ class InBrowser(ClientsTest):
         self.assertEqual(values, sorted(values, reverse=True))
         self.assertEqual(seen["loads"], 1)
 
-    def test_hostile_names_stay_text(self):
+    def test_hostile_names_are_shown_as_text(self):
         lines = HostileNames.lines(self, HOSTILE)
 
         seen = self.with_leases(lines, lambda: self.walk("hostile", len(lines)).result())

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Fifty clients at once, saving and reading: no error, no lost setting, no torn file."""
+"""Fifty clients save and read at the same time: no error, no lost setting, no incomplete file."""
 
 import concurrent.futures
 import itertools
@@ -14,7 +14,8 @@ CLIENTS = 50
 REQUESTS = 60  # of each client: 3,000 in all
 WHOLE_LINE = re.compile(rb'(#.*|[A-Z_]+[= ]"([^"\\]|\\.)*")')
 
-# Settings that one client alone changes, each in turn through these values, which fit each other.
+# Settings that are each changed by one client, which saves these values in turn. Any combination of
+# the values is valid.
 OWNED = {
     "LAN_ADDRESS": (NETWORK, [f"192.168.1.{i}" for i in range(2, 90)]),
     "DHCP_ENABLED": (NETWORK, ["0", "1"]),
@@ -42,7 +43,7 @@ class ClientsAtOnce(OwnDemoTest):
             raise AssertionError(what)
 
     def owner(self, name):
-        """Saves its own setting and sees that it stays what it saved last."""
+        """Saves its own setting and checks that no other client changes it."""
         path, values = OWNED[name]
         for value in itertools.islice(itertools.cycle(values), REQUESTS // 2):
             response = self.demo.post(path, {name: value})
@@ -52,7 +53,7 @@ class ClientsAtOnce(OwnDemoTest):
         return {name: value}
 
     def pair_writer(self, path, first, second, tag):
-        """Saves the same text in two settings, and sees that they are always the same."""
+        """Saves the same string in two settings, and checks that they are always equal."""
         for i in range(REQUESTS // 2):
             text = f'client "{tag}" \\{i}$'
             response = self.demo.post(path, {first: text, second: text})
@@ -73,7 +74,7 @@ class ClientsAtOnce(OwnDemoTest):
         return {}
 
     def watch_files(self, finished):
-        """Looks at the files themselves, without a lock: whole or, for a moment, not there."""
+        """Reads the files without a lock: they are complete or, for a moment, do not exist."""
         looks = 0
         while not finished.is_set():
             for name, lines in self.names.items():
@@ -92,7 +93,7 @@ class ClientsAtOnce(OwnDemoTest):
         self.expect(all(WHOLE_LINE.fullmatch(line) for line in lines), content)
         self.expect([re.split(rb"[= ]", line)[0] for line in lines] == names, content)
 
-    def test_fifty_clients(self):
+    def test_fifty_clients_at_the_same_time_lose_no_setting(self):
         same = "client at first"
         self.demo.post(NETWORK, {"WLAN_SSID": same, "WLAN_PASSPHRASE": same})
         self.demo.post(DEVICE, {"DESCRIPTION": same, "CONTACT": same})
@@ -118,7 +119,7 @@ class ClientsAtOnce(OwnDemoTest):
         last = {}
         for client in clients:
             last.update(client.result())
-        print(f"{CLIENTS * REQUESTS} requests in {seconds:.1f} s, {looks} looks at files ...",
+        print(f"{CLIENTS * REQUESTS} requests in {seconds:.1f} s, {looks} reads of files ...",
               end=" ", flush=True)
 
         self.assertEqual(self.demo.crashes(), [])

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Starting, stopping, and what stays behind: the settings, and nothing else."""
+"""Starting and stopping the demo: only the state remains."""
 
 import os
 import pathlib
@@ -19,8 +19,8 @@ NOBODY = 65534
 
 class Lifecycle(Case):
     def setUp(self):
-        self.folder = self.make_folder()
-        self.state = self.folder / "state"
+        self.directory = self.make_directory()
+        self.state = self.directory / "state"
 
     def run_script(self, *arguments, script=SOURCE / "demo" / "run"):
         return subprocess.run([script, "--no-build", "--build", device.BUILD, "--state", self.state,
@@ -40,13 +40,13 @@ class Lifecycle(Case):
             self.assertEqual(demo.files(), factory)
             self.assertEqual(demo.applied()["RUNS"], "1")
 
-    def test_two_demos_do_not_meet(self):
+    def test_two_demos_are_independent(self):
         with Demo() as one, Demo() as other:
             one.post(NETWORK, {"WLAN_SSID": "One"})
             self.assertEqual(one.json(NETWORK)["WLAN_SSID"], "One")
             self.assertEqual(other.json(NETWORK)["WLAN_SSID"], "Corvel Home")
 
-    def test_nothing_is_left_behind_however_it_ends(self):
+    def test_no_process_remains_after_any_signal(self):
         for end in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL):
             with self.subTest(end.name):
                 demo = Demo(state=self.state)
@@ -62,7 +62,7 @@ class Lifecycle(Case):
                 with socket.socket() as port:
                     self.assertNotEqual(port.connect_ex(("127.0.0.1", demo.port)), 0)
 
-    def test_the_machines_own_folders_are_not_seen(self):
+    def test_the_machines_own_directories_are_not_visible(self):
         with Demo() as demo:
             inside = next(pid for pid in demo.members
                           if pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().startswith(
@@ -75,10 +75,10 @@ class Lifecycle(Case):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])
             self.assertFalse((root / "home").exists() or (root / "root").exists())
-            for folder in ("usr", "etc", "www", "sbin", "opt"):
-                self.assertTrue(os.statvfs(root / folder).f_flag & os.ST_RDONLY, folder)
+            for directory in ("usr", "etc", "www", "sbin", "opt"):
+                self.assertTrue(os.statvfs(root / directory).f_flag & os.ST_RDONLY, directory)
 
-    def test_a_save_that_was_cut_off_is_completed_at_the_start(self):
+    def test_an_interrupted_save_is_recovered_at_the_start(self):
         Demo(state=self.state).stop()
         config = self.state / "config"
         whole = (config / "lan.conf").read_bytes()
@@ -91,15 +91,15 @@ class Lifecycle(Case):
             self.assertEqual(list(config.glob("*.cgi")), [])
             self.assertEqual(demo.json(NETWORK)["LAN_ADDRESS"], "192.168.1.1")
 
-    def test_the_state_is_nobody_elses(self):
-        """Neither what stands in it nor its locks, which who can read a file can hold."""
+    def test_only_the_owner_can_access_the_state(self):
+        """Users that can read a file could hold its lock."""
         self.state.mkdir(mode=0o755)
-        for _ in ("a folder that was there", "a state of before"):
+        for _ in ("an existing directory", "an existing state"):
             self.state.chmod(0o755)
             with Demo(state=self.state):
                 self.assertEqual(stat.S_IMODE(self.state.stat().st_mode), 0o700)
 
-    def test_a_port_in_use_is_said(self):
+    def test_a_port_in_use_is_reported(self):
         with socket.socket() as other:
             other.bind(("127.0.0.1", 0))
             other.listen()
@@ -108,22 +108,22 @@ class Lifecycle(Case):
         self.assertEqual(result.returncode, 1)
         self.assertIn(f"port {port} is in use", result.stderr)
 
-    def test_a_folder_of_something_else_is_left_alone(self):
+    def test_a_directory_with_other_files_is_not_changed(self):
         (self.state / "var").mkdir(parents=True)
         (self.state / "var" / "precious").touch()
         result = self.run_script("--reset", "--port", str(device.free_port()))
         self.assertEqual(result.returncode, 1)
-        self.assertIn("holds other things", result.stderr)
+        self.assertIn("contains other files", result.stderr)
         self.assertEqual([path.name for path in self.state.iterdir()], ["var"])
         self.assertTrue((self.state / "var" / "precious").exists())
 
-    def test_two_devices_do_not_share_a_state(self):
+    def test_a_state_in_use_is_refused(self):
         with Demo(state=self.state):
             result = self.run_script("--port", str(device.free_port()))
         self.assertEqual(result.returncode, 1)
         self.assertIn("in use by another demo", result.stderr)
 
-    def test_wrong_arguments_are_said(self):
+    def test_wrong_arguments_are_reported(self):
         for arguments, text in ((("--port", "x"), "not a port"), (("--port", "70000"), "not a port"),
                                 (("--port",), "needs a value"), (("--what",), "Usage")):
             result = self.run_script(*arguments)
@@ -132,21 +132,21 @@ class Lifecycle(Case):
         self.assertIn("Usage", self.run_script("--help").stdout)
 
     def test_it_runs_as_an_ordinary_user(self):
-        copy = self.folder / "demo"
+        copy = self.directory / "demo"
         copy.mkdir()
         shutil.copy(SOURCE / "demo" / "run", copy)
         shutil.copy(SOURCE / "demo" / "packages", copy)
-        shutil.copytree(device.BUILD / "device", self.folder / "build" / "device", symlinks=True)
+        shutil.copytree(device.BUILD / "device", self.directory / "build" / "device", symlinks=True)
         command = ()
         if os.geteuid() == 0:
-            subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.folder], check=True)
+            subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.directory], check=True)
             command = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
                        "--inh-caps=-all")
         try:
-            demo = Demo(state=self.state, script=copy / "run", build_folder=self.folder / "build",
+            demo = Demo(state=self.state, script=copy / "run", build_directory=self.directory / "build",
                         command=command)
         except RuntimeError as problem:
-            self.fail(f"an ordinary user can't run the demo here (user namespaces?): {problem}")
+            self.fail(f"an ordinary user cannot run the demo here (user namespaces?): {problem}")
         with demo:
             owner = os.stat(self.state / "config").st_uid
             self.assertNotEqual(owner, 0)
@@ -159,7 +159,7 @@ class Lifecycle(Case):
             shown = {each["name"]: each["ipv4"] for each in demo.document(STATUS)["interfaces"]}
             self.assertEqual((shown["br-lan"], shown["wan0"]), ("192.168.1.1", "203.0.113.2"))
             self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60),
-                            "the clients have not come")
+                            "there are clients without a lease")
             response = demo.post(PASSWORD, {
                 "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
             self.assertEqual(response.status, 303)

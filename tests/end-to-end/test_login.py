@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Nothing is served without a login, and a login lasts no longer than it should."""
+"""Nothing is served without a login, and a login expires."""
 
 import concurrent.futures
 import contextlib
@@ -25,7 +25,7 @@ UPLOAD_BODY = (b'--xYzZY\r\nContent-Disposition: form-data; name="image"; filena
                b"Content-Type: application/octet-stream\r\n\r\nabc\r\n--xYzZY--\r\n")
 LARGEST = 16 * 1024 * 1024
 PIECE = 65536
-# Header lines of who has no session: no cookie, one that is none, one that looks like one.
+# Header lines without a session: no cookie, a malformed cookie, a cookie with an unknown number.
 FORGED = ("", "Cookie: session=x\r\n", f"Cookie: session={'0' * 64}\r\n")
 MOST_SESSIONS = 16
 IDLE = 15 * 60
@@ -33,7 +33,7 @@ IDLE = 15 * 60
 
 class LoginTest(SharedDemoTest):
     def assert_to_login(self, response, path=None):
-        """The answer sends to the login, and has nothing else."""
+        """The response redirects to the login and has no body."""
         self.assertEqual(response.status, 303)
         self.assertRegex(response.headers["Location"], r"^/cgi-bin/login(\?next=[!-~]*)?$")
         self.assertEqual(response.body, b"")
@@ -42,7 +42,7 @@ class LoginTest(SharedDemoTest):
             self.assertEqual(urllib.parse.parse_qs(query)["next"], [path])
 
     def assert_refused(self, cookie):
-        """A request with this cookie gets what a stranger gets."""
+        """A request with this cookie is treated as one without a session."""
         name = str(cookie)[:90]
         with self.subTest(name):
             self.assert_to_login(self.demo.get(NETWORK, Cookie=cookie))
@@ -52,7 +52,7 @@ class LoginTest(SharedDemoTest):
 
 
 class Strangers(LoginTest):
-    """What somebody gets who has not logged in, from every program that the device has."""
+    """Requests without a session to every program of the device."""
 
     def setUp(self):
         super().setUp()
@@ -76,13 +76,13 @@ class Strangers(LoginTest):
     def ask(self, method, path, body=None, **headers):
         return self.demo.request(method, path, body, {**STRANGER, **headers})
 
-    def test_every_program_of_the_build_is_tried(self):
+    def test_every_program_of_the_build_is_tested(self):
         built = {f"/cgi-bin/{each.name}"
                  for each in (device.BUILD / "device/www/cgi-bin").iterdir()}
         self.assertEqual(built - {LOGIN}, set(self.paths))
         self.assertLessEqual({*device.PAGES, UPLOAD, LOGOUT}, built)
 
-    def test_a_page_leads_to_the_login(self):
+    def test_a_page_redirects_to_the_login(self):
         for path in self.paths:
             for query in ("", "?saved=1", "?Ajax=0", "?next=/style.css", "?user=admin&password=corvel"):
                 with self.subTest(path + query):
@@ -92,7 +92,7 @@ class Strangers(LoginTest):
         for path in ("", "?saved=1"):
             self.assert_to_login(self.ask("GET", NETWORK + path), NETWORK + path)
 
-    def test_more_path_behind_a_program_is_no_way_in(self):
+    def test_additional_path_after_a_program_does_not_avoid_the_login(self):
         for path in self.paths:
             for more in ("/", "/login", "/../login", "/public/style.css", "//", "%2flogin"):
                 with self.subTest(path + more):
@@ -114,7 +114,7 @@ class Strangers(LoginTest):
                         self.assertTrue(response.headers["Content-Type"].startswith(
                             "application/json"))
 
-    def test_a_post_is_refused_and_does_nothing(self):
+    def test_a_post_is_refused_and_changes_nothing(self):
         bodies = ((FORM, b""), (FORM, b"WLAN_SSID=x&HOST_NAME=x&CONTACT=x&action=restart"),
                   (FORM, b"user=admin&password=corvel&old=corvel&new=x&again=x&next=/"),
                   (MULTIPART, UPLOAD_BODY), ("text/plain", b"x=y"), ("", b"{}"))
@@ -149,11 +149,11 @@ class Strangers(LoginTest):
             response = self.ask("POST", UPLOAD, body, **{"Content-Type": MULTIPART})
             self.assertIn(response.status, (303, 401, 413))
         except (BrokenPipeError, ConnectionResetError):
-            pass  # the server has closed the connection before all was sent
+            pass  # the server has closed the connection before the end of the body
         self.assertTrue(wait_until(lambda: not self.demo.programs("/www/cgi-bin/upload")))
 
     def begin_upload(self, cookie):
-        """Sends the head of an upload of 16 MiB; gives back the connection."""
+        """Sends the header of an upload of 16 MiB and returns the connection."""
         connection = socket.create_connection(("127.0.0.1", self.demo.port), timeout=20)
         self.addCleanup(connection.close)
         connection.sendall((
@@ -161,14 +161,14 @@ class Strangers(LoginTest):
             f"Content-Length: {LARGEST}\r\n\r\n").encode())
         return connection
 
-    def test_an_upload_is_refused_before_any_of_it_has_come(self):
+    def test_an_upload_is_refused_before_its_body(self):
         for cookie in FORGED:
             with self.subTest(cookie):
                 answer = self.begin_upload(cookie).recv(4096)
                 self.assertTrue(answer.startswith(b"HTTP/1.1 303 "), answer)
                 self.assertIn(b"\r\nLocation: /cgi-bin/login\r\n", answer)
 
-    def test_an_upload_that_is_sent_all_the_same_is_kept_nowhere(self):
+    def test_the_body_of_a_refused_upload_is_not_stored(self):
         def used():
             space = os.statvfs(self.demo.root() / "tmp")
             return (space.f_blocks - space.f_bfree) * space.f_frsize
@@ -184,7 +184,7 @@ class Strangers(LoginTest):
                         most = max(most, used() - before)
                 self.assertLessEqual(most, PIECE)
 
-    def test_an_upload_in_chunks_is_refused_before_any_of_it_has_come(self):
+    def test_a_chunked_upload_is_refused_before_its_body(self):
         for cookie in FORGED:
             with self.subTest(cookie):
                 connection = socket.create_connection(("127.0.0.1", self.demo.port), timeout=20)
@@ -195,7 +195,7 @@ class Strangers(LoginTest):
                 answer = connection.recv(4096)
                 self.assertIn(answer[:13], (b"HTTP/1.1 303 ", b"HTTP/1.1 411 "))
 
-    def test_what_is_public_is_served_and_nothing_beside_it(self):
+    def test_only_public_files_are_served(self):
         public = self.demo.root() / "www/public"
         files = [path for path in public.rglob("*") if path.is_file()]
         self.assertGreaterEqual(len(files), 3)
@@ -211,7 +211,7 @@ class Strangers(LoginTest):
                      "/cgi-bin/../../etc/shadow", "/var/log/traps.log", "/login", "/status"):
             self.assertIn(self.ask("GET", path).status, (400, 403, 404), path)
 
-    def test_the_login_page_tells_nothing_of_the_settings(self):
+    def test_the_login_page_reveals_no_settings(self):
         response = self.ask("GET", LOGIN)
         self.assertEqual(response.status, 200)
         page = Page(response.text)
@@ -234,7 +234,7 @@ class Strangers(LoginTest):
 
 
 class Cookies(LoginTest):
-    def test_a_session_is_random_hexadecimal_that_scripts_do_not_see(self):
+    def test_a_session_is_a_random_hexadecimal_number_that_scripts_cannot_read(self):
         response = self.demo.try_log_in()
         self.assertEqual(response.status, 303)
         value, *attributes = re.split(r"; *", response.headers["Set-Cookie"])
@@ -244,9 +244,9 @@ class Cookies(LoginTest):
         self.assertNotIn(self.demo.session, value)
         self.assertNotEqual(response.session(), self.demo.log_in())
 
-    def test_a_session_is_a_file_that_root_alone_reads(self):
-        folder = self.demo.root() / "run/sessions"
-        self.assertEqual(stat.S_IMODE(folder.stat().st_mode), 0o700)
+    def test_a_session_is_a_file_that_only_root_can_read(self):
+        directory = self.demo.root() / "run/sessions"
+        self.assertEqual(stat.S_IMODE(directory.stat().st_mode), 0o700)
         path = self.demo.sessions()[self.demo.session]
         status = path.lstat()
         self.assertTrue(stat.S_ISREG(status.st_mode))
@@ -255,14 +255,14 @@ class Cookies(LoginTest):
         self.assertEqual([name for name in self.demo.sessions()
                           if not re.fullmatch("[0-9a-f]{64}", name)], [])
 
-    def test_a_cookie_among_others_counts(self):
+    def test_a_session_cookie_among_other_cookies_is_accepted(self):
         good = f"session={self.demo.session}"
         for cookie in (f"a=b; {good}", f"{good}; a=b", f"a=b; {good}; c=d", f"xsession=1; {good}",
                        f"session2=1; {good}", f"{'x' * 3000}=1; {good}", f"a; {good}", f"=; {good}"):
             self.assertEqual(self.demo.get(NETWORK, Cookie=cookie).status, 200, cookie[:50])
 
-    def test_a_cookie_of_the_same_name_hides_no_session(self):
-        """Who serves something else on the same address can have the browser send one in front."""
+    def test_other_cookies_of_the_same_name_do_not_hide_a_session(self):
+        """Another server on the same address can make the browser send its cookie first."""
         good = f"session={self.demo.session}"
         for other in ("session=", "session=x", f"session={'0' * 64}", f"session={secrets.token_hex(32)}",
                       "session=" + "a" * 3000, "; ".join(["session=x"] * 200)):
@@ -270,7 +270,7 @@ class Cookies(LoginTest):
                 self.assertEqual(self.demo.get(NETWORK, Cookie=cookie).status, 200, cookie[:50])
             self.assert_refused(f"{other}; {other}")
 
-    def test_anything_else_than_a_whole_session_is_refused(self):
+    def test_an_invalid_session_cookie_is_refused(self):
         good = self.demo.session
         while not re.search("[a-f]", good) or good == good[::-1]:
             good = self.demo.session = self.demo.log_in()
@@ -292,35 +292,35 @@ class Cookies(LoginTest):
             self.assert_refused(cookie)
         self.assertTrue(self.demo.is_logged_in(good))
 
-    def test_a_cookie_of_a_megabyte_is_answered(self):
+    def test_a_cookie_of_a_megabyte_gets_a_response(self):
         response = self.demo.raw(b"GET /cgi-bin/network HTTP/1.1\r\nHost: 127.0.0.1\r\n"
                                  b"Connection: close\r\nCookie: session=" + b"a" * 1_000_000
                                  + b"\r\n\r\n")
         self.assertIn(response[9:12], (b"", b"303", b"400", b"413", b"431"))
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
-    def test_other_files_among_the_sessions_are_none(self):
-        folder = self.demo.root() / "run/sessions"
+    def test_other_files_in_the_sessions_directory_are_not_sessions(self):
+        sessions = self.demo.root() / "run/sessions"
         good = self.demo.sessions()[self.demo.session]
         names = {"x", "A" * 64, "a" * 63, "a" * 65, "e" * 63 + "."}
         for name in names:
-            shutil.copy2(good, folder / name)
-            self.addCleanup((folder / name).unlink)
+            shutil.copy2(good, sessions / name)
+            self.addCleanup((sessions / name).unlink)
         empty, directory, other = ("e" * 64, "d" * 64, "c" * 64)
-        (folder / empty).touch(mode=0o600)
-        self.addCleanup((folder / empty).unlink, missing_ok=True)
-        (folder / directory).mkdir()
-        self.addCleanup(shutil.rmtree, folder / directory)
-        (folder / other).write_bytes(bytes(range(256)) * 40)
-        (folder / other).chmod(0o600)
-        self.addCleanup((folder / other).unlink, missing_ok=True)
+        (sessions / empty).touch(mode=0o600)
+        self.addCleanup((sessions / empty).unlink, missing_ok=True)
+        (sessions / directory).mkdir()
+        self.addCleanup(shutil.rmtree, sessions / directory)
+        (sessions / other).write_bytes(bytes(range(256)) * 40)
+        (sessions / other).chmod(0o600)
+        self.addCleanup((sessions / other).unlink, missing_ok=True)
         for name in names | {empty, directory, other}:
             self.assert_refused(f"session={name}")
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
 
 class Sessions(LoginTest):
-    def test_a_login_takes_no_number_that_somebody_else_has_chosen(self):
+    def test_a_login_does_not_accept_a_number_chosen_by_the_client(self):
         chosen = secrets.token_hex(32)
         former = self.demo.log_in()
         for sent in (chosen, former):
@@ -332,7 +332,7 @@ class Sessions(LoginTest):
             self.assert_refused(f"session={sent}")
             self.assertNotIn(sent, self.demo.sessions())
 
-    def test_a_logout_ends_the_session_and_no_other(self):
+    def test_a_logout_ends_only_its_session(self):
         session = self.demo.log_in()
         cookie = {"Cookie": f"session={session}"}
         response = self.demo.post(LOGOUT, "", cookie)
@@ -347,12 +347,12 @@ class Sessions(LoginTest):
         self.assert_to_login(self.demo.post(LOGOUT, "", cookie))
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
-    def test_a_link_logs_nobody_out(self):
+    def test_a_get_does_not_log_out(self):
         for method in ("GET", "HEAD"):
             self.assertEqual(self.demo.request(method, LOGOUT).status, 405)
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
-    def test_the_oldest_session_makes_room_for_a_new_one(self):
+    def test_a_new_session_replaces_the_oldest_one(self):
         sessions = [self.demo.log_in() for _ in range(MOST_SESSIONS)]
         self.assertEqual(set(self.demo.sessions()), set(sessions))
         sessions.append(self.demo.log_in())
@@ -361,7 +361,7 @@ class Sessions(LoginTest):
         for session in sessions[1:]:
             self.assertTrue(self.demo.is_logged_in(session))
 
-    def test_many_logins_at_once_leave_no_more_than_there_may_be(self):
+    def test_simultaneous_logins_do_not_exceed_the_limit_of_sessions(self):
         def log_in(_):
             while (response := self.demo.try_log_in()).status == 429:
                 time.sleep(0.05)
@@ -374,22 +374,22 @@ class Sessions(LoginTest):
         self.assertLessEqual(set(self.demo.sessions()), set(made))
 
     def age(self, session, seconds):
-        """Has the session been used last this long ago."""
+        """Sets the time of the session's last use back."""
         path = self.demo.sessions()[session]
         then = path.stat().st_mtime - seconds
         os.utime(path, (then, then))
 
-    def test_a_session_that_is_not_used_ends(self):
+    def test_an_unused_session_expires(self):
         session = self.demo.log_in()
         self.age(session, IDLE - 60)
         self.assertTrue(self.demo.is_logged_in(session))
         self.age(session, IDLE - 60)
-        self.assertTrue(self.demo.is_logged_in(session), "each use begins the time anew")
+        self.assertTrue(self.demo.is_logged_in(session), "each use extends the session")
         self.age(session, IDLE + 60)
         self.assert_refused(f"session={session}")
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
 
-    def test_a_page_that_refreshes_itself_does_not_keep_a_session_alive(self):
+    def test_automatic_refreshes_do_not_extend_a_session(self):
         session = self.demo.log_in()
         cookie = f"session={session}"
         for path in (STATUS, device.CLIENTS):
@@ -414,7 +414,7 @@ class Passwords(LoginTest):
         found = re.search(r'role="alert"[^>]*>([^<]+)<', response.text)
         return html.unescape(found.group(1))
 
-    def test_each_failure_in_a_row_waits_longer(self):
+    def test_each_further_failure_in_a_row_increases_the_delay(self):
         sessions = set(self.demo.sessions())
         waits = []
         messages = set()
@@ -423,7 +423,7 @@ class Passwords(LoginTest):
             waits.append(seconds)
             messages.add(self.message(response))
             self.assertNotIn("a bad guess", response.text)
-        self.assertEqual(len(messages), 1, "the message must not tell which of the two is wrong")
+        self.assertEqual(len(messages), 1, "the message must not reveal which of the two is wrong")
         for wait, least in zip(waits, (1, 2, 4)):
             self.assertGreaterEqual(wait, least)
         self.assertEqual(set(self.demo.sessions()), sessions)
@@ -431,10 +431,10 @@ class Passwords(LoginTest):
         self.demo.log_in()
         _, seconds = self.fail_to_log_in()
         self.assertGreaterEqual(seconds, 1)
-        self.assertLess(seconds, waits[2], "a success makes the device forget")
+        self.assertLess(seconds, waits[2], "a successful login resets the delay")
 
-    def test_who_hangs_up_waits_all_the_same(self):
-        """The record is the failures in a row, and the time of the clock before which nobody is let in."""
+    def test_closing_the_connection_does_not_avoid_the_delay(self):
+        """The record contains the number of failures and the time of the next check."""
         record = self.demo.root() / "run/login"
         body = urllib.parse.urlencode({"user": USER, "password": "a bad guess"})
         for number in (1, 2, 3):
@@ -444,11 +444,11 @@ class Passwords(LoginTest):
                     f"Content-Length: {len(body)}\r\n\r\n{body}").encode())
                 self.assertTrue(wait_until(lambda: record.read_text().split()[0] == str(number)))
         until = int(record.read_text().split()[1])
-        self.assertGreater(until, time.monotonic() * 1000, "it is written down before the wait")
+        self.assertGreater(until, time.monotonic() * 1000, "the record is written before the delay")
         self.demo.log_in()
         self.assertGreaterEqual(time.monotonic() * 1000, until)
 
-    def test_names_and_passwords_that_are_none(self):
+    def test_invalid_names_and_passwords_are_refused(self):
         for user, password in (("root", ""), ("root", "*"), ("root:x", "x"), ("", ""),
                                (USER + "\n", FACTORY_PASSWORD), (USER, FACTORY_PASSWORD + "\n"),
                                (USER, FACTORY_PASSWORD + "x" * 300), (USER.upper(), FACTORY_PASSWORD),
@@ -464,14 +464,14 @@ class Passwords(LoginTest):
             self.assertIsNone(response.headers["Set-Cookie"])
             self.demo.log_in()
 
-    def test_what_was_typed_is_shown_escaped_or_not_at_all(self):
+    def test_the_user_name_is_shown_escaped_and_the_password_is_not_shown(self):
         response, _ = self.fail_to_log_in('"><script>alert(1)</script>$title', "$message")
         self.message(response)
         self.assertNotIn("<script>", response.text)
         self.assertIsNone(re.search(r"\$\w", response.text))
         self.assertNotIn("$message", html.unescape(response.text), "a password is never shown")
 
-    def test_a_flood_of_wrong_passwords_is_answered_and_holds_nobody_up(self):
+    def test_a_flood_of_wrong_passwords_does_not_delay_other_requests(self):
         most = 0
         with concurrent.futures.ThreadPoolExecutor(60) as pool:
             flood = [pool.submit(self.demo.try_log_in, USER, f"wrong {i}") for i in range(60)]
@@ -483,7 +483,7 @@ class Passwords(LoginTest):
         self.assertEqual(set(statuses), {403, 429})
         refused = next(each.result() for each in flood if each.result().status == 429)
         self.assertGreater(int(refused.headers["Retry-After"]), 0)
-        self.assertGreater(statuses.count(429), 30, "above a few that wait, nobody waits")
+        self.assertGreater(statuses.count(429), 30, "only a few requests wait")
         self.assertLess(most, 30)
         for each in flood:
             self.assertIsNone(each.result().headers["Set-Cookie"])
@@ -512,7 +512,7 @@ class OtherSites(LoginTest):
         self.assertEqual(self.demo.files(), files)
         self.assertEqual((self.demo.root() / "etc/shadow").read_bytes(), accounts)
 
-    def test_a_login_leads_back_to_where_one_came_from(self):
+    def test_a_login_redirects_to_the_requested_page(self):
         for path in (NETWORK, DEVICE, DEVICE + "?saved=1", device.CLIENTS + "?sort=-ip"):
             response = self.demo.request("GET", path, headers=STRANGER)
             self.assert_to_login(response, path)
@@ -524,7 +524,7 @@ class OtherSites(LoginTest):
         response = self.demo.try_log_in()
         self.assertEqual((response.status, response.headers["Location"]), (303, STATUS))
 
-    def test_a_login_leads_nowhere_else(self):
+    def test_a_login_redirects_only_to_pages_of_this_site(self):
         for target in ("http://evil.example/", "//evil.example/", "///evil.example/", "evil.example",
                        "/\\evil.example/", "\\\\evil.example/", "\\/evil.example", "https:evil.example",
                        "javascript:alert(1)", "data:text/html,x", "/\t/evil.example", "\t//evil.example",
@@ -549,7 +549,7 @@ class OtherSites(LoginTest):
                 self.assertIn(page.status, (200, 400))
                 self.assertIsNone(re.search(r"""(href|src|action)=["']?[^/#"']""", page.text))
 
-    def test_where_one_came_from_is_shown_escaped(self):
+    def test_the_requested_page_is_shown_escaped(self):
         target = """/x"><script>alert(1)</script>'$title&lt;"""
         query = urllib.parse.urlencode({"next": target})
         text = self.demo.request("GET", f"{LOGIN}?{query}", headers=STRANGER).text
@@ -558,10 +558,10 @@ class OtherSites(LoginTest):
 
 
 class InBrowser(LoginTest):
-    def test_in_and_out_again(self):
+    def test_a_login_and_a_logout(self):
         seen = self.walk("login", logged_in=False).result()
         self.assertTrue(seen["reason"])
-        self.assertTrue(seen["at"][0].endswith(DEVICE), "where one wanted to go")
+        self.assertTrue(seen["at"][0].endswith(DEVICE), "the requested page")
         self.assertLessEqual(set(device.PAGES), set(seen["at"]))
         cookie, = seen["cookies"]
         self.assertEqual((cookie["name"], cookie["path"], cookie["httpOnly"], cookie["sameSite"],

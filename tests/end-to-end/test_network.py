@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The device's own network: what it has, who is in it, and that it stays there."""
+"""The device's own network: interfaces, stations, applied settings."""
 
 import json
 import re
@@ -10,7 +10,7 @@ from device import CLIENT_NAMES, CLIENTS, DEVICE, NETWORK, STATUS, Demo, wait_un
 
 
 def machine(*arguments):
-    """What the machine's own network has."""
+    """Returns the output of `ip` in the machine's own network."""
     return json.loads(subprocess.run(["ip", "-json", *arguments], check=True, capture_output=True,
                                      text=True).stdout or "[]")
 
@@ -36,14 +36,14 @@ class DeviceNetwork(OwnDemoTest):
     def wait_for_clients(self):
         self.assertTrue(wait_until(lambda: self.demo.lessees() == CLIENT_NAMES, 60), self.demo.leases())
 
-    def test_the_machine_has_none_of_it(self):
+    def test_the_machines_own_network_is_unchanged(self):
         self.assertEqual(self.names_of_the_machine(), self.before)
         self.assertEqual({"br-lan", "wan0", "wlan0"} & set(self.before), set())
         self.assertLessEqual({"br-lan", "wan0", "wlan0"},
                              {each["ifname"] for each in self.demo.ip("link", "show")})
         self.assertEqual(machine("route", "show", "203.0.113.0/24"), [])
 
-    def test_the_interfaces(self):
+    def test_the_interfaces_have_their_addresses(self):
         self.assertEqual(self.addresses("br-lan"), {"192.168.1.1/24", "2001:db8:1::1/64"})
         self.assertEqual(self.addresses("wan0"), {"203.0.113.2/24", "2001:db8:2::2/64"})
         self.assertEqual(self.addresses("wlan0"), set())
@@ -51,14 +51,14 @@ class DeviceNetwork(OwnDemoTest):
         for name in ("br-lan", "wan0"):
             self.assertIn("UP", self.link(name)["flags"])
 
-    def test_the_gateway_answers(self):
+    def test_the_gateway_replies(self):
         route, = self.demo.ip("-4", "route", "show", "default")
         self.assertEqual((route["gateway"], route["dev"]), ("203.0.113.1", "wan0"))
         self.demo.greet_gateway()
         self.assertTrue(wait_until(lambda: any(
             "lladdr" in each for each in self.demo.ip("neighbor", "show", "203.0.113.1"))))
 
-    def test_three_clients_come_with_leases_and_are_neighbours(self):
+    def test_the_three_stations_have_leases_and_are_neighbours(self):
         self.wait_for_clients()
         leases = {lease[3]: (lease[2], lease[1]) for lease in self.demo.leases()}
         self.assertEqual(len(set(leases.values())), 3)
@@ -73,7 +73,7 @@ class DeviceNetwork(OwnDemoTest):
         document = self.demo.document(CLIENTS)
         self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
 
-    def test_a_changed_address_comes_to_the_bridge(self):
+    def test_the_bridge_gets_a_changed_address(self):
         self.wait_for_clients()
         new = {"LAN_ADDRESS": "10.9.8.1", "LAN_NETMASK": "255.255.252.0", "DHCP_FIRST": "10.9.9.10",
                "DHCP_LAST": "10.9.9.20"}
@@ -83,7 +83,7 @@ class DeviceNetwork(OwnDemoTest):
             self.addresses("br-lan"))
         row = next(row for row in self.demo.document(STATUS)["interfaces"] if row["name"] == "br-lan")
         self.assertEqual((row["ipv4"], row["netmask"]), ("10.9.8.1", "255.255.252.0"))
-        self.assertEqual(self.demo.get(NETWORK).status, 200, "the site is still there")
+        self.assertEqual(self.demo.get(NETWORK).status, 200, "the site is still served")
         self.assertEqual(self.demo.post(NETWORK, {
             "LAN_ADDRESS": "192.168.1.1", "LAN_NETMASK": "255.255.255.0",
             "DHCP_FIRST": "192.168.1.100", "DHCP_LAST": "192.168.1.199"}).status, 303)
@@ -91,8 +91,8 @@ class DeviceNetwork(OwnDemoTest):
             lambda: self.addresses("br-lan") == {"192.168.1.1/24", "2001:db8:1::1/64"}))
 
     def apply_lan(self, **settings):
-        """Has the configuration client apply a file that was written by hand, past the page that would
-        refuse it; gives back what it says that it has applied."""
+        """Makes the configuration client apply settings that the page would refuse. Returns its record
+        of the applied settings."""
         text = self.factory["lan.conf"].decode()
         for name, value in settings.items():
             text = re.sub(f'^{name}=.*$', lambda _: f'{name}="{value}"', text, flags=re.M)
@@ -104,8 +104,8 @@ class DeviceNetwork(OwnDemoTest):
         self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) > runs))
         return self.demo.applied()
 
-    def test_an_impossible_address_leaves_the_bridge_as_it_was(self):
-        """And is not said to have been applied."""
+    def test_an_invalid_address_does_not_change_the_bridge(self):
+        """The record keeps the previous address."""
         for address, netmask in (("300.1.1.1", "255.255.255.0"), ("", ""), ("192.168.1.1; reboot", "x"),
                                  ("192.168.1.7", "255.0.255.0"), ("-h", "-h"), ("127.0.0.1", "0.0.0.0")):
             applied = self.apply_lan(LAN_ADDRESS=address, LAN_NETMASK=netmask)
@@ -113,7 +113,7 @@ class DeviceNetwork(OwnDemoTest):
             self.assertEqual(applied["LAN"], "192.168.1.1 255.255.255.0", address)
             self.assertEqual(self.demo.get(STATUS).status, 200)
 
-    def test_an_address_is_applied_before_it_is_said_to_be(self):
+    def test_the_record_names_the_applied_address(self):
         for address, netmask, prefix in (("172.16.5.9", "255.240.0.0", 12),
                                          ("192.168.1.7", "255.255.255.252", 30),
                                          ("192.168.1.1", "255.255.255.0", 24)):
@@ -121,8 +121,8 @@ class DeviceNetwork(OwnDemoTest):
             self.assertEqual(applied["LAN"], f"{address} {netmask}")
             self.assertIn(f"{address}/{prefix}", self.addresses("br-lan"))
 
-    def test_an_impossible_range_leaves_the_one_in_use(self):
-        """And is not said to have been applied."""
+    def test_an_invalid_range_does_not_change_the_server(self):
+        """The record keeps the previous range."""
         usual = "192.168.1.100 192.168.1.199 12h"
         self.assertEqual(self.apply_lan()["DHCP"], usual)
         for first, last in (("300.1.1.1", "192.168.1.199"), ("192.168.1.100", "192.168.2.199"),
@@ -133,8 +133,8 @@ class DeviceNetwork(OwnDemoTest):
         self.assertEqual(self.apply_lan(DHCP_ENABLED="0")["DHCP"], "off")
         self.assertEqual(self.apply_lan()["DHCP"], usual)
 
-    def test_a_device_that_starts_with_impossible_settings_says_that_it_has_none(self):
-        state = self.make_folder() / "state"
+    def test_a_device_that_starts_with_invalid_settings_records_none(self):
+        state = self.make_directory() / "state"
         with Demo(state=state) as demo:
             file = demo.file("lan.conf")
         text = file.read_text()
@@ -150,7 +150,7 @@ class DeviceNetwork(OwnDemoTest):
             self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60))
 
     def test_the_leases_survive_a_restart(self):
-        state = self.make_folder() / "state"
+        state = self.make_directory() / "state"
         with Demo(state=state) as demo:
             self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60))
             leases = {lease[1]: lease[2] for lease in demo.leases()}

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the pages and the JSON show."""
+"""The contents of the pages and of the JSON documents."""
 
 import json
 import re
@@ -27,12 +27,12 @@ class Pages(OwnDemoTest):
         lines = [form.format(name, value) for name, value in values.items()]
         self.demo.file(file).write_text("# made by hand\n" + "\n".join(lines) + "\n")
 
-    def test_the_network_page_shows_the_files_values(self):
+    def test_the_network_page_shows_the_values_of_the_files(self):
         page = self.demo.page(NETWORK)
         self.assertEqual(page.shown, NETWORK_SETTINGS)
         self.assertIn(">/22</output>", page.text)
 
-    def test_the_device_page_shows_the_files_values_and_the_factorys(self):
+    def test_the_device_page_shows_the_values_of_the_file_and_the_factory(self):
         page = self.demo.page(DEVICE)
         self.assertEqual(page.shown, DEVICE_SETTINGS)
         for text in ("Corvel R1", "CR1-2209-004711", "1.2"):
@@ -45,20 +45,20 @@ class Pages(OwnDemoTest):
             "MODEL": "Corvel R1", "SERIAL": "CR1-2209-004711", "HARDWARE": "1.2"})
         self.assertRegex(self.demo.json(NETWORK, "applied")["TIME"], r"^\d{4}-\d\d-\d\d ")
 
-    def test_json_is_told_apart_by_the_query(self):
+    def test_the_query_selects_json(self):
         for query, kind in (("Ajax=1", "application/json"), ("x=1&Ajax=2", "application/json"),
                             ("Ajax=0", "text/html"), ("ajax=1", "text/html"),
                             ("Ajax=no", "text/html"), ("", "text/html")):
             response = self.demo.get(f"{NETWORK}?{query}")
             self.assertEqual(response.headers["Content-Type"], f"{kind}; charset=utf-8", query)
 
-    def test_no_marker_is_left(self):
+    def test_no_marker_remains_in_a_page(self):
         for path in PAGES:
             text = self.demo.get(path).text
             self.assertIsNone(re.search(r"\$\w", text))
             self.assertTrue(text.endswith("</html>\n"))
 
-    def test_each_page_is_the_current_one_in_the_navigation(self):
+    def test_the_navigation_marks_the_current_page(self):
         for path in PAGES:
             current = re.findall(r'<a href="([^"]+)" aria-current="page">', self.demo.get(path).text)
             self.assertEqual(current, [path])
@@ -69,7 +69,7 @@ class Pages(OwnDemoTest):
             self.assertEqual(set(page.controls), page.labels)
             self.assertEqual(len(page.ids), len(set(page.ids)))
 
-    def test_all_that_a_page_refers_to_is_served_from_here(self):
+    def test_all_links_of_a_page_are_served_by_this_site(self):
         for path in PAGES:
             for link in self.demo.page(path).links:
                 self.assertRegex(link, r"^(/(?!/)|#)")
@@ -83,7 +83,7 @@ class Pages(OwnDemoTest):
             self.assertEqual(response.status, 200)
             self.assertTrue(response.headers["Content-Type"].startswith(kind))
 
-    def test_the_root_leads_to_the_first_page(self):
+    def test_the_root_redirects_to_the_status_page(self):
         response = self.demo.get("/")
         self.assertEqual((response.status, response.headers["Location"]), (302, STATUS))
 
@@ -93,7 +93,7 @@ class Pages(OwnDemoTest):
                      "/cgi-bin/", "/cgi-bin/nothing"):
             self.assertIn(self.demo.get(path).status, (400, 403, 404), path)
 
-    def test_answers_carry_the_security_headers(self):
+    def test_responses_have_the_security_headers(self):
         for path in (*PAGES, "/style.css", NETWORK + "?Ajax=1"):
             headers = self.demo.get(path).headers
             self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
@@ -102,7 +102,7 @@ class Pages(OwnDemoTest):
             self.assertEqual(headers["Referrer-Policy"], "same-origin")
         self.assertEqual(self.demo.get(NETWORK).headers["Cache-Control"], "no-store")
 
-    def test_an_error_of_the_web_server_says_what_it_is_and_not_who_says_it(self):
+    def test_an_error_page_does_not_name_the_web_server(self):
         for request, status in (
                 ("GET /nothing HTTP/1.1", 404), ("GET /cgi-bin/ HTTP/1.1", 403), ("GET", 400),
                 (f"POST {NETWORK} HTTP/1.1", 411),
@@ -117,11 +117,11 @@ class Pages(OwnDemoTest):
                 self.assertNotIn("lighttpd", head + body)
                 self.assertTrue(body.endswith("</html>\n"))
 
-    def test_head_has_no_body(self):
+    def test_a_response_to_head_has_no_body(self):
         response = self.demo.request("HEAD", NETWORK)
         self.assertEqual((response.status, response.body), (200, b""))
 
-    def test_a_file_that_somebody_has_broken_is_shown_and_parses(self):
+    def test_a_damaged_file_gives_a_complete_page_and_valid_json(self):
         for damage in (b'WLAN_SSID="\xff\xfe\x80 \xed\xa0\x80"\n', b'WLAN_SSID="\x01\x1b\x7f\t"\n',
                        b"WLAN_SSID=" + b'"' * 900 + b"\n", b"WLAN_SSID=" + b"\\" * 5000 + b"\n",
                        b'WLAN_SSID="$message $LAN_ADDRESS"\n', b'WLAN_SSID="</p><script>"\n',
@@ -134,7 +134,7 @@ class Pages(OwnDemoTest):
             settings = json.loads(self.demo.get(NETWORK + "?Ajax=1").body)["settings"][0]
             self.assertEqual(set(settings), set(NETWORK_SETTINGS))
 
-    def test_quotes_in_what_was_applied_are_json(self):
+    def test_quotes_in_the_applied_settings_are_escaped_in_json(self):
         record = self.demo.state / "var" / "log" / "applied.conf"
         content = record.read_bytes()
         self.addCleanup(record.write_bytes, content)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The change of one's password, with the device's real chpasswd."""
+"""Changing the password, with the device's real chpasswd."""
 
 import pathlib
 import re
@@ -21,7 +21,7 @@ class PasswordTest(OwnDemoTest):
         cls.accounts = cls.path.read_bytes()
 
     def setUp(self):
-        """Begins with the factory's password, without a failure before it."""
+        """Restores the factory's password and resets the failures."""
         self.path.write_bytes(self.accounts)
         self.demo.session = self.demo.log_in()
 
@@ -36,7 +36,7 @@ class PasswordTest(OwnDemoTest):
         return lines[user].split(":")[0]
 
     def send(self, old, new, again=None, **headers):
-        """Sends the form, and takes the cookie that comes back as a browser does."""
+        """Sends the form, and stores the cookie of the response as a browser does."""
         response = self.demo.post(PASSWORD, {
             "old": old, "new": new, "again": new if again is None else again}, headers)
         if response.headers["Set-Cookie"]:
@@ -44,7 +44,7 @@ class PasswordTest(OwnDemoTest):
         return response
 
     def change(self, old, new):
-        """Changes the password, and sees that the new one is the only one that opens."""
+        """Changes the password, and checks that only the new one is accepted."""
         before = self.path.read_text().splitlines()
         response = self.send(old, new)
         self.assertEqual(response.status, 303, response.text)
@@ -70,7 +70,7 @@ class PasswordTest(OwnDemoTest):
 
 
 class Change(PasswordTest):
-    def test_the_new_password_opens_and_the_old_one_does_not(self):
+    def test_only_the_new_password_is_accepted_after_a_change(self):
         mode = stat.S_IMODE(self.path.stat().st_mode)
         self.assertEqual(mode & 0o007, 0)
         before = self.entry()
@@ -83,7 +83,7 @@ class Change(PasswordTest):
         page = Page(self.demo.get(PASSWORD + "?saved=1").text)
         self.assertNotIn("a longer word", page.text)
 
-    def test_passwords_of_every_kind_of_character(self):
+    def test_passwords_may_contain_any_printable_characters(self):
         old = FACTORY_PASSWORD
         for new in ("a:b:c:d:", "::::::::", " leading and trailing ", "\"quoted\" 'twice'", "$HOME `id` $(id)",
                     "back\\slash\\", "%41%%+&=#;", "setenv a b", "p\u00e4ssw\u00f6rd \u65e5\u672c\U0001f600",
@@ -96,8 +96,8 @@ class Change(PasswordTest):
                 self.demo.log_in(password=new)
                 old = new
 
-    def test_a_session_elsewhere_ends_and_ones_own_goes_on_under_another_number(self):
-        """Who has come to know the number of this session is out as well."""
+    def test_a_change_ends_other_sessions_and_renews_the_own_one(self):
+        """The previous number of the own session becomes invalid as well."""
         others = [self.demo.session, *(self.demo.log_in() for _ in range(3))]
         self.assertEqual(self.send(FACTORY_PASSWORD, "another one").status, 303)
         for session in others:
@@ -117,19 +117,19 @@ class Change(PasswordTest):
                 self.assert_refused(self.send(old, "another one"))
                 self.demo.log_in()
 
-    def test_new_passwords_that_are_none(self):
+    def test_invalid_new_passwords_are_refused(self):
         for new in ("", "short 7", "line\nend", "line\rend", "the end\n", "\nroot:x", "nul\0nul", "tab\tin it",
                     "delete\x7fdelete",
                     "x" * (LONGEST + 1), "x" * 255, "x" * 256, "x" * 5000, "%" * 86, "\u65e5" * 85):
             with self.subTest(new[:20]):
                 self.assert_refused(self.send(FACTORY_PASSWORD, new))
 
-    def test_two_new_passwords_that_differ(self):
+    def test_two_different_new_passwords_are_refused(self):
         for new, again in (("another one", "another two"), ("another one", ""), ("", "another one"),
                            ("another one", "another one ")):
             self.assert_refused(self.send(FACTORY_PASSWORD, new, again))
 
-    def test_forms_that_lack_something(self):
+    def test_incomplete_forms_are_refused(self):
         for body in ("", f"old={FACTORY_PASSWORD}", "new=another&again=another",
                      f"old={FACTORY_PASSWORD}&new=another", "old&new&again", "=&" * 3000,
                      f"old={FACTORY_PASSWORD}&new&again"):
@@ -138,7 +138,7 @@ class Change(PasswordTest):
             self.assertEqual(self.path.read_bytes(), self.accounts)
             self.demo.log_in()
 
-    def test_a_stranger_and_another_site_change_nothing(self):
+    def test_requests_without_a_session_or_of_another_site_change_nothing(self):
         response = self.send(FACTORY_PASSWORD, "another one", **STRANGER)
         self.assertIn(response.status, (303, 401))
         for origin in ("http://evil.example", "null"):
@@ -146,14 +146,14 @@ class Change(PasswordTest):
             self.assertEqual(response.status, 403)
         self.assertEqual(self.path.read_bytes(), self.accounts)
 
-    def test_a_field_does_not_choose_another_user(self):
+    def test_a_field_cannot_select_another_user(self):
         root = self.entry("root")
         response = self.demo.post(PASSWORD, {
             "old": FACTORY_PASSWORD, "new": "another one", "again": "another one", "user": "root"})
         self.assertIn(response.status, (303, 400, 422))
         self.assertEqual(self.entry("root"), root)
 
-    def test_a_link_that_was_planted_is_not_followed(self):
+    def test_a_planted_symbolic_link_is_not_followed(self):
         target = self.demo.root() / "tmp/precious"
         target.write_text("precious")
         self.addCleanup(target.unlink)
@@ -172,7 +172,7 @@ class Change(PasswordTest):
 
 
 class InBrowser(PasswordTest):
-    def test_a_change_by_hand(self):
+    def test_a_change_in_the_browser(self):
         seen = self.walk("password", FACTORY_PASSWORD, "quite another one").result()
         self.assertTrue(seen["reason"])
         self.assertTrue(seen["at"].endswith(STATUS))
@@ -181,7 +181,7 @@ class InBrowser(PasswordTest):
 
 class AfterAChange(Case):
     def test_a_password_survives_a_restart_and_a_reset_undoes_it(self):
-        state = self.make_folder() / "state"
+        state = self.make_directory() / "state"
         new = "kept for long"
         with Demo(state=state) as demo:
             session = demo.session

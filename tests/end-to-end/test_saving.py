@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What a form sends comes to stand in the files, and comes back the same."""
+"""Values of a form are stored in the files, and are shown unchanged."""
 
 import fcntl
 import stat
@@ -8,7 +8,7 @@ import time
 from demo_test import OwnDemoTest
 from device import DEVICE, NETWORK, Page, escaped, wait_until
 
-# name: page, file, separator, a value that differs from the factory's
+# Name: page, file, separator, a value that differs from the factory's.
 SETTINGS = {
     "LAN_ADDRESS": (NETWORK, "lan.conf", "=", "192.168.1.254"),
     "LAN_NETMASK": (NETWORK, "lan.conf", "=", "255.255.0.0"),
@@ -73,19 +73,19 @@ class Saving(OwnDemoTest):
         self.assertEqual(response.headers["Location"], path + "?saved=1")
 
     def assert_stored(self, name, value):
-        """The value stands in the file, on the page and in the JSON."""
+        """The value is in the file, on the page and in the JSON document."""
         path, file, separator, _ = SETTINGS[name]
         self.assertEqual(self.demo.setting(name, file, separator), f'"{escaped(value)}"')
         self.assertEqual(self.demo.page(path).shown[name], value)
         self.assertEqual(self.demo.json(path)[name], value)
 
     def wait_for_the_client(self):
-        """Waits until the configuration client has applied all that was saved so far."""
+        """Waits until the configuration client has applied all saved settings."""
         wanted = self.demo.state / "var" / "lock" / "apply.wanted"
         self.assertTrue(wait_until(lambda: not wanted.exists()))
         time.sleep(0.3)
 
-    def test_each_setting_alone(self):
+    def test_each_setting_can_be_saved_separately(self):
         for name, (path, file, separator, value) in SETTINGS.items():
             with self.subTest(name):
                 self.restore_settings()
@@ -97,27 +97,27 @@ class Saving(OwnDemoTest):
                 self.assertNotEqual(changed, self.factory[file])
                 self.assertEqual(self.demo.files(), {**self.factory, file: changed})
 
-    def test_all_settings_of_a_page_at_once(self):
+    def test_all_settings_of_a_page_can_be_saved_together(self):
         for page in (NETWORK, DEVICE):
             fields = {name: value for name, (path, _, _, value) in SETTINGS.items() if path == page}
-            if page == NETWORK:  # the other values fit the old network
+            if page == NETWORK:  # values that are valid together
                 fields |= {"LAN_ADDRESS": "192.168.1.254", "LAN_NETMASK": "255.255.255.0"}
             self.save(page, fields)
             for name, value in fields.items():
                 self.assert_stored(name, value)
 
-    def test_a_form_as_a_browser_sends_it_changes_nothing(self):
+    def test_an_unchanged_form_changes_nothing(self):
         for path in (NETWORK, DEVICE):
             self.save(path, self.demo.page(path).fields)
         self.assertEqual(self.demo.files(), self.factory)
 
-    def test_a_cleared_switch_is_off_and_a_set_one_is_on(self):
+    def test_an_unchecked_switch_is_off_and_a_checked_one_is_on(self):
         for name in ("DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN"):
             for fields, value in (([(name, "0")], "0"), ([(name, "1"), (name, "0")], "1")):
                 self.save(NETWORK, fields)
                 self.assert_stored(name, value)
 
-    def test_nasty_values_come_back_the_same(self):
+    def test_values_with_special_characters_are_unchanged(self):
         for value in NASTY:
             with self.subTest(value):
                 self.save(DEVICE, {"DESCRIPTION": value, "CONTACT": value[::-1]})
@@ -127,7 +127,7 @@ class Saving(OwnDemoTest):
                     self.save(NETWORK, {"WLAN_SSID": value})
                     self.assert_stored("WLAN_SSID", value)
 
-    def test_every_printable_character_at_either_end(self):
+    def test_every_printable_character_at_either_end_is_unchanged(self):
         printable = [chr(code) for code in range(0x20, 0x7F)]
         for character in printable:
             value = f"{character}12345678{character}"
@@ -139,7 +139,7 @@ class Saving(OwnDemoTest):
             self.save(DEVICE, {"DESCRIPTION": value})
             self.assert_stored("DESCRIPTION", value)
 
-    def test_the_longest_values(self):
+    def test_the_longest_values_are_unchanged(self):
         for value in ("x" * 80, '"' * 80, "\\" * 80, "$" * 80, "&" * 80, "\U0001f600" * 20, ""):
             self.save(DEVICE, {"DESCRIPTION": value})
             self.assert_stored("DESCRIPTION", value)
@@ -147,12 +147,12 @@ class Saving(OwnDemoTest):
         self.assert_stored("WLAN_PASSPHRASE", "`" * 63)
         self.assert_stored("WLAN_SSID", "`" * 32)
 
-    def test_characters_may_be_sent_encoded_or_plain(self):
+    def test_characters_may_be_percent_encoded_or_plain(self):
         for body in ("WLAN_SSID=a%2Bb+c", "WLAN_SSID=%61%2b%62%20%63", "WLAN_SSID=a%2bb c"):
             self.save(NETWORK, body)
             self.assert_stored("WLAN_SSID", "a+b c")
 
-    def test_invalid_values_are_refused_and_nothing_is_touched(self):
+    def test_invalid_values_are_refused_and_nothing_is_changed(self):
         self.wait_for_the_client()
         runs = self.demo.applied()["RUNS"]
         for name, values in INVALID.items():
@@ -161,7 +161,7 @@ class Saving(OwnDemoTest):
                 with self.subTest(f"{name}={value[:40]!r}"):
                     response = self.demo.post(path, {name: value})
                     self.assertEqual(response.status, 422)
-                    self.assertIn("Nothing has been saved", response.text)
+                    self.assertIn("have not been saved", response.text)
                     self.assertEqual(self.demo.files(), self.factory)
         self.assertEqual(self.demo.applied()["RUNS"], runs)
 
@@ -173,7 +173,7 @@ class Saving(OwnDemoTest):
         self.assertEqual(page.errors, {"DHCP_LEASE": "Use 1 to 168 hours."})
         self.assertTrue(page.message)
 
-    def test_addresses_have_to_fit_each_other(self):
+    def test_contradictory_addresses_are_refused(self):
         for fields, name in (
                 ({"LAN_ADDRESS": "192.168.1.120"}, "DHCP_FIRST"),
                 ({"LAN_ADDRESS": "10.0.0.1"}, "DHCP_FIRST"),
@@ -193,7 +193,7 @@ class Saving(OwnDemoTest):
         self.save(NETWORK, {"LAN_ADDRESS": "10.0.0.1", "LAN_NETMASK": "255.0.0.0",
                             "DHCP_FIRST": "10.0.0.2", "DHCP_LAST": "10.255.255.254"})
 
-    def test_the_configuration_client_applies_what_was_saved(self):
+    def test_the_configuration_client_applies_saved_settings(self):
         self.wait_for_the_client()
         runs = int(self.demo.applied()["RUNS"])
         ssid = "\"q\" `b` $HOME \\ 'x' \u00e9"
@@ -204,7 +204,7 @@ class Saving(OwnDemoTest):
         self.save(DEVICE, {"CONTACT": "x"})
         self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) == runs + 2))
 
-    def test_an_answer_does_not_wait_for_the_configuration_client(self):
+    def test_a_response_does_not_wait_for_the_configuration_client(self):
         self.wait_for_the_client()
         runs = int(self.demo.applied()["RUNS"])
         with open(self.demo.state / "var" / "lock" / "configclient", "a") as lock:
@@ -214,7 +214,7 @@ class Saving(OwnDemoTest):
             self.assertEqual(int(self.demo.applied()["RUNS"]), runs)
         self.assertTrue(wait_until(lambda: int(self.demo.applied()["RUNS"]) == runs + 1))
 
-    def test_other_lines_and_the_mode_survive(self):
+    def test_other_lines_and_the_mode_are_kept(self):
         for file, line in (("wireless.conf", "OTHER"), ("global.conf", "OTHER 1")):
             path = self.demo.file(file)
             path.write_bytes(b"# first\n\n" + self.factory[file] + line.encode() + b"\n  # last\n")
@@ -229,14 +229,14 @@ class Saving(OwnDemoTest):
         for file in ("wireless.conf", "global.conf"):
             self.assertEqual(stat.S_IMODE(self.demo.file(file).stat().st_mode), 0o640)
 
-    def test_a_global_setting_without_a_line_gets_one(self):
+    def test_a_global_setting_without_a_line_is_appended(self):
         self.demo.file("global.conf").write_text('HOST_NAME "router"\n')
         self.save(DEVICE, {"DESCRIPTION": '"quoted"'})
         self.assertEqual(self.demo.file("global.conf").read_text(),
                          'HOST_NAME "router"\nDESCRIPTION "\\"quoted\\""\n')
         self.assert_stored("DESCRIPTION", '"quoted"')
 
-    def test_every_setting_is_tried(self):
+    def test_every_setting_is_tested(self):
         self.assertEqual(set(INVALID), set(SETTINGS))
         lines = b"".join(self.factory.values()).decode().splitlines()
         names = {line.replace("=", " ").split()[0] for line in lines if not line.startswith("#")}

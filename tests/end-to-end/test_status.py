@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The status page: what it shows is what the kernel of the device's network says."""
+"""The status page shows the state that the kernel reports for the device's network."""
 
 import ipaddress
 import re
@@ -13,14 +13,14 @@ INTERFACES = {"br-lan", "wan0", "wlan0"}
 
 class Status(SharedDemoTest):
     def shown(self):
-        """The interfaces in the JSON, by name."""
+        """Returns the interfaces of the JSON document by name."""
         return {each["name"]: each for each in self.demo.document(STATUS)["interfaces"]}
 
     def system(self):
         return self.demo.json(STATUS, "system")
 
     def kernels(self):
-        """The same as `ip` tells it."""
+        """Returns the interfaces as reported by `ip`."""
         found = {}
         for link in self.demo.ip("address", "show"):
             inet = [each for each in link["addr_info"] if each["family"] == "inet"]
@@ -35,7 +35,7 @@ class Status(SharedDemoTest):
                 "ipv6": f"{inet6[0]['local']}/{inet6[0]['prefixlen']}" if inet6 else ""}
         return found
 
-    def test_interfaces_are_as_the_kernel_has_them(self):
+    def test_interfaces_equal_those_of_the_kernel(self):
         shown = self.shown()
         kernels = self.kernels()
         self.assertLessEqual(INTERFACES, set(shown))
@@ -48,7 +48,7 @@ class Status(SharedDemoTest):
         self.assertEqual((shown["wlan0"]["ipv4"], shown["wlan0"]["netmask"], shown["wlan0"]["ipv6"]),
                          ("", "", ""))
 
-    def test_changed_interfaces_are_shown_at_the_next_look(self):
+    def test_changed_interfaces_are_shown_by_the_next_request(self):
         before = self.shown()["wlan0"]["mac"]
         self.demo.ip("link", "set", "wlan0", "up")
         self.addCleanup(self.demo.ip, "link", "set", "wlan0", "down")
@@ -64,7 +64,7 @@ class Status(SharedDemoTest):
             self.assertEqual(row | {"mac": row["mac"].upper()}, self.kernels()["wlan0"])
         self.assertEqual(self.shown()["wlan0"]["netmask"], "255.255.255.224")
 
-    def test_a_hostile_name_of_an_interface_is_shown_as_it_is(self):
+    def test_a_hostile_interface_name_is_shown_unchanged(self):
         for name in ("<b>&\"'$name", "'><i>$title", "\\\\u0041\\\"}"):
             with self.subTest(name):
                 self.demo.ip("link", "add", name, "type", "bridge")
@@ -78,7 +78,7 @@ class Status(SharedDemoTest):
                 rows = Element.of_page(self.demo.get(STATUS).text).by_id("interfaces").rows()
                 self.assertIn((name, name), [(row["name"], row["data-name"]) for row in rows])
 
-    def test_the_gateway_is_that_of_the_routes(self):
+    def test_the_gateway_equals_that_of_the_default_route(self):
         route, = [each for each in self.demo.ip("-4", "route", "show", "default")
                   if each["dev"] == "wan0"]
         self.assertEqual(route["gateway"], "203.0.113.1")
@@ -89,22 +89,22 @@ class Status(SharedDemoTest):
         self.demo.ip("route", "del", "default")
         self.assertEqual(self.system()["gateway"], "")
 
-    def test_the_name_servers_are_those_of_the_file(self):
+    def test_the_name_servers_equal_those_of_the_file(self):
         text = (self.demo.root() / "etc/resolv.conf").read_text()
         servers = re.findall(r"^nameserver\s+(\S+)", text, re.M)
         self.assertEqual(len(servers), 2)
         self.assertEqual(self.system()["dns"], ", ".join(servers))
 
-    def test_the_boot_set_is_the_one_that_runs(self):
+    def test_the_status_page_shows_the_running_set(self):
         self.assertEqual(self.system()["bootset"], self.demo.json(UPGRADE, "upgrade")["RUNNING"])
 
-    def test_the_uptime_is_the_clocks(self):
+    def test_the_uptime_equals_that_of_the_clock(self):
         before = int(time.monotonic())
         shown = seconds_of(self.system()["uptime"])
         self.assertLessEqual(before, shown)
         self.assertLessEqual(shown, int(time.monotonic()))
 
-    def test_the_dhcp_server_runs(self):
+    def test_the_dhcp_server_is_shown_as_running(self):
         self.assertTrue(wait_until(lambda: self.system()["dnsmasq"] == "running"))
         self.assertTrue(any("dnsmasq" in name for name in self.demo.program_names()))
 
@@ -125,13 +125,13 @@ class Status(SharedDemoTest):
         self.assertEqual(system, before)
         self.assertEqual(system, {name: page.by_id(name).text for name in system})
 
-    def test_a_stranger_gets_nothing(self):
+    def test_a_client_without_a_session_gets_nothing(self):
         response = self.demo.request("GET", STATUS, headers=STRANGER)
         self.assertEqual((response.status, response.body), (303, b""))
         self.assertTrue(response.headers["Location"].startswith(LOGIN))
 
     def test_the_browser_shows_a_change_without_a_reload(self):
-        """And goes to the login when the session has ended."""
+        """When the session has ended, the browser shows the login page."""
         before = self.shown()["wlan0"]["mac"]
         walk = self.walk("status")
         self.addCleanup(self.demo.ip, "link", "set", "wlan0", "address", before)

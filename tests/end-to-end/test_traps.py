@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Traps: what the device tells whoever listens, and the log of it."""
+"""Traps: the notifications that the device sends, and their log."""
 
 import re
 import struct
@@ -12,8 +12,8 @@ from device import (DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE,
 from test_upgrade import multipart, part
 from upgrade_image import Image
 
-# Listens as any program of the device may: on the multicast group 1 of netlink's protocol 16. Prints each
-# message that has come, in hexadecimal.
+# Listens on multicast group 1 of netlink's protocol 16, as any program of the device may. Prints each
+# received message in hexadecimal.
 LISTENER = """
 import socket
 listener = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 16)
@@ -37,7 +37,7 @@ class Traps(OwnDemoTest):
         self.assertEqual(self.listener.stdout.readline(), "listening\n")
 
     def heard(self):
-        """The text of the next trap, whose form has to be right."""
+        """Checks the format of the next trap and returns its text."""
         message = bytes.fromhex(self.listener.stdout.readline())
         length, kind, flags, sequence, port = struct.unpack("=IHHII", message[:16])
         self.assertEqual((length, len(message), kind, flags, sequence), (172, 172, 17, 0, 1))
@@ -48,7 +48,7 @@ class Traps(OwnDemoTest):
         return text.decode()
 
     def log(self):
-        """The texts of the log, the oldest first."""
+        """Returns the texts of the log, oldest first."""
         lines = (self.demo.state / "var/log/traps.log").read_text(errors="replace").splitlines()
         for line in lines:
             self.assertRegex(line, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d .*$")
@@ -60,25 +60,25 @@ class Traps(OwnDemoTest):
                 for each in page.by_id("traps").find("li")]
 
     def assert_told(self, text):
-        """The trap has come, is the last one of the log, and the first one of the page."""
+        """The trap was received, and is the last one of the log and the first one on the page."""
         self.assertEqual(self.heard(), text)
         self.assertTrue(wait_until(lambda: self.log()[-1] == text), self.log()[-3:])
         time, shown = self.shown()[0]
         self.assertEqual(shown, text)
         self.assertRegex(time, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
 
-    def test_a_login(self):
+    def test_a_login_sends_a_trap(self):
         self.demo.log_in()
         self.assert_told(f"login: {USER}")
 
-    def test_a_login_that_failed(self):
+    def test_a_failed_login_sends_a_trap(self):
         self.assertEqual(self.demo.try_log_in("<b>somebody</b>", "the wrong one").status, 403)
         self.assert_told("login refused")
         self.demo.log_in()
         self.assert_told(f"login: {USER}")
         self.assertNotIn("the wrong one", "".join(self.log()))
 
-    def test_a_change_of_password(self):
+    def test_a_change_of_password_sends_a_trap(self):
         accounts = self.demo.root() / "etc/shadow"
         self.addCleanup(accounts.write_bytes, accounts.read_bytes())
         response = self.demo.post(PASSWORD, {
@@ -88,18 +88,18 @@ class Traps(OwnDemoTest):
         self.assert_told(f"password changed: {USER}")
         self.assertNotIn("another one", "".join(self.log()))
 
-    def test_saved_settings(self):
+    def test_saved_settings_send_a_trap(self):
         self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
         self.assert_told("settings saved: device")
         self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": "x"}).status, 303)
         self.assert_told("settings saved: network")
 
-    def test_settings_that_were_refused_are_no_news(self):
+    def test_refused_settings_send_no_trap(self):
         self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": ""}).status, 422)
         self.demo.log_in()
         self.assert_told(f"login: {USER}")
 
-    def test_firmware_that_was_written(self):
+    def test_written_firmware_sends_a_trap(self):
         response = self.demo.request("POST", UPLOAD, multipart(part(
             Image("Corvel R1 2.0.0", 1000, 1000).bytes())), {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
@@ -109,7 +109,7 @@ class Traps(OwnDemoTest):
             lambda: self.demo.json(UPGRADE, "upgrade")["STATE"] == "written"))
         self.assert_told("firmware written: set B")
 
-    def test_the_page_shows_the_log_the_newest_first(self):
+    def test_the_page_shows_the_newest_entry_of_the_log_first(self):
         for _ in range(3):
             self.demo.log_in()
         self.demo.post(DEVICE, {"CONTACT": "y"})
@@ -121,7 +121,7 @@ class Traps(OwnDemoTest):
         self.assertEqual([time for time, _ in shown],
                          sorted([time for time, _ in shown], reverse=True))
 
-    def test_the_log_goes_on_after_a_restart(self):
+    def test_the_log_is_continued_after_a_restart(self):
         before = self.log()
         self.assertEqual(self.demo.post(UPGRADE, "action=restart").status, 200)
         self.assertTrue(wait_until(lambda: self.demo.get(TRAPS).status == 303, 30))
@@ -134,8 +134,8 @@ class Traps(OwnDemoTest):
         self.assertEqual(self.log()[:len(before)], before)
         self.assertEqual(self.shown()[0][1], f"login: {USER}")
 
-    def test_what_others_send_is_shown_as_text(self):
-        """Another program's trap, too, is logged and shown."""
+    def test_traps_of_other_programs_are_shown_as_text(self):
+        """Traps of other programs are logged and shown, too."""
         for text in (b"<script>alert(1)</script>$title", b"line\nend\r\x1b[2J", b"x" * 156, b"\xff\xfe", b""):
             code = ("import socket, struct, sys\n"
                     "s = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 16)\n"

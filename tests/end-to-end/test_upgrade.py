@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The firmware upgrade over HTTP: from A to B and back, refusals, and what cuts it off."""
+"""The firmware upgrade over HTTP: from A to B and back, refusals, and interruptions."""
 
 import contextlib
 import html
@@ -26,7 +26,7 @@ RUNNING_B = (4, 5)
 
 
 def part(data, name="image", filename="image.bin", kind="application/octet-stream"):
-    """The head and the content of a multipart body's part, without its boundary."""
+    """Returns the header and the content of a part of a multipart body, without its boundary."""
     head = f'Content-Disposition: form-data; name="{name}"'
     if filename is not None:
         head += f'; filename="{filename}"'
@@ -41,8 +41,8 @@ def multipart(*parts, boundary=b"xYzZY"):
 
 
 def variables(image):
-    """The variables of a boot environment, whose CRC has to be good."""
-    assert struct.unpack(">I", image[:4])[0] == zlib.crc32(image[4:]), "bad CRC"
+    """Checks the CRC of a boot environment and returns its variables."""
+    assert struct.unpack(">I", image[:4])[0] == zlib.crc32(image[4:]), "wrong CRC"
     entries = image[4:image.index(b"\0\0", 4)].split(b"\0")
     return dict(entry.decode().split("=", 1) for entry in entries)
 
@@ -53,14 +53,14 @@ def environment(*entries):
 
 
 class UpgradeTest(DemoTest):
-    """A device that has just left the factory, for each test."""
+    """Tests that each start with a device in the factory's state."""
 
     pause = "--no-pause"
     options = {}
 
     def setUp(self):
-        self.folder = self.make_folder()
-        self.demo = Demo(*([self.pause] if self.pause else []), state=self.folder / "state",
+        self.directory = self.make_directory()
+        self.demo = Demo(*([self.pause] if self.pause else []), state=self.directory / "state",
                          **self.options)
         self.addCleanup(self.demo.stop)
         self.factory = self.flash()
@@ -69,7 +69,7 @@ class UpgradeTest(DemoTest):
         return {number: self.demo.flash(number).read_bytes() for number in numbers}
 
     def curl(self, path, *arguments):
-        """Runs curl; gives back the status and the body."""
+        """Runs curl and returns the status and the body."""
         result = subprocess.run(
             ["curl", "--silent", "--show-error", "--max-time", "60", "--write-out",
              "\n%{http_code}", "--cookie", f"session={self.demo.session}", *arguments,
@@ -79,7 +79,7 @@ class UpgradeTest(DemoTest):
         return int(status), body.decode()
 
     def upload(self, image):
-        file = self.folder / "image.bin"
+        file = self.directory / "image.bin"
         file.write_bytes(image)
         return self.curl(UPLOAD, "--form", f"image=@{file}")
 
@@ -98,14 +98,14 @@ class UpgradeTest(DemoTest):
         self.assertEqual(self.state()["STATE"], "written")
 
     def write_until(self, share):
-        """Has the staged image written up to this share of it, and holds the writer there."""
+        """Starts writing the staged image, and stops the writer when it has written this share."""
         self.assertEqual(self.act("write"), 303)
         writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
         self.go_on(writer, share)
         return writer
 
     def go_on(self, writer, share):
-        """Lets a writer go on until it has written more than this share; gives back the state."""
+        """Continues a writer until it has written more than this share. Returns the state."""
         while True:
             os.kill(writer, signal.SIGSTOP)
             state = self.state()
@@ -130,7 +130,7 @@ class UpgradeTest(DemoTest):
 
     def start_anew(self):
         self.demo.stop()
-        self.demo = Demo(self.pause, state=self.folder / "state", **self.options)
+        self.demo = Demo(self.pause, state=self.directory / "state", **self.options)
         self.addCleanup(self.demo.stop)
 
     def assert_set(self, running, following, version):
@@ -153,7 +153,7 @@ class UpgradeTest(DemoTest):
 
 
 class Walks(UpgradeTest):
-    def test_the_factory_leaves_a_flash_that_boots_set_a(self):
+    def test_the_factory_program_creates_a_flash_that_boots_set_a(self):
         self.assertEqual({number: len(data) for number, data in self.factory.items()},
                          upgrade_image.SIZES)
         self.assertEqual(variables(self.factory[1]), {
@@ -203,7 +203,7 @@ class Walks(UpgradeTest):
         self.assertEqual({number: len(data) for number, data in self.flash().items()},
                          upgrade_image.SIZES)
 
-    def test_what_is_said_to_be_written_is_written(self):
+    def test_reported_progress_has_been_written(self):
         image, image_bytes = large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)
         self.upload(image_bytes)
         writer = self.write_until(0)
@@ -221,7 +221,7 @@ class Walks(UpgradeTest):
         os.kill(writer, signal.SIGCONT)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "written"))
 
-    def test_an_upload_may_have_16_mib_and_not_a_byte_more(self):
+    def test_an_upload_may_have_at_most_16_mib(self):
         overhead = len(multipart(part(b"")))
         largest = large_image("Corvel R1 2.0.0", LARGEST - overhead)[1]
         body = multipart(part(largest))
@@ -238,15 +238,15 @@ class Walks(UpgradeTest):
         self.assert_page(text)
         self.assert_untouched()
 
-    def test_other_pages_still_take_small_forms_only(self):
+    def test_other_pages_accept_only_small_forms(self):
         for path in (NETWORK, UPGRADE, UPLOAD + "/x", UPLOAD + "2"):
             response = self.demo.post(path, b"x" * 70000)
             self.assertEqual(response.status, 413, path)
             self.assert_page(response.text)
 
-    def test_an_upload_needs_little_more_than_the_body_and_the_image(self):
-        """Runs the program under one that writes down the most memory that it has had."""
-        build = self.folder / "build"
+    def test_an_upload_needs_little_more_memory_than_the_body_and_the_image(self):
+        """Runs the program under one that records its maximum memory use."""
+        build = self.directory / "build"
         shutil.copytree(device.BUILD / "device", build / "device", symlinks=True)
         program = build / "device/www/cgi-bin/upload"
         program.rename(program.with_name("upload.real"))
@@ -258,7 +258,7 @@ class Walks(UpgradeTest):
         program.chmod(0o755)
         body = multipart(part(large_image(
             "Corvel R1 2.0.0", LARGEST - len(multipart(part(b""))))[1]))
-        with Demo("--no-pause", build_folder=build) as demo:
+        with Demo("--no-pause", build_directory=build) as demo:
             start = time.monotonic()
             response = demo.request("POST", UPLOAD, body, {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
@@ -269,7 +269,7 @@ class Walks(UpgradeTest):
         self.assertGreater(peak, 2 * LARGEST // 1024 - 100)
         self.assertLess(peak, 2 * LARGEST // 1024 + 4096)
 
-    def test_actions_come_in_their_order(self):
+    def test_actions_in_the_wrong_order_are_refused(self):
         self.assertEqual(self.act("write"), 409)
         self.assertEqual(self.act("format"), 400)
         self.assertEqual(self.curl(UPGRADE, "--data", "x=y")[0], 400)
@@ -282,19 +282,19 @@ class Walks(UpgradeTest):
         self.upload(image)
         self.write_staged()
         status, text = self.upload(image)
-        self.assertEqual(status, 409, "it would now be written over the set that runs")
+        self.assertEqual(status, 409, "it would overwrite the running set")
         self.assert_page(text)
         self.assertEqual(self.act("write"), 409)
         self.assertEqual(self.flash(RUNNING_A), {each: self.factory[each] for each in RUNNING_A})
 
-    def test_an_upload_takes_the_place_of_the_one_before(self):
+    def test_an_upload_replaces_the_previous_one(self):
         self.upload(Image("Corvel R1 2.0.0").bytes())
         second = Image("Corvel R1 2.0.1")
         self.upload(second.bytes())
         self.write_staged()
         self.assertTrue(self.demo.flash(4).read_bytes().startswith(second.root))
 
-    def test_other_partitions_can_come_along(self):
+    def test_an_image_may_contain_other_partitions(self):
         boot = content("Corvel R1 boot loader 2", 50_000)
         image = Image("Corvel R1 2.0.0", extra=[section(b"boot", boot, burn_address=0x8000)])
         self.assertEqual(self.upload(image.bytes())[0], 303)
@@ -308,7 +308,7 @@ class Walks(UpgradeTest):
 
 
 class RunningSet(UpgradeTest):
-    """The kernel's command line names the running set, with any boot environment."""
+    """The kernel's command line names the running set, regardless of the boot environment."""
 
     def upgrade_with(self, stored, line=None):
         self.demo.flash(1).write_bytes(stored)
@@ -327,20 +327,20 @@ class RunningSet(UpgradeTest):
                          "1" if running == "A" else "0")
         return running
 
-    def test_a_boot_environment_with_a_bad_crc(self):
+    def test_a_boot_environment_with_a_wrong_crc(self):
         self.assertEqual(self.upgrade_with(self.factory[1][:-1] + b"x"), "A")
 
-    def test_a_boot_environment_without_the_boot_set(self):
+    def test_a_boot_environment_without_bootparam(self):
         self.assertEqual(self.upgrade_with(environment(b"bootdelay=2")), "A")
 
-    def test_a_boot_environment_without_the_boot_set_while_set_b_runs(self):
+    def test_a_boot_environment_without_bootparam_while_set_b_is_running(self):
         self.assertEqual(self.upgrade_with(environment(b"bootdelay=2"), "x root=31:4 ro\n"), "B")
 
     def test_a_command_line_that_names_no_set(self):
         self.assertEqual(self.upgrade_with(environment(b"bootparam=1"), "quiet\n"), "B")
 
     def test_a_long_command_line(self):
-        """The boot loader makes it of a long variable and starts set B."""
+        """The boot loader derives it from a long variable and starts set B."""
         arguments = b"bootargs=" + b"x=" + b"y" * 5000 + b" root=31:2 ro"
         self.demo.flash(1).write_bytes(environment(arguments, b"bootparam=1"))
         self.restart()
@@ -348,7 +348,7 @@ class RunningSet(UpgradeTest):
         self.assertEqual((self.state()["RUNNING"], self.state()["NEXT"]), ("B", "B"))
         self.assertEqual(self.upgrade_with(environment(arguments, b"bootdelay=2")), "B")
 
-    def test_only_a_whole_root_argument_counts(self):
+    def test_only_a_complete_root_argument_is_used(self):
         for line, running in (("root=31:2 root=31:4\n", "B"), ("root=/dev/mtdblock4", "B"),
                               ('x="a root=31:4 b" root=31:2\n', "A"),
                               ("nfsroot=31:4 root=31:2", "A"),
@@ -358,14 +358,14 @@ class RunningSet(UpgradeTest):
 
 
 class Refusals(UpgradeTest):
-    def test_bad_uploads(self):
+    def test_malformed_uploads_are_refused(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
         usual = "multipart/form-data; boundary=xYzZY"
         for name, body, kind, status in (
                 ("another boundary", multipart(part(good), boundary=b"other"), usual, 400),
                 ("no boundary", multipart(part(good)), "multipart/form-data", 400),
                 ("an empty boundary", multipart(part(good)), "multipart/form-data; boundary=", 400),
-                ("a boundary with more behind it", multipart(part(good)), usual + "; x=y", 400),
+                ("a boundary followed by a parameter", multipart(part(good)), usual + "; x=y", 400),
                 ("no file", multipart(part(b"x", filename=None)), usual, 400),
                 ("no file chosen", multipart(part(b"", filename="")), usual, 400),
                 ("no type", multipart(part(good, kind=None)), usual, 400),
@@ -385,13 +385,13 @@ class Refusals(UpgradeTest):
                 self.assertEqual(self.demo.crashes(), [])
         self.assert_untouched()
 
-    def test_fields_around_the_file_do_not_matter(self):
+    def test_fields_before_and_after_the_file_are_ignored(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
         field = part(b"value", filename=None, kind=None)
         response = self.send(multipart(field, part(good), field))
         self.assertEqual(response.status, 303)
 
-    def test_other_methods_and_other_sites(self):
+    def test_other_methods_and_other_sites_are_refused(self):
         good = multipart(part(Image("Corvel R1 2.0.0", 1000, 1000).bytes()))
         for method in ("GET", "PUT", "DELETE"):
             self.assertEqual(self.demo.request(method, UPLOAD).status, 405, method)
@@ -400,7 +400,7 @@ class Refusals(UpgradeTest):
         self.assertEqual(self.demo.post(UPGRADE, "action=restart", {"Origin": "null"}).status, 403)
         self.assert_untouched()
 
-    def test_a_client_that_stops_in_the_middle(self):
+    def test_an_incomplete_upload_changes_nothing(self):
         body = multipart(part(Image("Corvel R1 2.0.0").bytes()))
         head = (f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
                 f"Cookie: session={self.demo.session}\r\n"
@@ -412,12 +412,12 @@ class Refusals(UpgradeTest):
         self.assert_untouched()
 
     def refuse(self, image, complaint, result=0):
-        """The image is refused for this reason, and nothing else happens."""
+        """The image is refused for this reason, and nothing is changed."""
         status, text = self.upload(image)
         self.assertEqual(status, 422)
         self.assert_page(text)
         self.assertIn(complaint, self.complaint(text))
-        self.assertIn(f"with result {result}<", text)
+        self.assertIn(f"(result {result})<", text)
         self.assert_untouched()
         self.assertEqual(self.act("write"), 409)
         return text
@@ -425,8 +425,8 @@ class Refusals(UpgradeTest):
     def test_images_that_the_parser_refuses(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000)
         image = good.bytes()
-        cut = image[:len(image) - 40_000]
-        text = self.refuse(cut, "cut off", 1)
+        truncated = image[:len(image) - 40_000]
+        text = self.refuse(truncated, "the image is truncated", 1)
         self.assertIn("Header.len is wrong, headlen(50008) &gt;", text)
 
         damaged = bytearray(image)
@@ -451,11 +451,11 @@ class Refusals(UpgradeTest):
             self.assert_page(text)
         self.assert_untouched()
 
-    def test_images_that_the_parser_takes_and_nobody_should(self):
+    def test_images_that_only_the_site_refuses(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000)
         body = b"".join(good.sections)
-        self.refuse(body, "no version section")
-        self.refuse(body + signed(b""), "no version section")
+        self.refuse(body, "does not end with a version section")
+        self.refuse(body + signed(b""), "does not end with a version section")
         root, kernel = good.sections
         end = version_section("x")
         self.refuse(signed(root + end), "both a root file system and a kernel")
@@ -468,16 +468,16 @@ class Refusals(UpgradeTest):
             self.refuse(Image("x", 99, 99, [section(signature, b"x")]).bytes(),
                         f"{name}: two sections")
 
-    def test_a_section_that_asks_not_to_be_checked_still_has_to_fit(self):
+    def test_an_unverified_section_must_fit_into_its_partition(self):
         large = section(b"root", bytes(0x650000 + 1), mtd_id=255)
         self.refuse(signed(large + section(b"kern", b"x") + version_section("x")),
-                    "Rootfs: this section does not fit its partition")
+                    "Rootfs: this section does not fit into its partition")
         for address in (0x40000 - 99, 0x40000, 0xFFFFFFFF, 0x80000000):
             self.refuse(Image("x", 99, 99, [
                 section(b"boot", bytes(100), burn_address=address)]).bytes(),
-                "Boot: this section does not fit its partition")
+                "Boot: this section does not fit into its partition")
 
-    def test_what_runs_is_never_overwritten(self):
+    def test_the_running_set_is_never_overwritten(self):
         self.assertEqual(self.upload(Image("Corvel R1 2.0.0", 99, 99).bytes())[0], 303)
         self.write_staged()
         self.restart()
@@ -486,10 +486,10 @@ class Refusals(UpgradeTest):
             image = Image("x", 99, 99, [section(signature, b"x")]).bytes()
             status, text = self.upload(image)
             self.assertEqual(status, 422)
-            self.assertIn("would overwrite the set that runs", self.complaint(text))
+            self.assertIn("would overwrite the running set", self.complaint(text))
         self.assertEqual(self.flash(), before)
 
-    def test_an_environment_that_no_variable_can_be_stored_in(self):
+    def test_an_unusable_boot_environment_is_refused(self):
         image = Image("Corvel R1 2.0.0", 99, 99).bytes()
         for broken in (b"\0" * 65536, b"noise" + bytes(65531),
                        b"\0" * 4 + b"\xff" * 65532):
@@ -501,7 +501,7 @@ class Refusals(UpgradeTest):
             self.assertEqual(self.flash(), self.factory)
             self.assertEqual(self.curl(UPGRADE)[0], 200)
 
-    def test_a_set_that_nothing_names_as_the_running_one(self):
+    def test_an_upgrade_is_refused_if_the_running_set_is_unknown(self):
         (self.demo.root() / "run/cmdline").write_text("root=/dev/nfs\n")
         self.demo.flash(1).write_bytes(environment(b"bootdelay=2"))
         self.factory[1] = self.demo.flash(1).read_bytes()
@@ -512,8 +512,8 @@ class Refusals(UpgradeTest):
         self.assertEqual((self.state()["RUNNING"], self.state()["NEXT"]), ("", ""))
         self.assertEqual(self.curl(UPGRADE)[0], 200)
 
-    def test_a_version_that_looks_like_html(self):
-        """The image says it of itself, and is staged, shown and booted all the same."""
+    def test_a_version_that_contains_html_is_escaped(self):
+        """The image with this version can be staged, shown and booted."""
         version = "<b>x</b>$title'\"&amp;"
         self.assertEqual(self.upload(Image(version, 99, 99).bytes())[0], 303)
         self.write_staged()
@@ -526,7 +526,7 @@ class Refusals(UpgradeTest):
         self.restart()
         self.assert_set("B", "B", version)
 
-    def test_names_of_files(self):
+    def test_file_names_are_shown_escaped_and_without_directories(self):
         image = Image("Corvel R1 2.0.0", 99, 99).bytes()
         for name, shown in (("<script>alert(1)</script>", "script>"), ("../../etc/passwd", "passwd"),
                             ("C:\\images\\a.bin", "a.bin"), ("$message", "$message"), ("a" * 300, "image"),
@@ -537,17 +537,17 @@ class Refusals(UpgradeTest):
                 b'"image.bin"', b'"' + file.encode("latin-1") + b'"')
             self.assertEqual(self.send(body).status, 303, name)
             heading = re.search(r'<h2 id="step">(.*)</h2>', self.curl(UPGRADE)[1]).group(1)
-            self.assertEqual(html.unescape(heading), f"Write {shown} into set B?")
+            self.assertEqual(html.unescape(heading), f"Write {shown} to set B?")
             self.assertNotIn("<", heading)
 
 
-class CutOff(UpgradeTest):
+class Interruptions(UpgradeTest):
     def assert_runs_as_before(self):
         kept = (0, 1, *RUNNING_A, 6, 7, 8)
         self.assertEqual(self.flash(kept), {each: self.factory[each] for each in kept})
         self.assert_set("A", "A", "Corvel R1 1.0.0")
 
-    def test_a_writer_that_is_killed(self):
+    def test_a_killed_writer_leaves_the_running_set_unchanged(self):
         image = large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)
         for share in (0, 0.3, 0.9):
             self.assertEqual(self.upload(image[1])[0], 303)
@@ -558,7 +558,7 @@ class CutOff(UpgradeTest):
             self.assertTrue(wait_until(lambda: self.state()["STATE"] == "interrupted"))
             self.assert_runs_as_before()
             text = self.curl(UPGRADE)[1]
-            self.assertIn("The writing was cut off", text)
+            self.assertIn("Writing was interrupted", text)
             self.assertIn('Set B <span class="badge">Incomplete</span>', text)
             self.restart()
             self.assert_runs_as_before()
@@ -569,7 +569,7 @@ class CutOff(UpgradeTest):
         self.restart()
         self.assert_set("B", "B", "Corvel R1 2.0.0")
 
-    def test_a_device_that_loses_its_power(self):
+    def test_a_power_loss_leaves_the_running_set_unchanged(self):
         self.upload(large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)[1])
         self.write_until(0.4)
         self.demo.stop(signal.SIGKILL)
@@ -580,13 +580,13 @@ class CutOff(UpgradeTest):
 
 
 class ReadOnlyFlash(UpgradeTest):
-    """A device with a partition that can't be written."""
+    """A device with a partition that cannot be written."""
 
     def setUp(self):
-        folder = self.make_folder()
-        (folder / "demo").mkdir()
-        script = folder / "demo" / "run"
-        shutil.copy(SOURCE / "demo" / "packages", folder / "demo")
+        directory = self.make_directory()
+        (directory / "demo").mkdir()
+        script = directory / "demo" / "run"
+        shutil.copy(SOURCE / "demo" / "packages", directory / "demo")
         text = (SOURCE / "demo" / "run").read_text()
         end = "    # On the device every program runs as root"
         self.assertIn(end, text)
@@ -596,12 +596,12 @@ class ReadOnlyFlash(UpgradeTest):
         self.options = {"script": script}
         super().setUp()
 
-    def test_what_can_not_be_written_does_not_boot(self):
+    def test_a_set_that_cannot_be_written_does_not_boot(self):
         self.assertEqual(self.upload(Image("Corvel R1 2.0.0").bytes())[0], 303)
         self.assertEqual(self.act("write"), 303)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "failed", 30))
         self.assert_set("A", "A", "Corvel R1 1.0.0")
-        self.assertIn("The flash could not be written. The set that runs is as it was",
+        self.assertIn("The flash could not be written. The running set is unchanged",
                       self.curl(UPGRADE)[1])
         self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
         self.assertEqual(self.demo.flash(1).read_bytes(), self.factory[1])
@@ -610,7 +610,7 @@ class ReadOnlyFlash(UpgradeTest):
 class AtOnce(UpgradeTest):
     pause = ""
 
-    def test_one_upload_at_a_time_and_a_pause_before_a_large_one(self):
+    def test_one_upload_at_a_time_with_a_pause_before_a_large_one(self):
         times = []
 
         large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
@@ -642,7 +642,7 @@ class AtOnce(UpgradeTest):
         self.assertGreaterEqual(seconds, 10)
         self.assertEqual(self.state()["STATE"], "staged")
 
-    def test_many_small_uploads_at_once(self):
+    def test_simultaneous_small_uploads(self):
         bodies = [multipart(part(Image(f"Corvel R1 2.0.{i}", 99, 99).bytes())) for i in range(12)]
         answers = []
         clients = [threading.Thread(target=lambda body=body: answers.append(self.send(body).status))

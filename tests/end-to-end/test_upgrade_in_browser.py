@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The firmware upgrade as a person does it, in a browser."""
+"""The firmware upgrade in a browser."""
 
 import os
 import signal
@@ -11,7 +11,7 @@ from upgrade_image import Image, large_image
 
 class InBrowser(UpgradeTest):
     def file(self, name, data):
-        path = self.folder / name
+        path = self.directory / name
         path.write_bytes(data)
         return path
 
@@ -36,7 +36,7 @@ class InBrowser(UpgradeTest):
         self.demo.session = self.demo.log_in()
         self.assert_set("A", "A", "Corvel R1 3.0.0")
 
-    def test_a_writer_that_is_killed(self):
+    def test_a_killed_writer_leaves_the_running_set_unchanged(self):
         image = self.file("corvel-r1-2.0.0.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
         walk = self.walk("write", image)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "writing", 30))
@@ -50,28 +50,28 @@ class InBrowser(UpgradeTest):
         self.assertEqual(self.flash((1, *RUNNING_A)),
                          {each: self.factory[each] for each in (1, *RUNNING_A)})
 
-    def test_a_refused_image(self):
+    def test_a_refused_image_is_explained(self):
         image = bytearray(Image("Corvel R1 2.0.0").bytes())
         image[2_000_000] ^= 1
         seen = self.walk("refused", self.file("damaged.bin", image)).result()
         self.assertIn("Rootfs: the checksum of this section is wrong", seen["reason"])
-        self.assertEqual(seen["focused"], "damaged.bin can\u2019t be used")
+        self.assertEqual(seen["focused"], "damaged.bin cannot be used")
         self.assert_untouched()
 
     def test_a_file_that_is_too_large_is_not_sent(self):
         self.assertIn("larger than 16 MiB", self.walk(
             "tooLarge", self.file("large.bin", bytes(16 * 1024 * 1024 + 1))).result())
 
-    def test_an_image_that_is_sent_when_the_session_has_ended_leads_to_the_login(self):
+    def test_an_upload_after_the_end_of_the_session_leads_to_the_login(self):
         image = self.file("a.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
         for name in ("ended", "endedWithoutScripts"):
             self.assertIn(LOGIN, self.walk(name, image).result(), name)
         self.assert_untouched()
 
-    def test_without_scripts(self):
+    def test_an_upgrade_without_javascript(self):
         image = self.file("a.bin", Image("Corvel R1 2.0.0").bytes())
         self.assertEqual(self.walk("withoutScripts", image).result(),
                          "Set B Running Corvel R1 2.0.0")
 
-    def test_every_page_in_every_width_and_colour(self):
+    def test_every_page_at_every_width_and_in_every_colour_scheme(self):
         self.assertEqual(self.walk("pages").result(), "checked")

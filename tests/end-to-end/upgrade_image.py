@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: MIT
-"""Builds upgrade images, good ones and bad ones, as a maker of firmware would."""
+"""Builds valid and invalid upgrade images."""
 
 import random
 import struct
 import zlib
 
-# By signature: the partition's size and the block device's number.
+# By signature: the size of the partition and the number of its block device.
 PARTITIONS = {
     b"boot": (0x40000, 0), b"benv": (0x10000, 1), b"root": (0x650000, 2), b"kern": (0x100000, 3),
     b"rfs1": (0x650000, 4), b"knl1": (0x100000, 5), b"log0": (0xF0000, 6), b"conf": (0x10000, 7),
@@ -16,7 +16,7 @@ HEADER = struct.Struct(">4s4I")
 
 
 def section(signature, content, *, burn_address=0, padding=0, mtd_id=None):
-    """A section whose payload, with its padding and its checksum byte, sums up to nothing."""
+    """Returns a section. The bytes of its payload, padding and checksum add up to 0 modulo 256."""
     body = content + bytes(padding)
     body += bytes([-sum(body) % 256])
     number = PARTITIONS.get(signature, (0, 1))[1] if mtd_id is None else mtd_id
@@ -24,7 +24,7 @@ def section(signature, content, *, burn_address=0, padding=0, mtd_id=None):
 
 
 def version_section(text):
-    """What stands in front of the CRC: it belongs to this section's payload."""
+    """Returns the version section up to the CRC, which is part of its payload."""
     payload = text.encode().ljust(24, b"\0")
     return HEADER.pack(b"Ver0", 0, 255, 0, len(payload) + 4) + payload
 
@@ -34,7 +34,7 @@ def signed(image):
 
 
 def content(version, size, seed=0):
-    """A partition's content that begins with its version."""
+    """Returns the content of a partition, starting with its version."""
     return f"{version}\n".encode() + random.Random(f"{version}{seed}").randbytes(
         size - len(version) - 1)
 
@@ -54,7 +54,7 @@ class Image:
 
 
 def large_image(version, size):
-    """An image of exactly this size: what the sets don't take up, unknown sections do."""
+    """Returns an image of exactly this size, filled up with an unknown section."""
     image = Image(version, 0x650000 - 100, 0x100000 - 100)
     room = size - len(image.bytes()) - HEADER.size - 1
     image.sections.append(section(b"note", random.Random(version).randbytes(room)))

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Comforts only: every page shows and saves without this file.
+// Optional improvements: every page works without this file.
 'use strict';
 
-// A switch greys out the settings that have no effect while it is off. They are sent all the same.
+// A switch greys out the settings that have no effect while it is off. They are submitted anyway.
 for (const box of document.querySelectorAll('[data-governs]')) {
   const governed = document.getElementById(box.dataset.governs);
   const update = () => governed.classList.toggle('off', !box.checked);
@@ -10,7 +10,7 @@ for (const box of document.querySelectorAll('[data-governs]')) {
   update();
 }
 
-// In a narrow window the navigation is wider than what is seen of it.
+// In a narrow window part of the navigation is hidden: scrolls to the current page's entry.
 document.querySelector('nav [aria-current]')?.scrollIntoView({ inline: 'center', block: 'nearest' });
 
 for (const input of document.querySelectorAll('[data-reveal]')) {
@@ -47,7 +47,7 @@ netmask?.addEventListener('input', () => {
   prefixLength.value = /^1+0+$/.test(bits) && bits.length === 32 ? '/' + bits.indexOf('0') : '/–';
 });
 
-// Who is not logged in any more sees the login, and comes back behind it.
+// Redirects to the login page, which leads back to this page.
 function toLogin() {
   location.assign('/cgi-bin/login?next=' + encodeURIComponent(location.pathname + location.search));
 }
@@ -58,7 +58,7 @@ async function fetchJson(url) {
   return answer?.ok ? answer.json() : null;
 }
 
-// Puts records into a table, column by column. Rows that are there already are kept.
+// Shows records in the rows of a table, column by column. Existing rows are reused.
 function fill(table, records) {
   const [body] = table.tBodies;
   const columns = [...table.querySelectorAll('[data-column]')].map((each) => each.dataset.column);
@@ -74,8 +74,9 @@ function fill(table, records) {
   });
 }
 
-// Shows anew what changes by itself: a section of records in the table of its name, another one's
-// values wherever their names stand. What could not be fetched is shown as of old.
+// Refreshes a page: the records of a section are shown in the table with its name; without such a
+// table, each value of the section is shown in the element with the value's name. If the data
+// cannot be fetched, the page is marked as outdated.
 const refreshed = document.querySelector('[data-refresh]');
 let order = new URLSearchParams(location.search).get('sort');
 let asked = 0;
@@ -84,7 +85,7 @@ async function refresh() {
   const number = ++asked;
   const sections = await fetchJson(
     refreshed.dataset.refresh + (order ? '&sort=' + encodeURIComponent(order) : ''));
-  if (number !== asked) return; // it has been asked again since, perhaps in another order
+  if (number !== asked) return; // there is a later request, perhaps with another order
   refreshed.classList.toggle('stale', !sections);
   for (const [name, records] of Object.entries(sections ?? {})) {
     const table = document.getElementById(name);
@@ -112,7 +113,7 @@ for (const button of sorters)
     refresh();
   });
 
-// Says when settings were applied last, and when somebody else has changed them meanwhile.
+// Shows when settings were last applied, and reports changes made elsewhere.
 const live = document.querySelector('form[data-live]');
 if (live) {
   let known;
@@ -125,20 +126,20 @@ if (live) {
     const now = JSON.stringify(settings);
     if (known && now !== known)
       document.querySelector('.message').textContent =
-        'The settings have been changed elsewhere. Load this page again to see them.';
+        'The settings have been changed elsewhere. Reload this page to see them.';
     known = now;
   };
   look();
   setInterval(look, 5000);
 }
 
-// The steps of an upgrade. Each begins with a form that works without this file, too.
+// The steps of an upgrade. Each starts with a form that also works without this file.
 
-// Puts an answer's content in the place of the present one: a refusal comes with a status of its own.
+// Replaces the page's content with that of a response. The response may have an error status.
 function show(text, url) {
   const main = new DOMParser().parseFromString(text, 'text/html').querySelector('main');
   if (!main) {
-    location.assign(url); // no page of this site: the web server's own words
+    location.assign(url); // not a page of this site, but an error page of the web server
     return;
   }
   document.querySelector('main').replaceWith(main);
@@ -162,10 +163,10 @@ function sendImage(form) {
   const controls = form.querySelectorAll('input, button');
   const request = new XMLHttpRequest();
   const uploading = (percent) => showProgress(bar, label,
-    `Uploading: ${percent} %. Before a large image the router pauses for ten seconds.`, percent);
+    `Uploading: ${percent} %. The router waits ten seconds before it reads a large image.`, percent);
   request.upload.addEventListener('progress', (event) =>
     uploading(Math.floor(100 * event.loaded / event.total)));
-  request.upload.addEventListener('load', () => showProgress(bar, label, 'Checking.'));
+  request.upload.addEventListener('load', () => showProgress(bar, label, 'Checking the image.'));
   request.addEventListener('load', () => {
     if (new URL(request.responseURL).pathname === '/cgi-bin/login') toLogin();
     else show(request.responseText, '/cgi-bin/upgrade');
@@ -183,7 +184,7 @@ function sendImage(form) {
   uploading(0);
 }
 
-// Asks for the state again and again until a visitor of it has seen enough.
+// Requests the state repeatedly until a function accepts it, then reloads the page.
 function poll(url, isEnough) {
   const timer = setInterval(async () => {
     const sections = await fetchJson(url);
