@@ -128,7 +128,7 @@ class UpgradeTest(DemoTest):
         self.demo.session = self.demo.log_in()
         self.assertNotEqual(self.state()["BOOT_ID"], before)
 
-    def start_anew(self):
+    def start_again(self):
         self.demo.stop()
         self.demo = Demo(self.pause, state=self.directory / "state", **self.options)
         self.addCleanup(self.demo.stop)
@@ -198,7 +198,7 @@ class Walks(UpgradeTest):
         self.assertTrue(self.demo.flash(2).read_bytes().startswith(back.root))
         self.assertTrue(self.demo.flash(3).read_bytes().startswith(back.kernel))
         self.assertEqual(self.flash(RUNNING_B), running)
-        self.start_anew()
+        self.start_again()
         self.assert_set("A", "A", "Corvel R1 3.0.0")
         self.assertEqual({number: len(data) for number, data in self.flash().items()},
                          upgrade_image.SIZES)
@@ -573,7 +573,7 @@ class Interruptions(UpgradeTest):
         self.upload(large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)[1])
         self.write_until(0.4)
         self.demo.stop(signal.SIGKILL)
-        self.start_anew()
+        self.start_again()
         self.assert_runs_as_before()
         self.assertEqual(self.state()["STATE"], "")
         self.assertFalse((self.demo.root() / "tmp/firmware").exists())
