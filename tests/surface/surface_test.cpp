@@ -145,10 +145,23 @@ Names listed() {
     return names;
 }
 
+/** The header with a space in place of each comment. std::regex cannot find them: it recurses once
+ * a character. */
+std::string header_without_comments() {
+    const std::string header = read_file(CORVEL_HEADER);
+    std::string text;
+    std::size_t start = 0;
+    for (std::size_t comment = header.find("/*"); comment != std::string::npos;
+         comment = header.find("/*", start)) {
+        text += header.substr(start, comment - start) + " ";
+        start = header.find("*/", comment + 2) + 2;
+    }
+    return text + header.substr(start);
+}
+
 /** The names that the header declares with CORVEL_API. */
 Names declared() {
-    std::string text = read_file(CORVEL_HEADER);
-    text = std::regex_replace(text, std::regex(R"(/\*([^*]|\*(?!/))*\*/)"), " ");
+    std::string text = header_without_comments();
     text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
     // The name is the last word in front of the arguments, of an array's size, or of the end.
     const std::regex declaration(R"(CORVEL_API\s[^;(\[]*?(\w+)\s*[;(\[])");
@@ -164,8 +177,7 @@ TEST(Surface, DeclaresExactlyWhatIsListed) { EXPECT_EQ(declared(), listed()); }
 TEST(Surface, ExportsExactlyWhatIsListed) { EXPECT_EQ(symbols("--defined-only"), listed()); }
 
 TEST(Surface, MarksEveryFunctionOfTheHeader) {
-    const std::string text =
-        std::regex_replace(read_file(CORVEL_HEADER), std::regex(R"(/\*([^*]|\*(?!/))*\*/)"), " ");
+    const std::string text = header_without_comments();
     const std::regex unmarked(R"(\n(?!CORVEL_API|typedef|#| )[^\n]*\w\()");
     EXPECT_FALSE(std::regex_search(text, unmarked));
 }
