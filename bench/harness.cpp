@@ -12,18 +12,18 @@ namespace bench {
 namespace {
 
 /// The scratch folder; gone with the process.
-class ScratchFolder {
+class ScratchDirectory {
   public:
-    ScratchFolder() {
+    ScratchDirectory() {
         if (mkdtemp(path_.data()) == nullptr)
             fail("no folder can be made in /dev/shm");
     }
-    ~ScratchFolder() {
+    ~ScratchDirectory() {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);
     }
-    ScratchFolder(const ScratchFolder &) = delete;
-    ScratchFolder &operator=(const ScratchFolder &) = delete;
+    ScratchDirectory(const ScratchDirectory &) = delete;
+    ScratchDirectory &operator=(const ScratchDirectory &) = delete;
     [[nodiscard]] const std::string &path() const { return path_; }
 
   private:
@@ -46,7 +46,7 @@ void fail(const std::string &message) {
 }
 
 std::string scratch_path(std::string_view name) {
-    static const ScratchFolder folder;
+    static const ScratchDirectory folder;
     return folder.path() + '/' + std::string(name);
 }
 

@@ -253,7 +253,7 @@ void MemoryFile::fill(std::string_view bytes) const { write_whole(descriptor_, b
 
 std::string MemoryFile::content() const { return read_whole(descriptor_); }
 
-const std::string &scratch_folder() {
+const std::string &scratch_directory() {
     struct Folder {
         std::string path = (std::filesystem::temp_directory_path() / "corvel-fuzz-XXXXXX").string();
         Folder() { require(mkdtemp(path.data()) != nullptr, "mkdtemp"); }

@@ -110,7 +110,7 @@ class MemoryFile {
 };
 
 /** A folder of this process's own below TMPDIR, removed when the process ends. */
-const std::string &scratch_folder();
+const std::string &scratch_directory();
 
 /** The whole of a file; ends the run if it can't be read. */
 std::string read_file(const std::string &path);

@@ -79,7 +79,7 @@ mode_t mode_of(const std::string &path) {
 
 /** A fresh file of this content, without companions. */
 const std::string &settings_file(std::string_view content) {
-    static const std::string path = scratch_folder() + "/settings";
+    static const std::string path = scratch_directory() + "/settings";
     write_file(path, content);
     check(chmod(path.c_str(), file_mode) == 0, "chmod");
     return path;

@@ -236,7 +236,7 @@ std::string plain_value(std::string value) {
 
 /** What was set and saved is what is loaded and looked up: the promise that programs rely on. */
 void check_round_trip(char selector, const Rows &rows, const std::string &value) {
-    static const std::string path = scratch_folder() + "/settings";
+    static const std::string path = scratch_directory() + "/settings";
     const char separator = separator_of(selector);
     Rows plain;
     std::string file;

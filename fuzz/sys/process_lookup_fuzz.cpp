@@ -94,7 +94,7 @@ using Processes = std::array<Process, 3>;
 /** Stands for /proc: the processes, one that has gone, and what is no process. */
 const std::string &folder() {
     static const std::string path = [] {
-        std::string made = scratch_folder() + "/proc";
+        std::string made = scratch_directory() + "/proc";
         for (const char *entry : {"41", "42", "43", "44", "self", "net", "x41"})
             std::filesystem::create_directories(made + "/" + entry);
         return made;

@@ -20,7 +20,7 @@
 #include "support/child_process.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 namespace corvel_test {
 namespace {
@@ -111,7 +111,7 @@ class PageTemplate : public testing::Test {
         EXPECT_EQ(filled(page_template, fields), (Filled{page, left, 0}));
     }
 
-    TemporaryFolder folder_;
+    TemporaryDirectory folder_;
 };
 
 TEST_F(PageTemplate, MarkersAreFilledAndTheirFieldsRemovedFromTheList) {
@@ -732,7 +732,7 @@ TEST(HiddenInputs, FieldNamesArePrintedAsTheyStand) {
 }
 
 TEST(HiddenInputs, PrintedInputsAreATemplateThatTheSameListFills) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     OwnedList list(Fields{{"ip", "10.0.0.1"}, {"mask", "255.0.0.0"}});
     folder.write("inputs.html", listed(list.head()));
     const std::string page =

@@ -28,7 +28,7 @@
 #include "support/environment.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define UNDER_SANITIZER 1
@@ -1356,7 +1356,7 @@ ReceivedRequest curl(const std::string &forms) {
 }
 
 TEST(RealClient, CurlSendsFilesOfAnyBytes) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::mt19937 random(4);
     const std::string large = random_bytes(random, 300000);
     folder.write("bytes", every_byte());
@@ -1376,7 +1376,7 @@ TEST(RealClient, CurlSendsFilesOfAnyBytes) {
 }
 
 TEST(RealClient, CurlSendsNamesAndEncodings) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("f", "\0\1\2\3\4\5"s);
     const std::string file = " -F 'image=@" + folder.path("f");
     EXPECT_EQ(files_in_request(curl(file + ";filename=a b;c.bin'" + file +
@@ -1388,7 +1388,7 @@ TEST(RealClient, CurlSendsNamesAndEncodings) {
 }
 
 TEST(RealClient, CurlsFifthFileIsNotStored) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::string forms;
     StoredFiles expected;
     for (const char *name : {"1", "2", "3", "4", "5"}) {
@@ -1476,7 +1476,7 @@ std::string listed(const StoredFiles &files) {
 
 TEST(Upload, IsCutAsPythonsEmailPackageCutsIt) {
     constexpr int bodies = 500;
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::mt19937 random(5);
     std::vector<std::string> expected;
     std::size_t files_seen = 0;

@@ -8,7 +8,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -55,7 +55,7 @@ std::string large_file(const std::string &value_of_name_500) {
 
 /** What save_prop makes of a file. */
 std::string saved(char separator, std::string_view text, const Rows &rows) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", text);
     PropertyTable table(rows);
     EXPECT_EQ(save_prop(static_cast<signed char>(separator), folder.path("conf").c_str(),
@@ -68,7 +68,7 @@ std::string saved(char separator, std::string_view text, const Rows &rows) {
 /** What save_global_conf makes of a file. */
 std::string set_in(std::string_view text, char separator, const char *prefix, const char *name,
                    const char *value) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", text);
     EXPECT_EQ(save_global_conf(static_cast<signed char>(separator), folder.path("conf").c_str(),
                                prefix, name, value),
@@ -154,7 +154,7 @@ TEST(SaveProp, WritesTheLastOfSeveralRowsWithTheName) {
 }
 
 TEST(SaveProp, WritesTheRowsInUseOnly) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB=2\n");
     PropertyTable table(Rows{{"A", "x"}, {"B", "y"}});
     save_prop('=', folder.path("conf").c_str(), table.data(), 1);
@@ -162,7 +162,7 @@ TEST(SaveProp, WritesTheRowsInUseOnly) {
 }
 
 TEST(SaveProp, CopiesTheFileForATableWithoutRows) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB=2\nC");
     PropertyTable table(Rows{{"A", "x"}});
     for (const int count : {0, -1, std::numeric_limits<int>::min()}) {
@@ -174,7 +174,7 @@ TEST(SaveProp, CopiesTheFileForATableWithoutRows) {
 }
 
 TEST(SaveProp, PassesOverRowsThatWereFreed) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "\nA=1\nB=2\n");
     PropertyTable table(Rows{{"A", "x"}, {"B", "y"}});
     free_prop(table.data(), 1);
@@ -183,7 +183,7 @@ TEST(SaveProp, PassesOverRowsThatWereFreed) {
 }
 
 TEST(SaveProp, WritesRowsOfARequestThatHaveNoSizes) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB=2\n");
     std::string name = "A";
     std::string other = "B";
@@ -251,14 +251,14 @@ TEST(SaveProp, LooksForNoKeyBehindANul) {
 }
 
 TEST(SaveGlobalConf, CopiesALineWithANulWhole) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\0x\nB=2\n"s);
     save_global_conf('=', folder.path("conf").c_str(), "", "B", "x");
     EXPECT_EQ(folder.read("conf"), "A=1\0x\nB=\"x\"\n"s);
 }
 
 TEST(SaveProp, KeepsTheLockFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     save_prop('=', folder.path("conf").c_str(), nullptr, 0);
     struct stat status {};
@@ -268,7 +268,7 @@ TEST(SaveProp, KeepsTheLockFile) {
 }
 
 TEST(SaveProp, EmptiesALockFileThatWasThere) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     folder.write("conf.lck", "text");
     save_prop('=', folder.path("conf").c_str(), nullptr, 0);
@@ -293,7 +293,7 @@ TEST(SaveProp, WritesATableOf2000Rows) {
 }
 
 TEST(SaveProp, GivesBackWhatLoadPropReads) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=\"1\"\nB=\"2\"\n# c\n");
     PropertyTable table;
     table.load('=', folder.path("conf"));
@@ -322,7 +322,7 @@ TEST(SaveGlobalConf, WritesThePrefixInFrontOfTheName) {
 }
 
 TEST(SaveGlobalConf, AddsALineOnEachCallWithAPrefix) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "");
     for (const char *value : {"1", "2", "3"})
         save_global_conf('=', folder.path("conf").c_str(), "setenv ", "NAME", value);
@@ -330,7 +330,7 @@ TEST(SaveGlobalConf, AddsALineOnEachCallWithAPrefix) {
 }
 
 TEST(SaveGlobalConf, FindsAgainWhatItWroteWithoutAPrefix) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     for (const char *value : {"1", "2", "3"})
         save_global_conf('=', folder.path("conf").c_str(), "", "NAME", value);
@@ -417,7 +417,7 @@ TEST(SaveGlobalConf, KeepsCarriageReturnsOfOtherLines) {
 }
 
 TEST(SaveGlobalConf, RemovesTheLockFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     folder.write("conf.lck", "text");
     save_global_conf('=', folder.path("conf").c_str(), "", "A", "v");
@@ -582,7 +582,7 @@ TEST_P(BothWriters, TouchNothingWithoutAPath) {
 }
 
 /** A path of an exact length to a file "conf", in folders made for it. */
-std::string path_of_length(const TemporaryFolder &folder, std::size_t length) {
+std::string path_of_length(const TemporaryDirectory &folder, std::size_t length) {
     constexpr std::string_view file = "/conf";
     std::string path = folder.path();
     while (path.size() + file.size() < length) {
@@ -611,7 +611,7 @@ TEST_P(BothWriters, SaveAFileWhoseCompanionsNamesJustFit) {
 TEST_P(BothWriters, TouchNothingWhereTheCompanionsNamesDoNotFit) {
     for (const std::size_t length : {GetParam().longest_path + 1, GetParam().longest_path + 5,
                                      std::size_t{1030}, std::size_t{3000}}) {
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         const std::string path = path_of_length(folder, length);
         write_file(path, "A=1\n");
         GetParam().set(path, "A", "x");
@@ -641,7 +641,7 @@ TEST_P(BothWriters, CloseEveryFile) {
 }
 
 /** The number of calls of a function that a save makes where there is a lock file, if it stays. */
-unsigned long calls_of_a_save(stand_in_call call, const TemporaryFolder &folder,
+unsigned long calls_of_a_save(stand_in_call call, const TemporaryDirectory &folder,
                               const std::function<void()> &save, const std::string &before) {
     save();
     folder.write("conf", before);
@@ -656,7 +656,7 @@ unsigned long calls_of_a_save(stand_in_call call, const TemporaryFolder &folder,
  *
  * @return how often the file was left as it was.
  */
-unsigned long fail_each(stand_in_call call, const TemporaryFolder &folder,
+unsigned long fail_each(stand_in_call call, const TemporaryDirectory &folder,
                         const std::function<void()> &save, const std::string &before,
                         const std::string &after) {
     const unsigned long count = calls_of_a_save(call, folder, save, before);
@@ -795,7 +795,7 @@ TEST_P(BothWriters, LeaveAWholeFileWhicheverAllocationOfTheStreamsFails) {
 }
 
 TEST(SaveProp, GivesTheSameFileForALargeTableWhicheverAllocationFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("conf");
     Rows rows = {{"NAME_500", "first"}};
     for (int i = 0; i < 2000; ++i)
@@ -946,7 +946,7 @@ class Savers : public testing::TestWithParam<int> {
 
     static int rounds_of_each() { return rounds_in_all / GetParam(); }
 
-    TemporaryFolder folder_;
+    TemporaryDirectory folder_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Processes, Savers, testing::Values(2, 4, 8),
@@ -982,7 +982,7 @@ TEST(BothWritersAtOnce, LoseNoSettingOnOneFile) {
     constexpr int processes = 4;
     constexpr int saves = 50;
     for (int round = 0; round < 5; ++round) {
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         std::string lines;
         for (int process = 0; process < processes; ++process)
             lines += "NAME_" + std::to_string(process) + "=0\n";

@@ -7,7 +7,7 @@
 #include "support/kill_points.h"
 #include "support/next_definition.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -401,7 +401,7 @@ TEST_P(BothWriters, SaveThoughTheLockFileIsReplacedAgainAndAgain) {
 }
 
 TEST(SaveGlobalConf, LeavesALockFileThatAnotherWriterHasTaken) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     // Locked, unlocked; the lock for the removal is the third call.
     const FailCall taken(call_lockf, 3, EAGAIN);
@@ -412,7 +412,7 @@ TEST(SaveGlobalConf, LeavesALockFileThatAnotherWriterHasTaken) {
 }
 
 TEST(SaveGlobalConf, LeavesALockFileOfAnotherWriterWhereverItIsPaused) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string lock = folder.path("conf.lck");
     pid_t holder = 0;
     unsigned long left = 0;
@@ -458,7 +458,7 @@ TEST(SaveGlobalConf, LeavesALockFileOfAnotherWriterWhereverItIsPaused) {
 }
 
 TEST(SaveGlobalConf, RemovesNoLockFileThatItNeverLocked) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     folder.write("precious", "text");
     fs::create_symlink(folder.path("precious"), folder.path("conf.lck"));
@@ -487,7 +487,7 @@ TEST_P(MixedWriters, LoseNoSettingOfSixWritersOfBothKindsAndTwoUsers) {
         GTEST_SKIP() << "two users need root";
     constexpr int processes = 6;
     constexpr int saves = 200;
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     change_owner(folder.path(), ordinary_user_id);
     std::string lines;
     for (int process = 0; process < processes; ++process)
@@ -542,7 +542,7 @@ class TwoWriters : public testing::TestWithParam<std::array<Writer, 2>> {
         return folder_.read(folder_.exists("conf") ? "conf" : "conf.cgi");
     }
 
-    TemporaryFolder folder_;
+    TemporaryDirectory folder_;
 };
 
 INSTANTIATE_TEST_SUITE_P(

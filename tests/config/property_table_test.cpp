@@ -7,7 +7,7 @@
 #include "support/environment.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@ std::size_t open_descriptors() {
 }
 
 Rows loaded(char separator, std::string_view text) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", text);
     PropertyTable table(32);
     table.load(separator, folder.path("conf"));
@@ -60,13 +60,13 @@ bool zero_behind(const prop_entry &row, std::size_t length) {
 }
 
 TEST(LoadProp, GivesNoRowsForAMissingFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     PropertyTable table;
     EXPECT_EQ(table.load('=', folder.path("none")), 0);
 }
 
 TEST(LoadProp, GivesNoRowsForAFolder) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     PropertyTable table;
     EXPECT_EQ(table.load('=', folder.path()), 0);
 }
@@ -77,7 +77,7 @@ TEST(LoadProp, GivesNoRowsForANullPath) {
 }
 
 TEST(LoadProp, GivesNoRowsForAFileThatMayNotBeRead) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     ASSERT_EQ(chmod(folder.path("conf").c_str(), 0), 0);
     expect_as_ordinary_user([&] {
@@ -251,7 +251,7 @@ TEST(LoadProp, FindsNoSetenvThatIsCutInTwo) {
 
 TEST(LoadProp, CutsAValueAt257CharactersAndTerminatesIt) {
     for (std::size_t length = 254; length <= 260; ++length) {
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         folder.write("conf", "A=" + std::string(length, 'v') + "\n");
         PropertyTable table;
         ASSERT_EQ(table.load('=', folder.path("conf")), 1);
@@ -263,7 +263,7 @@ TEST(LoadProp, CutsAValueAt257CharactersAndTerminatesIt) {
 }
 
 TEST(LoadProp, FillsTheRestOfTheValueBlockWithZeros) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=xyz\n");
     PropertyTable table;
     ASSERT_EQ(table.load('=', folder.path("conf")), 1);
@@ -271,7 +271,7 @@ TEST(LoadProp, FillsTheRestOfTheValueBlockWithZeros) {
 }
 
 TEST(LoadProp, TellsTheSizeOfTheTextInFrontOfTheSeparator) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n  NAME =2\nsetenv  BC=3\n=4\n");
     PropertyTable table;
     ASSERT_EQ(table.load('=', folder.path("conf")), 4);
@@ -282,7 +282,7 @@ TEST(LoadProp, TellsTheSizeOfTheTextInFrontOfTheSeparator) {
 }
 
 TEST(LoadProp, FillsTheTableFromItsFirstRow) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     std::array<prop_entry, 2> table{};
     char behind = 'b';
@@ -294,7 +294,7 @@ TEST(LoadProp, FillsTheTableFromItsFirstRow) {
 }
 
 TEST(LoadProp, TouchesNoRowBehindThoseOfTheFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n#\nB\n\n=");
     std::array<prop_entry, 2> table{};
     ASSERT_EQ(load_prop('=', folder.path("conf").c_str(), table.data()), 1);
@@ -304,7 +304,7 @@ TEST(LoadProp, TouchesNoRowBehindThoseOfTheFile) {
 }
 
 TEST(LoadProp, LoadsTenThousandLines) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::string text;
     Rows expected;
     for (int i = 0; i < 10000; ++i) {
@@ -319,7 +319,7 @@ TEST(LoadProp, LoadsTenThousandLines) {
 }
 
 TEST(LoadProp, ClosesTheFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     const std::size_t before = open_descriptors();
     for (const std::string &path : {folder.path("conf"), folder.path("none"), folder.path()}) {
@@ -330,7 +330,7 @@ TEST(LoadProp, ClosesTheFile) {
 }
 
 TEST(LoadProp, LeavesTheFileAsItIs) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB");
     PropertyTable table;
     table.load('=', folder.path("conf"));
@@ -339,7 +339,7 @@ TEST(LoadProp, LeavesTheFileAsItIs) {
 }
 
 TEST(LoadProp, EndsAtAReadError) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::string text;
     for (int i = 0; i < 10000; ++i)
         text.append("NAME=").append(std::to_string(i)).append("\n");
@@ -360,7 +360,7 @@ TEST(LoadProp, EndsAtAReadError) {
 }
 
 TEST(LoadProp, GoesOnReadingAfterASignal) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     PropertyTable table;
     const FailCall signal(call_read, 1, EINTR);
@@ -382,7 +382,7 @@ TEST(LoadProp, ReadsAFileThatComesInPieces) {
 }
 
 TEST(LoadProp, LeavesOutTheRowThatCannotBeAllocated) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB=2\nC=3\n");
     const std::string path = folder.path("conf");
     const Rows all = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
@@ -401,7 +401,7 @@ TEST(LoadProp, LeavesOutTheRowThatCannotBeAllocated) {
 }
 
 TEST(LoadProp, LeaksNothingWhicheverAllocationFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=1\nB=2\n");
     const std::string path = folder.path("conf");
     const std::size_t before = open_descriptors();

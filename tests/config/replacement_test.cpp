@@ -8,7 +8,7 @@
 #include "support/kill_points.h"
 #include "support/next_definition.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <array>
 #include <cerrno>
@@ -103,7 +103,7 @@ struct LeftCopy {
 constexpr std::array left_copies = {LeftCopy{0, false}, LeftCopy{0, true}, LeftCopy{1234, false},
                                     LeftCopy{1234, true}};
 
-void leave_copy(const TemporaryFolder &folder, const LeftCopy &copy) {
+void leave_copy(const TemporaryDirectory &folder, const LeftCopy &copy) {
     folder.write("conf.cgi", "A=all the settings\n");
     if (geteuid() == 0) {
         ASSERT_EQ(chown(folder.path("conf.cgi").c_str(), copy.owner, copy.owner), 0);
@@ -223,7 +223,7 @@ TEST_P(BothWriters, SaveThoughSomebodyHasLockedACopyThatADeadWriterLeft) {
 /** A copy that its writer holds: locked in both ways. */
 class HeldCopy {
   public:
-    explicit HeldCopy(const TemporaryFolder &folder) : file_(made_at(folder), O_RDWR) {
+    explicit HeldCopy(const TemporaryDirectory &folder) : file_(made_at(folder), O_RDWR) {
         struct flock all {};
         all.l_type = F_WRLCK;
         EXPECT_EQ(fcntl(file_.get(), F_OFD_SETLK, &all), 0);
@@ -231,7 +231,7 @@ class HeldCopy {
     }
 
   private:
-    static std::string made_at(const TemporaryFolder &folder) {
+    static std::string made_at(const TemporaryDirectory &folder) {
         folder.write("conf.cgi", "another's");
         return folder.path("conf.cgi");
     }

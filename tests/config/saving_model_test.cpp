@@ -38,7 +38,7 @@ TEST(SavingModel, GoesThroughTheListingsOfARealSave) {
          {std::pair(Kind::keeps_lock_file, &save_prop_writer),
           std::pair(Kind::removes_lock_file, &save_global_conf_writer)}) {
         const Writer &saving = *writer;
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         std::vector<Listing> listings;
         for_each_kill_point(
             [&] {

@@ -6,7 +6,7 @@
 #include <corvel.h>
 
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -74,7 +74,7 @@ class BothWriters : public testing::TestWithParam<Writer> {
     }
     [[nodiscard]] mode_t mode() const { return status("conf").st_mode & 07777U; }
 
-    TemporaryFolder folder_;
+    TemporaryDirectory folder_;
 };
 
 inline std::string name_of_writer(const testing::TestParamInfo<Writer> &writer) {

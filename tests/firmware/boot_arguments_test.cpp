@@ -8,7 +8,7 @@
 #include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -46,7 +46,7 @@ constexpr const char *too_short = "Err: envimage size is less then CONFIG_ENV_SI
 
 /** What a process answers in which no image was ever current. */
 const int saved_before_any_image = [] {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const int result = save_param(folder.path("env").c_str(), "a", "1");
     return folder.exists("env") ? 99 : result;
 }();
@@ -148,7 +148,7 @@ std::string root_id_says(const std::string &path) {
 }
 
 std::string root_id_says(const EnvironmentImage &image) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", image.bytes());
     return root_id_says(folder.path("env"));
 }
@@ -181,7 +181,7 @@ TEST(GetRootid, RefusesAnImageWithABadCrcThatStaysCurrentAllTheSame) {
 }
 
 TEST(GetRootid, RefusesFilesThatHoldNoImage) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const CurrentImage other(EnvironmentImage({"other=still"}).bytes());
     EXPECT_EQ(root_id_says(folder.path("missing")),
               "Err: can not open file " + folder.path("missing") + "\n");
@@ -196,7 +196,7 @@ TEST(GetRootid, RefusesFilesThatHoldNoImage) {
 }
 
 TEST(GetRootid, TakesDescriptorZeroForAFailure) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({"bootargs=root=31:2 x"}).bytes());
     const std::string path = folder.path("env");
     const ChildResult child = run_in_child([&path] {
@@ -208,7 +208,7 @@ TEST(GetRootid, TakesDescriptorZeroForAFailure) {
 }
 
 TEST(GetRootid, FreesTheValueAndGivesZeroWithoutMemory) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({"bootargs=root=31:2 x"}).bytes());
     const std::string path = folder.path("env");
     const unsigned long failures = for_each_allocation_failure(
@@ -231,7 +231,7 @@ void load(const EnvironmentImage &image) {
 TEST(SaveParam, FailsWithoutACurrentImage) { EXPECT_EQ(saved_before_any_image, -1); }
 
 TEST(SaveParam, SetsTheVariableAndWritesTheImage) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EnvironmentImage model({"a=1", "bootparam=0"});
     load(model);
     const std::size_t descriptors = open_descriptors();
@@ -244,7 +244,7 @@ TEST(SaveParam, SetsTheVariableAndWritesTheImage) {
 }
 
 TEST(SaveParam, DeletesTheVariableForANullValue) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EnvironmentImage model({"a=1", "b=2"});
     load(model);
     EXPECT_EQ(save_param(folder.path("env").c_str(), "a", nullptr), model.set("a", std::nullopt));
@@ -252,13 +252,13 @@ TEST(SaveParam, DeletesTheVariableForANullValue) {
 }
 
 TEST(SaveParam, PrintsNothing) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     load(EnvironmentImage({}));
     EXPECT_EQ(capture_stdout([&] { save_param(folder.path("env").c_str(), "a", "1"); }), "");
 }
 
 TEST(SaveParam, CreatesTheFileWithItsModeAndReplacesWhatWasThere) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EnvironmentImage model({});
     load(model);
     const mode_t mask = umask(0);
@@ -275,7 +275,7 @@ TEST(SaveParam, CreatesTheFileWithItsModeAndReplacesWhatWasThere) {
 }
 
 TEST(SaveParam, WritesTheLoadedImageWhateverImageIsCurrent) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const EnvironmentImage loaded({"loaded=1"});
     load(loaded);
     const CurrentImage other(EnvironmentImage({"other=1"}).bytes());
@@ -285,7 +285,7 @@ TEST(SaveParam, WritesTheLoadedImageWhateverImageIsCurrent) {
 }
 
 TEST(SaveParam, TouchesNoFileWhereTheVariableCannotBeSet) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", "as it was");
     const std::string path = folder.path("env");
     load(EnvironmentImage({"a=1"}));
@@ -300,7 +300,7 @@ TEST(SaveParam, TouchesNoFileWhereTheVariableCannotBeSet) {
 }
 
 TEST(SaveParam, SetsTheVariableInMemoryWhereTheFileCannotBeOpened) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     for (const std::string &path : {folder.path("missing/env"), folder.path(), ""s}) {
         EnvironmentImage model({"a=1"});
         load(model);
@@ -314,7 +314,7 @@ TEST(SaveParam, SetsTheVariableInMemoryWhereTheFileCannotBeOpened) {
 }
 
 TEST(SaveParam, TakesDescriptorZeroForAFailure) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     load(EnvironmentImage({"a=1"}));
     const std::string path = folder.path("env");
     const ChildResult child = run_in_child([&path] {
@@ -327,7 +327,7 @@ TEST(SaveParam, TakesDescriptorZeroForAFailure) {
 }
 
 TEST(SaveParam, DoesNotNoticeThatWritingFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     load(EnvironmentImage({"a=1"}));
     const std::string path = folder.path("env");
     const std::size_t descriptors = open_descriptors();
@@ -341,7 +341,7 @@ TEST(SaveParam, DoesNotNoticeThatWritingFails) {
 }
 
 TEST(SaveParam, FlushesTheFileToItsDeviceBeforeItIsClosed) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EnvironmentImage model({"a=1"});
     load(model);
     model.set("a", "2");
@@ -365,7 +365,7 @@ TEST(SaveParam, FlushesTheFileToItsDeviceBeforeItIsClosed) {
 
 /** Any bytes whatever go through a file and back. */
 TEST(SaveParam, KeepsWhateverTheImageHolds) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("env");
     std::string counting;
     for (std::size_t i = 0; i < EnvironmentImage::data_size; ++i)

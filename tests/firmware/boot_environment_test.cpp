@@ -8,7 +8,7 @@
 #include "support/next_definition.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -127,7 +127,7 @@ TEST(NoCurrentImage, AnswersAndPrintsNothing) {
 }
 
 TEST(InitEnv, ReadsAGoodImageAndMakesItCurrent) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const EnvironmentImage image({"bootdelay=1", "bootargs=console=ttyS0 root=31:2"});
     folder.write("env", image.bytes());
     const std::size_t descriptors = open_descriptors();
@@ -140,7 +140,7 @@ TEST(InitEnv, ReadsAGoodImageAndMakesItCurrent) {
 }
 
 TEST(InitEnv, ReadsOnce) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({}).bytes());
     const CountCalls opened(call_open);
     const CountCalls reads(call_read);
@@ -150,14 +150,14 @@ TEST(InitEnv, ReadsOnce) {
 }
 
 TEST(InitEnv, IgnoresWhatALargerFileHoldsBehindTheImage) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({"a=1"}).bytes() + "more");
     EXPECT_EQ(init(folder.path("env")), (Answer{0, ""}));
     EXPECT_STREQ(get_env("a"), "1");
 }
 
 TEST(InitEnv, KeepsAnImageWithABadCrcCurrent) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage::of_data("a=1\0\0"s, 0x12345678).bytes());
     const std::size_t descriptors = open_descriptors();
     EXPECT_EQ(init(folder.path("env")), (Answer{1, bad_crc}));
@@ -168,7 +168,7 @@ TEST(InitEnv, KeepsAnImageWithABadCrcCurrent) {
 }
 
 TEST(InitEnv, RefusesAFileThatIsTooShort) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const CurrentImage other(EnvironmentImage({"other=still"}).bytes());
     const std::string good = EnvironmentImage({"a=1"}).bytes();
     const std::size_t descriptors = open_descriptors();
@@ -181,7 +181,7 @@ TEST(InitEnv, RefusesAFileThatIsTooShort) {
 }
 
 TEST(InitEnv, RefusesAFileThatCannotBeOpened) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const CurrentImage other(EnvironmentImage({"other=still"}).bytes());
     const std::string path = folder.path("missing");
     EXPECT_EQ(init(path), (Answer{-1, "Err: can not open file " + path + "\n"}));
@@ -193,7 +193,7 @@ TEST(InitEnv, RefusesAFileThatCannotBeOpened) {
 
 TEST(InitEnv, RefusesAFileThatMayNotBeRead) {
     expect_as_ordinary_user([] {
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         folder.write("env", EnvironmentImage({}).bytes());
         fs::permissions(folder.path("env"), fs::perms::none);
         const std::string path = folder.path("env");
@@ -202,14 +202,14 @@ TEST(InitEnv, RefusesAFileThatMayNotBeRead) {
 }
 
 TEST(InitEnv, FindsNoImageInAFolder) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::size_t descriptors = open_descriptors();
     EXPECT_EQ(init(folder.path()), (Answer{-1, too_short}));
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(InitEnv, RefusesAFileWhoseReadingFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({}).bytes());
     const std::size_t descriptors = open_descriptors();
     Answer answer{};
@@ -222,7 +222,7 @@ TEST(InitEnv, RefusesAFileWhoseReadingFails) {
 }
 
 TEST(InitEnv, TakesDescriptorZeroForAFailure) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", EnvironmentImage({}).bytes());
     const std::string path = folder.path("env");
     const ChildResult child = run_in_child([&path] {
@@ -771,7 +771,7 @@ std::string golden_environment(const std::string &name) {
 }
 
 TEST(GoldenEnvironment, IsReadAlike) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", golden_environment("environment.head"));
     EXPECT_EQ(init(folder.path("env")), (Answer{0, ""}));
     EXPECT_EQ(printed().said, golden("environment.txt"));
@@ -780,7 +780,7 @@ TEST(GoldenEnvironment, IsReadAlike) {
 }
 
 TEST(GoldenEnvironment, IsWrittenAlike) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("env", golden_environment("environment.head"));
     const std::string path = folder.path("env");
     EXPECT_EQ(init(path), (Answer{0, ""}));

@@ -5,7 +5,7 @@
 #include "firmware/flash.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <climits>
 #include <cstdint>

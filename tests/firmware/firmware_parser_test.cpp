@@ -10,7 +10,7 @@
 #include "support/kill_points.h"
 #include "support/output_capture.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -864,7 +864,7 @@ std::size_t open_descriptors() {
 }
 
 TEST(FlashWrite, WritesInOneCallAndSyncsWithTheDeviceClosed) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("device", "0123456789");
     const std::size_t descriptors = open_descriptors();
     const CountCalls writes(call_write);
@@ -882,7 +882,7 @@ TEST(FlashWrite, WritesInOneCallAndSyncsWithTheDeviceClosed) {
 
 TEST(FlashWrite, WritesAtAnyOffset) {
     const ReplaceSync sync;
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("device");
     folder.write("device", "0123456789");
     EXPECT_EQ(flash_write(path.c_str(), "a", 0, 1), 1);
@@ -895,7 +895,7 @@ TEST(FlashWrite, WritesAtAnyOffset) {
 
 TEST(FlashWrite, WritesAtTheStartWhereSeekingFails) {
     const ReplaceSync sync;
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("device");
     folder.write("device", "0123456789");
     EXPECT_EQ(flash_write(path.c_str(), "a", -1, 1), 1);
@@ -907,7 +907,7 @@ TEST(FlashWrite, WritesAtTheStartWhereSeekingFails) {
 }
 
 TEST(FlashWrite, NeverCreatesADevice) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const CountCalls syncs(call_sync);
     const ReplaceSync sync;
     for (const std::string &path : {folder.path("missing"), folder.path(), ""s})
@@ -920,7 +920,7 @@ TEST(FlashWrite, NeverCreatesADevice) {
 TEST(FlashWrite, NeedsToReadAndWriteTheDevice) {
     expect_as_ordinary_user([] {
         const ReplaceSync sync;
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         folder.write("device", "0123456789");
         for (const fs::perms mode : {fs::perms{0400}, fs::perms{0200}, fs::perms{0}}) {
             fs::permissions(folder.path("device"), mode);
@@ -930,7 +930,7 @@ TEST(FlashWrite, NeedsToReadAndWriteTheDevice) {
 }
 
 TEST(FlashWrite, FailsAndSyncsWhereWritingFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("device", "0123456789");
     const std::size_t descriptors = open_descriptors();
     const CountCalls syncs(call_sync);
@@ -944,7 +944,7 @@ TEST(FlashWrite, FailsAndSyncsWhereWritingFails) {
 }
 
 TEST(FlashWrite, FailsWhereNotAllIsWritten) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("device", "");
     expect_in_child([&folder] {
         const ReplaceSync sync;
@@ -957,7 +957,7 @@ TEST(FlashWrite, FailsWhereNotAllIsWritten) {
 }
 
 TEST(FileCopy, CopiesEveryByte) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::string every;
     for (int i = 0; i < 100000; ++i)
         every += static_cast<char>(i % 257);
@@ -974,7 +974,7 @@ TEST(FileCopy, CopiesEveryByte) {
 }
 
 TEST(FileCopy, FailsWhereAFileCannotBeOpened) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("from", "content");
     folder.write("to", "as it was");
     const std::string from = folder.path("from");
@@ -996,7 +996,7 @@ TEST(FileCopy, FailsWhereAFileCannotBeOpened) {
 }
 
 TEST(FileCopy, CopiesNothingOutOfAFolder) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::size_t descriptors = open_descriptors();
     EXPECT_EQ(file_copy(folder.path().c_str(), folder.path("to").c_str()), 0);
     EXPECT_EQ(folder.read("to"), "");
@@ -1004,7 +1004,7 @@ TEST(FileCopy, CopiesNothingOutOfAFolder) {
 }
 
 TEST(FileCopy, DoesNotNoticeThatWritingFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("from", std::string(100000, 'x'));
     const std::size_t descriptors = open_descriptors();
     EXPECT_EQ(file_copy(folder.path("from").c_str(), "/dev/full"), 0);
@@ -1012,7 +1012,7 @@ TEST(FileCopy, DoesNotNoticeThatWritingFails) {
 }
 
 TEST(FileCopy, ClosesWhatItOpenedWithoutMemory) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("from", "content");
     const std::string from = folder.path("from");
     const std::string to = folder.path("to");

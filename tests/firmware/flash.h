@@ -9,7 +9,7 @@
 
 #include "firmware/environment_image.h"
 #include "support/private_root.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <functional>
 #include <string>

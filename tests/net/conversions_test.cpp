@@ -5,7 +5,7 @@
 #include "net/fenced.h"
 #include "support/child_process.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <climits>
 #include <cstdio>
@@ -617,7 +617,7 @@ TEST(HexStrip2Mac, UndoesMac2HexStrip) {
 
 /** What is printed of a file that holds a text. */
 std::string number_in(const std::string &text) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", text);
     const DescriptorWatch watch;
     const FencedRoom room(64);
@@ -684,7 +684,7 @@ TEST(GetValFromFile, PrintsAHundredthWhereAFileThatIsOpenCannotBeRead) {
 }
 
 TEST(GetValFromFile, CutsTheTextToFit) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "-123.5");
     const std::string whole = "-123.500000";
     for (int size = 1; size < 15; ++size) {
@@ -697,7 +697,7 @@ TEST(GetValFromFile, CutsTheTextToFit) {
 }
 
 TEST(GetValFromFile, WritesNothingToABufferOfNoBytes) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     for (const int size : {0, -1, INT_MIN}) {
         const DescriptorWatch watch;
@@ -708,7 +708,7 @@ TEST(GetValFromFile, WritesNothingToABufferOfNoBytes) {
 }
 
 TEST(GetValFromFile, LeavesTheBufferAloneWhereThereIsNoFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EXPECT_EQ(left_by(nullptr), "as it was");
     EXPECT_EQ(left_by(""), "as it was");
     EXPECT_EQ(left_by(folder.path("missing").c_str()), "as it was");
@@ -716,14 +716,14 @@ TEST(GetValFromFile, LeavesTheBufferAloneWhereThereIsNoFile) {
 }
 
 TEST(GetValFromFile, LeavesTheBufferAloneWhereTheFileMayNotBeRead) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     std::filesystem::permissions(folder.path("value"), std::filesystem::perms::none);
     expect_as_ordinary_user([&] { EXPECT_EQ(left_by(folder.path("value").c_str()), "as it was"); });
 }
 
 TEST(GetValFromFile, LeavesTheBufferAloneWithoutMemory) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     const FailCall no_stream(call_fdopen, 1, ENOMEM);
     EXPECT_EQ(left_by(folder.path("value").c_str()), "as it was");
@@ -731,7 +731,7 @@ TEST(GetValFromFile, LeavesTheBufferAloneWithoutMemory) {
 }
 
 TEST(GetValFromFile, ReadsAFileWhoseSizeOrDateTheCLibraryCannotTell) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     const FailCall no_status(call_fstat, 1, EOVERFLOW);
     EXPECT_EQ(left_by(folder.path("value").c_str()), "3.500000");
@@ -739,7 +739,7 @@ TEST(GetValFromFile, ReadsAFileWhoseSizeOrDateTheCLibraryCannotTell) {
 }
 
 TEST(GetValFromFile, ClosesTheFileOnce) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     const std::string path = folder.path("value");
     char out[16];
@@ -750,7 +750,7 @@ TEST(GetValFromFile, ClosesTheFileOnce) {
 }
 
 TEST(GetValFromFile, ReleasesWhatItAllocatesWhateverFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("value", "3.5");
     const std::string path = folder.path("value");
     EXPECT_GE(for_each_allocation_failure([&](AllocationTrial &trial) {

@@ -7,7 +7,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 #include "sys/named_process.h"
 
 #include <algorithm>
@@ -146,7 +146,7 @@ constexpr Reader readers[] = {get_udhpd_leases, get_dnsmasq_leases, get_dhcpv6_l
 
 /** Reads a file of the given content. */
 std::vector<Lease> read_leases(Reader reader, std::string_view content, int result = 0) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("leases", content);
     lease_entry *head = nullptr;
     const std::string path = folder.path("leases");
@@ -394,7 +394,7 @@ TEST(GetUdhpdLeases, ReadsAnEmptyFile) {
 }
 
 TEST(GetUdhpdLeases, WaitsForRecordsThatComeInPieces) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     const pid_t writer = fork();
@@ -413,7 +413,7 @@ TEST(GetUdhpdLeases, WaitsForRecordsThatComeInPieces) {
 }
 
 TEST(GetUdhpdLeases, KeepsWhatItListedWhereMemoryRunsOut) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("leases", numbered_record(1) + std::string(24, '\0') + numbered_record(2) +
                                numbered_record(3));
     const std::string path = folder.path("leases");
@@ -455,7 +455,7 @@ TEST(LeaseReaders, TellWhyAFileCannotBeOpened) {
 }
 
 TEST(LeaseReaders, ListNothingOfAFolder) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::size_t open_before = open_descriptors().size();
     for (const Reader reader : readers) {
         lease_entry *head = nullptr;
@@ -467,7 +467,7 @@ TEST(LeaseReaders, ListNothingOfAFolder) {
 }
 
 TEST(LeaseReaders, EndWhereReadingFails) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("binary", numbered_records(200));
     const StoppedClock clock(now);
     const TextFile text = text_file_of(numbered_line, 300);
@@ -673,7 +673,7 @@ TEST(GetDnsmasqLeases, EndsOnFilesThatAreNoLeaseFiles) {
 
 TEST(GetDnsmasqLeases, KeepsWhatItListedWhereMemoryRunsOut) {
     const StoppedClock clock(now);
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("leases", numbered_line(1) + numbered_line(2) + numbered_line(3));
     const std::string path = folder.path("leases");
     EXPECT_GE(for_each_allocation_failure([&](AllocationTrial &trial) {
@@ -787,7 +787,7 @@ TEST(GetDhcpv6Leases, TakesLongLinesInPiecesOf1023Characters) {
 TEST(GetDhcpv6Leases, KeepsWhatItListedWhereMemoryRunsOut) {
     const StoppedClock clock(now);
     const TextFile file = text_file_of(numbered_ipv6_line, 3);
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("leases", file.content);
     const std::string path = folder.path("leases");
     EXPECT_EQ(for_each_allocation_failure([&](AllocationTrial &trial) {
@@ -809,7 +809,7 @@ TEST(FreeLeaselist, DoesNothingForAnEmptyList) {
 }
 
 TEST(FreeLeaselist, FreesEveryRecord) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("leases", numbered_records(100));
     lease_entry *head = nullptr;
     stand_in_start_tracking();

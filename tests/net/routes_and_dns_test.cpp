@@ -8,7 +8,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

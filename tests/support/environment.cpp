@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "support/environment.h"
 
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -59,7 +59,7 @@ EnvironmentVariable::~EnvironmentVariable() { set_variable(name_, saved_); }
 
 StandardInput::StandardInput(std::string_view bytes, Kind kind) {
     if (kind == Kind::file) {
-        const TemporaryFolder folder;
+        const TemporaryDirectory folder;
         folder.write("input", bytes);
         reopen_stdin(folder.path("input"));
         return;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "support/kill_points.h"
 
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <chrono>
@@ -16,7 +16,7 @@ namespace {
 using namespace corvel_test;
 
 TEST(KillPoints, EndTheRunAtEachOfItsSystemCallsInTurn) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string first = folder.path("1");
     const std::string second = folder.path("2");
     std::vector<std::size_t> files;
@@ -41,7 +41,7 @@ TEST(KillPoints, EndTheRunAtEachOfItsSystemCallsInTurn) {
 }
 
 TEST(PausePoints, LetAnotherProcessWorkAtEachSystemCallOfTheRunInTurn) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string first = folder.path("1");
     const std::string second = folder.path("2");
     const std::string seen = folder.path("seen");
@@ -67,7 +67,7 @@ TEST(PausePoints, LetAnotherProcessWorkAtEachSystemCallOfTheRunInTurn) {
 }
 
 TEST(PausePoints, DoNotWaitForAProcessThatWaitsForThePausedOne) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("lock", "");
     const std::string lock = folder.path("lock");
     const auto hold = [&lock](const std::string &made) {

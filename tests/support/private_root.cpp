@@ -2,7 +2,7 @@
 #include "support/private_root.h"
 
 #include "support/child_process.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <array>
 #include <cerrno>
@@ -218,7 +218,7 @@ std::vector<RootMaker> root_makers() {
 }
 
 void in_private_root(const std::function<void()> &body, RootMaker maker) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     expect_success(
         run_status_in_child([&] { return run_in_namespaces(folder.path(), maker, body); }),
         "the private root");

@@ -2,7 +2,7 @@
 #include "support/private_root.h"
 
 #include "support/child_process.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -5,7 +5,7 @@
 
 #include "support/environment.h"
 #include "support/output_capture.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -57,7 +57,7 @@ TEST(StandIn, ReportsABlockThatIsNotFreed) {
 }
 
 TEST(StandIn, SparesTheAllocationsInsideTheCLibraryOnRequest) {
-    TemporaryFolder folder;
+    TemporaryDirectory folder;
     folder.write("conf", "A=1\n");
     const std::string path = folder.path("conf");
     const auto load = [&path](AllocationTrial &trial) {

@@ -7,7 +7,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in_calls.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <cstddef>
 #include <cstdint>

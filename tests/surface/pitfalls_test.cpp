@@ -7,7 +7,7 @@
 #include "support/child_process.h"
 #include "support/environment.h"
 #include "support/output_capture.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -50,7 +50,7 @@ class SavedEnvironment : public testing::Test {
         return value != nullptr ? value : "";
     }
 
-    TemporaryFolder folder;
+    TemporaryDirectory folder;
     const std::string large = std::string(70000, 'x');
 };
 
@@ -87,14 +87,14 @@ TEST_F(SavedEnvironment, LosesTheVariableByTheNextSaveAfterAnOverflow) {
 }
 
 TEST(FlashWrite, TakesANegativeOffsetForTheStart) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("device", "0123456789");
     EXPECT_EQ(flash_write(folder.path("device").c_str(), "XX", -5, 2), 1);
     EXPECT_EQ(folder.read("device"), "XX23456789");
 }
 
 TEST(FileCopy, EmptiesAFileThatIsCopiedOntoItself) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("file", "content");
     std::filesystem::create_hard_link(folder.path("file"), folder.path("second"));
     EXPECT_EQ(file_copy(folder.path("second").c_str(), folder.path("file").c_str()), 0);
@@ -103,7 +103,7 @@ TEST(FileCopy, EmptiesAFileThatIsCopiedOntoItself) {
 }
 
 TEST(FileCopy, FollowsALinkAtTheCopy) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("file", "content");
     folder.write("victim", "precious");
     std::filesystem::create_symlink("victim", folder.path("link"));
@@ -140,7 +140,7 @@ TEST(ProcessQueryString, FillsAtMostOneRowForTwoBytesAndOneForTheLast) {
 }
 
 TEST(LoadProp, FillsAtMostOneRowForTwoBytes) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::array<prop_entry, 16> rows{};
     folder.write("file", "=\n=\n=\n=");
     const int count = load_prop('=', folder.path("file").c_str(), rows.data());

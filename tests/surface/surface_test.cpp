@@ -5,7 +5,7 @@
 #include "firmware/environment_image.h"
 #include "firmware/upgrade_image.h"
 #include "support/output_capture.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -215,7 +215,7 @@ TEST(Surface, NeedsNothingOfTheCxxRuntime) {
 }
 
 TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("conf", "A=\"1\"\n");
     folder.write("page", "<h1>$title</h1>\n");
     folder.write("env", EnvironmentImage({"bootargs=root=31:2 x", "bootparam=0"}).bytes());
@@ -246,7 +246,7 @@ TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
 class SharedObjects : public testing::TestWithParam<const char *> {};
 
 TEST_P(SharedObjects, AreOneForTheProgramAndTheLibrary) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     std::string data = EnvironmentImage({"bootparam=1"}).data();
     data.back() = 'E';
     folder.write("env", EnvironmentImage::of_data(data).bytes());

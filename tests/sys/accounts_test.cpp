@@ -7,7 +7,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 #include "sys/named_process.h"
 
 #include <array>

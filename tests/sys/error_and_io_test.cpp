@@ -6,7 +6,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 #include "sys/named_process.h"
 
 #include <cerrno>
@@ -385,7 +385,7 @@ TEST(FullRead, ReturnsMinusOneForAnErrorBeforeTheFirstByte) {
     char buffer[4] = "###";
     EXPECT_EQ(full_read(-1, buffer, 3), -1);
     EXPECT_EQ(errno, EBADF);
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const int descriptor = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(descriptor, 0);
     EXPECT_EQ(full_read(descriptor, buffer, 3), -1);
@@ -446,7 +446,7 @@ TEST(ReadClose, ClosesTheDescriptorWhateverWasRead) {
     EXPECT_FALSE(is_open(nothing.end));
     nothing.end = -1;
 
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const int failing = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
     char buffer[4];
     EXPECT_EQ(read_close(failing, buffer, sizeof buffer), -1);
@@ -464,7 +464,7 @@ TEST(ReadClose, ClosesTheDescriptorWhateverWasRead) {
 }
 
 TEST(OpenReadClose, ReadsAFileWithoutTerminatingIt) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("file", "content\n");
     const std::size_t open_before = open_descriptors().size();
     const GuardedBlock larger("##########");
@@ -477,7 +477,7 @@ TEST(OpenReadClose, ReadsAFileWithoutTerminatingIt) {
 }
 
 TEST(OpenReadClose, IsNegativeWhereTheFileCannotBeOpenedOrRead) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("closed", "content");
     const std::size_t open_before = open_descriptors().size();
     char buffer[4] = "###";
@@ -497,7 +497,7 @@ TEST(OpenReadClose, IsNegativeWhereTheFileCannotBeOpenedOrRead) {
 }
 
 TEST(OpenReadClose, ChangesNothingInTheFile) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("file", "content\n");
     ASSERT_EQ(chmod(folder.path("file").c_str(), 0444), 0);
     char buffer[8];

@@ -7,7 +7,7 @@
 #include "support/output_capture.h"
 #include "support/private_root.h"
 #include "support/stand_in.h"
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 #include "sys/named_process.h"
 
 #include <cerrno>
@@ -590,7 +590,7 @@ TEST(IsRuning, PassesOverTheCallerWhereverItStands) {
 // getPid
 
 int pid_in_file(std::string_view text) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     folder.write("pid", text);
     const std::size_t open_before = open_descriptors().size();
     const int pid = getPid(folder.path("pid").c_str());
@@ -623,7 +623,7 @@ TEST(GetPid, ReadsTheFirstLineOnly) {
 }
 
 TEST(GetPid, WaitsForNothingBehindTheFirstLine) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     const std::string path = folder.path("pid");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     const int writer = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -649,7 +649,7 @@ TEST(GetPid, TakesTheNearestNumberWhereOneIsTooLarge) {
 }
 
 TEST(GetPid, ReturnsMinusOneWhereTheFileCannotBeRead) {
-    const TemporaryFolder folder;
+    const TemporaryDirectory folder;
     EXPECT_EQ(getPid(folder.path("missing").c_str()), -1);
     EXPECT_EQ(getPid(folder.path().c_str()), -1);
     EXPECT_EQ(getPid(nullptr), -1);

@@ -2,13 +2,13 @@
 /**
  * A folder for one test, removed with all that is in it when the object goes.
  *
- *     TemporaryFolder folder;
+ *     TemporaryDirectory folder;
  *     folder.write("lan.conf", "IP=\"10.0.0.1\"\n");
  *     save_prop('=', folder.path("lan.conf").c_str(), table, count);
  *     EXPECT_EQ(folder.read("lan.conf"), "IP=\"10.0.0.2\"\n");
  */
-#ifndef CORVEL_TESTS_TEMPORARY_FOLDER_H
-#define CORVEL_TESTS_TEMPORARY_FOLDER_H
+#ifndef CORVEL_TESTS_TEMPORARY_DIRECTORY_H
+#define CORVEL_TESTS_TEMPORARY_DIRECTORY_H
 
 #include <string>
 #include <string_view>
@@ -22,12 +22,12 @@ void write_file(const std::string &path, std::string_view text);
 /** Reads a whole file; throws where that fails. */
 [[nodiscard]] std::string read_file(const std::string &path);
 
-class TemporaryFolder {
+class TemporaryDirectory {
   public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder &) = delete;
-    TemporaryFolder &operator=(const TemporaryFolder &) = delete;
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory &) = delete;
+    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
 
     [[nodiscard]] const std::string &path() const { return path_; }
     [[nodiscard]] std::string path(std::string_view name) const;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/temporary_folder.h"
+#include "support/temporary_directory.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -37,7 +37,7 @@ std::string read_file(const std::string &path) {
     return text.str();
 }
 
-TemporaryFolder::TemporaryFolder()
+TemporaryDirectory::TemporaryDirectory()
     : path_((std::filesystem::temp_directory_path() / "corvel-test-XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr)
         fail("cannot make " + path_);
@@ -46,30 +46,30 @@ TemporaryFolder::TemporaryFolder()
         fail("cannot open up " + path_);
 }
 
-TemporaryFolder::~TemporaryFolder() {
+TemporaryDirectory::~TemporaryDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
 }
 
-std::string TemporaryFolder::path(std::string_view name) const {
+std::string TemporaryDirectory::path(std::string_view name) const {
     return path_ + '/' + std::string(name);
 }
 
-void TemporaryFolder::write(std::string_view name, std::string_view text) const {
+void TemporaryDirectory::write(std::string_view name, std::string_view text) const {
     write_file(path(name), text);
 }
 
-std::string TemporaryFolder::read(std::string_view name) const { return read_file(path(name)); }
+std::string TemporaryDirectory::read(std::string_view name) const { return read_file(path(name)); }
 
-bool TemporaryFolder::exists(std::string_view name) const {
+bool TemporaryDirectory::exists(std::string_view name) const {
     return std::filesystem::exists(std::filesystem::symlink_status(path(name)));
 }
 
-void TemporaryFolder::remove(std::string_view name) const {
+void TemporaryDirectory::remove(std::string_view name) const {
     std::filesystem::remove_all(path(name));
 }
 
-std::vector<std::string> TemporaryFolder::names() const {
+std::vector<std::string> TemporaryDirectory::names() const {
     std::vector<std::string> names;
     for (const auto &entry : std::filesystem::directory_iterator(path_))
         names.push_back(entry.path().filename().string());
