@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Counts the tests of a run and shows what those said that did not pass. A test that was skipped or
-could not be run has not passed.
+"""Counts the tests of a run and prints the output of each one that did not pass. A test that was
+skipped or could not be run counts as failed.
 
-usage: tests/results.py JUNIT        the tests' results, as ctest wrote them
+usage: tests/results.py JUNIT        the results of the tests, as written by ctest
 
 The last line is "N passed, N failed".
 """
@@ -12,7 +12,7 @@ import xml.etree.ElementTree as ElementTree
 
 
 def count(junit):
-    """How many passed and how many did not."""
+    """Returns the number of tests that passed and of those that did not."""
     cases = list(ElementTree.parse(junit).getroot().iter("testcase"))
     missed = [case for case in cases if case.get("status") != "run"]
     for case in missed:

@@ -28,8 +28,8 @@ constexpr option long_options[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-/// Standard input, output and error are open, so that no file gets their numbers. Where one was
-/// closed, reading from it finds the end and writing to it fails.
+/// Ensures that descriptors 0, 1 and 2 are open, so that no file gets their numbers. One that was
+/// closed reads as empty and cannot be written.
 void open_standard_descriptors() {
     int descriptor = 0;
     while (descriptor >= 0 && descriptor <= STDERR_FILENO)
@@ -45,7 +45,7 @@ Failure usage_error(const std::string &message) {
 const Command &find_command(const Program &program, const std::string &name) {
     const auto command = std::ranges::find(program.commands, name, &Command::name);
     if (command == program.commands.end())
-        throw usage_error("there is no command '" + printable(name) + "'");
+        throw usage_error("unknown command '" + printable(name) + "'");
     return *command;
 }
 
@@ -53,8 +53,8 @@ std::string name_of(Option wanted) {
     return std::ranges::find(long_options, static_cast<int>(wanted), &option::val)->name;
 }
 
-/// What getopt refuses. `optopt` is 0 for an unknown long option, and an option of ours only where
-/// the long one has an argument.
+/// The error for an option that getopt rejects. `optopt` is 0 for an unknown long option; it is a
+/// known option only if its long form was given an argument.
 Failure option_error(char **words) {
     if (optopt == 0)
         return usage_error("unrecognized option '" + printable(words[optind - 1]) + "'");
@@ -73,10 +73,10 @@ void check_arguments(const Command &command, const Arguments &arguments) {
         throw usage_error(name + ": too many arguments");
     for (const Option given : arguments.options)
         if (command.options.find(static_cast<char>(given)) == std::string_view::npos)
-            throw usage_error(name + ": there is no --" + name_of(given) + " here");
+            throw usage_error(name + ": option --" + name_of(given) + " is not allowed");
 }
 
-/// What was printed has arrived: a full disk is no success.
+/// Flushes standard output, and fails if any output could not be written, as on a full disk.
 void finish_output() {
     if (std::fflush(stdout) != 0)
         throw Failure(cannot_do_it, std::string("standard output: ") + std::strerror(errno));
@@ -86,7 +86,7 @@ void finish_output() {
 
 ExitStatus run_command(const Program &program, int argument_count, char **words) {
     Arguments arguments;
-    opterr = 0; // its messages would hold the bytes of the command line as they are
+    opterr = 0; // its messages would contain bytes of the command line unescaped
     for (int letter = 0; letter != -1;) {
         letter = getopt_long(argument_count, words, "fhjrsV", long_options, nullptr);
         switch (letter) {
@@ -106,7 +106,7 @@ ExitStatus run_command(const Program &program, int argument_count, char **words)
     }
     arguments.words.assign(words + optind, words + argument_count);
     if (arguments.words.empty())
-        throw usage_error("a command is missing");
+        throw usage_error("missing command");
     const Command &command = find_command(program, arguments.words.front());
     arguments.words.erase(arguments.words.begin());
     check_arguments(command, arguments);
@@ -122,7 +122,7 @@ bool Arguments::has(Option option) const {
 int run_program(const Program &program, int argument_count, char **arguments) {
     program_name = program.name;
     if (argument_count < 1)
-        return cannot_do_it; // getopt counts on the program's own name
+        return cannot_do_it; // getopt expects the program's name
     try {
         open_standard_descriptors();
         const ExitStatus status = run_command(program, argument_count, arguments);

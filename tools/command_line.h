@@ -12,7 +12,7 @@
 
 namespace corvel::tools {
 
-/// The options that only some commands have, each with the letter that represents it.
+/// The options that only some commands accept, each with its letter.
 enum class Option : char { force = 'f', json = 'j', raw = 'r', strict = 's' };
 
 /// The command line after the command's name.
@@ -27,9 +27,9 @@ struct Command {
     static constexpr std::size_t any = static_cast<std::size_t>(-1);
 
     std::string_view name;
-    std::size_t fewest; ///< words
-    std::size_t most;
-    std::string_view options; ///< letters of the options that the command has
+    std::size_t fewest;       ///< minimum number of words
+    std::size_t most;         ///< maximum number of words
+    std::string_view options; ///< letters of the options that the command accepts
     ExitStatus (*run)(const Arguments &);
 };
 
@@ -39,12 +39,12 @@ struct Program {
     std::span<const Command> commands;
 };
 
-/// Carries out the command that the arguments name. All that goes wrong ends here, as a message on
-/// standard error and an exit status.
+/// Runs the command named by the arguments. Reports every failure with a message on standard error
+/// and returns the exit status.
 int run_program(const Program &program, int argument_count, char **arguments);
 
-/// Prints a message on standard error, with the program's name. What comes from a file or from the
-/// command line must be printable().
+/// Prints a message on standard error, prefixed with the program's name. Text from a file or from
+/// the command line must have passed through printable().
 void complain(const std::string &message);
 
 } // namespace corvel::tools

@@ -27,28 +27,29 @@ constexpr const char *help = R"(usage: corvel-env create [--force] FILE [NAME=VA
        corvel-env delete [--force] FILE NAME...
        corvel-env check FILE
 
-  create   make an environment image, empty or with these variables
-  list     print all variables, a line each
+  create   create an environment image, empty or with these variables
+  list     print all variables, one per line
   get      print the value of a variable
   set      set variables; each one moves to the end of the list
   delete   delete variables
-  check    tell whether an image is good, and if not, why
+  check    report whether an image is good, and if not, why
 
 FILE may be "-": list, get and check read standard input, create writes
-standard output, and set and delete read the one and write the other.
+standard output, and set and delete read standard input and write standard
+output.
 
-  -f, --force      create: replace a file that is there already
+  -f, --force      create: replace an existing file
                    set, delete: change an image whose CRC is bad
-                   delete: pass over variables that are not there
+                   delete: ignore missing variables
   -j, --json       list: print a JSON object
-  -r, --raw        get: print the bytes of the value as they are; all other
-                   output shows \xNN for what is not printable, and \\ for \
+  -r, --raw        get: print the bytes of the value unescaped; all other
+                   output shows \xNN for an unprintable byte, and \\ for \
   -h, --help       print this text
   -V, --version    print the version
 
-A command that fails leaves the file as it was. Exit status: 0 if all is
-well, 1 if the image is bad, a variable is missing or does not fit, 2 if a
-file can't be read or written or the usage is wrong.
+A command that fails leaves the file unchanged. Exit status: 0 on success,
+1 if the image is bad or a variable is missing or does not fit, 2 if a file
+cannot be read or written or the usage is wrong.
 )";
 
 constexpr std::size_t crc_size = 4;
@@ -62,7 +63,7 @@ std::uint32_t stored_crc() { return big_endian_word(std::span(env_image_mem).fir
 
 std::uint32_t computed_crc() { return crc32(data_area().data(), static_cast<int>(data_size)); }
 
-/// Where the list of variables ends; the size of the data area if it has no end.
+/// The offset of the end of the list of variables; the size of the data area if it has no end.
 std::size_t list_end() {
     const SilentOutput silent;
     return static_cast<std::size_t>(print_env());
@@ -73,7 +74,8 @@ struct Entry {
     std::string_view text;
 };
 
-/// The entries up to the end of the list. The last one ends with the data area if it has no NUL.
+/// The entries up to the end of the list. A last entry without a NUL ends at the end of the data
+/// area.
 std::vector<Entry> all_entries() {
     const std::size_t end = list_end();
     const char *const data = reinterpret_cast<const char *>(data_area().data());
@@ -86,11 +88,11 @@ std::vector<Entry> all_entries() {
 bool good_crc() { return stored_crc() == computed_crc(); }
 
 std::string crc_fault() {
-    return format("CRC: 0x%08x is expected, the CRC-32 of the bytes from offset 4 on; found 0x%08x",
+    return format("CRC: 0x%08x is expected, the CRC-32 of the bytes from offset 4; found 0x%08x",
                   computed_crc(), stored_crc());
 }
 
-/// Reads an image into env_image_mem, where the library finds it.
+/// Reads an image into env_image_mem, which the library uses.
 void load(const std::string &path) {
     const Bytes content = read_argument(path, CORVEL_ENV_SIZE).content;
     if (content.size() != CORVEL_ENV_SIZE)
@@ -100,7 +102,7 @@ void load(const std::string &path) {
                                                content.size() > CORVEL_ENV_SIZE ? "at least " : "",
                                                content.size()));
     std::ranges::copy(content, env_image_mem);
-    const SilentOutput silent; // the library would say that the CRC is bad
+    const SilentOutput silent; // the library prints a message if the CRC is bad
     set_env_ptr(env_image_mem);
 }
 
@@ -109,7 +111,7 @@ void load_for_change(const Arguments &arguments) {
     load(path);
     if (!good_crc() && !arguments.has(Option::force))
         throw Failure(bad_content, printable(path) + ": bad environment: " + crc_fault() +
-                                       "\nWith --force it is changed all the same.");
+                                       "\nUse --force to change it anyway.");
 }
 
 void save(const std::string &path) { write_argument(path, env_image_mem); }
@@ -118,7 +120,7 @@ void complain_about_image(const std::string &path, const std::string &fault) {
     complain(printable(path) + ": bad environment: " + fault);
 }
 
-/// For reading, a bad image is as good as any, and the exit status tells.
+/// A bad image is read nevertheless; the exit status reports it.
 ExitStatus load_for_reading(const std::string &path) {
     load(path);
     if (good_crc())
@@ -143,10 +145,11 @@ Assignment assignment_of(const std::string &word) {
 
 void check_name(const std::string &name) {
     if (name.empty() || name.find('=') != std::string::npos)
-        throw Failure(cannot_do_it, "'" + printable(name) + "' is not a variable's name");
+        throw Failure(cannot_do_it, "'" + printable(name) + "' is not a variable name");
 }
 
-/// All entries of the name go: of several the first one counts, and the new one comes last.
+/// Removes all entries with the name: the first one would take precedence over the new one, which
+/// is appended.
 bool erase(const std::string &name) {
     const bool there = get_env(name.c_str()) != nullptr;
     while (get_env(name.c_str()) != nullptr)
@@ -178,7 +181,7 @@ void assign_all(const Arguments &arguments) {
 }
 
 Failure no_variable(const std::string &path, const std::string &name) {
-    return {bad_content, printable(path) + ": there is no variable '" + printable(name) + "'"};
+    return {bad_content, printable(path) + ": no variable '" + printable(name) + "'"};
 }
 
 bool exists(const std::string &path) {
@@ -190,7 +193,7 @@ ExitStatus create(const Arguments &arguments) {
     const std::string &path = arguments.words[0];
     if (!arguments.has(Option::force) && !is_standard_stream(path) && exists(path))
         throw Failure(cannot_do_it,
-                      printable(path) + ": is there already; with --force it is replaced");
+                      printable(path) + ": already exists; use --force to replace it");
     {
         const SilentOutput silent;
         set_env_ptr(env_image_mem);
@@ -201,7 +204,7 @@ ExitStatus create(const Arguments &arguments) {
     return success;
 }
 
-/// An entry without '=' is a name without a value.
+/// An entry without '=' is a name with the value null.
 std::string json_of(const Entry &entry) {
     const std::size_t equals = entry.text.find('=');
     return json::Object()
@@ -266,7 +269,7 @@ ExitStatus remove(const Arguments &arguments) {
     return success;
 }
 
-/// The entries of the list, with what is wrong with them.
+/// Checks the entries of the list and collects the faults.
 class EntryCheck {
   public:
     EntryCheck() {
@@ -274,7 +277,7 @@ class EntryCheck {
             check(entry);
         if (end_ == data_size)
             faults_.emplace_back(
-                "list: a second NUL is expected at its end; found the image's end");
+                "list: a second NUL is expected at its end; found the end of the image");
     }
 
     [[nodiscard]] const std::vector<std::string> &faults() const { return faults_; }
@@ -294,7 +297,7 @@ class EntryCheck {
         else if (name.empty())
             faults_.push_back(place + "a name is expected; found none");
         else if (!names_.insert(name).second)
-            faults_.push_back(place + "a new name is expected; found '" + printable(name) +
+            faults_.push_back(place + "a unique name is expected; found '" + printable(name) +
                               "' again");
     }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Builds upgrade images, and tells what a device would make of one.
+// Builds upgrade images and reports how a device would handle one.
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -20,19 +20,19 @@ constexpr const char *help = R"(usage: corvel-image build [--strict] MANIFEST IM
        corvel-image list [--json] IMAGE
        corvel-image verify [--json] [--strict] IMAGE
 
-  build    make an upgrade image: sections, payload checksums, final CRC
+  build    build an upgrade image: sections, payload checksums, final CRC
   list     show the sections of an image and where a device writes them
-  verify   tell whether a device accepts an image, and if not, why
+  verify   report whether a device accepts an image, and if not, why
 
-Each argument is a file; "-" is standard input or, for the image that build
-makes, standard output.
+Each argument is a file; "-" is standard input or, for the image of build,
+standard output.
 
   -j, --json       list, verify: print a JSON object
   -s, --strict     build, verify: each warning is an error
   -h, --help       print this text
   -V, --version    print the version
 
-A manifest names the sections in their order, the version last:
+A manifest lists the sections in order, the version last:
 
   [Rootfs]
   file = rootfs.squashfs
@@ -41,23 +41,23 @@ A manifest names the sections in their order, the version last:
   [Ver0]
   text = 2.1.0
 
-A section may have burn-address, padding and mtd-id, too; paths are relative
-to the manifest. Exit status: 0 if all is well, 1 if the image is bad or would
-be, 2 if a file can't be read or written or the usage is wrong, 3 if --strict
-makes a warning an error.
+A section may also have burn-address, padding and mtd-id. Paths are relative
+to the manifest's directory. Exit status: 0 on success, 1 if a device refuses
+or would refuse the image, 2 if a file cannot be read or written or the usage
+is wrong, 3 if --strict makes a warning an error.
 )";
 
 Bytes read_image(const std::string &path) {
     Bytes image = read_argument(path, image_size_limit).content;
     if (image.size() > image_size_limit)
         throw Failure(bad_content,
-                      printable(path) + format(": size: at most %zu bytes are expected, those "
-                                               "of an upload; found more",
+                      printable(path) + format(": size: at most %zu bytes are expected, the "
+                                               "limit of an upload; found more",
                                                image_size_limit));
     return image;
 }
 
-/// Says what is wrong with an image.
+/// Prints the warnings and the fault of an image; returns the exit status.
 ExitStatus verdict(const Arguments &arguments, const std::string &path, const Inspection &found) {
     const bool strict = arguments.has(Option::strict);
     for (const Warning &warning : found.warnings)
@@ -81,7 +81,7 @@ std::string summary_of(const Inspection &found) {
     return text;
 }
 
-/// Two sections for one partition, the version among them or not, are no image that anybody wants.
+/// Refuses two sections for the same partition, regardless of the set that runs.
 void refuse_same_partition(const Manifest &manifest, const Inspection &found) {
     const auto warning = std::ranges::find(found.warnings, "same-partition", &Warning::kind);
     if (warning != found.warnings.end())
@@ -89,7 +89,7 @@ void refuse_same_partition(const Manifest &manifest, const Inspection &found) {
                                        warning->message);
 }
 
-/// An image never takes the place of what it is made from, under any name.
+/// Refuses to replace a file that the image is made from, under any name.
 void refuse_source_as_target(const std::vector<FileIdentity> &sources, const std::string &path) {
     const std::optional<FileIdentity> target = target_of_argument(path);
     if (target && std::ranges::find(sources, *target) != sources.end())
@@ -126,7 +126,7 @@ const char *text_of(ImageSection::Checksum checksum) {
     return "none";
 }
 
-/// Where a section goes, in the list's last columns.
+/// Where a section is written: the last columns of the list.
 std::string target_text(const ImageSection &section) {
     if (section.partition == nullptr)
         return "skipped";
@@ -137,7 +137,7 @@ std::string target_text(const ImageSection &section) {
     std::string text =
         format("%8" PRIu32 "  mtdblock%-5" PRIu32 " mtdblock%" PRIu32, section.target->size,
                section.target->device_while_a_runs, section.target->device_while_b_runs);
-    if (section.partition->mtd_id == 0) // the boot loader alone has a burn address
+    if (section.partition->mtd_id == 0) // only the boot loader has a burn address
         text += format("  burn address 0x%08" PRIx32, section.target->burn_address);
     return text;
 }
@@ -196,7 +196,7 @@ std::string json_of(const Warning &warning) {
         .text();
 }
 
-/// An array of what json_of() makes of each.
+/// An array of json_of() of each item.
 template <typename Value> std::string json_of(const std::vector<Value> &values) {
     std::vector<std::string> texts;
     texts.reserve(values.size());
@@ -205,7 +205,7 @@ template <typename Value> std::string json_of(const std::vector<Value> &values) 
     return json::array(texts);
 }
 
-/// What list and verify have in common.
+/// The members that list and verify have in common.
 json::Object json_of(const std::string &path, std::size_t size, const Inspection &found) {
     json::Object object;
     object.add("file", json::string(path))

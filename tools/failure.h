@@ -7,15 +7,15 @@
 
 namespace corvel::tools {
 
-/// How a program ends.
+/// The exit statuses of the programs.
 enum ExitStatus : int {
     success = 0,
-    bad_content = 1,  ///< what was looked at, or asked for, is bad
-    cannot_do_it = 2, ///< wrong usage, or a file that could not be read or written
-    warned = 3,       ///< accepted with warnings, where --strict makes each an error
+    bad_content = 1,  ///< the input, or the requested change, is invalid
+    cannot_do_it = 2, ///< wrong usage, or a file could not be read or written
+    warned = 3,       ///< accepted with warnings, which --strict makes errors
 };
 
-/// Ends the program with a message on standard error.
+/// Ends the program with this status and a message on standard error.
 class Failure : public std::runtime_error {
   public:
     Failure(ExitStatus status, const std::string &message)

@@ -21,7 +21,7 @@
 namespace corvel::tools {
 namespace {
 
-/// As much as is read or written between two looks at the progress.
+/// The number of bytes read or written between two updates of the progress.
 constexpr std::size_t chunk_size = std::size_t{1} << 20;
 
 [[noreturn]] void fail(const std::string &path, const std::string &reason) {
@@ -44,8 +44,8 @@ std::size_t size_of_regular_file(const struct stat &status) {
                                                          : 0;
 }
 
-/// Whether a call that was interrupted, or that has to wait on a descriptor which does not block,
-/// is to be repeated.
+/// Whether to repeat a call that was interrupted or would have blocked. Waits for a non-blocking
+/// descriptor to become ready.
 bool repeats(int descriptor, short events) {
     if (errno == EINTR)
         return true;
@@ -55,7 +55,7 @@ bool repeats(int descriptor, short events) {
     return poll(&wanted, 1, -1) >= 0 || errno == EINTR;
 }
 
-/// The next piece of a file; the number of bytes read, 0 at its end.
+/// Reads the next part of a file. Returns the number of bytes read, 0 at the end.
 std::size_t read_piece(int descriptor, std::span<unsigned char> piece, const std::string &path) {
     ssize_t length = 0;
     do
@@ -71,7 +71,7 @@ File read_descriptor(int descriptor, const std::string &path, std::size_t limit)
     const std::size_t expected = size_of_regular_file(status);
     Progress progress("reading " + printable(path), expected);
     File file{{}, identity_of(status)};
-    file.content.reserve(std::min(expected, limit) + chunk_size); // the last piece asks for the end
+    file.content.reserve(std::min(expected, limit) + chunk_size); // the last read detects the end
     std::size_t length = 0;
     while (length <= limit) {
         progress.show(length);
@@ -99,8 +99,8 @@ void write_all(int descriptor, std::span<const unsigned char> content, const std
     }
 }
 
-/// A path as the directory, through its descriptor, and the name in it: a name beside that one is
-/// never too long.
+/// A path, split into the descriptor of its directory and the name in it. Relative to the
+/// directory, the path of a temporary file is never too long.
 class Place {
   public:
     explicit Place(const std::string &path)
@@ -115,7 +115,7 @@ class Place {
     [[nodiscard]] const char *name() const { return name_.c_str(); }
     [[nodiscard]] int directory() const { return directory_.get(); }
 
-    /// The new name is on the disk, too, as far as the file system lets a directory be synced.
+    /// Syncs the directory, so that the new name is on the disk, if the file system supports that.
     void sync() const {
         const Descriptor descriptor(openat(directory(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (descriptor)
@@ -128,24 +128,25 @@ class Place {
     Descriptor directory_;
 };
 
-/// A new file beside another one, removed with the object unless it has taken the other's place.
-class FileBeside {
+/// A new file in the same directory as the target. The destructor removes it unless
+/// replace_target() succeeded.
+class TemporaryFile {
   public:
-    FileBeside(const Place &place, const std::string &path)
+    TemporaryFile(const Place &place, const std::string &path)
         : place_(place), path_(path), descriptor_(create()) {
         if (!descriptor_)
             fail(path);
     }
-    FileBeside(const FileBeside &) = delete;
-    FileBeside &operator=(const FileBeside &) = delete;
-    ~FileBeside() {
+    TemporaryFile(const TemporaryFile &) = delete;
+    TemporaryFile &operator=(const TemporaryFile &) = delete;
+    ~TemporaryFile() {
         if (!name_.empty())
             unlinkat(place_.directory(), name_.c_str(), 0);
     }
 
     [[nodiscard]] int descriptor() const { return descriptor_.get(); }
 
-    void take_place() {
+    void replace_target() {
         if (fsync(descriptor_.get()) != 0 ||
             renameat(place_.directory(), name_.c_str(), place_.directory(), place_.name()) != 0)
             fail(path_);
@@ -167,7 +168,7 @@ class FileBeside {
                                 O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         }
         if (descriptor < 0)
-            name_.clear(); // the name of another file, if of any
+            name_.clear(); // the name, if any, is that of another file
         return descriptor;
     }
 
@@ -192,8 +193,8 @@ std::optional<struct stat> status_of_link(const std::string &path) {
     return std::nullopt;
 }
 
-/// The file itself, at the end of a chain of links. Any other path stays as it is: the absolute
-/// one may be too long.
+/// The file at the end of a chain of symbolic links. Any other path is returned unchanged, since
+/// the absolute path may be too long.
 std::string end_of_links(const std::string &path) {
     const std::optional<struct stat> status = status_of_link(path);
     if (!status || !S_ISLNK(status->st_mode))
@@ -207,15 +208,15 @@ void replace_file(const std::string &path, std::span<const unsigned char> conten
     const std::string target = end_of_links(path);
     const std::optional<struct stat> old = status_of_link(target);
     if (old && !S_ISREG(old->st_mode))
-        fail(path, "not a plain file");
+        fail(path, "not a regular file");
     const Place place(target);
-    FileBeside file(place, path);
+    TemporaryFile file(place, path);
     write_all(file.descriptor(), content, path);
-    if (old) // before the mode: a change of the owner clears set-id bits
+    if (old) // before the mode, since changing the owner clears set-id bits
         static_cast<void>(fchown(file.descriptor(), old->st_uid, old->st_gid) == 0);
     if (fchmod(file.descriptor(), old ? old->st_mode & 07777 : mode_of_new_files()) != 0)
         fail(path);
-    file.take_place();
+    file.replace_target();
     place.sync();
 }
 
@@ -234,7 +235,7 @@ File read_file(const std::string &path, std::size_t limit) {
     if (stat(path.c_str(), &status) != 0)
         fail(path);
     if (S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode))
-        fail(path, "is a device, which is read through standard input only");
+        fail(path, "is a device; devices are read through standard input only");
     const Descriptor file(open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
     if (!file)
         fail(path);

@@ -13,7 +13,7 @@ namespace corvel::tools {
 
 using Bytes = std::vector<unsigned char>;
 
-/// The same for all names of a file.
+/// Identifies a file regardless of the name used: equal for all hard links to it.
 struct FileIdentity {
     dev_t device;
     ino_t inode;
@@ -26,25 +26,24 @@ struct File {
     FileIdentity identity;
 };
 
-/// Whether a file argument is standard input or standard output.
+/// Whether a file argument is "-", that is, standard input or standard output.
 bool is_standard_stream(const std::string &path);
 
-/// A whole file, or as much of it as is needed to see that it is longer than `limit`: then the
-/// content has `limit` + 1 bytes. A device is refused before it is opened: opening alone can have
-/// an effect.
+/// Reads a whole file. If it is longer than `limit`, reading stops and the content has `limit` + 1
+/// bytes. A device is refused before it is opened, since opening alone can have an effect.
 File read_file(const std::string &path, std::size_t limit);
 
-/// The rest of standard input, from its descriptor, where the argument is "-"; otherwise as
-/// read_file().
+/// If the argument is "-", reads the rest of standard input through its descriptor; otherwise the
+/// same as read_file().
 File read_argument(const std::string &path, std::size_t limit);
 
-/// The regular file to which write_argument() would write, if it exists.
+/// The regular file that write_argument() would replace, if it exists.
 std::optional<FileIdentity> target_of_argument(const std::string &path);
 
-/// Where the argument is "-", writes to standard output. Otherwise puts a file with this content in
-/// its place, or leaves the old one: the content is written beside it, synced, and renamed. A file
-/// that is replaced keeps its mode and, as far as possible, its owner; a link keeps pointing to it.
-/// Only a regular file is replaced.
+/// If the argument is "-", writes to standard output. Otherwise replaces the file atomically: the
+/// content is written to a temporary file in the same directory, synced and renamed, and on failure
+/// the old file is unchanged. The new file keeps the old one's mode and, if possible, its owner. A
+/// symbolic link is followed and kept. Only a regular file is replaced.
 void write_argument(const std::string &path, std::span<const unsigned char> content);
 
 } // namespace corvel::tools

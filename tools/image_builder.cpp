@@ -34,24 +34,25 @@ class Builder {
     void check_sections() const {
         const std::vector<ManifestSection> &sections = manifest_.sections;
         if (sections.size() > most_sections)
-            refuse(sections[most_sections],
-                   format("section %zu: a device takes at most %zu sections, the version included",
-                          most_sections + 1, most_sections));
+            refuse(
+                sections[most_sections],
+                format("section %zu: a device accepts at most %zu sections, including the version",
+                       most_sections + 1, most_sections));
         for (const ManifestSection &section : sections)
             check_section(section);
         if (!is_version(*sections.back().partition))
-            refuse(sections.back(), "the last section must be [Ver0]: it carries the image's CRC");
+            refuse(sections.back(), "the last section must be [Ver0], which contains the CRC");
         if (sections.size() == 1)
-            refuse(sections.back(), "there is nothing to write: no section for a partition");
+            refuse(sections.back(), "nothing to write: no section for a partition");
     }
 
     void check_section(const ManifestSection &section) const {
         for (const ManifestSection *other = manifest_.sections.data(); other != &section; ++other)
             if (other->partition == section.partition)
-                refuse(section, format("stands twice, the first time in line %zu", other->line));
+                refuse(section, format("already in line %zu", other->line));
         const bool version = is_version(*section.partition);
         if (section.text && !version)
-            refuse(section, "only the version section has a text; use a file");
+            refuse(section, "only a version section may have a text; use a file");
         if (section.file && section.text)
             refuse(section, "has both a file and a text");
         if (!section.file && !section.text)
@@ -64,7 +65,7 @@ class Builder {
     void append(const ManifestSection &section) {
         const Bytes content = content_of(section);
         const std::size_t padding = section.padding.value_or(0);
-        // Behind the padding stands the checksum, or the image's CRC.
+        // The padding is followed by the checksum or, in a version section, by the CRC.
         const std::size_t length =
             content.size() + padding + (is_version(*section.partition) ? crc_size : 1);
         check_size(section, content.size(), length);
@@ -79,30 +80,30 @@ class Builder {
     [[nodiscard]] Bytes content_of(const ManifestSection &section) {
         if (section.text)
             return {section.text->begin(), section.text->end()};
-        const std::filesystem::path folder = std::filesystem::path(manifest_.path).parent_path();
-        File file = read_file((folder / *section.file).string(), image_size_limit);
+        const std::filesystem::path directory = std::filesystem::path(manifest_.path).parent_path();
+        File file = read_file((directory / *section.file).string(), image_size_limit);
         if (file.content.empty())
             refuse(section, printable(*section.file) + " is empty");
         if (file.content.size() > image_size_limit)
             refuse(section,
                    printable(*section.file) +
-                       format(" has more than the %zu bytes of an upload", image_size_limit));
+                       format(" is larger than the upload limit of %zu bytes", image_size_limit));
         sources_.push_back(file.identity);
         return std::move(file.content);
     }
 
-    /// `content` is the size of the file or text, `length` that of the whole payload.
+    /// `content` is the size of the file or text, `length` the size of the whole payload.
     void check_size(const ManifestSection &section, std::size_t content, std::size_t length) const {
         const sign_tbl_entry &partition = *section.partition;
         const bool whole = partition.strip_header == 0;
         const std::size_t size = whole ? header_size + length : content;
         if (size > partition.max_size)
-            refuse(section, format("%zu bytes%s, %zu more than the %u that %s holds", size,
+            refuse(section, format("%zu bytes%s, %zu more than the %u bytes of %s", size,
                                    whole ? " with header and trailer" : "",
                                    size - partition.max_size, partition.max_size,
                                    is_version(partition) ? "a version section" : "the partition"));
         if (image_.size() + header_size + length > image_size_limit)
-            refuse(section, format("makes the image larger than the %zu bytes of an upload",
+            refuse(section, format("makes the image larger than the upload limit of %zu bytes",
                                    image_size_limit));
     }
 

@@ -11,11 +11,11 @@ namespace corvel::tools {
 
 struct BuiltImage {
     Bytes content;
-    std::vector<FileIdentity> sources; ///< the manifest and all that the image is made from
+    std::vector<FileIdentity> sources; ///< the manifest and all files that the image is made from
 };
 
-/// Makes the image that a manifest describes, with its checksums and its CRC. What no device would
-/// take, or what would write beyond a partition, is refused.
+/// Builds the image that a manifest describes, with its checksums and its CRC. Fails if a device
+/// would refuse the image or a section would write beyond its partition.
 BuiltImage build_image(const Manifest &manifest);
 
 } // namespace corvel::tools

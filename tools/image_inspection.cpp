@@ -16,10 +16,10 @@ namespace {
 
 using Image = std::span<const unsigned char>;
 
-/// A section may announce this many payload bytes more than there are.
+/// A section's length may exceed the bytes that follow its header by this many.
 constexpr std::size_t length_margin = 4;
 
-/// An image of nothing but zeros is a chain of hundreds of thousands of them.
+/// Limits the list: an image of zeros is a chain of hundreds of thousands of unknown sections.
 constexpr std::size_t most_unknown_listed = 4;
 
 /// The sets, by the value of `bootparam`.
@@ -38,19 +38,19 @@ constexpr SetDevices devices_of(Set set) {
 constexpr std::uint32_t boot_loader_device = sign_tbl[0].mtd_id;
 constexpr std::uint32_t boot_environment_device = sign_tbl[1].mtd_id;
 
-/// The running sets for which something holds.
+/// The running sets for which a statement is true.
 struct RunningSets {
     bool a;
     bool b;
 };
 
-/// What the library says.
+/// The library's result for an image.
 struct Verdict {
     int result;
     std::vector<img_info> records;
 };
 
-/// The library's verdict on a device that runs this set. The system log gets nothing.
+/// Parses an image with the library as on a device that runs this set. Nothing is logged.
 Verdict ask_library(Image image, Set running) {
     const int log_mask = setlogmask(LOG_MASK(LOG_EMERG));
     std::vector<img_info> records(most_sections + 1);
@@ -71,7 +71,7 @@ enum Result : int {
     bad_crc = 5,
 };
 
-/// Goes from section to section as the library does, in order to say where and why it stops.
+/// Visits the sections in the same way as the library, to find where and why it stops.
 class Walk {
   public:
     explicit Walk(Image image) : image_(image) {}
@@ -140,7 +140,7 @@ class Walk {
         if (result_ == accepted && ++recognised_ > most_sections)
             refuse(too_many_sections,
                    name_of(section) + format(": number of known sections: at most %zu are "
-                                             "expected, the version included; found %zu",
+                                             "expected, including the version; found %zu",
                                              most_sections, recognised_));
         last_ = section;
         if (!is_version(*section.partition))
@@ -151,8 +151,8 @@ class Walk {
         found_.version = std::string(text.begin(), text.end());
     }
 
-    /// A version section ends the image if its CRC is that of all bytes before the CRC; any bytes
-    /// after it make a device refuse the whole.
+    /// A version section ends the image if its CRC is that of all preceding bytes. A device refuses
+    /// an image that is followed by any bytes.
     void look_for_the_end(const ImageSection &version) {
         const std::size_t end = version.offset + header_size + version.length;
         if (end > image_.size())
@@ -163,7 +163,7 @@ class Walk {
             end_of_image_ = end;
     }
 
-    /// What of a payload the image holds.
+    /// The part of a payload that the image contains.
     [[nodiscard]] Image payload_of(const ImageSection &section) const {
         const Image rest = image_.subspan(section.offset + header_size);
         return rest.first(std::min<std::size_t>(rest.size(), section.length));
@@ -177,7 +177,7 @@ class Walk {
         if (sum != 0)
             refuse(bad_checksum,
                    name_of(section) + format(": payload checksum: the sum of the %s from offset "
-                                             "0x%zx on is expected to be 0 (modulo 256); found "
+                                             "0x%zx is expected to be 0 (modulo 256); found "
                                              "0x%02x",
                                              bytes_text(payload.size()).c_str(),
                                              section.offset + header_size, sum));
@@ -192,7 +192,7 @@ class Walk {
                                              most, most, section.partition->name, size, size));
     }
 
-    /// Modulo 2^32, as on the device.
+    /// The number of bytes written, modulo 2^32 as on the device.
     static std::uint32_t size_of_content(const ImageSection &section) {
         return section.partition->strip_header != 0
                    ? section.length - 1 - section.padding
@@ -221,14 +221,15 @@ class Walk {
             check_crc();
     }
 
-    /// The stored CRC is the end of the version section, the computed one is of all but the
-    /// image's last four bytes: they fit only where the two ends are one.
+    /// The stored CRC is at the end of the version section; the computed one covers all but the
+    /// last four bytes of the image. They can only match if the section ends at the end of the
+    /// image.
     void check_crc() {
         const std::size_t end = last_->offset + header_size + last_->length;
         if (end > image_.size()) {
             refuse(bad_crc, name_of(*last_) +
-                                format(": len: %zu is expected, so that the CRC ends where the "
-                                       "image does; found %u",
+                                format(": len: %zu is expected, so that the CRC ends at the end "
+                                       "of the image; found %u",
                                        image_.size() - last_->offset - header_size, last_->length));
             return;
         }
@@ -244,7 +245,7 @@ class Walk {
                                        place, computed, image_.size() - crc_size, stored));
     }
 
-    /// The library has the last word; the walk only explains it.
+    /// Compares with the library's result, which is authoritative.
     void compare(const Verdict &while_a_runs, const Verdict &while_b_runs) {
         if (while_a_runs.result != result_ || while_b_runs.result != result_) {
             found_.fault =
@@ -289,11 +290,10 @@ class Walk {
                              format("%zu section%s with an unknown signature %s skipped", unknown_,
                                     unknown_ == 1 ? "" : "s", unknown_ == 1 ? "is" : "are"));
         if (!is_version(*last_->partition))
-            warn_about_image(
-                "no-crc", "the last known section is no version section: the image carries no CRC");
+            warn_about_image("no-crc", "the last known section is not a version section: no CRC");
         if (found_.bytes_after_image != 0)
             warn_about_image("bytes-after-image",
-                             format("%s after the last section belong%s to none",
+                             format("%s after the last section belong%s to no section",
                                     bytes_text(found_.bytes_after_image).c_str(),
                                     found_.bytes_after_image == 1 ? "s" : ""));
         for (const ImageSection &section : found_.sections)
@@ -315,19 +315,19 @@ class Walk {
         const std::size_t held = payload_of(section).size();
         if (held < section.length)
             warn_about_section("missing-bytes", section,
-                               bytes_text(section.length - held) + " of its payload are missing");
+                               bytes_text(section.length - held) + " missing from the payload");
         if (is_version(*section.partition))
             return;
         if (section.checksum == ImageSection::Checksum::none)
             warn_about_section("unchecked", section,
-                               "mtd_id 255: neither checksum nor size are checked");
+                               "mtd_id 255: neither checksum nor size is checked");
         if (section.target->size > section.partition->max_size)
             warn_about_section("too-large", section,
                                format("writes %u bytes, and partition %s holds %u",
                                       section.target->size, section.partition->name,
                                       section.partition->max_size));
         if (section.target->size == 0)
-            warn_about_section("empty", section, "writes nothing: its content has no bytes");
+            warn_about_section("empty", section, "writes nothing: the content is empty");
         if (padding_is_too_long(section))
             warn_about_section(
                 "padding", section,
@@ -352,15 +352,14 @@ class Walk {
                                 : section.target->device_while_b_runs;
     }
 
-    /// The end of a sentence that is true on a device that runs set A, set B, or either.
+    /// Completes a message that is true while set A runs, while set B runs, or in both cases.
     static std::string condition(RunningSets running) {
         if (running.a && running.b)
             return "";
         return running.a ? " while set A runs" : " while set B runs";
     }
 
-    /// An upgrade writes all sections and then has the other set boot, whether it was written or
-    /// not.
+    /// After an upgrade the other set boots, even if nothing was written to it.
     void warn_about_boot() {
         for (const ImageSection &section : found_.sections)
             if (section.target)
@@ -372,7 +371,8 @@ class Walk {
             "no root file system and no kernel for the set that boots after the upgrade" +
             condition(running);
         if (recognised_ == 1 && is_version(*last_->partition))
-            warn_about_section("idle-set-not-written", *last_, "a version alone: " + message);
+            warn_about_section("idle-set-not-written", *last_,
+                               "only a version section: " + message);
         else
             warn_about_image("idle-set-not-written", message);
     }
@@ -381,7 +381,7 @@ class Walk {
         const std::uint32_t target = device(section, set_a);
         if (target == boot_loader_device)
             warn_about_section("boot-loader", section,
-                               "writes the boot loader: a device has no second one to boot from");
+                               "writes the boot loader, of which a device has only one");
         if (target == boot_environment_device)
             warn_about_section("boot-environment", section,
                                "writes the boot environment, which selects the set that boots; "
@@ -408,7 +408,7 @@ class Walk {
         return target == devices.root || target == devices.kernel;
     }
 
-    /// Whether a section writes one part of a set, and none writes the other part.
+    /// Whether this section writes one part of a set and no section writes the other part.
     [[nodiscard]] bool is_alone(const ImageSection &section, std::uint32_t SetDevices::*part,
                                 std::uint32_t SetDevices::*other_part, Set running) const {
         for (const Set set : {set_a, set_b})
@@ -431,17 +431,17 @@ class Walk {
     void warn_about_upload() {
         if (image_.size() > image_size_limit - upload_framing_size)
             warn_about_image("upload-size",
-                             format("%zu bytes leave less than %zu of the %zu of an upload for its "
-                                    "headers",
+                             format("%zu bytes leave less than %zu of the %zu bytes of an upload "
+                                    "for its headers",
                                     image_.size(), upload_framing_size, image_size_limit));
         const UploadResult upload = try_upload(image_);
         if (upload.stored == image_.size())
             return;
         const std::string loss =
-            format(": a device that gets the image as an upload stores its last %s only",
+            format(": a device that receives the image as an upload stores only its last %s",
                    bytes_text(upload.stored).c_str());
         for (const MistakenHeader &header : upload.headers) {
-            const std::string message = format("\"%s\" at offset 0x%zx is taken for a header",
+            const std::string message = format("\"%s\" at offset 0x%zx is mistaken for a header",
                                                std::string(header.name).c_str(), header.offset);
             const ImageSection *const section = section_at(header.offset);
             if (section != nullptr)
@@ -453,7 +453,7 @@ class Walk {
             warn_about_image("upload-header", "the image is truncated" + loss);
     }
 
-    /// The listed section that an offset is in, or null.
+    /// The listed section that contains an offset, or null.
     [[nodiscard]] const ImageSection *section_at(std::size_t offset) const {
         for (const ImageSection &section : found_.sections)
             if (section.offset <= offset && offset - section.offset < header_size + section.length)

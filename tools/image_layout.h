@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What builder and inspector both have to know about an image.
+// Properties of an image that both the builder and the inspection use.
 #ifndef CORVEL_TOOLS_IMAGE_LAYOUT_H
 #define CORVEL_TOOLS_IMAGE_LAYOUT_H
 
@@ -15,21 +15,22 @@ namespace corvel::tools {
 inline constexpr std::size_t header_size = 20;
 inline constexpr std::size_t crc_size = 4;
 
-/// What a device recognises in one image, the version section included.
+/// The maximum number of known sections in one image, including the version section.
 inline constexpr std::size_t most_sections = 4;
 
-/// What an upload to a device may hold.
+/// The maximum size of an upload to a device.
 inline constexpr std::size_t image_size_limit = std::size_t{16} << 20;
 
-/// Room in that for the boundaries and the headers around a file, more than browsers need.
+/// Bytes of an upload reserved for the boundaries and headers around the file; more than browsers
+/// use.
 inline constexpr std::size_t upload_framing_size = 1024;
 
-/// The version section says what the image is; it is written nowhere.
+/// Whether this is the version section, which describes the image and is not written to flash.
 constexpr bool is_version(const sign_tbl_entry &partition) {
     return partition.mtd_id == no_partition;
 }
 
-/// The sum that a payload's checksum byte makes 0.
+/// The sum modulo 256, which is 0 for a payload with its checksum byte.
 inline unsigned char sum_of(std::span<const unsigned char> bytes) {
     return static_cast<unsigned char>(std::accumulate(bytes.begin(), bytes.end(), 0U));
 }

@@ -9,8 +9,8 @@
 
 namespace corvel::tools::json {
 
-/// A string in which each byte is the character of the same number, U+0000 to U+00FF: the bytes of
-/// any encoding can be restored from it. The text itself is printable ASCII.
+/// A JSON string in which each byte is the character with the same number, U+0000 to U+00FF, so
+/// that the bytes can be restored regardless of their encoding. The result is printable ASCII.
 std::string string(std::string_view bytes);
 
 std::string number(std::uint64_t value);
@@ -21,7 +21,7 @@ constexpr const char *null = "null";
 
 std::string array(const std::vector<std::string> &values);
 
-/// An object, built member by member; the values are JSON texts.
+/// A JSON object, built member by member. Each value is already JSON.
 class Object {
   public:
     Object &add(std::string_view name, std::string_view value);

@@ -11,16 +11,17 @@
 namespace corvel::tools {
 namespace {
 
-/// Far more than three sections with comments take, and little enough to be read by mistake.
+/// Far more than four sections with comments need, and small enough that reading a wrong file by
+/// mistake does no harm.
 constexpr std::size_t size_limit = std::size_t{1} << 20;
 
-constexpr std::string_view blanks = " \t\r";
+constexpr std::string_view whitespace = " \t\r";
 
-std::string_view without_blanks(std::string_view text) {
-    const std::size_t begin = text.find_first_not_of(blanks);
+std::string_view trimmed(std::string_view text) {
+    const std::size_t begin = text.find_first_not_of(whitespace);
     if (begin == std::string_view::npos)
         return {};
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+    return text.substr(begin, text.find_last_not_of(whitespace) - begin + 1);
 }
 
 std::string quoted(std::string_view text) { return "'" + printable(text) + "'"; }
@@ -29,14 +30,14 @@ std::string place(const std::string &path, std::size_t line) {
     return printable(path) + format(":%zu: ", line);
 }
 
-/// Takes a manifest line by line.
+/// Parses a manifest line by line.
 class Reader {
   public:
     Reader(const std::string &path, FileIdentity identity) : manifest_{path, identity, {}} {}
 
     void take(std::string_view line) {
         ++line_;
-        line = without_blanks(line);
+        line = trimmed(line);
         if (line.empty() || line.front() == '#')
             return;
         if (line.front() == '[')
@@ -48,7 +49,7 @@ class Reader {
     Manifest result() {
         if (manifest_.sections.empty())
             throw Failure(cannot_do_it,
-                          printable(manifest_.path) + ": no section, such as [Rootfs], in it");
+                          printable(manifest_.path) + ": contains no section such as [Rootfs]");
         return std::move(manifest_);
     }
 
@@ -59,8 +60,8 @@ class Reader {
 
     void begin_section(std::string_view heading) {
         if (heading.back() != ']')
-            fail("a heading ends with ']'");
-        const std::string_view name = without_blanks(heading.substr(1, heading.size() - 2));
+            fail("a heading must end with ']'");
+        const std::string_view name = trimmed(heading.substr(1, heading.size() - 2));
         ManifestSection section{};
         section.partition = &partition_named(name);
         section.line = line_;
@@ -74,17 +75,17 @@ class Reader {
         std::string known;
         for (const sign_tbl_entry &row : sign_tbl)
             known += (known.empty() ? "" : ", ") + std::string(row.name);
-        fail("there is no partition " + quoted(name) + "; there are " + known);
+        fail("unknown partition " + quoted(name) + "; the partitions are " + known);
     }
 
     void set(std::string_view line) {
         const std::size_t equals = line.find('=');
         if (equals == std::string_view::npos)
-            fail("neither [PARTITION] nor KEY = VALUE");
+            fail("[PARTITION] or KEY = VALUE is expected");
         if (manifest_.sections.empty())
-            fail("a section, such as [Rootfs], comes first");
-        const std::string_view key = without_blanks(line.substr(0, equals));
-        const std::string_view value = without_blanks(line.substr(equals + 1));
+            fail("a section such as [Rootfs] must come first");
+        const std::string_view key = trimmed(line.substr(0, equals));
+        const std::string_view value = trimmed(line.substr(equals + 1));
         ManifestSection &section = manifest_.sections.back();
         if (key == "file")
             store(section.file, key, text(key, value));
@@ -97,14 +98,14 @@ class Reader {
         else if (key == "mtd-id")
             store(section.mtd_id, key, number(key, value));
         else
-            fail("there is no key " + quoted(key) +
-                 "; there are file, text, burn-address, padding, mtd-id");
+            fail("unknown key " + quoted(key) +
+                 "; the keys are file, text, burn-address, padding, mtd-id");
     }
 
     template <typename Value>
     void store(std::optional<Value> &setting, std::string_view key, Value value) const {
         if (setting)
-            fail(std::string(key) + " stands twice in this section");
+            fail(std::string(key) + " is set twice in this section");
         setting = std::move(value);
     }
 
@@ -112,11 +113,11 @@ class Reader {
         if (value.empty())
             fail(std::string(key) + " has no value");
         if (value.find('\0') != std::string_view::npos)
-            fail(std::string(key) + " holds a NUL");
+            fail(std::string(key) + " contains a NUL");
         return std::string(value);
     }
 
-    /// Decimal, or hexadecimal behind "0x".
+    /// Parses a decimal number, or a hexadecimal one with the prefix "0x".
     [[nodiscard]] std::uint32_t number(std::string_view key, std::string_view value) const {
         const bool hexadecimal = value.starts_with("0x") || value.starts_with("0X");
         const std::string_view digits = value.substr(hexadecimal ? 2 : 0);
@@ -139,7 +140,7 @@ class Reader {
 Manifest read_manifest(const std::string &path) {
     const File file = read_argument(path, size_limit);
     if (file.content.size() > size_limit)
-        throw Failure(cannot_do_it, printable(path) + ": too long for a manifest");
+        throw Failure(cannot_do_it, printable(path) + ": too large for a manifest");
     Reader reader(path, file.identity);
     std::string_view rest(reinterpret_cast<const char *>(file.content.data()), file.content.size());
     while (!rest.empty()) {

@@ -13,13 +13,13 @@
 
 namespace corvel::tools {
 
-/// What a manifest asks for: the sections of an image, in their order. One is written as
+/// One section of a manifest. Example:
 ///
 ///     [Rootfs]
 ///     file = rootfs.squashfs
 struct ManifestSection {
     const sign_tbl_entry *partition;
-    std::size_t line; ///< of its heading
+    std::size_t line; ///< line number of its heading
     std::optional<std::string> file;
     std::optional<std::string> text;
     std::optional<std::uint32_t> burn_address;
@@ -33,11 +33,11 @@ struct Manifest {
     std::vector<ManifestSection> sections;
 };
 
-/// Reads a manifest, from standard input if the path is "-"; anything in it that is not understood
-/// is a failure.
+/// Reads a manifest, from standard input if the path is "-". Fails at the first line that is
+/// invalid.
 Manifest read_manifest(const std::string &path);
 
-/// Where in a manifest something is wrong, for messages: "image.manifest:7: ".
+/// The location of a section for messages, such as "image.manifest:7: ".
 std::string place_in(const Manifest &manifest, const ManifestSection &section);
 
 } // namespace corvel::tools

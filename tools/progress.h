@@ -7,11 +7,10 @@
 
 namespace corvel::tools {
 
-/// Shows on standard error how far a piece of work is, if a person watches: only on a terminal. The
-/// line is gone when the work is done.
+/// Shows progress on standard error, if that is a terminal. The destructor erases the line.
 class Progress {
   public:
-    /// A total of 0 is one that is not known; the text is printable().
+    /// A total of 0 means unknown. `what` must have passed through printable().
     Progress(std::string what, std::size_t total);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

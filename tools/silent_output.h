@@ -10,8 +10,8 @@
 
 namespace corvel::tools {
 
-/// While it lives, standard output goes nowhere. The library prints messages of the boot
-/// environment there, and a program's output is to hold nothing but its own.
+/// Discards standard output during its lifetime. The library prints messages about the boot
+/// environment to standard output, which must not appear in a program's output.
 class SilentOutput {
   public:
     SilentOutput() : own_((std::fflush(stdout), fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3))) {

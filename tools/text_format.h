@@ -9,10 +9,10 @@
 
 namespace corvel::tools {
 
-/// What printf would print.
+/// Formats as printf does.
 [[gnu::format(printf, 1, 2)]] std::string format(const char *text, ...);
 
-/// Bytes of unknown origin, fit for a terminal: what is not printable ASCII becomes `\xNN`, a
+/// Escapes untrusted bytes for a terminal: each byte that is not printable ASCII becomes `\xNN`, a
 /// backslash `\\`.
 std::string printable(std::string_view bytes);
 std::string printable(std::span<const unsigned char> bytes);

@@ -17,7 +17,7 @@ constexpr std::size_t most_files = 4;
 constexpr std::string_view type_header = "Content-Type:";
 constexpr std::string_view encoding_header = "Content-Transfer-Encoding:";
 
-/// A boundary that no file was made to contain.
+/// A boundary that a file cannot have been made to contain.
 std::string random_boundary() {
     std::random_device random;
     std::string boundary = "--";
@@ -26,7 +26,7 @@ std::string random_boundary() {
     return boundary;
 }
 
-/// An upload as the library hands it to process_file(), with one file in it.
+/// An upload with one file, in the form that the library passes to process_file().
 class Upload {
   public:
     explicit Upload(std::span<const unsigned char> file) : boundary_(random_boundary()) {
@@ -39,7 +39,7 @@ class Upload {
         text_ += "\r\n" + boundary_ + "--\r\n";
     }
 
-    /// The number of bytes that the library stores of the file.
+    /// Returns the number of bytes of the file that the library stores.
     std::size_t store() {
         std::vector<prop_file> files(most_files);
         const int count = process_file(text_.data(), static_cast<int>(text_.size()),
@@ -49,7 +49,7 @@ class Upload {
         return stored;
     }
 
-    /// Looks for the headers in the library's order: the encoding after the end of the type's line.
+    /// Searches for the headers in the library's order: the encoding after the line of the type.
     [[nodiscard]] std::vector<MistakenHeader> mistaken_headers() const {
         std::vector<MistakenHeader> headers;
         std::size_t start = start_;
@@ -64,7 +64,7 @@ class Upload {
     }
 
   private:
-    /// Only the first place of a header's name counts, and only if the colon follows it.
+    /// Finds a header: only the first occurrence of its name counts, and only if a colon follows.
     [[nodiscard]] std::size_t find(std::size_t start, std::string_view name_and_colon) const {
         const std::string_view name = name_and_colon.substr(0, name_and_colon.size() - 1);
         const char *const found = hex_search(text_.data() + start, text_.data() + end_, name.data(),
@@ -76,8 +76,8 @@ class Upload {
 
     std::string boundary_;
     std::string text_;
-    std::size_t start_ = 0; ///< of the file in the upload
-    std::size_t end_ = 0;
+    std::size_t start_ = 0; ///< offset of the file in the upload
+    std::size_t end_ = 0;   ///< offset of its end
 };
 
 } // namespace

@@ -9,18 +9,19 @@
 
 namespace corvel::tools {
 
-/// Bytes of a file that a device takes for a header of the upload.
+/// Bytes of a file that a device mistakes for a header of the upload.
 struct MistakenHeader {
     std::size_t offset;
-    std::string_view name; ///< with its colon
+    std::string_view name; ///< including the colon
 };
 
 struct UploadResult {
-    std::size_t stored; ///< bytes: less than the file has if the device loses its beginning
+    std::size_t
+        stored; ///< number of bytes; less than the size of the file if its beginning is lost
     std::vector<MistakenHeader> headers;
 };
 
-/// Has the library cut a file out of an upload, and finds the bytes that mislead it.
+/// Extracts a file from an upload with the library, and finds the bytes mistaken for headers.
 UploadResult try_upload(std::span<const unsigned char> file);
 
 } // namespace corvel::tools

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Environment images, made and edited without the library."""
+"""Environment images, built and read without the library."""
 
 import struct
 import zlib
@@ -14,7 +14,7 @@ def with_crc(data):
 
 
 def image(entries, fill=b"\0"):
-    """The image of these entries, each a whole one such as b"a=1"."""
+    """The image with these entries, such as b"a=1"."""
     listed = b"".join(entry + b"\0" for entry in entries) + b"\0"
     return with_crc(listed + fill * (DATA_SIZE - len(listed)))
 
@@ -29,7 +29,7 @@ def entries_of(content):
 
 
 def list_end(data):
-    """Where the list of any data ends: at its empty entry, or where the data does."""
+    """The offset of the end of the list: its empty entry, or the end of the data."""
     start = 0
     while start < len(data) and data[start] != 0:
         end = data.find(b"\0", start)
@@ -38,5 +38,5 @@ def list_end(data):
 
 
 def closed_entries(data):
-    """The entries in front of the list's end that have a NUL of their own."""
+    """The entries before the end of the list that are terminated by a NUL."""
     return data[:list_end(data)].split(b"\0")[:-1]

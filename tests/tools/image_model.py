@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Upgrade images, made and judged without the library."""
+"""Upgrade images, built and checked without the library."""
 
 import dataclasses
 import struct
@@ -23,14 +23,14 @@ ACCEPTED, PAST_END, BAD_CHECKSUM, TOO_LARGE, TOO_MANY, BAD_CRC = range(6)
 
 
 def section(signature, payload, burn_address=0, mtd_id=None, pad=0, length=None):
-    """A section with whatever payload it is given."""
+    """A section with any payload."""
     mtd_id = PARTITIONS[signature][3] if mtd_id is None else mtd_id
     length = len(payload) if length is None else length
     return signature + struct.pack(">4I", burn_address, mtd_id, pad, length) + payload
 
 
 def with_checksum(data, pad=0):
-    """The payload of an ordinary section."""
+    """The payload of a section other than the version section."""
     return data + bytes(pad) + bytes([-sum(data) % 256])
 
 
@@ -39,7 +39,7 @@ def partition(signature, data, pad=0, **header):
 
 
 def signed(image):
-    """The image whose last section ends with room for the CRC."""
+    """Stores the CRC in the last four bytes of an image."""
     return image[:-4] + struct.pack(">I", zlib.crc32(image[:-4]))
 
 
@@ -54,12 +54,12 @@ def image(*sections):
 @dataclasses.dataclass
 class Verdict:
     result: int
-    section: int = 0  # the bad one, from 1 on
+    section: int = 0  # the bad one, counted from 1
     offset: int = 0
 
 
 def judge(data):
-    """What a device makes of an image."""
+    """The result of a device for an image."""
     offset = number = 0
     known = []
     while offset + 20 < len(data):
@@ -84,7 +84,7 @@ def judge(data):
     signature, number, offset, end = known[-1]
     if signature != b"Ver0":
         return Verdict(ACCEPTED)
-    # Bytes of the stored CRC that are not there make it differ.
+    # A truncated CRC differs.
     if end > len(data) or data[end - 4:end] != struct.pack(">I", zlib.crc32(data[:-4])):
         return Verdict(BAD_CRC, number, offset)
     return Verdict(ACCEPTED)
@@ -95,7 +95,7 @@ SETS = {"A": (2, 3), "B": (4, 5)}
 
 
 def warnings_about_boot(data):
-    """What is said of an accepted image after which a device may not boot."""
+    """The warnings for an accepted image after which a device may not boot."""
     sections = []
     offset = number = 0
     while offset + 20 < len(data):
@@ -130,7 +130,7 @@ def warnings_about_boot(data):
         if signature == b"Ver0":
             continue
         if signature == b"boot":
-            lines.append(place + "writes the boot loader: a device has no second one to boot from")
+            lines.append(place + "writes the boot loader, of which a device has only one")
         if signature == b"benv":
             lines.append(place + "writes the boot environment, which selects the set that boots; "
                          "save_bootparam() then overwrites it")
@@ -140,7 +140,7 @@ def warnings_about_boot(data):
                           lambda running: alone(signature, running, ROOT))
         lines += sentence(place + "no root file system for the same set",
                           lambda running: alone(signature, running, KERNEL))
-    place = f"{sections[0][1]}a version alone: " if [
+    place = f"{sections[0][1]}only a version section: " if [
         signature for signature, _, _ in sections] == [b"Ver0"] else ""
     idle = {"A": SETS["B"], "B": SETS["A"]}
     return lines + sentence(

@@ -23,7 +23,7 @@ def build():
 
 
 class Done:
-    """How a program ended and what it printed."""
+    """The exit status and the output of a program."""
 
     def __init__(self, done):
         self.status = done.returncode
@@ -44,13 +44,13 @@ def run(program, *arguments, **options):
 
 
 def printable(content):
-    """How the programs show bytes."""
+    """Escapes bytes as the programs do."""
     return "".join("\\\\" if byte == 0x5c else chr(byte) if 0x20 <= byte < 0x7f else
                    f"\\x{byte:02x}" for byte in content)
 
 
 def with_file_size_limit(size):
-    """For run(): writing beyond this size fails in the program, as on a full disk."""
+    """Options for run() with which writing beyond this size fails, as on a full disk."""
     return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)),
             "restore_signals": False}
 
@@ -59,11 +59,11 @@ class ToolTest(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="corvel-tools-"))
-        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="corvel-tools-"))
+        self.addCleanup(shutil.rmtree, self.directory, ignore_errors=True)
 
     def path(self, name):
-        return self.folder / name
+        return self.directory / name
 
     def write(self, name, content):
         path = self.path(name)
@@ -74,4 +74,4 @@ class ToolTest(unittest.TestCase):
         self.assertEqual((done.status, done.output, done.errors), (status, output, errors), done)
 
     def files(self):
-        return sorted(path.name for path in self.folder.iterdir())
+        return sorted(path.name for path in self.directory.iterdir())

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Environment images, created and edited, beside a model in Python."""
+"""Environment images, created and edited, compared with a model in Python."""
 
 import os
 import random
@@ -23,12 +23,15 @@ class EnvironmentTest(ToolTest):
     def assert_entries(self, *entries):
         self.assertEqual(entries_of(self.file.read_bytes()), list(entries))
 
+    def contents(self):
+        return {path.name: path.read_bytes() for path in self.directory.iterdir()}
+
     def assert_refuses(self, status, message, command, *arguments, **options):
-        """A message, and every file stays as it was."""
-        before = {path.name: path.read_bytes() for path in self.folder.iterdir()}
+        """Fails with a message and leaves every file unchanged."""
+        before = self.contents()
         self.expect(self.env(command, *arguments, **options), status,
                     errors=f"corvel-env: {message}\n")
-        self.assertEqual({path.name: path.read_bytes() for path in self.folder.iterdir()}, before)
+        self.assertEqual(self.contents(), before)
 
 
 class Editing(EnvironmentTest):
@@ -50,10 +53,10 @@ class Editing(EnvironmentTest):
         self.expect(self.env("check", self.file), 0,
                     f"{self.file}: good: 2 variables, {DATA_SIZE - 46} bytes free\n")
 
-    def test_create_replaces_only_by_force(self):
+    def test_create_replaces_a_file_only_with_force(self):
         for content in (b"precious", b""):
             self.file.write_bytes(content)
-            self.assert_refuses(2, f"{self.file}: is there already; with --force it is replaced",
+            self.assert_refuses(2, f"{self.file}: already exists; use --force to replace it",
                                 "create", self.file, "a=1")
         for option in ("--force", "-f"):
             self.file.write_bytes(b"precious")
@@ -83,7 +86,7 @@ class Editing(EnvironmentTest):
         for name, value in (("boot", "1"), ("bootdelay", "2"), ("bo", "3")):
             self.expect(self.env("get", self.file, name), 0, value + "\n")
         for name in ("b", "bootd", "bootdelay2", "Boot"):
-            self.assert_refuses(1, f"{self.file}: there is no variable '{name}'",
+            self.assert_refuses(1, f"{self.file}: no variable '{name}'",
                                 "get", self.file, name)
         self.expect(self.env("delete", self.file, "boot"), 0)
         self.assert_entries(b"bootdelay=2", b"bo=3")
@@ -102,14 +105,14 @@ class Editing(EnvironmentTest):
             self.assert_entries(*(f"{name}=1".encode() for name in left))
         self.assertEqual(self.file.read_bytes()[4:6], b"\0\0")
 
-    def test_deleting_what_is_not_there(self):
+    def test_deleting_a_missing_variable(self):
         self.env("create", self.file, "a=1", "b=2")
-        self.assert_refuses(1, f"{self.file}: there is no variable 'x'",
+        self.assert_refuses(1, f"{self.file}: no variable 'x'",
                             "delete", self.file, "a", "x")
         self.expect(self.env("delete", "--force", self.file, "a", "x", "a"), 0)
         self.assert_entries(b"b=2")
 
-    def test_words_that_are_no_assignment(self):
+    def test_words_that_are_not_assignments(self):
         self.env("create", self.file, "a=1")
         for word, message in (("b", "'b' is not NAME=VALUE"), ("", "'' is not NAME=VALUE"),
                               ("=b", "'=b' has no name"), ("=", "'=' has no name")):
@@ -117,10 +120,10 @@ class Editing(EnvironmentTest):
             self.assert_refuses(2, message, "create", "-f", self.file, "c=1", word)
         for name in ("", "a=", "=", "a=1"):
             for command in ("get", "delete"):
-                self.assert_refuses(2, f"'{name}' is not a variable's name",
+                self.assert_refuses(2, f"'{name}' is not a variable name",
                                     command, self.file, name)
 
-    def test_exactly_fitting_and_one_too_long(self):
+    def test_the_longest_value_and_one_byte_more(self):
         room = DATA_SIZE - len("a=1") - 1
         fitting = "v" * (room - len("name") - 3)
         for command in ("create", "set"):
@@ -144,7 +147,7 @@ class Editing(EnvironmentTest):
         self.assert_refuses(1, "'c' does not fit: it takes 70004 bytes, and 65524 are free",
                             "set", self.file, "b=2", "c=" + "x" * 70000)
 
-    def test_free_space_stays_as_it_is(self):
+    def test_free_space_is_unchanged(self):
         content = image([b"a=1", b"b=2"], fill=b"\xff")
         self.file.write_bytes(content)
         self.expect(self.env("set", self.file, "b=345"), 0)
@@ -185,7 +188,7 @@ class Files(EnvironmentTest):
 
     def test_files_that_cannot_be_read(self):
         for path, reason in ((self.path("none"), "No such file or directory"),
-                             (self.folder, "Is a directory"), ("", "No such file or directory")):
+                             (self.directory, "Is a directory"), ("", "No such file or directory")):
             for command in (["list"], ["get", "a"], ["set", "a=1"], ["delete", "a"], ["check"]):
                 self.expect(self.env(command[0], path, *command[1:]), 2,
                             errors=f"corvel-env: {path}: {reason}\n")
@@ -197,9 +200,9 @@ class Files(EnvironmentTest):
             self.assertEqual((done.status, done.output), (2, ""))
             self.assertRegex(done.errors, f"^corvel-env: {re.escape(str(path))}: .+\n$")
         self.expect(self.env("create", "-f", "/dev/null"), 2,
-                    errors="corvel-env: /dev/null: not a plain file\n")
+                    errors="corvel-env: /dev/null: not a regular file\n")
 
-    def test_a_device_can_be_read_and_not_written(self):
+    def test_a_stream_can_be_read_but_not_replaced(self):
         self.file.write_bytes(image([b"a=1"]))
         with self.file.open("rb") as content:
             self.expect(self.env("get", "/dev/stdin", "a", stdin=content), 0, "1\n")
@@ -210,7 +213,7 @@ class Files(EnvironmentTest):
         with os.fdopen(read_end, "rb") as content:
             done = self.env("set", "/dev/stdin", "a=3", stdin=content)
         self.assertEqual(done.status, 2)
-        self.assertIn("not a plain file", done.errors)
+        self.assertIn("not a regular file", done.errors)
 
     def test_a_full_disk_leaves_the_old_file(self):
         self.env("create", self.file, "a=1")
@@ -252,7 +255,7 @@ class Files(EnvironmentTest):
 
 
 class BadImages(EnvironmentTest):
-    CRC = r"CRC: 0x[0-9a-f]{8} is expected, the CRC-32 of the bytes from offset 4 on; found 0x"
+    CRC = r"CRC: 0x[0-9a-f]{8} is expected, the CRC-32 of the bytes from offset 4; found 0x"
 
     def with_bad_crc(self, content):
         return bytes([content[0] ^ 1]) + content[1:]
@@ -262,13 +265,13 @@ class BadImages(EnvironmentTest):
         self.file.write_bytes(self.with_bad_crc(good))
         found, expected = self.file.read_bytes()[:4].hex(), good[:4].hex()
         message = (f"corvel-env: {self.file}: bad environment: CRC: 0x{expected} is expected, the "
-                   f"CRC-32 of the bytes from offset 4 on; found 0x{found}\n")
+                   f"CRC-32 of the bytes from offset 4; found 0x{found}\n")
         self.expect(self.env("list", self.file), 1, "a=1\nb=2\n", message)
         self.expect(self.env("get", self.file, "b"), 1, "2\n", message)
         self.expect(self.env("check", self.file), 1, "", message)
         for command in (["set", self.file, "a=2"], ["delete", self.file, "a"]):
             self.assert_refuses(1, message.removeprefix("corvel-env: ") +
-                                "With --force it is changed all the same.", *command)
+                                "Use --force to change it anyway.", *command)
 
     def test_force_makes_it_good(self):
         self.file.write_bytes(self.with_bad_crc(image([b"a=1", b"b=2"])))
@@ -278,7 +281,7 @@ class BadImages(EnvironmentTest):
         self.expect(self.env("delete", self.file, "b", "--force"), 0)
         self.assert_entries(b"a=1")
 
-    def test_each_changed_byte_is_noticed(self):
+    def test_each_changed_byte_is_detected(self):
         content = image([b"a=1", b"b=2"])
         for offset in (*range(14), 100, SIZE // 2, SIZE - 1):
             changed = bytearray(content)
@@ -288,14 +291,14 @@ class BadImages(EnvironmentTest):
             self.assertEqual(done.status, 1)
             self.assertRegex(done.errors, self.CRC)
 
-    def test_entries_that_are_none(self):
+    def test_malformed_entries(self):
         place = f"corvel-env: {self.file}: bad environment: entry at offset"
         for entries, faults in (
                 ([b"a=1", b"word", b"b=2"], ["0x8: NAME=VALUE is expected; found no '='"]),
                 ([b"=1"], ["0x4: a name is expected; found none"]),
-                ([b"a=1", b"b=1", b"a=2"], ["0xc: a new name is expected; found 'a' again"]),
+                ([b"a=1", b"b=1", b"a=2"], ["0xc: a unique name is expected; found 'a' again"]),
                 ([b"\x1b=1", b"\x1b=2", b"x"],
-                 ["0x8: a new name is expected; found '\\x1b' again",
+                 ["0x8: a unique name is expected; found '\\x1b' again",
                   "0xc: NAME=VALUE is expected; found no '='"])):
             self.file.write_bytes(image(entries))
             self.expect(self.env("check", self.file), 1,
@@ -303,7 +306,7 @@ class BadImages(EnvironmentTest):
             self.expect(self.env("list", self.file), 0,
                         "".join(printable(entry) + "\n" for entry in entries))
 
-    def test_a_name_that_stands_twice(self):
+    def test_a_name_in_several_entries(self):
         entries = [b"a=1", b"b=1", b"a=2", b"a=3", b"c=1"]
         self.file.write_bytes(image(entries))
         self.expect(self.env("get", self.file, "a"), 0, "1\n")
@@ -327,7 +330,7 @@ class BadImages(EnvironmentTest):
             done = self.env("check", self.file)
             self.assertEqual((done.status, done.output), (1, ""))
             self.assertIn(f"{self.file}: bad environment: list: a second NUL is expected at its "
-                          "end; found the image's end\n", done.errors)
+                          "end; found the end of the image\n", done.errors)
             self.assert_refuses(1, "'new' does not fit: it takes 7 bytes, and 0 are free",
                                 "set", self.file, "new=1")
             listed = self.env("list", self.file)
@@ -336,7 +339,7 @@ class BadImages(EnvironmentTest):
                 printable(entry) + "\n" for entry in data.removesuffix(b"\0").split(b"\0")))
 
     def test_random_images(self):
-        """Whatever the image holds, commands end, with an answer, and touch what they should."""
+        """On any image, commands end with a result and change only the variables named."""
         random.seed(5)
         kinds = (lambda: random.randbytes(DATA_SIZE),
                  lambda: bytes(random.choices(b"\0a=", k=DATA_SIZE)),

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The golden files are what their script writes."""
+"""The golden files are identical to the output of their script."""
 
 import pathlib
 import subprocess
@@ -13,13 +13,13 @@ GOLDEN = SOURCE / "tests/golden"
 
 
 class Golden(unittest.TestCase):
-    def test_the_script_writes_the_files_that_are_there(self):
-        def contents(folder):
-            return {path.name: path.read_bytes() for path in pathlib.Path(folder).iterdir()
+    def test_the_script_writes_the_existing_files(self):
+        def contents(directory):
+            return {path.name: path.read_bytes() for path in pathlib.Path(directory).iterdir()
                     if path.suffix != ".py"}
 
-        with tempfile.TemporaryDirectory() as folder:
-            subprocess.run([sys.executable, GOLDEN / "make_golden.py", folder], check=True)
-            written = contents(folder)
+        with tempfile.TemporaryDirectory() as directory:
+            subprocess.run([sys.executable, GOLDEN / "make_golden.py", directory], check=True)
+            written = contents(directory)
         self.assertGreater(len(written), 10)
         self.assertEqual(written, contents(GOLDEN))

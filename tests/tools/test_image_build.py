@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Images out of manifests: exactly what the model makes, or a refusal that leaves no trace."""
+"""Images built from manifests: identical to the model's, or refused without writing a file."""
 
 import os
 import random
@@ -13,7 +13,7 @@ from programs import ToolTest, run, with_file_size_limit
 SIMPLE = "[Rootfs]\nfile = root\n[Linux_kernel]\nfile = kernel\n[Ver0]\ntext = 1.0\n"
 SIMPLE_IMAGE = image(partition(b"root", b"root file system"), partition(b"kern", b"kernel"),
                      version(b"1.0"))
-TIGHT = "{} bytes leave less than 1024 of the 16777216 of an upload for its headers"
+TIGHT = "{} bytes leave less than 1024 of the 16777216 bytes of an upload for its headers"
 
 
 class Build(ToolTest):
@@ -28,7 +28,7 @@ class Build(ToolTest):
         return run("corvel-image", "build", path, target or self.target, **options)
 
     def assert_builds(self, manifest, expected, warnings=(), after=()):
-        """With these warnings, those about booting, and the ones after them."""
+        """Builds with these warnings, those about booting, and those in `after`."""
         warnings = [*warnings, *model.warnings_about_boot(expected), *after]
         done = self.build(manifest)
         self.assertEqual(done.status, 0, done)
@@ -39,8 +39,8 @@ class Build(ToolTest):
         return done
 
     def assert_refuses(self, manifest, status, message):
-        """A message about the manifest, and nothing new in the folder."""
-        before = {path.name for path in self.folder.iterdir()} | {"manifest"}
+        """Fails with a message about the manifest and creates no file."""
+        before = {path.name for path in self.directory.iterdir()} | {"manifest"}
         done = self.build(manifest)
         self.expect(done, status, errors=f"corvel-image: {self.path('manifest')}{message}\n")
         self.assertEqual(set(self.files()), before)
@@ -70,7 +70,7 @@ class Build(ToolTest):
             for heading in (name, signature.decode()):
                 self.assert_builds(f"[{heading}]\nfile=kernel\n[Ver0]\ntext=v\n", expected)
 
-    def test_layout_of_the_manifest_does_not_matter(self):
+    def test_comments_and_whitespace_in_a_manifest_are_ignored(self):
         self.assert_builds("# A comment\r\n\r\n  [ Rootfs ]  \n\t# another\n file=root\t\n\n\n"
                            "[kern]\nfile\t= kernel\n[Ver0]\r\ntext =  1.0  \r", SIMPLE_IMAGE)
 
@@ -84,12 +84,12 @@ class Build(ToolTest):
         self.assert_builds("[Rootfs]\nfile = root\n[Ver0]\ntext =\n",
                            image(partition(b"root", b"root file system"), version(b"")))
 
-    def test_warnings_for_what_a_device_accepts(self):
+    def test_warnings_for_faults_that_a_device_accepts(self):
         self.assert_builds(
             "[Rootfs]\nfile = kernel\nmtd-id = 255\n[kern]\nfile = kernel\n[Ver0]\ntext = v\n",
             image(partition(b"root", b"kernel", mtd_id=255), partition(b"kern", b"kernel"),
                   version(b"v")),
-            ["section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor size are checked"])
+            ["section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor size is checked"])
 
     def test_paths_are_relative_to_the_manifest(self):
         self.path("parts").mkdir()
@@ -98,16 +98,16 @@ class Build(ToolTest):
         self.path("parts/manifest").write_text(SIMPLE)
         expected = image(partition(b"root", b"another"), partition(b"kern", b"kernel"),
                          version(b"1.0"))
-        for manifest, folder in (("parts/manifest", self.folder), ("manifest", self.path("parts")),
+        for manifest, cwd in (("parts/manifest", self.directory), ("manifest", self.path("parts")),
                                  (self.path("parts/manifest"), "/")):
             self.assertEqual(run("corvel-image", "build", manifest, self.target,
-                                 cwd=folder).status, 0)
+                                 cwd=cwd).status, 0)
             self.assertEqual(self.target.read_bytes(), expected)
             self.target.unlink()
         absolute = SIMPLE.replace("root\n", f"{self.path('parts/root')}\n")
         self.assert_builds(absolute, expected)
 
-    def test_the_largest_that_fits_and_one_more(self):
+    def test_the_largest_content_and_one_byte_more(self):
         for signature, (name, stripped, largest, _) in model.PARTITIONS.items():
             if signature == b"Ver0":
                 continue
@@ -120,21 +120,21 @@ class Build(ToolTest):
                 self.write("large", bytes(most + 1))
                 whole = "" if stripped else " with header and trailer"
                 self.assert_refuses(manifest, 1, f":1: {name}: {largest + 1} bytes{whole}, 1 more "
-                                    f"than the {largest} that the partition holds")
+                                    f"than the {largest} bytes of the partition")
 
-    def test_the_size_counts_even_where_the_device_does_not_look(self):
+    def test_the_size_is_checked_even_if_a_device_does_not_check_it(self):
         self.write("large", bytes(0x10001))
         self.assert_refuses("[ART]\nfile = large\nmtd-id = 255\n[Ver0]\ntext = v\n", 1,
-                            ":1: ART: 65537 bytes, 1 more than the 65536 that the partition holds")
+                            ":1: ART: 65537 bytes, 1 more than the 65536 bytes of the partition")
 
     def test_a_version_that_is_too_long(self):
         manifest = "[Rootfs]\nfile = root\n[Ver0]\ntext = "
         self.assert_builds(manifest + "v" * 68, image(partition(b"root", b"root file system"),
                                                       version(b"v" * 68)))
         self.assert_refuses(manifest + "v" * 69, 1, ":3: Ver0: 93 bytes with header and trailer, "
-                            "1 more than the 92 that a version section holds")
+                            "1 more than the 92 bytes of a version section")
 
-    def test_an_image_that_no_upload_can_hold(self):
+    def test_an_image_larger_than_an_upload(self):
         # Two headers, a byte of content and its checksum, the CRC.
         self.write("byte", b"1")
         most = 16 * 1024 * 1024 - 20 - 1 - 1 - 20 - 4
@@ -142,16 +142,16 @@ class Build(ToolTest):
         self.assert_builds(manifest.format(most),
                            image(partition(b"root", b"1", pad=most), version(b"")),
                            after=[TIGHT.format(2**24)])
-        refusal = "makes the image larger than the 16777216 bytes of an upload"
+        refusal = "makes the image larger than the upload limit of 16777216 bytes"
         self.assert_refuses(manifest.format(most + 1), 1, f":4: Ver0: {refusal}")
         for padding in (most + 25, 2**32 - 1):
             self.assert_refuses(manifest.format(padding), 1, f":1: Rootfs: {refusal}")
         with self.path("large").open("wb") as sparse:
             sparse.truncate(2**24 + 1)
-        self.assert_refuses("[Log]\nfile = large\n[Ver0]\ntext = v\n", 1, ":1: Log: large has more "
-                            "than the 16777216 bytes of an upload")
+        self.assert_refuses("[Log]\nfile = large\n[Ver0]\ntext = v\n", 1, ":1: Log: large is "
+                            "larger than the upload limit of 16777216 bytes")
 
-    def test_sections_that_no_device_takes(self):
+    def test_sections_that_a_device_refuses(self):
         ending = "[Ver0]\ntext = v\n"
         one, two, three, four = (f"[{name}]\nfile = kernel\n"
                                  for name in ("boot", "root", "kern", "log0"))
@@ -160,17 +160,15 @@ class Build(ToolTest):
                            image(*kernel, partition(b"kern", b"kernel"), version(b"v")))
         for manifest, message in (
                 (one + two + three + four + ending,
-                 ":9: Ver0: section 5: a device takes at most 4 sections, the version included"),
-                (one + two, ":3: Rootfs: the last section must be [Ver0]: it carries the image's "
-                 "CRC"),
-                (ending + one, ":3: Boot: the last section must be [Ver0]: it carries the image's "
-                 "CRC"),
-                (ending, ":1: Ver0: there is nothing to write: no section for a partition"),
-                (one + two + one + ending, ":5: Boot: stands twice, the first time in line 1"),
-                (ending + ending, ":3: Ver0: stands twice, the first time in line 1"),
+                 ":9: Ver0: section 5: a device accepts at most 4 sections, including the version"),
+                (one + two, ":3: Rootfs: the last section must be [Ver0], which contains the CRC"),
+                (ending + one, ":3: Boot: the last section must be [Ver0], which contains the CRC"),
+                (ending, ":1: Ver0: nothing to write: no section for a partition"),
+                (one + two + one + ending, ":5: Boot: already in line 1"),
+                (ending + ending, ":3: Ver0: already in line 1"),
                 ("[Rootfs]\n" + ending, ":1: Rootfs: has no file"),
                 ("[Rootfs]\ntext = v\n" + ending,
-                 ":1: Rootfs: only the version section has a text; use a file"),
+                 ":1: Rootfs: only a version section may have a text; use a file"),
                 (one + "[Ver0]\n", ":3: Ver0: has neither a text nor a file"),
                 (one + ending + "file = root\n", ":3: Ver0: has both a file and a text"),
                 (one + ending + "mtd-id = 9\n",
@@ -182,27 +180,27 @@ class Build(ToolTest):
         self.write("root", b"")
         self.assert_refuses(SIMPLE, 1, ":1: Rootfs: root is empty")
 
-    def test_manifests_that_are_none(self):
+    def test_invalid_manifests(self):
         number = "not a number from 0 to 4294967295 (0xffffffff)"
-        known = ("there are Boot, Boot-env, Rootfs, Linux_kernel, Rootfs-1, Linux_kernel-1, Log, "
-                 "Config, ART, Ver0")
+        known = ("the partitions are Boot, Boot-env, Rootfs, Linux_kernel, Rootfs-1, Linux_kernel-1, "
+                 "Log, Config, ART, Ver0")
         for manifest, message in (
-                ("", ": no section, such as [Rootfs], in it"),
-                ("# nothing\n", ": no section, such as [Rootfs], in it"),
-                ("file = root\n", ":1: a section, such as [Rootfs], comes first"),
-                ("\n[rootfs]\n", f":2: there is no partition 'rootfs'; {known}"),
-                ("[]\n", f":1: there is no partition ''; {known}"),
-                ("[Root\x1bfs]\n", f":1: there is no partition 'Root\\x1bfs'; {known}"),
-                ("[Rootfs\n", ":1: a heading ends with ']'"),
-                ("[", ":1: a heading ends with ']'"),
-                ("[Rootfs]\nfile root\n", ":2: neither [PARTITION] nor KEY = VALUE"),
-                ("[Rootfs]\nFile = root\n", ":2: there is no key 'File'; there are file, text, "
+                ("", ": contains no section such as [Rootfs]"),
+                ("# nothing\n", ": contains no section such as [Rootfs]"),
+                ("file = root\n", ":1: a section such as [Rootfs] must come first"),
+                ("\n[rootfs]\n", f":2: unknown partition 'rootfs'; {known}"),
+                ("[]\n", f":1: unknown partition ''; {known}"),
+                ("[Root\x1bfs]\n", f":1: unknown partition 'Root\\x1bfs'; {known}"),
+                ("[Rootfs\n", ":1: a heading must end with ']'"),
+                ("[", ":1: a heading must end with ']'"),
+                ("[Rootfs]\nfile root\n", ":2: [PARTITION] or KEY = VALUE is expected"),
+                ("[Rootfs]\nFile = root\n", ":2: unknown key 'File'; the keys are file, text, "
                  "burn-address, padding, mtd-id"),
                 ("[Rootfs]\nfile =\n", ":2: file has no value"),
-                ("[Rootfs]\nfile = a\0b\n", ":2: file holds a NUL"),
-                ("[Rootfs]\nfile = a\nfile = b\n", ":3: file stands twice in this section"),
+                ("[Rootfs]\nfile = a\0b\n", ":2: file contains a NUL"),
+                ("[Rootfs]\nfile = a\nfile = b\n", ":3: file is set twice in this section"),
                 ("[Rootfs]\npadding = 1\npadding = 1\n",
-                 ":3: padding stands twice in this section"),
+                 ":3: padding is set twice in this section"),
                 *((f"[Rootfs]\n{key} = {value}\n", f":2: {key} is '{value}', {number}")
                   for key in ("padding", "burn-address", "mtd-id")
                   for value in ("x", "-1", "+1", "1 2", "1k", "0x", "0x1g", "4294967296",
@@ -212,30 +210,30 @@ class Build(ToolTest):
                 self.assert_refuses(manifest, 2, message)
         path = self.write("manifest", b"#" * (2**20 + 1))
         self.expect(run("corvel-image", "build", path, self.target), 2,
-                    errors=f"corvel-image: {path}: too long for a manifest\n")
+                    errors=f"corvel-image: {path}: too large for a manifest\n")
 
     def test_files_that_cannot_be_read(self):
         missing = "No such file or directory"
         self.expect(run("corvel-image", "build", self.path("none"), self.target), 2,
                     errors=f"corvel-image: {self.path('none')}: {missing}\n")
-        self.expect(run("corvel-image", "build", self.folder, self.target), 2,
-                    errors=f"corvel-image: {self.folder}: Is a directory\n")
+        self.expect(run("corvel-image", "build", self.directory, self.target), 2,
+                    errors=f"corvel-image: {self.directory}: Is a directory\n")
         self.expect(self.build("[Rootfs]\nfile = none\n[Ver0]\ntext = v\n"), 2,
                     errors=f"corvel-image: {self.path('none')}: {missing}\n")
         for command in ("list", "verify"):
             self.expect(run("corvel-image", command, self.path("none")), 2,
                         errors=f"corvel-image: {self.path('none')}: {missing}\n")
-            self.expect(run("corvel-image", command, self.folder), 2,
-                        errors=f"corvel-image: {self.folder}: Is a directory\n")
+            self.expect(run("corvel-image", command, self.directory), 2,
+                        errors=f"corvel-image: {self.directory}: Is a directory\n")
 
     def test_a_target_that_cannot_be_written(self):
-        self.path("folder").mkdir()
-        for target, reason in ((self.path("folder"), "not a plain file"),
+        self.path("directory").mkdir()
+        for target, reason in ((self.path("directory"), "not a regular file"),
                                (self.path("none/new.img"), "No such file or directory"),
                                (self.path("root/new.img"), "Not a directory"),
-                               ("/dev/null", "not a plain file")):
+                               ("/dev/null", "not a regular file")):
             self.expect(self.build(SIMPLE, target), 2, errors=f"corvel-image: {target}: {reason}\n")
-        self.assertEqual(self.files(), ["folder", "kernel", "manifest", "root"])
+        self.assertEqual(self.files(), ["directory", "kernel", "manifest", "root"])
 
     def test_a_full_disk_leaves_the_old_image(self):
         self.write("root", os.urandom(3_000_000))
@@ -249,7 +247,7 @@ class Build(ToolTest):
     def test_a_refusal_leaves_the_old_image(self):
         self.target.write_bytes(b"the old one")
         self.assert_refuses("[Rootfs]\nfile = root\n", 1, ":1: Rootfs: the last section must be "
-                            "[Ver0]: it carries the image's CRC")
+                            "[Ver0], which contains the CRC")
         self.assertEqual(self.target.read_bytes(), b"the old one")
 
     def test_mode_and_links_of_the_target(self):
@@ -271,7 +269,7 @@ class Build(ToolTest):
         self.assertEqual(stat.S_IMODE(self.target.stat().st_mode), 0o604)
         self.assertEqual(other_name.read_bytes(), before)
 
-    def test_no_source_is_the_target_under_any_name(self):
+    def test_a_source_is_not_replaced_under_any_name(self):
         self.path("directory").mkdir()
         manifest = self.write("manifest", SIMPLE)
         for source in ("root", "kernel", "manifest"):
@@ -280,18 +278,19 @@ class Build(ToolTest):
             symbolic.symlink_to(source)
             os.link(self.path(source), hard)
             for target in (self.path(source), symbolic, hard,
-                           self.folder / "directory/.." / source):
+                           self.directory / "directory/.." / source):
                 self.expect(run("corvel-image", "build", manifest, target), 2, errors=(
                     f"corvel-image: {target}: is one of the files that the image is made from\n"))
                 self.assertEqual(self.path(source).read_bytes(), before)
             symbolic.unlink()
             hard.unlink()
 
-    def test_no_source_is_the_target_as_a_standard_stream(self):
+    def test_a_source_on_standard_input_is_not_replaced(self):
         manifest = self.write("manifest", SIMPLE)
         message = "corvel-image: {}: is one of the files that the image is made from\n"
         with manifest.open("rb") as file:
-            self.expect(run("corvel-image", "build", "-", manifest, stdin=file, cwd=self.folder), 2,
+            self.expect(run("corvel-image", "build", "-", manifest, stdin=file,
+                            cwd=self.directory), 2,
                         errors=message.format(manifest))
         with self.path("kernel").open("ab") as file:
             self.expect(run("corvel-image", "build", manifest, "-", stdout=file), 2,

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Images of every kind: what list and verify say of them."""
+"""The results of list and verify for images of every kind."""
 
 import random
 import struct
@@ -24,12 +24,12 @@ class Verify(ToolTest):
         return run("corvel-image", "list", "-", input=data)
 
     def assert_fault(self, data, fault):
-        """Refused, by the model as well, for exactly this reason."""
+        """Refused for exactly this reason; the model refuses it as well."""
         self.assertNotEqual(model.judge(data).result, ACCEPTED)
         self.expect(self.verify(data), 1, errors=f"corvel-image: -: bad image: {fault}\n")
 
     def assert_warnings(self, data, *warnings):
-        """These and, after them, those about booting."""
+        """Warns of these and then of booting."""
         warnings = [*warnings, *model.warnings_about_boot(data)]
         self.assertEqual(model.judge(data).result, ACCEPTED)
         done = self.verify(data)
@@ -42,7 +42,7 @@ class Verify(ToolTest):
         expected = model.judge(data)
         done = self.verify(data)
         self.assertEqual(done.status, 0 if expected.result == ACCEPTED else 1, (data.hex(), done))
-        # The program's reason and the library's result are about the same rule.
+        # The program's reason agrees with the library's result.
         self.assertNotIn("the library's result", done.errors, data.hex())
         if expected.section:
             self.assertIn(f"bad image: section {expected.section} (", done.errors)
@@ -73,9 +73,9 @@ class Verify(ToolTest):
             "  none      not written\n"
             "version: 2.1.0\n"
             f"CRC: 0x{crc:08x}\n"), "corvel-image: -: warning: section 1 (boot) at offset 0x0: writes "
-            "the boot loader: a device has no second one to boot from\n")
+            "the boot loader, of which a device has only one\n")
 
-    def test_where_each_partition_goes(self):
+    def test_the_block_device_of_each_partition(self):
         for signature, (name, stripped, _, device) in model.PARTITIONS.items():
             if signature == b"Ver0":
                 continue
@@ -89,7 +89,7 @@ class Verify(ToolTest):
                     str(size), f"mtdblock{device + idle}", f"mtdblock{device}"])
 
     def test_the_list_is_the_same_on_every_machine(self):
-        """Even on a device, whichever set it runs and however bad its environment is."""
+        """Even on a device, regardless of the set that runs and of its environment."""
         expected = self.list(GOOD)
         program = programs.BUILD / "tools" / "corvel-image"
         good = environment_model.image
@@ -124,8 +124,8 @@ class Verify(ToolTest):
             data = section(b"root", with_checksum(b"root"), length=5 + more)
             missing = "1 byte" if more == 1 else f"{more} bytes"
             self.assert_warnings(
-                data, f"section 1 (root) at offset 0x0: {missing} of its payload are missing",
-                "the last known section is no version section: the image carries no CRC")
+                data, f"section 1 (root) at offset 0x0: {missing} missing from the payload",
+                "the last known section is not a version section: no CRC")
         self.assert_fault(
             section(b"root", with_checksum(b"root"), length=10),
             "section 1 (root) at offset 0x0: len: at most 9 is expected, since 5 bytes follow the "
@@ -141,7 +141,7 @@ class Verify(ToolTest):
             data[offset] += 3
             self.assert_fault(
                 bytes(data), "section 1 (root) at offset 0x0: payload checksum: the sum of the 17 "
-                "bytes from offset 0x14 on is expected to be 0 (modulo 256); found 0x03")
+                "bytes from offset 0x14 is expected to be 0 (modulo 256); found 0x03")
 
     def test_a_section_that_is_too_large(self):
         for signature, (name, stripped, largest, _) in model.PARTITIONS.items():
@@ -166,8 +166,8 @@ class Verify(ToolTest):
                 f"section 1 (root) at offset 0x0: pad: less than len, 5, is expected; found {pad}")
         self.assert_warnings(
             image(section(b"root", with_checksum(b"root"), pad=4), version()),
-            "section 1 (root) at offset 0x0: writes nothing: its content has no bytes")
-        # Sizes are numbers of 32 bits: this one comes round to 5.
+            "section 1 (root) at offset 0x0: writes nothing: the content is empty")
+        # Sizes are 32-bit numbers: this one wraps around to 5.
         self.assert_warnings(
             image(section(b"root", with_checksum(b"root"), pad=0xffffffff), version()),
             "section 1 (root) at offset 0x0: pad 4294967295 is not less than len 5")
@@ -177,7 +177,7 @@ class Verify(ToolTest):
         total = sum(data[-4:]) % 256
         self.assertNotEqual(total, 0)
         self.assert_fault(data, "section 2 (Ver0) at offset 0x19: payload checksum: the sum of the "
-                          "4 bytes from offset 0x2d on is expected to be 0 (modulo 256); found "
+                          "4 bytes from offset 0x2d is expected to be 0 (modulo 256); found "
                           f"0x{total:02x}")
 
     def test_more_than_four_sections(self):
@@ -188,7 +188,7 @@ class Verify(ToolTest):
         self.assert_warnings(image(root, kernel, log, version()))
         self.assert_fault(image(root, kernel, log, boot, version()),
                           "section 5 (Ver0) at offset 0x58: number of known sections: at most 4 "
-                          "are expected, the version included; found 5")
+                          "are expected, including the version; found 5")
         unknown = section(b"root".upper(), b"x", mtd_id=2)
         self.assert_warnings(image(root, unknown, kernel, unknown, log, version()),
                              "2 sections with an unknown signature are skipped")
@@ -210,17 +210,17 @@ class Verify(ToolTest):
         self.assertEqual(model.judge(bytes(data)).result, model.BAD_CRC)
         self.assertIn(": CRC at offset ", self.verify(bytes(data)).errors)
 
-    def test_a_crc_that_ends_behind_the_image(self):
+    def test_a_crc_that_ends_after_the_image(self):
         root = partition(b"root", b"root")
         for more in range(1, 5):
             data = signed(root + section(b"Ver0", b"1.0" + bytes(4), length=7 + more))
             self.assert_fault(data, "section 2 (Ver0) at offset 0x19: len: 7 is expected, so that "
-                              f"the CRC ends where the image does; found {7 + more}")
+                              f"the CRC ends at the end of the image; found {7 + more}")
 
-    def test_a_crc_in_front_of_the_end(self):
+    def test_a_crc_before_the_end(self):
         for more in range(1, 20):
             self.assertEqual(self.assert_as_the_model_says(GOOD + bytes(more)), model.BAD_CRC)
-        # An unknown section behind the version is a chain as well.
+        # An unknown section after the version continues the chain.
         data = signed(GOOD + section(b"what", bytes(9), mtd_id=0))
         self.assertEqual(self.assert_as_the_model_says(data), model.BAD_CRC)
 
@@ -236,10 +236,10 @@ class Verify(ToolTest):
 
     def test_warnings(self):
         root, kernel = partition(b"root", b"root"), partition(b"kern", b"k")
-        no_crc = "the last known section is no version section: the image carries no CRC"
+        no_crc = "the last known section is not a version section: no CRC"
         self.assert_warnings(root, no_crc)
         self.assert_warnings(root + bytes(1), no_crc,
-                             "1 byte after the last section belongs to none")
+                             "1 byte after the last section belongs to no section")
         self.assert_warnings(image(root, root, version()), "section 2 (root) at offset 0x19: writes"
                              " the same partition as section 1")
         self.assert_warnings(
@@ -248,16 +248,16 @@ class Verify(ToolTest):
             "runs")
         self.assert_warnings(image(section(b"root", b"xyz", mtd_id=255), version()),
                              "section 1 (root) at offset 0x0: mtd_id 255: neither checksum nor "
-                             "size are checked")
+                             "size is checked")
         self.assert_warnings(
             image(section(b"benv", bytes(0x10002), mtd_id=255), version()),
-            "section 1 (benv) at offset 0x0: mtd_id 255: neither checksum nor size are checked",
+            "section 1 (benv) at offset 0x0: mtd_id 255: neither checksum nor size is checked",
             "section 1 (benv) at offset 0x0: writes 65537 bytes, and partition Boot-env holds "
             "65536")
         self.assert_warnings(image(section(b"what", b"x", mtd_id=0), root, version()),
                              "1 section with an unknown signature is skipped")
 
-    def test_nothing_of_an_image_reaches_the_terminal_raw(self):
+    def test_bytes_of_an_image_are_escaped(self):
         data = image(section(b"\x1b[2J", b"x", mtd_id=0), partition(b"root", b"root"),
                      version(b"\x1b]0;title\x07\\\n\xff"))
         done = self.list(data)
@@ -272,8 +272,8 @@ class Verify(ToolTest):
         self.assertIn("   ...  838856 more with unknown signatures, skipped\n", done.output)
         self.assertEqual(len(done.output.splitlines()), 6)
 
-    def test_an_image_that_no_upload_can_hold(self):
-        fault = ("size: at most 16777216 bytes are expected, those of an upload; found more\n")
+    def test_an_image_larger_than_an_upload(self):
+        fault = ("size: at most 16777216 bytes are expected, the limit of an upload; found more\n")
         large = self.path("large")
         with large.open("wb") as sparse:
             sparse.truncate(2**24 + 1)
@@ -286,13 +286,13 @@ class Verify(ToolTest):
 
     def test_every_truncation(self):
         results = [self.assert_as_the_model_says(GOOD[:size]) for size in range(len(GOOD))]
-        # Behind a whole section, and up to four bytes in front of its end if they are zeros, an
-        # image without a version is one.
+        # An image that ends after a whole section, or up to four zero bytes before its end, is
+        # accepted without a version.
         self.assertIn(ACCEPTED, results)
         self.assertEqual(set(results), {ACCEPTED, model.PAST_END, model.BAD_CHECKSUM, model.BAD_CRC})
 
     def test_every_changed_byte(self):
-        # Without the signature of the version section there is no CRC to miss.
+        # If the version section's signature changes, no CRC is checked.
         signature = range(GOOD.index(b"Ver0"), GOOD.index(b"Ver0") + 4)
         for offset in range(len(GOOD)):
             for change in (1, 0x80, 0xff):
@@ -318,7 +318,7 @@ class Verify(ToolTest):
 
 
 def random_image():
-    """An image that is nearly good: most rules hold, some don't."""
+    """An image that satisfies most rules, but not all."""
     sections = []
     for _ in range(random.choice((0, 1, 1, 2, 2, 3, 3, 4, 5))):
         signature = random.choice((*model.PARTITIONS, b"what"))

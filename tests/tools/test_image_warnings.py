@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What a device accepts and does not survive: warnings, and errors with --strict."""
+"""Faults of images that a device accepts: warnings, or errors with --strict."""
 
 import random
 import subprocess
@@ -18,7 +18,7 @@ NO_SET = "no root file system and no kernel for the set that boots after the upg
 
 class WarningTest(ToolTest):
     def assert_warns(self, data, *warnings):
-        """The same of list, of verify and, as errors, of verify --strict."""
+        """list and verify print these warnings, verify --strict the same as errors."""
         lines = "".join(f"corvel-image: -: warning: {warning}\n" for warning in warnings)
         for command in ("list", "verify"):
             done = run("corvel-image", command, "-", input=data)
@@ -68,15 +68,15 @@ class Boot(WarningTest):
         self.assert_warns(image(KERNEL, version()),
                           "section 1 (kern) at offset 0x0: no root file system for the same set")
 
-    def test_a_part_without_content_is_not_there(self):
+    def test_an_empty_section_counts_as_missing(self):
         self.assert_warns(
             image(ROOT, partition(b"kern", b""), version()),
-            "section 2 (kern) at offset 0x19: writes nothing: its content has no bytes",
+            "section 2 (kern) at offset 0x19: writes nothing: the content is empty",
             "section 1 (root) at offset 0x0: no kernel for the same set")
 
     def test_a_version_alone(self):
         self.assert_warns(image(version()),
-                          f"section 1 (Ver0) at offset 0x0: a version alone: {NO_SET}")
+                          f"section 1 (Ver0) at offset 0x0: only a version section: {NO_SET}")
 
     def test_neither_root_file_system_nor_kernel(self):
         self.assert_warns(image(LOG, version()), NO_SET)
@@ -90,14 +90,14 @@ class Boot(WarningTest):
             "that boots; save_bootparam() then overwrites it")
         self.assert_warns(
             image(ROOT, KERNEL, partition(b"boot", b"l"), version()),
-            "section 3 (boot) at offset 0x32: writes the boot loader: a device has no second one "
-            "to boot from")
+            "section 3 (boot) at offset 0x32: writes the boot loader, of which a device has only "
+            "one")
 
     def test_bytes_after_the_image(self):
         self.assert_warns(
             ROOT + KERNEL + bytes(20),
-            "the last known section is no version section: the image carries no CRC",
-            "20 bytes after the last section belong to none")
+            "the last known section is not a version section: no CRC",
+            "20 bytes after the last section belong to no section")
         good = image(ROOT, KERNEL, version())
         for count, follow in ((1, "1 byte follows"), (20, "20 bytes follow"),
                               (300, "300 bytes follow")):
@@ -106,13 +106,13 @@ class Boot(WarningTest):
                 self.assertEqual(done.status, 1)
                 self.assertTrue(done.errors.endswith(
                     f"; a whole image ends at offset 0x{len(good):x}, and {follow} it\n"), done)
-        # A CRC at the end of another range does not end an image.
+        # A CRC that does not match the preceding bytes does not end an image.
         done = run("corvel-image", "verify", "-", input=good[:-1] + b"x" + bytes(9))
         self.assertNotIn("a whole image", done.errors)
 
 
 class Upload(WarningTest):
-    """The expected values come from the upload intake itself, in a program of its own."""
+    """The expected values come from the library's upload intake, run in a separate program."""
 
     SOURCE = r"""
 #include <corvel.h>
@@ -154,7 +154,7 @@ int main(void)
         self.assert_warns(data)
 
     def assert_loses_its_beginning(self, kernel, *headers):
-        """`headers`: the mistaken ones, each with its place in the kernel."""
+        """`headers`: the mistaken headers, each with its offset in the kernel."""
         data = image(ROOT, partition(b"kern", kernel), version())
         stored = self.stored(data)
         self.assertLess(len(stored), len(data))
@@ -162,8 +162,8 @@ int main(void)
         size = "1 byte" if len(stored) == 1 else f"{len(stored)} bytes"
         self.assert_warns(data, *(
             f'section 2 (kern) at offset 0x19: "{name}:" at offset '
-            f"0x{len(ROOT) + 20 + place:x} is taken for a header: a device that gets the image as "
-            f"an upload stores its last {size} only" for name, place in headers))
+            f"0x{len(ROOT) + 20 + place:x} is mistaken for a header: a device that receives the "
+            f"image as an upload stores only its last {size}" for name, place in headers))
 
     def test_a_payload_that_looks_like_a_header(self):
         for name in ("Content-Type", "Content-Transfer-Encoding"):
@@ -177,13 +177,13 @@ int main(void)
         both = b"Content-Type: a\nContent-Transfer-Encoding: b\n"
         self.assert_loses_its_beginning(both, ("Content-Type", 0),
                                         ("Content-Transfer-Encoding", 16))
-        # After the type's line an earlier encoding does not count, nor one in that line.
+        # An encoding before the type or in the same line does not count.
         self.assert_loses_its_beginning(
             b"Content-Transfer-Encoding: b\nContent-Type: a\n", ("Content-Type", 29))
         self.assert_loses_its_beginning(
             b"Content-Type: Content-Transfer-Encoding: b\n", ("Content-Type", 0))
 
-    def test_what_only_resembles_a_header(self):
+    def test_text_that_only_resembles_a_header(self):
         for kernel in (b"content-type: x\n", b"CONTENT-TYPE: x\n", b"Content-Type : x\n",
                        b"Content-Type", b"Content-Type=x\n", b"Content-Typ", b"Content-T",
                        b"Content-Length: 3\n", b"filename=x\n", b"boundary=x\n",
@@ -191,7 +191,7 @@ int main(void)
             with self.subTest(kernel):
                 self.assert_arrives(kernel)
 
-    def test_the_first_place_of_a_name_decides(self):
+    def test_only_the_first_occurrence_of_a_name_counts(self):
         self.assert_arrives(b"Content-Type, Content-Type: x\n")
         self.assert_arrives(b"Content-Transfer-Encoding\nContent-Transfer-Encoding: x\n")
         self.assert_loses_its_beginning(b"Content-Type, Content-Transfer-Encoding: x\n",
@@ -201,14 +201,15 @@ int main(void)
         data = image(ROOT, KERNEL, version(b"Content-Type: x"))
         self.assertEqual(self.stored(data), b"")
         self.assert_warns(data, (
-            'section 3 (Ver0) at offset 0x32: "Content-Type:" at offset 0x46 is taken for a '
-            "header: a device that gets the image as an upload stores its last 0 bytes only"))
+            'section 3 (Ver0) at offset 0x32: "Content-Type:" at offset 0x46 is mistaken '
+            "for a header: a device that receives the image as an upload stores only its last 0 "
+            "bytes"))
         skipped = section(b"what", b"Content-Type:\n", mtd_id=0)
         data = image(*[section(b"what", b"x", mtd_id=0)] * 5, skipped, ROOT, KERNEL, version())
         self.assert_warns(
             data, "6 sections with an unknown signature are skipped",
-            '"Content-Type:" at offset 0x7d is taken for a header: a device that gets the image '
-            f"as an upload stores its last {len(self.stored(data))} bytes only")
+            '"Content-Type:" at offset 0x7d is mistaken for a header: a device that receives the '
+            f"image as an upload stores only its last {len(self.stored(data))} bytes")
 
     def test_random_payloads(self):
         random.seed(7)
@@ -231,12 +232,12 @@ int main(void)
         log = section(b"log0", bytes(room + 1), mtd_id=9, pad=room)
         data = image(ROOT, KERNEL, log, version())
         self.assertEqual(len(data), 2**24 - 1024)
-        empty = "section 3 (log0) at offset 0x32: writes nothing: its content has no bytes"
+        empty = "section 3 (log0) at offset 0x32: writes nothing: the content is empty"
         self.assert_warns(data, empty)
         log = section(b"log0", bytes(room + 2), mtd_id=9, pad=room + 1)
         self.assert_warns(image(ROOT, KERNEL, log, version()), empty,
-                          "16776193 bytes leave less than 1024 of the 16777216 of an upload for "
-                          "its headers")
+                          "16776193 bytes leave less than 1024 of the 16777216 bytes of an "
+                          "upload for its headers")
 
 
 class Strict(ToolTest):

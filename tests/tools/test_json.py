@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""JSON of both programs, as a parser reads it, and beside the text."""
+"""The JSON output of both programs, parsed and compared with the text output."""
 
 import json
 import struct
@@ -82,7 +82,7 @@ class Images(JsonTest):
             self.assertIsNone(found["sections"][0]["partition"])
 
     def test_a_file_name(self):
-        path = str(self.folder).encode() + b"/\x1b\"\\\n\xff"
+        path = str(self.directory).encode() + b"/\x1b\"\\\n\xff"
         with open(path, "wb") as file:
             file.write(GOOD)
         found = self.parsed(run("corvel-image", "verify", "--json", path))

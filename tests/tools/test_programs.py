@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What both programs have in common: help, usage, output, progress, manual pages, installation."""
+"""Features common to both programs: help, usage, output, progress, manual pages, installation."""
 
 import os
 import pathlib
@@ -37,8 +37,8 @@ class CommandLine(ToolTest):
 
     def test_wrong_usage(self):
         for program, arguments, message in (
-                ("corvel-image", [], "a command is missing"),
-                ("corvel-image", ["nonsense"], "there is no command 'nonsense'"),
+                ("corvel-image", [], "missing command"),
+                ("corvel-image", ["nonsense"], "unknown command 'nonsense'"),
                 ("corvel-image", ["build"], "build: too few arguments"),
                 ("corvel-image", ["build", "a"], "build: too few arguments"),
                 ("corvel-image", ["build", "a", "b", "c"], "build: too many arguments"),
@@ -46,22 +46,24 @@ class CommandLine(ToolTest):
                 ("corvel-image", ["list", "a", "b"], "list: too many arguments"),
                 ("corvel-image", ["verify"], "verify: too few arguments"),
                 ("corvel-image", ["verify", "a", "b"], "verify: too many arguments"),
-                ("corvel-image", ["verify", "--force", "a"], "verify: there is no --force here"),
-                ("corvel-image", ["build", "--json", "a", "b"], "build: there is no --json here"),
-                ("corvel-image", ["list", "-s", "a"], "list: there is no --strict here"),
+                ("corvel-image", ["verify", "--force", "a"],
+                 "verify: option --force is not allowed"),
+                ("corvel-image", ["build", "--json", "a", "b"],
+                 "build: option --json is not allowed"),
+                ("corvel-image", ["list", "-s", "a"], "list: option --strict is not allowed"),
                 ("corvel-image", ["verify", "--strict=1", "a"],
                  "option '--strict' allows no argument"),
-                ("corvel-env", ["get", "-j", "a", "b"], "get: there is no --json here"),
-                ("corvel-env", ["list", "--raw", "a"], "list: there is no --raw here"),
+                ("corvel-env", ["get", "-j", "a", "b"], "get: option --json is not allowed"),
+                ("corvel-env", ["list", "--raw", "a"], "list: option --raw is not allowed"),
                 ("corvel-env", ["list", "--force", "-xj", "a"], "invalid option -- 'x'"),
-                ("corvel-env", [], "a command is missing"),
-                ("corvel-env", ["SET", "a", "b=1"], "there is no command 'SET'"),
+                ("corvel-env", [], "missing command"),
+                ("corvel-env", ["SET", "a", "b=1"], "unknown command 'SET'"),
                 ("corvel-env", ["create"], "create: too few arguments"),
                 ("corvel-env", ["list"], "list: too few arguments"),
                 ("corvel-env", ["list", "a", "b"], "list: too many arguments"),
                 ("corvel-env", ["get", "a"], "get: too few arguments"),
                 ("corvel-env", ["get", "a", "b", "c"], "get: too many arguments"),
-                ("corvel-env", ["get", "-f", "a", "b"], "get: there is no --force here"),
+                ("corvel-env", ["get", "-f", "a", "b"], "get: option --force is not allowed"),
                 ("corvel-env", ["set", "a"], "set: too few arguments"),
                 ("corvel-env", ["delete", "a"], "delete: too few arguments"),
                 ("corvel-env", ["check"], "check: too few arguments"),
@@ -69,7 +71,7 @@ class CommandLine(ToolTest):
                 ("corvel-env", ["--nonsense"], "unrecognized option '--nonsense'"),
                 ("corvel-env", ["-x", "list"], "invalid option -- 'x'")):
             with self.subTest(program=program, arguments=arguments):
-                done = run(program, *arguments, cwd=self.folder)
+                done = run(program, *arguments, cwd=self.directory)
                 self.assertEqual((done.status, done.output), (2, ""))
                 lines = done.errors.splitlines()
                 self.assertEqual(lines[0], f"{program}: {message}")
@@ -97,7 +99,7 @@ class Output(ToolTest):
             self.assertIn(b"standard output: ", done.stderr)
 
     def test_closed_descriptors(self):
-        """A file must not get the number of standard output, and what is printed land in it."""
+        """No file gets the number of standard output and with it the printed text."""
         program = programs.BUILD / "tools" / "corvel-env"
         for closed in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-"):
             done = subprocess.run(["sh", "-c", f'"$0" set "$1" b=2 {closed}', program,
@@ -109,7 +111,7 @@ class Output(ToolTest):
         self.assertEqual(done.returncode, 2)
         self.assertIn(b"standard output: ", done.stderr)
 
-    def test_progress_on_a_terminal_alone(self):
+    def test_progress_is_shown_only_on_a_terminal(self):
         self.write("root", bytes(3_000_000))
         manifest = self.write("manifest", "[Rootfs]\nfile = root\n[kern]\nfile = env\n"
                               "[Ver0]\ntext = 1\n")
@@ -122,7 +124,7 @@ class Output(ToolTest):
             try:
                 while piece := os.read(leader, 4096):
                     shown += piece
-            except OSError:  # nobody holds the other end any more
+            except OSError:  # the other end is closed
                 pass
             os.close(leader)
             output = process.stdout.read()
@@ -141,13 +143,13 @@ class ManualPages(unittest.TestCase):
     def page(self, program):
         return SOURCE / "tools" / f"{program}.1"
 
-    def test_no_fault_in_the_markup(self):
+    def test_the_markup_has_no_fault(self):
         for program in COMMANDS:
             done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", self.page(program)],
                                   capture_output=True, text=True, timeout=60)
             self.assertEqual((done.returncode, done.stdout), (0, ""))
 
-    def test_all_commands_and_options_are_there(self):
+    def test_all_commands_and_options_are_documented(self):
         for program, commands in COMMANDS.items():
             text = subprocess.run(["mandoc", "-T", "ascii", self.page(program)],
                                   capture_output=True, check=True, timeout=60).stdout
@@ -161,7 +163,7 @@ class ManualPages(unittest.TestCase):
             for heading in ("EXIT STATUS", "EXAMPLES", "SEE ALSO"):
                 self.assertIn(f"\n{heading}\n", text)
 
-    def test_all_warnings_are_there(self):
+    def test_all_warnings_are_documented(self):
         source = (SOURCE / "tools/image_inspection.cpp").read_text()
         kinds = set(re.findall(r'warn_\w+\(\s*"([a-z-]+)"', source))
         self.assertGreater(len(kinds), 10)
@@ -169,12 +171,12 @@ class ManualPages(unittest.TestCase):
         self.assertEqual(set(re.findall(r"^\.It Cm ([a-z-]+)$", warnings.partition(".Ss JSON")[0],
                                         re.M)), kinds)
 
-    def test_the_examples(self):
-        """The examples of each page are one session, from its first line to its last."""
+    def test_the_examples_give_the_shown_output(self):
+        """The examples of each page form one session."""
         for program in COMMANDS:
-            with self.subTest(program), tempfile.TemporaryDirectory() as folder:
+            with self.subTest(program), tempfile.TemporaryDirectory() as directory:
                 for name in ("rootfs.squashfs", "kernel.bin"):
-                    pathlib.Path(folder, name).write_bytes(name.encode() * 100)
+                    pathlib.Path(directory, name).write_bytes(name.encode() * 100)
                 source = self.page(program).read_text()
                 blocks = re.findall(r"^\.Bd -literal.*?\n(.*?)^\.Ed$",
                                     source.partition(".Sh EXAMPLES")[2], re.M | re.S)
@@ -185,7 +187,7 @@ class ManualPages(unittest.TestCase):
                 for command in commands:
                     output += f"$ {command}\n"
                     done = subprocess.run(
-                        ["sh", "-c", re.sub(r"\n> ?", "\n", command)], cwd=folder,
+                        ["sh", "-c", re.sub(r"\n> ?", "\n", command)], cwd=directory,
                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60,
                         env={"PATH": f"{programs.BUILD / 'tools'}:{os.environ['PATH']}"})
                     output += done.stdout
@@ -194,13 +196,13 @@ class ManualPages(unittest.TestCase):
 
 class Installation(ToolTest):
     def test_programs_and_pages(self):
-        subprocess.run(["cmake", "--install", programs.BUILD, "--prefix", self.folder], check=True,
-                       stdout=subprocess.DEVNULL, timeout=60)
+        subprocess.run(["cmake", "--install", programs.BUILD, "--prefix", self.directory],
+                       check=True, stdout=subprocess.DEVNULL, timeout=60)
         for program in COMMANDS:
             done = subprocess.run([self.path("bin") / program, "--version"], capture_output=True,
                                   text=True, timeout=60)
             self.assertEqual(done.returncode, 0, done.stderr)
-            page = next(self.folder.glob(f"**/man1/{program}.1"))
+            page = next(self.directory.glob(f"**/man1/{program}.1"))
             self.assertEqual(page.read_bytes(), (SOURCE / "tools" / f"{program}.1").read_bytes())
 
 

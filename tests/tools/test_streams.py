@@ -20,7 +20,7 @@ from programs import ToolTest, printable, run
 GOOD = image(partition(b"root", bytes(300000)), partition(b"kern", bytes(100000)), version(b"1"))
 ENVIRONMENT = environment_model.image([b"a=1", b"b=2"])
 
-# Each command that reads a file, with the content that it reads; the file's argument is "-".
+# Each command that reads a file, with the content to read; the file argument is "-".
 READERS = [
     (["corvel-image", "verify", "-"], GOOD),
     (["corvel-image", "list", "-"], GOOD),
@@ -33,7 +33,7 @@ READERS = [
 
 
 class Inotify:
-    """Tells whether files were opened."""
+    """Counts how often files were opened."""
     IN_OPEN = 0x20
     IN_NONBLOCK = 0o4000
 
@@ -57,7 +57,7 @@ class Inotify:
 
 class StandardInput(ToolTest):
     def expected(self, arguments, content):
-        """What the command prints for a file; set and delete: what they leave in it."""
+        """The output of the command for a file; for set and delete, the file after the change."""
         path = self.write("plain", content)
         done = run(*(str(path) if argument == "-" else argument for argument in arguments))
         self.assertEqual((done.status, done.errors), (0, ""))
@@ -78,7 +78,7 @@ class StandardInput(ToolTest):
         def feeder():
             try:
                 send(content)
-            except OSError:  # what the program printed says what went wrong
+            except OSError:  # the program's own message reports the failure
                 pass
         thread = threading.Thread(target=feeder)
         thread.start()
@@ -131,7 +131,7 @@ class StandardInput(ToolTest):
                 self.assertEqual(done.stdout, self.expected(arguments, content))
                 path.unlink()
 
-    def test_a_closed_one_is_empty(self):
+    def test_closed_standard_input_is_empty(self):
         for program, reason in (("corvel-image", "found an image of 0 bytes"),
                                 ("corvel-env", "size: 65536 bytes are expected; found 0")):
             done = subprocess.run(["sh", "-c", '"$0" list - <&-', programs.BUILD / "tools" / program],
@@ -145,11 +145,11 @@ class StandardInput(ToolTest):
         manifest = b"[root]\nfile = root\n[kern]\nfile = kernel\n[Ver0]\ntext = 1\n"
         target = self.path("new.img")
         self.assertEqual(run("corvel-image", "build", "-", target, input=manifest,
-                             cwd=self.folder).status, 0)
+                             cwd=self.directory).status, 0)
         self.assertEqual(target.read_bytes(), image(
             partition(b"root", b"root file system"), partition(b"kern", b"kernel"), version(b"1")))
         self.expect(run("corvel-image", "build", "-", target, input=b"[x"), 2,
-                    errors="corvel-image: -:1: a heading ends with ']'\n")
+                    errors="corvel-image: -:1: a heading must end with ']'\n")
 
 
 class StandardOutput(ToolTest):
@@ -165,7 +165,7 @@ class StandardOutput(ToolTest):
         return subprocess.run([programs.BUILD / "tools/corvel-image", "build", self.manifest, "-"],
                               stdout=stdout, stderr=subprocess.PIPE, timeout=60, **options)
 
-    def test_an_image_alone(self):
+    def test_only_the_image_is_written(self):
         done = self.build_into(subprocess.PIPE)
         self.assertEqual((done.returncode, done.stdout, done.stderr), (0, self.expected, b""))
         self.assertEqual(self.files(), ["manifest", "part"])
@@ -187,7 +187,7 @@ class StandardOutput(ToolTest):
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertEqual(b"".join(received), self.expected)
 
-    def test_what_a_command_refuses_prints_nothing(self):
+    def test_a_refused_command_prints_nothing(self):
         self.manifest.write_text("[root]\nfile = part\n")
         done = self.build_into(subprocess.PIPE)
         self.assertEqual((done.returncode, done.stdout), (1, b""))
@@ -211,7 +211,7 @@ class StandardOutput(ToolTest):
         os.close(follower)
         try:
             shown = os.read(leader, 4096)
-        except OSError:  # nobody holds the other end any more
+        except OSError:  # the other end is closed
             shown = b""
         os.close(leader)
         self.assertEqual((done.returncode, shown, done.stderr), (
@@ -222,7 +222,7 @@ class StandardOutput(ToolTest):
         self.write("-", b"a file of that name")
         done = subprocess.run(
             ["sh", "-c", '"$0" create - a=1 b=2 | "$0" set - c=3 a=4 | "$0" delete - b', program],
-            capture_output=True, timeout=60, cwd=self.folder)
+            capture_output=True, timeout=60, cwd=self.directory)
         self.assertEqual((done.returncode, done.stderr), (0, b""))
         self.assertEqual(entries_of(done.stdout), [b"c=3", b"a=4"])
         self.assertEqual(self.path("-").read_bytes(), b"a file of that name")
@@ -254,13 +254,13 @@ class OpenedFiles(ToolTest):
                                   capture_output=True, timeout=60)
             self.assertEqual(done.returncode, 0, done.stderr)
             self.assertEqual(watch.opened(), 0, arguments)
-        # The watch does see what opens a device.
+        # The watch detects a program that opens a device.
         subprocess.run([*sandbox, "head", "-c", "1", "/dev/mtdblock1"], check=True, timeout=60,
                        stdout=subprocess.DEVNULL)
         self.assertEqual(watch.opened(), 1)
 
     def test_an_input_that_is_a_device_is_refused(self):
-        refusal = "is a device, which is read through standard input only"
+        refusal = "is a device; devices are read through standard input only"
         for device in ("/dev/zero", "/dev/null", "/dev/tty"):
             link = self.path("link")
             link.symlink_to(device)
@@ -291,7 +291,7 @@ class OutputNames(ToolTest):
                                    "[Ver0]\ntext = 1\n")
 
     def test_the_longest_name(self):
-        most = os.pathconf(self.folder, "PC_NAME_MAX")
+        most = os.pathconf(self.directory, "PC_NAME_MAX")
         for name in ("i" * most, "\u00e9" * (most // 2)):
             target = self.path(name)
             for _ in range(2):  # a new file, and one that is replaced
@@ -307,8 +307,8 @@ class OutputNames(ToolTest):
                     errors=f"corvel-env: {too_long}: File name too long\n")
 
     def test_the_longest_path(self):
-        most = os.pathconf(self.folder, "PC_PATH_MAX") - 1  # without the NUL
-        path = str(self.folder)
+        most = os.pathconf(self.directory, "PC_PATH_MAX") - 1  # without the NUL
+        path = str(self.directory)
         while len(path) + 202 < most:
             path += "/" + "d" * 100
         os.makedirs(path)
@@ -318,9 +318,9 @@ class OutputNames(ToolTest):
             self.expect(run("corvel-env", "create", "--force", path, f"a={value}"), 0)
         self.expect(run("corvel-env", "get", path, "a"), 0, "2\n")
 
-    def test_names_that_a_terminal_must_not_see(self):
+    def test_names_with_control_characters_are_escaped(self):
         name = b"\x1b]0;title\x07\n\xff\\"
-        path = os.path.join(os.fsencode(self.folder), name)
+        path = os.path.join(os.fsencode(self.directory), name)
         shown = printable(path)
         self.expect(run("corvel-env", "list", path), 2,
                     errors=f"corvel-env: {shown}: No such file or directory\n")
@@ -328,7 +328,7 @@ class OutputNames(ToolTest):
         self.expect(run("corvel-env", "check", path), 0,
                     f"{shown}: good: 1 variable, {environment_model.DATA_SIZE - 4} bytes free\n")
         self.expect(run("corvel-env", "get", path, b"\x07"), 1,
-                    errors=f"corvel-env: {shown}: there is no variable '\\x07'\n")
+                    errors=f"corvel-env: {shown}: no variable '\\x07'\n")
         done = run("corvel-image", "build", self.manifest, path)
         self.assertEqual((done.status, done.errors), (0, ""))
         self.assertTrue(done.output.startswith(f"{shown}: "))
