@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * What the emulator refuses and the tests need, put right between the programs and the C library: a
- * library of its own, so that a test's stand-in for the same function hands its calls on to here.
- * The file emulator-limits says what there is and why.
+ * Corrects functions of the C library that the tests need and the emulator does not support. This
+ * is a separate library, so that a test's stand-in for the same function passes its calls on to
+ * this one. The file emulator-limits describes each case.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -14,7 +14,7 @@
 #include <sys/socket.h>
 #include <sys/vfs.h>
 
-/* Finds the definition that one of these hides, once. */
+/* Finds the next definition of a function, once. */
 #define NEXT_DEFINITION(function)                                                                  \
     static __typeof__(&(function)) next;                                                           \
     if (next == NULL) {                                                                            \
@@ -22,7 +22,7 @@
         memcpy(&next, &definition, sizeof definition);                                             \
     }
 
-/* The protocols of the traps, and of messages that the emulator passes on as they are. */
+/* The protocol of the traps, and a protocol whose messages the emulator passes on unchanged. */
 enum { traps = 16, plain_messages = 15 };
 
 int socket(int family, int type, int protocol) {
@@ -31,13 +31,13 @@ int socket(int family, int type, int protocol) {
                 family == AF_NETLINK && protocol == traps ? plain_messages : protocol);
 }
 
-/* Whether the files in /proc/net are a test's own. */
+/* Whether a test has mounted its own files over /proc/net. */
 static int network_tables_are_covered(void) {
     struct statfs system;
     return statfs("/proc/self/net", &system) == 0 && system.f_type != PROC_SUPER_MAGIC;
 }
 
-/* By this other name the emulator shows the file as it is. */
+/* The emulator passes the file on unchanged under this other name. */
 static const char *real_path(const char *path) {
     return strcmp(path, "/proc/net/route") == 0 && network_tables_are_covered()
                ? "/proc/self/net/route"

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Lets exceptions find their way with musl. Debian's cross compiler brings an unwinder that was
- * configured for another C library and asks that one, by this name, which loaded object a piece of
- * code belongs to and where its unwind table is. The answer is put together from the program
- * headers. Only C++ programs need it: the tests, not the library.
+ * Makes C++ exceptions work with musl. The unwinder of Debian's cross compiler was configured for
+ * another C library, and calls this function of that library to find the loaded object that
+ * contains an address, and its unwind table. Here both are found through the program headers. Only
+ * C++ programs need it: the tests, not the library.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -28,10 +28,10 @@ struct search {
     struct dl_find_object *found;
 };
 
-static int look_into(struct dl_phdr_info *object, size_t size, void *argument) {
+static int search_object(struct dl_phdr_info *object, size_t size, void *argument) {
     const struct search *const search = argument;
     const ElfW(Phdr) *unwind_table = NULL;
-    int holds_code = 0;
+    int contains_code = 0;
     (void)size;
     for (size_t i = 0; i < object->dlpi_phnum; ++i) {
         const ElfW(Phdr) *const header = &object->dlpi_phdr[i];
@@ -39,12 +39,12 @@ static int look_into(struct dl_phdr_info *object, size_t size, void *argument) {
         if (header->p_type == PT_GNU_EH_FRAME)
             unwind_table = header;
         if (header->p_type == PT_LOAD && search->code - start < header->p_memsz) {
-            holds_code = 1;
+            contains_code = 1;
             search->found->dlfo_map_start = (void *)start;
             search->found->dlfo_map_end = (void *)(start + header->p_memsz);
         }
     }
-    if (!holds_code || unwind_table == NULL)
+    if (!contains_code || unwind_table == NULL)
         return 0;
     search->found->dlfo_flags = 0;
     search->found->dlfo_link_map = NULL;
@@ -54,5 +54,5 @@ static int look_into(struct dl_phdr_info *object, size_t size, void *argument) {
 
 int _dl_find_object(void *code, struct dl_find_object *found) {
     struct search search = {(uintptr_t)code, found};
-    return dl_iterate_phdr(look_into, &search) != 0 ? 0 : -1;
+    return dl_iterate_phdr(search_object, &search) != 0 ? 0 : -1;
 }

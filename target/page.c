@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * A small CGI program on the library: it shows one value of a property file in a page. page_alone.c
- * prints the same page without the library. At its end it waits for the end of its input, so that
- * one can look at the memory that it has touched.
+ * A small CGI program that uses the library: it prints a page with one value of a property file.
+ * page_alone.c prints the same page without the library. Before it exits it waits for the end of
+ * its input, so that its resident memory can be measured.
  *
- * usage: page FOLDER, with the files lan.conf and lan.html in it
+ * usage: page DIRECTORY, which contains the files lan.conf and lan.html
  */
 #include <corvel.h>
 

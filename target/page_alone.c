@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* The page of page.c, printed without the library; it waits in the same way. */
+/* Prints the page of page.c without the library, and waits in the same way. */
 #include <stdio.h>
 #include <unistd.h>
 
