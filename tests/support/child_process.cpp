@@ -45,7 +45,7 @@ ChildResult wait_for_child(pid_t child) {
 
 void end_child(int status) {
     std::fflush(nullptr);
-#ifdef CORVEL_COVERAGE_FOLDER
+#ifdef CORVEL_COVERAGE_DIRECTORY
     std::exit(status);
 #else
     _exit(status);
@@ -102,8 +102,8 @@ void become_ordinary_user() {
     if (setgroups(0, nullptr) != 0 ||
         setresgid(ordinary_user_id, ordinary_user_id, ordinary_user_id) != 0 ||
         setresuid(ordinary_user_id, ordinary_user_id, ordinary_user_id) != 0)
-        throw std::system_error(errno, std::generic_category(), "cannot give up root's rights");
-    // The change of user took this process its own entries under /proc away.
+        throw std::system_error(errno, std::generic_category(), "cannot drop root privileges");
+    // After the change of user, this process cannot access its own entries in /proc.
     prctl(PR_SET_DUMPABLE, 1, 0, 0, 0);
 }
 

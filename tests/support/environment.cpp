@@ -28,15 +28,15 @@ std::optional<std::string> variable(const std::string &name) {
     return value == nullptr ? std::nullopt : std::optional<std::string>(value);
 }
 
-/** Opening anew is the one way to drop buffered input that every C library has. */
+/** Reopens standard input, the only way to discard buffered input in every C library. */
 void reopen_stdin(const std::string &path) {
     if (std::freopen(path.c_str(), "r", stdin) == nullptr || fileno(stdin) != STDIN_FILENO)
-        throw std::system_error(errno, std::generic_category(), "cannot re-point standard input");
+        throw std::system_error(errno, std::generic_category(), "cannot redirect standard input");
 }
 
 [[noreturn]] void write_in_pieces(int descriptor, std::string_view bytes) {
     constexpr std::size_t piece = 1000;
-    // The reader may stop early; that is its right.
+    // The reader may stop early.
     std::signal(SIGPIPE, SIG_DFL);
     while (!bytes.empty()) {
         const ssize_t written = ::write(descriptor, bytes.data(), std::min(piece, bytes.size()));
@@ -59,9 +59,9 @@ EnvironmentVariable::~EnvironmentVariable() { set_variable(name_, saved_); }
 
 StandardInput::StandardInput(std::string_view bytes, Kind kind) {
     if (kind == Kind::file) {
-        const TemporaryDirectory folder;
-        folder.write("input", bytes);
-        reopen_stdin(folder.path("input"));
+        const TemporaryDirectory directory;
+        directory.write("input", bytes);
+        reopen_stdin(directory.path("input"));
         return;
     }
     std::array<int, 2> ends{};

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * The surroundings of a CGI program, put back when the object goes.
+ * The environment of a CGI program: variables and standard input, restored by the destructor.
  *
  *     const EnvironmentVariable method("REQUEST_METHOD", "POST");
  *     const EnvironmentVariable no_query("QUERY_STRING", std::nullopt);
@@ -17,7 +17,7 @@
 
 namespace corvel_test {
 
-/** Sets a variable, or removes it where there is no value. */
+/** Sets a variable, or removes it if there is no value. */
 class EnvironmentVariable {
   public:
     EnvironmentVariable(const std::string &name, const std::optional<std::string> &value);
@@ -31,14 +31,14 @@ class EnvironmentVariable {
 };
 
 /**
- * Feeds bytes as standard input, to the stream `stdin` and to descriptor 0. What stdin had buffered
- * before is gone. Afterwards standard input is empty.
+ * Provides bytes as standard input, for the stream `stdin` and for descriptor 0. Input buffered in
+ * `stdin` before is discarded. The destructor leaves standard input empty.
  */
 class StandardInput {
   public:
     enum class Kind {
-        file, /**< A file, as some web servers hand the body over. */
-        pipe, /**< A pipe that a process of its own fills, in small pieces. */
+        file, /**< A file, which some web servers pass as the body. */
+        pipe, /**< A pipe that a separate process fills in small pieces. */
     };
 
     explicit StandardInput(std::string_view bytes, Kind kind = Kind::file);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** The files that tests/golden/make_golden.py wrote, independently of the library. */
+/** Files written by tests/golden/make_golden.py independently of the library. */
 #ifndef CORVEL_TESTS_GOLDEN_FILES_H
 #define CORVEL_TESTS_GOLDEN_FILES_H
 

@@ -26,17 +26,17 @@ namespace {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-/** What happens to a run at its n-th point. */
+/** A run and what happens at its n-th point. */
 struct Trial {
     std::function<void()> run;
-    /** Runs in another child while the run is paused; there may be none. */
+    /** Runs in another child while the run is paused; may be empty. */
     std::function<void()> meanwhile;
     AfterPause after;
-    /** How long the other child may take while the run is paused. */
+    /** The maximum time that the run stays paused for the other child. */
     std::chrono::milliseconds patience{0};
 };
 
-/** A child that does a piece of work and exits. */
+/** Starts a child that calls a function and exits. */
 pid_t start(const std::function<void()> &work) {
     const pid_t child = fork();
     if (child < 0)
@@ -48,14 +48,14 @@ pid_t start(const std::function<void()> &work) {
     return child;
 }
 
-/** Ends a child, whatever it is doing. */
+/** Kills a child and waits for it. */
 void end(pid_t child) {
     kill(child, SIGKILL);
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
 }
 
-/** Waits for a child for a while; true if it has exited. */
+/** Waits for a child for a limited time; true if it has exited. */
 bool exits_within(pid_t child, std::chrono::milliseconds patience) {
     const auto end = std::chrono::steady_clock::now() + patience;
     while (waitpid(child, nullptr, WNOHANG) != child) {
@@ -66,7 +66,7 @@ bool exits_within(pid_t child, std::chrono::milliseconds patience) {
     return true;
 }
 
-/** Does what a trial does while the run is paused, and then lets the run go on or ends it. */
+/** Runs the other child of a trial while the run is paused, then continues or kills the run. */
 void pause(pid_t run, const Trial &trial, const std::function<void()> &let_it_go_on) {
     std::fflush(nullptr);
     const pid_t other = trial.meanwhile ? start(trial.meanwhile) : -1;
@@ -80,7 +80,7 @@ void pause(pid_t run, const Trial &trial, const std::function<void()> &let_it_go
 
 #ifdef CORVEL_EMULATOR
 
-/** Makes a run that is stopped at its n-th point; false if it has fewer. */
+/** Starts a run and stops it at its n-th point; false if it has fewer. */
 bool make_run(const Trial &trial, unsigned long n) {
     std::fflush(nullptr);
     const pid_t child = start([&trial, n] {
@@ -101,7 +101,7 @@ bool make_run(const Trial &trial, unsigned long n) {
         return true;
     }
     if (status != 0)
-        throw std::runtime_error("the run ended with status " + std::to_string(status));
+        throw std::runtime_error("the run exited with status " + std::to_string(status));
     if (trial.meanwhile)
         waitpid(start(trial.meanwhile), nullptr, 0);
     return false;
@@ -109,7 +109,7 @@ bool make_run(const Trial &trial, unsigned long n) {
 
 #else
 
-/** A child stopped just before the run; it stops again just behind it. */
+/** Starts a child that stops immediately before the run, and again immediately after it. */
 pid_t start_stopped(const std::function<void()> &run) {
     std::fflush(nullptr);
     const pid_t child = start([&run] {
@@ -127,10 +127,10 @@ pid_t start_stopped(const std::function<void()> &run) {
     return child;
 }
 
-/** Lets the child run to its n-th system call; false if it comes to its end before. */
+/** Continues the child to its n-th system call; false if the run makes fewer. */
 bool reaches_system_call(pid_t child, unsigned long n) {
     constexpr int system_call_stop = SIGTRAP | 0x80;
-    // Each call stops twice: at its entry and at its exit.
+    // The child stops twice for each call: at its entry and at its exit.
     for (unsigned long stops = 0; stops < 2 * n - 1;) {
         int status = 0;
         if (ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) != 0)
@@ -138,18 +138,18 @@ bool reaches_system_call(pid_t child, unsigned long n) {
         if (waitpid(child, &status, 0) != child)
             fail("waitpid");
         if (!WIFSTOPPED(status))
-            throw std::runtime_error("the child ended within the run");
+            throw std::runtime_error("the child ended during the run");
         if (WSTOPSIG(status) == SIGSTOP)
             return false;
         if (WSTOPSIG(status) != system_call_stop)
             throw std::runtime_error("signal " + std::to_string(WSTOPSIG(status)) +
-                                     " within the run");
+                                     " during the run");
         ++stops;
     }
     return true;
 }
 
-/** Makes a run that is stopped at its n-th point; false if it has fewer. */
+/** Starts a run and stops it at its n-th point; false if it has fewer. */
 bool make_run(const Trial &trial, unsigned long n) {
     const pid_t child = start_stopped(trial.run);
     const bool reached = reaches_system_call(child, n);
@@ -157,7 +157,7 @@ bool make_run(const Trial &trial, unsigned long n) {
         int status = 0;
         if (reached && (ptrace(PTRACE_CONT, child, nullptr, nullptr) != 0 ||
                         waitpid(child, &status, 0) != child || !WIFSTOPPED(status)))
-            fail("the run did not come to its end");
+            fail("the run did not finish");
     });
     return reached;
 }
@@ -165,7 +165,7 @@ bool make_run(const Trial &trial, unsigned long n) {
 #endif
 
 /**
- * The process that starts and stops the runs. It does nothing else, so that every run begins in the
+ * The process that starts and stops the runs. It does nothing else, so that every run starts in the
  * same state and makes the same system calls.
  */
 class Starter {
@@ -188,12 +188,12 @@ class Starter {
     Starter(const Starter &) = delete;
     Starter &operator=(const Starter &) = delete;
 
-    /** As make_run() does, in the other process. */
+    /** Calls make_run() in that process. */
     [[nodiscard]] bool stop_at(unsigned long n) const {
         bool stopped = false;
         if (write(ends_[0], &n, sizeof n) != sizeof n ||
             read(ends_[0], &stopped, sizeof stopped) != sizeof stopped)
-            throw std::runtime_error("a run could not be made or traced");
+            throw std::runtime_error("cannot start or trace a run");
         return stopped;
     }
 

@@ -15,50 +15,50 @@ namespace {
 
 using namespace corvel_test;
 
-TEST(KillPoints, EndTheRunAtEachOfItsSystemCallsInTurn) {
-    const TemporaryDirectory folder;
-    const std::string first = folder.path("1");
-    const std::string second = folder.path("2");
+TEST(KillPoints, KillTheRunAtEachOfItsSystemCallsInTurn) {
+    const TemporaryDirectory directory;
+    const std::string first = directory.path("1");
+    const std::string second = directory.path("2");
     std::vector<std::size_t> files;
     const unsigned long points = for_each_kill_point(
         [&] {
-            folder.remove("1");
-            folder.remove("2");
+            directory.remove("1");
+            directory.remove("2");
         },
         [&] {
             // Two system calls each.
             close(open(first.c_str(), O_CREAT | O_WRONLY, 0600));
             close(open(second.c_str(), O_CREAT | O_WRONLY, 0600));
         },
-        [&](unsigned long) { files.push_back(folder.names().size()); });
+        [&](unsigned long) { files.push_back(directory.names().size()); });
     ASSERT_EQ(files.size(), points + 1);
-    // A call at whose entry the run ends has no effect. Around the four calls there are those that
-    // stop the process itself.
+    // A call has no effect if the run is killed at its entry. Before and after the four calls are
+    // those that stop the process itself.
     EXPECT_EQ(files.front(), 0U);
     EXPECT_EQ(files.back(), 2U);
     EXPECT_TRUE(std::is_sorted(files.begin(), files.end()));
     EXPECT_EQ(std::count(files.begin(), files.end(), 1U), 2);
 }
 
-TEST(PausePoints, LetAnotherProcessWorkAtEachSystemCallOfTheRunInTurn) {
-    const TemporaryDirectory folder;
-    const std::string first = folder.path("1");
-    const std::string second = folder.path("2");
-    const std::string seen = folder.path("seen");
+TEST(PausePoints, RunAnotherProcessAtEachSystemCallOfTheRunInTurn) {
+    const TemporaryDirectory directory;
+    const std::string first = directory.path("1");
+    const std::string second = directory.path("2");
+    const std::string seen = directory.path("seen");
     std::vector<std::size_t> files;
     const unsigned long points = for_each_pause_point(
         [&] {
-            for (const std::string &name : folder.names())
-                folder.remove(name);
+            for (const std::string &name : directory.names())
+                directory.remove(name);
         },
         [&] {
             close(open(first.c_str(), O_CREAT | O_WRONLY, 0600));
             close(open(second.c_str(), O_CREAT | O_WRONLY, 0600));
         },
-        [&] { write_file(seen, std::to_string(folder.names().size())); }, AfterPause::go_on,
+        [&] { write_file(seen, std::to_string(directory.names().size())); }, AfterPause::go_on,
         [&](unsigned long) {
-            files.push_back(std::stoul(folder.read("seen")));
-            EXPECT_EQ(folder.names(), (std::vector<std::string>{"1", "2", "seen"}));
+            files.push_back(std::stoul(directory.read("seen")));
+            EXPECT_EQ(directory.names(), (std::vector<std::string>{"1", "2", "seen"}));
         });
     ASSERT_EQ(files.size(), points + 1);
     EXPECT_EQ(files.front(), 0U);
@@ -67,9 +67,9 @@ TEST(PausePoints, LetAnotherProcessWorkAtEachSystemCallOfTheRunInTurn) {
 }
 
 TEST(PausePoints, DoNotWaitForAProcessThatWaitsForThePausedOne) {
-    const TemporaryDirectory folder;
-    folder.write("lock", "");
-    const std::string lock = folder.path("lock");
+    const TemporaryDirectory directory;
+    directory.write("lock", "");
+    const std::string lock = directory.path("lock");
     const auto hold = [&lock](const std::string &made) {
         const int file = open(lock.c_str(), O_RDWR | O_CLOEXEC);
         if (lockf(file, F_LOCK, 0) == 0)
@@ -79,13 +79,13 @@ TEST(PausePoints, DoNotWaitForAProcessThatWaitsForThePausedOne) {
     for (const AfterPause after : {AfterPause::go_on, AfterPause::die})
         for_each_pause_point(
             [&] {
-                folder.remove("1");
-                folder.remove("2");
+                directory.remove("1");
+                directory.remove("2");
             },
-            [&] { hold(folder.path("1")); }, [&] { hold(folder.path("2")); }, after,
+            [&] { hold(directory.path("1")); }, [&] { hold(directory.path("2")); }, after,
             [&](unsigned long n) {
-                EXPECT_TRUE(folder.exists("2")) << n;
-                EXPECT_TRUE(after == AfterPause::die || folder.exists("1")) << n;
+                EXPECT_TRUE(directory.exists("2")) << n;
+                EXPECT_TRUE(after == AfterPause::die || directory.exists("1")) << n;
             },
             std::chrono::milliseconds(10));
 }

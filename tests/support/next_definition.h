@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * For a test program that stands in for one of the C library's functions by itself:
+ * For a test program that replaces one function of the C library by its own:
  *
  *     extern "C" int kill(pid_t process, int signal) C_LIBRARY_NOEXCEPT {
  *         static auto *const next = next_definition<int(pid_t, int)>("kill");
@@ -19,8 +19,8 @@
 #include <type_traits>
 #include <utility>
 
-/** What C++ says of a function that the C library's headers declare to throw nothing. Not every
- * C library's headers say that. */
+/** The exception specification of functions declared in the C library's headers; not every C
+ * library has one. */
 #ifdef __THROW
 #define C_LIBRARY_NOEXCEPT __THROW
 #else
@@ -29,7 +29,7 @@
 
 namespace corvel_test {
 
-/** The definition that the stand-in hides. */
+/** Returns the definition that the stand-in hides. */
 template <typename Function> Function *next_definition(const char *name) {
     void *const definition = dlsym(RTLD_NEXT, name);
     if (definition == nullptr)
@@ -40,7 +40,7 @@ template <typename Function> Function *next_definition(const char *name) {
     return function;
 }
 
-/** Puts a function in a place where a stand-in looks for one, while the object lives. */
+/** Sets the function that a stand-in calls, for the lifetime of the object. */
 template <typename Function> class Instead {
   public:
     Instead(std::function<Function> &place, std::type_identity_t<std::function<Function>> function)

@@ -14,7 +14,7 @@ namespace corvel_test {
 
 namespace {
 
-/** Re-points a descriptor and the stream on it at a file, for as long as the object lives. */
+/** Redirects a descriptor and its stream to a file for the lifetime of the object. */
 class Redirection {
   public:
     Redirection(std::FILE *stream, int descriptor, int target)

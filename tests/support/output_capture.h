@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * Exactly the bytes that a call writes to standard output or standard error, taken at the level of
- * the file descriptor: what stdio still holds is flushed to its proper place before and after.
+ * Captures exactly the bytes that a call writes to standard output or standard error, at the file
+ * descriptor. Buffered output is flushed before and after the call.
  *
  *     EXPECT_EQ(capture_stdout([] { printjson_tail1(); }), "\t]");
  *     EXPECT_EQ(capture_stderr([] { ... }), "");
  *
- * run_in_child() of child_process.h does the same for a callable in a process of its own.
+ * run_in_child() of child_process.h does the same for a callable in a separate process.
  */
 #ifndef CORVEL_TESTS_OUTPUT_CAPTURE_H
 #define CORVEL_TESTS_OUTPUT_CAPTURE_H
@@ -18,7 +18,7 @@
 
 namespace corvel_test {
 
-/** A nameless file that takes what is written to a stream. */
+/** An unnamed file that receives the output of a stream. */
 class StreamFile {
   public:
     StreamFile();
@@ -27,7 +27,7 @@ class StreamFile {
     StreamFile &operator=(const StreamFile &) = delete;
 
     [[nodiscard]] int descriptor() const { return descriptor_; }
-    /** All that was written so far. */
+    /** The bytes written so far. */
     [[nodiscard]] std::string text() const;
 
   private:

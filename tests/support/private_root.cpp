@@ -31,10 +31,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/** What the machine's programs need; the links among these are made again as links. */
-constexpr std::array machine_folders = {"usr", "bin", "lib", "lib32", "lib64", "libx32"};
-constexpr std::array own_folders = {"etc", "sbin",    "tmp",  "var", "var/config", "proc",
-                                    "dev", "var/run", "root", "mnt", "dev/shm"};
+/** The directories that the machine's programs need; symbolic links are copied as links. */
+constexpr std::array machine_directories = {"usr", "bin", "lib", "lib32", "lib64", "libx32"};
+constexpr std::array own_directories = {"etc", "sbin",    "tmp",  "var", "var/config", "proc",
+                                        "dev", "var/run", "root", "mnt", "dev/shm"};
 constexpr std::array devices = {"null", "zero", "full", "random", "urandom"};
 
 [[noreturn]] void impossible(const std::string &step) {
@@ -48,7 +48,7 @@ void mount_or_fail(const std::string &source, const std::string &target, const c
         impossible("mounting " + source + " on " + target);
 }
 
-/** The flags that a mount has already, which a user namespace may not take away. */
+/** The current flags of a mount, which a user namespace is not allowed to clear. */
 unsigned long flags_of_mount(const std::string &path) {
     struct statvfs status {};
     if (statvfs(path.c_str(), &status) != 0)
@@ -72,8 +72,8 @@ void bind_read_only(const std::string &source, const std::string &target) {
                   MS_REMOUNT | MS_BIND | MS_RDONLY | flags_of_mount(target));
 }
 
-void show_machine_folders(const std::string &root) {
-    for (const std::string name : machine_folders) {
+void show_machine_directories(const std::string &root) {
+    for (const std::string name : machine_directories) {
         const fs::path original = "/" + name;
         const fs::path shown = root + "/" + name;
         if (fs::is_symlink(original)) {
@@ -100,11 +100,11 @@ void show_devices(const std::string &root) {
 void enter(const std::string &root) {
     if (chdir(root.c_str()) != 0)
         impossible("entering " + root);
-    // Both names being the same, the old root is stacked on the new one and can be dropped.
+    // With both paths equal, the old root is mounted on top of the new one and can be unmounted.
     if (syscall(SYS_pivot_root, ".", ".") != 0)
         impossible("pivot_root");
     if (umount2(".", MNT_DETACH) != 0 || chdir("/") != 0)
-        impossible("dropping the machine's root");
+        impossible("unmounting the machine's root");
 }
 
 void switch_loopback_on() {
@@ -113,26 +113,27 @@ void switch_loopback_on() {
     std::snprintf(request.ifr_name, sizeof request.ifr_name, "lo");
     request.ifr_flags = IFF_UP;
     if (descriptor < 0 || ioctl(descriptor, SIOCSIFFLAGS, &request) != 0)
-        impossible("switching the loopback interface on");
+        impossible("enabling the loopback interface");
     close(descriptor);
 }
 
 /** Runs as the first process of the new PID namespace, still in the machine's root. */
-void build_and_enter(const std::string &folder) {
+void build_and_enter(const std::string &directory) {
     mount_or_fail("none", "/", nullptr, MS_REC | MS_PRIVATE);
-    mount_or_fail("tmpfs", folder, "tmpfs", MS_NOSUID, "mode=755,size=64m");
+    mount_or_fail("tmpfs", directory, "tmpfs", MS_NOSUID, "mode=755,size=64m");
     umask(022);
-    for (const std::string name : own_folders)
-        fs::create_directory(folder + "/" + name);
-    show_machine_folders(folder);
-    show_devices(folder);
-    mount_or_fail("proc", folder + "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
-#ifdef CORVEL_COVERAGE_FOLDER
-    // What is reached in here is counted out there.
-    fs::create_directories(folder + CORVEL_COVERAGE_FOLDER);
-    mount_or_fail(CORVEL_COVERAGE_FOLDER, folder + CORVEL_COVERAGE_FOLDER, nullptr, MS_BIND);
+    for (const std::string name : own_directories)
+        fs::create_directory(directory + "/" + name);
+    show_machine_directories(directory);
+    show_devices(directory);
+    mount_or_fail("proc", directory + "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
+#ifdef CORVEL_COVERAGE_DIRECTORY
+    // Coverage counters are written to the build directory.
+    fs::create_directories(directory + CORVEL_COVERAGE_DIRECTORY);
+    mount_or_fail(CORVEL_COVERAGE_DIRECTORY, directory + CORVEL_COVERAGE_DIRECTORY, nullptr,
+                  MS_BIND);
 #endif
-    enter(folder);
+    enter(directory);
     if (chmod("/tmp", 01777) != 0)
         impossible("chmod /tmp");
     switch_loopback_on();
@@ -142,7 +143,7 @@ void write_map(const char *name, const std::string &text) {
     write_file(std::string("/proc/self/") + name, text);
 }
 
-/** Whether this process is root in a user namespace that an ordinary user made. */
+/** Whether this process is root in a user namespace created by an ordinary user. */
 bool is_root_by_ordinary_user() {
     std::istringstream map(read_file("/proc/self/uid_map"));
     uid_t inside = 0;
@@ -150,7 +151,7 @@ bool is_root_by_ordinary_user() {
     return map >> inside >> outside && inside == geteuid() && outside == ordinary_user_id;
 }
 
-/** Makes this process the root user of a user namespace. */
+/** Creates a user namespace in which this process is root. */
 void become_root_of_namespace() {
     const std::string user = std::to_string(geteuid());
     const std::string group = std::to_string(getegid());
@@ -161,7 +162,7 @@ void become_root_of_namespace() {
     write_map("gid_map", "0 " + group + " 1");
 }
 
-/** Waits for the body and for whatever its commands left running, as init does. */
+/** Waits for the body and for all processes that its commands left running, as init does. */
 [[noreturn]] void wait_as_init(pid_t body) {
     int status = 0;
     pid_t ended = 0;
@@ -172,8 +173,8 @@ void become_root_of_namespace() {
     _exit(127);
 }
 
-int run_as_init(const std::string &folder, const std::function<void()> &body) {
-    const int built = status_of_assertions([&folder] { build_and_enter(folder); });
+int run_as_init(const std::string &directory, const std::function<void()> &body) {
+    const int built = status_of_assertions([&directory] { build_and_enter(directory); });
     if (built != 0)
         return built;
     const pid_t child = fork();
@@ -184,10 +185,10 @@ int run_as_init(const std::string &folder, const std::function<void()> &body) {
     return status_of_assertions(body);
 }
 
-int run_in_namespaces(const std::string &folder, RootMaker maker,
+int run_in_namespaces(const std::string &directory, RootMaker maker,
                       const std::function<void()> &body) {
     const int unshared = status_of_assertions([maker] {
-        // An emulator cannot change into such a namespace and is started in it.
+        // An emulator cannot enter such a namespace, and is started in one.
         if (maker == RootMaker::ordinary_user && !is_root_by_ordinary_user())
             become_ordinary_user();
         if (geteuid() != 0)
@@ -201,9 +202,9 @@ int run_in_namespaces(const std::string &folder, RootMaker maker,
     if (init < 0)
         return 127;
     if (init == 0) {
-        // With its parent killed, nothing would end the namespace.
+        // If the parent is killed, nothing else would end the namespace.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        end_child(run_as_init(folder, body));
+        end_child(run_as_init(directory, body));
     }
     const ChildResult result = wait_for_child(init);
     return result.signal != 0 ? 128 + result.signal : result.exit_status;
@@ -218,9 +219,9 @@ std::vector<RootMaker> root_makers() {
 }
 
 void in_private_root(const std::function<void()> &body, RootMaker maker) {
-    const TemporaryDirectory folder;
+    const TemporaryDirectory directory;
     expect_success(
-        run_status_in_child([&] { return run_in_namespaces(folder.path(), maker, body); }),
+        run_status_in_child([&] { return run_in_namespaces(directory.path(), maker, body); }),
         "the private root");
 }
 
@@ -229,9 +230,9 @@ void write_program(const std::string &path, std::string_view text) {
     fs::permissions(path, fs::perms{0755});
 }
 
-void mount_small_disk(const std::string &folder, std::size_t size) {
-    fs::create_directories(folder);
-    mount_or_fail("tmpfs", folder, "tmpfs", MS_NOSUID, "mode=755,size=" + std::to_string(size));
+void mount_small_disk(const std::string &directory, std::size_t size) {
+    fs::create_directories(directory);
+    mount_or_fail("tmpfs", directory, "tmpfs", MS_NOSUID, "mode=755,size=" + std::to_string(size));
 }
 
 } // namespace corvel_test

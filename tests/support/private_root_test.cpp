@@ -35,14 +35,14 @@ TEST_P(PrivateRoot, RunsTheBodyAsRootWithAShellAndCommands) {
         GetParam());
 }
 
-TEST_P(PrivateRoot, HasFoldersOfItsOwnThatAreEmpty) {
+TEST_P(PrivateRoot, HasItsOwnEmptyDirectories) {
     in_private_root(
         [] {
-            for (const char *folder : {"/etc", "/sbin", "/tmp", "/var/config", "/var/run"}) {
-                EXPECT_TRUE(fs::is_directory(fs::symlink_status(folder))) << folder;
-                EXPECT_TRUE(fs::is_empty(folder)) << folder;
-                write_file(std::string(folder) + "/own", "text");
-                EXPECT_EQ(read_file(std::string(folder) + "/own"), "text");
+            for (const char *directory : {"/etc", "/sbin", "/tmp", "/var/config", "/var/run"}) {
+                EXPECT_TRUE(fs::is_directory(fs::symlink_status(directory))) << directory;
+                EXPECT_TRUE(fs::is_empty(directory)) << directory;
+                write_file(std::string(directory) + "/own", "text");
+                EXPECT_EQ(read_file(std::string(directory) + "/own"), "text");
             }
         },
         GetParam());
@@ -50,7 +50,7 @@ TEST_P(PrivateRoot, HasFoldersOfItsOwnThatAreEmpty) {
     EXPECT_FALSE(fs::exists("/etc/own"));
 }
 
-TEST_P(PrivateRoot, DoesNotLetTheMachinesFilesBeWritten) {
+TEST_P(PrivateRoot, MakesTheMachinesFilesReadOnly) {
     in_private_root(
         [] {
             EXPECT_THROW(write_file("/usr/own", "text"), std::exception);
@@ -73,7 +73,7 @@ TEST_P(PrivateRoot, SeesOnlyItsOwnProcesses) {
         GetParam());
 }
 
-TEST_P(PrivateRoot, HasANetworkOfNothingButTheLoopback) {
+TEST_P(PrivateRoot, HasANetworkWithOnlyTheLoopbackInterface) {
     in_private_root(
         [] {
             std::istringstream table(read_file("/proc/net/dev"));
@@ -119,7 +119,7 @@ TEST_P(PrivateRoot, HasSmallDisksThatFillUp) {
         GetParam());
 }
 
-TEST_P(PrivateRoot, BringsTheFailuresOfAssertionsOut) {
+TEST_P(PrivateRoot, PropagatesFailuresOfAssertions) {
     const RootMaker maker = GetParam();
     const ChildResult child = run_in_child([maker] {
         return status_of_assertions(
@@ -129,14 +129,14 @@ TEST_P(PrivateRoot, BringsTheFailuresOfAssertionsOut) {
     EXPECT_NE(child.out.find("seen inside"), std::string::npos) << child.out;
 }
 
-TEST_P(PrivateRoot, BringsExceptionsOut) {
+TEST_P(PrivateRoot, PropagatesExceptions) {
     const auto failing = [] {
         in_private_root([] { static_cast<void>(read_file("/not/there")); }, GetParam());
     };
     EXPECT_NONFATAL_FAILURE(failing(), "/not/there");
 }
 
-TEST_P(PrivateRoot, ReportsABodyThatASignalEnded) {
+TEST_P(PrivateRoot, ReportsABodyTerminatedByASignal) {
     const auto failing = [] {
         in_private_root([] { std::abort(); }, GetParam());
     };

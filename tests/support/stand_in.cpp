@@ -7,7 +7,7 @@ namespace corvel_test {
 
 namespace {
 
-/** No call of the library needs as many allocations; whoever does runs without end. */
+/** More allocations than any call of the library makes; reaching this means an endless loop. */
 constexpr unsigned long trial_limit = 100000;
 
 std::vector<std::string> recorded_commands;
@@ -89,7 +89,7 @@ AllocationTrial::Armed::Armed(AllocationTrial &trial)
     : trial_(trial), seen_before_(stand_in_switches[call_allocation].seen),
       failed_before_(stand_in_switches[call_allocation].failed) {
     stand_in_spare_c_library = trial_.whose_ == Allocations::outside_c_library ? 1 : 0;
-    // Past its failure, the trial's calls run unhindered.
+    // After its failure, no further allocation of the trial fails.
     if (!trial_.failed_)
         arm(call_allocation, trial_.left_, ENOMEM, false);
     stand_in_start_tracking();

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * Makes the C library's functions fail on command, counts their calls, and accounts for blocks.
+ * Makes calls of the C library's functions fail, counts the calls, and detects blocks not freed.
  *
- * The library calls the C library by its plain names, and a test program defines those names
- * itself (stand_in_calls.c), so that the library's calls arrive there and are handed on. Nothing is
- * failed outside of the scopes below; keep them around the call under test and nothing else.
+ * The library calls the C library's functions by their plain names. A test program defines these
+ * names itself (stand_in_calls.c), so that it receives the library's calls and forwards them. Calls
+ * fail only during the lifetime of the objects below; use these only around the call under test.
  *
  *     {
- *         const FailCall second_write(call_fwrite, 2);    // this one; the third works again
+ *         const FailCall second_write(call_fwrite, 2);    // only this one; the third succeeds
  *         const FailCall full(call_fwrite, 3, ENOSPC, FailCall::from_then_on);
  *         save_prop(...);
  *     }
@@ -20,7 +20,7 @@
  *         prop_entry table[4] = {};
  *         const int count = trial.run([&] { return load_prop('=', path, table); });
  *         EXPECT_EQ(count, trial.failed() ? 1 : 2);
- *         free_prop(table, count);       // what was handed out; anything else left is a leak
+ *         free_prop(table, count);       // frees the result; any other remaining block is a leak
  *     });
  */
 #ifndef CORVEL_TESTS_STAND_IN_H
@@ -38,7 +38,8 @@
 
 namespace corvel_test {
 
-/** The @p n-th call from now on fails, in the manner of the function, while the object lives. */
+/** Makes the @p n-th call during the lifetime of the object fail, with the failure result of the
+ * function. */
 class FailCall {
   public:
     enum Duration { once, from_then_on };
@@ -48,7 +49,7 @@ class FailCall {
     FailCall(const FailCall &) = delete;
     FailCall &operator=(const FailCall &) = delete;
 
-    /** How many calls failed so far. */
+    /** The number of calls that have failed. */
     [[nodiscard]] unsigned long failures() const;
 
   private:
@@ -59,7 +60,7 @@ class FailCall {
 class CountCalls {
   public:
     explicit CountCalls(stand_in_call call);
-    /** The calls since the object was made. */
+    /** The number of calls since the object was created. */
     [[nodiscard]] unsigned long count() const;
 
   private:
@@ -67,7 +68,7 @@ class CountCalls {
     unsigned long before_;
 };
 
-/** Allocating no bytes gives a null pointer while the object lives, as in some C libraries. */
+/** During its lifetime, allocating zero bytes returns a null pointer, as in some C libraries. */
 class NoEmptyBlocks {
   public:
     NoEmptyBlocks() { stand_in_no_empty_blocks = 1; }
@@ -76,7 +77,7 @@ class NoEmptyBlocks {
     NoEmptyBlocks &operator=(const NoEmptyBlocks &) = delete;
 };
 
-/** Takes the commands given to system() and answers with a status; nothing is run. */
+/** Records the commands given to system(), which returns a fixed status and runs nothing. */
 class RecordSystem {
   public:
     explicit RecordSystem(int status);
@@ -87,7 +88,7 @@ class RecordSystem {
     [[nodiscard]] static const std::vector<std::string> &commands();
 };
 
-/** Takes what is sent to the system log while the object lives. */
+/** Records messages to the system log during its lifetime. */
 class RecordSyslog {
   public:
     struct Message {
@@ -108,8 +109,7 @@ class RecordSyslog {
     [[nodiscard]] static const std::vector<Message> &messages();
 };
 
-/** Calls a function in the place of sync() while the object lives; the machine's disks are left
- * alone. */
+/** Replaces sync() during its lifetime, by default by a function that does nothing. */
 class ReplaceSync {
   public:
     explicit ReplaceSync(std::function<void()> instead = [] {});
@@ -118,13 +118,13 @@ class ReplaceSync {
     ReplaceSync &operator=(const ReplaceSync &) = delete;
 };
 
-/** Whose allocations are made to fail. */
+/** The allocations that are made to fail. */
 enum class Allocations {
-    all,               /**< Each one, those inside fopen() and its like included. */
-    outside_c_library, /**< Those of the library under test. */
+    all,               /**< All, including those inside fopen() and similar functions. */
+    outside_c_library, /**< Only those of the library under test. */
 };
 
-/** One run in which one allocation fails; made by for_each_allocation_failure(). */
+/** One run in which one allocation fails; created by for_each_allocation_failure(). */
 class AllocationTrial {
   public:
     AllocationTrial(unsigned long n, Allocations whose);
@@ -132,16 +132,16 @@ class AllocationTrial {
     AllocationTrial(const AllocationTrial &) = delete;
     AllocationTrial &operator=(const AllocationTrial &) = delete;
 
-    /** Runs the call under test with its allocation failing; more calls in one trial go on
-     * counting. */
+    /** Runs the call under test with its allocation failing; further calls in the same trial
+     * continue the count. */
     template <typename Body> auto run(Body &&body) {
         const Armed armed(*this);
         return std::forward<Body>(body)();
     }
 
-    /** Whether the allocation to fail was reached in run(). */
+    /** Whether run() reached the allocation that fails. */
     [[nodiscard]] bool failed() const { return failed_; }
-    /** Which allocation fails, counted from 1. */
+    /** The number of the failing allocation, counted from 1. */
     [[nodiscard]] unsigned long n() const { return n_; }
 
   private:
@@ -165,9 +165,9 @@ class AllocationTrial {
 };
 
 /**
- * Runs @p body with the first, the second, the third... allocation failing, until a run has no
- * failure, and expects each time that every block allocated in AllocationTrial::run() is freed when
- * the body ends.
+ * Runs @p body with the first, the second, the third, ... allocation failing, until a run has no
+ * failure. Expects each time that every block allocated in AllocationTrial::run() has been freed
+ * when the body ends.
  *
  * @return the number of runs in which an allocation failed.
  */

@@ -28,8 +28,8 @@ void (*stand_in_syslog)(int priority, const char *message);
 unsigned long stand_in_calls_to_signal;
 int stand_in_signal = SIGKILL;
 
-/* A function that stands in for another hands the call on to the next definition in the program's
- * search order: the C library's, or that of a sanitizer in front of it. */
+/* A stand-in forwards the call to the next definition in the program's search order: that of the C
+ * library, or of a sanitizer loaded before it. */
 #define NEXT_DEFINITION(name)                                                                      \
     static __typeof__(&name) next;                                                                 \
     if (next == NULL)                                                                              \
@@ -52,8 +52,8 @@ static void find_next(const char *name, void *pointer, size_t size) {
     memcpy(pointer, &definition, size);
 }
 
-/* The dynamic linker may allocate while it searches; it is given blocks of this arena, which are
- * never taken back. */
+/* The dynamic linker may allocate during the search; it gets blocks of this arena, which are never
+ * freed. */
 static union {
     char bytes[65536];
     long double alignment;
@@ -91,8 +91,8 @@ static int fails(enum stand_in_call call) {
     return 1;
 }
 
-/* Blocks that are allocated and not yet freed: a hash table with linear probing. A removed entry
- * leaves a mark, so that the entries behind it are still found. */
+/* Blocks that are allocated and not yet freed: a hash table with linear probing. A removed entry is
+ * replaced by a mark, so that the entries after it are still found. */
 enum { table_size = 1 << 18 };
 static void *live_blocks[table_size];
 static char removed_mark;
@@ -109,7 +109,7 @@ static void remember(void *block) {
     if (!tracking || block == NULL)
         return;
     if (++entries_used > table_size / 2) {
-        static const char message[] = "stand-in: too many blocks to remember\n";
+        static const char message[] = "stand-in: too many blocks to record\n";
         if (write(STDERR_FILENO, message, sizeof message - 1) < 0)
             _exit(126);
         _exit(126);
@@ -147,7 +147,7 @@ void stand_in_stop_tracking(void) {
 
 size_t stand_in_live_blocks(void) { return live_count; }
 
-/* Whether a return address lies in the C library. */
+/* Whether a return address is in the C library. */
 static int in_c_library(void *address) {
     static void *library;
     Dl_info place;
@@ -162,8 +162,8 @@ static int in_c_library(void *address) {
     return dladdr(address, &place) != 0 && place.dli_fbase == library;
 }
 
-/* An allocation function of the C library may be made of its others and call them by name: such
- * a call is part of the one that is counted already. */
+/* An allocation function of the C library may call others by name: such a call is part of the one
+ * already counted. */
 static int within_allocation;
 
 static int allocation_fails(enum stand_in_call call, void *caller) {
@@ -191,7 +191,7 @@ void *malloc(size_t size) {
 }
 
 void *calloc(size_t count, size_t size) {
-    /* The arena is zero from the start and given out once. */
+    /* The arena is initially zero, and each part of it is used once. */
     if (searching)
         return size != 0 && count > SIZE_MAX / size ? NULL : from_arena(count * size);
     NEXT_DEFINITION(calloc);
@@ -226,8 +226,7 @@ void *realloc(void *old, size_t size) {
 }
 
 void free(void *block) {
-    /* What the dynamic linker frees while it searches is the text of an earlier error of its own.
-     */
+    /* During the search, the dynamic linker may free the message of an earlier error. */
     if (searching || in_arena(block))
         return;
     NEXT_DEFINITION(free);
@@ -240,7 +239,7 @@ void free(void *block) {
     next(block);
 }
 
-/* Streams on which a call was made to fail: ferror() has to tell. */
+/* Streams on which a call was made to fail: ferror() must report that. */
 static FILE *failed_streams[16];
 
 static int note_failure(FILE *stream) {
@@ -282,7 +281,7 @@ FILE *fdopen(int descriptor, const char *mode) {
     return fails(call_fdopen) ? NULL : next(descriptor, mode);
 }
 
-/* The stream is closed and its descriptor freed even where closing fails, as in life. */
+/* The stream is closed and its descriptor freed even if closing fails, as in the C library. */
 int fclose(FILE *stream) {
     NEXT_DEFINITION(fclose);
     const int failing = fails(call_fclose);

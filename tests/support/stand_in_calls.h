@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * The C library's functions that a test program stands in for, and the switches of the stand-ins.
- * Tests use them through stand_in.h.
+ * The functions of the C library that test programs replace, and the switches of the replacements
+ * (stand-ins). Tests use them through stand_in.h.
  *
- * The stand-ins are C, not C++: there the definitions agree with every C library's declarations,
- * whatever exception specifications those carry.
+ * The stand-ins are C, not C++, so that the definitions agree with the declarations of every C
+ * library, regardless of their exception specifications.
  */
 #ifndef CORVEL_TESTS_STAND_IN_CALLS_H
 #define CORVEL_TESTS_STAND_IN_CALLS_H
@@ -58,47 +58,47 @@ enum stand_in_call {
 };
 
 struct stand_in_switch {
-    unsigned long seen;    /**< The calls since the program started. */
-    unsigned long fail_at; /**< The call (as counted by `seen`) that fails; 0 means none. */
-    int keeps_failing;     /**< All later calls fail as well. */
-    int error;             /**< What errno becomes. */
-    unsigned long failed;  /**< The calls that failed. */
+    unsigned long seen;    /**< Number of calls since the program started. */
+    unsigned long fail_at; /**< Number of the call (counted by `seen`) that fails; 0 means none. */
+    int keeps_failing;     /**< Whether all later calls fail too. */
+    int error;             /**< The value of errno after a failure. */
+    unsigned long failed;  /**< Number of calls that failed. */
 };
 
 extern struct stand_in_switch stand_in_switches[stand_in_call_count];
 
-/** Allocations made inside the C library, by fopen for example, are neither counted nor failed. */
+/** If not 0, allocations inside the C library, for example by fopen, are neither counted nor
+ * failed. */
 extern int stand_in_spare_c_library;
 
-/** What is told of each descriptor that open() or fopen() returned, where it is not null. */
+/** If not null, called for each descriptor that open() or fopen() opens. */
 extern void (*stand_in_opened)(int descriptor, const char *path);
 
-/** Where it is not 0, allocating no bytes gives a null pointer, as in some C libraries. */
+/** If not 0, allocating zero bytes returns a null pointer, as in some C libraries. */
 extern int stand_in_no_empty_blocks;
 
-/** What is called instead of system() where it is not null. */
+/** If not null, called instead of system(). */
 extern int (*stand_in_system)(const char *command);
 
-/** What is called instead of sync() where it is not null. */
+/** If not null, called instead of sync(). */
 extern void (*stand_in_sync)(void);
 
-/** What is given each message to the system log, formatted, where it is not null: the log itself
- * gets nothing then. */
+/** If not null, called with each formatted message instead of writing it to the system log. */
 extern void (*stand_in_syslog)(int priority, const char *message);
 
-/** Where it is not 0, the call that makes it 0 sends stand_in_signal to the process before it has
- * any effect. Calls that only allocate or free memory are not counted. */
+/** If not 0, decremented by each call; the call that makes it 0 sends stand_in_signal to the
+ * process before it has any effect. Calls that only allocate or free memory are not counted. */
 extern unsigned long stand_in_calls_to_signal;
-/** SIGKILL, as if the device lost its power there, unless it is changed. */
+/** SIGKILL by default, as if the device lost power. */
 extern int stand_in_signal;
 
-/** Remembers each block that is allocated from now on. */
+/** Starts recording allocated blocks. */
 void stand_in_start_tracking(void);
-/** Remembers no further blocks; those remembered are still crossed out when they are freed. */
+/** Stops recording allocated blocks; recorded blocks are still removed when they are freed. */
 void stand_in_pause_tracking(void);
-/** Forgets all blocks. */
+/** Removes all recorded blocks. */
 void stand_in_stop_tracking(void);
-/** The number of remembered blocks that are not freed. */
+/** The number of recorded blocks that have not been freed. */
 size_t stand_in_live_blocks(void);
 
 #ifdef __cplusplus

@@ -26,7 +26,7 @@ TEST(StandIn, CountsTheLibrarysAllocations) {
     free_prop(&row, 1);
 }
 
-TEST(StandIn, FailsTheCallThatWasNamed) {
+TEST(StandIn, FailsTheSelectedCall) {
     prop_entry row{};
     const FailCall second(call_allocation, 2, ENOMEM);
     EXPECT_EQ(ins_pr("name", "value", &row, 0), 0);
@@ -35,7 +35,7 @@ TEST(StandIn, FailsTheCallThatWasNamed) {
     free_prop(&row, 1);
 }
 
-TEST(StandIn, TriesEachAllocationOfARun) {
+TEST(StandIn, FailsEachAllocationOfARunInTurn) {
     const unsigned long failures = for_each_allocation_failure([](AllocationTrial &trial) {
         prop_entry row{};
         const int filled = trial.run([&] { return ins_pr("name", "value", &row, 0); });
@@ -56,10 +56,10 @@ TEST(StandIn, ReportsABlockThatIsNotFreed) {
     free_prop(&row, 1);
 }
 
-TEST(StandIn, SparesTheAllocationsInsideTheCLibraryOnRequest) {
-    TemporaryDirectory folder;
-    folder.write("conf", "A=1\n");
-    const std::string path = folder.path("conf");
+TEST(StandIn, CanIgnoreAllocationsInsideTheCLibrary) {
+    TemporaryDirectory directory;
+    directory.write("conf", "A=1\n");
+    const std::string path = directory.path("conf");
     const auto load = [&path](AllocationTrial &trial) {
         prop_entry row{};
         const int count = trial.run([&] { return load_prop('=', path.c_str(), &row); });
@@ -69,7 +69,7 @@ TEST(StandIn, SparesTheAllocationsInsideTheCLibraryOnRequest) {
     EXPECT_EQ(for_each_allocation_failure(load, Allocations::outside_c_library), 2U);
 }
 
-TEST(StandIn, LetsAStreamTellOfAFailedCall) {
+TEST(StandIn, SetsTheErrorIndicatorOfAStreamAfterAFailedCall) {
     std::FILE *stream = std::tmpfile();
     ASSERT_NE(stream, nullptr);
     {
@@ -80,13 +80,13 @@ TEST(StandIn, LetsAStreamTellOfAFailedCall) {
     std::fclose(stream);
 }
 
-TEST(StandIn, TakesTheCommandsGivenToSystem) {
+TEST(StandIn, RecordsTheCommandsGivenToSystem) {
     const RecordSystem record(7);
     EXPECT_EQ(std::system("a command"), 7);
     EXPECT_EQ(RecordSystem::commands(), std::vector<std::string>{"a command"});
 }
 
-TEST(StandIn, TakesTheMessagesToTheSystemLog) {
+TEST(StandIn, RecordsTheMessagesToTheSystemLog) {
     const RecordSyslog log;
     syslog(LOG_ERR, "%s=%04x\n", "a", 7U);
     syslog(LOG_INFO, "second");
@@ -94,7 +94,7 @@ TEST(StandIn, TakesTheMessagesToTheSystemLog) {
               (std::vector<RecordSyslog::Message>{{LOG_ERR, "a=0007\n"}, {LOG_INFO, "second"}}));
 }
 
-TEST(StandIn, CallsAnotherFunctionInThePlaceOfSync) {
+TEST(StandIn, CallsAnotherFunctionInsteadOfSync) {
     int calls = 0;
     const CountCalls syncs(call_sync);
     const ReplaceSync replaced([&calls] { ++calls; });
@@ -103,7 +103,7 @@ TEST(StandIn, CallsAnotherFunctionInThePlaceOfSync) {
     EXPECT_EQ(syncs.count(), 1U);
 }
 
-TEST(OutputCapture, GivesTheBytesOfStandardOutputAlone) {
+TEST(OutputCapture, CapturesOnlyTheBytesOfStandardOutput) {
     EXPECT_EQ(capture_stdout([] {
                   std::fputs("a\n", stdout);
                   std::fputs("b\n", stderr);
@@ -113,7 +113,7 @@ TEST(OutputCapture, GivesTheBytesOfStandardOutputAlone) {
     EXPECT_EQ(capture_stderr([] { std::fputs("c", stderr); }), "c");
 }
 
-TEST(OutputCapture, GivesAChildsBytesAndStatus) {
+TEST(OutputCapture, CapturesAChildsOutputAndStatus) {
     const ChildResult child = run_in_child([] {
         std::printf("said");
         return 3;
@@ -124,7 +124,7 @@ TEST(OutputCapture, GivesAChildsBytesAndStatus) {
     EXPECT_EQ(run_in_child([] { std::abort(); }).signal, SIGABRT);
 }
 
-TEST(Environment, IsPutBack) {
+TEST(Environment, IsRestored) {
     {
         const EnvironmentVariable variable("CORVEL_TEST", "outer");
         {
@@ -136,7 +136,7 @@ TEST(Environment, IsPutBack) {
     EXPECT_EQ(std::getenv("CORVEL_TEST"), nullptr);
 }
 
-TEST(Environment, FeedsStandardInputFromAFileAndFromAPipe) {
+TEST(Environment, ProvidesStandardInputFromAFileAndFromAPipe) {
     for (const auto kind : {StandardInput::Kind::file, StandardInput::Kind::pipe}) {
         for (const std::size_t size : {0U, 5U, 300000U}) {
             const std::string bytes(size, 'x');
@@ -148,7 +148,7 @@ TEST(Environment, FeedsStandardInputFromAFileAndFromAPipe) {
     }
 }
 
-TEST(Environment, DropsWhatStandardInputHadBuffered) {
+TEST(Environment, DiscardsBufferedStandardInput) {
     {
         const StandardInput input("first");
         EXPECT_EQ(std::getchar(), 'f');

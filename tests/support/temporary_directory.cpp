@@ -40,10 +40,10 @@ std::string read_file(const std::string &path) {
 TemporaryDirectory::TemporaryDirectory()
     : path_((std::filesystem::temp_directory_path() / "corvel-test-XXXXXX").string()) {
     if (mkdtemp(path_.data()) == nullptr)
-        fail("cannot make " + path_);
-    // Tests that give up root's rights work in here as well.
+        fail("cannot create " + path_);
+    // Tests that drop root privileges use the directory too.
     if (chmod(path_.c_str(), 0777) != 0)
-        fail("cannot open up " + path_);
+        fail("cannot change the mode of " + path_);
 }
 
 TemporaryDirectory::~TemporaryDirectory() {

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * A folder for one test, removed with all that is in it when the object goes.
+ * A directory for one test, removed with its contents by the destructor.
  *
- *     TemporaryDirectory folder;
- *     folder.write("lan.conf", "IP=\"10.0.0.1\"\n");
- *     save_prop('=', folder.path("lan.conf").c_str(), table, count);
- *     EXPECT_EQ(folder.read("lan.conf"), "IP=\"10.0.0.2\"\n");
+ *     TemporaryDirectory directory;
+ *     directory.write("lan.conf", "IP=\"10.0.0.1\"\n");
+ *     save_prop('=', directory.path("lan.conf").c_str(), table, count);
+ *     EXPECT_EQ(directory.read("lan.conf"), "IP=\"10.0.0.2\"\n");
  */
 #ifndef CORVEL_TESTS_TEMPORARY_DIRECTORY_H
 #define CORVEL_TESTS_TEMPORARY_DIRECTORY_H
@@ -16,10 +16,10 @@
 
 namespace corvel_test {
 
-/** Writes a whole file, at any path; throws where that fails. */
+/** Writes a whole file at any path; throws on failure. */
 void write_file(const std::string &path, std::string_view text);
 
-/** Reads a whole file; throws where that fails. */
+/** Reads a whole file; throws on failure. */
 [[nodiscard]] std::string read_file(const std::string &path);
 
 class TemporaryDirectory {
@@ -35,7 +35,7 @@ class TemporaryDirectory {
     [[nodiscard]] std::string read(std::string_view name) const;
     [[nodiscard]] bool exists(std::string_view name) const;
     void remove(std::string_view name) const;
-    /** The names in the folder, sorted. */
+    /** The names in the directory, sorted. */
     [[nodiscard]] std::vector<std::string> names() const;
 
   private:
