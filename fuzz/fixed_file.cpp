@@ -25,7 +25,7 @@ FixedFile::~FixedFile() { std::erase(fixed_files(), this); }
 
 void FixedFile::fill(std::string_view bytes) {
     file_.fill(bytes);
-    is_there_ = true;
+    exists_ = true;
 }
 
 } // namespace corvel_fuzz
@@ -35,14 +35,14 @@ extern "C" int open(const char *file, int oflag, ...) {
     if ((oflag & O_CREAT) != 0) {
         va_list values;
         va_start(values, oflag);
-        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() goes unseen
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() is not recognised
         mode = va_arg(values, mode_t);
         va_end(values);
     }
     for (const corvel_fuzz::FixedFile *fixed : corvel_fuzz::fixed_files()) {
         if (fixed->path() != file)
             continue;
-        if (!fixed->is_there()) {
+        if (!fixed->exists()) {
             errno = ENOENT;
             return -1;
         }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** A stand-in of open() for the paths that are fixed in the library. */
+/** A stand-in for open() that replaces files whose paths are fixed in the library. */
 #ifndef CORVEL_FUZZ_FIXED_FILE_H
 #define CORVEL_FUZZ_FIXED_FILE_H
 
@@ -10,7 +10,7 @@
 
 namespace corvel_fuzz {
 
-/** What open() hands out for a path while the object lives: a file in memory, or none. The
+/** Replaces the file at a path during its lifetime: open() returns a file in memory, or fails. The
  *  machine's own file at that path is never opened. */
 class FixedFile {
   public:
@@ -19,19 +19,19 @@ class FixedFile {
     FixedFile &operator=(const FixedFile &) = delete;
     ~FixedFile();
 
-    /** The file is there and holds these bytes. */
+    /** Makes the file exist with these bytes. */
     void fill(std::string_view bytes);
 
-    /** The file can't be opened. */
-    void remove() { is_there_ = false; }
+    /** Makes opening the file fail. */
+    void remove() { exists_ = false; }
 
-    bool is_there() const { return is_there_; }
+    bool exists() const { return exists_; }
     std::string_view path() const { return path_; }
     const char *memory() const { return file_.path(); }
 
   private:
     std::string path_;
-    bool is_there_ = false;
+    bool exists_ = false;
     MemoryFile file_;
 };
 

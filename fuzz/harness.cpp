@@ -14,8 +14,8 @@
 #include <unistd.h>
 #include <utility>
 
-/** A text without its terminator is caught wherever a text function meets it. A small quarantine
- *  keeps the blocks in the cache: use after free shows within one input. */
+/** Strict string checks find an unterminated string in any string function. The quarantine is small
+ *  so that blocks stay in the cache; it is enough to find a use after free within one input. */
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the runtime calls it by this name
 extern "C" const char *__asan_default_options() {
     return "strict_string_checks=1:quarantine_size_mb=16:malloc_context_size=8";
@@ -32,7 +32,7 @@ constexpr char run_mark = '\x1b';
 constexpr std::size_t stack_reach = 96UL * 1024;
 constexpr std::size_t largest_littered_block = 64UL * 1024;
 
-// Read by the allocator's hook. Below zero: blocks stay as the allocator hands them out.
+// Read by the allocator's hook. If negative, blocks are not filled.
 int litter = -1;
 
 void show(const char *label, std::string_view text) {
@@ -91,15 +91,18 @@ void ignore_release(const volatile void *) {}
 __attribute__((noinline)) void litter_stack(unsigned char byte) {
     std::array<char, stack_reach> dirt;
     std::memset(dirt.data(), byte, dirt.size());
-    __asm__ volatile("" : : "r"(dirt.data()) : "memory"); // the bytes count as used
+    __asm__ volatile(""
+                     :
+                     : "r"(dirt.data())
+                     : "memory"); // keeps the compiler from removing the bytes
 }
 
-/** The file behind standard output from the first capture on. */
+/** The file that standard output refers to after the first capture. */
 MemoryFile &captured() {
     static MemoryFile file;
     static const bool attached = [] {
         std::fflush(stdout);
-        // Every write goes to the end, wherever an earlier capture left the position.
+        // Every write appends, regardless of the position left by an earlier capture.
         require(fcntl(file.descriptor(), F_SETFL, O_APPEND) == 0, "fcntl");
         return dup2(file.descriptor(), STDOUT_FILENO) == STDOUT_FILENO;
     }();
@@ -112,7 +115,7 @@ bool is_white(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 } // namespace
 
 void fail(const char *relation, const char *file, int line) {
-    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, relation);
+    std::fprintf(stderr, "%s:%d: violated: %s\n", file, line, relation);
     std::abort();
 }
 
@@ -233,7 +236,7 @@ std::vector<Piece> pieces_of(std::string_view file, std::size_t longest) {
         const std::string_view window = cut(file, longest);
         const std::size_t line_end = window.find('\n');
         const std::size_t size = line_end == std::string_view::npos ? window.size() : line_end + 1;
-        // A read that is satisfied before it meets the end of the file doesn't see it.
+        // A read that returns a complete line before the end of the file does not detect the end.
         const bool at_end = line_end == std::string_view::npos && size < longest;
         pieces.push_back({std::string(window.substr(0, size)), at_end});
         file.remove_prefix(size);
@@ -254,18 +257,18 @@ void MemoryFile::fill(std::string_view bytes) const { write_whole(descriptor_, b
 std::string MemoryFile::content() const { return read_whole(descriptor_); }
 
 const std::string &scratch_directory() {
-    struct Folder {
+    struct Directory {
         std::string path = (std::filesystem::temp_directory_path() / "corvel-fuzz-XXXXXX").string();
-        Folder() { require(mkdtemp(path.data()) != nullptr, "mkdtemp"); }
-        Folder(const Folder &) = delete;
-        Folder &operator=(const Folder &) = delete;
-        ~Folder() {
+        Directory() { require(mkdtemp(path.data()) != nullptr, "mkdtemp"); }
+        Directory(const Directory &) = delete;
+        Directory &operator=(const Directory &) = delete;
+        ~Directory() {
             std::error_code ignored;
             std::filesystem::remove_all(path, ignored);
         }
     };
-    static const Folder folder;
-    return folder.path;
+    static const Directory directory;
+    return directory.path;
 }
 
 std::string read_file(const std::string &path) {
