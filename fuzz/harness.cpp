@@ -91,10 +91,7 @@ void ignore_release(const volatile void *) {}
 __attribute__((noinline)) void litter_stack(unsigned char byte) {
     std::array<char, stack_reach> dirt;
     std::memset(dirt.data(), byte, dirt.size());
-    __asm__ volatile(""
-                     :
-                     : "r"(dirt.data())
-                     : "memory"); // keeps the compiler from removing the bytes
+    __asm__ volatile("" : : "r"(dirt.data()) : "memory"); // marks the bytes as used
 }
 
 /** The file that standard output refers to after the first capture. */
