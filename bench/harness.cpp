@@ -11,12 +11,12 @@ namespace bench {
 
 namespace {
 
-/// The scratch folder; gone with the process.
+/// The scratch directory, removed when the process ends.
 class ScratchDirectory {
   public:
     ScratchDirectory() {
         if (mkdtemp(path_.data()) == nullptr)
-            fail("no folder can be made in /dev/shm");
+            fail("cannot create a directory in /dev/shm");
     }
     ~ScratchDirectory() {
         std::error_code ignored;
@@ -30,9 +30,9 @@ class ScratchDirectory {
     std::string path_ = "/dev/shm/corvel-bench.XXXXXX";
 };
 
-/// Keeps what a job frees in the heap. Otherwise a job that frees more than 128 KB at the heap's
-/// end gives the pages back and has the kernel make new ones in every run, a smaller one never
-/// does, and which of the two a side is depends on what else lies in the heap.
+/// Keeps freed memory in the heap. By default, freeing more than 128 KiB at the end of the heap
+/// returns the pages to the kernel, which then provides new ones in every run. Whether that happens
+/// to a side would depend on the other contents of the heap.
 void keep_freed_pages() {
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
     mallopt(M_TRIM_THRESHOLD, 1 << 30);
@@ -46,22 +46,22 @@ void fail(const std::string &message) {
 }
 
 std::string scratch_path(std::string_view name) {
-    static const ScratchDirectory folder;
-    return folder.path() + '/' + std::string(name);
+    static const ScratchDirectory directory;
+    return directory.path() + '/' + std::string(name);
 }
 
 void write_file(const std::string &path, std::string_view text) {
     const File file(std::fopen(path.c_str(), "w"));
     require(file && std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
                 std::fflush(file.get()) == 0,
-            "a scratch file could not be written");
+            "cannot write a scratch file");
 }
 
 std::string read_file(const std::string &path) {
     const File file(std::fopen(path.c_str(), "r"));
     std::string text(std::filesystem::file_size(path), '\0');
     require(file && std::fread(text.data(), 1, text.size(), file.get()) == text.size(),
-            "a scratch file could not be read");
+            "cannot read a scratch file");
     return text;
 }
 
@@ -69,7 +69,7 @@ void redirect_stdout(const char *path) {
     std::fflush(stdout);
     const File target(std::fopen(path, "w"));
     require(target && dup2(fileno(target.get()), STDOUT_FILENO) >= 0,
-            "standard output could not be redirected");
+            "cannot redirect standard output");
 }
 
 namespace {
@@ -81,12 +81,11 @@ std::vector<std::string> environment() {
     return entries;
 }
 
-/// Runs a side, which must leave the environment as it was: the programs that a later job starts
-/// inherit it.
+/// Runs a side, which must restore the environment: programs started by a later job inherit it.
 void run_side(const Side &side, benchmark::State &state) {
     const std::vector<std::string> before = environment();
     side.run(state);
-    require(environment() == before, "a job leaves the environment changed");
+    require(environment() == before, "a job changed the environment");
 }
 
 } // namespace
@@ -106,7 +105,7 @@ Job::Job(const char *name, const std::vector<Size> &sizes, const std::vector<Sid
 
 namespace {
 
-/// Rounds that are reported as JSON documents, one behind the other in one file.
+/// Runs the rounds and appends a JSON document for each to one file.
 bool run_rounds(long rounds, const std::string &path) {
     std::ofstream file(path);
     std::size_t benchmarks = 1;
@@ -120,7 +119,7 @@ bool run_rounds(long rounds, const std::string &path) {
     return benchmarks != 0 && file.good();
 }
 
-/// One round that is reported on standard error.
+/// Runs one round and reports it on standard error.
 bool run_once() {
     benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
     reporter.SetOutputStream(&std::cerr);
@@ -132,14 +131,14 @@ bool run_once() {
 
 } // namespace bench
 
-/// Takes Google Benchmark's options and, behind them, a number of rounds and a file for their
-/// reports. Standard output belongs to the jobs and goes to /dev/null for all of them.
+/// Arguments: options of Google Benchmark, then the number of rounds and the file for their
+/// reports. Standard output is used by the jobs and redirected to /dev/null.
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
     bench::keep_freed_pages();
     bench::redirect_stdout("/dev/null");
     const bool done = argc == 3 ? bench::run_rounds(std::strtol(argv[1], nullptr, 10), argv[2])
                                 : bench::run_once();
-    bench::require(done, "no benchmark has such a name, or the report can't be written");
+    bench::require(done, "no benchmark matches the name, or the report cannot be written");
     benchmark::Shutdown();
 }

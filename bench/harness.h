@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// What every benchmark stands on: a scratch folder in memory, standard output that costs nothing,
-// checks that two sides did the same job, and the one loop that times it.
+// Shared helpers of the benchmarks: a scratch directory in memory, standard output at no cost,
+// checks that the sides have the same result, and the loop that times them.
 //
-// A job has sides: "corvel", its peers, and "limit", the least that the job could cost with the C
+// A job has several sides: "corvel", its peers, and "limit", the minimum cost of the job with the C
 // library alone. The machine's speed may change from second to second, so all sides of a job run
-// one right after the other, and the whole goes round several times in one process; report.py
-// compares the sides within each round.
+// one after the other, and this is repeated for several rounds in one process; report.py compares
+// the sides within each round.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -21,7 +21,7 @@
 
 namespace bench {
 
-/// Ends the run with a message: what would be measured is not the job that it claims to be.
+/// Ends the run with a message, because the measured job would not be the intended one.
 [[noreturn]] void fail(const std::string &message);
 
 inline void require(bool holds, const char *message) {
@@ -29,16 +29,16 @@ inline void require(bool holds, const char *message) {
         fail(message);
 }
 
-/// A name in a folder of this process on tmpfs, so that no figure depends on a disk.
+/// A path in this process's directory on tmpfs, so that no result depends on a disk.
 std::string scratch_path(std::string_view name);
 
 void write_file(const std::string &path, std::string_view text);
 std::string read_file(const std::string &path);
 
-/// Sends standard output to a file, or back to where it went.
+/// Redirects standard output to a file.
 void redirect_stdout(const char *path);
 
-/// What @p print writes to standard output.
+/// Returns the output of @p print on standard output.
 template <typename Print> std::string printed(Print &&print) {
     const std::string path = scratch_path("printed");
     redirect_stdout(path.c_str());
@@ -52,8 +52,8 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-/// All measured code runs in here and nothing else does: a profiler counts what is called from
-/// here.
+/// Only measured code runs in this function: a profiler counts the instructions executed inside
+/// it.
 template <typename Run> [[gnu::noinline]] void measured_part(Run &run) {
     run();
     benchmark::ClobberMemory();
@@ -65,7 +65,8 @@ template <typename Run> void measure(benchmark::State &state, Run run) {
         measured_part(run);
 }
 
-/// Times @p run, each time after an unmeasured @p prepare and in front of an unmeasured @p tidy.
+/// Times @p run, with an unmeasured @p prepare before and an unmeasured @p tidy after each
+/// iteration.
 template <typename Prepare, typename Run, typename Tidy>
 void measure(benchmark::State &state, Prepare prepare, Run run, Tidy tidy) {
     for ([[maybe_unused]] auto iteration : state) {
@@ -84,16 +85,16 @@ struct Side {
     void (*run)(benchmark::State &);
 };
 
-/// The numbers that a side finds in its state; the first is the one that the job's time grows with.
+/// The arguments of a side; the first one is the size of the job.
 using Size = std::vector<std::int64_t>;
 
-/// Whose clock a job is timed with.
+/// The clock that a job is timed with.
 enum class Clock {
-    processor, ///< This process's time on the processor.
-    of_its_own ///< The sides tell the time themselves, with SetIterationTime().
+    processor, ///< The processor time of this process.
+    of_its_own ///< The sides report their time with SetIterationTime().
 };
 
-/// Registers a job's benchmarks, named job/side/size, in the order in which they are to run.
+/// Registers a job's benchmarks, named job/side/size, in the order of their execution.
 class Job {
   public:
     Job(const char *name, const std::vector<Size> &sizes, const std::vector<Side> &sides,

@@ -1,20 +1,19 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Runs the benchmarks and prints one table: each job, the library, its peers, the limit, the goal.
+"""Runs the benchmarks and prints a table of jobs: the library, its peers, the limit, the goal.
 
     bench/run                              times
-    bench/run --only PATTERN               the times of some benchmarks, named job/side/size
+    bench/run --only PATTERN               times of the matching benchmarks (job/side/size)
     bench/run --instructions               instruction counts (callgrind), which hardly vary
-    bench/run --profile BENCHMARK          where the instructions of one benchmark go
-    bench/run --check                      each benchmark once, and whether it has its row
+    bench/run --profile BENCHMARK          instructions of one benchmark by function
+    bench/run --check                      run each benchmark once and check that it has a row
 
-All sides of a job run one right after the other, in several rounds. A time is the median of the
-rounds; a ratio is taken within each round, where the machine's speed is the same for both sides,
-and then the median of the rounds' ratios. Times are the processor's, but for the start of a
-program, which is timed on the wall's clock. Sizes are numbers of fields, lines, pairs, variables,
-leases, neighbours, addresses or processes, and of bytes where they become text; of uploads, upgrade
-images and CRCs they are KiB. A goal that is missed is followed by its profile, unless it is that of
-a job whose time passes in the kernel and in other programs.
+All sides of a job run one after the other, in several rounds. A time is the median of the rounds. A
+ratio is the median of the ratios within each round, where the machine's speed is the same for both
+sides. Times are processor times, except for the start of a program, which is wall-clock time. Sizes
+are numbers of fields, lines, pairs, variables, leases, neighbours, addresses or processes, and of
+bytes for conversions; for uploads, upgrade images and CRCs they are in KiB. For a missed goal a
+profile follows, except for a job that spends its time in the kernel and in other programs.
 """
 
 import argparse
@@ -34,23 +33,23 @@ START_UP_JOB = "start a CGI program"
 START_UP_GOAL = 1.15
 FEW_ROWS, MANY_ROWS = "1000/10", "1000/200"
 SEARCH_JOB = "find a process"
-SEARCH_CALLS_GOAL = 20  # beside the three for each process
-UPLOAD_JOBS = "cut an upload, random", "cut an upload, near-boundaries"
+SEARCH_CALLS_GOAL = 20  # in addition to three for each process
+UPLOAD_JOBS = "parse an upload, random", "parse an upload, near-boundaries"
 UPLOAD_SIZE = 15 * 1024  # KiB
 UPLOAD_REST_GOAL = 512  # KiB
 
-# Where time grows as size^e, e is a little under 1 for linear growth, since opening a file costs the
-# same at every size, and a quadratic part pushes it towards 2.
+# Time is assumed to grow as size^e. For linear growth e is slightly below 1, since opening a file
+# has a constant cost; a quadratic part increases e towards 2.
 LINEAR_EXPONENT = 1.15
 LINEAR_JOBS = {"load a property file", "save changed rows", "read leases, text",
                "read leases, binary", "read neighbours", "read neighbours of one maker"}
 
-# Of jobs that tell their time themselves: it passes in other processes, too.
+# Suffix of jobs that report their own time, because part of it is spent in other processes.
 OWN_CLOCK_SUFFIX = "/manual_time"
 
 
 class Goal:
-    """What a job must reach at one size: a text, a ratio of its sides, and a test of the ratio."""
+    """A goal of a job at one size: a description, a ratio of the sides, and a test of the ratio."""
 
     def __init__(self, text, ratio, met):
         self.text, self.ratio, self.met = text, ratio, met
@@ -65,7 +64,7 @@ def is_limit(side):
 
 
 def ratio_of(sides, side, other=OURS):
-    """One side's time over another's, each round's by itself."""
+    """The median over the rounds of one side's time divided by another's."""
     return statistics.median(a / b for a, b in zip(sides[side], sides[other]))
 
 
@@ -136,7 +135,7 @@ def run_benchmarks(arguments):
 
 
 def runs_of(text):
-    """The runs in JSON documents that stand one behind the other."""
+    """The runs in concatenated JSON documents."""
     decoder = json.JSONDecoder()
     text = text.lstrip()
     while text:
@@ -172,8 +171,8 @@ def all_names(arguments):
 
 
 def check(arguments):
-    """Runs all benchmarks in one process, as for the table, but once and as briefly as they can be.
-    A benchmark that fails ends the process; one that has no row, or no time in it, is named."""
+    """Runs all benchmarks in one process, as for the table, but once and for the shortest time.
+    A failing benchmark ends the process; one without a row or without a time is reported."""
     arguments.rounds, arguments.min_time = 1, 1e-9
     runs = run_benchmarks(arguments)
     print_times(runs, arguments.program)
@@ -209,7 +208,7 @@ def median(times):
     return number(statistics.median(times))
 
 
-def beside(names, sides):
+def compared(names, sides):
     return ", ".join(f"{side} {median(sides[side])} ({ratio_of(sides, side):.2f})"
                      for side in sorted(names))
 
@@ -224,8 +223,9 @@ def time_rows(jobs):
             limits = {side for side in sides if is_limit(side)}
             peers = set(sides) - limits - {OURS}
             goals = GOALS.get((job, size), []) if len(sides) > 1 else []
-            rows.append([job, size, median(sides[OURS]), beside(peers, sides),
-                         beside(limits, sides), "; ".join(goal.judge(sides) for goal in goals)])
+            rows.append([job, size, median(sides[OURS]), compared(peers, sides),
+                         compared(limits, sides),
+                         "; ".join(goal.judge(sides) for goal in goals)])
     return rows
 
 
@@ -243,7 +243,7 @@ def start_up_rows(runs):
 
 
 def exponent(series, side):
-    """The e of time ~ size^e over the upper two sizes."""
+    """The exponent e of time ~ size^e between the two largest sizes."""
     (small, small_sides), (large, large_sides) = series[-2:]
     growth = statistics.median(b / a for a, b in zip(small_sides[side], large_sides[side]))
     return math.log(growth) / math.log(size_order(large)[0] / size_order(small)[0])
@@ -252,7 +252,7 @@ def exponent(series, side):
 def growth_rows(jobs):
     rows = []
     for job in sorted(jobs):
-        # A file with few of its rows changed does not belong to the series.
+        # The size with few changed rows is not part of the series.
         series = [(size, jobs[job][size]) for size in sorted(jobs[job], key=size_order)
                   if size != FEW_ROWS and OURS in jobs[job][size]]
         if len(series) < 3:
@@ -276,7 +276,7 @@ def print_times(runs, program):
     growth = growth_rows(jobs)
     if growth:
         print()
-        print_table(["growth", "sizes", "times the first", "exponent", "beside", "goal"], growth)
+        print_table(["growth", "sizes", "times the first", "exponent", "others", "goal"], growth)
     saves = jobs.get("save changed rows", {})
     if OURS in saves.get(FEW_ROWS, {}) and OURS in saves.get(MANY_ROWS, {}):
         few, many = saves[FEW_ROWS][OURS], saves[MANY_ROWS][OURS]
@@ -290,7 +290,7 @@ def print_times(runs, program):
 
 
 def print_system_calls(search):
-    """A process that its short name rules out costs three: opening, reading and closing a file."""
+    """A process ruled out by its short name costs three calls: open, read and close a file."""
     calls, processes = int(search["system calls"]), int(search["processes"])
     rest = calls - 3 * processes
     verdict = "met" if 0 <= rest <= SEARCH_CALLS_GOAL else "MISSED"
@@ -308,7 +308,7 @@ def upload_body(boundary, content):
 
 
 def print_upload_memory(program):
-    """What a CGI program's memory peaks at while it takes an upload, over what it had at first."""
+    """Prints the peak memory of a CGI program during an upload, compared with that at its start."""
     boundary = "----WebKitFormBoundary7MA4YWxkTrZu0gW5"
     body = upload_body(boundary, os.urandom(UPLOAD_SIZE * 1024))
     finished = subprocess.run(
@@ -318,9 +318,9 @@ def print_upload_memory(program):
     before, peak, file_size = map(int, finished.stdout.split())
     rest = peak - before - (len(body) + file_size) / 1024
     verdict = "met" if rest <= UPLOAD_REST_GOAL else "MISSED"
-    print(f"\nAn upload of {UPLOAD_SIZE:,} KiB takes {peak - before:,} KiB at its peak: its body, one"
-          f" copy of its file and {rest:,.0f} KiB (at most {UPLOAD_REST_GOAL}: {verdict}); the program"
-          f" itself had {before:,}.")
+    print(f"\nAn upload of {UPLOAD_SIZE:,} KiB uses at most {peak - before:,} KiB: its body, one copy"
+          f" of its file and {rest:,.0f} KiB (at most {UPLOAD_REST_GOAL}: {verdict}); the program"
+          f" itself uses {before:,}.")
 
 
 # --- Counting instructions ----------------------------------------------------------------------
@@ -332,7 +332,7 @@ def benchmark_names(arguments):
 
 
 def count_instructions(arguments, name, output):
-    """Counts the measured part of one benchmark once, and nothing else."""
+    """Counts the instructions of the measured part of one benchmark in one iteration."""
     command = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={output}",
                "--collect-atstart=no", "--toggle-collect=*measured_part*", arguments.program,
                f"--benchmark_filter=^{name}$", "--benchmark_min_time=0.000000001"]
@@ -346,10 +346,10 @@ def count_instructions(arguments, name, output):
 
 def print_instructions(arguments):
     jobs = defaultdict(dict)
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory() as directory:
         for name in benchmark_names(arguments):
             job, side, size = name.split("/", 2)
-            jobs[job, size][side] = count_instructions(arguments, name, f"{folder}/out")
+            jobs[job, size][side] = count_instructions(arguments, name, f"{directory}/out")
     rows = [[job, size, side, f"{count:,}", f"{count / sides.get(OURS, count):.2f}"]
             for (job, size), sides in sorted(jobs.items(),
                                              key=lambda item: (item[0][0], size_order(item[0][1])))
@@ -358,13 +358,13 @@ def print_instructions(arguments):
 
 
 def print_profile(arguments, name, percent):
-    """The functions that together make up so many percent of the instructions."""
-    with tempfile.TemporaryDirectory() as folder:
-        total = count_instructions(arguments, name, f"{folder}/out")
+    """Prints the functions that together execute this percentage of the instructions."""
+    with tempfile.TemporaryDirectory() as directory:
+        total = count_instructions(arguments, name, f"{directory}/out")
         annotated = subprocess.run(
-            ["callgrind_annotate", f"--threshold={percent}", "--auto=no", f"{folder}/out"],
+            ["callgrind_annotate", f"--threshold={percent}", "--auto=no", f"{directory}/out"],
             stdout=subprocess.PIPE, text=True, check=True).stdout
-    print(f"\n{name}: {total:,} instructions in one run, of these in")
+    print(f"\n{name}: {total:,} instructions in one run, of which in")
     for count, function in re.findall(r"^ *([\d,]+) \([ \d.]+%\)  [^:\n]*:(.*?)(?: \[|$)", annotated,
                                       re.MULTILINE):
         print(f"  {100 * int(count.replace(',', '')) / total:5.1f}%  {function}")

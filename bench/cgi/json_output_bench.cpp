@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Writing N pairs as JSON, from a field list and from a property table.
 //
-// All sides take the same data from the same records, their lengths unknown, and write a document
-// of one section to standard output, flushed. RapidJSON writes straight into a stream over stdout
-// with the 64 KB buffer of its manual; json-c has no such writer, so its tree is built, printed and
-// released. Both escape what they write, and the library by contract does not: a page that needs
-// escaping pays for it elsewhere.
+// All sides read the same records, without knowing the lengths of the strings, and write a document
+// with one section to standard output, which is flushed. RapidJSON writes directly to a stream over
+// stdout with the 64 KB buffer recommended in its manual; json-c has no such writer, so its tree is
+// built, printed and released. Both escape strings; by contract, the library does not, so that a
+// page that needs escaping must do it separately.
 #include "harness.h"
 
 #include <corvel.h>
@@ -29,7 +29,7 @@ std::string value_of_pair(std::size_t i) {
     return value;
 }
 
-/// Pairs in a field list; each record's name and value go to @p write.
+/// Pairs in a field list; @p write is called with the name and value of each record.
 class List {
   public:
     explicit List(std::size_t pairs) {
@@ -53,7 +53,7 @@ class List {
     str_node *head_ = nullptr;
 };
 
-/// Pairs in a property table, their values quoted as they stand in a file.
+/// Pairs in a property table, with the values quoted as in a file.
 class Table {
   public:
     explicit Table(std::size_t pairs) : rows_(pairs) {
@@ -119,7 +119,7 @@ template <typename Pairs> void print_with_json_c(const Pairs &pairs) {
     json_object_put(document);
 }
 
-/// Whether a printed document parses and holds the pairs.
+/// Whether a printed document is valid and contains the pairs.
 template <typename Pairs> bool holds(const std::string &text, const Pairs &pairs) {
     json_object *document = json_tokener_parse(text.c_str());
     const json_object *object =
@@ -140,7 +140,7 @@ template <typename Pairs> bool holds(const std::string &text, const Pairs &pairs
 template <typename Pairs, typename Print> void measure_print(benchmark::State &state, Print print) {
     const Pairs pairs(static_cast<std::size_t>(state.range(0)));
     bench::require(holds(bench::printed([&] { print(pairs); }), pairs),
-                   "a document does not hold the pairs");
+                   "a document does not contain the pairs");
     bench::measure(state, [&] {
         print(pairs);
         std::fflush(stdout);

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
-// Filling a page of N lines with a marker in every tenth, each from a field of its own.
+// Filling a page of N lines with a marker in every tenth line, each for a different field.
 //
-// All sides read the page's file from the start and print the filled page to standard output, as a
-// CGI program does once in its life: the peer's cache of parsed templates is cleared each time. All
-// start from the fields as their own kind of list holds them, and only the filling is measured; the
-// library's list is consumed by it and is built anew each time.
+// All sides read the page's file and print the filled page to standard output, as a CGI program
+// does once: the peer's cache of parsed templates is cleared each time. Each side starts with the
+// fields in its own kind of list, and only the filling is measured. The library consumes its list,
+// which is built again each time.
 //
-// In "list order" the markers stand in the order of the fields, in "shuffled" in a random one,
-// where a lookup in list order has half of the fields left to pass on average.
+// In "list order" the markers are in the order of the fields, in "shuffled" in a random order, in
+// which a linear search skips half of the remaining fields on average.
 //
 // The limit copies the unfilled page with fgets() and fputs().
 #include "harness.h"
@@ -41,7 +41,7 @@ std::vector<Field> make_fields(std::size_t lines) {
     return fields;
 }
 
-/// The page, its markers between @p opening and @p closing.
+/// The page, with markers between @p opening and @p closing.
 std::string page_text(const std::vector<Field> &fields, Order order, const char *opening,
                       const char *closing) {
     std::vector<std::size_t> turn(fields.size());
@@ -64,7 +64,7 @@ std::string place_page(const char *kind, std::string_view text) {
     return path;
 }
 
-/// What every side must print.
+/// The expected output of every side.
 std::string filled_page(const std::vector<Field> &fields, Order order) {
     std::string text = page_text(fields, order, "$", "");
     for (const Field &field : fields) {
@@ -74,7 +74,7 @@ std::string filled_page(const std::vector<Field> &fields, Order order) {
     return text;
 }
 
-/// The list as add_str() makes it, its records linked here so that no walk is needed.
+/// The list as built by add_str(), but linked here without walking the list.
 str_node *build_list(const std::vector<Field> &fields) {
     str_node *head = nullptr;
     str_node **end = &head;
@@ -91,7 +91,7 @@ template <Order order> void corvel(benchmark::State &state) {
     str_node *list = build_list(fields);
     const std::string page = bench::printed([&] { print_html(path.c_str(), &list); });
     bench::require(page == filled_page(fields, order) && list == nullptr,
-                   "print_html() prints another page");
+                   "print_html() prints a wrong page");
 
     bench::measure(
         state, [&] { list = build_list(fields); },
@@ -118,7 +118,7 @@ template <Order order> void ctemplate_library(benchmark::State &state) {
     for (const Field &field : fields)
         dictionary.SetValue(field.name, field.value);
     const std::string page = bench::printed([&] { fill_with_ctemplate(path, dictionary); });
-    bench::require(page == filled_page(fields, order), "ctemplate prints another page");
+    bench::require(page == filled_page(fields, order), "ctemplate prints a wrong page");
 
     bench::measure(state, [&] { fill_with_ctemplate(path, dictionary); });
     state.SetItemsProcessed(state.iterations() * state.range(0));

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Decoding a form: N fields of 50 bytes each, escapes and plus signs in every value.
 //
-// Both sides decode a GET from QUERY_STRING of the same environment, because that is the one path
-// on which neither reads a stream: what differs is the decoding alone. Both keep every pair as heap
-// copies and give all memory back within the measured time. The peer looks up some thirty more
-// variables of the environment; at 1,000 fields that is under one percent of its time.
+// Both sides decode a GET request from QUERY_STRING in the same environment, because on this path
+// neither reads a stream: only the decoding differs. Both copy every pair to the heap and release
+// all memory within the measured time. The peer also looks up about thirty other variables of the
+// environment; with 1,000 fields that is less than one percent of its time.
 #include "harness.h"
 
 #include <corvel.h>
@@ -26,7 +26,7 @@ std::string form_text(std::size_t fields) {
                       i % 100000, i % 100000);
         text += field;
     }
-    bench::require(text.size() == field_bytes * fields, "a field has not the size that it claims");
+    bench::require(text.size() == field_bytes * fields, "a field has the wrong size");
     return text;
 }
 
@@ -36,7 +36,7 @@ std::string value_of_field(std::size_t i) {
     return value;
 }
 
-/// A variable of the environment that has its former value again when the object is gone.
+/// Sets a variable of the environment; the destructor restores its previous value.
 class Variable {
   public:
     Variable(const char *name, const std::string &value) : name_(name) {
@@ -58,8 +58,8 @@ class Variable {
     std::optional<std::string> before_;
 };
 
-/// A form sent with GET. The largest one does not fit the environment of a program that another job
-/// starts.
+/// A form sent with GET. The largest one is too large for the environment of a program started by
+/// another job.
 class Request {
   public:
     explicit Request(std::size_t fields) : query_("QUERY_STRING", form_text(fields)) {}
@@ -82,7 +82,7 @@ void corvel(benchmark::State &state) {
     const int found = process_query_string(table.data());
     bench::require(static_cast<std::size_t>(found) == fields &&
                        table[fields - 1].value == value_of_field(fields - 1),
-                   "process_query_string() decodes another form");
+                   "process_query_string() decodes the form incorrectly");
     free_prop(table.data(), found);
 
     bench::measure(state, [&table] {
@@ -99,7 +99,7 @@ void cgicc_library(benchmark::State &state) {
         const cgicc::Cgicc form;
         bench::require(form.getElements().size() == fields &&
                            form.getElements().back().getValue() == value_of_field(fields - 1),
-                       "libcgicc decodes another form");
+                       "libcgicc decodes the form incorrectly");
     }
     bench::measure(state, [] {
         const cgicc::Cgicc form;

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Cutting an upload: one form field and one file of N KiB, from the body in memory to a heap copy
-// of the file, and giving all of it back.
+// Parsing an upload: one form field and one file of N KiB, from the body in memory to a heap copy
+// of the file, including the release of all memory.
 //
-// The content is random, or nothing but copies of the boundary line that differ from it in their
-// last character. The library starts from the block that read_queue_for_upload1() leaves. The peer
-// reads the same body through an input class of its own: one more copy of the body, which no way
-// into libcgicc avoids.
+// The content is random, or consists of copies of the boundary line that differ from it in the last
+// character. The library starts with the block returned by read_queue_for_upload1(). The peer reads
+// the same body through an input class, which makes one more copy of the body; libcgicc has no
+// interface that avoids it.
 //
-// The limit looks for the boundary with memmem() and copies the content with memcpy() into a block
-// of its own.
+// The limit searches for the boundary with memmem() and copies the content with memcpy() into a new
+// block.
 #include "harness.h"
 
 #include <corvel.h>
@@ -50,7 +50,7 @@ std::string boundary_copies(std::size_t size) {
     return bytes;
 }
 
-/// An upload's body and what its file holds.
+/// The body of an upload and the content of its file.
 class Upload {
   public:
     Upload(Content content, std::size_t size)
@@ -67,10 +67,10 @@ class Upload {
     [[nodiscard]] const std::string &body() const { return body_; }
     [[nodiscard]] const std::string &content() const { return content_; }
 
-    /// The block that read_queue_for_upload1() makes of it.
+    /// The block that read_queue_for_upload1() returns for it.
     [[nodiscard]] std::string block() const { return std::string(boundary_text) + '\n' + body_; }
 
-    /// What process_file() is to look at of the block: not its last byte.
+    /// The length passed to process_file(): without the last byte of the block.
     [[nodiscard]] int length() const {
         return static_cast<int>(boundary_text.size() + body_.size());
     }
@@ -80,8 +80,8 @@ class Upload {
     std::string body_;
 };
 
-/// A CGI program cuts one upload in its life, in a heap that has no pages yet: that the kernel
-/// makes them is part of the job. So free blocks lose theirs in front of each run.
+/// A CGI program parses one upload, in a heap that has no pages yet: their allocation by the kernel
+/// is part of the job. Therefore the pages of free blocks are released before each run.
 void give_back_free_pages() { malloc_trim(0); }
 
 std::size_t size_of(const benchmark::State &state) {
@@ -102,7 +102,7 @@ template <Content content> void corvel(benchmark::State &state) {
     bench::require(found == 1 &&
                        std::string_view(files[0].data, files[0].size) == upload.content() &&
                        std::strcmp(files[0].filename, "image.bin") == 0,
-                   "process_file() cuts another file");
+                   "process_file() returns a wrong file");
     free_prop_file(files, found);
 
     bench::measure(
@@ -116,7 +116,7 @@ template <Content content> void corvel(benchmark::State &state) {
     report_rate(state);
 }
 
-/// A request whose body comes from memory.
+/// A request whose body is in memory.
 class RequestFromMemory : public cgicc::CgiInput {
   public:
     explicit RequestFromMemory(const std::string &body) : body_(body) {}
@@ -151,7 +151,7 @@ template <Content content> void cgicc_library(benchmark::State &state) {
         bench::require(form.getFiles().size() == 1 &&
                            form.getFiles().front().getData() == upload.content() &&
                            form.getFiles().front().getFilename() == "image.bin",
-                       "libcgicc cuts another file");
+                       "libcgicc returns a wrong file");
     }
     bench::measure(
         state, give_back_free_pages,
@@ -193,8 +193,8 @@ template <Content content> std::vector<bench::Side> sides() {
             {"limit", limit<content>}};
 }
 
-const bench::Job random_job("cut an upload, random", sizes, sides<Content::random>());
-const bench::Job near_job("cut an upload, near-boundaries", sizes,
+const bench::Job random_job("parse an upload, random", sizes, sides<Content::random>());
+const bench::Job near_job("parse an upload, near-boundaries", sizes,
                           sides<Content::near_boundaries>());
 
 } // namespace

@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: MIT */
-/* Takes an upload as a CGI program does, from standard input to its cut files, and prints two peaks
- * of its resident memory in KiB: before it reads, and at the end.
+/* Reads an upload from standard input and extracts its files, as a CGI program does, and prints its
+ * peak resident memory in KiB, before reading and at the end.
  *
- * The peak is the kernel's VmHWM of this process. getrusage() tells a greater one where the program
- * was started by a larger process. */
+ * The peak is the kernel's VmHWM of this process. getrusage() reports a greater value if the
+ * program was started by a larger process. */
 #include "corvel.h"
 
 #include <stdio.h>
 #include <stdlib.h>
 
-/* The pause before a large upload is not what is measured. */
+/* The pause before a large upload is not measured. */
 unsigned int sleep(unsigned int seconds) {
     (void)seconds;
     return 0;

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Saving M changed rows into a file of N lines.
 //
-// The limit reads the file with fgets() and writes every line to the copy with fputs(), and that is
-// all: no lock, no removal, no renaming. Those steps are what a safe save needs, so a second limit,
-// "limit with steps", has them too; the goal is held against the first, which is the stricter one.
-// The rows' values are as long as those in the file, so that each save meets the same file.
+// The limit only reads the file with fgets() and writes every line to the copy with fputs(),
+// without lock, removal or renaming. A safe save needs these steps, so a second limit, "limit with
+// steps", includes them; the goal refers to the first limit, which is stricter. The new values are
+// as long as those in the file, so that the size of the file is the same for each save.
 #include "harness.h"
 
 #include <corvel.h>
@@ -38,7 +38,7 @@ std::string place_file(std::size_t lines) {
     return path;
 }
 
-/// Rows that name lines spread evenly over the file, the last lines first.
+/// Rows for lines distributed evenly over the file, the last lines first.
 class ChangedRows {
   public:
     ChangedRows(std::size_t rows, std::size_t lines) : rows_(rows) {
@@ -47,7 +47,7 @@ class ChangedRows {
             char value[32];
             std::snprintf(value, sizeof value, "172.016.%03zu.%03zu", line / 256, line % 256);
             bench::require(ins_pr(name_of_line(line).c_str(), value, &rows_[i], 0) == 1,
-                           "ins_pr() fills no row");
+                           "ins_pr() does not fill a row");
         }
     }
     ~ChangedRows() { free_prop(rows_.data(), count()); }
@@ -73,7 +73,7 @@ void corvel(benchmark::State &state) {
          at = text.find("=\"172.016.", at + 1))
         ++found;
     bench::require(found == changed && text.size() == settings(lines, "192.168").size(),
-                   "save_prop() writes another file");
+                   "save_prop() writes a wrong file");
 
     bench::measure(state, [&] { save_prop('=', path.c_str(), rows.data(), rows.count()); });
     state.SetItemsProcessed(state.iterations() * state.range(0));
@@ -100,17 +100,17 @@ void limit_with_steps(benchmark::State &state) {
     const std::string lock_name = path + ".lck";
     bench::measure(state, [&] {
         const int lock = open(lock_name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-        bench::require(lockf(lock, F_LOCK, 0) == 0, "the lock can't be taken");
+        bench::require(lockf(lock, F_LOCK, 0) == 0, "cannot lock the file");
         copy_lines(path, copy);
         unlink(path.c_str());
-        bench::require(std::rename(copy.c_str(), path.c_str()) == 0, "the copy can't be renamed");
-        bench::require(lockf(lock, F_ULOCK, 0) == 0, "the lock can't be released");
+        bench::require(std::rename(copy.c_str(), path.c_str()) == 0, "cannot rename the copy");
+        bench::require(lockf(lock, F_ULOCK, 0) == 0, "cannot unlock the file");
         close(lock);
     });
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/// Lines and changed rows: few and many in the middle size, and the many in all three.
+/// Numbers of lines and of changed rows: few and many in the middle size, many in the other two.
 const bench::Job
     job("save changed rows", {{1000, 10}, {100, 20}, {1000, 200}, {10000, 2000}},
         {{"corvel", corvel}, {"limit", limit}, {"limit with steps", limit_with_steps}});

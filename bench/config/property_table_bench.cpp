@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
-// Loading a property file of N lines, and releasing what was loaded.
+// Loading a property file of N lines, and releasing the result.
 //
-// All sides read the same file and end with the name and the value of each line in memory of their
-// own. inih keeps nothing itself, so its handler stores a row of two heap copies as load_prop()
-// does, of the texts' own length where load_prop() takes fixed 258-byte blocks: the peer's is the
-// cheaper form. libconfuse keeps a store of its own; its free-form mode is the one that, like
-// load_prop(), takes names that nobody declared (it reports each as unknown to an error function,
-// which is empty here).
+// All sides read the same file and store copies of the name and the value of each line. inih stores
+// nothing itself, so its handler stores a row of two heap copies as load_prop() does, but of the
+// strings' lengths, where load_prop() allocates fixed blocks of 258 bytes: the peer's way is
+// cheaper. libconfuse has its own storage; only its free-form mode accepts undeclared names, as
+// load_prop() does (it reports each unknown name to an error function, which is empty here).
 #include "harness.h"
 
 #include <corvel.h>
@@ -41,7 +40,7 @@ void corvel(benchmark::State &state) {
     bench::require(static_cast<std::size_t>(found) == lines &&
                        std::strcmp(table[7].name, "LAN_PORT_00007") == 0 &&
                        std::strcmp(table[7].value, "\"192.168.0.7\"") == 0,
-                   "load_prop() loads another file");
+                   "load_prop() loads wrong values");
     free_prop(table.data(), found);
 
     bench::measure(state, [&] {
@@ -84,7 +83,7 @@ void inih(benchmark::State &state) {
     const int failed = ini_parse(path.c_str(), store_row, &rows);
     bench::require(failed == 0 && rows.count == lines &&
                        std::strcmp(rows.rows[7].value, "\"192.168.0.7\"") == 0,
-                   "inih loads another file");
+                   "inih loads wrong values");
     rows.release();
 
     bench::measure(state, [&] {
@@ -111,7 +110,7 @@ void libconfuse(benchmark::State &state) {
     cfg_t *config = load_with_libconfuse(path);
     const char *value = cfg_getstr(config, "LAN_PORT_00007");
     bench::require(value != nullptr && std::strcmp(value, "192.168.0.7") == 0,
-                   "libconfuse loads another file");
+                   "libconfuse loads wrong values");
     cfg_free(config);
 
     bench::measure(state, [&path] { cfg_free(load_with_libconfuse(path)); });

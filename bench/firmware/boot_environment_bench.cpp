@@ -2,11 +2,10 @@
 // Setting all N variables of an environment image to other values, in random order, and reading
 // each in another random order.
 //
-// Setting a variable takes its entry out, which moves what follows, writes the new one at the
-// list's end and computes the CRC of all 65,532 bytes, used or not. The limit does just that, with
-// the library's own crc32() and from a list of what to move where that is made beforehand: the same
-// moves, copies and CRCs, and no search for any name or for the end of the list. Reading is nothing
-// but a search and costs the limit nothing.
+// Setting a variable removes its entry, which moves the following entries, appends the new entry to
+// the list and computes the CRC of all 65,532 bytes, used or not. The limit does the same with the
+// library's crc32() and a precomputed list of moves: the same moves, copies and CRCs, but no search
+// for a name or for the end of the list. Reading is only a search and costs the limit nothing.
 #include "harness.h"
 
 #include <corvel.h>
@@ -22,7 +21,7 @@ using Image = std::vector<unsigned char>;
 
 constexpr std::size_t crc_size = 4;
 
-/// Every entry is as long as any other, with its NUL.
+/// The length of every entry, including its NUL.
 constexpr std::size_t entry_size = 28;
 
 std::string name_of_variable(std::size_t i) {
@@ -42,7 +41,7 @@ struct Variable {
     std::string value;
 };
 
-/// The variables with the values that they are to have, in the order in which they are set.
+/// The variables with their new values, in the order in which they are set.
 std::vector<Variable> changes(const std::vector<std::size_t> &order) {
     std::vector<Variable> variables;
     variables.reserve(order.size());
@@ -65,22 +64,22 @@ void store_crc(Image &image) {
         image[i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
 }
 
-/// An image of all the variables with the values that they have at first.
+/// An image with the initial values of all variables.
 Image make_image(std::size_t count) {
     std::string entries;
     for (std::size_t i = 0; i < count; ++i)
         entries += name_of_variable(i) + '=' + value_of_variable("20.0", i) + '\0';
     bench::require(entries.size() == count * entry_size && entries.size() < CORVEL_ENV_SIZE - 5,
-                   "the variables are not as long as they should be");
+                   "the variables have the wrong length");
     Image image(CORVEL_ENV_SIZE);
     std::copy(entries.begin(), entries.end(), image.begin() + crc_size);
     store_crc(image);
     return image;
 }
 
-/// One variable as the limit sets it: how many entries stand in front of the old one.
+/// How the limit sets one variable: the number of entries before the old one, and the new one.
 struct Move {
-    std::size_t in_front;
+    std::size_t preceding;
     std::string entry;
 };
 
@@ -99,14 +98,14 @@ std::vector<Move> make_moves(const std::vector<std::size_t> &order) {
 }
 
 void make_move(Image &image, const Move &move, std::size_t count) {
-    unsigned char *const entry = image.data() + crc_size + move.in_front * entry_size;
-    const std::size_t following = (count - 1 - move.in_front) * entry_size;
+    unsigned char *const entry = image.data() + crc_size + move.preceding * entry_size;
+    const std::size_t following = (count - 1 - move.preceding) * entry_size;
     std::memmove(entry, entry + entry_size, following);
     std::memcpy(entry + following, move.entry.c_str(), entry_size);
     store_crc(image);
 }
 
-/// The image after all variables were set one by one, made by the limit's own moves.
+/// The image after setting all variables one by one, computed with the limit's moves.
 Image expected_image(const std::vector<std::size_t> &order) {
     Image image = make_image(order.size());
     for (const Move &move : make_moves(order))
@@ -132,10 +131,10 @@ void corvel(benchmark::State &state) {
 
     start();
     set_all();
-    bench::require(image == expected_image(order), "set_env() leaves another image");
+    bench::require(image == expected_image(order), "set_env() leaves a wrong image");
     for (const Variable &variable : read)
         bench::require(get_env(variable.name.c_str()) == variable.value,
-                       "get_env() reads another value");
+                       "get_env() returns a wrong value");
 
     bench::measure(
         state, start,

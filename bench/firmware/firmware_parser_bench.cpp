@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 // Checking an upgrade image of N KiB: both root file systems, a kernel and the version section.
 //
-// The peer is what the check can't do without, in its plain form: the sum of all payload bytes in a
-// simple loop, which the compiler vectorises here, and zlib's CRC of the whole image after it.
+// The peer is the minimum work of the check in its plain form: the sum of all payload bytes in a
+// simple loop, which the compiler vectorises here, and then zlib's CRC of the whole image.
 //
-// The device of the boot environment is missing, as it is on any machine but the router's own, so
-// that reading 64 KiB from it is not part of the figure; and nobody listens to the system log.
+// The device of the boot environment does not exist on this machine, so that reading 64 KiB from it
+// is not part of the result; messages to the system log are discarded.
 #include "firmware/zlib.h"
 #include "harness.h"
 
@@ -46,7 +46,7 @@ unsigned char sum_of(Bytes bytes) {
     return sum;
 }
 
-/// A section of random data, as much as its partition takes, padding and a checksum byte.
+/// A section with random data of the partition's size, padding and a checksum byte.
 void append_section(Image &image, std::string_view signature, std::size_t length,
                     std::size_t partition_size) {
     static std::mt19937 generator(1);
@@ -79,7 +79,7 @@ void corvel(benchmark::State &state) {
             parse_firmware(image.data(), static_cast<unsigned int>(image.size()), records, &result);
         return result == 0 ? count : -result;
     };
-    bench::require(check() == 4, "parse_firmware() refuses a good image");
+    bench::require(check() == 4, "parse_firmware() refuses a valid image");
     bench::measure(state, [&check] { benchmark::DoNotOptimize(check()); });
     state.SetBytesProcessed(state.iterations() * state.range(0) * 1024);
 }

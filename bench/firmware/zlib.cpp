@@ -13,7 +13,7 @@ using Crc32 = unsigned long(unsigned long crc, const unsigned char *bytes, unsig
 
 Crc32 *load_crc32() {
     void *const library = dlopen("libz.so.1", RTLD_NOW | RTLD_LOCAL);
-    require(library != nullptr, "zlib can't be loaded");
+    require(library != nullptr, "cannot load zlib");
     auto *const function = reinterpret_cast<Crc32 *>(dlsym(library, "crc32"));
     require(function != nullptr, "zlib has no crc32()");
     return function;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// zlib's CRC-32. zlib is loaded, not linked: the library has a function of the same name.
+// zlib's CRC-32. zlib is loaded at run time, not linked: libcorvel exports a function of the same
+// name.
 #pragma once
 
 #include <cstdint>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Bytes to hexadecimal text and back, N bytes at a time; and N hardware addresses from colon form
-// to stripped form, to bytes, and back to colon form.
+// Bytes to hexadecimal digits and back, N bytes at a time; and N hardware addresses from the form
+// with colons to the form without, to bytes, and back to the form with colons.
 //
-// The limit is the textbook's loop over a table for each of them, written out for the one job.
+// The limit is the textbook loop with a table for each conversion, written for this job only.
 #include "harness.h"
 
 #include <corvel.h>
@@ -118,7 +118,7 @@ template <void convert(const Bytes &, std::string &)> void to_text(benchmark::St
     const Bytes bytes = random_bytes(static_cast<std::size_t>(state.range(0)));
     std::string out(bytes.size() * 2, '\0');
     convert(bytes, out);
-    bench::require(out == text_of(bytes), "a side prints another text");
+    bench::require(out == text_of(bytes), "a side prints wrong digits");
     bench::measure(state, [&] { convert(bytes, out); });
 }
 
@@ -134,7 +134,7 @@ template <int convert(const std::string &, Bytes &)> void to_bytes(benchmark::St
     const Bytes bytes = random_bytes(static_cast<std::size_t>(state.range(0)));
     const std::string text = text_of(bytes);
     Bytes out(bytes.size());
-    bench::require(convert(text, out) == 0 && out == bytes, "a side reads other bytes");
+    bench::require(convert(text, out) == 0 && out == bytes, "a side returns wrong bytes");
     bench::measure(state, [&] { benchmark::DoNotOptimize(convert(text, out)); });
 }
 
@@ -145,7 +145,8 @@ template <void convert(const char *, char *)> void to_characters(benchmark::Stat
     const std::string text = text_of(bytes);
     std::string out(bytes.size(), '\0');
     convert(text.c_str(), out.data());
-    bench::require(out == std::string(bytes.begin(), bytes.end()), "a side reads other characters");
+    bench::require(out == std::string(bytes.begin(), bytes.end()),
+                   "a side returns wrong characters");
     bench::measure(state, [&] {
         out[0] = '\0';
         convert(text.c_str(), out.data());
@@ -164,7 +165,7 @@ const char *corvel_to_colon_form(const unsigned char *mac) { return iw_pr_ether(
 constexpr MacFunctions corvel_macs = {corvel_to_stripped, ascii2mac, corvel_to_colon_form};
 constexpr MacFunctions limit_macs = {loop_to_stripped, table_to_mac, table_to_colon_form};
 
-/// Through all spellings; returns the last address's text.
+/// Converts each address through all forms; returns the last address.
 template <const MacFunctions &functions> const char *convert(const std::vector<std::string> &macs) {
     const char *text = "";
     for (const std::string &mac : macs) {
@@ -183,7 +184,7 @@ template <const MacFunctions &functions> void spellings(benchmark::State &state)
     std::vector<std::string> macs;
     for (std::size_t at = 0; at < bytes.size(); at += mac_size)
         macs.emplace_back(table_to_colon_form(&bytes[at]));
-    bench::require(convert<functions>(macs) == macs.back(), "an address does not come back");
+    bench::require(convert<functions>(macs) == macs.back(), "an address is not restored");
     bench::measure(state, [&] { benchmark::DoNotOptimize(convert<functions>(macs)); });
 }
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Reading N leases into a list, and releasing it: from the text file of one server, from the binary
-// file of the other.
+// Reading N leases into a list, and releasing it: from the text file of one server and from the
+// binary file of another.
 //
-// The limits take the same fields out of the same file into buffers that the next lease overwrites:
-// with fgets() and sscanf() from text, with fread() and snprintf() from binary records. They keep
+// The limits read the same fields of the same file into buffers that the next lease overwrites:
+// with fgets() and sscanf() from text, with fread() and snprintf() from binary records. They build
 // no list.
 #include "harness.h"
 
@@ -70,7 +70,7 @@ template <Place place, Reader read> void corvel(benchmark::State &state) {
     bench::require(head != nullptr && found == leases &&
                        strcasecmp(head->mac, mac_of_lease(0).c_str()) == 0 &&
                        std::strcmp(head->ip, "192.168.0.0") == 0,
-                   "another list is read");
+                   "the list is wrong");
     free_leaselist(&head);
 
     bench::measure(state, [&] {
@@ -80,7 +80,7 @@ template <Place place, Reader read> void corvel(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/// The texts of one lease.
+/// The fields of one lease as strings.
 struct Texts {
     char ip[128];
     char mac[32];
@@ -130,7 +130,7 @@ std::size_t scan_binary(const std::string &path) {
 template <Place place, std::size_t scan(const std::string &)> void limit(benchmark::State &state) {
     const std::string path = place(static_cast<std::size_t>(state.range(0)));
     bench::require(scan(path) == static_cast<std::size_t>(state.range(0)),
-                   "the limit reads another file");
+                   "the limit reads a wrong number of leases");
     bench::measure(state, [&path] { benchmark::DoNotOptimize(scan(path)); });
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }

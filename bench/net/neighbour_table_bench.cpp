@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Reading N neighbours, each with a hardware address of its own, into a list, and releasing it.
+// Reading N neighbours, each with a different hardware address, into a list, and releasing it.
 //
-// The kernel's table has a fixed name, so this process gets mounts of its own and in them a folder
-// in memory over the kernel's: both sides read the same file there. The limit takes the same fields
-// with fgets() and sscanf() into buffers that the next line overwrites, and keeps no list.
+// The kernel's table has a fixed path, so this process has its own mount namespace, with a
+// directory in memory mounted over the kernel's: both sides read the same file there. The limit
+// reads the same fields with fgets() and sscanf() into buffers that the next line overwrites, and
+// builds no list.
 #include "harness.h"
 
 #include <corvel.h>
@@ -18,7 +19,7 @@ namespace {
 
 constexpr const char *table_path = "/proc/net/arp";
 
-/// A folder in memory in the place of the kernel's tables, for this process alone.
+/// Mounts a directory in memory over the kernel's tables, for this process only.
 void cover_kernel_tables() {
     static const bool covered = [] {
         const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
@@ -26,10 +27,10 @@ void cover_kernel_tables() {
                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                mount("neighbours", "/proc/self/net", "tmpfs", 0, nullptr) == 0;
     }();
-    bench::require(covered, "no table can be placed over the kernel's");
+    bench::require(covered, "cannot mount over the kernel's tables");
 }
 
-/// The first half of an address is one of its maker, the second half is counted up.
+/// The first half of an address identifies the maker, the second half is a counter.
 void place_table(std::size_t neighbours, unsigned makers) {
     cover_kernel_tables();
     std::mt19937 generator(1);
@@ -53,7 +54,7 @@ template <unsigned makers> void corvel(benchmark::State &state) {
     lease_entry *head = nullptr;
     bench::require(get_arp_cache("br-lan", &head) == state.range(0) &&
                        std::strcmp(head->ip, "10.0.0.0") == 0,
-                   "get_arp_cache() reads another table");
+                   "get_arp_cache() reads the table incorrectly");
     free_leaselist(&head);
     bench::measure(state, [&head] {
         get_arp_cache("br-lan", &head);
@@ -86,7 +87,7 @@ std::int64_t scan() {
 
 template <unsigned makers> void limit(benchmark::State &state) {
     place_table(static_cast<std::size_t>(state.range(0)), makers);
-    bench::require(scan() == state.range(0), "the limit reads another table");
+    bench::require(scan() == state.range(0), "the limit reads a wrong number of lines");
     bench::measure(state, [] { benchmark::DoNotOptimize(scan()); });
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }

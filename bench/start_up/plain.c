@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* What with_corvel.c does, in the C library alone: the least that such a program can cost. */
+/* Does the same as with_corvel.c with the C library alone: the minimum cost of such a program. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
-// Starting a CGI program, from the call that makes the process to the end of it: with the library
-// linked dynamically, with it linked statically, and without it. All three read one field of the
-// same query string and the same page of 40 lines, and print the same bytes.
+// Starting a CGI program, from the creation of the process to its end: with the library linked
+// dynamically, with the library linked statically, and without it. All three decode one field of
+// the same query string, read the same page of 40 lines, and print the same bytes.
 //
-// The shared library is not installed here, where the dynamic linker's cache would lead to it at
-// once. Preloading it by its path comes closest: it is opened at the first attempt, too.
+// An installed shared library is found at once through the dynamic linker's cache. The library is
+// not installed here; preloading it by its path is equivalent, since it is also opened at the first
+// attempt.
 //
-// The time is the wall's, since most of it passes in the kernel and in the dynamic linker. The
-// programs take turns within one loop, so that whatever else the machine does meets all of them
-// alike, and each one's figure is the median of its turns.
+// Wall-clock time is measured, since most of it is spent in the kernel and in the dynamic linker.
+// The programs run in turn within one loop, so that other load on the machine affects all of them
+// equally; the result for each program is the median.
 #include "harness.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Decodes the request's one field and fills the page that the first argument names. */
+/* Decodes the request's only field and fills the page named by the first argument. */
 #include "corvel.h"
 
 int main(int argc, char **argv) {

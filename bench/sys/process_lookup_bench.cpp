@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Finding a process by its name among N, in a PID namespace of their own.
+// Finding a process by its name among N, in a separate PID namespace.
 //
-// The peers are whole programs, as a CGI program would start them. A side's time is the
-// processor's, for the process that searches and the programs that it starts. The limit makes the
-// system calls that the job can't do without and nothing else: it lists /proc, and opens, reads and
-// closes the status file of each process.
+// The peers are programs, which a CGI program would start. The time of a side is the processor time
+// of the searching process and of the programs that it starts. The limit makes only the necessary
+// system calls: it lists /proc, and opens, reads and closes the status file of each process.
 #include "harness.h"
 #include "sys/process_room.h"
 
@@ -37,7 +36,7 @@ const bench::ProcessRoom &room() {
     return room;
 }
 
-// ------------------------------------------------------------------ what the worker is asked to do
+// --------------------------------------------------------------------- functions run by the worker
 
 void run_program(const char *program, const char *option) {
     std::array<std::string, 3> texts{program, option, daemon_name};
@@ -64,7 +63,7 @@ void with_system_calls_alone() {
         std::snprintf(path.data(), path.size(), "/proc/%s/status",
                       static_cast<const char *>(entry->d_name));
         const int file = open(path.data(), O_RDONLY);
-        bench::require(read(file, block.data(), block.size()) > 0, "a status file can't be read");
+        bench::require(read(file, block.data(), block.size()) > 0, "cannot read a status file");
         close(file);
     }
     closedir(processes);
@@ -98,16 +97,17 @@ double found_by(void (*peer)()) {
 double found_by_pidof() { return found_by(with_pidof); }
 double found_by_pgrep() { return found_by(with_pgrep); }
 
-/// The system calls of one search, from start to end, by a process that is one more to look at.
+/// Counts the system calls of one search, made by an additional process, which the search visits
+/// too.
 double system_calls() {
     const pid_t searcher = fork();
-    bench::require(searcher >= 0, "no process can be made");
+    bench::require(searcher >= 0, "cannot create a process");
     if (searcher == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
             _exit(1);
         raise(SIGSTOP);
         with_corvel();
-        kill(getpid(), SIGKILL); // getpid() and kill(): two calls that are not the search's
+        kill(getpid(), SIGKILL); // getpid() and kill(): two calls not made by the search
     }
     int status = 0;
     int stops = 0;
@@ -117,8 +117,8 @@ double system_calls() {
         waitpid(searcher, &status, 0);
     }
     bench::require(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && stops > 0,
-                   "a search is not traced to its end");
-    const int calls = stops / 2; // it stops where a call begins and where it ends
+                   "tracing a search failed");
+    const int calls = stops / 2; // it stops at the entry and at the exit of each call
     return calls - 2;
 }
 

@@ -17,7 +17,7 @@ namespace bench {
 
 namespace {
 
-/// Short names as a router has them.
+/// Process names as on a router.
 constexpr std::array names = {"sh", "httpd", "dropbear", "syslogd", "hostapd", "worker", "udevd"};
 
 [[noreturn]] void give_up(const char *what) {
@@ -51,17 +51,17 @@ void start(const Sleepers &sleepers) {
     std::array<char *, 3> arguments{program.data(), seconds.data(), nullptr};
     pid_t last = 0;
     need(posix_spawn(&last, sleepers.daemon, nullptr, nullptr, arguments.data(), environ) == 0,
-         "the process that is looked for can't be started");
+         "cannot start the process to be found");
 }
 
-/// The namespace's first process; the kernel ends all others with it.
+/// The first process of the namespace; when it ends, the kernel kills all others.
 [[noreturn]] void work(const Sleepers &sleepers, int requests, int replies) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     need(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
          "/proc can't be mounted");
     start(sleepers);
     Work asked = nullptr;
-    double result = 0; // the first reply says that all are there
+    double result = 0; // the first reply reports that all are running
     for (;;) {
         need(write(replies, &result, sizeof result) == sizeof result, "no reply");
         if (read(requests, &asked, sizeof asked) != sizeof asked)
@@ -70,12 +70,13 @@ void start(const Sleepers &sleepers) {
     }
 }
 
-/// Keeps the namespace, in which it does not live itself.
+/// Keeps the namespace alive, without being in it.
 [[noreturn]] void keep(const Sleepers &sleepers, int requests, int replies) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int user = geteuid() == 0 ? 0 : CLONE_NEWUSER;
-    need(unshare(user | CLONE_NEWPID | CLONE_NEWNS) == 0, "no namespaces can be made");
-    need(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mounts stay shared");
+    need(unshare(user | CLONE_NEWPID | CLONE_NEWNS) == 0, "cannot create namespaces");
+    need(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+         "cannot make the mounts private");
     const pid_t worker = fork();
     need(worker >= 0, "fork");
     if (worker == 0)
@@ -104,7 +105,7 @@ ProcessRoom::ProcessRoom(const Sleepers &sleepers) {
     replies_ = replies.ends[0];
     double ready = 0;
     require(keeper_ > 0 && read(replies_, &ready, sizeof ready) == sizeof ready,
-            "there are no namespaces with processes to look among");
+            "the namespace with its processes could not be created");
 }
 
 ProcessRoom::~ProcessRoom() {
@@ -117,7 +118,7 @@ double ProcessRoom::ask(Work work) const {
     double result = 0;
     require(write(requests_, &work, sizeof work) == sizeof work &&
                 read(replies_, &result, sizeof result) == sizeof result,
-            "a job among other processes fails");
+            "the worker failed");
     return result;
 }
 

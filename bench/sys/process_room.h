@@ -1,31 +1,30 @@
 // SPDX-License-Identifier: MIT
-// A PID namespace with a number of sleeping processes, a /proc of its own, and a worker that does
-// jobs in it.
+// A PID namespace with sleeping processes, its own /proc, and a worker that runs functions in it.
 #pragma once
 
 #include <sys/types.h>
 
 namespace bench {
 
-/// The processes of the namespace, which sleep.
+/// The sleeping processes of the namespace.
 struct Sleepers {
-    int count;          ///< All of them, with the worker, which does not sleep, and the last one.
-    const char *daemon; ///< The last one's program: `sleep` by another name.
+    int count;          ///< Their number, including the worker and the last one.
+    const char *daemon; ///< Name of the program of the last one: a copy of `sleep`.
 };
 
-/// What a room's worker does when it is asked.
+/// A function for the worker of a room.
 using Work = double (*)();
 
-/// The room with its worker, which stay until this process ends.
+/// The namespace with its worker; both exist until this process ends.
 class ProcessRoom {
   public:
-    /// All processes run when this returns.
+    /// Returns when all processes are running.
     explicit ProcessRoom(const Sleepers &sleepers);
     ~ProcessRoom();
     ProcessRoom(const ProcessRoom &) = delete;
     ProcessRoom &operator=(const ProcessRoom &) = delete;
 
-    /// Has the worker do something; returns what that returns.
+    /// Runs a function in the worker; returns its result.
     double ask(Work work) const;
 
   private:
