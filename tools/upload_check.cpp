@@ -17,7 +17,7 @@ constexpr std::size_t most_files = 4;
 constexpr std::string_view type_header = "Content-Type:";
 constexpr std::string_view encoding_header = "Content-Transfer-Encoding:";
 
-/// A boundary that a file cannot have been made to contain.
+/// A random boundary, so that no file can be made to contain it.
 std::string random_boundary() {
     std::random_device random;
     std::string boundary = "--";
