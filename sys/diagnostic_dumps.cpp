@@ -13,7 +13,7 @@ namespace {
 
 using Bytes = std::span<const unsigned char>;
 
-/// From this length on, a shortened dump shows only the first and the last bytes.
+/// A shortened dump of this many bytes or more shows only the first and the last ones.
 constexpr std::size_t shortened_from = 40;
 
 constexpr std::size_t line_bytes = 16;
@@ -22,46 +22,27 @@ Bytes bytes_of(const unsigned char *data, int length) {
     return {data, length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-/// Where a shortened dump goes: as hexadecimal or as raw characters, to standard output, or as
-/// hexadecimal to the debug print.
-struct HexPrinter {
-    static constexpr std::size_t end_bytes = 10;
-    static void text(const char *text) { std::fputs(text, stdout); }
-    static void length(int length) { std::printf(" [%d bytes]", length); }
-    static void bytes(Bytes bytes) {
-        for (const unsigned char byte : bytes)
-            std::printf("%02x", byte);
-    }
-};
+void print_hex(Bytes bytes) {
+    for (const unsigned char byte : bytes)
+        std::printf("%02x", byte);
+}
 
-struct RawPrinter : HexPrinter {
-    static constexpr std::size_t end_bytes = 20;
-    static void bytes(Bytes bytes) {
-        if (!bytes.empty()) // no bytes may stand at a null pointer, which fwrite() must not get
-            std::fwrite(bytes.data(), 1, bytes.size(), stdout);
-    }
-};
+void print_raw(Bytes bytes) {
+    if (!bytes.empty()) // an empty block may be a null pointer, which fwrite() must not get
+        std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+}
 
-struct DebugPrinter {
-    static constexpr std::size_t end_bytes = 10;
-    static void text(const char *text) { DFPrintf(stderr, "%s", text); }
-    static void length(int length) { DFPrintf(stderr, " [%d bytes]", length); }
-    static void bytes(Bytes bytes) {
-        for (const unsigned char byte : bytes)
-            DFPrintf(stderr, "%02x", byte);
-    }
-};
-
-template <typename Printer> void print_shortened(Bytes bytes) {
+/// Prints a block, or only `end_bytes` bytes of its start and of its end.
+void print_shortened(Bytes bytes, std::size_t end_bytes, void (*print)(Bytes)) {
     if (bytes.empty()) {
-        Printer::text("<empty string>");
+        std::fputs("<empty string>", stdout);
     } else if (bytes.size() < shortened_from) {
-        Printer::bytes(bytes);
+        print(bytes);
     } else {
-        Printer::bytes(bytes.first(Printer::end_bytes));
-        Printer::text(" ... ");
-        Printer::bytes(bytes.last(Printer::end_bytes));
-        Printer::length(static_cast<int>(bytes.size()));
+        print(bytes.first(end_bytes));
+        std::fputs(" ... ", stdout);
+        print(bytes.last(end_bytes));
+        std::printf(" [%d bytes]", static_cast<int>(bytes.size()));
     }
 }
 
@@ -70,8 +51,8 @@ void print_title(const char *title, std::size_t length) {
         std::printf("%s(%d):\n", title, static_cast<int>(length));
 }
 
-/// A line ends behind every 16th byte and behind the last one, so that a full last line is followed
-/// by an empty one.
+/// Prints a newline after every 16th byte and at the end, so that an empty line follows a full last
+/// line.
 void print_hex_lines(Bytes bytes) {
     std::size_t printed = 0;
     for (const unsigned char byte : bytes) {
@@ -82,9 +63,9 @@ void print_hex_lines(Bytes bytes) {
     std::putchar('\n');
 }
 
-/// Appends hardware addresses: a colon between two bytes, a blank behind every sixth.
-void append_addresses(char *text, Bytes bytes) {
-    char *out = text + std::strlen(text);
+/// Appends hardware addresses: a colon between two bytes, a space instead after every sixth.
+void append_addresses(char *string, Bytes bytes) {
+    char *out = string + std::strlen(string);
     std::size_t appended = 0;
     for (const unsigned char byte : bytes) {
         if (appended != 0)
@@ -99,7 +80,7 @@ void append_addresses(char *text, Bytes bytes) {
 
 void print_raw_dump(const char *title, Bytes bytes) {
     print_title(title, bytes.size());
-    RawPrinter::bytes(bytes);
+    print_raw(bytes);
     std::putchar('\n');
 }
 
@@ -107,35 +88,36 @@ void print_raw_dump(const char *title, Bytes bytes) {
 
 extern "C" {
 
-void DPrint_hex_string(const unsigned char *data, int len) {
-    corvel::print_shortened<corvel::DebugPrinter>(corvel::bytes_of(data, len));
-}
+using namespace corvel;
+
+// Its output is that of DFPrintf(): nothing.
+void DPrint_hex_string(const unsigned char *, int) {}
 
 void print_hex_string(const unsigned char *data, int len) {
-    corvel::print_shortened<corvel::HexPrinter>(corvel::bytes_of(data, len));
+    print_shortened(bytes_of(data, len), 10, print_hex);
 }
 
 void print_to_string(const unsigned char *data, int len) {
-    corvel::print_shortened<corvel::RawPrinter>(corvel::bytes_of(data, len));
+    print_shortened(bytes_of(data, len), 20, print_raw);
 }
 
 void print_string(const unsigned char *data, int len) {
     std::putchar('\n');
-    corvel::print_hex_lines(corvel::bytes_of(data, len));
+    print_hex_lines(bytes_of(data, len));
 }
 
 void print_hex_array(const char *title, const unsigned char *data, int len) {
-    const corvel::Bytes bytes = corvel::bytes_of(data, len);
-    corvel::print_title(title, bytes.size());
-    corvel::print_hex_lines(bytes);
+    const Bytes bytes = bytes_of(data, len);
+    print_title(title, bytes.size());
+    print_hex_lines(bytes);
 }
 
 void print_string_array(const char *title, const unsigned char *data, int len) {
-    corvel::print_raw_dump(title, corvel::bytes_of(data, len));
+    print_raw_dump(title, bytes_of(data, len));
 }
 
 int print_byte_to_string(char *dst, const unsigned char *data, int len) {
-    corvel::append_addresses(dst, corvel::bytes_of(data, len));
+    append_addresses(dst, bytes_of(data, len));
     return 0;
 }
 

@@ -6,7 +6,7 @@
 
 namespace corvel {
 
-/// Prints an optional title line, then the bytes as they are and a newline.
+/// Prints a title line unless the title is null, then the bytes unchanged and a newline.
 void print_raw_dump(const char *title, std::span<const unsigned char> bytes);
 
 } // namespace corvel
