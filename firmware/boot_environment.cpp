@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "firmware/crc32.h"
+#include "firmware/environment_format.h"
 #include "support/big_endian.h"
 #include "support/descriptor.h"
 #include "support/text.h"
@@ -19,8 +20,7 @@ unsigned char env_image_mem[CORVEL_ENV_SIZE];
 namespace corvel {
 namespace {
 
-constexpr std::size_t checksum_size = 4;
-constexpr std::size_t data_size = CORVEL_ENV_SIZE - checksum_size;
+constexpr std::size_t data_size = environment_data_size;
 
 unsigned char *current_image = nullptr;
 
@@ -30,7 +30,8 @@ class DataArea {
   public:
     static constexpr std::size_t nowhere = data_size;
 
-    explicit DataArea(unsigned char *image) : data_(image + checksum_size, data_size) {}
+    explicit DataArea(unsigned char *image)
+        : data_(environment_data(EnvironmentImage(image, CORVEL_ENV_SIZE))) {}
 
     /// Whether the list ends here, be it that the data does.
     [[nodiscard]] bool ends_at(std::size_t index) const {
@@ -101,7 +102,7 @@ class DataArea {
 
     [[nodiscard]] unsigned char *at(std::size_t index) const { return &data_[index]; }
 
-    [[nodiscard]] std::uint32_t checksum() const { return crc32_of(data_); }
+    [[nodiscard]] std::uint32_t crc() const { return crc32_of(data_); }
 
   private:
     [[nodiscard]] std::size_t index_of(const unsigned char *position) const {
@@ -127,8 +128,8 @@ class DataArea {
     std::span<unsigned char, data_size> data_;
 };
 
-std::span<unsigned char, checksum_size> checksum_word(unsigned char *image) {
-    return std::span<unsigned char, checksum_size>(image, checksum_size);
+std::span<unsigned char, environment_crc_size> crc_word(unsigned char *image) {
+    return environment_crc(EnvironmentImage(image, CORVEL_ENV_SIZE));
 }
 
 /// Writes the entry if there is room for it, its NUL and the NUL that ends the list.
@@ -156,8 +157,7 @@ ImageRead read_environment_image(const char *path) {
 
 bool use_environment_image(void *image) {
     current_image = static_cast<unsigned char *>(image);
-    const bool good =
-        big_endian_word(checksum_word(current_image)) == DataArea(current_image).checksum();
+    const bool good = big_endian_word(crc_word(current_image)) == DataArea(current_image).crc();
     if (!good)
         std::puts("Warning - bad CRC");
     return good;
@@ -202,7 +202,7 @@ bool set_variable(const char *name, const char *value) {
     // Where there is no room the old value is gone, and the stale checksum says so.
     if (value != nullptr && !append_variable(area, name_text, value))
         return false;
-    store_big_endian(checksum_word(current_image), area.checksum());
+    store_big_endian(crc_word(current_image), area.crc());
     return true;
 }
 

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <numeric>
 #include <syslog.h>
+#include <utility>
 
 #include "firmware/boot_parameter.h"
 #include "firmware/crc32.h"
@@ -19,40 +20,6 @@ namespace corvel {
 namespace {
 
 using Bytes = std::span<const unsigned char>;
-
-constexpr std::size_t header_size = 20;
-
-/// A section may announce up to this many payload bytes more than the image holds.
-constexpr std::size_t length_margin = 4;
-
-/// One less than the records a caller provides: the fifth record ends the parsing.
-constexpr int most_sections = 4;
-
-enum Result : int {
-    accepted = 0,
-    section_past_end = 1,
-    bad_checksum = 2,
-    section_too_large = 3,
-    too_many_sections = 4,
-    bad_crc = 5,
-};
-
-struct Header {
-    const unsigned char *signature;
-    std::uint32_t burnaddr;
-    std::uint32_t mtd_id;
-    std::uint32_t pad;
-    std::uint32_t len;
-};
-
-std::uint32_t header_word(Bytes section, std::size_t offset) {
-    return big_endian_word(section.subspan(offset).first<4>());
-}
-
-Header read_header(Bytes section) {
-    return {section.data(), header_word(section, 4), header_word(section, 8),
-            header_word(section, 12), header_word(section, 16)};
-}
 
 /// The first bytes of a block, as many as there are.
 Bytes first_bytes(Bytes block, std::size_t length) {
@@ -102,7 +69,7 @@ struct Content {
 
 /// Only the size of a stripped section wraps at 32 bits: a whole section that did would be shorter
 /// than its own header.
-Content content_of(Bytes section, const Header &header, const sign_tbl_entry &row) {
+Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_entry &row) {
     if (row.strip_header == 1) {
         const std::uint32_t size = header.len - 1 - header.pad;
         return {size, first_bytes(section.subspan(header_size), size)};
@@ -112,8 +79,8 @@ Content content_of(Bytes section, const Header &header, const sign_tbl_entry &ro
 }
 
 /// Whether a section's payload sums up and fits its partition; only asked where it has to.
-Result check_section(Bytes section, std::uint64_t offset, const Header &header,
-                     const sign_tbl_entry &row, std::uint64_t size) {
+ParseResult check_section(Bytes section, std::uint64_t offset, const SectionHeader &header,
+                          const sign_tbl_entry &row, std::uint64_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
         syslog(LOG_ERR, "%s image checksum error at %X!\n", row.signature,
                static_cast<unsigned int>(offset + header_size));
@@ -131,15 +98,14 @@ Result check_section(Bytes section, std::uint64_t offset, const Header &header,
     return accepted;
 }
 
-void fill_record(img_info &record, const Header &header, const sign_tbl_entry &row, Bytes bytes,
-                 std::uint32_t shift) {
-    const bool in_set = STRCMP(row.signature, "root") == 0 || STRCMP(row.signature, "kern") == 0;
+void fill_record(img_info &record, const SectionHeader &header, const sign_tbl_entry &row,
+                 Bytes bytes, std::uint32_t shift) {
     std::snprintf(record.name, sizeof record.name, "/tmp/firmware/%s.bin", row.name);
     record.data = bytes.data();
     record.len = static_cast<std::uint32_t>(bytes.size());
     record.burnAddr = row.mtd_id == 0 ? header.burnaddr : 0;
     record.base_mtd_id = row.mtd_id;
-    record.mtd_ids = in_set ? row.mtd_id + shift : row.mtd_id;
+    record.mtd_ids = is_in_set_a(row) ? row.mtd_id + shift : row.mtd_id;
     std::snprintf(record.mtdev, sizeof record.mtdev, "%s%d", "/dev/mtdblock",
                   static_cast<int>(record.mtd_ids));
 }
@@ -151,11 +117,12 @@ struct Recognised {
 };
 
 /// Walks the sections of an image; each one that is recognised fills a record.
-Result walk_sections(Bytes image, std::uint32_t shift, img_info *records, Recognised &recognised) {
+ParseResult walk_sections(Bytes image, std::uint32_t shift, img_info *records,
+                          Recognised &recognised) {
     std::uint64_t offset = 0; // a section may announce more than a 32-bit size can hold
     while (offset + header_size < image.size()) {
         const Bytes section = image.subspan(static_cast<std::size_t>(offset));
-        const Header header = read_header(section);
+        const SectionHeader header = read_header(section.first<header_size>());
         if (section.size() - header_size + length_margin < header.len) {
             syslog(LOG_ERR, "Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
                    static_cast<int>(header.len), static_cast<int>(image.size()),
@@ -167,14 +134,15 @@ Result walk_sections(Bytes image, std::uint32_t shift, img_info *records, Recogn
         if (row != nullptr) {
             syslog(LOG_INFO, "find firmware (%s)\n", row->name);
             const Content content = content_of(section, header, *row);
-            const Result checked = header.mtd_id != no_partition
-                                       ? check_section(section, offset, header, *row, content.size)
-                                       : accepted;
+            const ParseResult checked =
+                header.mtd_id != no_partition
+                    ? check_section(section, offset, header, *row, content.size)
+                    : accepted;
             if (checked != accepted)
                 return checked;
             fill_record(records[recognised.count], header, *row, content.bytes, shift);
             recognised.last_is_whole = content.bytes.size() == content.size;
-            if (++recognised.count > most_sections)
+            if (std::cmp_greater(++recognised.count, most_sections))
                 return too_many_sections;
         }
         offset += header_size + header.len;
@@ -195,11 +163,11 @@ void log_records(std::span<const img_info> records) {
 
 /// Checks the CRC at the end of a version section; an image that ends otherwise carries none. A CRC
 /// of which the image does not hold all bytes is never the right one.
-Result check_crc(Bytes image, const img_info &last, bool last_is_whole) {
+ParseResult check_crc(Bytes image, const img_info &last, bool last_is_whole) {
     if (last.mtd_ids != no_partition)
         return accepted;
-    const std::uint32_t stored = big_endian_word(Bytes(last.data, last.len).last<4>());
-    const std::uint32_t computed = crc32_of(image.first(image.size() - 4));
+    const std::uint32_t stored = big_endian_word(Bytes(last.data, last.len).last<crc_size>());
+    const std::uint32_t computed = crc32_of(image.first(image.size() - crc_size));
     if (computed == stored && last_is_whole)
         return accepted;
     syslog(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed, stored);
@@ -223,7 +191,7 @@ bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size
 
 int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count) {
     Recognised recognised;
-    const Result walked = walk_sections(image, shift, records, recognised);
+    const ParseResult walked = walk_sections(image, shift, records, recognised);
     count = recognised.count;
     if (walked != accepted)
         return walked;

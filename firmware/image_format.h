@@ -1,18 +1,69 @@
 // SPDX-License-Identifier: MIT
+// An upgrade image: sections end to end, each a header and a payload. The payload of a section for
+// a partition ends with padding and a byte that makes the sum of the payload's bytes 0 (modulo
+// 256). The last section is the version section, whose payload ends with the CRC-32 of all bytes
+// before it. Integers are big-endian.
 #ifndef CORVEL_FIRMWARE_IMAGE_FORMAT_H
 #define CORVEL_FIRMWARE_IMAGE_FORMAT_H
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
+
+#include "support/big_endian.h"
 
 namespace corvel {
+
+/// The offset of each field in a section's header, and the header's size.
+enum HeaderField : std::size_t {
+    at_signature = 0,
+    at_burnaddr = 4,
+    at_mtd_id = 8,
+    at_pad = 12,
+    at_len = 16,
+    header_size = 20
+};
+
+inline constexpr std::size_t signature_size = 4;
+inline constexpr std::size_t crc_size = 4;
+
+struct SectionHeader {
+    const unsigned char *signature; ///< four bytes
+    std::uint32_t burnaddr;
+    std::uint32_t mtd_id;
+    std::uint32_t pad; ///< bytes of padding
+    std::uint32_t len; ///< bytes of payload
+};
+
+constexpr SectionHeader read_header(std::span<const unsigned char, header_size> bytes) {
+    return {bytes.data() + at_signature, big_endian_word(bytes.subspan<at_burnaddr, 4>()),
+            big_endian_word(bytes.subspan<at_mtd_id, 4>()),
+            big_endian_word(bytes.subspan<at_pad, 4>()),
+            big_endian_word(bytes.subspan<at_len, 4>())};
+}
+
+/// A section can announce up to this many payload bytes more than the image contains.
+inline constexpr std::size_t length_margin = 4;
+
+/// The sections with a known signature that an image can have, the version section included.
+inline constexpr std::size_t most_sections = 4;
+
+/// The result of parse_firmware().
+enum ParseResult : int {
+    accepted = 0,
+    section_past_end = 1,
+    bad_checksum = 2,
+    section_too_large = 3,
+    too_many_sections = 4,
+    bad_crc = 5,
+};
 
 /// A section with this `mtd_id` has no payload checksum and no size limit; a partition with it is
 /// not written anywhere.
 inline constexpr std::uint32_t no_partition = 255;
 
-/// One partition of the flash.
+/// One partition of the flash, or the version section.
 struct sign_tbl_entry {
     const char *signature;
     const char *name;
@@ -22,6 +73,16 @@ struct sign_tbl_entry {
     std::uint32_t max_size;
     std::uint32_t flash_offset;
     std::uint32_t mtd_id;
+};
+
+/// Rows of the partition table.
+enum PartitionRow : std::size_t {
+    boot_loader_row = 0,
+    boot_environment_row = 1,
+    root_a_row = 2,
+    kernel_a_row = 3,
+    root_b_row = 4,
+    kernel_b_row = 5,
 };
 
 inline constexpr std::array<sign_tbl_entry, 10> sign_tbl = {{
@@ -37,7 +98,19 @@ inline constexpr std::array<sign_tbl_entry, 10> sign_tbl = {{
     {"Ver0", "Ver0", 9, 4, 0, 0x5c, 0xffffffff, no_partition},
 }};
 
-/// The row whose signature stands at `signature`, or null.
+/// The version section states what the image is; it is written nowhere.
+constexpr bool is_version(const sign_tbl_entry &partition) {
+    return partition.mtd_id == no_partition;
+}
+
+/// Whether a section for this partition is written to the idle set's one instead: the partition is
+/// the root file system or the kernel of set A.
+constexpr bool is_in_set_a(const sign_tbl_entry &partition) {
+    return partition.mtd_id == sign_tbl[root_a_row].mtd_id ||
+           partition.mtd_id == sign_tbl[kernel_a_row].mtd_id;
+}
+
+/// The row whose signature is at `signature`, or null.
 const sign_tbl_entry *find_partition(const unsigned char *signature);
 
 } // namespace corvel

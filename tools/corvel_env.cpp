@@ -10,6 +10,7 @@
 #include <string_view>
 #include <sys/stat.h>
 
+#include "firmware/environment_format.h"
 #include "support/big_endian.h"
 #include "tools/command_line.h"
 #include "tools/files.h"
@@ -52,14 +53,12 @@ A command that fails leaves the file unchanged. Exit status: 0 on success,
 cannot be read or written or the usage is wrong.
 )";
 
-constexpr std::size_t crc_size = 4;
-constexpr std::size_t data_size = CORVEL_ENV_SIZE - crc_size;
+constexpr std::size_t crc_size = environment_crc_size;
+constexpr std::size_t data_size = environment_data_size;
 
-std::span<unsigned char, data_size> data_area() {
-    return std::span(env_image_mem).last<data_size>();
-}
+std::span<unsigned char, data_size> data_area() { return environment_data(env_image_mem); }
 
-std::uint32_t stored_crc() { return big_endian_word(std::span(env_image_mem).first<crc_size>()); }
+std::uint32_t stored_crc() { return big_endian_word(environment_crc(env_image_mem)); }
 
 std::uint32_t computed_crc() { return crc32(data_area().data(), static_cast<int>(data_size)); }
 

@@ -16,9 +16,6 @@ namespace {
 
 using Image = std::span<const unsigned char>;
 
-/// A section's length may exceed the bytes that follow its header by this many.
-constexpr std::size_t length_margin = 4;
-
 /// Limits the list: an image of zeros is a chain of hundreds of thousands of unknown sections.
 constexpr std::size_t most_unknown_listed = 4;
 
@@ -31,12 +28,12 @@ struct SetDevices {
 };
 
 constexpr SetDevices devices_of(Set set) {
-    return set == set_a ? SetDevices{sign_tbl[2].mtd_id, sign_tbl[3].mtd_id}
-                        : SetDevices{sign_tbl[4].mtd_id, sign_tbl[5].mtd_id};
+    return set == set_a ? SetDevices{sign_tbl[root_a_row].mtd_id, sign_tbl[kernel_a_row].mtd_id}
+                        : SetDevices{sign_tbl[root_b_row].mtd_id, sign_tbl[kernel_b_row].mtd_id};
 }
 
-constexpr std::uint32_t boot_loader_device = sign_tbl[0].mtd_id;
-constexpr std::uint32_t boot_environment_device = sign_tbl[1].mtd_id;
+constexpr std::uint32_t boot_loader_device = sign_tbl[boot_loader_row].mtd_id;
+constexpr std::uint32_t boot_environment_device = sign_tbl[boot_environment_row].mtd_id;
 
 /// The running sets for which a statement is true.
 struct RunningSets {
@@ -61,16 +58,6 @@ Verdict ask_library(Image image, Set running) {
     return {result, std::move(records)};
 }
 
-/// Why the library refuses an image, by its result.
-enum Result : int {
-    accepted = 0,
-    section_past_end = 1,
-    bad_checksum = 2,
-    section_too_large = 3,
-    too_many_sections = 4,
-    bad_crc = 5,
-};
-
 /// Visits the sections in the same way as the library, to find where and why it stops.
 class Walk {
   public:
@@ -89,13 +76,13 @@ class Walk {
     }
 
   private:
-    void refuse(Result result, std::string fault) {
+    void refuse(ParseResult result, std::string fault) {
         result_ = result;
         found_.fault = std::move(fault);
     }
 
     void take_section() {
-        ImageSection section = read_header();
+        ImageSection section = read_section();
         const std::size_t held = image_.size() - offset_ - header_size;
         if (held + length_margin < section.length)
             refuse(section_past_end,
@@ -110,18 +97,17 @@ class Walk {
         offset_ += header_size + section.length;
     }
 
-    ImageSection read_header() {
-        const Image header = image_.subspan(offset_, header_size);
-        const std::uint32_t row = get_tbl_id(header.data());
+    ImageSection read_section() {
+        const SectionHeader header = read_header(image_.subspan(offset_).first<header_size>());
         ImageSection section{};
         section.number = ++count_;
         section.offset = offset_;
-        section.signature.assign(header.begin(), header.begin() + 4);
-        section.burn_address = big_endian_word(header.subspan<4, 4>());
-        section.mtd_id = big_endian_word(header.subspan<8, 4>());
-        section.padding = big_endian_word(header.subspan<12, 4>());
-        section.length = big_endian_word(header.subspan<16, 4>());
-        section.partition = row < sign_tbl.size() ? &sign_tbl[row] : nullptr;
+        section.signature.assign(header.signature, header.signature + signature_size);
+        section.burn_address = header.burnaddr;
+        section.mtd_id = header.mtd_id;
+        section.padding = header.pad;
+        section.length = header.len;
+        section.partition = find_partition(header.signature);
         section.checksum = ImageSection::Checksum::none;
         return section;
     }
@@ -463,7 +449,7 @@ class Walk {
 
     Image image_;
     Inspection found_;
-    Result result_ = accepted;
+    ParseResult result_ = accepted;
     std::size_t offset_ = 0;
     std::size_t count_ = 0;
     std::size_t unknown_ = 0;
