@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "firmware/firmware_parser.h"
 
-#include <algorithm>
-#include <cstring>
 #include <fcntl.h>
-#include <numeric>
 #include <syslog.h>
 #include <utility>
 
@@ -26,38 +23,20 @@ Bytes first_bytes(Bytes block, std::size_t length) {
     return block.first(at_most(length, block.size()));
 }
 
-constexpr std::size_t word_size = sizeof(std::uint64_t);
-
-/// The sum of whole words' bytes, of at most this many words. The bytes at even and those at odd
-/// places are summed four by four side by side, each sum in a lane of 16 bits that it does not
-/// leave: at -O2 that is more than three times as fast as byte by byte.
-constexpr std::size_t most_words = 0xFFFF / 0xFF;
-
-unsigned char sum_of_words(Bytes words) {
-    constexpr std::uint64_t low_bytes = 0x00FF00FF00FF00FF;
-    std::uint64_t even = 0;
-    std::uint64_t odd = 0;
-    for (std::size_t i = 0; i < words.size(); i += word_size) {
-        std::uint64_t word;
-        std::memcpy(&word, &words[i], sizeof word);
-        even += word & low_bytes;
-        odd += (word >> 8) & low_bytes;
-    }
-    std::uint64_t sum = 0;
-    for (int lane = 0; lane < 64; lane += 16)
-        sum += (even >> lane) + (odd >> lane);
-    return static_cast<unsigned char>(sum);
-}
-
+/// The sum of a block's bytes, modulo 256. In runs of a fixed length, the compiler uses vector
+/// instructions where the processor has them: on x86-64 that is five times as fast as one loop over
+/// all bytes. On the board it is as fast, with 6.2 instead of 6.0 instructions a byte.
 unsigned char sum_of(Bytes bytes) {
+    constexpr std::size_t run_length = 64;
     unsigned int sum = 0;
-    while (bytes.size() >= word_size) {
-        const Bytes words =
-            first_bytes(bytes, at_most(bytes.size() / word_size, most_words) * word_size);
-        sum += sum_of_words(words);
-        bytes = bytes.subspan(words.size());
+    while (bytes.size() >= run_length) {
+        for (const unsigned char byte : bytes.first<run_length>())
+            sum += byte;
+        bytes = bytes.subspan(run_length);
     }
-    return static_cast<unsigned char>(std::accumulate(bytes.begin(), bytes.end(), sum));
+    for (const unsigned char byte : bytes)
+        sum += byte;
+    return static_cast<unsigned char>(sum);
 }
 
 /// What of a section is written to flash. `size` is as the section says, `bytes` what of it the
