@@ -16,7 +16,7 @@
 namespace corvel {
 namespace {
 
-/// A copy of what is between a key and the next space; null if either is missing.
+/// A copy of the characters between a key and the next space; null if either is missing.
 HeapBlock<char> copy_argument(const char *arguments, const char *key) {
     if (arguments == nullptr)
         return nullptr;
@@ -29,7 +29,8 @@ HeapBlock<char> copy_argument(const char *arguments, const char *key) {
     return end != nullptr ? copy_of({value, end}) : nullptr;
 }
 
-/// Whether a good environment was read, with the messages that get_rootid() has of its own.
+/// Reads an environment and makes it current, with the messages of get_rootid(). Returns false if
+/// it cannot be read or its CRC is bad.
 bool load_for_root_id(const char *path) {
     switch (read_environment_image(path)) {
     case ImageRead::cannot_open:
@@ -66,25 +67,26 @@ int save_variable(const char *path, const char *name, const char *value) {
 
 extern "C" {
 
+using namespace corvel;
+
 char *parse_bootargs_get_val(const char *args, const char *key) {
-    return corvel::copy_argument(args, key).release();
+    return copy_argument(args, key).release();
 }
 
 uint32_t get_rootid(const char *path) {
-    if (!corvel::load_for_root_id(path))
+    if (!load_for_root_id(path))
         return 0;
-    const corvel::HeapBlock<char> position =
-        corvel::copy_argument(corvel::find_variable("bootargs"), "root=");
+    const HeapBlock<char> position = copy_argument(find_variable("bootargs"), "root=");
     if (!position)
         return 0;
     std::printf("pos=%s\n", position.get());
-    // The number is read from the colon itself, where there is none: the root id is always 0.
+    // The number is read at the colon, not after it: the root id is always 0.
     const std::string_view text(position.get());
-    return static_cast<uint32_t>(corvel::decimal_value(corvel::behind(text, text.find(':'))));
+    return static_cast<uint32_t>(decimal_value(behind(text, text.find(':'))));
 }
 
 int save_param(const char *path, const char *name, const char *value) {
-    return corvel::save_variable(path, name, value);
+    return save_variable(path, name, value);
 }
 
 } // extern "C"

@@ -4,7 +4,7 @@
 
 namespace corvel {
 
-/// save_param(), with its messages and results.
+/// Does what save_param() does; same result.
 int save_variable(const char *path, const char *name, const char *value);
 
 } // namespace corvel

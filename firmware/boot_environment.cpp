@@ -24,8 +24,8 @@ constexpr std::size_t data_size = environment_data_size;
 
 unsigned char *current_image = nullptr;
 
-/// The data area of an image: entries `name=value`, each ended by a NUL, then an empty entry. What
-/// the flash holds may be anything, so that nothing here relies on either being there.
+/// The data of an image. The flash can contain anything: no function here relies on a NUL or on the
+/// empty entry at the end of the list.
 class DataArea {
   public:
     static constexpr std::size_t nowhere = data_size;
@@ -33,7 +33,7 @@ class DataArea {
     explicit DataArea(unsigned char *image)
         : data_(environment_data(EnvironmentImage(image, CORVEL_ENV_SIZE))) {}
 
-    /// Whether the list ends here, be it that the data does.
+    /// Whether the list ends at `index`: with an empty entry, or because the data ends.
     [[nodiscard]] bool ends_at(std::size_t index) const {
         return index >= data_size || data_[index] == '\0';
     }
@@ -44,8 +44,8 @@ class DataArea {
         return end == nullptr ? nowhere : index_of(static_cast<const unsigned char *>(end));
     }
 
-    /// The entry's value if the name is its name, else `nowhere`. A name that goes on behind a `=`
-    /// matches where it agrees with the entry up to there.
+    /// The value of the entry at `start` if the entry has this name, else `nowhere`. A name that
+    /// contains `=` is compared up to and including the first one.
     [[nodiscard]] std::size_t value_of_entry(std::size_t start, const char *name) const {
         std::size_t index = start;
         while (index < data_size && *name != '\0' &&
@@ -77,19 +77,20 @@ class DataArea {
         return {nowhere, nowhere, nowhere};
     }
 
-    /// Moves what follows an entry over it; the list ends in two NULs again.
+    /// Removes an entry by moving the following ones. After that the list ends with two NULs, even
+    /// if it had no end before.
     void remove(const Entry &entry) {
         const std::size_t following = entry.end + 1;
         const std::size_t length = ends_at(following) ? 0 : list_end(following) - following;
         std::memmove(&data_[entry.start], data_.data() + following, length);
         const std::size_t end = entry.start + length;
         data_[end] = '\0';
-        // The NUL of the previous entry is the first of the two where one is there.
+        // The terminator of the previous entry, if there is one, is the first of the two NULs.
         if (end == 0 || (length != 0 && data_[end - 1] != '\0'))
             data_[end + 1] = '\0';
     }
 
-    /// Where a new entry goes: behind the last one. `nowhere` if the list has no end.
+    /// The offset of a new entry, after the last one; `nowhere` if the list has no end.
     [[nodiscard]] std::size_t insertion_point() const { return ends_at(0) ? 0 : list_end(0); }
 
     void append(std::size_t start, std::string_view name, std::string_view value) {
@@ -109,7 +110,8 @@ class DataArea {
         return static_cast<std::size_t>(position - data_.data());
     }
 
-    /// The second of the first two NULs in a row from `index` on, or `nowhere`.
+    /// The offset of the second of the first two consecutive NULs at or after `index`, or
+    /// `nowhere`.
     [[nodiscard]] std::size_t list_end(std::size_t index) const {
         while (!ends_at(index)) {
             const std::size_t end = entry_end(index);
@@ -120,9 +122,10 @@ class DataArea {
         return index;
     }
 
-    void put(std::size_t &index, std::string_view text) {
-        std::memmove(&data_[index], text.data(), text.size()); // the text may come from the image
-        index += text.size();
+    void put(std::size_t &index, std::string_view string) {
+        std::memmove(&data_[index], string.data(),
+                     string.size()); // the string can be in the image itself
+        index += string.size();
     }
 
     std::span<unsigned char, data_size> data_;
@@ -132,7 +135,7 @@ std::span<unsigned char, environment_crc_size> crc_word(unsigned char *image) {
     return environment_crc(EnvironmentImage(image, CORVEL_ENV_SIZE));
 }
 
-/// Writes the entry if there is room for it, its NUL and the NUL that ends the list.
+/// Appends an entry if it fits, with its NUL and the NUL that ends the list. Returns false if not.
 bool append_variable(DataArea &area, std::string_view name, std::string_view value) {
     const std::size_t start = area.insertion_point();
     const std::size_t needed = name.size() + 1 + value.size() + 2;
@@ -199,7 +202,7 @@ bool set_variable(const char *name, const char *value) {
     const DataArea::Entry entry = area.find(name_text.data());
     if (entry.value != DataArea::nowhere)
         area.remove(entry);
-    // Where there is no room the old value is gone, and the stale checksum says so.
+    // If the new value does not fit, the old one is already removed, and the CRC is not updated.
     if (value != nullptr && !append_variable(area, name_text, value))
         return false;
     store_big_endian(crc_word(current_image), area.crc());
@@ -210,26 +213,26 @@ bool set_variable(const char *name, const char *value) {
 
 extern "C" {
 
-int init_env(const char *path) { return corvel::load_environment(path); }
+using namespace corvel;
 
-int set_env_ptr(void *image) { return corvel::use_environment_image(image) ? 0 : 1; }
+int init_env(const char *path) { return load_environment(path); }
 
-char *get_env(const char *name) { return corvel::find_variable(name); }
+int set_env_ptr(void *image) { return use_environment_image(image) ? 0 : 1; }
 
-int set_env(const char *name, const char *value) {
-    return corvel::set_variable(name, value) ? 0 : 1;
-}
+char *get_env(const char *name) { return find_variable(name); }
+
+int set_env(const char *name, const char *value) { return set_variable(name, value) ? 0 : 1; }
 
 int print_env(void) {
-    if (corvel::current_image == nullptr)
+    if (current_image == nullptr)
         return 0;
-    const corvel::DataArea area(corvel::current_image);
+    const DataArea area(current_image);
     std::size_t start = 0;
     while (!area.ends_at(start)) {
         const std::size_t end = area.entry_end(start);
         std::fwrite(area.at(start), 1, end - start, stdout);
         std::putchar('\n');
-        start = end == corvel::DataArea::nowhere ? end : end + 1;
+        start = end == DataArea::nowhere ? end : end + 1;
     }
     return static_cast<int>(start);
 }

@@ -12,22 +12,21 @@
 
 namespace corvel {
 
-/// Opens the environment's file. Descriptor 0 counts as a failure, and stays open.
+/// Opens the environment's file. Descriptor 0 counts as a failure and is not closed.
 inline Descriptor open_environment(const char *path, int flags) {
     const int descriptor = open(text_or_empty(path), flags | O_CLOEXEC, 0644);
     return Descriptor(descriptor > 0 ? descriptor : -1);
 }
 
-/// What became of reading an environment image.
 enum class ImageRead { done, cannot_open, too_short };
 
-/// Reads a file's first bytes into env_image_mem, which does not become current by that.
+/// Reads the first bytes of a file into env_image_mem. Does not make the image current.
 ImageRead read_environment_image(const char *path);
 
-/// Makes an image current; true if its CRC is good.
+/// Makes an image current, even if its CRC is bad. Returns whether the CRC is good.
 bool use_environment_image(void *image);
 
-/// init_env(), with its messages and results.
+/// Does what init_env() does; same result.
 int load_environment(const char *path);
 
 /// The value of a variable in the current image, or null.

@@ -19,7 +19,7 @@ namespace {
 constexpr const char *environment_device = "/dev/mtdblock1";
 constexpr const char *variable_name = "bootparam";
 
-/// By running set: the value that makes the other one boot.
+/// By running set: the value with which the other set boots.
 constexpr const char *bootparam_next[] = {"1", "0"};
 
 } // namespace
@@ -42,13 +42,14 @@ std::uint32_t load_boot_parameter() {
 
 extern "C" {
 
-uint32_t get_bootparam(void) { return corvel::load_boot_parameter(); }
+using namespace corvel;
+
+uint32_t get_bootparam(void) { return load_boot_parameter(); }
 
 uint32_t save_bootparam(void) {
-    // The program can write to `bootparam`: any other value counts as set A, the one at the start.
-    const char *const next = corvel::bootparam_next[bootparam == 1 ? 1 : 0];
-    return static_cast<uint32_t>(
-        corvel::save_variable(corvel::environment_device, corvel::variable_name, next));
+    // The program can write to `bootparam`: any value but 1 means set A, as the initial value does.
+    const char *const next = bootparam_next[bootparam == 1 ? 1 : 0];
+    return static_cast<uint32_t>(save_variable(environment_device, variable_name, next));
 }
 
 } // extern "C"

@@ -6,10 +6,12 @@
 
 namespace corvel {
 
-/// By running set: what leads from set A's partitions (mtd 2 and 3) to the idle set's.
+/// By running set: the distance from the partitions of set A (mtd 2 and 3) to those of the idle
+/// set.
 inline constexpr std::uint32_t bootparam_mtd_shift[] = {2, 0};
 
-/// Reads which set runs; the result leads from set A's partitions to those of the idle set.
+/// Reads which set runs into `bootparam`. Returns the distance from the partitions of set A to
+/// those of the idle set; 0, and `bootparam` unchanged, if it is unknown.
 std::uint32_t load_boot_parameter();
 
 } // namespace corvel

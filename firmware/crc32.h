@@ -7,8 +7,8 @@
 
 namespace corvel {
 
-/// The CRC-32 of Ethernet and of zip files: reflected polynomial 0xEDB88320, all ones at the start
-/// and inverted at the end. No bytes give 0.
+/// The CRC-32 of Ethernet and of zip files: reflected polynomial 0xEDB88320, initial register
+/// 0xFFFFFFFF, result inverted. The CRC of no bytes is 0.
 std::uint32_t crc32_of(std::span<const unsigned char> bytes);
 
 } // namespace corvel

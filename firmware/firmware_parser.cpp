@@ -18,7 +18,7 @@ namespace {
 
 using Bytes = std::span<const unsigned char>;
 
-/// The first bytes of a block, as many as there are.
+/// The first `length` bytes of a block, or all if there are fewer.
 Bytes first_bytes(Bytes block, std::size_t length) {
     return block.first(at_most(length, block.size()));
 }
@@ -39,15 +39,15 @@ unsigned char sum_of(Bytes bytes) {
     return static_cast<unsigned char>(sum);
 }
 
-/// What of a section is written to flash. `size` is as the section says, `bytes` what of it the
-/// image holds.
+/// The part of a section that is written to flash: `size` as the header states it, and `bytes`, as
+/// much of it as the image contains.
 struct Content {
     std::uint64_t size;
     Bytes bytes;
 };
 
-/// Only the size of a stripped section wraps at 32 bits: a whole section that did would be shorter
-/// than its own header.
+/// The size of a stripped section wraps at 32 bits, that of a whole section does not: it would be
+/// less than the size of its own header.
 Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_entry &row) {
     if (row.strip_header == 1) {
         const std::uint32_t size = header.len - 1 - header.pad;
@@ -57,7 +57,7 @@ Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_en
     return {size, size < section.size() ? section.first(static_cast<std::size_t>(size)) : section};
 }
 
-/// Whether a section's payload sums up and fits its partition; only asked where it has to.
+/// Checks a section's sum and size. Not for sections whose `mtd_id` exempts them.
 ParseResult check_section(Bytes section, std::uint64_t offset, const SectionHeader &header,
                           const sign_tbl_entry &row, std::uint64_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
@@ -89,16 +89,17 @@ void fill_record(img_info &record, const SectionHeader &header, const sign_tbl_e
                   static_cast<int>(record.mtd_ids));
 }
 
-/// What was recognised of an image.
+/// The sections with a known signature.
 struct Recognised {
     int count = 0;
-    bool last_is_whole = true; ///< the image holds all that the last section announced
+    bool last_is_whole = true; ///< the image contains all bytes of the last one
 };
 
-/// Walks the sections of an image; each one that is recognised fills a record.
+/// Goes through the sections of an image and fills a record for each one with a known signature.
+/// There are up to most_sections + 1 records: the last one ends the parsing.
 ParseResult walk_sections(Bytes image, std::uint32_t shift, img_info *records,
                           Recognised &recognised) {
-    std::uint64_t offset = 0; // a section may announce more than a 32-bit size can hold
+    std::uint64_t offset = 0; // the end of a section can exceed 32 bits
     while (offset + header_size < image.size()) {
         const Bytes section = image.subspan(static_cast<std::size_t>(offset));
         const SectionHeader header = read_header(section.first<header_size>());
@@ -140,8 +141,8 @@ void log_records(std::span<const img_info> records) {
     }
 }
 
-/// Checks the CRC at the end of a version section; an image that ends otherwise carries none. A CRC
-/// of which the image does not hold all bytes is never the right one.
+/// Checks the CRC at the end of a version section. An image whose last record is of another section
+/// has no CRC and is accepted. A CRC that is not completely within the image is never correct.
 ParseResult check_crc(Bytes image, const img_info &last, bool last_is_whole) {
     if (last.mtd_ids != no_partition)
         return accepted;
@@ -175,7 +176,7 @@ int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count)
     if (walked != accepted)
         return walked;
     log_records({records, static_cast<std::size_t>(count)});
-    // Without a section nothing vouches for the image.
+    // An image without a known section has not been checked at all.
     if (count == 0)
         return bad_crc;
     return check_crc(image, records[count - 1], recognised.last_is_whole);
@@ -185,28 +186,30 @@ int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count)
 
 extern "C" {
 
+using namespace corvel;
+
 int parse_firmware(const unsigned char *image, unsigned int total, img_info *records, int *result) {
     int count = 0;
-    // The shift is kept as a byte.
-    const std::uint32_t shift = corvel::load_boot_parameter() & 0xFF;
-    *result = corvel::parse_image({image, total}, shift, records, count);
-    return *result == corvel::accepted ? count : 0;
+    // Only the low byte of the shift counts.
+    const std::uint32_t shift = load_boot_parameter() & 0xFF;
+    *result = parse_image({image, total}, shift, records, count);
+    return *result == accepted ? count : 0;
 }
 
 int dump_img_info(int count, const img_info *records) {
-    corvel::log_records({records, count > 0 ? static_cast<std::size_t>(count) : 0});
+    log_records({records, count > 0 ? static_cast<std::size_t>(count) : 0});
     return 0;
 }
 
 int flash_write(const char *path, const void *buf, int offset, unsigned int len) {
-    return corvel::write_to_flash(path, buf, offset, len) ? 1 : 0;
+    return write_to_flash(path, buf, offset, len) ? 1 : 0;
 }
 
 int file_copy(const char *src, const char *dst) {
-    const corvel::Stream source(std::fopen(corvel::text_or_empty(src), "rbe"));
+    const Stream source(std::fopen(text_or_empty(src), "rbe"));
     if (!source)
         return -1;
-    const corvel::Stream destination(std::fopen(corvel::text_or_empty(dst), "wbe"));
+    const Stream destination(std::fopen(text_or_empty(dst), "wbe"));
     if (!destination)
         return -1;
     for (int byte = std::getc(source.get()); byte != EOF; byte = std::getc(source.get()))

@@ -9,9 +9,9 @@
 
 namespace corvel {
 
-/// Does what parse_firmware() does, without the boot environment: `shift` leads from set A's
-/// partitions to those of the idle set. Returns the result code; `count` receives the number of
-/// records filled, also on failure.
+/// parse_firmware() without reading the boot environment: `shift` is the distance from the
+/// partitions of set A to those of the idle set. Returns the result code; `count` receives the
+/// number of records filled, also on failure. There is room for most_sections + 1 records.
 int parse_image(std::span<const unsigned char> image, std::uint32_t shift, img_info *records,
                 int &count);
 

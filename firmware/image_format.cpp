@@ -8,7 +8,7 @@
 namespace corvel {
 namespace {
 
-/// From the boot loader to ART the partitions tile the 16 MiB of flash without gaps.
+/// Whether the partitions from the boot loader to ART cover the 16 MiB of flash without gaps.
 constexpr bool partitions_tile_the_flash() {
     std::uint32_t offset = 0;
     for (const sign_tbl_entry &row : sign_tbl) {
@@ -36,16 +36,17 @@ const sign_tbl_entry *find_partition(const unsigned char *signature) {
 
 extern "C" {
 
-uint32_t get_sign_tbl_size(void) { return corvel::sign_tbl.size(); }
+using namespace corvel;
+
+uint32_t get_sign_tbl_size(void) { return sign_tbl.size(); }
 
 uint32_t get_tbl_id(const unsigned char *sig) {
-    const corvel::sign_tbl_entry *const row = corvel::find_partition(sig);
-    return row != nullptr ? row->id : corvel::no_partition;
+    const sign_tbl_entry *const row = find_partition(sig);
+    return row != nullptr ? row->id : no_partition;
 }
 
 int get_tbl_ids(unsigned int index) {
-    return static_cast<int>(index < corvel::sign_tbl.size() ? corvel::sign_tbl[index].mtd_id
-                                                            : corvel::no_partition);
+    return static_cast<int>(index < sign_tbl.size() ? sign_tbl[index].mtd_id : no_partition);
 }
 
 } // extern "C"
