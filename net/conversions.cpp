@@ -15,19 +15,19 @@
 namespace corvel {
 namespace {
 
-/// A letter from a to z in upper case; any other character as it is.
+/// Converts a letter from a to z to upper case, and no other character.
 constexpr char upper_case(char character) {
     return character >= 'a' && character <= 'z' ? static_cast<char>(character - 'a' + 'A')
                                                 : character;
 }
 
-/// Two digits as a number. One that is no digit takes part as -1.
+/// The number of two hexadecimal digits. A character that is not a digit counts as -1.
 constexpr int unchecked_pair(char high, char low) { return hex_value(high) * 16 + hex_value(low); }
 
-/// Only the low byte of an index counts.
+/// Only the low byte of a radio's or network's index is used.
 constexpr int low_byte(int index) { return index & 0xFF; }
 
-/// The number that a file begins with; null if the file can't be read.
+/// The number at the start of a file, 0.01 if there is none; no value if the file cannot be read.
 std::optional<float> first_number(const char *path) {
     Descriptor file = open_for_reading(path);
     const Stream stream(file ? fdopen(file.get(), "r") : nullptr);
@@ -56,50 +56,51 @@ void strip_separators(std::string_view text, StrippedForm stripped) {
 
 extern "C" {
 
-int hex2int(char digit) { return corvel::hex_value(digit); }
+using namespace corvel;
+
+int hex2int(char digit) { return hex_value(digit); }
 
 char *ascii2hex(const unsigned char *bytes, unsigned int n, char *out) {
-    // More than the caller is told to release: the terminator stays inside of the block. Where the
-    // size overflows, calloc() notices.
+    // 4 * (n / 2 + 1) is at least 2 * n + 1: the terminator fits. calloc() fails if it overflows.
     if (out == nullptr)
         out = static_cast<char *>(std::calloc(std::size_t{n} / 2 + 1, 4));
     if (out == nullptr)
         return nullptr;
     char *end = out;
     for (std::size_t i = 0; i < n; ++i)
-        end = corvel::put_hex(end, bytes[i]);
+        end = put_hex(end, bytes[i]);
     if (n != 0)
         *end = '\0';
     return out;
 }
 
 char *hex2ascii(const char *hex, char *out) {
-    const std::string_view text = corvel::text_of(hex);
+    const std::string_view text = text_of(hex);
     for (std::size_t pair = 0; pair < text.size() / 2; ++pair)
-        out[pair] = static_cast<char>(corvel::unchecked_pair(text[pair * 2], text[pair * 2 + 1]));
+        out[pair] = static_cast<char>(unchecked_pair(text[pair * 2], text[pair * 2 + 1]));
     out[text.size() / 2] = '\0';
     return out;
 }
 
 int str2byte(const char *hex, int len, unsigned char *out) {
     const std::size_t pairs = len > 0 ? static_cast<std::size_t>(len) / 2 : 0;
-    return corvel::parse_hex(corvel::text_or_empty(hex), pairs, out) ? 0 : -1;
+    return parse_hex(text_or_empty(hex), pairs, out) ? 0 : -1;
 }
 
 unsigned int ascii2mac(const char *text, unsigned char *mac) {
-    const std::string_view digits = corvel::text_of(text);
+    const std::string_view digits = text_of(text);
     if (digits.size() != 12)
         return 1;
-    // Joined with OR, unlike unchecked_pair(): they differ where the low digit is none.
+    // OR, not unchecked_pair(): the results differ if the second character is not a digit.
     for (std::size_t i = 0; i < 6; ++i)
-        mac[i] = static_cast<unsigned char>(corvel::hex_value(digits[i * 2]) * 16 |
-                                            corvel::hex_value(digits[i * 2 + 1]));
+        mac[i] = static_cast<unsigned char>(hex_value(digits[i * 2]) * 16 |
+                                            hex_value(digits[i * 2 + 1]));
     return mac[0] & 1U;
 }
 
 char *iw_pr_ether(const unsigned char *mac) {
     static char text[64];
-    corvel::print_colon_form(corvel::MacAddress(mac, 6), corvel::ColonForm(text, 18));
+    print_colon_form(MacAddress(mac, 6), ColonForm(text, 18));
     return text;
 }
 
@@ -109,18 +110,18 @@ char *in2str(char *out, int value) {
 }
 
 signed char chUpcase(signed char character) {
-    return static_cast<signed char>(corvel::upper_case(static_cast<char>(character)));
+    return static_cast<signed char>(upper_case(static_cast<char>(character)));
 }
 
 char *mac2hexStrip(const char *text, char *out) {
     char stripped[13];
-    corvel::strip_separators(corvel::text_of(text), stripped);
+    strip_separators(text_of(text), stripped);
     std::memcpy(out, stripped, sizeof stripped);
     return out;
 }
 
 char *HexStrip2mac(const char *text, char *out) {
-    const std::string_view digits = corvel::text_of(text);
+    const std::string_view digits = text_of(text);
     char *end = out;
     for (std::size_t i = 0; i < digits.size(); i += 2) {
         *end++ = digits[i];
@@ -132,46 +133,46 @@ char *HexStrip2mac(const char *text, char *out) {
 }
 
 char *get_val_from_file(const char *path, char *out, int size) {
-    const std::optional<float> number = corvel::first_number(path);
+    const std::optional<float> number = first_number(path);
     if (number && size > 0)
         std::snprintf(out, static_cast<std::size_t>(size), "%f", static_cast<double>(*number));
     return out;
 }
 
 char *gen_wlan_name(int radio, int network, char *out) {
-    std::sprintf(out, "wifi%d_wlan%d", corvel::low_byte(radio), corvel::low_byte(network));
+    std::sprintf(out, "wifi%d_wlan%d", low_byte(radio), low_byte(network));
     return out;
 }
 
 char *gen_wlan_name0(int radio, int network, char *out) {
-    std::sprintf(out, "WIFI%d_WLAN%d", corvel::low_byte(radio), corvel::low_byte(network));
+    std::sprintf(out, "WIFI%d_WLAN%d", low_byte(radio), low_byte(network));
     return out;
 }
 
 char *gen_radio_name(int radio, char *out) {
-    std::sprintf(out, "wifi%d", corvel::low_byte(radio));
+    std::sprintf(out, "wifi%d", low_byte(radio));
     return out;
 }
 
 char *gen_radio_key(int radio, const char *suffix, char *out) {
-    std::sprintf(out, "{WIFI%d_%s}", corvel::low_byte(radio), corvel::text_or_empty(suffix));
+    std::sprintf(out, "{WIFI%d_%s}", low_byte(radio), text_or_empty(suffix));
     return out;
 }
 
 char *gen_radio_key0(int radio, const char *suffix, char *out) {
-    std::sprintf(out, "WIFI%d_%s", corvel::low_byte(radio), corvel::text_or_empty(suffix));
+    std::sprintf(out, "WIFI%d_%s", low_byte(radio), text_or_empty(suffix));
     return out;
 }
 
 char *gen_wlan_key(int radio, int network, const char *suffix, char *out) {
-    std::sprintf(out, "{WIFI%d_WLAN%d_%s}", corvel::low_byte(radio), corvel::low_byte(network),
-                 corvel::text_or_empty(suffix));
+    std::sprintf(out, "{WIFI%d_WLAN%d_%s}", low_byte(radio), low_byte(network),
+                 text_or_empty(suffix));
     return out;
 }
 
 char *gen_wlan_key0(int radio, int network, const char *suffix, char *out) {
-    std::sprintf(out, "WIFI%d_WLAN%d_%s", corvel::low_byte(radio), corvel::low_byte(network),
-                 corvel::text_or_empty(suffix));
+    std::sprintf(out, "WIFI%d_WLAN%d_%s", low_byte(radio), low_byte(network),
+                 text_or_empty(suffix));
     return out;
 }
 

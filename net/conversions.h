@@ -12,10 +12,10 @@ namespace corvel {
 
 using MacAddress = std::span<const unsigned char, 6>;
 
-/// A hardware address with its colons, terminated.
+/// A hardware address as "00:11:22:AA:BB:CC", NUL-terminated.
 using ColonForm = std::span<char, 18>;
 
-/// A hardware address without separators, terminated.
+/// A hardware address as "001122AABBCC", NUL-terminated.
 using StrippedForm = std::span<char, 13>;
 
 inline void print_colon_form(MacAddress mac, ColonForm text) {
@@ -34,11 +34,11 @@ inline void print_stripped_form(MacAddress mac, StrippedForm text) {
     *out = '\0';
 }
 
-/// Turns a hardware address with separators, whatever they are, into one without, in upper case.
-/// What is missing of a text that is too short is NUL.
+/// Removes the separators, any characters, from a hardware address and converts it to upper case.
+/// If the string is too short, the rest of the result is NULs.
 void strip_separators(std::string_view text, StrippedForm stripped);
 
-/// An IPv4 address in network byte order, as a dotted quad.
+/// Prints an IPv4 address, which is in network byte order, as a dotted quad.
 inline void print_dotted_quad(const void *address, std::span<char, INET_ADDRSTRLEN> text) {
     inet_ntop(AF_INET, address, text.data(), INET_ADDRSTRLEN);
 }

@@ -21,7 +21,7 @@
 namespace corvel {
 namespace {
 
-/// What getInAddr() can be asked for.
+/// The selectors of getInAddr().
 enum Selector : unsigned {
     ipv4_address = 0,
     ipv4_netmask = 1,
@@ -42,12 +42,12 @@ struct Ipv6Line {
     std::uint32_t scope;
     std::string_view interface;
 
-    /// Link-local, host and site addresses have a scope.
+    /// The scope is 0 for a global address; link-local, host and site-local addresses have another.
     [[nodiscard]] bool is_global() const { return (scope & 0xF0) == 0; }
 };
 
-/// Address, index, prefix length, scope, flags and interface, in hexadecimal but for the last. None
-/// if that is not what the line holds.
+/// Parses address, index, prefix length, scope and flags, all hexadecimal, and interface. Returns
+/// no value for a malformed line.
 std::optional<Ipv6Line> parse_ipv6_line(std::string_view text) {
     LineScanner scanner(text);
     const std::string_view digits = scanner.word();
@@ -67,7 +67,7 @@ std::optional<Ipv6Line> parse_ipv6_line(std::string_view text) {
     return line;
 }
 
-/// The interface's first global IPv6 address. Returns the length of its prefix, 0 if there is none.
+/// Finds the interface's first global IPv6 address. Returns its prefix length, 0 if there is none.
 int find_ipv6_address(std::string_view interface, void *result) {
     const Descriptor table = open_for_reading(ipv6_table);
     if (!table)
@@ -83,10 +83,10 @@ int find_ipv6_address(std::string_view interface, void *result) {
     return 0;
 }
 
-/// The address part of an IPv4 socket address that the kernel answered with.
-void copy_ipv4_address(const sockaddr &answer, void *result) {
+/// Copies the address out of an IPv4 socket address.
+void copy_ipv4_address(const sockaddr &address, void *result) {
     std::memcpy(result,
-                answer.sa_data + offsetof(sockaddr_in, sin_addr) - offsetof(sockaddr, sa_data),
+                address.sa_data + offsetof(sockaddr_in, sin_addr) - offsetof(sockaddr, sa_data),
                 sizeof(in_addr));
 }
 
@@ -121,17 +121,17 @@ int find_address(std::string_view interface, unsigned selector, void *result) {
     }
 }
 
-/// The interface's hardware address; zeros if there is none.
+/// The interface's hardware address; all zeros if there is none.
 std::array<unsigned char, 6> mac_of(const char *interface) {
-    sockaddr answer{};
+    sockaddr address{};
     std::array<unsigned char, 6> mac{};
-    if (find_address(text_of(interface), hardware_address, &answer) != 0)
-        std::memcpy(mac.data(), answer.sa_data, mac.size());
+    if (find_address(text_of(interface), hardware_address, &address) != 0)
+        std::memcpy(mac.data(), address.sa_data, mac.size());
     return mac;
 }
 
-/// Address and prefix length, each cut to fit. What is behind the address takes four bytes less
-/// than the whole buffer has.
+/// Prints address and prefix length, each truncated to fit. The prefix length, with its slash and
+/// its terminator, gets at most the size of the whole buffer less four bytes.
 void print_ipv6_address(const unsigned char *address, int prefix_length, std::span<char> text) {
     if (inet_ntop(AF_INET6, address, text.data(), static_cast<socklen_t>(text.size())) == nullptr) {
         store(text, no_ipv6_address);
@@ -153,7 +153,7 @@ void print_address(std::string_view interface, unsigned selector, std::span<char
         return;
     }
     char quad[INET_ADDRSTRLEN];
-    print_dotted_quad(address, quad); // four zeros if there is none
+    print_dotted_quad(address, quad); // 0.0.0.0 if none was found
     store(text, quad);
 }
 
@@ -162,24 +162,25 @@ void print_address(std::string_view interface, unsigned selector, std::span<char
 
 extern "C" {
 
+using namespace corvel;
+
 int getInAddr(const char *ifname, unsigned int selector, void *result) {
-    return corvel::find_address(corvel::text_of(ifname), selector, result);
+    return find_address(text_of(ifname), selector, result);
 }
 
 char *getHWaddr(const char *ifname, char *out) {
-    corvel::print_colon_form(corvel::mac_of(ifname), corvel::ColonForm(out, 18));
+    print_colon_form(mac_of(ifname), ColonForm(out, 18));
     return out;
 }
 
 char *getHWaddr0(const char *ifname, char *out) {
-    corvel::print_stripped_form(corvel::mac_of(ifname), corvel::StrippedForm(out, 13));
+    print_stripped_form(mac_of(ifname), StrippedForm(out, 13));
     return out;
 }
 
 char *getHWip(const char *ifname, unsigned int selector, char *out, int len) {
     if (len > 0)
-        corvel::print_address(corvel::text_of(ifname), selector,
-                              {out, static_cast<std::size_t>(len)});
+        print_address(text_of(ifname), selector, {out, static_cast<std::size_t>(len)});
     return out;
 }
 

@@ -7,8 +7,8 @@
 
 namespace corvel {
 
-/// Whether the kernel could have an interface of that name: a longer one, cut, could be that of
-/// another interface. Which characters it takes is left to the kernel.
+/// Whether an interface name has a length that the kernel accepts. A longer name, truncated, could
+/// be the name of another interface. The kernel itself decides about the characters.
 constexpr bool is_interface_name(std::string_view name) {
     return !name.empty() && name.size() < IFNAMSIZ;
 }

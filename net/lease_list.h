@@ -8,14 +8,14 @@
 
 namespace corvel {
 
-/// Builds a list of lease records from its first to its last.
+/// Builds a list of lease records in order.
 class LeaseList {
   public:
-    /// Begins at the caller's head pointer, which is null.
+    /// The list starts at the caller's head pointer, which is null.
     explicit LeaseList(lease_entry **head) : end_(head) {}
 
-    /// A new last record, filled with zeros; null if there is no memory. A record that extends
-    /// lease_entry keeps what it adds in the same block.
+    /// Appends a record of zeros; null if there is no memory. The members that `Record` adds to
+    /// lease_entry are in the same block.
     template <typename Record = lease_entry> Record *append() {
         auto *const entry = static_cast<Record *>(std::calloc(1, sizeof(Record)));
         if (entry == nullptr)

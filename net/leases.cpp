@@ -33,13 +33,13 @@ constexpr const char *text_server_name = "dnsmasq";
 constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
 
 constexpr std::size_t record_size = 24;
-constexpr std::size_t records_at_once = 170; // as many as fit in 4 KiB
+constexpr std::size_t records_at_once = 170; // the most that fit in 4 KiB
 using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
 constexpr std::size_t hostname_limit = 127;
 
-/// Opens a lease file, or tells why not.
+/// Opens a lease file. On failure, prints the reason on standard error.
 Descriptor open_lease_file(const char *path) {
     Descriptor file = open_for_reading(path);
     if (!file)
@@ -54,7 +54,7 @@ void fill_from_record(lease_entry &entry, Record record) {
                   big_endian_word(record.subspan<20, 4>()));
 }
 
-/// A slot of the file that no lease is in has no hardware address.
+/// A slot without a lease has a hardware address of zeros.
 bool is_empty_slot(Record record) {
     const MacAddress mac = record.first<6>();
     return std::all_of(mac.begin(), mac.end(), [](unsigned char byte) { return byte == 0; });
@@ -82,7 +82,7 @@ int read_binary_leases(lease_entry **head, const char *path) {
     return list.count();
 }
 
-/// Where the words of a lease stand in a line, counted from 0.
+/// The indexes, from 0, of a lease's words in a line.
 struct LineFormat {
     std::size_t expiry, mac, ip, hostname;
 };
@@ -91,7 +91,7 @@ constexpr LineFormat dnsmasq_format = {.expiry = 0, .mac = 1, .ip = 2, .hostname
 constexpr LineFormat dhcpv6_format = {.expiry = 4, .mac = 1, .ip = 7, .hostname = 3};
 constexpr std::size_t most_words = 8;
 
-/// The seconds up to an expiry, or the most or the least that there can be.
+/// The seconds until an expiry time, limited to the range of the type.
 long long time_left(std::string_view expiry, std::time_t now) {
     const long long end = decimal_value(expiry, LLONG_MIN, LLONG_MAX);
     long long left = 0;
@@ -113,7 +113,7 @@ void fill_from_line(lease_entry &entry, std::string_view line, const LineFormat 
                   time_left(front(words[format.expiry], word_limit), now));
 }
 
-/// A line that the end of the file cuts off is left out.
+/// Reads the complete lines: a last line without a newline is ignored.
 void read_text_leases(lease_entry **head, const char *path, const LineFormat &format) {
     const Descriptor file = open_lease_file(path);
     if (!file)
@@ -129,13 +129,13 @@ void read_text_leases(lease_entry **head, const char *path, const LineFormat &fo
     }
 }
 
-/// The record that a clock_gettime call of the kernel fills.
+/// The record that the kernel's clock_gettime calls fill.
 template <typename Word> struct KernelTime {
     Word seconds;
     Word nanoseconds;
 };
 
-/// Asks the kernel for the monotonic clock's seconds, by a call that fills records of such words.
+/// Reads the seconds of the monotonic clock with a call that fills records of such words.
 template <typename Word> std::optional<int> monotonic_seconds(long call) {
     KernelTime<Word> time{};
     if (syscall(call, CLOCK_MONOTONIC, &time) != 0)
@@ -143,8 +143,9 @@ template <typename Word> std::optional<int> monotonic_seconds(long call) {
     return static_cast<int>(time.seconds);
 }
 
-/// On 64-bit systems there is one call. On 32-bit ones the old call, under either of two names,
-/// fills a record of 32-bit words; a kernel may have dropped it for the one with 64-bit words.
+/// 64-bit systems have one call. On 32-bit systems the old call, which has two names, fills a
+/// record of 32-bit words, and a kernel can be built without it; then there is one with 64-bit
+/// words.
 int monotonic_seconds() {
     std::optional<int> seconds;
 #if defined(SYS_clock_gettime)
@@ -175,33 +176,35 @@ int read_leases(lease_entry **head) {
 
 extern "C" {
 
-int monotonic_time(void) { return corvel::monotonic_seconds(); }
+using namespace corvel;
+
+int monotonic_time(void) { return monotonic_seconds(); }
 
 void add_lease(lease_entry *entry, const unsigned char *record) {
-    corvel::fill_from_record(*entry, corvel::Record(record, corvel::record_size));
+    fill_from_record(*entry, Record(record, record_size));
 }
 
 int get_udhpd_leases(lease_entry **head, const char *path) {
-    return corvel::read_binary_leases(head, path);
+    return read_binary_leases(head, path);
 }
 
 int get_dnsmasq_leases(lease_entry **head, const char *path) {
-    corvel::read_text_leases(head, path, corvel::dnsmasq_format);
+    read_text_leases(head, path, dnsmasq_format);
     return 0;
 }
 
 int get_dhcpv6_leases(lease_entry **head, const char *path) {
-    corvel::read_text_leases(head, path, corvel::dhcpv6_format);
+    read_text_leases(head, path, dhcpv6_format);
     return 0;
 }
 
-int get_leases(lease_entry **head) { return corvel::read_leases(head); }
+int get_leases(lease_entry **head) { return read_leases(head); }
 
 void free_leaselist(lease_entry **head) {
     while (*head != nullptr) {
         lease_entry *const entry = *head;
         *head = entry->next;
-        corvel::wipe_and_free(entry, sizeof *entry);
+        wipe_and_free(entry, sizeof *entry);
     }
 }
 

@@ -29,12 +29,12 @@ struct Neighbour {
     std::string_view mac;
     std::string_view device;
 
-    /// Its hardware address is known.
+    /// Whether its hardware address is known.
     [[nodiscard]] bool is_complete() const { return (flags & 2) != 0; }
 };
 
-/// IP address, hardware type, flags, hardware address, mask, device. None if the line holds less
-/// than the first four.
+/// Parses IP address, hardware type, flags, hardware address, mask and device. Returns no value if
+/// one of the first four is missing or malformed; a missing device is "-".
 std::optional<Neighbour> parse_neighbour(std::string_view line) {
     LineScanner scanner(line);
     Neighbour neighbour{};
@@ -52,20 +52,19 @@ std::optional<Neighbour> parse_neighbour(std::string_view line) {
     return neighbour;
 }
 
-/// A hardware address as the records of the list hold it.
+/// A hardware address as it is in the records of the list.
 class StrippedMac {
   public:
-    explicit StrippedMac(std::string_view text) { strip_separators(text, text_); }
-    /// Twelve characters, NULs where the address has fewer, and a NUL.
-    [[nodiscard]] const char *text() const { return text_; }
+    explicit StrippedMac(std::string_view mac) { strip_separators(mac, digits_); }
+    /// Twelve characters, padded with NULs, and a NUL.
+    [[nodiscard]] const char *digits() const { return digits_; }
 
-    /// In one call, since a search does little else.
     [[nodiscard]] bool is_of(const lease_entry &entry) const {
-        return std::strncmp(entry.mac, text_, sizeof entry.mac) == 0;
+        return std::strncmp(entry.mac, digits_, sizeof entry.mac) == 0;
     }
 
   private:
-    char text_[13];
+    char digits_[13];
 };
 
 /// The position of the first record with a hardware address, from 1; 0 if there is none.
@@ -82,19 +81,20 @@ struct IndexedEntry : lease_entry {
     IndexedEntry *children[4];
 };
 
-/// The bits of a hardware address. The first ones depend on all characters, so that usual addresses
-/// differ early; all 96 determine the address, so that different addresses have different bits.
+/// The 96 bits of a hardware address's characters, mixed by a bijection: different addresses have
+/// different bits, and the first bits depend on all characters, so that the addresses of one maker
+/// differ early.
 class MacBits {
   public:
     static constexpr std::size_t size = sizeof(std::uint64_t) + sizeof(std::uint32_t);
 
     explicit MacBits(const StrippedMac &mac) {
-        std::memcpy(&high_, mac.text(), sizeof high_);
-        std::memcpy(&low_, mac.text() + sizeof high_, sizeof low_);
+        std::memcpy(&high_, mac.digits(), sizeof high_);
+        std::memcpy(&low_, mac.digits() + sizeof high_, sizeof low_);
         high_ = (high_ ^ low_ * 0xBF58476D1CE4E5B9U) * 0x9E3779B97F4A7C15U;
     }
 
-    /// Takes the first two bits off.
+    /// Removes the first two bits and returns them.
     unsigned take() {
         const auto bits = static_cast<unsigned>(high_ >> 62);
         high_ = high_ << 2 | low_ >> 30;
@@ -107,17 +107,17 @@ class MacBits {
     std::uint32_t low_;
 };
 
-/// The records by hardware address: a digital search tree. No path in it is longer than an address
-/// has pairs of bits, whoever chose the addresses, and its nodes are the records themselves, so
-/// that it needs no memory of its own that could run out.
+/// A digital search tree of the records, by hardware address. No path is longer than 48 steps, one
+/// for each pair of bits, even if a stranger chooses the addresses. The records themselves are the
+/// nodes, so no other memory is needed.
 class MacIndex {
   public:
-    /// Where the record of an address is, or is to be put.
+    /// The pointer to the record of an address: null if there is none, and the place to insert it.
     IndexedEntry *&place_of(const StrippedMac &mac) {
         MacBits bits(mac);
         IndexedEntry **place = &root_;
-        // A record of this list has NULs after its address: twelve bytes are compared inline.
-        while (*place != nullptr && std::memcmp((*place)->mac, mac.text(), MacBits::size) != 0)
+        // Both are padded with NULs, so memcmp() will do, which the compiler expands inline.
+        while (*place != nullptr && std::memcmp((*place)->mac, mac.digits(), MacBits::size) != 0)
             place = &(*place)->children[bits.take()];
         return *place;
     }
@@ -126,7 +126,8 @@ class MacIndex {
     IndexedEntry *root_ = nullptr;
 };
 
-/// As "%x" prints it, truncated to fit. snprintf() would take a seventh of a neighbour's time.
+/// Stores a number as "%x" prints it, truncated to fit. snprintf() would take a seventh of the time
+/// of reading a neighbour.
 void store_hexadecimal(std::span<char> field, std::uint32_t number) {
     char digits[8];
     const char *const end = std::to_chars(std::begin(digits), std::end(digits), number, 16).ptr;
@@ -157,7 +158,7 @@ int read_neighbours(std::string_view interface, lease_entry **head) {
             return 0;
         store(entry->ip, neighbour->ip);
         store_hexadecimal(entry->hwtype, neighbour->hardware_type);
-        store(entry->mac, std::string_view(mac.text()));
+        store(entry->mac, std::string_view(mac.digits()));
     }
     return list.count();
 }
@@ -178,18 +179,20 @@ void print_record(const lease_entry &entry) {
 
 extern "C" {
 
+using namespace corvel;
+
 int get_arp_cache(const char *ifname, lease_entry **head) {
-    return corvel::read_neighbours(corvel::text_of(ifname), head);
+    return read_neighbours(text_of(ifname), head);
 }
 
 int search_by_mac(const lease_entry *head, const char *mac) {
-    return corvel::find_mac(head, corvel::StrippedMac(corvel::text_of(mac)));
+    return find_mac(head, StrippedMac(text_of(mac)));
 }
 
 void dump_macip(const lease_entry *head) {
     std::puts("dump mac ip");
     for (; head != nullptr; head = head->next)
-        corvel::print_record(*head);
+        print_record(*head);
     std::puts("---------------------------");
 }
 

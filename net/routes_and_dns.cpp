@@ -23,18 +23,18 @@ constexpr std::size_t word_limit = 128;
 /// Follows each name server on the page.
 constexpr std::string_view gap = "&nbsp;&nbsp;&nbsp;&nbsp;";
 
-/// What a line of the routing table says of a route.
+/// A line of the routing table.
 struct Route {
     std::string_view interface;
-    std::uint32_t gateway; // in network byte order: the kernel prints it in the machine's own
+    std::uint32_t gateway; // in network byte order: the kernel prints this word as a number
     std::uint32_t flags;
 
-    /// Up, through a gateway, and not to a single host.
+    /// Whether the route is up, uses a gateway and does not lead to a single host.
     [[nodiscard]] bool leads_to_gateway() const { return (flags & 7) == 3; }
 };
 
-/// Interface, destination, gateway, flags, three numbers, mask, two numbers; what follows does not
-/// matter. None if the line has less, as the heading has.
+/// Parses interface, destination, gateway, flags, three numbers, mask and two numbers, and ignores
+/// the rest. Returns no value if one is missing or malformed, as in the heading.
 std::optional<Route> parse_route(std::string_view line) {
     LineScanner scanner(line);
     const std::string_view interface = scanner.word();
@@ -64,7 +64,7 @@ std::optional<std::uint32_t> find_gateway(std::string_view interface) {
     return {};
 }
 
-/// Copies a text and a NUL. Returns where the NUL stands.
+/// Stores a string and a NUL at `end`. Returns the position of the NUL.
 char *append(char *end, std::string_view text) {
     std::memcpy(end, text.data(), text.size());
     end[text.size()] = '\0';
@@ -86,8 +86,10 @@ void append_name_servers(int descriptor, char *out) {
 
 extern "C" {
 
+using namespace corvel;
+
 int getDefaultRoute(const char *ifname, uint32_t *gw) {
-    const std::optional<std::uint32_t> gateway = corvel::find_gateway(corvel::text_of(ifname));
+    const std::optional<std::uint32_t> gateway = find_gateway(text_of(ifname));
     if (gateway)
         *gw = *gateway;
     return gateway ? 1 : 0;
@@ -95,16 +97,16 @@ int getDefaultRoute(const char *ifname, uint32_t *gw) {
 
 char *getDefGw(const char *ifname, char *out) {
     const std::uint32_t gateway =
-        ifname != nullptr ? corvel::find_gateway(ifname).value_or(0) : std::uint32_t{0};
-    corvel::print_dotted_quad(&gateway, std::span<char, INET_ADDRSTRLEN>(out, INET_ADDRSTRLEN));
+        ifname != nullptr ? find_gateway(ifname).value_or(0) : std::uint32_t{0};
+    print_dotted_quad(&gateway, std::span<char, INET_ADDRSTRLEN>(out, INET_ADDRSTRLEN));
     return out;
 }
 
 char *get_dns(char *out) {
-    const corvel::Descriptor file = corvel::open_for_reading(corvel::resolver_file);
+    const Descriptor file = open_for_reading(resolver_file);
     if (!file)
-        return const_cast<char *>(corvel::gap.data()); // nobody may write to it
-    corvel::append_name_servers(file.get(), out);
+        return const_cast<char *>(gap.data()); // callers must not write to it
+    append_name_servers(file.get(), out);
     return out;
 }
 
