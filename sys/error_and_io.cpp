@@ -24,7 +24,7 @@ namespace {
 void print_error(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
 
 void print_error(const char *format, std::va_list values) {
-    const int error = errno; // the message may tell of it
+    const int error = errno; // the format can contain %m
     std::fflush(stdout);
     std::fputs("unknown app: ", stderr);
     errno = error;
@@ -32,24 +32,25 @@ void print_error(const char *format, std::va_list values) {
         std::vfprintf(stderr, format, values);
 }
 
-[[noreturn]] void die_of(const char *format, std::va_list values) CORVEL_PRINTF_LIKE(1, 0);
+[[noreturn]] void print_error_and_exit(const char *format, std::va_list values)
+    CORVEL_PRINTF_LIKE(1, 0);
 
-void die_of(const char *format, std::va_list values) {
+void print_error_and_exit(const char *format, std::va_list values) {
     print_error(format, values);
     std::fputc('\n', stderr);
     std::exit(bb_default_error_retval);
 }
 
-/// Copies a text, cut to fit, and fills the rest of the field with zeros. What does not fit is not
-/// looked at: the text may come without a terminator.
-void store_padded(std::span<char> field, const char *text) {
+/// Copies a string, truncated to fit, and fills the rest of the field with zeros. Reads no further
+/// than the field is long: the string may be unterminated.
+void store_padded(std::span<char> field, const char *string) {
     if (field.empty())
         return;
-    const std::size_t length = store(field, {text, strnlen(text, field.size() - 1)});
+    const std::size_t length = store(field, {string, strnlen(string, field.size() - 1)});
     std::memset(field.data() + length, 0, field.size() - length);
 }
 
-/// A name, or the number in its place; see the header.
+/// Does what my_getug() does.
 char *name_or_number(char *buf, char *name, long id, int bufsize, char prefix) {
     if (bufsize < 1) {
         if (bufsize < 0 && name == nullptr)
@@ -69,7 +70,7 @@ char *name_or_number(char *buf, char *name, long id, int bufsize, char prefix) {
 void die(const char *format, ...) {
     std::va_list values;
     va_start(values, format);
-    die_of(format, values);
+    print_error_and_exit(format, values);
 }
 
 void *resize_or_die(void *block, std::size_t size) {
@@ -83,50 +84,51 @@ void *resize_or_die(void *block, std::size_t size) {
 
 extern "C" {
 
-void bb_verror_msg(const char *fmt, va_list ap) { corvel::print_error(fmt, ap); }
+using namespace corvel;
+
+void bb_verror_msg(const char *fmt, va_list ap) { print_error(fmt, ap); }
 
 void bb_error_msg_and_die(const char *fmt, ...) {
     std::va_list values;
     va_start(values, fmt);
-    corvel::die_of(fmt, values);
+    print_error_and_exit(fmt, values);
 }
 
 void *xmalloc(size_t size) {
     void *const block = std::malloc(size);
     if (block == nullptr && size != 0)
-        corvel::die("%s", bb_msg_memory_exhausted);
+        die("%s", bb_msg_memory_exhausted);
     return block;
 }
 
-void *xrealloc(void *block, size_t size) { return corvel::resize_or_die(block, size); }
+void *xrealloc(void *block, size_t size) { return resize_or_die(block, size); }
 
 char *safe_strncpy(char *dst, const char *src, size_t size) {
-    corvel::store_padded({dst, size}, corvel::text_or_empty(src));
+    store_padded({dst, size}, text_or_empty(src));
     return dst;
 }
 
 char *my_getug(char *buf, char *name, long id, int bufsize, char prefix) {
-    return corvel::name_or_number(buf, name, id, bufsize, prefix);
+    return name_or_number(buf, name, id, bufsize, prefix);
 }
 
 char *my_getpwuid(char *buf, long uid, int bufsize) {
     const passwd *const user = getpwuid(static_cast<uid_t>(uid));
-    return corvel::name_or_number(buf, user != nullptr ? user->pw_name : nullptr, uid, bufsize,
-                                  'u');
+    return name_or_number(buf, user != nullptr ? user->pw_name : nullptr, uid, bufsize, 'u');
 }
 
-ssize_t full_read(int fd, void *buf, size_t len) { return corvel::read_fully(fd, buf, len); }
+ssize_t full_read(int fd, void *buf, size_t len) { return read_fully(fd, buf, len); }
 
 ssize_t read_close(int fd, void *buf, size_t len) {
-    const corvel::Descriptor file(fd);
-    return corvel::read_fully(fd, buf, len);
+    const Descriptor file(fd);
+    return read_fully(fd, buf, len);
 }
 
 ssize_t open_read_close(const char *path, void *buf, size_t len) {
-    const corvel::Descriptor file(open(corvel::text_or_empty(path), O_RDONLY | O_CLOEXEC));
+    const Descriptor file(open(text_or_empty(path), O_RDONLY | O_CLOEXEC));
     if (!file)
         return -1;
-    return corvel::read_fully(file.get(), buf, len);
+    return read_fully(file.get(), buf, len);
 }
 
 } // extern "C"

@@ -8,11 +8,10 @@
 
 namespace corvel {
 
-/// Prints a message on standard error, in a line of its own behind what standard output holds, and
-/// ends the process.
+/// Flushes standard output, prints a message line on standard error and ends the process.
 [[noreturn]] void die(const char *format, ...) CORVEL_PRINTF_LIKE(1, 2);
 
-/// A heap block that has grown or shrunk; where there is no memory the process ends.
+/// Resizes a heap block. If there is no memory, ends the process.
 void *resize_or_die(void *block, std::size_t size);
 
 } // namespace corvel

@@ -24,7 +24,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-/// The kernel cuts a process's short name to this length.
+/// The kernel truncates a process's short name to this length.
 constexpr std::size_t short_name_length = 15;
 
 constexpr std::size_t status_line_length = 48;
@@ -36,19 +36,19 @@ struct DirectoryClose {
 };
 using Directory = std::unique_ptr<DIR, DirectoryClose>;
 
-/// What a file begins with, as much of it as the block takes; empty if nothing can be read.
+/// Reads the start of a file, as much as fits the block; empty if nothing can be read.
 std::span<char> start_of(const Descriptor &file, std::span<char> block) {
     const ssize_t length = file ? read_fully(file.get(), block.data(), block.size()) : 0;
     return block.first(length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
-/// What a reader of C texts sees of the first line.
-std::string_view first_line(std::span<const char> text) {
-    const std::string_view lines(text.data(), text.size());
+/// The first line, up to its first NUL if it contains one.
+std::string_view first_line(std::span<const char> bytes) {
+    const std::string_view lines(bytes.data(), bytes.size());
     return front(lines, lines.find_first_of("\n\0"sv));
 }
 
-/// Whether a process has a short name. For nearly every process nothing else is asked.
+/// Whether a process has this short name. Of most processes, nothing else is read.
 bool has_short_name(const char *process, std::string_view name) {
     char path[sizeof "/proc//status" + NAME_MAX];
     char block[status_line_length];
@@ -62,7 +62,7 @@ bool has_short_name(const char *process, std::string_view name) {
     return front(line.word(), short_name_length) == front(name, short_name_length);
 }
 
-/// A process's command line, its words separated by blanks; empty if there is none.
+/// A process's command line, its words separated by spaces; empty if there is none.
 std::string_view command_line(unsigned pid, std::span<char> block) {
     char path[sizeof "/proc/4294967295/cmdline"];
     std::snprintf(path, sizeof path, "/proc/%u/cmdline", pid);
@@ -74,7 +74,7 @@ std::string_view command_line(unsigned pid, std::span<char> block) {
     return {line.data(), line.size()};
 }
 
-/// Whether the whole name stands in the process's command line. A kernel thread has none.
+/// Whether a process's command line contains the whole name. A kernel thread has no command line.
 bool command_line_has(unsigned pid, std::string_view name) {
     char block[command_line_length];
     const std::string_view line = command_line(pid, block);
@@ -85,7 +85,7 @@ int *resized(int *block, std::size_t count) {
     return static_cast<int *>(resize_or_die(block, count * sizeof(int)));
 }
 
-/// The processes that have a name and a 0 behind them, or just -1.
+/// The processes with this name, followed by 0; or only -1 if there are none.
 HeapBlock<int> find_processes(std::string_view name) {
     const Directory processes(opendir("/proc"));
     if (!processes)
@@ -110,16 +110,16 @@ HeapBlock<int> find_processes(std::string_view name) {
     return found;
 }
 
-/// The first process with a name that is not the one to pass over; 0 if there is none. No process
-/// has the number 0, which so passes none over.
-int first_process_but(std::string_view name, int passed_over) {
+/// The first process with this name except the process `skipped`; 0 if there is none. No process
+/// has the number 0, so 0 skips none.
+int first_process_but(std::string_view name, int skipped) {
     HeapBlock<int> processes = find_processes(name);
     const int *process = processes.get();
     if (*process < 1) {
         static_cast<void>(processes.release()); // never freed, as the header says
         return 0;
     }
-    while (*process == passed_over)
+    while (*process == skipped)
         ++process;
     return *process;
 }
@@ -141,24 +141,22 @@ int recorded_process(const char *path) {
 
 extern "C" {
 
+using namespace corvel;
+
 void read_cmdline(char *buf, int size, unsigned int pid) {
     if (size <= 0)
         return;
-    const std::string_view line = corvel::command_line(pid, {buf, static_cast<std::size_t>(size)});
+    const std::string_view line = command_line(pid, {buf, static_cast<std::size_t>(size)});
     if (!line.empty())
         buf[line.size()] = '\0';
 }
 
-int *find_pid_by_name(const char *name) {
-    return corvel::find_processes(corvel::text_of(name)).release();
-}
+int *find_pid_by_name(const char *name) { return find_processes(text_of(name)).release(); }
 
-int app_isrun(const char *name) { return corvel::first_process(corvel::text_of(name)); }
+int app_isrun(const char *name) { return first_process(text_of(name)); }
 
-int is_runing(const char *name) {
-    return corvel::first_process_but(corvel::text_of(name), getpid());
-}
+int is_runing(const char *name) { return first_process_but(text_of(name), getpid()); }
 
-int getPid(const char *path) { return corvel::recorded_process(path); }
+int getPid(const char *path) { return recorded_process(path); }
 
 } // extern "C"

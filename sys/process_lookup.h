@@ -6,10 +6,10 @@
 
 namespace corvel {
 
-/// The first process that has a name, 0 if none has.
+/// The first process with this name; 0 if there is none.
 int first_process(std::string_view name);
 
-/// The number that a pid file begins with, -1 if the file can't be read.
+/// The number at the start of a pid file, 0 if there is none; -1 if the file cannot be read.
 int recorded_process(const char *path);
 
 } // namespace corvel

@@ -21,7 +21,7 @@ constexpr std::uint32_t trap_group = 1;
 constexpr std::uint16_t trap_type = 17;
 constexpr std::uint32_t sequence_number = 1;
 
-/// A netlink message with a notification.
+/// A netlink message that contains a notification record.
 struct TrapMessage {
     nlmsghdr header;
     unsigned char record[156];
@@ -36,7 +36,7 @@ sockaddr_nl address_of_port(std::uint32_t port) {
     return address;
 }
 
-/// A port of this thread's own.
+/// A netlink port for this thread.
 std::uint32_t thread_port() {
     return static_cast<std::uint32_t>(getpid()) |
            static_cast<std::uint32_t>(static_cast<std::uintptr_t>(pthread_self()) << 16);
@@ -50,27 +50,27 @@ int open_trap_socket() {
     const sockaddr_nl address = address_of_port(thread_port());
     if (bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
         return descriptor;
-    // The descriptor stays open: callers know only of the error.
+    // The descriptor is not closed, and callers cannot close it: they get only the error.
     const int error = errno;
     std::printf("bind failure:%s!\n", std::strerror(error));
     return -error;
 }
 
 int send_trap(int descriptor, const void *record) {
-    TrapMessage message{};
-    message.header.nlmsg_len = sizeof message;
-    message.header.nlmsg_type = trap_type;
-    message.header.nlmsg_seq = sequence_number;
-    message.header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
-    std::memcpy(message.record, record, sizeof message.record);
-    iovec piece{&message, sizeof message};
+    TrapMessage trap{};
+    trap.header.nlmsg_len = sizeof trap;
+    trap.header.nlmsg_type = trap_type;
+    trap.header.nlmsg_seq = sequence_number;
+    trap.header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
+    std::memcpy(trap.record, record, sizeof trap.record);
+    iovec bytes{&trap, sizeof trap};
     sockaddr_nl kernel = address_of_port(0);
-    msghdr parcel{};
-    parcel.msg_name = &kernel;
-    parcel.msg_namelen = sizeof kernel;
-    parcel.msg_iov = &piece;
-    parcel.msg_iovlen = 1;
-    const ssize_t sent = sendmsg(descriptor, &parcel, 0);
+    msghdr message{};
+    message.msg_name = &kernel;
+    message.msg_namelen = sizeof kernel;
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    const ssize_t sent = sendmsg(descriptor, &message, 0);
     if (sent < 0)
         std::perror("unable to send message");
     return static_cast<int>(sent);
@@ -81,8 +81,10 @@ int send_trap(int descriptor, const void *record) {
 
 extern "C" {
 
-int open_socket_for_trap(void) { return corvel::open_trap_socket(); }
+using namespace corvel;
 
-int send_trap_msg(int sockfd, const void *record) { return corvel::send_trap(sockfd, record); }
+int open_socket_for_trap(void) { return open_trap_socket(); }
+
+int send_trap_msg(int sockfd, const void *record) { return send_trap(sockfd, record); }
 
 } // extern "C"
