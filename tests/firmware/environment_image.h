@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * A model of the boot loader's environment image: an independent telling of what a set or a delete
- * does to its bytes.
+ * A model of the boot loader's environment image, with its own rules of what setting or deleting a
+ * variable does to the bytes.
  *
  *     EnvironmentImage image({"bootparam=0", "bootargs=root=31:2 ro"});
  *     image.set("a", "1");
@@ -10,6 +10,7 @@
 #ifndef CORVEL_TESTS_ENVIRONMENT_IMAGE_H
 #define CORVEL_TESTS_ENVIRONMENT_IMAGE_H
 
+#include "firmware/environment_format.h"
 #include "firmware/reference_crc.h"
 
 #include <cstddef>
@@ -23,10 +24,10 @@ namespace corvel_test {
 
 class EnvironmentImage {
   public:
-    static constexpr std::size_t size = 65536;
-    static constexpr std::size_t data_size = size - 4;
+    static constexpr std::size_t size = CORVEL_ENV_SIZE;
+    static constexpr std::size_t data_size = corvel::environment_data_size;
 
-    /** A good image with these entries, its free space as erased flash leaves it. */
+    /** A valid image with these entries; the free space is erased flash. */
     explicit EnvironmentImage(const std::vector<std::string> &entries, char fill = '\xFF') {
         for (const std::string &entry : entries)
             data_ += entry + '\0';
@@ -35,7 +36,7 @@ class EnvironmentImage {
         update_crc();
     }
 
-    /** An image of any data, with its CRC or with a given word in its place. */
+    /** An image of any data, with its CRC or with `word` instead. */
     static EnvironmentImage of_data(std::string data,
                                     std::optional<std::uint32_t> word = std::nullopt) {
         EnvironmentImage image({});
@@ -50,7 +51,7 @@ class EnvironmentImage {
     [[nodiscard]] const std::string &data() const { return data_; }
     [[nodiscard]] bool crc_is_good() const { return crc_ == reference_crc(data_); }
 
-    /** Where the list ends: the empty entry behind the last one; none if the data ends first. */
+    /** The offset of the empty entry after the last one; no value if the data ends first. */
     [[nodiscard]] std::optional<std::size_t> end_of_list() const {
         std::size_t at = 0;
         while (at < data_size && data_[at] != '\0') {
@@ -62,7 +63,7 @@ class EnvironmentImage {
         return at < data_size ? std::optional(at) : std::nullopt;
     }
 
-    /** A variable's value as an offset in the data and a text. */
+    /** A variable's value and its offset in the data. */
     struct Value {
         std::size_t offset;
         std::string text;
@@ -73,13 +74,13 @@ class EnvironmentImage {
         const std::optional<Entry> entry = find(name);
         if (!entry)
             return std::nullopt;
-        // A name is compared no further than its first '='.
+        // A name is compared up to its first '='.
         const std::size_t equals =
             name.find('=') != std::string_view::npos ? name.find('=') : name.size();
         return Value{entry->start + equals + 1, entry->text.substr(equals + 1)};
     }
 
-    /** @return what the library answers: 0, or 1 where the entry does not fit. */
+    /** @return the library's result: 0, or 1 if the entry does not fit or the name contains '='. */
     int set(std::string_view name, const std::optional<std::string> &value) {
         if (name.find('=') != std::string_view::npos)
             return 1;
@@ -140,7 +141,7 @@ class EnvironmentImage {
         } else if (const std::optional<std::size_t> end = end_of_list()) {
             overwrite(entry->start, data_.substr(next, *end + 1 - next));
         } else {
-            // All that follows, and the end that was missing.
+            // The following entries, and the end that the list did not have.
             const bool closed = data_.back() == '\0';
             overwrite(entry->start, data_.substr(next) + std::string(closed ? 1 : 2, '\0'));
         }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * A builder of upgrade images, and the rules by which one is accepted, told independently of the
- * library.
+ * A builder of upgrade images, and a model of the parser, independent of the library except for the
+ * offsets of the header's fields.
  *
  *     UpgradeImage image;
  *     image.add(Section{.signature = "root", .data = "files"});
@@ -12,6 +12,7 @@
 #ifndef CORVEL_TESTS_UPGRADE_IMAGE_H
 #define CORVEL_TESTS_UPGRADE_IMAGE_H
 
+#include "firmware/image_format.h"
 #include "firmware/reference_crc.h"
 
 #include <cstdarg>
@@ -28,17 +29,16 @@
 
 namespace corvel_test {
 
-/** The place of each header field in a section. */
-enum HeaderField : std::size_t {
-    at_signature = 0,
-    at_burnaddr = 4,
-    at_mtd_id = 8,
-    at_pad = 12,
-    at_len = 16,
-    header_size = 20
-};
+using corvel::at_burnaddr;
+using corvel::at_len;
+using corvel::at_mtd_id;
+using corvel::at_pad;
+using corvel::at_signature;
+using corvel::crc_size;
+using corvel::header_size;
+using corvel::no_partition;
 
-/** A header and a payload of any bytes. */
+/** A section of any header and any payload. */
 inline std::string raw_section(std::string_view signature, std::uint32_t burnaddr,
                                std::uint32_t mtd_id, std::uint32_t pad, std::uint32_t len,
                                std::string_view payload) {
@@ -46,7 +46,7 @@ inline std::string raw_section(std::string_view signature, std::uint32_t burnadd
            std::string(payload);
 }
 
-/** The byte that makes a payload's sum zero. */
+/** The byte that makes the sum of a payload's bytes 0, modulo 256. */
 inline char checksum_byte(std::string_view bytes) {
     unsigned int sum = 0;
     for (const char byte : bytes)
@@ -72,17 +72,18 @@ struct Section {
 
 /** An image with its CRC in its last four bytes. */
 inline std::string with_crc(std::string_view bytes) {
-    const std::string covered(bytes.substr(0, bytes.size() - 4));
+    const std::string covered(bytes.substr(0, bytes.size() - crc_size));
     return covered + stored(reference_crc(covered));
 }
 
-/** The version section, which ends with the room for the image's CRC. */
+/** The version section; zeros at its end are the place of the image's CRC. */
 inline std::string version_section(const std::string &text = "1.2.3") {
-    return raw_section("Ver0", 0, 255, 0, static_cast<std::uint32_t>(text.size() + 4),
-                       text + std::string(4, '\0'));
+    return raw_section("Ver0", 0, no_partition, 0,
+                       static_cast<std::uint32_t>(text.size() + crc_size),
+                       text + std::string(crc_size, '\0'));
 }
 
-/** Sections end to end, with a version section and the CRC behind them. */
+/** Sections end to end, followed by a version section with the CRC. */
 inline std::string upgrade_image(const std::vector<Section> &sections,
                                  const std::string &version = "1.2.3") {
     std::string image;
@@ -106,7 +107,7 @@ struct LogLine {
     return {priority, text};
 }
 
-/** What an image asks to be written; the place of the bytes as an offset in the image. */
+/** What is to be written to flash: `length` bytes at `offset` in the image. */
 struct Record {
     std::string name;
     std::uint64_t offset;
@@ -126,7 +127,7 @@ inline std::ostream &operator<<(std::ostream &out, const Record &record) {
 
 struct Verdict {
     int code = 0;
-    std::vector<Record> records; /**< Those filled, also on a failure. */
+    std::vector<Record> records; /**< The records filled, also on failure. */
     std::vector<LogLine> log;
 };
 
@@ -143,7 +144,7 @@ inline constexpr Partition partitions[] = {
     {"root", "Rootfs", true, 0x650000, 2},   {"kern", "Linux_kernel", true, 0x100000, 3},
     {"rfs1", "Rootfs-1", true, 0x650000, 4}, {"knl1", "Linux_kernel-1", true, 0x100000, 5},
     {"log0", "Log", true, 0xF0000, 6},       {"conf", "Config", false, 0x10000, 7},
-    {"artp", "ART", true, 0x10000, 8},       {"Ver0", "Ver0", false, 0x5C, 255},
+    {"artp", "ART", true, 0x10000, 8},       {"Ver0", "Ver0", false, 0x5C, no_partition},
 };
 
 inline const Partition *partition_of(std::string_view signature) {
@@ -153,7 +154,7 @@ inline const Partition *partition_of(std::string_view signature) {
     return nullptr;
 }
 
-/** Judges an image byte by byte; a byte that is not there is none. */
+/** Judges an image byte by byte; bytes after its end have no value. */
 class Judge {
   public:
     Judge(std::string_view image, std::uint32_t shift) : image_(image), shift_(shift) {}
@@ -195,7 +196,7 @@ class Judge {
             offset += header_size + *word(offset + at_len);
     }
 
-    /** Whether to go on behind this section. */
+    /** Returns whether parsing continues after this section. */
     bool section(std::uint64_t offset) {
         const std::uint32_t len = *word(offset + at_len);
         const std::uint64_t left = image_.size() - offset - header_size;
@@ -217,7 +218,7 @@ class Judge {
         const std::uint32_t len = *word(offset + at_len);
         const std::uint32_t size = partition.strips_header ? len - 1 - pad : len + 20;
         log(log_line(LOG_INFO, "find firmware (%s)\n", partition.name));
-        if (mtd_id != 255) {
+        if (mtd_id != no_partition) {
             unsigned int sum = 0;
             for (std::uint64_t i = 0; i < len; ++i)
                 sum += byte(offset + header_size + i).value_or(0);
@@ -259,7 +260,7 @@ class Judge {
         }
         if (verdict_.records.empty())
             fail(5);
-        else if (verdict_.records.back().device == 255)
+        else if (verdict_.records.back().device == no_partition)
             check_crc();
     }
 
