@@ -200,6 +200,30 @@ std::string word_of(std::uint32_t value) {
             static_cast<char>(value >> 8), static_cast<char>(value)};
 }
 
+std::string hexadecimal(std::string_view bytes, std::string_view separator) {
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string text;
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += text.empty() ? "" : separator;
+        text += {digits[byte / 16], digits[byte % 16]};
+    }
+    return text;
+}
+
+std::string lower_case(std::string text) {
+    for (char &c : text)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c;
+    return text;
+}
+
+std::string dotted_quad(std::string_view address) {
+    std::string text;
+    for (const char c : address)
+        text += (text.empty() ? "" : ".") + std::to_string(static_cast<unsigned char>(c));
+    return text;
+}
+
 std::string without_quotes(std::string_view text) {
     if (text.size() == 1)
         return std::string(text == "\"" ? "" : text);

@@ -77,6 +77,14 @@ std::uint32_t crc_of(std::string_view bytes);
 /** A 32-bit word in big-endian byte order, as in the file formats. */
 std::string word_of(std::uint32_t value);
 
+/** Two upper-case hexadecimal digits for each byte, and a separator between the bytes. */
+std::string hexadecimal(std::string_view bytes, std::string_view separator = "");
+
+std::string lower_case(std::string text);
+
+/** The bytes of an IPv4 address in network byte order as decimal numbers with dots. */
+std::string dotted_quad(std::string_view address);
+
 /** At most the first @p size characters. */
 std::string_view cut(std::string_view text, std::size_t size);
 

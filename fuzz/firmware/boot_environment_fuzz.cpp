@@ -6,6 +6,7 @@
 // name NUL value NUL. In the texts a line end stands for a NUL. The front text begins the data, the
 // back text ends it.
 #include "corvel.h"
+#include "firmware/environment_format.h"
 #include "fuzz/harness.h"
 
 #include <algorithm>
@@ -17,8 +18,8 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t checksum_size = 4;
-constexpr std::size_t data_size = CORVEL_ENV_SIZE - checksum_size;
+constexpr std::size_t checksum_size = corvel::environment_crc_size;
+constexpr std::size_t data_size = corvel::environment_data_size;
 constexpr std::size_t nowhere = std::string::npos;
 constexpr int most_operations = 32;
 

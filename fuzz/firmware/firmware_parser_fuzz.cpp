@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
-// Upgrade images against a parser of its own, which reads positions of a string with 64-bit sums;
-// images that are built as they should be, which are accepted, and the same with a byte changed,
-// which are not, unless they no longer end with a version section and so carry no checksum.
+// Upgrade images against a parser of this target's own, which reads positions of a string with
+// 64-bit sums. Valid images are accepted; with a byte changed they are not, unless the last section
+// is no longer a version section, so that there is no checksum.
 //
 // Input: a byte (flags) value of "bootparam" NUL, then sections: a byte (kind) a byte (flags) a
 // byte (padding, or what is added to the length) payload NUL; a kind of zero ends them; then
 // triples of bytes: which byte of the image to change (two bytes), and how.
 #include "corvel.h"
+#include "firmware/environment_format.h"
+#include "firmware/image_format.h"
 #include "fuzz/fixed_file.h"
 #include "fuzz/harness.h"
 
@@ -21,13 +23,19 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t header_size = 20;
+using corvel::at_burnaddr;
+using corvel::at_len;
+using corvel::at_mtd_id;
+using corvel::at_pad;
+using corvel::crc_size;
+using corvel::header_size;
+using corvel::no_partition;
+
 constexpr std::size_t most_records = 5;
 constexpr std::size_t most_sections = 7;
 constexpr std::size_t largest_payload = 0x11000;
 constexpr std::size_t large_image = 4096;
 constexpr int most_changes = 24;
-constexpr std::uint32_t none = 255;
 
 // Flags of an input.
 constexpr unsigned char no_variable = 0x01;
@@ -50,7 +58,7 @@ struct Row {
     std::uint32_t mtd_id;
 };
 
-/** The partitions as the data sheet has them. */
+/** The partitions, independently of the library's table. */
 constexpr std::array<Row, 10> rows = {{
     {"boot", "Boot", true, 256 * 1024, 0},
     {"benv", "Boot-env", true, 64 * 1024, 1},
@@ -61,7 +69,7 @@ constexpr std::array<Row, 10> rows = {{
     {"log0", "Log", true, 960 * 1024, 6},
     {"conf", "Config", false, 64 * 1024, 7},
     {"artp", "ART", true, 64 * 1024, 8},
-    {"Ver0", "Ver0", false, 92, none},
+    {"Ver0", "Ver0", false, 92, no_partition},
 }};
 
 struct Record {
@@ -78,7 +86,7 @@ struct Parsed {
     int result = 0;
     std::vector<Record> records{};
     std::string log{};
-    bool whole_log = true; /**< The log is known to its end. */
+    bool whole_log = true; /**< `log` is complete. */
 };
 
 struct Boot {
@@ -128,7 +136,7 @@ const Row *row_of(const std::string &image, std::uint64_t place) {
     return nullptr;
 }
 
-/** What leads to the idle set's partitions; logs which set runs. */
+/** The distance to the idle set's partitions; logs which set runs. */
 std::uint32_t shift_of(const Boot &boot, std::string &log, int &running) {
     if (!boot.loads)
         return 0;
@@ -150,10 +158,10 @@ int sum_of(const std::string &image, std::uint64_t place, std::uint64_t length) 
 /** Looks at the section at a place; the result is its code. */
 int parse_section(const std::string &image, std::uint64_t place, std::uint32_t shift,
                   Parsed &parsed) {
-    const std::uint32_t burn_address = word_at(image, place + 4);
-    const std::uint32_t mtd_id = word_at(image, place + 8);
-    const std::uint32_t pad = word_at(image, place + 12);
-    const std::uint32_t len = word_at(image, place + 16);
+    const std::uint32_t burn_address = word_at(image, place + at_burnaddr);
+    const std::uint32_t mtd_id = word_at(image, place + at_mtd_id);
+    const std::uint32_t pad = word_at(image, place + at_pad);
+    const std::uint32_t len = word_at(image, place + at_len);
     const std::uint64_t left = image.size() - place - header_size;
     if (len > left + 4) {
         parsed.log +=
@@ -168,12 +176,12 @@ int parse_section(const std::string &image, std::uint64_t place, std::uint32_t s
     parsed.log += log_line(LOG_INFO, format("find firmware (%s)\n", row->name));
     const std::uint64_t payload = place + header_size;
     const std::uint32_t size = row->stripped ? len - 1 - pad : len + 20;
-    if (mtd_id != none && sum_of(image, payload, len) != 0) {
+    if (mtd_id != no_partition && sum_of(image, payload, len) != 0) {
         parsed.log += log_line(LOG_ERR, format("%s image checksum error at %X!\n", row->signature,
                                                static_cast<unsigned int>(payload)));
         return 2;
     }
-    if (mtd_id != none && size > row->max_size) {
+    if (mtd_id != no_partition && size > row->max_size) {
         parsed.log += log_line(
             LOG_INFO, format("Header.signature = %s,  burnaddr=0x%02x, mtd_id = 0x%04x, pad = "
                              "0x%04x,  len = 0x%04x\n",
@@ -203,16 +211,17 @@ void log_records(Parsed &parsed, std::uint64_t image_size) {
     }
 }
 
-/** Compares the checksum that stands at the end of a version section. */
+/** Compares the checksum at the end of a version section. */
 int check_stored_crc(const std::string &image, const Record &version, Parsed &parsed) {
     const std::uint64_t end = version.start + version.size;
-    const std::uint32_t computed = crc_of(std::string_view(image).substr(0, image.size() - 4));
+    const std::uint32_t computed =
+        crc_of(std::string_view(image).substr(0, image.size() - crc_size));
     if (end > image.size()) {
-        // Some of its bytes are not there, which makes it another one.
+        // The image does not contain all its bytes: it cannot match.
         parsed.whole_log = false;
         return 5;
     }
-    const std::uint32_t stored = word_at(image, end - 4);
+    const std::uint32_t stored = word_at(image, end - crc_size);
     if (computed == stored)
         return 0;
     parsed.log +=
@@ -227,12 +236,12 @@ Parsed expected_of(const std::string &image, const Boot &boot, int &running) {
         parsed.result = parse_section(image, place, shift, parsed);
         if (parsed.result != 0)
             return parsed;
-        place += header_size + word_at(image, place + 16);
+        place += header_size + word_at(image, place + at_len);
     }
     log_records(parsed, image.size());
     if (parsed.records.empty())
         parsed.result = 5;
-    else if (parsed.records.back().mtd_id == none)
+    else if (parsed.records.back().mtd_id == no_partition)
         parsed.result = check_stored_crc(image, parsed.records.back(), parsed);
     return parsed;
 }
@@ -246,14 +255,14 @@ void check_record(const img_info &record, const Record &expected, const std::str
     check_equal(record.burnAddr, expected.burn_address, "flash address of a record");
     check_equal(record.mtd_ids, expected.mtd_id, "device index of a record");
     check_equal(record.base_mtd_id, expected.base_mtd_id, "index of a record without the shift");
-    check_equal(record.data - block, static_cast<long long>(expected.start), "place of a record");
+    check_equal(record.data - block, static_cast<long long>(expected.start), "offset of a record");
     check(record.data + record.len <= block + image.size(), "no record reaches outside");
     check_equal(record.len,
                 static_cast<long long>(std::min(expected.size, image.size() - expected.start)),
                 "length of a record");
 }
 
-/** Returns whether the image is accepted with its checksum compared. */
+/** Returns whether the image is accepted and has a checksum. */
 bool check_image(const std::string &image, const Boot &boot) {
     int running = 0;
     const Parsed expected = expected_of(image, boot, running);
@@ -274,11 +283,11 @@ bool check_image(const std::string &image, const Boot &boot) {
     for (std::size_t i = 0; i < expected.records.size(); ++i)
         check_record(records[i], expected.records[i], image, block.get());
     check_equal({reinterpret_cast<const char *>(block.get()), image.size()}, image,
-                "the image is as it was");
-    return result == 0 && expected.records.back().mtd_id == none;
+                "the image is unchanged");
+    return result == 0 && expected.records.back().mtd_id == no_partition;
 }
 
-/** A changed byte is noticed as long as a checksum is compared. */
+/** A changed byte is noticed if a checksum is compared. */
 void check_changes(const std::string &image, const Boot &boot, bool checked, Input &input) {
     const int most = image.size() > large_image ? 2 : most_changes;
     for (int i = 0; i < most; ++i) {
@@ -291,7 +300,7 @@ void check_changes(const std::string &image, const Boot &boot, bool checked, Inp
         const std::size_t place = (high * 256 + low) % image.size();
         changed[place] = static_cast<char>(changed[place] ^ how);
         const bool accepted = check_image(changed, boot);
-        check(!(checked && accepted), "a changed byte makes the checksum another");
+        check(!(checked && accepted), "a changed byte changes the checksum");
     }
 }
 
@@ -325,26 +334,26 @@ std::string read_section(unsigned char kind, Input &input) {
         len += number;
     if ((flags & huge_length) != 0)
         len = 0xFFFFFFFFU - number;
-    return section_of(row, (flags & unchecked) != 0 ? none : row.mtd_id, pad, len, payload);
+    return section_of(row, (flags & unchecked) != 0 ? no_partition : row.mtd_id, pad, len, payload);
 }
 
 /** With the checksum of all of it at the end. */
 std::string version_section(const std::string &sections, const std::string &text) {
     const std::string section =
-        sections +
-        section_of(rows.back(), none, 0, static_cast<std::uint32_t>(text.size()) + 4, text);
+        sections + section_of(rows.back(), no_partition, 0,
+                              static_cast<std::uint32_t>(text.size() + crc_size), text);
     return section + word_of(crc_of(section));
 }
 
 Boot boot_of(unsigned char flags, const std::string &value) {
     std::string data = (flags & no_variable) != 0 ? "other=1" : "bootparam=" + value;
-    data.resize(CORVEL_ENV_SIZE - 4);
+    data.resize(corvel::environment_data_size);
     const std::uint32_t crc = crc_of(data);
     const bool good = (flags & bad_environment) == 0;
     return {word_of(good ? crc : crc + 1) + data, good && (flags & no_variable) == 0, value};
 }
 
-/** Images as they should be: whatever the payloads hold, they are accepted. */
+/** Valid images are accepted, with any payloads. */
 void check_built_image(const std::string &payload, const Boot &boot, Input changes) {
     std::string image;
     for (const std::size_t row : {0U, 2U, 3U}) {
@@ -353,10 +362,10 @@ void check_built_image(const std::string &payload, const Boot &boot, Input chang
                             static_cast<std::uint32_t>(content.size()), content);
     }
     image = version_section(image, "1.0");
-    check(check_image(image, boot), "an image as it should be is accepted");
+    check(check_image(image, boot), "a valid image is accepted");
     check_changes(image, boot, true, changes);
     image.pop_back();
-    check(!check_image(image, boot), "an image that is cut is not accepted");
+    check(!check_image(image, boot), "a truncated image is not accepted");
 }
 
 } // namespace
@@ -388,7 +397,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
         image = version_section(image, "version");
     if ((flags & bad_image) != 0 && !image.empty())
         image.back() = static_cast<char>(image.back() + 1);
-    begin_capture(); // a bad environment is told on standard output
+    begin_capture(); // a bad environment is reported on standard output
     const bool checked = check_image(image, boot);
     if (!image.empty()) {
         Input changes = input;

@@ -38,23 +38,7 @@ int digit_value(char c) {
     return value != std::string_view::npos ? static_cast<int>(value) : -1;
 }
 
-std::string hexadecimal(std::string_view bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        text += {upper_digits[byte >> 4], upper_digits[byte & 15]};
-    }
-    return text;
-}
-
-std::string lower_case(std::string text) {
-    for (char &c : text)
-        if (upper_digits.find(c) != std::string_view::npos)
-            c = lower_digits[upper_digits.find(c)];
-    return text;
-}
-
-/** Pairs of digits, one that is none counting as -1. */
+/** The bytes of pairs of digits. A character that is not a digit counts as -1. */
 std::string decoded(std::string_view text) {
     std::string bytes;
     for (std::size_t i = 0; i + 2 <= text.size(); i += 2)
@@ -62,7 +46,7 @@ std::string decoded(std::string_view text) {
     return bytes;
 }
 
-/** Pairs of digits, up to the first that is not one. */
+/** The bytes of the pairs of digits before the first pair that is malformed. */
 std::string strictly_decoded(std::string_view text) {
     std::string bytes;
     for (std::size_t i = 0; i + 2 <= text.size(); i += 2) {

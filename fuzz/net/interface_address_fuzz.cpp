@@ -129,23 +129,17 @@ std::string ipv6_text(const Address *address, std::size_t size) {
     return text.data() + std::string(cut(prefix, room == 0 ? 0 : room - 1));
 }
 
+/** Part of the kernel's answer; zeros if there is none. */
+std::string answered_bytes(bool answered, std::size_t start, std::size_t size) {
+    return answered ? answer.substr(start, size) : std::string(size, '\0');
+}
+
 std::string ipv4_text(bool answered) {
-    std::string text;
-    for (std::size_t i = 4; i < 8; ++i) // behind the family and the port of a socket address
-        text += (text.empty() ? "" : ".") +
-                std::to_string(answered ? static_cast<unsigned char>(answer[i]) : 0);
-    return text;
+    return dotted_quad(answered_bytes(answered, 4, 4)); // after the address family and the port
 }
 
 std::string mac_text(bool answered, const char *separator) {
-    std::string text;
-    for (std::size_t i = 2; i < 8; ++i) {
-        std::array<char, 3> digits_of_byte{};
-        std::snprintf(digits_of_byte.data(), digits_of_byte.size(), "%02X",
-                      answered ? static_cast<unsigned char>(answer[i]) : 0U);
-        text += (text.empty() ? "" : separator) + std::string(digits_of_byte.data());
-    }
-    return text;
+    return hexadecimal(answered_bytes(answered, 2, 6), separator);
 }
 
 // ----------------------------------------------------------------------------------- the checks

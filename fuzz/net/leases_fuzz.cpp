@@ -34,35 +34,12 @@ std::vector<Signal> signals;
 
 // ----------------------------------------------------------------------------------- the models
 
-std::string hexadecimal(std::string_view bytes) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string text;
-    for (const char c : bytes) {
-        text += digits[static_cast<unsigned char>(c) / 16];
-        text += digits[static_cast<unsigned char>(c) % 16];
-    }
-    return text;
-}
-
-std::string with_colons(std::string text) {
-    for (std::size_t i = text.size() - 2; i > 0; i -= 2)
-        text.insert(i, ":");
-    return text;
-}
-
-std::string dotted_quad(std::string_view bytes) {
-    std::string text;
-    for (const char c : bytes)
-        text += (text.empty() ? "" : ".") + std::to_string(static_cast<unsigned char>(c));
-    return text;
-}
-
 Record binary_record(std::string_view bytes) {
     std::uint32_t expiry = 0;
     for (const char c : bytes.substr(20, 4))
         expiry = expiry * 256 + static_cast<unsigned char>(c);
     return {.ip = dotted_quad(bytes.substr(16, 4)),
-            .mac = with_colons(hexadecimal(bytes.substr(0, 6))),
+            .mac = hexadecimal(bytes.substr(0, 6), ":"),
             .expires = std::to_string(expiry)};
 }
 

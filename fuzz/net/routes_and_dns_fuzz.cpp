@@ -107,15 +107,6 @@ std::optional<std::uint32_t> gateway_of(const std::vector<Route> &routes,
     return std::nullopt;
 }
 
-std::string dotted_quad(std::uint32_t address) {
-    std::array<unsigned char, 4> bytes{};
-    std::memcpy(bytes.data(), &address, bytes.size());
-    std::string text = std::to_string(bytes[0]);
-    for (std::size_t i = 1; i < bytes.size(); ++i)
-        text += "." + std::to_string(bytes[i]);
-    return text;
-}
-
 std::string name_servers(std::string_view file) {
     std::string text;
     for (const Piece &piece : pieces_of(file, longest_resolver_line)) {
@@ -136,7 +127,8 @@ std::string check_gateway(const std::vector<Route> &routes, const std::string &i
     check_equal(found, expected.has_value(), "getDefaultRoute");
     check_equal(gateway, expected.value_or(0x12345678), "the gateway");
 
-    std::string text = dotted_quad(expected.value_or(0));
+    const std::uint32_t address = expected.value_or(0);
+    std::string text = dotted_quad({reinterpret_cast<const char *>(&address), sizeof address});
     const auto out = unterminated_block(INET_ADDRSTRLEN);
     check_equal(output_of([&] {
                     check(getDefGw(exact_copy(interface).get(), out.get()) == out.get(),

@@ -12,8 +12,6 @@ namespace {
 using namespace corvel_fuzz;
 
 constexpr std::size_t shortened_from = 40;
-constexpr std::string_view lower_digits = "0123456789abcdef";
-constexpr std::string_view upper_digits = "0123456789ABCDEF";
 
 struct Bytes {
     const unsigned char *data;
@@ -24,14 +22,9 @@ using Dump = void (*)(const unsigned char *, int);
 
 // ----------------------------------------------------------------------------------- the models
 
-std::string hexadecimal(std::string_view bytes, std::string_view digits, const char *behind) {
-    std::string text;
-    for (const char c : bytes) {
-        text += {digits[static_cast<unsigned char>(c) / 16],
-                 digits[static_cast<unsigned char>(c) % 16]};
-        text += behind;
-    }
-    return text;
+/** Two digits and a space for each byte. */
+std::string spaced(std::string_view bytes) {
+    return bytes.empty() ? "" : lower_case(hexadecimal(bytes, " ")) + " ";
 }
 
 std::string plain(std::string_view bytes) { return std::string(bytes); }
@@ -46,28 +39,23 @@ std::string shortened(std::string_view bytes, std::size_t end, Spell spell) {
            std::to_string(bytes.size()) + " bytes]";
 }
 
-/** Lines of 16 bytes, each with its end, and the end of what comes behind the last of them. */
+/** A line for each 16 bytes, and one for the rest, which may be empty. */
 std::string lines_of(std::string_view bytes) {
     std::string text;
     for (; bytes.size() >= 16; bytes.remove_prefix(16))
-        text += hexadecimal(bytes.substr(0, 16), lower_digits, " ") + "\n";
-    return text + hexadecimal(bytes, lower_digits, " ") + "\n";
+        text += spaced(bytes.substr(0, 16)) + "\n";
+    return text + spaced(bytes) + "\n";
 }
 
 std::string title_of(const std::string &title, std::size_t length) {
     return title + "(" + std::to_string(length) + "):\n";
 }
 
-/** Hardware addresses: six bytes each, with colons, and blanks between them. */
+/** Hardware addresses: six bytes each, with colons, and spaces between them. */
 std::string addresses_of(std::string_view bytes) {
     std::string text;
-    for (; !bytes.empty(); bytes.remove_prefix(std::min<std::size_t>(bytes.size(), 6))) {
-        std::string address = hexadecimal(bytes.substr(0, 6), upper_digits, ":");
-        address.back() = ' ';
-        text += address;
-    }
-    if (!text.empty())
-        text.pop_back();
+    for (; !bytes.empty(); bytes.remove_prefix(std::min<std::size_t>(bytes.size(), 6)))
+        text += (text.empty() ? "" : " ") + hexadecimal(bytes.substr(0, 6), ":");
     return text;
 }
 
@@ -101,8 +89,7 @@ std::string check_dumps(Bytes block, const std::string &bytes, const std::string
     const std::string short_lines = dump_of(print_hex_string, block);
     check_equal(
         short_lines,
-        shortened(bytes, 10,
-                  [](std::string_view part) { return hexadecimal(part, lower_digits, ""); }),
+        shortened(bytes, 10, [](std::string_view part) { return lower_case(hexadecimal(part)); }),
         "print_hex_string");
     const std::string short_text = dump_of(print_to_string, block);
     check_equal(short_text, shortened(bytes, 20, plain), "print_to_string");
