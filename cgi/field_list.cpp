@@ -54,7 +54,7 @@ str_node *find_keyword(const char *text, str_node *head) {
 char *change_keyword(char *text, const str_node *record) {
     const std::string_view value = corvel::value_of(*record);
     const std::string_view tail =
-        corvel::behind(corvel::text_of(text), corvel::name_of(*record).size() + 1);
+        corvel::after(corvel::text_of(text), corvel::name_of(*record).size() + 1);
     std::memmove(text + value.size(), tail.data(), tail.size() + 1);
     std::memcpy(text, value.data(), value.size());
     return text;

@@ -121,13 +121,13 @@ class PageFields {
     }
 
     const str_node *take_from_index(std::string_view text) {
-        IndexedName *const after =
+        IndexedName *const greater =
             std::upper_bound(index_.get(), index_.get() + count_, text,
                              [](std::string_view searched, const IndexedName &entry) {
                                  return searched < entry.name;
                              });
         IndexedName *found = nullptr;
-        for (IndexedName *group = after != index_.get() ? after[-1].group : nullptr;
+        for (IndexedName *group = greater != index_.get() ? greater[-1].group : nullptr;
              group != nullptr; group = group->prefix)
             if (group->next != group->last && text.starts_with(group->name) &&
                 (found == nullptr || group->next->place < found->next->place))
@@ -206,7 +206,7 @@ void fill_line(std::string_view line, PageFields &fields, Output &out) {
         if (marker == std::string_view::npos)
             break;
         position = marker + 1;
-        const str_node *const field = fields.take(behind(text, marker + 1));
+        const str_node *const field = fields.take(after(text, marker + 1));
         if (field == nullptr)
             continue;
         out.put(front(text, marker));

@@ -91,7 +91,7 @@ class PairReader {
         const std::size_t length = rest_.find(stop);
         word = front(rest_, length);
         more_ = length != std::string_view::npos;
-        rest_ = behind(rest_, word.size() + 1);
+        rest_ = after(rest_, word.size() + 1);
         return more_;
     }
 

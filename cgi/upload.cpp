@@ -106,7 +106,7 @@ class PartHeaders {
         const char *const found = find(std::max(cursor_, search_start_), key);
         if (found == nullptr)
             return false;
-        const std::string_view rest = behind(between(found, end_), key.size());
+        const std::string_view rest = after(between(found, end_), key.size());
         if (!rest.starts_with(separator))
             return false;
         cursor_ = line_ends_.from(rest.data() + 1, line_limit_);
@@ -125,7 +125,7 @@ class PartHeaders {
     /// The content: from behind the blank line that follows the last header taken to in front of
     /// the line end that precedes the next boundary.
     [[nodiscard]] std::string_view content() const {
-        const std::string_view rest = behind(between(cursor_, end_), 4);
+        const std::string_view rest = after(between(cursor_, end_), 4);
         const auto room = next_boundary_ - rest.data();
         return front(rest, room > 2 ? static_cast<std::size_t>(room - 2) : 0);
     }
@@ -187,10 +187,10 @@ PartResult read_part(std::string_view &rest, std::string_view boundary, LineEnds
                      prop_file &record, std::string_view &content) {
     const char *const end = rest.data() + rest.size();
     const char *const start = find_bytes(rest, boundary);
-    rest = behind(rest, rest.size());
+    rest = after(rest, rest.size());
     if (start == nullptr)
         return no_boundary;
-    const char *const next = find_bytes(behind(between(start, end), boundary.size()), boundary);
+    const char *const next = find_bytes(after(between(start, end), boundary.size()), boundary);
     if (next == nullptr)
         return no_closing_boundary;
     rest = between(next, end);
@@ -232,7 +232,7 @@ std::size_t make_boundary(std::string_view content_type, char *&boundary) {
     const std::size_t key = content_type.find(boundary_key);
     if (key == std::string_view::npos)
         return 0;
-    const std::string_view parameter = behind(content_type, key + boundary_key.size());
+    const std::string_view parameter = after(content_type, key + boundary_key.size());
     const std::size_t size = boundary_start.size() + parameter.size() + 1;
     if (boundary == nullptr)
         boundary = static_cast<char *>(std::calloc(1, size));

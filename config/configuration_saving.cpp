@@ -149,7 +149,7 @@ void copy_with_rows(LineReader &lines, std::FILE *copy, char separator,
     const std::string_view separator_text(&separator, separator != '\0' ? 1 : 0);
     Output out(copy);
     Line line;
-    while (lines.next(line) && !line.cut_off) {
+    while (lines.next(line) && !line.unterminated) {
         const std::string_view content = front(line.bytes(), line.place.size() - 1);
         const std::string_view text = front(line.text(), content.size());
         const prop_entry *row = index.last_named(key_of(text, separator));
@@ -193,7 +193,7 @@ void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &set
     while (lines.next(line)) {
         const bool named = key_of(line.text(), setting.separator) == setting.name;
         found = found || named;
-        if (line.cut_off)
+        if (line.unterminated)
             break;
         if (named)
             put_setting(out, setting, "\"");
@@ -250,7 +250,7 @@ int calc_netpriexlength(const char *mask) {
         const auto value = static_cast<unsigned char>(corvel::decimal_value(rest));
         length += value == 0 ? 0 : 8 - std::countr_zero(value);
         const std::size_t dot = rest.find('.');
-        rest = dot != std::string_view::npos ? corvel::behind(rest, dot + 1) : std::string_view();
+        rest = dot != std::string_view::npos ? corvel::after(rest, dot + 1) : std::string_view();
     }
     return length;
 }

@@ -37,7 +37,7 @@ bool parse_line(std::string_view line, char separator, Setting &setting) {
     const std::size_t split = line.find(separator);
     if (split == std::string_view::npos)
         return false;
-    setting = {front(line, split), behind(line, split + 1)};
+    setting = {front(line, split), after(line, split + 1)};
     return true;
 }
 
@@ -113,7 +113,7 @@ int load_prop(signed char sep, const char *path, prop_entry *table) {
     corvel::Line line;
     const char separator = corvel::separator_of(sep);
     int count = 0;
-    while (lines.next(line) && !line.cut_off)
+    while (lines.next(line) && !line.unterminated)
         if (corvel::fill_row_from_line(table[count], separator, corvel::without_line_end(line)))
             ++count;
     return count;

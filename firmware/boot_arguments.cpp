@@ -82,7 +82,7 @@ uint32_t get_rootid(const char *path) {
     std::printf("pos=%s\n", position.get());
     // The number is read at the colon, not after it: the root id is always 0.
     const std::string_view text(position.get());
-    return static_cast<uint32_t>(decimal_value(behind(text, text.find(':'))));
+    return static_cast<uint32_t>(decimal_value(after(text, text.find(':'))));
 }
 
 int save_param(const char *path, const char *name, const char *value) {

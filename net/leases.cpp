@@ -121,7 +121,7 @@ void read_text_leases(lease_entry **head, const char *path, const LineFormat &fo
     const std::time_t now = std::time(nullptr);
     LeaseList list(head);
     LineReader reader(file.get());
-    for (Line line; reader.next(line) && !line.cut_off;) {
+    for (Line line; reader.next(line) && !line.unterminated;) {
         lease_entry *const entry = list.append();
         if (entry == nullptr)
             return;

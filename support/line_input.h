@@ -25,7 +25,7 @@ struct Line {
     std::span<char> place;
     /// The file ended behind this line, which has no line end. A whole piece never counts as such,
     /// even where the file ends right behind it.
-    bool cut_off;
+    bool unterminated;
 
     /// The line as it stands in the file.
     [[nodiscard]] std::string_view bytes() const { return {place.data(), place.size()}; }
@@ -64,8 +64,8 @@ class LineReader {
     [[nodiscard]] bool failed() const { return failed_; }
 
   private:
-    bool take(std::size_t length, bool cut_off, Line &line) {
-        line = {{buffer_ + start_, length}, cut_off};
+    bool take(std::size_t length, bool unterminated, Line &line) {
+        line = {{buffer_ + start_, length}, unterminated};
         start_ += length;
         return true;
     }

@@ -20,18 +20,18 @@ class LineScanner {
 
     /// The next word; empty if there is none.
     [[gnu::noinline]] constexpr std::string_view word() {
-        skip_blanks();
+        skip_spaces();
         std::size_t length = 0;
         while (length < rest_.size() && !is_space(rest_[length]))
             ++length;
         const std::string_view word = front(rest_, length);
-        rest_ = behind(rest_, length);
+        rest_ = after(rest_, length);
         return word;
     }
 
     /// Whether a text follows, behind blanks.
     constexpr bool skip(std::string_view text) {
-        skip_blanks();
+        skip_spaces();
         const bool follows = rest_.starts_with(text);
         if (follows)
             rest_.remove_prefix(text.size());
@@ -67,14 +67,14 @@ class LineScanner {
     }
 
   private:
-    constexpr void skip_blanks() {
+    constexpr void skip_spaces() {
         while (!rest_.empty() && is_space(rest_.front()))
             rest_.remove_prefix(1);
     }
 
     /// Whether a number, behind blanks, begins with a minus.
     constexpr bool take_sign() {
-        skip_blanks();
+        skip_spaces();
         const bool negative = rest_.starts_with('-');
         if (negative || rest_.starts_with('+'))
             rest_.remove_prefix(1);

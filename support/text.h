@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Texts as views with bounds, and the few things that are done with them everywhere.
 //
-// std::string_view::substr() can throw and so needs the C++ runtime; front() and behind() stand in
+// std::string_view::substr() can throw and so needs the C++ runtime; front() and after() stand in
 // for it and can't leave the text.
 #ifndef CORVEL_SUPPORT_TEXT_H
 #define CORVEL_SUPPORT_TEXT_H
@@ -41,7 +41,7 @@ constexpr std::string_view front(std::string_view text, std::size_t length) {
 }
 
 /// All but the first `length` characters.
-constexpr std::string_view behind(std::string_view text, std::size_t length) {
+constexpr std::string_view after(std::string_view text, std::size_t length) {
     text.remove_prefix(at_most(length, text.size()));
     return text;
 }
