@@ -4,6 +4,8 @@
 #include "support/handles.h"
 #include "support/text.h"
 
+using namespace corvel;
+
 extern "C" {
 
 void *get_buffer(uint32_t size) {
@@ -12,7 +14,7 @@ void *get_buffer(uint32_t size) {
 }
 
 int free_buffer(void *block, uint32_t size) {
-    corvel::wipe_and_free(block, size);
+    wipe_and_free(block, size);
     return 0;
 }
 
@@ -20,41 +22,39 @@ void *add_str(str_node **head, const char *name, const char *value) {
     auto *const record = static_cast<str_node *>(std::malloc(sizeof(str_node)));
     if (record == nullptr)
         return nullptr;
-    corvel::store(record->name, corvel::text_of(name, sizeof record->name));
-    corvel::store(record->value, corvel::text_of(value, sizeof record->value));
+    store(record->name, text_of(name, sizeof record->name));
+    store(record->value, text_of(value, sizeof record->value));
     record->next = nullptr;
-    str_node **const end = corvel::find_link(head, [](const str_node &) { return false; });
+    str_node **const end = find_link(head, [](const str_node &) { return false; });
     *end = record;
     return end == head ? static_cast<void *>(record) : record->value;
 }
 
 void free_list(str_node **head) {
     while (*head != nullptr)
-        corvel::remove_record(head);
+        remove_record(head);
 }
 
 void delete_string(str_node **head, const char *name) {
     // The name may be that of a record, unterminated.
-    const std::string_view wanted = corvel::text_of(name, sizeof(str_node::name));
-    str_node **const link = corvel::find_link(
-        head, [wanted](const str_node &field) { return corvel::name_of(field) == wanted; });
+    const std::string_view wanted = text_of(name, sizeof(str_node::name));
+    str_node **const link =
+        find_link(head, [wanted](const str_node &field) { return name_of(field) == wanted; });
     if (*link != nullptr)
-        corvel::remove_record(link);
+        remove_record(link);
 }
 
 str_node *find_keyword(const char *text, str_node *head) {
     // Callers look at place after place of a text: no more is read than a name can be compared
     // with.
-    const std::string_view position = corvel::text_of(text, sizeof(str_node::name));
-    return *corvel::find_link(&head, [position](const str_node &field) {
-        return corvel::names_start_of(field, position);
-    });
+    const std::string_view position = text_of(text, sizeof(str_node::name));
+    return *find_link(
+        &head, [position](const str_node &field) { return names_start_of(field, position); });
 }
 
 char *change_keyword(char *text, const str_node *record) {
-    const std::string_view value = corvel::value_of(*record);
-    const std::string_view tail =
-        corvel::after(corvel::text_of(text), corvel::name_of(*record).size() + 1);
+    const std::string_view value = value_of(*record);
+    const std::string_view tail = after(text_of(text), name_of(*record).size() + 1);
     std::memmove(text + value.size(), tail.data(), tail.size() + 1);
     std::memcpy(text, value.data(), value.size());
     return text;

@@ -44,15 +44,17 @@ int print_object_start() { return std::printf("\t{"); }
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
-int printjson_hdr0(const char *name) { return corvel::print_section_start(name); }
+int printjson_hdr0(const char *name) { return print_section_start(name); }
 
-int printjson_hdr1(void) { return corvel::print_object_start(); }
+int printjson_hdr1(void) { return print_object_start(); }
 
 int printjson_hdr(const char *name) {
-    corvel::print_section_start(name);
-    return corvel::print_object_start();
+    print_section_start(name);
+    return print_object_start();
 }
 
 int printjson_tail0(void) { return std::putchar('}'); }
@@ -64,20 +66,20 @@ int printjson_tail(void) {
     return std::printf("\t]");
 }
 
-void list2json_data(const str_node *list) { corvel::print_pairs(list); }
+void list2json_data(const str_node *list) { print_pairs(list); }
 
 int list2json(const str_node *list, const char *name) {
-    std::printf("{\n\t\"%s\": [\n", corvel::text_or_empty(name));
+    std::printf("{\n\t\"%s\": [\n", text_or_empty(name));
     std::puts("\t{");
-    corvel::print_pairs(list);
+    print_pairs(list);
     std::puts("\n\t}");
     return std::printf("\t]\n}");
 }
 
 int prop2json(const prop_entry *table, int count) {
-    corvel::PairPrinter printer(stdout);
-    for (const prop_entry &row : corvel::rows_of(table, count))
-        printer.put(corvel::text_of(row.name), corvel::stripped(corvel::text_of(row.value), '"'));
+    PairPrinter printer(stdout);
+    for (const prop_entry &row : rows_of(table, count))
+        printer.put(text_of(row.name), stripped(text_of(row.value), '"'));
     return 0;
 }
 

@@ -237,23 +237,25 @@ void put_hidden_input(Output &out, std::string_view name, std::string_view marke
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
 int print_html(const char *path, str_node **list) {
-    const corvel::Descriptor page = corvel::open_for_reading(path);
+    const Descriptor page = open_for_reading(path);
     if (!page)
         return 0;
     str_node *no_fields = nullptr;
-    corvel::PageFields fields(list != nullptr ? list : &no_fields);
-    corvel::Output out(stdout);
-    corvel::LineReader lines(page.get());
-    corvel::Line line;
+    PageFields fields(list != nullptr ? list : &no_fields);
+    Output out(stdout);
+    LineReader lines(page.get());
+    Line line;
     while (lines.next(line)) {
         const std::string_view text = line.text();
         if (text.find('$') == std::string_view::npos)
             out.put(text);
         else
-            corvel::fill_line(text, fields, out);
+            fill_line(text, fields, out);
     }
     return 0;
 }
@@ -265,19 +267,19 @@ int print_list(const str_node *list) {
 }
 
 int generate_hidder_from_list(const str_node *list) {
-    corvel::Output out(stdout);
+    Output out(stdout);
     for (const str_node *field = list; field != nullptr; field = field->next)
-        corvel::put_hidden_input(out, corvel::name_of(*field), "$", "");
+        put_hidden_input(out, name_of(*field), "$", "");
     return 0;
 }
 
 int generate_hidder_from_prop(const prop_entry *table, int count) {
-    corvel::Output out(stdout);
-    for (const prop_entry &row : corvel::rows_of(table, count))
-        corvel::put_hidden_input(out, corvel::text_of(row.name), "${", "}");
-    for (const prop_entry &row : corvel::rows_of(table, count)) {
+    Output out(stdout);
+    for (const prop_entry &row : rows_of(table, count))
+        put_hidden_input(out, text_of(row.name), "${", "}");
+    for (const prop_entry &row : rows_of(table, count)) {
         out.put("\"");
-        out.put(corvel::text_of(row.name));
+        out.put(text_of(row.name));
         out.put("\",\n");
     }
     return 0;

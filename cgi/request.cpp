@@ -163,100 +163,101 @@ void forget_query() {
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
-char *read_queue(void) { return corvel::read_body().release(); }
+char *read_queue(void) { return read_body().release(); }
 
 int free_buff(void *block, uint32_t size) {
-    corvel::wipe_and_free(block, size);
+    wipe_and_free(block, size);
     return 0;
 }
 
 int process_queue(prop_entry *table) {
-    corvel::PairDecoder decoder(table);
+    PairDecoder decoder(table);
     if (!decoder.ready())
         return 0;
-    const corvel::WipedBlock body = corvel::read_body();
-    if (!body && corvel::is_method("GET"))
+    const WipedBlock body = read_body();
+    if (!body && is_method("GET"))
         return 0;
-    decoder.decode(corvel::text_of(body.get()));
-    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
-    corvel::forget_query();
+    decoder.decode(text_of(body.get()));
+    decoder.decode(text_of(std::getenv("QUERY_STRING")));
+    forget_query();
     return decoder.count();
 }
 
 int process_queue_get(prop_entry *table) {
-    if (corvel::is_method("POST"))
+    if (is_method("POST"))
         return 0;
-    corvel::PairDecoder decoder(table);
+    PairDecoder decoder(table);
     if (!decoder.ready())
         return 0;
-    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
-    corvel::forget_query();
+    decoder.decode(text_of(std::getenv("QUERY_STRING")));
+    forget_query();
     return decoder.count();
 }
 
 int process_query_string(prop_entry *table) {
-    corvel::PairDecoder decoder(table);
+    PairDecoder decoder(table);
     if (!decoder.ready())
         return 0;
-    decoder.decode(corvel::text_of(std::getenv("QUERY_STRING")));
+    decoder.decode(text_of(std::getenv("QUERY_STRING")));
     return decoder.count();
 }
 
 char *makeword(char *dst, const char *src, char stop, char **rest) {
-    const char *const start = corvel::text_or_empty(src);
+    const char *const start = text_or_empty(src);
     const char *end = start;
     // The length of the whole text is not taken: callers take word after word.
     while (*end != '\0' && *end != stop)
         ++end;
     *rest = *end != '\0' ? const_cast<char *>(end) + 1 : nullptr;
     const std::string_view word(start, static_cast<std::size_t>(end - start));
-    corvel::store({dst, word.size() + 1}, word);
+    store({dst, word.size() + 1}, word);
     return dst;
 }
 
 char *plustospace(char *text) {
-    const std::string_view view = corvel::text_of(text);
-    std::transform(view.begin(), view.end(), text, corvel::FormRules::read);
+    const std::string_view view = text_of(text);
+    std::transform(view.begin(), view.end(), text, FormRules::read);
     return text;
 }
 
 char *unescape_url(char *text) {
     if (text != nullptr)
-        *corvel::decode<corvel::UrlRules>(text, text) = '\0';
+        *decode<UrlRules>(text, text) = '\0';
     return text;
 }
 
 signed char x2c(const char *digits) {
-    const char *const high = corvel::text_or_empty(digits);
-    return corvel::byte_of_digits(*high, *high != '\0' ? high[1] : '\0');
+    const char *const high = text_or_empty(digits);
+    return byte_of_digits(*high, *high != '\0' ? high[1] : '\0');
 }
 
 int get_http_methmod(const char *method) {
-    return strcasecmp(corvel::text_or_empty(method), "POST") == 0 ? 1 : 0;
+    return strcasecmp(text_or_empty(method), "POST") == 0 ? 1 : 0;
 }
 
 int isajax_get(void) {
-    const std::string_view query = corvel::text_of(std::getenv("QUERY_STRING"));
-    if (!corvel::is_method("GET") || query.find("Ajax") == std::string_view::npos)
+    const std::string_view query = text_of(std::getenv("QUERY_STRING"));
+    if (!is_method("GET") || query.find("Ajax") == std::string_view::npos)
         return 0;
-    corvel::PairReader reader(query);
-    std::array<char, corvel::name_size> name_buffer;
-    std::array<char, corvel::value_size> value_buffer;
+    PairReader reader(query);
+    std::array<char, name_size> name_buffer;
+    std::array<char, value_size> value_buffer;
     std::string_view name;
     std::string_view value;
-    for (int pair = 0; pair < corvel::ajax_pairs && reader.next(name, value); ++pair)
-        if (corvel::decode_word(name, name_buffer) == "Ajax")
-            return corvel::decimal_value(
-                corvel::stripped(corvel::decode_word(value, value_buffer), '"'));
+    for (int pair = 0; pair < ajax_pairs && reader.next(name, value); ++pair)
+        if (decode_word(name, name_buffer) == "Ajax")
+            return decimal_value(stripped(decode_word(value, value_buffer), '"'));
     return 0;
 }
 
 int isnormal_post(int argc, char **argv, const char *expected) {
-    if (corvel::text_of(std::getenv("REQUEST_METHOD")) != "POST" || argc < 2)
+    if (text_of(std::getenv("REQUEST_METHOD")) != "POST" || argc < 2)
         return 0;
-    return corvel::text_of(argv[1]) == corvel::text_of(expected) ? 1 : 0;
+    return text_of(argv[1]) == text_of(expected) ? 1 : 0;
 }
 
 int myprintevn(void) {
@@ -268,7 +269,7 @@ int myprintevn(void) {
 
 char *get_val_awk(const char *command) {
     static std::array<char, 4096> first_line;
-    const corvel::Pipe pipe(popen(corvel::text_or_empty(command), "r"));
+    const Pipe pipe(popen(text_or_empty(command), "r"));
     if (!pipe)
         return first_line.data();
     std::memset(first_line.data(), 0, 255);

@@ -286,16 +286,18 @@ bool stands_at(const char *position, std::string_view pattern) {
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
 char *read_queue_for_upload(int *length) {
-    const int announced = corvel::announced_length();
-    if (std::getenv("REQUEST_METHOD") == nullptr || corvel::is_method("GET") || announced < 0)
+    const int announced = announced_length();
+    if (std::getenv("REQUEST_METHOD") == nullptr || is_method("GET") || announced < 0)
         return nullptr;
     *length = announced;
     const auto size = static_cast<std::size_t>(announced);
-    corvel::HeapBlock<char> body(static_cast<char *>(std::malloc(size + 1)));
-    if (!body || corvel::read_body_into({body.get(), size}) != size)
+    HeapBlock<char> body(static_cast<char *>(std::malloc(size + 1)));
+    if (!body || read_body_into({body.get(), size}) != size)
         return nullptr;
     body.get()[size] = '\0';
     return body.release();
@@ -307,50 +309,49 @@ char *read_queue_for_upload1(int *total, char **boundary, int *boundary_length) 
         return nullptr;
     }
     const char *const content_type = std::getenv("CONTENT_TYPE");
-    if (corvel::is_method("GET") || content_type == nullptr)
+    if (is_method("GET") || content_type == nullptr)
         return nullptr;
-    const std::size_t length = corvel::make_boundary(content_type, *boundary);
+    const std::size_t length = make_boundary(content_type, *boundary);
     if (length == 0)
         return nullptr;
     *boundary_length = static_cast<int>(length);
-    const int announced = corvel::announced_length();
-    if (announced < 0 || announced > corvel::largest_upload)
+    const int announced = announced_length();
+    if (announced < 0 || announced > largest_upload)
         return nullptr;
-    if (announced > corvel::largest_without_pause)
-        corvel::pause_before_upload();
+    if (announced > largest_without_pause)
+        pause_before_upload();
     *total = announced + *boundary_length;
-    return corvel::read_upload({*boundary, length}, static_cast<std::size_t>(announced)).release();
+    return read_upload({*boundary, length}, static_cast<std::size_t>(announced)).release();
 }
 
 int get_vhash(const char *content_type, char **boundary) {
-    return static_cast<int>(corvel::make_boundary(corvel::text_of(content_type), *boundary));
+    return static_cast<int>(make_boundary(text_of(content_type), *boundary));
 }
 
-unsigned int killDaemon(void) { return corvel::pause_before_upload(); }
+unsigned int killDaemon(void) { return pause_before_upload(); }
 
 char *hex_search(const char *start, const char *end, const char *pattern, int length) {
     if (start == nullptr || start >= end)
         return nullptr;
     const std::string_view wanted(pattern, length > 0 ? static_cast<std::size_t>(length) : 0);
-    const std::string_view block = corvel::between(start, end);
-    const char *found = corvel::find_bytes(block, wanted);
+    const std::string_view block = between(start, end);
+    const char *found = find_bytes(block, wanted);
     // A match may begin in front of the end and run past it; all of those come last.
-    const std::size_t tail = corvel::at_most(block.size(), wanted.size());
+    const std::size_t tail = at_most(block.size(), wanted.size());
     for (std::size_t at = block.size() - tail; found == nullptr && at != block.size(); ++at)
-        if (corvel::stands_at(start + at, wanted))
+        if (stands_at(start + at, wanted))
             found = start + at;
     return const_cast<char *>(found);
 }
 
 int getDisposition_file(char **data, unsigned int *size, char **cursor, char *end,
                         const char *boundary, prop_file *record) {
-    std::string_view rest = corvel::between(*cursor < end ? *cursor : end, end);
+    std::string_view rest = between(*cursor < end ? *cursor : end, end);
     std::string_view content;
-    corvel::LineEnds line_ends;
-    const corvel::PartResult result =
-        corvel::read_part(rest, corvel::text_of(boundary), line_ends, *record, content);
+    LineEnds line_ends;
+    const PartResult result = read_part(rest, text_of(boundary), line_ends, *record, content);
     *cursor = const_cast<char *>(rest.data());
-    if (result == corvel::file_found) {
+    if (result == file_found) {
         *data = const_cast<char *>(content.data());
         *size = static_cast<unsigned int>(content.size());
     }
@@ -359,14 +360,14 @@ int getDisposition_file(char **data, unsigned int *size, char **cursor, char *en
 
 char *strip_r(char *text, int *length, char one, char other) {
     const std::string_view kept =
-        corvel::trimmed({text, *length > 0 ? static_cast<std::size_t>(*length) : 0}, one, other);
+        trimmed({text, *length > 0 ? static_cast<std::size_t>(*length) : 0}, one, other);
     *length = static_cast<int>(kept.size());
     return const_cast<char *>(kept.data());
 }
 
 int process_file(char *upload, int length, const char *boundary, prop_file *files) {
-    return corvel::read_files({upload, length > 0 ? static_cast<std::size_t>(length) : 0},
-                              corvel::text_of(boundary), files);
+    return read_files({upload, length > 0 ? static_cast<std::size_t>(length) : 0},
+                      text_of(boundary), files);
 }
 
 int free_prop_file(prop_file *files, int count) {

@@ -207,18 +207,20 @@ void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &set
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
 int save_prop(signed char sep, const char *path, const prop_entry *table, int count) {
     std::array<char, 1024> copy_path;
     std::array<char, 1024> lock_path;
-    if (!corvel::name_companion(copy_path, corvel::text_of(path), corvel::copy_ending) ||
-        !corvel::name_companion(lock_path, corvel::text_of(path), corvel::lock_ending))
+    if (!name_companion(copy_path, text_of(path), copy_ending) ||
+        !name_companion(lock_path, text_of(path), lock_ending))
         return 1;
-    const corvel::FileNames names = {path, copy_path.data(), lock_path.data()};
-    const corvel::LockFile lock(names);
-    corvel::rewrite(lock, names, [&](corvel::LineReader &lines, std::FILE *copy) {
-        corvel::copy_with_rows(lines, copy, static_cast<char>(sep), corvel::rows_of(table, count));
+    const FileNames names = {path, copy_path.data(), lock_path.data()};
+    const LockFile lock(names);
+    rewrite(lock, names, [&](LineReader &lines, std::FILE *copy) {
+        copy_with_rows(lines, copy, static_cast<char>(sep), rows_of(table, count));
     });
     return 1;
 }
@@ -227,16 +229,14 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
                      const char *value) {
     std::array<char, 255> copy_path;
     std::array<char, 1024> lock_path;
-    if (!corvel::name_companion(copy_path, corvel::text_of(path), corvel::copy_ending) ||
-        !corvel::name_companion(lock_path, corvel::text_of(path), corvel::lock_ending))
+    if (!name_companion(copy_path, text_of(path), copy_ending) ||
+        !name_companion(lock_path, text_of(path), lock_ending))
         return 1;
-    const corvel::NewSetting setting = {corvel::text_of(prefix), corvel::text_of(name),
-                                        corvel::text_of(value), corvel::separator_of(sep)};
-    const corvel::FileNames names = {path, copy_path.data(), lock_path.data()};
-    corvel::LockFile lock(names);
-    corvel::rewrite(lock, names, [&](corvel::LineReader &lines, std::FILE *copy) {
-        corvel::copy_with_setting(lines, copy, setting);
-    });
+    const NewSetting setting = {text_of(prefix), text_of(name), text_of(value), separator_of(sep)};
+    const FileNames names = {path, copy_path.data(), lock_path.data()};
+    LockFile lock(names);
+    rewrite(lock, names,
+            [&](LineReader &lines, std::FILE *copy) { copy_with_setting(lines, copy, setting); });
     lock.release_and_remove();
     return 1;
 }
@@ -244,13 +244,13 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
 int save_config(void) { return std::system("/sbin/configclient  &"); }
 
 int calc_netpriexlength(const char *mask) {
-    std::string_view rest = corvel::text_of(mask);
+    std::string_view rest = text_of(mask);
     int length = 0;
     for (int octet = 0; octet < 4; ++octet) {
-        const auto value = static_cast<unsigned char>(corvel::decimal_value(rest));
+        const auto value = static_cast<unsigned char>(decimal_value(rest));
         length += value == 0 ? 0 : 8 - std::countr_zero(value);
         const std::size_t dot = rest.find('.');
-        rest = dot != std::string_view::npos ? corvel::after(rest, dot + 1) : std::string_view();
+        rest = dot != std::string_view::npos ? after(rest, dot + 1) : std::string_view();
     }
     return length;
 }

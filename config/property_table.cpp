@@ -103,74 +103,76 @@ std::span<char> value_field(const prop_entry &row) {
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
 int load_prop(signed char sep, const char *path, prop_entry *table) {
-    const corvel::Descriptor file = corvel::open_for_reading(path);
+    const Descriptor file = open_for_reading(path);
     if (!file)
         return 0;
-    corvel::LineReader lines(file.get());
-    corvel::Line line;
-    const char separator = corvel::separator_of(sep);
+    LineReader lines(file.get());
+    Line line;
+    const char separator = separator_of(sep);
     int count = 0;
     while (lines.next(line) && !line.unterminated)
-        if (corvel::fill_row_from_line(table[count], separator, corvel::without_line_end(line)))
+        if (fill_row_from_line(table[count], separator, without_line_end(line)))
             ++count;
     return count;
 }
 
 int get_pr(signed char sep, char *line, prop_entry *row) {
-    const std::span<char> text(line, corvel::text_of(line).size());
-    return corvel::fill_row_from_line(*row, corvel::separator_of(sep), text) ? 1 : 0;
+    const std::span<char> text(line, text_of(line).size());
+    return fill_row_from_line(*row, separator_of(sep), text) ? 1 : 0;
 }
 
 char *get_prop(const char *name, char *dst, const prop_entry *table, int count) {
-    const std::span rows = corvel::rows_of(table, count);
-    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    const std::span rows = rows_of(table, count);
+    const std::size_t index = find_row(rows, text_or_empty(name));
     if (index == rows.size())
         return nullptr;
-    const std::string_view value = corvel::text_of(rows[index].value, corvel::lookup_size - 1);
-    corvel::store({dst, corvel::lookup_size}, corvel::stripped(value, '"'));
+    const std::string_view value = text_of(rows[index].value, lookup_size - 1);
+    store({dst, lookup_size}, stripped(value, '"'));
     return dst;
 }
 
 int set_prop(const char *name, const char *value, prop_entry *table, int count) {
-    const std::span rows = corvel::rows_of(table, count);
-    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    const std::span rows = rows_of(table, count);
+    const std::size_t index = find_row(rows, text_or_empty(name));
     if (index == rows.size())
         return std::max(count, 0);
-    const std::span field = corvel::value_field(rows[index]);
-    corvel::store(field, corvel::text_of(value, field.size()));
+    const std::span field = value_field(rows[index]);
+    store(field, text_of(value, field.size()));
     return static_cast<int>(index);
 }
 
 int ins_prop(const char *name, const char *value, prop_entry *table, int count) {
-    const std::span rows = corvel::rows_of(table, count);
-    const std::size_t index = corvel::find_row(rows, corvel::text_or_empty(name));
+    const std::span rows = rows_of(table, count);
+    const std::size_t index = find_row(rows, text_or_empty(name));
     const int rows_in_use = static_cast<int>(rows.size());
     if (index == rows.size()) {
-        const bool added = corvel::fill_row_with(table[index], name, value);
+        const bool added = fill_row_with(table[index], name, value);
         return added ? rows_in_use + 1 : rows_in_use;
     }
-    const std::span field = corvel::value_field(rows[index]);
-    const std::size_t kept = corvel::store(field, corvel::text_of(value, field.size()));
+    const std::span field = value_field(rows[index]);
+    const std::size_t kept = store(field, text_of(value, field.size()));
     if (kept < field.size())
         std::memset(&field[kept], 0, field.size() - kept);
     return rows_in_use;
 }
 
 int ins_pr(const char *name, const char *value, prop_entry *row, int) {
-    return corvel::fill_row_with(*row, name, value) ? 1 : 0;
+    return fill_row_with(*row, name, value) ? 1 : 0;
 }
 
 int dump_prop(const prop_entry *table, int count) {
-    for (const prop_entry &row : corvel::rows_of(table, count))
+    for (const prop_entry &row : rows_of(table, count))
         DFPrintf(stderr, "%s=%s\n", row.name, row.value);
     return 0;
 }
 
 int free_prop(prop_entry *table, int count) {
-    for (prop_entry &row : corvel::rows_of(table, count)) {
+    for (prop_entry &row : rows_of(table, count)) {
         std::free(std::exchange(row.name, nullptr));
         std::free(std::exchange(row.value, nullptr));
     }

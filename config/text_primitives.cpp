@@ -60,14 +60,14 @@ std::size_t translate_quotes(std::string_view text, std::span<char, attribute_si
 } // namespace
 } // namespace corvel
 
+using namespace corvel;
+
 extern "C" {
 
-unsigned int STRCMP(const char *a, const char *b) {
-    return corvel::text_of(a) == corvel::text_of(b) ? 0 : 1;
-}
+unsigned int STRCMP(const char *a, const char *b) { return text_of(a) == text_of(b) ? 0 : 1; }
 
 char *strip(char *str, signed char ch) {
-    const std::string_view text = corvel::text_of(str);
+    const std::string_view text = text_of(str);
     if (text.empty())
         return str;
     // Both ends are looked at before either is changed: they may be the same character.
@@ -77,18 +77,18 @@ char *strip(char *str, signed char ch) {
     return start;
 }
 
-char *add_escape(const char *src, char *dst) { return corvel::escape(src, dst); }
+char *add_escape(const char *src, char *dst) { return escape(src, dst); }
 
-char *str_regular(const char *src, char *dst) { return corvel::escape(src, dst); }
+char *str_regular(const char *src, char *dst) { return escape(src, dst); }
 
-char *strip_escape(const char *src, char *dst) { return corvel::unescape(src, dst); }
+char *strip_escape(const char *src, char *dst) { return unescape(src, dst); }
 
 char *translate_control_code(char *str) {
-    const std::string_view text = corvel::text_of(str);
+    const std::string_view text = text_of(str);
     if (text.find('"') == std::string_view::npos)
         return str;
-    std::array<char, corvel::attribute_size> translated;
-    const std::size_t length = corvel::translate_quotes(text, translated);
+    std::array<char, attribute_size> translated;
+    const std::size_t length = translate_quotes(text, translated);
     std::memcpy(str, translated.data(), length);
     str[length] = '\0';
     return str;
