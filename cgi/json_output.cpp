@@ -3,7 +3,6 @@
 
 #include "cgi/field_list.h"
 #include "config/property_table.h"
-#include "config/text_primitives.h"
 #include "support/output.h"
 #include "support/text.h"
 

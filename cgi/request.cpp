@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "cgi/request_body.h"
-#include "config/text_primitives.h"
 #include "support/handles.h"
 #include "support/text.h"
 

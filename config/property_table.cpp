@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#include "config/text_primitives.h"
 #include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"
@@ -41,15 +40,6 @@ bool parse_line(std::string_view line, char separator, Setting &setting) {
     return true;
 }
 
-std::string_view first_word(std::string_view text) {
-    while (!text.empty() && is_space(text.front()))
-        text.remove_prefix(1);
-    std::size_t length = 0;
-    while (length < text.size() && !is_space(text[length]))
-        ++length;
-    return front(text, length);
-}
-
 /// Gives a row its two blocks, or leaves it as it was.
 bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
               std::string_view value) {
@@ -73,8 +63,8 @@ bool fill_row_from_line(prop_entry &row, char separator, std::span<char> line) {
         return false;
     const char *const name_end = setting.name_area.data() + setting.name_area.size();
     line[static_cast<std::size_t>(name_end - line.data())] = '\0';
-    return fill_row(row, first_word(setting.name_area), setting.name_area.size() + 1,
-                    setting.value);
+    const std::size_t name_size = setting.name_area.size() + 1;
+    return fill_row(row, take_word(setting.name_area), name_size, setting.value);
 }
 
 /// The line's text without its line end.

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "config/text_primitives.h"
-
 #include <corvel.h>
 
 #include <array>
@@ -70,11 +68,10 @@ char *strip(char *str, signed char ch) {
     const std::string_view text = text_of(str);
     if (text.empty())
         return str;
-    // Both ends are looked at before either is changed: they may be the same character.
-    char *const start = text.starts_with(static_cast<char>(ch)) ? str + 1 : str;
+    const char *const start = stripped(text, static_cast<char>(ch)).data();
     if (text.ends_with(static_cast<char>(ch)))
         str[text.size() - 1] = '\0';
-    return start;
+    return const_cast<char *>(start);
 }
 
 char *add_escape(const char *src, char *dst) { return escape(src, dst); }

@@ -19,19 +19,11 @@ class LineScanner {
     explicit constexpr LineScanner(std::string_view line) : rest_(line) {}
 
     /// The next word; empty if there is none.
-    [[gnu::noinline]] constexpr std::string_view word() {
-        skip_spaces();
-        std::size_t length = 0;
-        while (length < rest_.size() && !is_space(rest_[length]))
-            ++length;
-        const std::string_view word = front(rest_, length);
-        rest_ = after(rest_, length);
-        return word;
-    }
+    constexpr std::string_view word() { return take_word(rest_); }
 
     /// Whether a text follows, behind blanks.
     constexpr bool skip(std::string_view text) {
-        skip_spaces();
+        skip_spaces(rest_);
         const bool follows = rest_.starts_with(text);
         if (follows)
             rest_.remove_prefix(text.size());
@@ -40,7 +32,8 @@ class LineScanner {
 
     /// A number as "%x" takes it, of 32 bits as on the board: the largest one for a larger one.
     [[gnu::noinline]] constexpr std::optional<std::uint32_t> hexadecimal() {
-        const bool negative = take_sign();
+        skip_spaces(rest_);
+        const bool negative = skip_sign(rest_);
         if ((rest_.starts_with("0x") || rest_.starts_with("0X")) && rest_.size() > 2 &&
             hex_value(rest_[2]) >= 0)
             rest_.remove_prefix(2);
@@ -59,7 +52,8 @@ class LineScanner {
 
     /// Whether a number as "%d" takes it follows.
     [[gnu::noinline]] constexpr bool skip_decimal() {
-        take_sign();
+        skip_spaces(rest_);
+        skip_sign(rest_);
         const std::size_t length = rest_.size();
         while (!rest_.empty() && is_digit(rest_.front()))
             rest_.remove_prefix(1);
@@ -67,20 +61,6 @@ class LineScanner {
     }
 
   private:
-    constexpr void skip_spaces() {
-        while (!rest_.empty() && is_space(rest_.front()))
-            rest_.remove_prefix(1);
-    }
-
-    /// Whether a number, behind blanks, begins with a minus.
-    constexpr bool take_sign() {
-        skip_spaces();
-        const bool negative = rest_.starts_with('-');
-        if (negative || rest_.starts_with('+'))
-            rest_.remove_prefix(1);
-        return negative;
-    }
-
     std::string_view rest_;
 };
 

@@ -67,15 +67,50 @@ constexpr bool is_space(char character) {
 
 constexpr bool is_digit(char character) { return character >= '0' && character <= '9'; }
 
-/// The number at the start of a text, as atoi and atol read it: blanks, a sign, digits; 0 if there
-/// is none. A number outside of the range, where their result is undefined, becomes the nearest one
-/// inside.
-constexpr long long decimal_value(std::string_view text, long long minimum, long long maximum) {
+/// Skips the white space at the start of a string.
+constexpr void skip_spaces(std::string_view &text) {
     while (!text.empty() && is_space(text.front()))
         text.remove_prefix(1);
+}
+
+/// Skips the sign at the start of a string. Returns whether it is a minus.
+constexpr bool skip_sign(std::string_view &text) {
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+'))
         text.remove_prefix(1);
+    return negative;
+}
+
+/// Removes the first word, and the white space before it, from a string. Returns the word; empty
+/// if there is none.
+///
+/// Not inlined: the code is small that way.
+[[gnu::noinline]] constexpr std::string_view take_word(std::string_view &text) {
+    skip_spaces(text);
+    std::size_t length = 0;
+    while (length < text.size() && !is_space(text[length]))
+        ++length;
+    const std::string_view word = front(text, length);
+    text = after(text, length);
+    return word;
+}
+
+/// The string without at most one `character` at each end. Each end is tested by itself, except
+/// that a string of one character loses it only once.
+constexpr std::string_view stripped(std::string_view text, char character) {
+    if (text.starts_with(character))
+        text.remove_prefix(1);
+    if (text.ends_with(character))
+        text.remove_suffix(1);
+    return text;
+}
+
+/// The number at the start of a string as atoi and atol read it: white space, a sign, digits; 0 if
+/// there is none. A number out of range, where their result is undefined, becomes the nearest one
+/// in range.
+constexpr long long decimal_value(std::string_view text, long long minimum, long long maximum) {
+    skip_spaces(text);
+    const bool negative = skip_sign(text);
     unsigned long long magnitude = 0;
     for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1)) {
         if (magnitude > (ULLONG_MAX - 9) / 10)
