@@ -51,106 +51,19 @@ const char *line_end_of(std::string_view block) {
     return line.data() + front(line, line.find('\r')).size();
 }
 
-/// Where the lines of an upload end. What was searched last is kept: a body of boundaries in a
-/// single line is not read again for each of them.
-class LineEnds {
-  public:
-    /// The first line ending from a position on, or the limit.
-    const char *from(const char *position, const char *limit) {
-        if (searched_ == nullptr || position < start_ || position > searched_)
-            start_ = searched_ = position;
-        if (searched_ < limit)
-            searched_ = line_end_of(between(searched_, limit));
-        return std::min(searched_, limit);
+/// Stores the value of a header in a record's field: at most 256 characters, not counting double
+/// quotes, which are removed.
+[[gnu::noinline]] void store_value(std::span<char> field, std::string_view value) {
+    const std::size_t limit = std::min<std::size_t>(256, field.size() - 1);
+    std::size_t length = 0;
+    for (const char character : value) {
+        if (length == limit)
+            break;
+        if (character != '"')
+            field[length++] = character;
     }
-
-  private:
-    // No line ends between the two.
-    const char *start_ = nullptr;
-    const char *searched_ = nullptr;
-};
-
-/// The value of a header: at most its first 256 characters.
-class HeaderValue {
-  public:
-    /// Takes the text without its double quotes.
-    void take(std::string_view text) {
-        length_ = 0;
-        for (const char character : text) {
-            if (length_ == value_.size())
-                return;
-            if (character != '"')
-                value_[length_++] = character;
-        }
-    }
-
-    [[nodiscard]] std::string_view text() const { return {value_.data(), length_}; }
-
-  private:
-    std::array<char, 256> value_;
-    std::size_t length_ = 0;
-};
-
-/// One part of the upload, from its boundary to the next one, while its headers are read.
-class PartHeaders {
-  public:
-    PartHeaders(const char *start, const char *next_boundary, const char *end, LineEnds &line_ends)
-        : cursor_(start), search_start_(start), next_boundary_(next_boundary), end_(end),
-          line_limit_(next_boundary + front(between(next_boundary, end), longest_overrun).size()),
-          line_ends_(line_ends) {}
-
-    /// Finds a key from the cursor on, in front of the next boundary and with the separator right
-    /// behind it; takes its value and moves the cursor to the end of its line. False, and nothing
-    /// changed, if the first such key has another character behind it or there is none.
-    bool take(std::string_view key, char separator, HeaderValue &value) {
-        const char *const found = find(std::max(cursor_, search_start_), key);
-        if (found == nullptr)
-            return false;
-        const std::string_view rest = after(between(found, end_), key.size());
-        if (!rest.starts_with(separator))
-            return false;
-        cursor_ = line_ends_.from(rest.data() + 1, line_limit_);
-        value.take(between(rest.data() + 1, cursor_));
-        return true;
-    }
-
-    /// Has take() pass over what is in front of the first place where keys that begin with `start`
-    /// can stand. The headers end nowhere: keys that are not there are looked for in the whole
-    /// content, and that is done once for all of them.
-    void pass_over_to(std::string_view start) {
-        const char *const found = find(cursor_, start);
-        search_start_ = found != nullptr ? found : next_boundary_;
-    }
-
-    /// The content: from behind the blank line that follows the last header taken to in front of
-    /// the line end that precedes the next boundary.
-    [[nodiscard]] std::string_view content() const {
-        const std::string_view rest = after(between(cursor_, end_), 4);
-        const auto room = next_boundary_ - rest.data();
-        return front(rest, room > 2 ? static_cast<std::size_t>(room - 2) : 0);
-    }
-
-    [[nodiscard]] std::string_view rest() const { return between(cursor_, end_); }
-
-  private:
-    /// The first place of a key that begins in front of the next boundary; it may run into it. Keys
-    /// are short and their first character is rare: a search for that character is the fastest.
-    [[nodiscard]] const char *find(const char *start, std::string_view key) const {
-        if (start >= next_boundary_)
-            return nullptr;
-        const std::string_view searched =
-            front(between(start, end_), between(start, next_boundary_).size() + key.size() - 1);
-        const std::size_t position = searched.find(key);
-        return position != std::string_view::npos ? start + position : nullptr;
-    }
-
-    const char *cursor_;
-    const char *search_start_;
-    const char *next_boundary_;
-    const char *end_;
-    const char *line_limit_;
-    LineEnds &line_ends_;
-};
+    field[length] = '\0';
+}
 
 enum PartResult : int {
     file_found = 0,
@@ -160,49 +73,119 @@ enum PartResult : int {
     no_content_type = -4,
 };
 
-PartResult read_headers(PartHeaders &headers, prop_file &record) {
-    HeaderValue value;
-    if (!headers.take("filename", '=', value))
-        return no_file_name;
-    store(record.filename, value.text());
-    if (!headers.take("Content-Type", ':', value)) {
-        const std::string_view shown = front(headers.rest(), dump_size);
+/// Reads the parts of an upload in turn.
+class PartReader {
+  public:
+    PartReader(std::string_view upload, std::string_view boundary)
+        : rest_(upload), boundary_(boundary), end_(upload.data() + upload.size()),
+          line_end_(upload.data()) {}
+
+    /// Finds the next part, which extends from its boundary to the next one. Stores the headers of
+    /// a file in the record.
+    [[gnu::noinline]] PartResult next(prop_file &record, std::string_view &content) {
+        cursor_ = find_bytes(rest_, boundary_);
+        rest_ = between(end_, end_);
+        if (cursor_ == nullptr)
+            return no_boundary;
+        next_boundary_ = find_bytes(after(between(cursor_, end_), boundary_.size()), boundary_);
+        if (next_boundary_ == nullptr)
+            return no_closing_boundary;
+        rest_ = between(next_boundary_, end_);
+        const PartResult result = take_headers(record);
+        if (result != file_found)
+            return result;
+        content = content_after_headers();
+        // The next search starts at the line ending before the boundary.
+        rest_ = between(next_boundary_ - 2, end_);
+        return file_found;
+    }
+
+    /// What is left of the upload after the last part.
+    [[nodiscard]] std::string_view rest() const { return rest_; }
+
+  private:
+    PartResult take_headers(prop_file &record) {
+        std::string_view value;
+        if (!take_header("filename", '=', value))
+            return no_file_name;
+        store_value(record.filename, value);
+        if (!take_header("Content-Type", ':', value)) {
+            dump_rest();
+            return no_content_type;
+        }
+        store_value(record.content_type, value);
+        // Nothing marks the end of the headers: a key that is missing is searched for in the whole
+        // content. This is done once for both keys.
+        if (find("Content-T") == nullptr)
+            return file_found;
+        const bool has_second_type = take_header("Content-Type", ':', value);
+        if (has_second_type)
+            store_value(record.content_type, value);
+        // Without an encoding, a second type is stored as the encoding as well.
+        if (take_header("Content-Transfer-Encoding", ':', value) || has_second_type)
+            store_value(record.transfer_encoding, value);
+        return file_found;
+    }
+
+    /// Finds the next occurrence of a key and moves the cursor to the end of its line. False, with
+    /// nothing changed, if there is none or if the separator does not follow immediately.
+    bool take_header(std::string_view key, char separator, std::string_view &value) {
+        const char *const found = find(key);
+        if (found == nullptr)
+            return false;
+        const std::string_view rest = after(between(found, end_), key.size());
+        if (!rest.starts_with(separator))
+            return false;
+        cursor_ = line_end(rest.data() + 1);
+        value = between(rest.data() + 1, cursor_);
+        return true;
+    }
+
+    /// The first occurrence of a key that starts between the cursor and the next boundary, or null.
+    /// It may run into the boundary. Keys are short and their first character is rare, so that
+    /// find(), which searches for that character, is faster than memmem().
+    [[nodiscard]] const char *find(std::string_view key) const {
+        if (cursor_ >= next_boundary_)
+            return nullptr;
+        const std::string_view searched =
+            front(between(cursor_, end_), between(cursor_, next_boundary_).size() + key.size() - 1);
+        const std::size_t position = searched.find(key);
+        return position != std::string_view::npos ? cursor_ + position : nullptr;
+    }
+
+    /// The first line ending at or after the start of a value, or the place where the search for it
+    /// stops. A search continues where the previous one stopped, since each value starts after the
+    /// previous one: a body of boundaries in a single line is not read again for each of them.
+    const char *line_end(const char *value) {
+        const char *const limit =
+            next_boundary_ + front(between(next_boundary_, end_), longest_overrun).size();
+        line_end_ = std::max(line_end_, value);
+        if (line_end_ < limit)
+            line_end_ = line_end_of(between(line_end_, limit));
+        return std::min(line_end_, limit);
+    }
+
+    /// The content: from after the empty line that follows the last header to before the line
+    /// ending that precedes the next boundary.
+    [[nodiscard]] std::string_view content_after_headers() const {
+        const std::string_view rest = after(between(cursor_, end_), 4);
+        const auto room = next_boundary_ - rest.data();
+        return front(rest, room > 2 ? static_cast<std::size_t>(room - 2) : 0);
+    }
+
+    void dump_rest() const {
+        const std::string_view shown = front(between(cursor_, end_), dump_size);
         print_raw_dump(nullptr,
                        {reinterpret_cast<const unsigned char *>(shown.data()), shown.size()});
-        return no_content_type;
     }
-    store(record.content_type, value.text());
-    headers.pass_over_to("Content-T");
-    const bool second_type = headers.take("Content-Type", ':', value);
-    if (second_type)
-        store(record.content_type, value.text());
-    // A second type without an encoding behind it is taken for the encoding, too.
-    if (headers.take("Content-Transfer-Encoding", ':', value) || second_type)
-        store(record.transfer_encoding, value.text());
-    return file_found;
-}
 
-/// Reads the next part of `rest`, which moves on behind it.
-PartResult read_part(std::string_view &rest, std::string_view boundary, LineEnds &line_ends,
-                     prop_file &record, std::string_view &content) {
-    const char *const end = rest.data() + rest.size();
-    const char *const start = find_bytes(rest, boundary);
-    rest = after(rest, rest.size());
-    if (start == nullptr)
-        return no_boundary;
-    const char *const next = find_bytes(after(between(start, end), boundary.size()), boundary);
-    if (next == nullptr)
-        return no_closing_boundary;
-    rest = between(next, end);
-    PartHeaders headers(start, next, end, line_ends);
-    const PartResult result = read_headers(headers, record);
-    if (result != file_found)
-        return result;
-    content = headers.content();
-    // The next part is looked for from the line end in front of its boundary.
-    rest = between(next - 2, end);
-    return file_found;
-}
+    std::string_view rest_;
+    std::string_view boundary_;
+    const char *end_;
+    const char *cursor_ = nullptr; ///< The part's boundary, then the end of the last header's line.
+    const char *next_boundary_ = nullptr;
+    const char *line_end_; ///< No line ends between the last value and here.
+};
 
 /// Gives a record a copy of its content; false if there is no memory.
 bool store_content(prop_file &record, std::string_view content) {
@@ -218,10 +201,10 @@ bool store_content(prop_file &record, std::string_view content) {
 int read_files(std::string_view upload, std::string_view boundary, prop_file *files) {
     std::size_t count = 0;
     std::string_view content;
-    LineEnds line_ends;
-    while (upload.size() > shortest_part && count < most_files)
-        if (read_part(upload, boundary, line_ends, files[count], content) == file_found &&
-            files[count].filename[0] != '\0' && store_content(files[count], content))
+    PartReader parts(upload, boundary);
+    while (parts.rest().size() > shortest_part && count < most_files)
+        if (parts.next(files[count], content) == file_found && files[count].filename[0] != '\0' &&
+            store_content(files[count], content))
             ++count;
     return static_cast<int>(count);
 }
@@ -346,11 +329,10 @@ char *hex_search(const char *start, const char *end, const char *pattern, int le
 
 int getDisposition_file(char **data, unsigned int *size, char **cursor, char *end,
                         const char *boundary, prop_file *record) {
-    std::string_view rest = between(*cursor < end ? *cursor : end, end);
+    PartReader parts(between(*cursor < end ? *cursor : end, end), text_of(boundary));
     std::string_view content;
-    LineEnds line_ends;
-    const PartResult result = read_part(rest, text_of(boundary), line_ends, *record, content);
-    *cursor = const_cast<char *>(rest.data());
+    const PartResult result = parts.next(*record, content);
+    *cursor = const_cast<char *>(parts.rest().data());
     if (result == file_found) {
         *data = const_cast<char *>(content.data());
         *size = static_cast<unsigned int>(content.size());
