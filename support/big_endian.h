@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The integers of the file formats: 32 bits, most significant byte first, at any address.
+// Integers of the file formats: 32 bits, most significant byte first, at any address.
 #ifndef CORVEL_SUPPORT_BIG_ENDIAN_H
 #define CORVEL_SUPPORT_BIG_ENDIAN_H
 

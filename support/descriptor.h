@@ -14,10 +14,10 @@
 
 namespace corvel {
 
-/// An open file descriptor, or none.
+/// Owns an open file descriptor, or holds none.
 class Descriptor {
   public:
-    /// Takes what open() or socket() returned.
+    /// Takes the result of open() or socket(); a negative one is no descriptor.
     explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
     Descriptor(Descriptor &&other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
     Descriptor &operator=(Descriptor &&other) noexcept {
@@ -37,12 +37,12 @@ class Descriptor {
     int descriptor_;
 };
 
-/// Opens a file for reading. A folder, which open() would open all the same, is refused. Where
-/// there is no file, errno says why.
+/// Opens a file for reading. A directory, which open() accepts, fails with EISDIR. On failure,
+/// errno is set.
 inline Descriptor open_for_reading(const char *path) {
     Descriptor file(open(text_or_empty(path), O_RDONLY | O_CLOEXEC));
     struct stat status;
-    // A size or a date beyond the C library's types is no reason to refuse a file.
+    // If fstat() fails because a size or a date overflows its type, the file is still usable.
     if (file && fstat(file.get(), &status) == 0 && S_ISDIR(status.st_mode)) {
         errno = EISDIR;
         return Descriptor(-1);
@@ -50,14 +50,15 @@ inline Descriptor open_for_reading(const char *path) {
     return file;
 }
 
-/// Whether a path, whose last component is not followed, names the file with this status.
+/// Whether a path names the file with this status. A symbolic link at the end of the path is not
+/// followed.
 inline bool is_at(const struct stat &file, const char *path) {
     struct stat named;
     return lstat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
 }
 
-/// Reads until the block is full or nothing more comes. Returns the number of bytes read, or -1 if
-/// an error came before the first one. An interruption by a signal is an error.
+/// Reads until the block is full, the file ends or an error occurs. Returns the number of bytes
+/// read, or -1 if an error occurs before the first byte. Interruption by a signal is an error.
 inline ssize_t read_fully(int descriptor, void *block, std::size_t size) {
     std::size_t total = 0;
     while (total < size) {

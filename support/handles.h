@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Owners of what must be released: heap blocks and streams.
+// Owning types for heap blocks and streams.
 #ifndef CORVEL_SUPPORT_HANDLES_H
 #define CORVEL_SUPPORT_HANDLES_H
 
@@ -19,10 +19,10 @@ struct HeapRelease {
     void operator()(void *block) const { std::free(block); }
 };
 
-/// A block of the C heap.
+/// Owns a block of the C heap.
 template <typename Element> using HeapBlock = std::unique_ptr<Element, HeapRelease>;
 
-/// A copy of a text, terminated; null if there is no memory.
+/// A NUL-terminated copy of a string; null if memory cannot be allocated.
 inline HeapBlock<char> copy_of(std::string_view text) {
     HeapBlock<char> copy(static_cast<char *>(std::malloc(text.size() + 1)));
     if (copy)
@@ -30,14 +30,14 @@ inline HeapBlock<char> copy_of(std::string_view text) {
     return copy;
 }
 
-/// Overwrites a block with zeros that are really written: the compiler must assume that something
-/// reads them.
+/// Overwrites a block with zeros. The compiler cannot remove the stores: the assembly statement may
+/// read them.
 inline void wipe(void *block, std::size_t size) {
     std::memset(block, 0, size);
     __asm__ volatile("" : : "r"(block) : "memory");
 }
 
-/// Overwrites a block of the C heap with zeros and frees it; null is ignored.
+/// Overwrites a block of the C heap with zeros and frees it. A null pointer is ignored.
 inline void wipe_and_free(void *block, std::size_t size) {
     if (block == nullptr)
         return;
@@ -45,7 +45,8 @@ inline void wipe_and_free(void *block, std::size_t size) {
     std::free(block);
 }
 
-/// A block of the C heap whose bytes are wiped before it is freed; null if there was no memory.
+/// Owns a block of the C heap and wipes it before freeing it; null if memory could not be
+/// allocated.
 class WipedBlock {
   public:
     WipedBlock() = default;
@@ -59,7 +60,7 @@ class WipedBlock {
     explicit operator bool() const { return block_ != nullptr; }
     [[nodiscard]] char *get() const { return block_; }
     [[nodiscard]] std::span<char> bytes() const { return {block_, size_}; }
-    /// Only the first bytes hold anything.
+    /// Wipes only the first `size` bytes: the others were never written.
     void wipe_only(std::size_t size) { size_ = size; }
     char *release() { return std::exchange(block_, nullptr); }
 
@@ -72,14 +73,14 @@ struct StreamClose {
     void operator()(std::FILE *stream) const { std::fclose(stream); }
 };
 
-/// A stream opened with fopen or fdopen.
+/// Owns a stream opened with fopen() or fdopen().
 using Stream = std::unique_ptr<std::FILE, StreamClose>;
 
 struct PipeClose {
     void operator()(std::FILE *stream) const { pclose(stream); }
 };
 
-/// A stream opened with popen.
+/// Owns a stream opened with popen().
 using Pipe = std::unique_ptr<std::FILE, PipeClose>;
 
 } // namespace corvel

@@ -8,7 +8,7 @@
 
 namespace corvel {
 
-/// The value of every character as a hexadecimal digit of either case, or -1.
+/// The value of each character as a hexadecimal digit of either case; -1 for other characters.
 inline constexpr std::array<signed char, UCHAR_MAX + 1> hex_values = [] {
     std::array<signed char, UCHAR_MAX + 1> values{};
     values.fill(-1);
@@ -23,16 +23,16 @@ inline constexpr std::array<signed char, UCHAR_MAX + 1> hex_values = [] {
 
 constexpr int hex_value(char digit) { return hex_values[static_cast<unsigned char>(digit)]; }
 
-/// The byte that two digits make, or -1. Where the first one is no digit, as the end of a text is
-/// not, the second is not looked at.
+/// The value of two hexadecimal digits, or -1 if either is not one. If the first is not, as at the
+/// end of a string, the second is not read.
 constexpr int hex_pair(const char *digits) {
     const int high = hex_value(digits[0]);
     const int low = high < 0 ? -1 : hex_value(digits[1]);
     return low < 0 ? -1 : high * 16 + low;
 }
 
-/// Turns pairs of digits into bytes, up to the first pair that is none. False if there is one; the
-/// bytes of the pairs in front of it are stored.
+/// Converts pairs of digits to bytes, stopping at the first malformed pair. False if there is one;
+/// the bytes of the preceding pairs are stored.
 constexpr bool parse_hex(const char *digits, std::size_t pairs, unsigned char *out) {
     for (; pairs != 0; --pairs, digits += 2) {
         const int byte = hex_pair(digits);
@@ -43,10 +43,10 @@ constexpr bool parse_hex(const char *digits, std::size_t pairs, unsigned char *o
     return true;
 }
 
-/// Not inside of put_hex(), where it would be made anew on the stack for every byte.
+/// Not local to put_hex(), where it would be rebuilt on the stack for every byte.
 inline constexpr char hex_digits[] = "0123456789ABCDEF";
 
-/// Writes a byte as two upper-case digits. Returns the position behind them.
+/// Writes a byte as two upper-case digits. Returns the position after them.
 constexpr char *put_hex(char *out, unsigned char byte) {
     *out++ = hex_digits[byte >> 4];
     *out++ = hex_digits[byte & 0xF];

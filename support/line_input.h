@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Text files are read in lines of at most 1023 characters, some in shorter ones; a longer line
-// comes in pieces.
+// Reading text files line by line. A line longer than the limit is split into pieces.
 #ifndef CORVEL_SUPPORT_LINE_INPUT_H
 #define CORVEL_SUPPORT_LINE_INPUT_H
 
@@ -15,36 +14,35 @@
 
 namespace corvel {
 
-/// A line is taken up to this length, its line end included, unless its file has a limit of its
-/// own.
+/// The longest line, newline included, unless a reader sets a lower limit.
 inline constexpr std::size_t line_limit = 1023;
 
-/// One line, or a piece of one, with its line end: at least one byte. It stands until the next one
-/// is taken.
+/// A line with its newline, or a piece of a line: at least one byte. Valid until the next line is
+/// read.
 struct Line {
     std::span<char> place;
-    /// The file ended behind this line, which has no line end. A whole piece never counts as such,
-    /// even where the file ends right behind it.
+    /// The file ends after this line, which has no newline. False for a piece of full length, even
+    /// if the file ends after it.
     bool unterminated;
 
-    /// The line as it stands in the file.
+    /// The line as it is in the file.
     [[nodiscard]] std::string_view bytes() const { return {place.data(), place.size()}; }
 
-    /// What a reader of C texts sees of it: a NUL in the file ends the text.
+    /// The line as a C string: it ends at the first NUL.
     [[nodiscard]] std::string_view text() const {
         return {place.data(), strnlen(place.data(), place.size())};
     }
 };
 
-/// Takes the lines of a file one by one, where they lie in the buffer that the file is read into:
-/// twice as fast as fgets(), whose line has to be copied and its length counted.
+/// Reads the lines of a file. Lines are returned in place, in the buffer that the file is read
+/// into: twice as fast as fgets(), which copies the line and leaves its length to be counted.
 class LineReader {
   public:
-    /// A limit is at most line_limit.
+    /// `limit` is at most line_limit.
     explicit LineReader(int descriptor, std::size_t limit = line_limit)
         : descriptor_(descriptor), limit_(limit) {}
 
-    /// False when nothing more comes, be it the end or an error.
+    /// False at the end of the file and after an error.
     [[gnu::noinline]] bool next(Line &line) {
         std::size_t searched = 0;
         for (;;) {
@@ -60,7 +58,7 @@ class LineReader {
         }
     }
 
-    /// Whether it was an error that ended the file.
+    /// Whether reading stopped at an error.
     [[nodiscard]] bool failed() const { return failed_; }
 
   private:
@@ -70,7 +68,8 @@ class LineReader {
         return true;
     }
 
-    /// Reads on behind what is left, which moves to the front. False at the end and at an error.
+    /// Moves the unread bytes to the start of the buffer and reads more after them. False at the
+    /// end of the file and after an error.
     bool read_more() {
         end_ -= start_;
         std::memmove(buffer_, buffer_ + start_, end_);

@@ -11,9 +11,9 @@
 
 namespace corvel {
 
-/// Takes a line apart as sscanf does, except that a word is always taken whole: one that is longer
-/// than what keeps it does not shift those behind it. Those that are called most are not
-/// inlined: the code is small that way.
+/// Parses a line as sscanf() does, except that a word is always consumed whole: a word longer than
+/// its field does not shift the words after it. The functions called most are not inlined, to keep
+/// the code small.
 class LineScanner {
   public:
     explicit constexpr LineScanner(std::string_view line) : rest_(line) {}
@@ -21,7 +21,7 @@ class LineScanner {
     /// The next word; empty if there is none.
     constexpr std::string_view word() { return take_word(rest_); }
 
-    /// Whether a text follows, behind blanks.
+    /// Skips white space, and then a string if it follows. False if it does not.
     constexpr bool skip(std::string_view text) {
         skip_spaces(rest_);
         const bool follows = rest_.starts_with(text);
@@ -30,7 +30,8 @@ class LineScanner {
         return follows;
     }
 
-    /// A number as "%x" takes it, of 32 bits as on the board: the largest one for a larger one.
+    /// Reads a number as "%x" does, in 32 bits as on the board; a larger number becomes the
+    /// largest. Empty if there is none.
     [[gnu::noinline]] constexpr std::optional<std::uint32_t> hexadecimal() {
         skip_spaces(rest_);
         const bool negative = skip_sign(rest_);
@@ -50,7 +51,7 @@ class LineScanner {
         return static_cast<std::uint32_t>(negative ? -value : value);
     }
 
-    /// Whether a number as "%d" takes it follows.
+    /// Skips a decimal number as "%d" does. False if there is none.
     [[gnu::noinline]] constexpr bool skip_decimal() {
         skip_spaces(rest_);
         skip_sign(rest_);

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Output in pieces, gathered so that the stream is called once a few kilobytes and not once a
-// piece.
+// Buffered output: the stream is called once for a few kilobytes instead of once for each string.
 #ifndef CORVEL_SUPPORT_OUTPUT_H
 #define CORVEL_SUPPORT_OUTPUT_H
 
@@ -11,7 +10,8 @@
 
 namespace corvel {
 
-/// What is put comes out in order and whole; all of it is in the stream when the object is gone.
+/// Writes strings to a stream, in order and never truncated. The destructor writes what is still in
+/// the buffer.
 class Output {
   public:
     explicit Output(std::FILE *stream) : stream_(stream) {}
@@ -29,7 +29,7 @@ class Output {
     }
 
   private:
-    /// For a text that does not fit behind what is there.
+    /// For a string that does not fit the rest of the buffer.
     [[gnu::noinline]] void put_around_buffer(std::string_view text) {
         flush();
         std::fwrite(text.data(), 1, text.size(), stream_);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Texts as views with bounds, and the few things that are done with them everywhere.
+// Bounded views of strings, and the operations on them that several subjects need.
 //
-// std::string_view::substr() can throw and so needs the C++ runtime; front() and after() stand in
-// for it and can't leave the text.
+// front() and after() replace std::string_view::substr(), which can throw and therefore needs the
+// C++ runtime. Neither leaves the string.
 #ifndef CORVEL_SUPPORT_TEXT_H
 #define CORVEL_SUPPORT_TEXT_H
 
@@ -14,19 +14,19 @@
 
 namespace corvel {
 
-/// A C text for functions that take one; a null pointer is the empty text.
+/// The string itself, or the empty string for a null pointer.
 constexpr const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
-/// The whole of a C text; a null pointer is the empty text.
+/// A view of a NUL-terminated string; a null pointer is the empty string.
 inline std::string_view text_of(const char *text) { return text_or_empty(text); }
 
-/// The text in a field of a record, never read beyond the field.
+/// The string in a field of a record. No byte after the field is read.
 template <std::size_t size> std::string_view text_in(const char (&field)[size]) {
     return {field, strnlen(field, size)};
 }
 
-/// The string at `text`, of which no more than `size` bytes are read; a null pointer is the empty
-/// string. For what is stored in a field of that size: the string may be unterminated.
+/// A view of at most the first `size` bytes of a string, which may be unterminated if it is that
+/// long; a null pointer is the empty string. For strings that are stored in a field of that size.
 inline std::string_view text_of(const char *text, std::size_t size) {
     return {text_or_empty(text), strnlen(text_or_empty(text), size)};
 }
@@ -35,21 +35,21 @@ constexpr std::size_t at_most(std::size_t length, std::size_t limit) {
     return length < limit ? length : limit;
 }
 
-/// The first `length` characters, or all if there are fewer.
+/// The first `length` characters; all if there are fewer.
 constexpr std::string_view front(std::string_view text, std::size_t length) {
     return {text.data(), at_most(length, text.size())};
 }
 
-/// All but the first `length` characters.
+/// All but the first `length` characters; the empty string if there are fewer.
 constexpr std::string_view after(std::string_view text, std::size_t length) {
     text.remove_prefix(at_most(length, text.size()));
     return text;
 }
 
-/// Stores a text in a field, cut to fit and terminated. The text may lie in the field itself.
-/// Returns the number of characters kept. A field of no bytes keeps nothing.
+/// Stores a string in a field, truncated to fit and NUL-terminated. The two may overlap. Returns
+/// the number of characters stored. A field of size 0 is left alone.
 ///
-/// Not inlined: where the compiler sees a bound on the length it moves bytes one by one.
+/// Not inlined: where the compiler knows a bound of the length, it copies byte by byte.
 [[gnu::noinline]] inline std::size_t store(std::span<char> field, std::string_view text) {
     if (field.empty())
         return 0;
@@ -60,7 +60,7 @@ constexpr std::string_view after(std::string_view text, std::size_t length) {
     return kept;
 }
 
-/// White space as scanf and atoi see it in the C locale.
+/// White space of the C locale, as scanf() and atoi() skip it.
 constexpr bool is_space(char character) {
     return character == ' ' || (character >= '\t' && character <= '\r');
 }
@@ -82,9 +82,7 @@ constexpr bool skip_sign(std::string_view &text) {
 }
 
 /// Removes the first word, and the white space before it, from a string. Returns the word; empty
-/// if there is none.
-///
-/// Not inlined: the code is small that way.
+/// if there is none. Not inlined, to keep the code small.
 [[gnu::noinline]] constexpr std::string_view take_word(std::string_view &text) {
     skip_spaces(text);
     std::size_t length = 0;
@@ -105,9 +103,9 @@ constexpr std::string_view stripped(std::string_view text, char character) {
     return text;
 }
 
-/// The number at the start of a string as atoi and atol read it: white space, a sign, digits; 0 if
-/// there is none. A number out of range, where their result is undefined, becomes the nearest one
-/// in range.
+/// The number at the start of a string as atoi() and atol() read it: white space, a sign, digits; 0
+/// if there is none. A number out of range, where their result is undefined, becomes the nearest
+/// one in range.
 constexpr long long decimal_value(std::string_view text, long long minimum, long long maximum) {
     skip_spaces(text);
     const bool negative = skip_sign(text);
