@@ -20,21 +20,23 @@
 namespace corvel {
 namespace {
 
-constexpr std::string_view copy_ending = ".cgi";
-constexpr std::string_view lock_ending = ".lck";
+constexpr std::string_view copy_suffix = ".cgi";
+constexpr std::string_view lock_suffix = ".lck";
 
-/// The name of a file's companion in a buffer of its own; false if there is no file or no room.
+/// Builds the path of a file's companion: the path with a suffix. False if the path is empty or the
+/// result does not fit the buffer.
 template <std::size_t size>
-bool name_companion(std::array<char, size> &name, std::string_view path, std::string_view ending) {
-    if (path.empty() || path.size() + ending.size() >= size)
+bool build_companion_path(std::array<char, size> &companion, std::string_view path,
+                          std::string_view suffix) {
+    if (path.empty() || path.size() + suffix.size() >= size)
         return false;
-    const std::size_t length = store(name, path);
-    store(std::span(name).subspan(length), ending);
+    const std::size_t length = store(companion, path);
+    store(std::span(companion).subspan(length), suffix);
     return true;
 }
 
-/// Opens a file for reading. One that is not regular counts as one that cannot be read: a FIFO
-/// could make the writer wait and a device could give it bytes without an end.
+/// Opens a regular file for reading. Other files cannot be read: a FIFO could block the writer, and
+/// a device could supply bytes without end.
 Descriptor open_regular(const char *path) {
     Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status;
@@ -43,7 +45,7 @@ Descriptor open_regular(const char *path) {
     return file;
 }
 
-/// Whether a path, whose links are followed, still leads to an open file.
+/// Whether a path still names an open file. Symbolic links are followed.
 bool leads_to(const char *path, const Descriptor &file) {
     struct stat named;
     struct stat opened;
@@ -51,8 +53,8 @@ bool leads_to(const char *path, const Descriptor &file) {
            named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
 }
 
-/// Replaces a file by a new version of it. `write_lines(lines, copy)` takes the lines of the
-/// original and writes the copy. If any of it fails, the original stays and the copy is removed.
+/// Replaces a file with a new version of it. `write_lines(lines, copy)` reads the lines of the
+/// original and writes the copy. On any failure the original stays and the copy is removed.
 template <typename WriteLines>
 void rewrite(const LockFile &lock, const FileNames &names, WriteLines write_lines) {
     Descriptor original = open_regular(names.file);
@@ -61,7 +63,8 @@ void rewrite(const LockFile &lock, const FileNames &names, WriteLines write_line
     Replacement replacement(names, lock.held());
     if (!replacement)
         return;
-    // A writer without the lock file may have been faster. While the copy is locked, none can.
+    // A writer without the lock file may have replaced the file since it was opened. While the copy
+    // is locked, no writer can.
     if (!leads_to(names.file, original))
         original = open_regular(names.file);
     if (!original)
@@ -74,14 +77,14 @@ void rewrite(const LockFile &lock, const FileNames &names, WriteLines write_line
         replacement.take_place();
 }
 
-/// The text in front of the first separator, or the whole line.
+/// The part of a line before the first separator; the whole line if it has none.
 std::string_view key_of(std::string_view line, char separator) {
     return front(line, line.find(separator));
 }
 
-/// Finds table rows by name without comparing each with each: row numbers in the order of their
-/// names' hashes. Names that share a hash are ordered by themselves, so that names which were
-/// chosen to collide cost no more than others. Without memory for it, rows are searched one by one.
+/// Finds table rows by name in logarithmic time: the rows sorted by the hash of their names. Names
+/// with equal hashes are sorted by name, so that names chosen to collide cost no more than others.
+/// If memory cannot be allocated, the rows are searched linearly.
 class RowIndex {
   public:
     explicit RowIndex(std::span<const prop_entry> rows) : rows_(rows) {
@@ -94,17 +97,17 @@ class RowIndex {
         std::sort(entries_.get(), entries_.get() + size_);
     }
 
-    /// The last row with the name, or null.
+    /// The last row with this name, or null.
     [[nodiscard]] const prop_entry *last_named(std::string_view name) const {
         if (!entries_)
             return search(name);
         const Entry *const begin = entries_.get();
         const std::uint32_t name_hash = hash(name);
-        const Entry *const behind_name =
+        const Entry *const greater =
             std::partition_point(begin, begin + size_, [name, name_hash](const Entry &entry) {
                 return entry.hash != name_hash ? entry.hash < name_hash : entry.row->name <= name;
             });
-        const prop_entry *const row = behind_name != begin ? behind_name[-1].row : nullptr;
+        const prop_entry *const row = greater != begin ? greater[-1].row : nullptr;
         return row != nullptr && row->name == name ? row : nullptr;
     }
 
@@ -113,7 +116,7 @@ class RowIndex {
         std::uint32_t hash;
         const prop_entry *row;
 
-        /// By hash, by name, and rows of one name in the table's order.
+        /// By hash, then by name, then by position in the table.
         bool operator<(const Entry &other) const {
             if (hash != other.hash)
                 return hash < other.hash;
@@ -142,7 +145,7 @@ class RowIndex {
     std::size_t size_ = 0;
 };
 
-/// Copies a property file, with new lines for those whose keys are names of table rows.
+/// Copies a property file. A line whose key is the name of a table row is replaced.
 void copy_with_rows(LineReader &lines, std::FILE *copy, char separator,
                     std::span<const prop_entry> rows) {
     const RowIndex index(rows);
@@ -166,7 +169,7 @@ void copy_with_rows(LineReader &lines, std::FILE *copy, char separator,
     }
 }
 
-/// One setting to be written into a file.
+/// A setting to write to a file.
 struct NewSetting {
     std::string_view prefix;
     std::string_view name;
@@ -184,8 +187,8 @@ void put_setting(Output &out, const NewSetting &setting, std::string_view quote)
     out.put("\n");
 }
 
-/// Copies a property file with one setting changed: in quotes where it was, without them where it
-/// is added at the end.
+/// Copies a property file with one setting changed. The new value is quoted where it replaces a
+/// line, and not quoted where it is appended.
 void copy_with_setting(LineReader &lines, std::FILE *copy, const NewSetting &setting) {
     Output out(copy);
     Line line;
@@ -214,8 +217,8 @@ extern "C" {
 int save_prop(signed char sep, const char *path, const prop_entry *table, int count) {
     std::array<char, 1024> copy_path;
     std::array<char, 1024> lock_path;
-    if (!name_companion(copy_path, text_of(path), copy_ending) ||
-        !name_companion(lock_path, text_of(path), lock_ending))
+    if (!build_companion_path(copy_path, text_of(path), copy_suffix) ||
+        !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;
     const FileNames names = {path, copy_path.data(), lock_path.data()};
     const LockFile lock(names);
@@ -229,8 +232,8 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
                      const char *value) {
     std::array<char, 255> copy_path;
     std::array<char, 1024> lock_path;
-    if (!name_companion(copy_path, text_of(path), copy_ending) ||
-        !name_companion(lock_path, text_of(path), lock_ending))
+    if (!build_companion_path(copy_path, text_of(path), copy_suffix) ||
+        !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;
     const NewSetting setting = {text_of(prefix), text_of(name), text_of(value), separator_of(sep)};
     const FileNames names = {path, copy_path.data(), lock_path.data()};

@@ -11,18 +11,18 @@
 namespace corvel {
 namespace {
 
-/// What a value block holds of a value. The block is one byte larger, and that byte is always zero,
-/// so that a value of the full size is still a terminated text.
+/// The number of characters of a value that its block can hold. The block is one byte larger, and
+/// that byte is always zero, so that a value of the full size is still NUL-terminated.
 constexpr std::size_t value_size = 257;
 
-/// get_prop's callers give the value this much room.
+/// The size of the buffer that callers of get_prop() provide for the value.
 constexpr std::size_t lookup_size = 256;
 
 constexpr std::string_view line_prefix = "setenv ";
 
-/// What a line says, as views into the line.
+/// The parts of a line, as views into the line.
 struct Setting {
-    std::string_view name_area; ///< all in front of the separator; the name is its first word
+    std::string_view name_area; ///< Everything before the separator; the name is its first word.
     std::string_view value;
 };
 
@@ -40,7 +40,8 @@ bool parse_line(std::string_view line, char separator, Setting &setting) {
     return true;
 }
 
-/// Gives a row its two blocks, or leaves it as it was.
+/// Allocates a row's two blocks and fills them. False, with the row unchanged, if memory cannot be
+/// allocated.
 bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
               std::string_view value) {
     HeapBlock<char> name_block(static_cast<char *>(std::malloc(name_size)));
@@ -56,7 +57,7 @@ bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
     return true;
 }
 
-/// Reads a line into a row, and ends the line where its name area ends.
+/// Stores the setting of a line in a row, and terminates the line at the end of its name area.
 bool fill_row_from_line(prop_entry &row, char separator, std::span<char> line) {
     Setting setting;
     if (!parse_line({line.data(), line.size()}, separator, setting))
@@ -67,8 +68,8 @@ bool fill_row_from_line(prop_entry &row, char separator, std::span<char> line) {
     return fill_row(row, take_word(setting.name_area), name_size, setting.value);
 }
 
-/// The line's text without its line end.
-std::span<char> without_line_end(const Line &line) {
+/// The line up to its first NUL, without its newline.
+std::span<char> without_newline(const Line &line) {
     const std::string_view text = line.text();
     return line.place.first(text.size() - (text.ends_with('\n') ? 1 : 0));
 }
@@ -78,7 +79,7 @@ bool fill_row_with(prop_entry &row, const char *name, const char *value) {
     return fill_row(row, name_text, name_text.size() + 1, text_of(value, value_size));
 }
 
-/// The index of the first row that has the name, or the number of rows.
+/// The index of the first row with this name, or the number of rows.
 std::size_t find_row(std::span<const prop_entry> rows, const char *name) {
     const auto row = std::find_if(rows.begin(), rows.end(), [name](const prop_entry &candidate) {
         return candidate.name != nullptr && std::strcmp(candidate.name, name) == 0;
@@ -106,7 +107,7 @@ int load_prop(signed char sep, const char *path, prop_entry *table) {
     const char separator = separator_of(sep);
     int count = 0;
     while (lines.next(line) && !line.unterminated)
-        if (fill_row_from_line(table[count], separator, without_line_end(line)))
+        if (fill_row_from_line(table[count], separator, without_newline(line)))
             ++count;
     return count;
 }

@@ -9,12 +9,12 @@
 
 namespace corvel {
 
-/// The rows in use of a caller's table.
+/// The used rows of a caller's table; none for a null pointer or a negative count.
 template <typename Row> std::span<Row> rows_of(Row *table, int count) {
     return {table, table != nullptr && count > 0 ? static_cast<std::size_t>(count) : 0};
 }
 
-/// A separator selector of a property file: `=` and blank stand for themselves, all else for a tab.
+/// The separator that a selector chooses: `=` and space choose themselves, any other value a tab.
 constexpr char separator_of(signed char selector) {
     return selector == '=' || selector == ' ' ? static_cast<char>(selector) : '\t';
 }

@@ -8,7 +8,7 @@
 namespace corvel {
 namespace {
 
-/// The characters that keep their meaning between the double quotes of a shell string.
+/// Characters that are special inside a double-quoted shell string.
 constexpr bool is_special(char character) {
     return character == '"' || character == '\\' || character == '$' || character == '`';
 }
@@ -24,7 +24,7 @@ char *escape(const char *source, char *destination) {
     return destination;
 }
 
-/// The result is never longer than what was read, so that the destination may be the source.
+/// The destination may be the source: what is written is never longer than what has been read.
 char *unescape(const char *source, char *destination) {
     const char *in = text_or_empty(source);
     char *out = destination;
@@ -37,11 +37,11 @@ char *unescape(const char *source, char *destination) {
     return destination;
 }
 
-/// Callers give the text this much room.
+/// The size of the buffer that callers of translate_control_code() provide.
 constexpr std::size_t attribute_size = 200;
 
-/// Translates as much of a text as fits with its terminator; an entity is written whole or not at
-/// all. Returns the number of characters written.
+/// Translates as much of a string as fits together with its terminator. An entity is never
+/// truncated. Returns the number of characters written.
 std::size_t translate_quotes(std::string_view text, std::span<char, attribute_size> translated) {
     std::size_t used = 0;
     for (const char &character : text) {
