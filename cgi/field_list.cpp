@@ -9,7 +9,7 @@ using namespace corvel;
 extern "C" {
 
 void *get_buffer(uint32_t size) {
-    // A block of no bytes is still a block: null means that there was no memory.
+    // Size 0 yields a block as well: a null pointer means that memory could not be allocated.
     return std::calloc(1, size != 0 ? size : 1);
 }
 
@@ -36,7 +36,7 @@ void free_list(str_node **head) {
 }
 
 void delete_string(str_node **head, const char *name) {
-    // The name may be that of a record, unterminated.
+    // The name may be the unterminated name of a record.
     const std::string_view wanted = text_of(name, sizeof(str_node::name));
     str_node **const link =
         find_link(head, [wanted](const str_node &field) { return name_of(field) == wanted; });
@@ -45,8 +45,7 @@ void delete_string(str_node **head, const char *name) {
 }
 
 str_node *find_keyword(const char *text, str_node *head) {
-    // Callers look at place after place of a text: no more is read than a name can be compared
-    // with.
+    // Callers try each position of a string in turn, so no more is read than the longest name.
     const std::string_view position = text_of(text, sizeof(str_node::name));
     return *find_link(
         &head, [position](const str_node &field) { return names_start_of(field, position); });

@@ -15,7 +15,7 @@ inline std::string_view name_of(const str_node &field) { return text_in(field.na
 
 inline std::string_view value_of(const str_node &field) { return text_in(field.value); }
 
-/// Whether the field's name stands at the start of the text; an empty name always does.
+/// Whether the string starts with the field's name; true for an empty name.
 inline bool names_start_of(const str_node &field, std::string_view text) {
     std::size_t length = 0;
     while (length < sizeof field.name && field.name[length] != '\0') {
@@ -26,15 +26,15 @@ inline bool names_start_of(const str_node &field, std::string_view text) {
     return true;
 }
 
-/// The link (the head pointer or some record's `next`) that leads to the first record of which
-/// `wanted` is true, or the null link at the end.
+/// The link (the head pointer or a record's `next`) to the first record for which `wanted` is true;
+/// the null link at the end of the list if there is none.
 template <typename Wanted> str_node **find_link(str_node **link, Wanted wanted) {
     while (*link != nullptr && !wanted(**link))
         link = &(*link)->next;
     return link;
 }
 
-/// Takes the record that a link leads to out of the list and frees it.
+/// Removes the record that a link points to from the list and frees it.
 inline void remove_record(str_node **link) {
     str_node *const record = *link;
     *link = record->next;

@@ -9,7 +9,7 @@
 namespace corvel {
 namespace {
 
-/// Prints pairs, with a comma and a line end between two of them.
+/// Prints pairs, separated by a comma and a newline.
 class PairPrinter {
   public:
     explicit PairPrinter(std::FILE *stream) : out_(stream) {}

@@ -15,12 +15,12 @@
 namespace corvel {
 namespace {
 
-/// What of a line is still to be written. It stands at the end of its buffer, so that a value is
-/// put in front of it without moving it. The buffer of its own takes a line and one value of full
-/// size; only values inside values can need a larger one.
+/// The part of a line that is not written yet. It is kept at the end of its buffer, so that a value
+/// can be prepended without moving it. The initial buffer holds a line and one value of full size;
+/// only values within values can need a larger one.
 class PendingText {
   public:
-    /// A line of at most `line_limit` characters.
+    /// The line has at most `line_limit` characters.
     explicit PendingText(std::string_view line) : start_(own_size - line.size()) {
         std::memcpy(own_.data() + start_, line.data(), line.size());
     }
@@ -34,7 +34,7 @@ class PendingText {
 
     void drop(std::size_t length) { start_ += at_most(length, buffer_.size() - start_); }
 
-    /// Puts a text in front. False, and nothing changed, if there is no memory for it.
+    /// Prepends a string. False, with nothing changed, if memory cannot be allocated.
     bool prepend(std::string_view text) {
         if (text.size() > start_ && !make_room(text.size()))
             return false;
@@ -65,15 +65,16 @@ class PendingText {
     HeapBlock<char> grown_;
 };
 
-/// A field in the index of names. All fields of one name make up a group, in list order.
+/// A field in the index of names. The fields of one name form a group, in list order.
 struct IndexedName {
     std::string_view name;
     const str_node *field;
-    std::size_t place; ///< The field's place in the list.
+    std::size_t place; ///< The field's position in the list.
     IndexedName *group;
-    IndexedName *next;   ///< Of a group's first field: the first field of the group not yet taken,
-    IndexedName *last;   ///< the end of the group,
-    IndexedName *prefix; ///< and the group of the longest other name that starts this one, or null.
+    // Valid in a group's first field:
+    IndexedName *next;   ///< The first field of the group that is not taken yet.
+    IndexedName *last;   ///< The end of the group.
+    IndexedName *prefix; ///< The group of the longest other name that starts this one, or null.
 };
 
 int compare_names(const void *one, const void *other) {
@@ -85,14 +86,14 @@ int compare_names(const void *one, const void *other) {
     return a.place < b.place ? -1 : 1;
 }
 
-/// Takes the fields of a list that markers name: the first field, in list order, whose name starts
-/// the text after the marker.
+/// Takes the fields that markers name out of a list. A marker names the first field, in list order,
+/// whose name is a prefix of the text after the marker.
 ///
-/// The list is searched until that has skipped `most_skipped` fields, which few pages reach. An
-/// index of the sorted names keeps the time of a search small after that, however many dollar signs
-/// the values contain. All names that start a text start one another: they are on the path of
-/// `prefix` links from the last name that does not sort after the text. The path has no more than
-/// as many steps as there are lengths of a name.
+/// The list is searched linearly until `most_skipped` fields have been skipped, which few pages
+/// reach. From then on an index of the sorted names bounds the time of a search, however many
+/// dollar signs the values contain. Of two names that are prefixes of a text, the shorter one is a
+/// prefix of the longer one: all of them are on the path of `prefix` links from the last name that
+/// does not sort after the text. The path has at most one step for each possible length of a name.
 class PageFields {
   public:
     explicit PageFields(str_node **list) : list_(list) {}
@@ -100,8 +101,8 @@ class PageFields {
     PageFields &operator=(const PageFields &) = delete;
     ~PageFields() { remove_taken(); }
 
-    /// The field that a text names, or null. It stays valid until the next call and is not in the
-    /// list when this object is gone.
+    /// The field that a text names, or null. It is valid until the next call, and is removed from
+    /// the list by the destructor at the latest.
     const str_node *take(std::string_view text) {
         if (!index_ && skipped_ > most_skipped)
             make_index();
@@ -139,7 +140,7 @@ class PageFields {
         return taken.field;
     }
 
-    /// Without memory for it there is no index yet.
+    /// If memory cannot be allocated, there is no index until a later call succeeds.
     void make_index() {
         skipped_ = 0;
         count_ = 0;
@@ -196,7 +197,7 @@ class PageFields {
     std::size_t count_ = 0;
 };
 
-/// Writes a line with its markers filled.
+/// Writes a line, replacing its markers by values.
 void fill_line(std::string_view line, PageFields &fields, Output &out) {
     PendingText pending(line);
     std::size_t position = 0;
@@ -211,7 +212,7 @@ void fill_line(std::string_view line, PageFields &fields, Output &out) {
             continue;
         out.put(front(text, marker));
         pending.drop(marker + 1 + name_of(*field).size());
-        // Without memory for a search inside of it, the value is written as it stands.
+        // Without memory to search the value for markers, it is written as it is.
         const std::string_view value = value_of(*field);
         if (pending.prepend(value)) {
             position = 1;

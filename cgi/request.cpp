@@ -13,14 +13,15 @@
 namespace corvel {
 namespace {
 
-/// A name or a value is cut to these sizes, less one, before it is decoded.
+/// The buffer sizes of a name and a value: each is truncated to one less before it is decoded.
 constexpr std::size_t name_size = 128;
 constexpr std::size_t value_size = 256;
 
 /// The number of pairs among which isajax_get() looks for its field.
 constexpr int ajax_pairs = 2048;
 
-/// A character that takes part in the arithmetic of two digits. On the board plain char is signed.
+/// The value of a character in the arithmetic of two digits. It is signed, as plain char is on the
+/// board.
 constexpr int digit_value(char digit) {
     const int code = static_cast<signed char>(digit);
     return code < 'A' ? code - '0' : (code & ~0x20) - 55;
@@ -30,21 +31,21 @@ constexpr signed char byte_of_digits(char high, char low) {
     return static_cast<signed char>(digit_value(high) * 16 + digit_value(low));
 }
 
-/// How the characters of a form are read: `+` stands for a blank, also behind a `%`, and a decoded
-/// NUL ends the text.
+/// How the characters of a form are read: `+` is a space, even after a `%`, and a decoded NUL ends
+/// the string.
 struct FormRules {
     static constexpr char read(char character) { return character == '+' ? ' ' : character; }
     static constexpr bool ends_at(char decoded) { return decoded == '\0'; }
 };
 
-/// How the characters of a URL are read: as they are, and to the end.
+/// How the characters of a URL are read: unchanged, and to the end.
 struct UrlRules {
     static constexpr char read(char character) { return character; }
     static constexpr bool ends_at(char) { return false; }
 };
 
-/// Decodes each `%` that has two characters behind it. The result is no longer than the text and
-/// may take its place. Returns the end of the result.
+/// Decodes each `%` that two characters follow. The result is no longer than the string and may
+/// overwrite it. Returns the end of the result.
 template <typename Rules> char *decode(std::string_view text, char *out) {
     for (std::size_t at = 0; at < text.size(); ++at) {
         char character = Rules::read(text[at]);
@@ -60,18 +61,18 @@ template <typename Rules> char *decode(std::string_view text, char *out) {
     return out;
 }
 
-/// Decodes a word into its scratch buffer, cut to fit.
+/// Decodes a word into a scratch buffer. The word is first truncated to fit.
 std::string_view decode_word(std::string_view word, std::span<char> scratch) {
     const char *const end = decode<FormRules>(front(word, scratch.size() - 1), scratch.data());
     return {scratch.data(), static_cast<std::size_t>(end - scratch.data())};
 }
 
-/// Takes the pairs of a urlencoded text one by one, as words that are not decoded yet.
+/// Reads the pairs of a urlencoded string, as words that are not decoded yet.
 class PairReader {
   public:
     explicit PairReader(std::string_view text) : rest_(text), more_(true) {}
 
-    /// False when there is no further pair.
+    /// False at the end of the string.
     bool next(std::string_view &name, std::string_view &value) {
         if (!more_)
             return false;
@@ -85,7 +86,7 @@ class PairReader {
     }
 
   private:
-    /// Takes the text up to a stop character. False if the text ended first: then nothing is left.
+    /// Reads up to a stop character. False if the string ends first.
     bool take_word(char stop, std::string_view &word) {
         const std::size_t length = rest_.find(stop);
         word = front(rest_, length);
@@ -98,17 +99,17 @@ class PairReader {
     bool more_;
 };
 
-/// Decodes pairs into the rows of a table. The scratch buffers are on the heap: requests carry
-/// secrets, and a wiped block leaves none behind.
+/// Decodes pairs into the rows of a table. Requests carry secrets, so the scratch buffers are heap
+/// blocks that are wiped.
 class PairDecoder {
   public:
     explicit PairDecoder(prop_entry *table) : table_(table) {}
 
-    /// False if there was no memory for the scratch buffers.
+    /// False if the scratch buffers could not be allocated.
     [[nodiscard]] bool ready() const { return name_ && value_; }
 
-    /// Stores the pairs of a text behind those that are there. A pair that can't be allocated is
-    /// left out.
+    /// Appends the pairs of a string to the table. A pair whose strings cannot be allocated is left
+    /// out.
     void decode(std::string_view text) {
         PairReader reader(text);
         std::string_view name;
@@ -135,7 +136,7 @@ class PairDecoder {
     WipedBlock value_{value_size};
 };
 
-/// The body of a request that is not a GET: CONTENT_LENGTH bytes and a NUL.
+/// The body of a request other than GET: CONTENT_LENGTH bytes and a NUL. Null if there is none.
 WipedBlock read_body() {
     const int announced = announced_length();
     if (std::getenv("REQUEST_METHOD") == nullptr || is_method("GET") || announced <= 0)
@@ -146,7 +147,7 @@ WipedBlock read_body() {
         return {};
     const std::size_t received = read_body_into(body.bytes().first(length));
     if (received != length) {
-        // Memory for what was announced and never came is not touched.
+        // The rest was never written. Wiping it would make the kernel supply its memory.
         body.wipe_only(received);
         return {};
     }
@@ -208,7 +209,7 @@ int process_query_string(prop_entry *table) {
 char *makeword(char *dst, const char *src, char stop, char **rest) {
     const char *const start = text_or_empty(src);
     const char *end = start;
-    // The length of the whole text is not taken: callers take word after word.
+    // The rest of the string is not read: callers take word after word.
     while (*end != '\0' && *end != stop)
         ++end;
     *rest = *end != '\0' ? const_cast<char *>(end) + 1 : nullptr;

@@ -23,21 +23,21 @@ constexpr std::string_view boundary_start = "--";
 
 constexpr std::size_t most_files = 4;
 
-/// How far into the following parts the end of a header's line is looked for. A caller's loop over
-/// an upload without line endings would otherwise read the whole rest of it for each part.
+/// How far after the next boundary the end of a header's line is searched for. A caller's loop over
+/// an upload without line endings would otherwise read the rest of the upload for each part.
 constexpr std::size_t longest_overrun = 16384;
 
-/// With no more than this left behind the cursor there is no further part.
-constexpr std::size_t shortest_part = 21;
+/// The largest rest of an upload that is not searched for another part.
+constexpr std::size_t largest_tail = 21;
 
 constexpr std::size_t dump_size = 32;
 
-/// What lies between two positions of the upload.
+/// The bytes from one position of the upload to another.
 constexpr std::string_view between(const char *start, const char *end) {
     return {start, static_cast<std::size_t>(end - start)};
 }
 
-/// Where a pattern first stands in a block, or null. An empty pattern stands nowhere.
+/// The first occurrence of a pattern in a block, or null. An empty pattern never occurs.
 const char *find_bytes(std::string_view block, std::string_view pattern) {
     if (pattern.empty())
         return nullptr;
@@ -187,7 +187,7 @@ class PartReader {
     const char *line_end_; ///< No line ends between the last value and here.
 };
 
-/// Gives a record a copy of its content; false if there is no memory.
+/// Stores a copy of the content in a record. False if memory cannot be allocated.
 bool store_content(prop_file &record, std::string_view content) {
     auto *const data = static_cast<char *>(std::malloc(std::max<std::size_t>(content.size(), 1)));
     if (data == nullptr)
@@ -202,15 +202,15 @@ int read_files(std::string_view upload, std::string_view boundary, prop_file *fi
     std::size_t count = 0;
     std::string_view content;
     PartReader parts(upload, boundary);
-    while (parts.rest().size() > shortest_part && count < most_files)
+    while (parts.rest().size() > largest_tail && count < most_files)
         if (parts.next(files[count], content) == file_found && files[count].filename[0] != '\0' &&
             store_content(files[count], content))
             ++count;
     return static_cast<int>(count);
 }
 
-/// Writes the boundary text of a content type, into a new block if there is none yet. Returns its
-/// length; 0 if the content type names no boundary or there is no memory.
+/// Writes the boundary of a content type to `boundary`, which is allocated if it is null. Returns
+/// its length; 0 if the content type has no boundary or memory cannot be allocated.
 std::size_t make_boundary(std::string_view content_type, char *&boundary) {
     const std::size_t key = content_type.find(boundary_key);
     if (key == std::string_view::npos)
@@ -226,27 +226,28 @@ std::size_t make_boundary(std::string_view content_type, char *&boundary) {
     return size - 1;
 }
 
-/// Gives what else runs on the device ten seconds before memory is taken for a large upload.
+/// Gives other processes ten seconds before memory for a large upload is allocated.
 unsigned int pause_before_upload() {
     sleep(5);
     return sleep(5);
 }
 
-/// The boundary, a line end and the body. The NUL behind it takes the place of the last byte.
+/// Reads an upload: the boundary, a newline and the body, whose last byte a NUL overwrites. Null if
+/// memory cannot be allocated or the body is short.
 HeapBlock<char> read_upload(std::string_view boundary, std::size_t length) {
     HeapBlock<char> upload(static_cast<char *>(std::malloc(boundary.size() + 1 + length)));
     if (!upload)
         return nullptr;
     std::memcpy(upload.get(), boundary.data(), boundary.size());
-    char *const line_end = upload.get() + boundary.size();
-    *line_end = '\n';
-    if (read_body_into({line_end + 1, length}) != length)
+    char *const newline = upload.get() + boundary.size();
+    *newline = '\n';
+    if (read_body_into({newline + 1, length}) != length)
         return nullptr;
-    line_end[length] = '\0';
+    newline[length] = '\0';
     return upload;
 }
 
-/// The text without two characters at its ends.
+/// The string without any of two characters at its ends.
 std::string_view trimmed(std::string_view text, char one, char other) {
     const auto unwanted = [one, other](char character) {
         return character == one || character == other;
@@ -258,8 +259,8 @@ std::string_view trimmed(std::string_view text, char one, char other) {
     return text;
 }
 
-/// Whether a pattern stands at a position, reading no further than to the first difference.
-bool stands_at(const char *position, std::string_view pattern) {
+/// Whether a pattern is at a position. Reads no further than the first difference.
+bool is_pattern_at(const char *position, std::string_view pattern) {
     std::size_t length = 0;
     while (length < pattern.size() && position[length] == pattern[length])
         ++length;
@@ -319,10 +320,10 @@ char *hex_search(const char *start, const char *end, const char *pattern, int le
     const std::string_view wanted(pattern, length > 0 ? static_cast<std::size_t>(length) : 0);
     const std::string_view block = between(start, end);
     const char *found = find_bytes(block, wanted);
-    // A match may begin in front of the end and run past it; all of those come last.
+    // Matches that start before the end and run past it follow all others.
     const std::size_t tail = at_most(block.size(), wanted.size());
     for (std::size_t at = block.size() - tail; found == nullptr && at != block.size(); ++at)
-        if (stands_at(start + at, wanted))
+        if (is_pattern_at(start + at, wanted))
             found = start + at;
     return const_cast<char *>(found);
 }
