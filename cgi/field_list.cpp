@@ -19,7 +19,7 @@ int free_buffer(void *block, uint32_t size) {
 }
 
 void *add_str(str_node **head, const char *name, const char *value) {
-    auto *const record = static_cast<str_node *>(std::malloc(sizeof(str_node)));
+    str_node *const record = allocate<str_node>(1).release();
     if (record == nullptr)
         return nullptr;
     store(record->name, text_of(name, sizeof record->name));

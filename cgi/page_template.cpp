@@ -47,7 +47,7 @@ class PendingText {
     bool make_room(std::size_t length) {
         const std::string_view kept = text();
         const std::size_t size = 2 * (kept.size() + length);
-        HeapBlock<char> larger(static_cast<char *>(std::malloc(size)));
+        HeapBlock<char> larger = allocate<char>(size);
         if (!larger)
             return false;
         start_ = size - kept.size();

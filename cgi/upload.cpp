@@ -189,11 +189,11 @@ class PartReader {
 
 /// Stores a copy of the content in a record. False if memory cannot be allocated.
 bool store_content(prop_file &record, std::string_view content) {
-    auto *const data = static_cast<char *>(std::malloc(std::max<std::size_t>(content.size(), 1)));
-    if (data == nullptr)
+    HeapBlock<char> data = allocate<char>(std::max<std::size_t>(content.size(), 1));
+    if (!data)
         return false;
-    std::memcpy(data, content.data(), content.size());
-    record.data = data;
+    std::memcpy(data.get(), content.data(), content.size());
+    record.data = data.release();
     record.size = static_cast<std::uint32_t>(content.size());
     return true;
 }
@@ -235,7 +235,7 @@ unsigned int pause_before_upload() {
 /// Reads an upload: the boundary, a newline and the body, whose last byte a NUL overwrites. Null if
 /// memory cannot be allocated or the body is short.
 HeapBlock<char> read_upload(std::string_view boundary, std::size_t length) {
-    HeapBlock<char> upload(static_cast<char *>(std::malloc(boundary.size() + 1 + length)));
+    HeapBlock<char> upload = allocate<char>(boundary.size() + 1 + length);
     if (!upload)
         return nullptr;
     std::memcpy(upload.get(), boundary.data(), boundary.size());
@@ -280,7 +280,7 @@ char *read_queue_for_upload(int *length) {
         return nullptr;
     *length = announced;
     const auto size = static_cast<std::size_t>(announced);
-    HeapBlock<char> body(static_cast<char *>(std::malloc(size + 1)));
+    HeapBlock<char> body = allocate<char>(size + 1);
     if (!body || read_body_into({body.get(), size}) != size)
         return nullptr;
     body.get()[size] = '\0';
@@ -317,7 +317,7 @@ unsigned int killDaemon(void) { return pause_before_upload(); }
 char *hex_search(const char *start, const char *end, const char *pattern, int length) {
     if (start == nullptr || start >= end)
         return nullptr;
-    const std::string_view wanted(pattern, length > 0 ? static_cast<std::size_t>(length) : 0);
+    const std::string_view wanted(pattern, size_from(length));
     const std::string_view block = between(start, end);
     const char *found = find_bytes(block, wanted);
     // Matches that start before the end and run past it follow all others.
@@ -342,15 +342,13 @@ int getDisposition_file(char **data, unsigned int *size, char **cursor, char *en
 }
 
 char *strip_r(char *text, int *length, char one, char other) {
-    const std::string_view kept =
-        trimmed({text, *length > 0 ? static_cast<std::size_t>(*length) : 0}, one, other);
+    const std::string_view kept = trimmed({text, size_from(*length)}, one, other);
     *length = static_cast<int>(kept.size());
     return const_cast<char *>(kept.data());
 }
 
 int process_file(char *upload, int length, const char *boundary, prop_file *files) {
-    return read_files({upload, length > 0 ? static_cast<std::size_t>(length) : 0},
-                      text_of(boundary), files);
+    return read_files({upload, size_from(length)}, text_of(boundary), files);
 }
 
 int free_prop_file(prop_file *files, int count) {

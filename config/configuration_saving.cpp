@@ -87,8 +87,8 @@ std::string_view key_of(std::string_view line, char separator) {
 /// If memory cannot be allocated, the rows are searched linearly.
 class RowIndex {
   public:
-    explicit RowIndex(std::span<const prop_entry> rows) : rows_(rows) {
-        entries_.reset(static_cast<Entry *>(std::malloc((rows.size() + 1) * sizeof(Entry))));
+    explicit RowIndex(std::span<const prop_entry> rows)
+        : rows_(rows), entries_(allocate<Entry>(rows.size() + 1)) {
         if (!entries_)
             return;
         for (const prop_entry &row : rows)

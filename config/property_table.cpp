@@ -44,7 +44,7 @@ bool parse_line(std::string_view line, char separator, Setting &setting) {
 /// allocated.
 bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,
               std::string_view value) {
-    HeapBlock<char> name_block(static_cast<char *>(std::malloc(name_size)));
+    HeapBlock<char> name_block = allocate<char>(name_size);
     if (!name_block)
         return false;
     HeapBlock<char> value_block(static_cast<char *>(std::calloc(1, value_size + 1)));

@@ -7,11 +7,13 @@
 #include <cstddef>
 #include <span>
 
+#include "support/text.h"
+
 namespace corvel {
 
 /// The used rows of a caller's table; none for a null pointer or a negative count.
 template <typename Row> std::span<Row> rows_of(Row *table, int count) {
-    return {table, table != nullptr && count > 0 ? static_cast<std::size_t>(count) : 0};
+    return {table, table != nullptr ? size_from(count) : 0};
 }
 
 /// The separator that a selector chooses: `=` and space choose themselves, any other value a tab.

@@ -22,9 +22,14 @@ struct HeapRelease {
 /// Owns a block of the C heap.
 template <typename Element> using HeapBlock = std::unique_ptr<Element, HeapRelease>;
 
+/// Allocates `count` elements, uninitialized; null if memory cannot be allocated.
+template <typename Element> HeapBlock<Element> allocate(std::size_t count) {
+    return HeapBlock<Element>(static_cast<Element *>(std::malloc(count * sizeof(Element))));
+}
+
 /// A NUL-terminated copy of a string; null if memory cannot be allocated.
 inline HeapBlock<char> copy_of(std::string_view text) {
-    HeapBlock<char> copy(static_cast<char *>(std::malloc(text.size() + 1)));
+    HeapBlock<char> copy = allocate<char>(text.size() + 1);
     if (copy)
         store({copy.get(), text.size() + 1}, text);
     return copy;
@@ -51,8 +56,7 @@ class WipedBlock {
   public:
     WipedBlock() = default;
     WipedBlock(char *block, std::size_t size) : block_(block), size_(size) {}
-    explicit WipedBlock(std::size_t size)
-        : WipedBlock(static_cast<char *>(std::malloc(size)), size) {}
+    explicit WipedBlock(std::size_t size) : WipedBlock(allocate<char>(size).release(), size) {}
     WipedBlock(WipedBlock &&other) noexcept : WipedBlock(other.release(), other.size_) {}
     WipedBlock &operator=(WipedBlock &&) = delete;
     ~WipedBlock() { wipe_and_free(block_, size_); }

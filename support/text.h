@@ -31,6 +31,11 @@ inline std::string_view text_of(const char *text, std::size_t size) {
     return {text_or_empty(text), strnlen(text_or_empty(text), size)};
 }
 
+/// A length or count of the interface as a size; a negative one is zero.
+constexpr std::size_t size_from(int length) {
+    return length > 0 ? static_cast<std::size_t>(length) : 0;
+}
+
 constexpr std::size_t at_most(std::size_t length, std::size_t limit) {
     return length < limit ? length : limit;
 }
