@@ -52,7 +52,7 @@ const char *line_end_of(std::string_view block) {
 }
 
 /// Stores the value of a header in a record's field: at most 256 characters, not counting double
-/// quotes, which are removed.
+/// quotes, which are removed. Not inlined, to keep the code small.
 [[gnu::noinline]] void store_value(std::span<char> field, std::string_view value) {
     const std::size_t limit = std::min<std::size_t>(256, field.size() - 1);
     std::size_t length = 0;
@@ -81,7 +81,7 @@ class PartReader {
           line_end_(upload.data()) {}
 
     /// Finds the next part, which extends from its boundary to the next one. Stores the headers of
-    /// a file in the record.
+    /// a file in the record. Not inlined, to keep the code small.
     [[gnu::noinline]] PartResult next(prop_file &record, std::string_view &content) {
         cursor_ = find_bytes(rest_, boundary_);
         rest_ = between(end_, end_);
