@@ -37,6 +37,13 @@
 #include <stdio.h>
 #include <sys/types.h>
 
+/** The first number of the version; it changes with the binary interface. */
+#define CORVEL_VERSION_MAJOR 1
+/** The second number of the version; it changes when something is added to the interface. */
+#define CORVEL_VERSION_MINOR 0
+/** The third number of the version; it changes with any other release. */
+#define CORVEL_VERSION_PATCH 0
+
 #if defined(__GNUC__)
 /** Marks what the shared library exports; everything else in it is hidden. */
 #define CORVEL_API __attribute__((__visibility__("default")))

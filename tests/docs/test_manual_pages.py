@@ -88,8 +88,8 @@ class InstalledPages(unittest.TestCase):
         self.assertEqual(shown, declared)
 
     def test_each_page_names_the_version_of_the_library(self):
-        lists = (ROOT / "CMakeLists.txt").read_text()
-        version = re.search(r"^project\(corvel VERSION ([\d.]+)", lists, re.MULTILINE)[1]
+        header = (ROOT / "include" / "corvel.h").read_text()
+        version = ".".join(re.findall(r"^#define CORVEL_VERSION_\w+ (\d+)$", header, re.MULTILINE))
         for page in self.pages:
             self.assertRegex(page.read_text(), rf'(?m)^\.TH \S+ 3 [\d-]+ "libcorvel {version}" ')
 
