@@ -28,9 +28,6 @@ constexpr const char *lock_directory = "/var/run";
 constexpr const char *lock_file = "/var/run/chpwd.lck";
 constexpr const char *change_command = "/bin/chpasswd -m < /tmp/.chpwd.txt";
 
-/// What login_chpwd() returns.
-enum ChangeResult { changed = 0, command_failed = 121, command_not_run = 122, not_attempted = 123 };
-
 /// Whether nobody can log in with this hash: it is empty, or starts with a character of no hash.
 bool is_locked(const char *hash) { return *hash == '\0' || *hash == '!' || *hash == '*'; }
 
@@ -183,20 +180,20 @@ int run_change_command() {
     return pclose(command.release());
 }
 
-ChangeResult change_password(std::string_view user, std::string_view password) {
+corvel_password_result change_password(std::string_view user, std::string_view password) {
     if (user.find_first_of(":\n") != std::string_view::npos ||
         password.find('\n') != std::string_view::npos)
-        return not_attempted;
+        return CORVEL_PASSWORD_REFUSED;
     const Descriptor lock = take_change_lock();
     if (!lock)
-        return not_attempted;
+        return CORVEL_PASSWORD_REFUSED;
     PasswordFile file;
     if (!file.write(user, password))
-        return not_attempted;
+        return CORVEL_PASSWORD_REFUSED;
     const int status = run_change_command();
     if (!WIFEXITED(status))
-        return command_not_run;
-    return WEXITSTATUS(status) == 0 ? changed : command_failed;
+        return CORVEL_PASSWORD_SHELL_FAILED;
+    return WEXITSTATUS(status) == 0 ? CORVEL_PASSWORD_CHANGED : CORVEL_PASSWORD_COMMAND_FAILED;
 }
 
 } // namespace
@@ -207,7 +204,8 @@ extern "C" {
 using namespace corvel;
 
 int login_auth(const char *user, const char *password) {
-    return may_log_in(text_or_empty(user), text_or_empty(password)) ? 0 : -1;
+    return may_log_in(text_or_empty(user), text_or_empty(password)) ? CORVEL_LOGIN_ACCEPTED
+                                                                    : CORVEL_LOGIN_REFUSED;
 }
 
 int login_chpwd(const char *user, const char *password) {
