@@ -24,9 +24,9 @@ constexpr std::uint32_t sequence_number = 1;
 /// A netlink message that contains a notification record.
 struct TrapMessage {
     nlmsghdr header;
-    unsigned char record[156];
+    unsigned char record[CORVEL_TRAP_SIZE];
 };
-static_assert(sizeof(TrapMessage) == 172);
+static_assert(sizeof(TrapMessage) == CORVEL_TRAP_MESSAGE_SIZE);
 
 sockaddr_nl address_of_port(std::uint32_t port) {
     sockaddr_nl address{};
