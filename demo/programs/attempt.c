@@ -75,7 +75,7 @@ static long long delay_after(int failures) {
 /* A form can contain any user name. A truncated name could be that of another user. */
 static int is_right(const char *user, const char *password) {
     return user && password && strlen(user) <= longest_value && strlen(password) <= longest_value &&
-           !text_complaint(user) && login_auth(user, password) == 0;
+           !text_complaint(user) && login_auth(user, password) == CORVEL_LOGIN_ACCEPTED;
 }
 
 /*

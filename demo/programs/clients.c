@@ -14,8 +14,8 @@
 #include <strings.h>
 
 enum {
-    stripped_size = 13,
-    mac_size = 18,
+    stripped_size = CORVEL_MAC_STRIPPED_SIZE,
+    mac_size = CORVEL_MAC_SIZE,
     /* A lease that never expires has the expiry time 0, which is more than ten years ago. */
     never = -315360000
 };

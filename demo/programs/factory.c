@@ -30,7 +30,7 @@ static int write_environment(void) {
 
 /* The environment is written last: if the program is interrupted, the next start repeats it. */
 int main(void) {
-    if (init_env(ENVIRONMENT_DEVICE) < 0)
+    if (init_env(ENVIRONMENT_DEVICE) == CORVEL_ENV_UNREADABLE)
         return EXIT_FAILURE;
     if (!is_erased(env_image_mem, sizeof env_image_mem))
         return EXIT_SUCCESS;

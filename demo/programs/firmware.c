@@ -112,7 +112,8 @@ static int read_running_set(void) {
 /* Does not use get_bootparam(), which returns 0 for set B and if the environment is unreadable. */
 static int read_next_set(void) {
     const int output = mute_output();
-    const char *stored = init_env(ENVIRONMENT_DEVICE) == 0 ? get_env("bootparam") : NULL;
+    const char *stored =
+        init_env(ENVIRONMENT_DEVICE) == CORVEL_ENV_GOOD ? get_env("bootparam") : NULL;
     unmute_output(output);
     return stored ? (int)(strtol(stored, NULL, 10) % 2) : -1;
 }
@@ -146,7 +147,7 @@ static int is_environment_usable(void) {
     const int output = mute_output();
     const int result = init_env(ENVIRONMENT_DEVICE);
     unmute_output(output);
-    return result == 0 || (result > 0 && is_variable_list());
+    return result == CORVEL_ENV_GOOD || (result == CORVEL_ENV_BAD_CRC && is_variable_list());
 }
 
 int make_boot(int set) {
@@ -186,21 +187,27 @@ static void complain(image_report *report, const char *complaint) {
              about_section ? report->failed : "", about_section ? ": " : "", complaint);
 }
 
-/* Sets the complaint for a result of parse_firmware() other than 0. */
+static int is_about_section(int result) {
+    return result == CORVEL_IMAGE_BAD_CHECKSUM || result == CORVEL_IMAGE_SECTION_TOO_LARGE;
+}
+
+/* Sets the complaint for a result of parse_firmware() that refuses an image. */
 static void explain_result(image_report *report) {
     static const char *const texts[] = {
-        "A section exceeds the end of the file: the image is truncated, or is not an upgrade "
-        "image.",
-        "the checksum of this section is wrong. The image is damaged.",
-        "this section is larger than its partition.",
-        "The image has more than four sections.",
-        "The CRC at the end of the image is wrong. The image is damaged.",
+        [CORVEL_IMAGE_SECTION_PAST_END] =
+            "A section exceeds the end of the file: the image is truncated, or is not an upgrade "
+            "image.",
+        [CORVEL_IMAGE_BAD_CHECKSUM] =
+            "the checksum of this section is wrong. The image is damaged.",
+        [CORVEL_IMAGE_SECTION_TOO_LARGE] = "this section is larger than its partition.",
+        [CORVEL_IMAGE_TOO_MANY_SECTIONS] = "The image has more than four sections.",
+        [CORVEL_IMAGE_BAD_CRC] = "The CRC at the end of the image is wrong. The image is damaged.",
     };
-    if (report->result == 2 || report->result == 3)
+    if (is_about_section(report->result))
         find_last_section(report->failed);
-    complain(report, report->result == 5 && report->count == 0
+    complain(report, report->result == CORVEL_IMAGE_BAD_CRC && report->count == 0
                          ? "The file is not an upgrade image: it has no section for this device."
-                         : texts[report->result - 1]);
+                         : texts[report->result]);
 }
 
 static int sections_for(const image_report *report, unsigned int number) {
@@ -288,7 +295,7 @@ void check_image(const unsigned char *image, size_t size, image_report *report) 
     while (report->count < record_count && *report->sections[report->count].name)
         report->count++;
     direct_to_set(report, boot.running == set_a ? set_b : set_a);
-    if (report->result == 0)
+    if (report->result == CORVEL_IMAGE_ACCEPTED)
         check_upgrade(report, boot);
     else
         explain_result(report);
@@ -334,10 +341,11 @@ void add_sections(str_node **fields, const image_report *report) {
     size_t used = 0;
     for (int i = 0; i < report->count && used < sizeof rows; i++)
         used += print_section(&report->sections[i], rows + used, sizeof rows - used);
-    if ((report->result == 2 || report->result == 3) && used < sizeof rows)
+    if (is_about_section(report->result) && used < sizeof rows)
         snprintf(rows + used, sizeof rows - used,
                  "<tr class=\"failed\"><th scope=\"row\">%s</th><td colspan=\"3\">%s</td></tr>\n",
-                 report->failed, report->result == 2 ? "Wrong checksum" : "Too large");
+                 report->failed,
+                 report->result == CORVEL_IMAGE_BAD_CHECKSUM ? "Wrong checksum" : "Too large");
     add_str(fields, "sections", rows);
 }
 

@@ -16,10 +16,10 @@
 #include <stdint.h>
 
 enum {
-    set_a = 0,
-    set_b = 1,
+    set_a = CORVEL_SET_A,
+    set_b = CORVEL_SET_B,
     /** The number of records that parse_firmware() needs room for. */
-    record_count = 5,
+    record_count = CORVEL_IMAGE_RECORDS,
     /** Bytes of a root file system's version, including the terminating NUL. */
     version_size = 64
 };
@@ -85,7 +85,9 @@ char *section_name(const img_info *section, char name[32]);
 static inline uint32_t section_offset(const img_info *section) { return section->burnAddr; }
 
 /** True if a section is written to the flash; false for the version section. */
-static inline int is_written(const img_info *section) { return section->mtd_ids != 255; }
+static inline int is_written(const img_info *section) {
+    return section->mtd_ids != CORVEL_NOT_WRITTEN;
+}
 
 /** Adds the fields "message" and "tone": the message above the sets, and whether it is an error. */
 void add_message(str_node **fields, const char *message, int bad);

@@ -174,8 +174,8 @@ bool is_in_providers_network(std::uint32_t address, std::uint32_t mask) {
     const auto ask = [&](unsigned selector) {
         return ipv4(getHWip("wan0", selector, text.data(), INET_ADDRSTRLEN)).value_or(0);
     };
-    const auto provider = ask(0);
-    return provider != 0 && ((address ^ provider) & mask & ask(1)) == 0;
+    const auto provider = ask(CORVEL_ADDRESS_IPV4);
+    return provider != 0 && ((address ^ provider) & mask & ask(CORVEL_ADDRESS_NETMASK)) == 0;
 }
 
 /// A setting has the same name in the file, the form, the template and the JSON document.

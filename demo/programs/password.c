@@ -55,7 +55,7 @@ static int check(form *sent) {
 static void change(const form *sent) {
     char text[trap_size];
     finish_what_is_begun(); /* an interruption could leave a password file, or old sessions */
-    if (login_chpwd(session_user(), sent->new) != 0) {
+    if (login_chpwd(session_user(), sent->new) != CORVEL_PASSWORD_CHANGED) {
         show("500 Internal Server Error", "The password could not be changed.", sent);
         return;
     }

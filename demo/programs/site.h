@@ -20,7 +20,7 @@ extern "C" {
 
 enum {
     /** Bytes of a value that get_prop() returns, including the terminating NUL. */
-    value_size = 256,
+    value_size = CORVEL_GET_PROP_SIZE,
     /**
      * The longest value that a form may send, in bytes. The request decoder truncates a word to 255
      * characters before it decodes it. A byte is encoded by at most three characters, so a
@@ -30,7 +30,7 @@ enum {
     /** The largest form that is accepted, in bytes. */
     longest_body = 65536,
     /** The largest upload that the library accepts, in bytes. */
-    longest_upload = 16 * 1024 * 1024,
+    longest_upload = CORVEL_UPLOAD_MAX,
     /** Bytes of a formatted duration, including the terminating NUL. */
     duration_size = 40
 };

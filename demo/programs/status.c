@@ -61,15 +61,17 @@ static str_node *system_fields(add_field *add) {
 
 static str_node *interface_fields(const char *name, add_field *add) {
     str_node *fields = NULL;
-    char ipv4[16];
-    char netmask[16];
-    char mac[18];
-    char ipv6[64];
+    char ipv4[CORVEL_IPV4_SIZE];
+    char netmask[CORVEL_IPV4_SIZE];
+    char mac[CORVEL_MAC_SIZE];
+    char ipv6[CORVEL_IPV6_SIZE];
     add(&fields, "name", name);
-    add(&fields, "ipv4", or_nothing(getHWip(name, 0, ipv4, sizeof ipv4), "0.0.0.0"));
-    add(&fields, "netmask", or_nothing(getHWip(name, 1, netmask, sizeof netmask), "0.0.0.0"));
+    add(&fields, "ipv4",
+        or_nothing(getHWip(name, CORVEL_ADDRESS_IPV4, ipv4, sizeof ipv4), "0.0.0.0"));
+    add(&fields, "netmask",
+        or_nothing(getHWip(name, CORVEL_ADDRESS_NETMASK, netmask, sizeof netmask), "0.0.0.0"));
     add(&fields, "mac", or_nothing(getHWaddr(name, mac), "00:00:00:00:00:00"));
-    add(&fields, "ipv6", or_nothing(getHWip(name, 4, ipv6, sizeof ipv6), "::"));
+    add(&fields, "ipv6", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV6, ipv6, sizeof ipv6), "::"));
     return fields;
 }
 

@@ -11,7 +11,7 @@
 
 #include "site.h"
 
-enum { trap_size = 156 };
+enum { trap_size = CORVEL_TRAP_SIZE };
 
 /** The log, one trap a line: "2026-01-31 12:00:00 text". */
 #define TRAP_LOG "/var/log/traps.log"

@@ -29,7 +29,7 @@ unsigned int sleep(unsigned int seconds) {
 
 /* Returns the number of files, or -1 if the upload is incomplete. Frees the upload itself, which is
  * as large as the files. */
-static int receive(prop_file files[4]) {
+static int receive(prop_file files[CORVEL_UPLOAD_FILES]) {
     int length = 0;
     int boundary_length = 0;
     char *boundary = NULL;
@@ -118,7 +118,7 @@ int main(void) {
         refuse("409 Conflict", "Restart the router to complete the last upgrade first.");
 
     forget_staged();
-    prop_file files[4] = {0};
+    prop_file files[CORVEL_UPLOAD_FILES] = {0};
     const int count = receive(files);
     const char *complaint = file_complaint(count);
     if (complaint)
