@@ -204,11 +204,14 @@ TEST(LoginAuth, ChecksHashesOfEveryMethod) {
         write_file("/etc/passwd", passwd_text);
         write_file("/etc/shadow", shadow_text);
         for (const Account &account : all) {
-            EXPECT_EQ(login_auth(account.name.c_str(), password), 0) << account.name;
+            EXPECT_EQ(login_auth(account.name.c_str(), password), CORVEL_LOGIN_ACCEPTED)
+                << account.name;
             EXPECT_EQ(last_salt, account.hash);
             for (const char *wrong : {"", "hello world!", "Hello "})
-                EXPECT_EQ(login_auth(account.name.c_str(), wrong), -1) << account.name;
-            EXPECT_EQ(login_auth(account.name.c_str(), account.hash.c_str()), -1) << account.name;
+                EXPECT_EQ(login_auth(account.name.c_str(), wrong), CORVEL_LOGIN_REFUSED)
+                    << account.name;
+            EXPECT_EQ(login_auth(account.name.c_str(), account.hash.c_str()), CORVEL_LOGIN_REFUSED)
+                << account.name;
         }
     });
 }
@@ -236,15 +239,15 @@ TEST(LoginAuth, RefusesWhoeverIsNotRootBeforeItReadsAnything) {
             account_look_ups = 0;
             shadow_look_ups = 0;
             claimed_user = user;
-            EXPECT_EQ(login_auth("admin", password), -1);
+            EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
             EXPECT_EQ(account_look_ups + shadow_look_ups, 0U);
         }
         claimed_user.reset();
-        EXPECT_EQ(login_auth("admin", password), 0);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_ACCEPTED);
     });
     expect_as_ordinary_user([] {
         account_look_ups = 0;
-        EXPECT_EQ(login_auth("root", password), -1);
+        EXPECT_EQ(login_auth("root", password), CORVEL_LOGIN_REFUSED);
         EXPECT_EQ(account_look_ups, 0U);
     });
 }
@@ -258,12 +261,12 @@ TEST(LoginAuth, RefusesAUserThatIsUnknown) {
         EXPECT_EQ(login("admin:x:number:0::/:/bin/sh\n", shadow_line("admin", hash)), -1);
         write_file("/etc/passwd", passwd_line("admin"));
         for (const char *name : {"", "admin ", "admin:x", "adm", "admin\n", "/etc/passwd", "%s%n"})
-            EXPECT_EQ(login_auth(name, password), -1) << name;
-        EXPECT_EQ(login_auth(std::string(100000, 'a').c_str(), password), -1);
-        EXPECT_EQ(login_auth(nullptr, password), -1);
-        EXPECT_EQ(login_auth("admin", nullptr), -1);
+            EXPECT_EQ(login_auth(name, password), CORVEL_LOGIN_REFUSED) << name;
+        EXPECT_EQ(login_auth(std::string(100000, 'a').c_str(), password), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_auth(nullptr, password), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_auth("admin", nullptr), CORVEL_LOGIN_REFUSED);
         fs::remove("/etc/passwd");
-        EXPECT_EQ(login_auth("admin", password), -1);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
     });
 }
 
@@ -294,7 +297,7 @@ TEST(LoginAuth, RefusesAnAccountWithoutAShadowEntry) {
         EXPECT_EQ(login(passwd_line("admin"), shadow_line("admin2", hash)), -1);
         EXPECT_EQ(login(passwd_line("admin"), "admin\n"), -1);
         fs::remove("/etc/shadow");
-        EXPECT_EQ(login_auth("admin", password), -1);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
     });
 }
 
@@ -346,7 +349,7 @@ TEST(LoginAuth, RefusesWhereTheHashCannotBeComputed) {
     in_private_root([] {
         EXPECT_EQ(login_with("x", hash), 0);
         crypt_fails = true;
-        EXPECT_EQ(login_auth("admin", password), -1);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
     });
 }
 
@@ -406,7 +409,7 @@ TEST(LoginAuth, PrintsNothing) {
             EXPECT_EQ(login("", ""), -1);
             EXPECT_EQ(login(passwd_line("admin"), ""), -1);
             claimed_user = 1;
-            EXPECT_EQ(login_auth("admin", password), -1);
+            EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
             claimed_user.reset();
         };
         EXPECT_EQ(capture_stdout(try_all), "");
@@ -457,7 +460,7 @@ void with_command(const std::function<void()> &body) {
 
 /** Changes a password and says what the command got. */
 std::string input_for(const std::string &user, const std::string &word) {
-    EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), 0);
+    EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), CORVEL_PASSWORD_CHANGED);
     EXPECT_TRUE(was_run());
     EXPECT_FALSE(exists(password_file));
     return read_file("/root/input");
@@ -465,7 +468,7 @@ std::string input_for(const std::string &user, const std::string &word) {
 
 TEST(LoginChpwd, HandsTheUserAndThePasswordToTheCommand) {
     with_command([] {
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
         EXPECT_EQ(read_file("/root/arguments"), "-m\n");
         EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n");
@@ -489,7 +492,7 @@ TEST(LoginChpwd, HandsEveryPasswordOnAsItIs) {
 
 TEST(LoginChpwd, TakesNullForAnEmptyText) {
     with_command([] {
-        EXPECT_EQ(login_chpwd(nullptr, nullptr), 0);
+        EXPECT_EQ(login_chpwd(nullptr, nullptr), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), ":\n");
     });
 }
@@ -508,7 +511,8 @@ TEST(LoginChpwd, RefusesTextsThatWouldBeAnotherLineBeforeAnythingIsWritten) {
             const CountCalls opened(call_open);
             const CountCalls started(call_popen);
             for (const auto &[user, word] : refused)
-                EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), 123) << user << word;
+                EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), CORVEL_PASSWORD_REFUSED)
+                    << user << word;
             EXPECT_EQ(opened.count() + started.count(), 0U);
             EXPECT_FALSE(was_run());
             EXPECT_EQ(exists(password_file), planted);
@@ -522,7 +526,9 @@ TEST(LoginChpwd, Returns121ForEveryExitCodeButZero) {
     with_command([] {
         for (int code = 0; code < 256; code += code < 3 || code > 124 ? 1 : 61) {
             place_command("exit " + std::to_string(code) + "\n");
-            EXPECT_EQ(login_chpwd("admin", "secret"), code == 0 ? 0 : 121) << code;
+            EXPECT_EQ(login_chpwd("admin", "secret"),
+                      code == 0 ? CORVEL_PASSWORD_CHANGED : CORVEL_PASSWORD_COMMAND_FAILED)
+                << code;
             EXPECT_FALSE(exists(password_file));
         }
     });
@@ -538,11 +544,11 @@ TEST(LoginChpwd, Returns121WhereThereIsNoCommandOrItCannotBeRun) {
             return result;
         };
         fs::permissions("/bin/chpasswd", fs::perms{0644});
-        EXPECT_EQ(change(), 121);
+        EXPECT_EQ(change(), CORVEL_PASSWORD_COMMAND_FAILED);
         fs::remove("/bin/chpasswd");
-        EXPECT_EQ(change(), 121);
+        EXPECT_EQ(change(), CORVEL_PASSWORD_COMMAND_FAILED);
         fs::create_directory("/bin/chpasswd");
-        EXPECT_EQ(change(), 121);
+        EXPECT_EQ(change(), CORVEL_PASSWORD_COMMAND_FAILED);
     });
 }
 
@@ -555,7 +561,10 @@ TEST(LoginChpwd, Returns122ForACommandThatASignalEnds) {
             place_command("cat >/dev/null; kill -" + signal + " $$\n");
             // A shell may run the command in a process of its own, and tell by its exit code.
             const int status = std::system("/bin/chpasswd </dev/null");
-            EXPECT_EQ(login_chpwd("admin", "secret"), WIFSIGNALED(status) ? 122 : 121) << signal;
+            EXPECT_EQ(login_chpwd("admin", "secret"), WIFSIGNALED(status)
+                                                          ? CORVEL_PASSWORD_SHELL_FAILED
+                                                          : CORVEL_PASSWORD_COMMAND_FAILED)
+                << signal;
             EXPECT_FALSE(exists(password_file));
         }
     });
@@ -566,7 +575,7 @@ TEST(LoginChpwd, Returns122WhereTheShellIsEndedByASignal) {
         fs::remove("/bin/sh");
         // The shell that is asked to run the command.
         write_program("/bin/sh", "#!/usr/bin/sh\nkill -KILL $$\n");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
         EXPECT_FALSE(was_run());
     });
 }
@@ -587,7 +596,9 @@ TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
                               "\n");
                 fs::remove("/root/input");
                 EXPECT_EQ(capture_stdout([code] {
-                              EXPECT_EQ(login_chpwd("admin", "secret"), code == 0 ? 0 : 121);
+                              EXPECT_EQ(login_chpwd("admin", "secret"),
+                                        code == 0 ? CORVEL_PASSWORD_CHANGED
+                                                  : CORVEL_PASSWORD_COMMAND_FAILED);
                           }),
                           "");
                 EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
@@ -600,7 +611,7 @@ TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
 TEST(LoginChpwd, WaitsForACommandThatClosesItsOutputEarly) {
     with_command([] {
         place_command("exec >&-; cat >/root/input; exit 9\n");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 121);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_COMMAND_FAILED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
     });
 }
@@ -609,15 +620,21 @@ TEST(LoginChpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
     with_command([] {
         place_command("cat; echo said\n");
         const std::size_t open_before = open_descriptors().size();
-        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
-        EXPECT_EQ(capture_stderr([] { EXPECT_EQ(login_chpwd("admin", "secret"), 0); }), "");
+        EXPECT_EQ(capture_stdout(
+                      [] { EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED); }),
+                  "");
+        EXPECT_EQ(capture_stderr(
+                      [] { EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED); }),
+                  "");
         EXPECT_EQ(open_descriptors().size(), open_before);
         // The library itself needs no memory; where starting or hearing the command does, it is
         // either run or not.
         for_each_allocation_failure([](AllocationTrial &trial) {
             const int result = trial.run([] { return login_chpwd("admin", "secret"); });
             EXPECT_FALSE(exists(password_file));
-            EXPECT_TRUE(result == 0 || (trial.failed() && result == 122)) << result;
+            EXPECT_TRUE(result == CORVEL_PASSWORD_CHANGED ||
+                        (trial.failed() && result == CORVEL_PASSWORD_SHELL_FAILED))
+                << result;
         });
         EXPECT_EQ(open_descriptors().size(), open_before);
     });
@@ -627,7 +644,7 @@ TEST(LoginChpwd, MakesAFileForItsOwnerAloneWhateverTheMask) {
     with_command([] {
         for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
             umask(mask);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
             EXPECT_EQ(read_file("/root/file"), "600 0 1 regular file\n") << mask;
         }
         umask(022);
@@ -663,7 +680,7 @@ TEST(LoginChpwd, NeverShowsThePasswordToOthersWhereverItIsStopped) {
         // What a stopped process left behind hinders nobody.
         write_file(password_file, "left behind\n");
         umask(022);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
     });
 }
@@ -721,7 +738,7 @@ TEST(LoginChpwd, WritesIntoNothingThatWasThereBefore) {
 TEST(LoginChpwd, Returns123WhereAFolderStandsInItsWay) {
     with_command([] {
         fs::create_directory(password_file);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         EXPECT_FALSE(was_run());
         EXPECT_TRUE(fs::is_directory(password_file));
         fs::remove(password_file);
@@ -735,17 +752,17 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeMade) {
             // The lock file is opened first.
             for (const unsigned long first : {1UL, 2UL}) {
                 const FailCall failing(call_open, first, error, FailCall::from_then_on);
-                EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+                EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
             }
         }
         {
             const FailCall failing(call_unlink, 1, EPERM);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         }
         EXPECT_FALSE(was_run());
         fs::permissions("/tmp", fs::perms{0700});
         fs::rename("/tmp", "/tmp-away");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         fs::rename("/tmp-away", "/tmp");
         EXPECT_FALSE(was_run());
         EXPECT_EQ(open_descriptors().size(), open_before);
@@ -758,7 +775,7 @@ TEST(LoginChpwd, TriesAgainWhereAnotherProcessIsQuickerButNotForEver) {
         {
             // As if the file had come right behind it.
             const FailCall missed(call_unlink, 1, ENOENT);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
             EXPECT_EQ(missed.failures(), 1U);
         }
         EXPECT_TRUE(was_run());
@@ -766,7 +783,7 @@ TEST(LoginChpwd, TriesAgainWhereAnotherProcessIsQuickerButNotForEver) {
         write_file(password_file, "another's");
         {
             const FailCall always(call_unlink, 1, ENOENT, FailCall::from_then_on);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         }
         EXPECT_FALSE(was_run());
         EXPECT_EQ(read_file(password_file), "another's");
@@ -779,13 +796,13 @@ TEST(LoginChpwd, Returns123WhereTheDiskIsFull) {
         make_room_for_commands();
         place_command(recording_command);
         mount_small_disk("/tmp", 65536);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_TRUE(was_run());
-        EXPECT_EQ(login_chpwd("admin", std::string(100000, 'w').c_str()), 123);
+        EXPECT_EQ(login_chpwd("admin", std::string(100000, 'w').c_str()), CORVEL_PASSWORD_REFUSED);
         EXPECT_FALSE(was_run());
         EXPECT_FALSE(exists(password_file));
         EXPECT_THROW(write_file("/tmp/full", std::string(100000, 'x')), std::exception);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         EXPECT_FALSE(was_run());
         EXPECT_FALSE(exists(password_file));
     });
@@ -799,12 +816,12 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeWrittenWhole) {
                 errno = EIO;
                 return written;
             });
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << written;
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED) << written;
             EXPECT_FALSE(was_run());
             EXPECT_FALSE(exists(password_file));
         }
         EXPECT_EQ(open_descriptors().size(), open_before);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
     });
 }
 
@@ -830,7 +847,7 @@ TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
         place_command("cat >/root/input\n"
                       "grep \":$(stat -c %i /tmp/.chpwd.txt) \" /proc/locks >/root/locks\n"
                       "exit 0\n");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_FALSE(free_while_written);
         EXPECT_EQ(read_file("/root/locks"), "");
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
@@ -932,7 +949,8 @@ TEST(LoginChpwd, ChangesEveryPasswordItReportsWhereSeveralProcessesCallIt) {
         for (std::size_t i = 0; i < users.size(); ++i) {
             const int result = wait_for_child(processes[i]).exit_status;
             // A busy machine may make the last ones wait for too long.
-            EXPECT_TRUE(result == 0 || result == 123) << result;
+            EXPECT_TRUE(result == CORVEL_PASSWORD_CHANGED || result == CORVEL_PASSWORD_REFUSED)
+                << result;
             changed += result == 0 ? 1 : 0;
             EXPECT_EQ(login_auth(users[i].c_str(), ("new of " + users[i]).c_str()),
                       result == 0 ? 0 : -1)
@@ -965,7 +983,7 @@ TEST(LoginChpwd, HoldsALockWhileTheCommandRunsAndNoLonger) {
 TEST(LoginChpwd, HandsTheCommandNoDescriptorOfItsLock) {
     with_command([] {
         place_command("ls -l /proc/$$/fd >/root/opened\n");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         const std::string opened = read_file("/root/opened");
         EXPECT_NE(opened.find(password_file), std::string::npos) << opened;
         EXPECT_EQ(opened.find(lock_file), std::string::npos) << opened;
@@ -977,7 +995,7 @@ TEST(LoginChpwd, MakesALockFileForItsOwnerAloneUnderAnyMask) {
         for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
             fs::remove(lock_file);
             umask(mask);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
             struct stat status {};
             EXPECT_EQ(lstat(lock_file, &status), 0);
             EXPECT_EQ(status.st_mode, S_IFREG | 0600U) << mask;
@@ -1004,7 +1022,7 @@ TEST(LoginChpwd, Returns123WhereAnotherCallLastsLongerThan15Seconds) {
         write_file(password_file, "the other call's");
         const OtherCall other;
         const CountedWaits waits;
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         EXPECT_EQ(waits.milliseconds(), 15000);
         EXPECT_FALSE(was_run());
         EXPECT_EQ(read_file(password_file), "the other call's");
@@ -1037,7 +1055,7 @@ TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
     with_command([] {
         const CountedWaits waits;
         const auto expect_refused = [](const char *what) {
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << what;
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED) << what;
             EXPECT_FALSE(was_run()) << what;
             EXPECT_TRUE(exists(lock_file)) << what;
             fs::remove_all(lock_file);
@@ -1067,14 +1085,14 @@ TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
         fs::create_directory(lock_file);
         expect_refused("a directory");
         EXPECT_EQ(waits.count(), 0U);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
     });
 }
 
 TEST(LoginChpwd, MakesTheDirectoryOfItsLock) {
     with_command([] {
         fs::remove_all("/var/run");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 0);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_TRUE(was_run());
         EXPECT_EQ(fs::status("/var/run").permissions(), fs::perms{0755});
     });
@@ -1084,9 +1102,9 @@ TEST(LoginChpwd, Returns123WhereThereIsNoPlaceForItsLock) {
     with_command([] {
         const CountedWaits waits;
         fs::remove_all("/var");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         write_file("/var", "");
-        EXPECT_EQ(login_chpwd("admin", "secret"), 123);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         EXPECT_FALSE(was_run());
         EXPECT_EQ(waits.count(), 0U);
     });
@@ -1097,7 +1115,7 @@ TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
         const CountedWaits waits;
         for (const int error : {ENOLCK, EINVAL, EIO}) {
             const Instead in_place_of_lock(error_of_lock, [error] { return error; });
-            EXPECT_EQ(login_chpwd("admin", "secret"), 123) << error;
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED) << error;
         }
         EXPECT_EQ(waits.count(), 0U);
         EXPECT_FALSE(was_run());
@@ -1105,7 +1123,7 @@ TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
         for (const int error : {EAGAIN, EACCES}) {
             int left = 2;
             const Instead in_place_of_lock(error_of_lock, [&] { return left-- > 0 ? error : 0; });
-            EXPECT_EQ(login_chpwd("admin", "secret"), 0) << error;
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED) << error;
         }
         EXPECT_EQ(waits.count(), 4U);
     });
@@ -1114,7 +1132,7 @@ TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
 TEST(LoginChpwd, Returns122WhereTheCommandCannotBeStarted) {
     with_command([] {
         const FailCall failing(call_popen, 1, EMFILE);
-        EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+        EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
         EXPECT_EQ(failing.failures(), 1U);
         EXPECT_FALSE(was_run());
         EXPECT_FALSE(exists(password_file));
@@ -1125,14 +1143,14 @@ TEST(LoginChpwd, Returns122WhereTheCommandsStatusIsNotToBeHad) {
     with_command([] {
         {
             const FailCall failing(call_pclose, 1, ECHILD);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
         }
         EXPECT_TRUE(was_run());
         EXPECT_FALSE(exists(password_file));
         // As a program that wants to know nothing of its children.
         expect_in_child([] {
             signal(SIGCHLD, SIG_IGN);
-            EXPECT_EQ(login_chpwd("admin", "secret"), 122);
+            EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
             EXPECT_FALSE(exists(password_file));
         });
     });
@@ -1145,14 +1163,17 @@ TEST(LoginChpwd, ChangesAPasswordWithTheRealCommand) {
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\n" + passwd_line("admin"));
         write_file("/etc/shadow", "root:*:19000:0:99999:7:::\n" + shadow_line("admin", hash));
         write_file("/etc/group", "root:x:0:\n");
-        EXPECT_EQ(login_auth("admin", password), 0);
-        EXPECT_EQ(login_chpwd("admin", "new: $ecret "), 0);
-        EXPECT_EQ(login_auth("admin", "new: $ecret "), 0);
-        EXPECT_EQ(login_auth("admin", password), -1);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_ACCEPTED);
+        EXPECT_EQ(login_chpwd("admin", "new: $ecret "), CORVEL_PASSWORD_CHANGED);
+        EXPECT_EQ(login_auth("admin", "new: $ecret "), CORVEL_LOGIN_ACCEPTED);
+        EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
         // As the board's other programs need it.
         EXPECT_NE(read_file("/etc/shadow").find("\nadmin:$1$"), std::string::npos);
-        EXPECT_NE(capture_stderr([] { EXPECT_EQ(login_chpwd("nobody", "secret"), 121); }), "");
-        EXPECT_EQ(login_auth("admin", "new: $ecret "), 0);
+        EXPECT_NE(capture_stderr([] {
+                      EXPECT_EQ(login_chpwd("nobody", "secret"), CORVEL_PASSWORD_COMMAND_FAILED);
+                  }),
+                  "");
+        EXPECT_EQ(login_auth("admin", "new: $ecret "), CORVEL_LOGIN_ACCEPTED);
         EXPECT_FALSE(exists(password_file));
     });
 }

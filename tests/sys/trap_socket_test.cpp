@@ -65,7 +65,7 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr std::size_t record_size = 156;
+constexpr std::size_t record_size = CORVEL_TRAP_SIZE;
 
 /** A number as it lies in memory. */
 template <typename Number> std::string in_host_order(Number number) {
@@ -82,9 +82,10 @@ std::string address_bytes(std::uint32_t port) {
 
 /** The bytes that are sent for a record. */
 std::string message_bytes(const std::string &record) {
-    return in_host_order<std::uint32_t>(172) + in_host_order<std::uint16_t>(17) +
-           in_host_order<std::uint16_t>(0) + in_host_order<std::uint32_t>(1) +
-           in_host_order(static_cast<std::uint32_t>(getpid())) + record;
+    return in_host_order<std::uint32_t>(CORVEL_TRAP_MESSAGE_SIZE) +
+           in_host_order<std::uint16_t>(17) + in_host_order<std::uint16_t>(0) +
+           in_host_order<std::uint32_t>(1) + in_host_order(static_cast<std::uint32_t>(getpid())) +
+           record;
 }
 
 /** A record of which no two bytes side by side are alike, zeros among them. */
@@ -272,9 +273,12 @@ TEST(SendTrapMsg, SendsTheMessageInOnePieceToTheGroup) {
                           message_bytes(record));
                 EXPECT_EQ(parcel->msg_control, nullptr);
                 EXPECT_EQ(parcel->msg_controllen, 0U);
-                return 172;
+                return CORVEL_TRAP_MESSAGE_SIZE;
             });
-        EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(send_trap_msg(77, block.start()), 172); }), "");
+        EXPECT_EQ(capture_stderr([&] {
+                      EXPECT_EQ(send_trap_msg(77, block.start()), CORVEL_TRAP_MESSAGE_SIZE);
+                  }),
+                  "");
         EXPECT_EQ(sent, 1);
         EXPECT_EQ(block.bytes(), record);
     }
@@ -287,11 +291,11 @@ TEST(SendTrapMsg, TakesARecordFromAnyAddress) {
         instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
             sent.assign(static_cast<const char *>(parcel->msg_iov->iov_base),
                         parcel->msg_iov->iov_len);
-            return 172;
+            return CORVEL_TRAP_MESSAGE_SIZE;
         });
     for (std::size_t shift = 0; shift < 8; ++shift) {
         const std::string shifted = std::string(shift, '?') + record;
-        EXPECT_EQ(send_trap_msg(1, shifted.data() + shift), 172);
+        EXPECT_EQ(send_trap_msg(1, shifted.data() + shift), CORVEL_TRAP_MESSAGE_SIZE);
         EXPECT_EQ(sent, message_bytes(record));
     }
 }
@@ -306,9 +310,9 @@ TEST(SendTrapMsg, SendsTheGoldenMessageAlike) {
         instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
             sent.assign(static_cast<const char *>(parcel->msg_iov->iov_base),
                         parcel->msg_iov->iov_len);
-            return 172;
+            return CORVEL_TRAP_MESSAGE_SIZE;
         });
-    EXPECT_EQ(send_trap_msg(77, record.data()), 172);
+    EXPECT_EQ(send_trap_msg(77, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
     constexpr bool is_big_endian = std::endian::native == std::endian::big;
     EXPECT_EQ(sent, golden(is_big_endian ? "trap-big-endian.bin" : "trap-little-endian.bin"));
 }
@@ -320,13 +324,14 @@ TEST(SendTrapMsg, SendsTheBareProcessIdFromEveryThread) {
         instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
             sent.emplace_back(static_cast<const char *>(parcel->msg_iov->iov_base),
                               parcel->msg_iov->iov_len);
-            return 172;
+            return CORVEL_TRAP_MESSAGE_SIZE;
         });
-    run_in_two_threads([&record] { EXPECT_EQ(send_trap_msg(77, record.data()), 172); });
+    run_in_two_threads(
+        [&record] { EXPECT_EQ(send_trap_msg(77, record.data()), CORVEL_TRAP_MESSAGE_SIZE); });
     EXPECT_EQ(sent, std::vector<std::string>(2, message_bytes(record)));
     sent.clear();
     expect_in_child([&] {
-        EXPECT_EQ(send_trap_msg(77, record.data()), 172);
+        EXPECT_EQ(send_trap_msg(77, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
         EXPECT_EQ(sent, std::vector<std::string>{message_bytes(record)});
     });
 }
@@ -415,7 +420,7 @@ TEST(TrapSocket, CarriesRecordsToTheGroup) {
         ASSERT_GT(trap_socket, 0);
         for (unsigned first = 0; first < 5; ++first) {
             const std::string record = sample_record(first);
-            EXPECT_EQ(send_trap_msg(trap_socket, record.data()), 172);
+            EXPECT_EQ(send_trap_msg(trap_socket, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
             sockaddr_nl sender{};
             EXPECT_EQ(listener.received(sender), message_bytes(record));
             EXPECT_EQ(sender.nl_pid, port_of_this_thread());
@@ -450,7 +455,7 @@ TEST(TrapSocket, CanBeOpenedInSeveralThreadsAtOnce) {
         run_in_two_threads([&] {
             const int trap_socket = open_socket_for_trap();
             EXPECT_GT(trap_socket, 0);
-            EXPECT_EQ(send_trap_msg(trap_socket, record.data()), 172);
+            EXPECT_EQ(send_trap_msg(trap_socket, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
             sockaddr_nl sender{};
             EXPECT_EQ(listener.received(sender), message_bytes(record));
             EXPECT_EQ(sender.nl_pid, port_of_this_thread());
@@ -487,7 +492,7 @@ TEST(TrapSocket, SendsNothingWhenItIsClosed) {
         ASSERT_EQ(dup2(trap_socket, closed), closed);
         close(trap_socket);
         const std::string record = sample_record(7);
-        EXPECT_EQ(send_trap_msg(closed, record.data()), 172);
+        EXPECT_EQ(send_trap_msg(closed, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
         EXPECT_EQ(listener.received(), message_bytes(record));
         close(closed);
         EXPECT_EQ(capture_stderr([&] { EXPECT_LT(send_trap_msg(closed, record.data()), 0); }),
