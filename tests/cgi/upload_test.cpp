@@ -49,7 +49,7 @@ using std::string_view_literals::operator""sv;
 
 constexpr bool under_sanitizer = UNDER_SANITIZER == 1;
 constexpr std::size_t mebibyte = 1024 * 1024;
-constexpr std::size_t largest_upload = 16 * mebibyte;
+constexpr std::size_t largest_upload = CORVEL_UPLOAD_MAX;
 
 std::string every_byte() {
     std::string bytes;
@@ -711,7 +711,7 @@ TEST(UploadPart, IsAFileWithItsHeaders) {
         "Content-Type: t/u\r\nContent-Transfer-Encoding: binary\r\n\r\n"
         "content\r\n--b--";
     const PartRead part = part_of(bytes, "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_EQ(part.content, "content");
     EXPECT_STREQ(part.record.filename, "a");
     EXPECT_STREQ(part.record.content_type, " t/u");
@@ -722,7 +722,7 @@ TEST(UploadPart, IsAFileWithItsHeaders) {
 
 TEST(UploadPart, WithoutAnEncodingLeavesThatFieldAlone) {
     const PartRead part = part_of("--bfilename=a\nContent-Type:t\n\r\n\rc\r\n--b", "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_EQ(part.content, "c");
     EXPECT_EQ(part.record.transfer_encoding[0], '!');
     EXPECT_EQ(part.record.transfer_encoding[257], '!');
@@ -731,22 +731,22 @@ TEST(UploadPart, WithoutAnEncodingLeavesThatFieldAlone) {
 TEST(UploadPart, IsNotThereWithoutABoundary) {
     for (const char *bytes : {"", "-", "--", "filename=a\r\nContent-Type: t\r\n\r\nx", "---a--"}) {
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, -1) << bytes;
+        EXPECT_EQ(part.code, CORVEL_PART_NO_START) << bytes;
         EXPECT_EQ(part.cursor, static_cast<std::ptrdiff_t>(std::strlen(bytes)));
         EXPECT_EQ(part.output, "");
     }
-    EXPECT_EQ(part_of("--b..--b", "--b", 6).code, -1);
+    EXPECT_EQ(part_of("--b..--b", "--b", 6).code, CORVEL_PART_NO_START);
     EXPECT_EQ(part_of("--b..--b", "--b", 6).cursor, 8);
 }
 
 TEST(UploadPart, IsNotThereWithoutAClosingBoundary) {
     for (const char *bytes : {"--b", "--b-", "x--b--", "--bfilename=a\nContent-Type:t\n\n\n\n--"}) {
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, -2) << bytes;
+        EXPECT_EQ(part.code, CORVEL_PART_NO_END) << bytes;
         EXPECT_EQ(part.cursor, static_cast<std::ptrdiff_t>(std::strlen(bytes)));
     }
-    EXPECT_EQ(part_of("aaa", "aa").code, -2) << "boundaries do not overlap";
-    EXPECT_EQ(part_of("aaaa", "aa").code, -3);
+    EXPECT_EQ(part_of("aaa", "aa").code, CORVEL_PART_NO_END) << "boundaries do not overlap";
+    EXPECT_EQ(part_of("aaaa", "aa").code, CORVEL_PART_NO_FILENAME);
 }
 
 TEST(UploadPart, WithoutAFileNameIsPassedOver) {
@@ -757,7 +757,7 @@ TEST(UploadPart, WithoutAFileNameIsPassedOver) {
           "name=\"filename\"; filename=\"a\"\nContent-Type:t\n", "filenam=e"}) {
         const std::string bytes = "--b" + std::string(headers) + "--b..";
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, -3) << headers;
+        EXPECT_EQ(part.code, CORVEL_PART_NO_FILENAME) << headers;
         EXPECT_EQ(part.cursor, place_of(bytes, "--b", 3)) << headers;
         EXPECT_EQ(part.record.filename[0], '!');
         EXPECT_EQ(part.output, "");
@@ -766,10 +766,11 @@ TEST(UploadPart, WithoutAFileNameIsPassedOver) {
 
 TEST(UploadPart, TakesNoHeaderFromTheNextOne) {
     const std::string bytes = "--bx--bfilename=a\nContent-Type:t\n\r\n\rc\r\n--b";
-    EXPECT_EQ(part_of(bytes, "--b").code, -3);
+    EXPECT_EQ(part_of(bytes, "--b").code, CORVEL_PART_NO_FILENAME);
     EXPECT_EQ(part_of(bytes, "--b").cursor, 4);
-    EXPECT_EQ(part_of(bytes, "--b", 4).code, 0);
-    EXPECT_EQ(part_of("--bfilename=a\n--bContent-Type:t\n\r\n\rc\r\n--b", "--b").code, -4);
+    EXPECT_EQ(part_of(bytes, "--b", 4).code, CORVEL_PART_FILE);
+    EXPECT_EQ(part_of("--bfilename=a\n--bContent-Type:t\n\r\n\rc\r\n--b", "--b").code,
+              CORVEL_PART_NO_TYPE);
 }
 
 TEST(UploadPart, WithoutAContentTypeIsPassedOverAndDumped) {
@@ -780,7 +781,7 @@ TEST(UploadPart, WithoutAContentTypeIsPassedOverAndDumped) {
           "filename=a\n\0\xff\r\n"s}) {
         const std::string bytes = "--b" + headers + "\r\n--b--\r\n";
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, -4) << headers;
+        EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE) << headers;
         EXPECT_EQ(part.cursor, place_of(bytes, "--b", 3)) << headers;
         EXPECT_STREQ(part.record.filename, "a");
         EXPECT_EQ(part.record.content_type[0], '!');
@@ -794,7 +795,7 @@ TEST(UploadPart, IsDumpedOnlyAsFarAsTheBlockReaches) {
         const std::string bytes = "--bfilename=a\r--b" + std::string(extra, 'x');
         const std::string shown = bytes.substr(bytes.find('\r'), 32);
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, -4);
+        EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE);
         EXPECT_EQ(part.output, shown + "\n");
     }
     EXPECT_EQ(part_of("--bfilename=a--b", "--b").output, "\n");
@@ -805,7 +806,7 @@ TEST(UploadPart, HeaderValuesLoseTheirDoubleQuotes) {
         part_of("--bfilename=\"a\"; \"b\"\"\"c\"\"\r\nContent-Type: \"t\"; x=\"y\"\r\n"
                 "Content-Transfer-Encoding:\"\"\r\n\r\nc\"c\r\n--b",
                 "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_STREQ(part.record.filename, "a; bc");
     EXPECT_STREQ(part.record.content_type, " t; x=y");
     EXPECT_STREQ(part.record.transfer_encoding, "");
@@ -826,7 +827,7 @@ TEST(UploadPart, HeaderValuesAreCutAndTheRestOfTheirLineIsPassedOver) {
          {0U, 1U, 253U, 254U, 255U, 256U, 257U, 258U, 259U, 1000U, 100000U}) {
         for (const char *quotes : {"", "\"\"\"", "\""}) {
             const PartRead part = part_of(part_with_values_of(size, quotes), "--b");
-            ASSERT_EQ(part.code, 0) << size;
+            ASSERT_EQ(part.code, CORVEL_PART_FILE) << size;
             EXPECT_EQ(part.record.filename, std::string(std::min<std::size_t>(size, 254), 'f'));
             EXPECT_EQ(part.record.content_type, std::string(std::min<std::size_t>(size, 254), 't'));
             EXPECT_EQ(part.record.transfer_encoding,
@@ -839,7 +840,7 @@ TEST(UploadPart, HeaderValuesAreCutAndTheRestOfTheirLineIsPassedOver) {
 TEST(UploadPart, HeaderValueMayHoldNulsAndHighBytes) {
     const PartRead part =
         part_of("--bfilename=a\xff\0b\r\nContent-Type:\0t\r\n\r\nc\r\n--b"s, "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_EQ(std::string_view(part.record.filename, 5), "a\xff\0b\0"sv);
     EXPECT_EQ(std::string_view(part.record.content_type, 3), "\0t\0"sv);
 }
@@ -847,7 +848,7 @@ TEST(UploadPart, HeaderValueMayHoldNulsAndHighBytes) {
 TEST(UploadPart, LineEndsOfOtherKindsShiftTheContent) {
     // Four bytes are taken for the blank line and two for the line end in front of the boundary.
     const PartRead part = part_of("--b\nfilename=a\nContent-Type: t\n\ncontent\n--b", "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_EQ(part.content, "nten");
     EXPECT_EQ(part_of("--b\rfilename=a\rContent-Type: t\r\rcontent\r--b", "--b").content, "nten");
 }
@@ -858,7 +859,7 @@ TEST(UploadPart, ContentIsWhatStandsBetweenTheBlankLineAndTheLineEnd) {
          {""s, "c"s, "\r"s, "\n"s, "\r\n"s, "\r\n\r\n"s, "\r\n\r"s, "-"s, "--"s, "\r\n-"s,
           "\r\n--"s, "--a"s, "\0"s, "\r\n--\nb"s, every_byte() + every_byte()}) {
         const PartRead part = part_of(headers + "\r\n\r\n" + content + "\r\n--b", "--b");
-        EXPECT_EQ(part.code, 0);
+        EXPECT_EQ(part.code, CORVEL_PART_FILE);
         EXPECT_EQ(part.content, content);
     }
 }
@@ -868,7 +869,7 @@ TEST(UploadPart, ContentIsEmptyWhereHeadersRunIntoTheBoundary) {
          {"", "\r", "\r\n", "\r\n\r", "\r\n\r\n", "\r\n\r\n\r", "\r\n\r\n\r\n"}) {
         const std::string bytes = "--bfilename=a\r\nContent-Type:t" + std::string(between) + "--b";
         const PartRead part = part_of(bytes, "--b");
-        EXPECT_EQ(part.code, 0);
+        EXPECT_EQ(part.code, CORVEL_PART_FILE);
         EXPECT_EQ(part.content, "");
         EXPECT_EQ(part.cursor, place_of(bytes, "--b", 3) - 2);
     }
@@ -878,12 +879,12 @@ TEST(UploadPart, ContentIsEmptyWhereHeadersRunIntoTheBoundary) {
 TEST(UploadPart, HeaderLineThatRunsIntoTheBoundaryEndsBehindIt) {
     const std::string bytes = "--bfilename=a\r\nContent-Type:t--bmore\r\n\r\nx--b";
     const PartRead part = part_of(bytes, "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_STREQ(part.record.content_type, "t--bmore");
     EXPECT_EQ(part.content, "");
     EXPECT_EQ(part.cursor, place_of(bytes, "--bmore") - 2);
     const PartRead unnamed = part_of("--bfilename=a--bmore\r\nContent-Type:t\r\n\r\nx--b", "--b");
-    EXPECT_EQ(unnamed.code, -4);
+    EXPECT_EQ(unnamed.code, CORVEL_PART_NO_TYPE);
     EXPECT_EQ(unnamed.cursor, 13);
     EXPECT_STREQ(unnamed.record.filename, "a--bmore");
     EXPECT_EQ(unnamed.output, "\r\nContent-Type:t\r\n\r\nx--b\n");
@@ -894,7 +895,7 @@ TEST(UploadPart, HeaderLineThatRunsFarBehindTheBoundaryEndsWhereItDoes) {
     for (const std::size_t size : {0U, 254U, 255U, 256U, 257U, 10000U}) {
         const std::string line = repeated("--bx", size);
         const PartRead part = part_of("--bfilename=a--b" + line + "\r\nbehind", "--b");
-        EXPECT_EQ(part.code, -4);
+        EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE);
         EXPECT_EQ(part.cursor, 13);
         EXPECT_EQ(part.record.filename, ("a--b" + line).substr(0, 254));
         EXPECT_EQ(part.output, "\r\nbehind\n") << size;
@@ -931,9 +932,10 @@ std::pair<int, std::ptrdiff_t> code_of_part_before_a_gap(const std::string &byte
 /** So that a caller's loop over an upload without line endings takes time in proportion to it. */
 TEST(UploadPart, EndOfAHeaderLineIsLookedForIn16KibibytesAfterTheBoundary) {
     const std::string rest(16384 + 32, 'x'); // the search for the line ending, and what is dumped
-    EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a--b" + rest), (std::pair{-4, 13L}));
+    EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a--b" + rest),
+              (std::pair{int{CORVEL_PART_NO_TYPE}, 13L}));
     EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a\nContent-Type:t--b" + rest),
-              (std::pair{0, 26L}));
+              (std::pair{int{CORVEL_PART_FILE}, 26L}));
 }
 #endif
 
@@ -946,7 +948,7 @@ TEST(UploadPart, HeaderLineThatDoesNotEndThereEndsThere) {
         part_of(start + boundary_and_16_kibibytes.substr(0, 16383) + "\n" + next, "--b").output,
         "\n" + next.substr(0, 31) + "\n");
     const PartRead part = part_of(start + "\nContent-Type:t" + boundary_and_16_kibibytes, "--b");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_EQ(part.content, "");
 }
 
@@ -954,7 +956,7 @@ TEST(UploadPart, HeaderValueBehindTheBoundaryLosesAnyNumberOfQuotes) {
     for (const std::size_t size : {1U, 255U, 256U, 257U, 10000U}) {
         const PartRead part = part_of(
             "--bfilename=\nContent-Type:t--b" + std::string(size, '"') + "value\r\nbehind", "--b");
-        EXPECT_EQ(part.code, 0);
+        EXPECT_EQ(part.code, CORVEL_PART_FILE);
         EXPECT_STREQ(part.record.content_type, "t--bvalue") << size;
     }
 }
@@ -962,10 +964,10 @@ TEST(UploadPart, HeaderValueBehindTheBoundaryLosesAnyNumberOfQuotes) {
 TEST(UploadPart, HeaderValueOfAKeyInTheBoundaryIsKeptWhole) {
     const std::string value(300, 'v');
     const PartRead part = part_of("filename=a\nfilename=" + value + "\r\n", "filename=");
-    EXPECT_EQ(part.code, -4);
+    EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE);
     EXPECT_STREQ(part.record.filename, "a");
     const PartRead far = part_of("ilename=.filename=" + value + "\r\n", "ilename=");
-    EXPECT_EQ(far.code, -4);
+    EXPECT_EQ(far.code, CORVEL_PART_NO_TYPE);
     EXPECT_EQ(far.record.filename, value.substr(0, 254));
 }
 
@@ -973,13 +975,14 @@ TEST(UploadPart, KeyMayRunIntoTheNextBoundary) {
     const std::string bytes = "=x.filename=x";
     // From the boundary "=x" to the next one, in whose "=" the key's separator is seen.
     const PartRead part = part_of(bytes, "=x");
-    EXPECT_EQ(part.code, -4);
+    EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE);
     EXPECT_STREQ(part.record.filename, "x");
 }
 
 TEST(UploadPart, KeyThatStartsWhereTheNextBoundaryDoesIsNotTaken) {
     const char *const type = "Content-Type:b";
-    EXPECT_EQ(part_of("Content-Type:b filename=a\r\nContent-Type:b", type).code, -4);
+    EXPECT_EQ(part_of("Content-Type:b filename=a\r\nContent-Type:b", type).code,
+              CORVEL_PART_NO_TYPE);
     const PartRead second =
         part_of("Content-Type:b filename=a\r\nContent-Type: t\r\n\r\nc\r\nContent-Type:b", type);
     EXPECT_STREQ(second.record.content_type, " t");
@@ -994,7 +997,7 @@ TEST(UploadPart, KeyThatStartsWhereTheNextBoundaryDoesIsNotTaken) {
 TEST(UploadPart, KeyThatStartsJustBeforeTheNextBoundaryIsTaken) {
     // The boundary is the key without its first character.
     const PartRead part = part_of("ontent-Type: filename=a\nContent-Type: t\n", "ontent-Type:");
-    EXPECT_EQ(part.code, 0);
+    EXPECT_EQ(part.code, CORVEL_PART_FILE);
     EXPECT_STREQ(part.record.content_type, " t");
 }
 
@@ -1002,7 +1005,7 @@ TEST(UploadPart, CursorAtOrAfterTheEndFindsNoBoundary) {
     const std::string bytes = "--bfilename=a\r\nContent-Type:t\r\n\r\nc\r\n--b";
     for (const std::size_t beyond : {0U, 1U, 2U, 1000000U}) {
         const PartRead part = part_of(bytes, "--b", bytes.size() + beyond);
-        EXPECT_EQ(part.code, -1) << beyond;
+        EXPECT_EQ(part.code, CORVEL_PART_NO_START) << beyond;
         EXPECT_EQ(part.cursor, static_cast<std::ptrdiff_t>(bytes.size())) << beyond;
     }
     // Boundaries between the cursor and the end of the memory are not looked at.
@@ -1011,17 +1014,18 @@ TEST(UploadPart, CursorAtOrAfterTheEndFindsNoBoundary) {
     char *data = nullptr;
     unsigned int size = 0;
     prop_file record{};
-    EXPECT_EQ(getDisposition_file(&data, &size, &cursor, block.start() + 2, "b", &record), -1);
+    EXPECT_EQ(getDisposition_file(&data, &size, &cursor, block.start() + 2, "b", &record),
+              CORVEL_PART_NO_START);
     EXPECT_EQ(cursor, block.start() + 2);
 }
 
 TEST(UploadPart, BoundaryMayHoldHeadersItself) {
     const PartRead part = part_of("filename=aContent-Type:t\r\n\r\n\r\nfilename=a", "filename=a");
-    EXPECT_EQ(part.code, -4) << "the file name's line takes the content type in";
+    EXPECT_EQ(part.code, CORVEL_PART_NO_TYPE) << "the file name's line takes the content type in";
     EXPECT_STREQ(part.record.filename, "aContent-Type:t");
     const PartRead file =
         part_of("filename=a\nContent-Type:t\r\n\r\nc\r\nfilename=a", "filename=a");
-    EXPECT_EQ(file.code, 0);
+    EXPECT_EQ(file.code, CORVEL_PART_FILE);
     EXPECT_EQ(file.content, "c");
 }
 
@@ -1029,7 +1033,7 @@ TEST(UploadPart, EmptyBoundaryStandsNowhere) {
     const std::string bytes = "filename=a\r\nContent-Type:t\r\n\r\nc\r\n";
     for (const char *boundary : {"", static_cast<const char *>(nullptr)}) {
         const PartRead part = part_of(bytes, boundary);
-        EXPECT_EQ(part.code, -1);
+        EXPECT_EQ(part.code, CORVEL_PART_NO_START);
         EXPECT_EQ(part.cursor, static_cast<std::ptrdiff_t>(bytes.size()));
     }
 }
@@ -1050,7 +1054,10 @@ TEST(UploadPart, NextOneBeginsAtTheBoundaryThatClosedThisOne) {
             files.push_back({record.filename, std::string(data, size)});
     }
     // In front of the first boundary of the body stands the one that the reader put there.
-    EXPECT_EQ(codes, (std::vector<int>{-3, -3, 0, 0, -2, -1, -1, -1}));
+    EXPECT_EQ(codes,
+              (std::vector<int>{CORVEL_PART_NO_FILENAME, CORVEL_PART_NO_FILENAME, CORVEL_PART_FILE,
+                                CORVEL_PART_FILE, CORVEL_PART_NO_END, CORVEL_PART_NO_START,
+                                CORVEL_PART_NO_START, CORVEL_PART_NO_START}));
     EXPECT_EQ(files, (StoredFiles{{"1", "one"}, {"2", "two"}}));
     EXPECT_EQ(cursor, block.end());
 }
