@@ -25,7 +25,7 @@ using namespace corvel_test;
 using namespace std::string_literals;
 
 /** The size that a row's value block is said to have; one zero byte more lies behind it. */
-constexpr std::size_t value_size = 257;
+constexpr std::size_t value_size = CORVEL_PROP_VALUE_SIZE;
 
 std::size_t open_descriptors() {
     const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
@@ -46,7 +46,7 @@ std::string line_of(const std::string &name, std::size_t length) {
 }
 
 std::optional<std::string> value_of(PropertyTable &table, const std::string &name) {
-    std::array<char, 256> value;
+    std::array<char, CORVEL_GET_PROP_SIZE> value;
     value.fill('?');
     if (get_prop(name.c_str(), value.data(), table.data(), table.count()) == nullptr)
         return std::nullopt;
@@ -512,13 +512,13 @@ TEST(GetProp, RemovesOneDoubleQuoteFromEachEnd) {
 
 TEST(GetProp, ReturnsTheCallersBuffer) {
     PropertyTable table(Rows{{"A", "1"}});
-    std::array<char, 256> value{};
+    std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("A", value.data(), table.data(), table.count()), value.data());
 }
 
 TEST(GetProp, LeavesTheBufferUntouchedIfThereIsNoSuchName) {
     PropertyTable table(Rows{{"A", "1"}});
-    std::array<char, 256> value;
+    std::array<char, CORVEL_GET_PROP_SIZE> value;
     value.fill('?');
     EXPECT_EQ(get_prop("B", value.data(), table.data(), table.count()), nullptr);
     EXPECT_EQ(std::count(value.begin(), value.end(), '?'), 256);
@@ -588,7 +588,7 @@ TEST(GetProp, NeverWritesBeyond256Bytes) {
 
 TEST(GetProp, FindsNothingInANegativeCountOfRows) {
     PropertyTable table(Rows{{"A", "1"}});
-    std::array<char, 256> value{};
+    std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("A", value.data(), table.data(), -1), nullptr);
     EXPECT_EQ(get_prop("A", value.data(), table.data(), 0), nullptr);
     EXPECT_EQ(get_prop("A", value.data(), nullptr, 0), nullptr);
@@ -596,13 +596,13 @@ TEST(GetProp, FindsNothingInANegativeCountOfRows) {
 
 TEST(GetProp, LooksAtTheRowsInUseOnly) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
-    std::array<char, 256> value{};
+    std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("B", value.data(), table.data(), 1), nullptr);
 }
 
 TEST(GetProp, TakesANullNameForTheEmptyText) {
     PropertyTable table(Rows{{"A", "1"}, {"", "2"}});
-    std::array<char, 256> value{};
+    std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop(nullptr, value.data(), table.data(), table.count()), value.data());
     EXPECT_STREQ(value.data(), "2");
 }
@@ -680,7 +680,7 @@ TEST(SetProp, WritesNothingIntoARowThatHasNoSize) {
     EXPECT_EQ(set_prop("A", "abc", &row, 1), 0);
     EXPECT_EQ(value, "0123456789");
     row.value = nullptr;
-    row.value_size = 257;
+    row.value_size = CORVEL_PROP_VALUE_SIZE;
     EXPECT_EQ(set_prop("A", "abc", &row, 1), 0);
 }
 
