@@ -32,12 +32,15 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 
-constexpr unsigned ipv4_address = 0;
-constexpr unsigned ipv4_netmask = 1;
-constexpr unsigned hardware_address = 3;
-constexpr unsigned ipv6_address = 4;
-constexpr std::array all_selectors = {
-    ipv4_address, ipv4_netmask, 2U, hardware_address, ipv6_address, 5U, 6U, 0x80000000U, UINT_MAX};
+constexpr std::array<unsigned, 9> all_selectors = {CORVEL_ADDRESS_IPV4,
+                                                   CORVEL_ADDRESS_NETMASK,
+                                                   2U,
+                                                   CORVEL_ADDRESS_HARDWARE,
+                                                   CORVEL_ADDRESS_IPV6,
+                                                   5U,
+                                                   6U,
+                                                   0x80000000U,
+                                                   UINT_MAX};
 
 /** The longest name that an interface can have. */
 const std::string longest_name = "abcdefghijklmno";
@@ -103,7 +106,8 @@ void expect_no_address_but_texts(const char *name) {
     EXPECT_EQ(mac_of(name), "00:00:00:00:00:00");
     EXPECT_EQ(stripped_mac_of(name), "000000000000");
     for (const unsigned selector : all_selectors)
-        EXPECT_EQ(text_of(name, selector), selector == ipv6_address ? "::" : "0.0.0.0") << selector;
+        EXPECT_EQ(text_of(name, selector), selector == CORVEL_ADDRESS_IPV6 ? "::" : "0.0.0.0")
+            << selector;
 }
 
 void expect_not_to_exist(const std::string &name) {
@@ -117,16 +121,16 @@ TEST(InterfaceAddress, IsTheIpv4AddressAndItsNetmask) {
     in_private_root([] {
         add_cable("eth0", "far0");
         ip("address add 192.168.129.254/20 dev eth0");
-        EXPECT_EQ(ask("eth0", ipv4_address), four("\xC0\xA8\x81\xFE"));
-        EXPECT_EQ(ask("eth0", ipv4_netmask), four("\xFF\xFF\xF0\0"s));
-        EXPECT_EQ(text_of("eth0", ipv4_address), "192.168.129.254");
-        EXPECT_EQ(text_of("eth0", ipv4_netmask), "255.255.240.0");
-        EXPECT_EQ(ask("lo", ipv4_address), four("\x7F\0\0\x01"s));
-        EXPECT_EQ(ask("lo", ipv4_netmask), four("\xFF\0\0\0"s));
-        EXPECT_EQ(ask("far0", ipv4_address), nothing);
-        EXPECT_EQ(ask("far0", ipv4_netmask), nothing);
-        EXPECT_EQ(text_of("far0", ipv4_address), "0.0.0.0");
-        EXPECT_EQ(text_of("far0", ipv4_netmask), "0.0.0.0");
+        EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_IPV4), four("\xC0\xA8\x81\xFE"));
+        EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_NETMASK), four("\xFF\xFF\xF0\0"s));
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV4), "192.168.129.254");
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_NETMASK), "255.255.240.0");
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV4), four("\x7F\0\0\x01"s));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_NETMASK), four("\xFF\0\0\0"s));
+        EXPECT_EQ(ask("far0", CORVEL_ADDRESS_IPV4), nothing);
+        EXPECT_EQ(ask("far0", CORVEL_ADDRESS_NETMASK), nothing);
+        EXPECT_EQ(text_of("far0", CORVEL_ADDRESS_IPV4), "0.0.0.0");
+        EXPECT_EQ(text_of("far0", CORVEL_ADDRESS_NETMASK), "0.0.0.0");
     });
 }
 
@@ -134,7 +138,7 @@ TEST(InterfaceAddress, IsTheHardwareAddressBehindItsFamily) {
     in_private_root([] {
         add_cable("eth0", "far0");
         ip("link set eth0 address 02:1a:2b:fc:80:09");
-        const Answer answer = ask("eth0", hardware_address);
+        const Answer answer = ask("eth0", CORVEL_ADDRESS_HARDWARE);
         EXPECT_EQ(answer.result, 1);
         std::uint16_t family = 0;
         std::memcpy(&family, answer.bytes.data(), sizeof family);
@@ -161,7 +165,7 @@ TEST(InterfaceAddress, IsTheHardwareAddressThatTheKernelMadeUp) {
 
 TEST(InterfaceAddress, OfLoopbackHasAFamilyOfItsOwnAndNoHardware) {
     in_private_root([] {
-        const Answer answer = ask("lo", hardware_address);
+        const Answer answer = ask("lo", CORVEL_ADDRESS_HARDWARE);
         EXPECT_EQ(answer.result, 1);
         std::uint16_t family = 0;
         std::memcpy(&family, answer.bytes.data(), sizeof family);
@@ -177,8 +181,8 @@ TEST(InterfaceAddress, IsKnownOfAnInterfaceThatIsDown) {
         ip("link set eth0 address 02:00:00:00:00:01");
         ip("link set eth0 down");
         ip("address add 10.1.2.3/30 dev eth0");
-        EXPECT_EQ(ask("eth0", ipv4_address), four("\x0A\x01\x02\x03"));
-        EXPECT_EQ(ask("eth0", ipv4_netmask), four("\xFF\xFF\xFF\xFC"));
+        EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_IPV4), four("\x0A\x01\x02\x03"));
+        EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_NETMASK), four("\xFF\xFF\xFF\xFC"));
         EXPECT_EQ(mac_of("eth0"), "02:00:00:00:00:01");
     });
 }
@@ -188,12 +192,13 @@ TEST(InterfaceAddress, IsTheGlobalIpv6AddressWithItsPrefixLength) {
         add_cable("eth0", "far0");
         ip("-6 address add fe80::7/64 dev eth0 nodad");
         ip("-6 address add 2001:db8::12:3/64 dev eth0 nodad");
-        EXPECT_EQ(ask("eth0", ipv6_address), sixteen(64, "2001:db8::12:3"));
-        EXPECT_EQ(text_of("eth0", ipv6_address), "2001:db8::12:3/64");
+        EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::12:3"));
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV6), "2001:db8::12:3/64");
         ip("-6 address add fd00:1234:5678:9abc:def0:1234:5678:9abc/128 dev far0 nodad");
-        EXPECT_EQ(ask("far0", ipv6_address),
+        EXPECT_EQ(ask("far0", CORVEL_ADDRESS_IPV6),
                   sixteen(128, "fd00:1234:5678:9abc:def0:1234:5678:9abc"));
-        EXPECT_EQ(text_of("far0", ipv6_address), "fd00:1234:5678:9abc:def0:1234:5678:9abc/128");
+        EXPECT_EQ(text_of("far0", CORVEL_ADDRESS_IPV6),
+                  "fd00:1234:5678:9abc:def0:1234:5678:9abc/128");
     });
 }
 
@@ -204,8 +209,8 @@ TEST(InterfaceAddress, IsNoIpv6AddressOfASmallerScope) {
         ip("-6 address add fec0::7/64 dev far0 nodad");
         ip("-6 address show >/tmp/addresses");
         for (const char *name : {"eth0", "far0", "lo"}) {
-            EXPECT_EQ(ask(name, ipv6_address), nothing) << name;
-            EXPECT_EQ(text_of(name, ipv6_address), "::") << name;
+            EXPECT_EQ(ask(name, CORVEL_ADDRESS_IPV6), nothing) << name;
+            EXPECT_EQ(text_of(name, CORVEL_ADDRESS_IPV6), "::") << name;
         }
         // They are there.
         const std::string addresses = read_file("/tmp/addresses");
@@ -219,10 +224,10 @@ TEST(InterfaceAddress, IsThatOfExactlyTheNamedInterface) {
         add_cable("eth0", "eth0.1");
         ip("-6 address add 2001:db8::1/64 dev eth0.1 nodad");
         ip("address add 10.0.0.1/24 dev eth0.1");
-        EXPECT_EQ(text_of("eth0", ipv6_address), "::");
-        EXPECT_EQ(text_of("eth0", ipv4_address), "0.0.0.0");
-        EXPECT_EQ(text_of("eth0.1", ipv6_address), "2001:db8::1/64");
-        EXPECT_EQ(text_of("eth0.1", ipv4_address), "10.0.0.1");
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV6), "::");
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV4), "0.0.0.0");
+        EXPECT_EQ(text_of("eth0.1", CORVEL_ADDRESS_IPV6), "2001:db8::1/64");
+        EXPECT_EQ(text_of("eth0.1", CORVEL_ADDRESS_IPV4), "10.0.0.1");
         expect_not_to_exist("eth0.");
         expect_not_to_exist("eth0.11");
         expect_not_to_exist("eth");
@@ -259,8 +264,8 @@ TEST(InterfaceAddress, IsKnownForNamesOfUnusualCharacters) {
             add_cable(name, "far0");
             ip("address add 10.0.0.1/24 dev " + name);
             ip("-6 address add 2001:db8::1/64 dev " + name + " nodad");
-            EXPECT_EQ(text_of(name.c_str(), ipv4_address), "10.0.0.1") << name;
-            EXPECT_EQ(text_of(name.c_str(), ipv6_address), "2001:db8::1/64") << name;
+            EXPECT_EQ(text_of(name.c_str(), CORVEL_ADDRESS_IPV4), "10.0.0.1") << name;
+            EXPECT_EQ(text_of(name.c_str(), CORVEL_ADDRESS_IPV6), "2001:db8::1/64") << name;
             ip("link delete " + name);
         }
     });
@@ -273,11 +278,11 @@ TEST(InterfaceAddress, OfALabelIsTheIpv4AddressThatHasIt) {
         ip("address add 10.0.0.1/24 dev eth0");
         ip("address add 172.16.0.9/12 dev eth0 label eth0:1");
         ip("-6 address add 2001:db8::1/64 dev eth0 nodad");
-        EXPECT_EQ(text_of("eth0:1", ipv4_address), "172.16.0.9");
-        EXPECT_EQ(text_of("eth0:1", ipv4_netmask), "255.240.0.0");
+        EXPECT_EQ(text_of("eth0:1", CORVEL_ADDRESS_IPV4), "172.16.0.9");
+        EXPECT_EQ(text_of("eth0:1", CORVEL_ADDRESS_NETMASK), "255.240.0.0");
         EXPECT_EQ(mac_of("eth0:1"), "02:1A:2B:FC:80:09");
-        EXPECT_EQ(text_of("eth0:1", ipv6_address), "::");
-        EXPECT_EQ(text_of("eth0", ipv4_address), "10.0.0.1");
+        EXPECT_EQ(text_of("eth0:1", CORVEL_ADDRESS_IPV6), "::");
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV4), "10.0.0.1");
     });
 }
 
@@ -286,8 +291,8 @@ TEST(InterfaceAddress, DoesNotExistForANameThatNoInterfaceCanHave) {
         add_cable(longest_name, "far0");
         ip("address add 10.0.0.1/24 dev " + longest_name);
         ip("-6 address add 2001:db8::1/64 dev " + longest_name + " nodad");
-        EXPECT_EQ(text_of(longest_name.c_str(), ipv4_address), "10.0.0.1");
-        EXPECT_EQ(text_of(longest_name.c_str(), ipv6_address), "2001:db8::1/64");
+        EXPECT_EQ(text_of(longest_name.c_str(), CORVEL_ADDRESS_IPV4), "10.0.0.1");
+        EXPECT_EQ(text_of(longest_name.c_str(), CORVEL_ADDRESS_IPV6), "2001:db8::1/64");
         for (const std::size_t more : {1U, 2U, 4U, 5U, 6U, 17U, 1000U, 4000U})
             expect_not_to_exist(longest_name + std::string(more, 'p'));
         expect_not_to_exist(longest_name + " ");
@@ -307,11 +312,11 @@ TEST(InterfaceAddress, IsPrintedAsFourNumbersForAHardwareAddressToo) {
     in_private_root([] {
         add_cable("eth0", "far0");
         ip("link set eth0 address 02:c8:00:00:00:01");
-        const std::string bytes = ask("eth0", hardware_address).bytes;
+        const std::string bytes = ask("eth0", CORVEL_ADDRESS_HARDWARE).bytes;
         std::string expected;
         for (std::size_t i = 0; i < 4; ++i)
             expected += (i == 0 ? "" : ".") + std::to_string(static_cast<unsigned char>(bytes[i]));
-        EXPECT_EQ(text_of("eth0", hardware_address), expected);
+        EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_HARDWARE), expected);
         EXPECT_EQ(expected.substr(3), ".2.200");
     });
 }
@@ -323,9 +328,9 @@ TEST(InterfaceAddress, IsCutToFit) {
         const std::string whole = "192.168.129.254";
         for (int size = 1; size < 20; ++size) {
             const auto bytes = static_cast<std::size_t>(size);
-            EXPECT_EQ(text_of("eth0", ipv4_address, size), whole.substr(0, bytes - 1));
-            EXPECT_EQ(text_of("far0", ipv4_address, size), "0.0.0.0"s.substr(0, bytes - 1));
-            EXPECT_EQ(text_of("far0", ipv6_address, size), "::"s.substr(0, bytes - 1));
+            EXPECT_EQ(text_of("eth0", CORVEL_ADDRESS_IPV4, size), whole.substr(0, bytes - 1));
+            EXPECT_EQ(text_of("far0", CORVEL_ADDRESS_IPV4, size), "0.0.0.0"s.substr(0, bytes - 1));
+            EXPECT_EQ(text_of("far0", CORVEL_ADDRESS_IPV6, size), "::"s.substr(0, bytes - 1));
         }
     });
 }
@@ -384,10 +389,10 @@ TEST(InterfaceAddress, IsNoneWithoutASocket) {
 TEST(InterfaceAddress, IsNoIpv6AddressWhereTheTableCannotBeOpened) {
     in_private_root([] {
         ip("-6 address add 2001:db8::1/64 dev lo nodad");
-        EXPECT_EQ(text_of("lo", ipv6_address), "2001:db8::1/64");
+        EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6), "2001:db8::1/64");
         const DescriptorsLeft one(1);
-        EXPECT_EQ(ask("lo", ipv6_address), nothing);
-        EXPECT_EQ(ask("lo", ipv4_address), four("\x7F\0\0\x01"s));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), nothing);
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV4), four("\x7F\0\0\x01"s));
     });
 }
 
@@ -399,10 +404,12 @@ TEST(InterfaceAddress, IsNoneWhereTheKernelRefuses) {
         for (const int request : {SIOCGIFFLAGS, SIOCGIFADDR, SIOCGIFNETMASK, SIOCGIFHWADDR}) {
             const FailIoctl refusal(request);
             const bool all = request == SIOCGIFFLAGS;
-            EXPECT_EQ(ask("eth0", ipv4_address) == nothing, all || request == SIOCGIFADDR);
-            EXPECT_EQ(ask("eth0", ipv4_netmask) == nothing, all || request == SIOCGIFNETMASK);
-            EXPECT_EQ(ask("eth0", hardware_address) == nothing, all || request == SIOCGIFHWADDR);
-            EXPECT_EQ(ask("eth0", ipv6_address) == nothing, all);
+            EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_IPV4) == nothing, all || request == SIOCGIFADDR);
+            EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_NETMASK) == nothing,
+                      all || request == SIOCGIFNETMASK);
+            EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_HARDWARE) == nothing,
+                      all || request == SIOCGIFHWADDR);
+            EXPECT_EQ(ask("eth0", CORVEL_ADDRESS_IPV6) == nothing, all);
             EXPECT_EQ(mac_of("eth0") == "00:00:00:00:00:00", all || request == SIOCGIFHWADDR);
         }
     });
@@ -435,8 +442,8 @@ TEST(Ipv6Table, GivesItsFirstGlobalAddressOfTheInterface) {
         table.hold(line("fe800000000000000000000000000001", "01 40 20 80", "      lo") +
                    line(two, global, "     lo2") + line(one, "01 30 00 80", "      lo") +
                    line(two, global, "      lo"));
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(48, "2001:db8::1"));
-        EXPECT_EQ(text_of("lo", ipv6_address), "2001:db8::1/48");
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(48, "2001:db8::1"));
+        EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6), "2001:db8::1/48");
     });
 }
 
@@ -447,7 +454,8 @@ TEST(Ipv6Table, TellsAGlobalAddressByTheHighDigitOfItsScope) {
             char numbers[32];
             std::snprintf(numbers, sizeof numbers, "01 40 %02x 80", scope);
             table.hold(line(one, numbers, "lo"));
-            EXPECT_EQ(ask("lo", ipv6_address), scope < 16 ? sixteen(64, "2001:db8::1") : nothing)
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6),
+                      scope < 16 ? sixteen(64, "2001:db8::1") : nothing)
                 << scope;
         }
     });
@@ -460,9 +468,9 @@ TEST(Ipv6Table, HoldsPrefixLengthsUpTo128) {
             char numbers[32];
             std::snprintf(numbers, sizeof numbers, "01 %02x 00 80", static_cast<unsigned>(length));
             table.hold(line(one, numbers, "lo"));
-            EXPECT_EQ(ask("lo", ipv6_address),
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6),
                       length <= 128 ? sixteen(length, "2001:db8::1") : nothing);
-            EXPECT_EQ(text_of("lo", ipv6_address),
+            EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6),
                       length > 0 && length <= 128 ? "2001:db8::1/" + std::to_string(length) : "::");
         }
     });
@@ -472,8 +480,8 @@ TEST(Ipv6Table, IsSearchedNoFurtherThanAPrefixLengthOfZero) {
     in_private_root([] {
         const OwnTable table("if_inet6");
         table.hold(line(one, "02 00 00 80", "lo") + line(two, global, "lo"));
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(0, "2001:db8::1"));
-        EXPECT_EQ(text_of("lo", ipv6_address), "::");
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(0, "2001:db8::1"));
+        EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6), "::");
     });
 }
 
@@ -481,7 +489,7 @@ TEST(Ipv6Table, MayHoldUpperCaseDigitsTabsAndMoreBlanks) {
     in_private_root([] {
         const OwnTable table("if_inet6");
         table.hold("  20010DB80000000000000000ABCDEFAB\t0000002  40 00   80\t\tlo  \n");
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(64, "2001:db8::abcd:efab"));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::abcd:efab"));
     });
 }
 
@@ -489,7 +497,7 @@ TEST(Ipv6Table, MayEndWithoutALineEnd) {
     in_private_root([] {
         const OwnTable table("if_inet6");
         table.hold("20010db8000000000000000000000001 02 40 00 80 lo");
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(64, "2001:db8::1"));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::1"));
     });
 }
 
@@ -497,7 +505,7 @@ TEST(Ipv6Table, MayHoldInterfaceIndicesOfEightDigits) {
     in_private_root([] {
         const OwnTable table("if_inet6");
         table.hold(line(one, "7fffffff 40 00 80", "lo"));
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(64, "2001:db8::1"));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::1"));
     });
 }
 
@@ -534,9 +542,9 @@ TEST(Ipv6Table, IsSearchedBehindALineThatIsNone) {
               line(one, global, "x") + std::string(5000, '\0') + "\n",
               std::string(1023, ' ') + "\n"}) {
             table.hold(bad);
-            EXPECT_EQ(ask("lo", ipv6_address), nothing) << bad;
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), nothing) << bad;
             table.hold(bad + line(two, global, "lo"));
-            EXPECT_EQ(ask("lo", ipv6_address), sixteen(64, "2001:db8::2")) << bad;
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::2")) << bad;
         }
     });
 }
@@ -548,12 +556,12 @@ TEST(Ipv6Table, IsReadInPiecesOf1023Characters) {
         for (const std::size_t length : {1000U, 1021U, 1022U, 1023U, 1024U, 1025U, 2046U, 4096U}) {
             // The entry begins behind that many characters: only then does it stand alone.
             table.hold(std::string(length, 'x') + entry);
-            EXPECT_EQ(ask("lo", ipv6_address),
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6),
                       length % 1023 == 0 ? sixteen(64, "2001:db8::2") : nothing)
                 << length;
             table.hold(std::string(length, ' ') + entry);
             const std::size_t left = 1023 - length % 1023;
-            EXPECT_EQ(ask("lo", ipv6_address),
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6),
                       left >= entry.size() - 1 ? sixteen(64, "2001:db8::2") : nothing)
                 << length;
         }
@@ -564,8 +572,8 @@ TEST(Ipv6Table, MayBeEmptyMissingAFolderOrUnreadable) {
     in_private_root([] {
         const OwnTable table("if_inet6");
         const auto expect_nothing = [] {
-            EXPECT_EQ(ask("lo", ipv6_address), nothing);
-            EXPECT_EQ(text_of("lo", ipv6_address), "::");
+            EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), nothing);
+            EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6), "::");
         };
         table.hold("");
         expect_nothing();
@@ -575,7 +583,7 @@ TEST(Ipv6Table, MayBeEmptyMissingAFolderOrUnreadable) {
         expect_nothing();
         table.be_missing();
         table.hold(line(one, global, "lo"));
-        EXPECT_EQ(ask("lo", ipv6_address).result, 64);
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6).result, 64);
         const FailCall unreadable(call_read, 1, EIO, FailCall::from_then_on);
         expect_nothing();
     });
@@ -611,13 +619,13 @@ TEST(Ipv6Table, GivesAnAddressThatIsCutToFit) {
         for (const auto &sample : samples) {
             table.hold(line(sample.digits, "01 80 00 80", "lo"));
             for (int size = 1; size < 64; ++size)
-                EXPECT_EQ(text_of("lo", ipv6_address, size),
+                EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6, size),
                           cut(sample.address, "/128", static_cast<std::size_t>(size)))
                     << size;
         }
         table.hold(line("00000000000000000000000000000001", "01 80 00 80", "lo"));
-        EXPECT_EQ(text_of("lo", ipv6_address, 8), "::1/12");
-        EXPECT_EQ(text_of("lo", ipv6_address, 9), "::1/128");
+        EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6, 8), "::1/12");
+        EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6, 9), "::1/128");
     });
 }
 
@@ -634,7 +642,7 @@ TEST(Ipv6Table, GivesAnAddressInItsShortSpelling) {
                        {"20010db80a0b0c0d00e0f00000100abc", "2001:db8:a0b:c0d:e0:f000:10:abc"}};
         for (const auto &sample : samples) {
             table.hold(line(sample.digits, global, "lo"));
-            EXPECT_EQ(text_of("lo", ipv6_address), sample.address + "/64");
+            EXPECT_EQ(text_of("lo", CORVEL_ADDRESS_IPV6), sample.address + "/64");
         }
     });
 }
@@ -691,7 +699,8 @@ TEST(Ipv6Table, IsReadAsAFormatReadsIt) {
         for (int round = 0; round < 1000; ++round) {
             const std::string text = random.table_of(words_of_a_line);
             table.hold(text);
-            ASSERT_EQ(ask("lo", ipv6_address), expected_of("/proc/net/if_inet6", "lo")) << text;
+            ASSERT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), expected_of("/proc/net/if_inet6", "lo"))
+                << text;
         }
     });
 }
@@ -701,9 +710,9 @@ TEST(Ipv6Table, IsFoundToEndWhateverItHolds) {
         const OwnTable table("if_inet6");
         const std::string noise = RandomTables(66).noise();
         table.hold(noise);
-        EXPECT_EQ(ask("lo", ipv6_address), nothing);
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), nothing);
         table.hold(noise + line(two, global, "lo"));
-        EXPECT_EQ(ask("lo", ipv6_address), sixteen(64, "2001:db8::2"));
+        EXPECT_EQ(ask("lo", CORVEL_ADDRESS_IPV6), sixteen(64, "2001:db8::2"));
     });
 }
 
