@@ -198,7 +198,7 @@ static int is_found_first(const char *name, int (*function)(void)) {
 
 static void edit_and_save(const char *path) {
     prop_entry table[16] = {{0, 0, NULL, NULL}};
-    char value[256];
+    char value[CORVEL_GET_PROP_SIZE];
     int count = load_prop('=', path, table);
     count = ins_prop("B", "2", table, count);
     set_prop("A", "\"new\"", table, count);
@@ -224,7 +224,7 @@ static void show_page(const char *path) {
 
 static void decode_request(void) {
     prop_entry table[16] = {{0, 0, NULL, NULL}};
-    char value[256];
+    char value[CORVEL_GET_PROP_SIZE];
     int count;
     setenv("REQUEST_METHOD", "GET", 1);
     setenv("QUERY_STRING", "Ajax=7&a=b+c%21", 1);
@@ -240,7 +240,7 @@ static void decode_request(void) {
 }
 
 static void receive_upload(void) {
-    prop_file files[4] = {{"", "", "", NULL, 0}};
+    prop_file files[CORVEL_UPLOAD_FILES] = {{"", "", "", NULL, 0}};
     char *boundary = NULL;
     int length = 0;
     int total = 0;
@@ -259,7 +259,7 @@ static void receive_upload(void) {
 
 static void upgrade(const char *path) {
     static unsigned char image[1024];
-    img_info records[5];
+    img_info records[CORVEL_IMAGE_RECORDS];
     FILE *file = fopen(path, "rb");
     int code = -1;
     int count;
@@ -278,7 +278,7 @@ static void look_at_device(const char *lease_file) {
     char text[64];
     unsigned char byte = 0;
     lease_entry *list = NULL;
-    getHWip("lo", 0, text, sizeof text);
+    getHWip("lo", CORVEL_ADDRESS_IPV4, text, sizeof text);
     getHWaddr("lo", text);
     getDefGw("lo", text);
     get_arp_cache("", &list);
