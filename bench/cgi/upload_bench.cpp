@@ -96,7 +96,7 @@ template <Content content> void corvel(benchmark::State &state) {
     const Upload upload(content, size_of(state));
     std::string block = upload.block();
     const std::string boundary_line(boundary_text);
-    prop_file files[4] = {};
+    prop_file files[CORVEL_UPLOAD_FILES] = {};
 
     const int found = process_file(block.data(), upload.length(), boundary_line.c_str(), files);
     bench::require(found == 1 &&

@@ -30,7 +30,7 @@ static long peak(void) {
 }
 
 int main(void) {
-    static prop_file files[4];
+    static prop_file files[CORVEL_UPLOAD_FILES];
     char *boundary = NULL;
     int length = 0;
     int boundary_length = 0;

@@ -64,7 +64,7 @@ Image make_image(std::size_t size) {
     append_section(image, "root", root, 0x650000);
     append_section(image, "rfs1", root, 0x650000);
     append_section(image, "kern", payloads - 2 * root, 0x100000);
-    append_header(image, "Ver0", 255, 0, version_size - header_size);
+    append_header(image, "Ver0", CORVEL_NOT_WRITTEN, 0, version_size - header_size);
     image.resize(size - crc_size, '1');
     append_word(image, bench::zlib_crc32(image));
     return image;
@@ -72,12 +72,12 @@ Image make_image(std::size_t size) {
 
 void corvel(benchmark::State &state) {
     const Image image = make_image(static_cast<std::size_t>(state.range(0)) * 1024);
-    img_info records[5];
+    img_info records[CORVEL_IMAGE_RECORDS];
     const auto check = [&image, &records] {
-        int result = 0;
+        int result = CORVEL_IMAGE_ACCEPTED;
         const int count =
             parse_firmware(image.data(), static_cast<unsigned int>(image.size()), records, &result);
-        return result == 0 ? count : -result;
+        return result == CORVEL_IMAGE_ACCEPTED ? count : -result;
     };
     bench::require(check() == 4, "parse_firmware() refuses a valid image");
     bench::measure(state, [&check] { benchmark::DoNotOptimize(check()); });

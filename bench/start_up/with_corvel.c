@@ -4,7 +4,7 @@
 
 int main(int argc, char **argv) {
     prop_entry table[16];
-    char address[256] = "";
+    char address[CORVEL_GET_PROP_SIZE] = "";
     str_node *fields = NULL;
     int count;
 
