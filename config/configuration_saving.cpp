@@ -220,7 +220,7 @@ int save_prop(signed char sep, const char *path, const prop_entry *table, int co
     if (!build_companion_path(copy_path, text_of(path), copy_suffix) ||
         !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;
-    const FileNames names = {path, copy_path.data(), lock_path.data()};
+    const FileNames names = {text_or_empty(path), copy_path.data(), lock_path.data()};
     const LockFile lock(names);
     rewrite(lock, names, [&](LineReader &lines, std::FILE *copy) {
         copy_with_rows(lines, copy, static_cast<char>(sep), rows_of(table, count));
@@ -236,7 +236,7 @@ int save_global_conf(signed char sep, const char *path, const char *prefix, cons
         !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;
     const NewSetting setting = {text_of(prefix), text_of(name), text_of(value), separator_of(sep)};
-    const FileNames names = {path, copy_path.data(), lock_path.data()};
+    const FileNames names = {text_or_empty(path), copy_path.data(), lock_path.data()};
     LockFile lock(names);
     rewrite(lock, names,
             [&](LineReader &lines, std::FILE *copy) { copy_with_setting(lines, copy, setting); });

@@ -195,8 +195,7 @@ static int is_about_section(int result) {
 static void explain_result(image_report *report) {
     static const char *const texts[] = {
         [CORVEL_IMAGE_SECTION_PAST_END] =
-            "A section exceeds the end of the file: the image is truncated, or is not an upgrade "
-            "image.",
+            "A section exceeds the end of the file: the image is truncated or no upgrade image.",
         [CORVEL_IMAGE_BAD_CHECKSUM] =
             "the checksum of this section is wrong. The image is damaged.",
         [CORVEL_IMAGE_SECTION_TOO_LARGE] = "this section is larger than its partition.",
