@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -94,7 +96,8 @@ class RowIndex {
         for (const prop_entry &row : rows)
             if (row.name != nullptr)
                 entries_.get()[size_++] = {hash(row.name), &row};
-        std::sort(entries_.get(), entries_.get() + size_);
+        // Smaller than std::sort() by a kilobyte.
+        std::qsort(entries_.get(), size_, sizeof(Entry), compare);
     }
 
     /// The last row with this name, or null.
@@ -115,15 +118,17 @@ class RowIndex {
     struct Entry {
         std::uint32_t hash;
         const prop_entry *row;
-
-        /// By hash, then by name, then by position in the table.
-        bool operator<(const Entry &other) const {
-            if (hash != other.hash)
-                return hash < other.hash;
-            const int order = std::strcmp(row->name, other.row->name);
-            return order != 0 ? order < 0 : row < other.row;
-        }
     };
+
+    /// By hash, then by name, then by position in the table.
+    static int compare(const void *one, const void *other) {
+        const auto &a = *static_cast<const Entry *>(one);
+        const auto &b = *static_cast<const Entry *>(other);
+        if (a.hash != b.hash)
+            return a.hash < b.hash ? -1 : 1;
+        const int order = std::strcmp(a.row->name, b.row->name);
+        return order != 0 ? order : a.row < b.row ? -1 : 1;
+    }
 
     /// FNV-1a.
     static std::uint32_t hash(std::string_view name) {
