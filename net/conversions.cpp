@@ -42,7 +42,7 @@ std::optional<float> first_number(const char *path) {
 } // namespace
 
 void strip_separators(std::string_view text, StrippedForm stripped) {
-    const std::string_view mac = front(text, 17);
+    const std::string_view mac = front(text, CORVEL_MAC_SIZE - 1);
     std::memset(stripped.data(), 0, stripped.size());
     char *out = stripped.data();
     for (std::size_t i = 0; i < mac.size(); i += 3) {
@@ -89,10 +89,10 @@ int str2byte(const char *hex, int len, unsigned char *out) {
 
 unsigned int ascii2mac(const char *text, unsigned char *mac) {
     const std::string_view digits = text_of(text);
-    if (digits.size() != 12)
+    if (digits.size() != CORVEL_MAC_STRIPPED_SIZE - 1)
         return 1;
     // OR, not unchecked_pair(): the results differ if the second character is not a digit.
-    for (std::size_t i = 0; i < 6; ++i)
+    for (std::size_t i = 0; i < CORVEL_MAC_BYTES; ++i)
         mac[i] = static_cast<unsigned char>(hex_value(digits[i * 2]) * 16 |
                                             hex_value(digits[i * 2 + 1]));
     return mac[0] & 1U;
@@ -100,7 +100,7 @@ unsigned int ascii2mac(const char *text, unsigned char *mac) {
 
 char *iw_pr_ether(const unsigned char *mac) {
     static char text[64];
-    print_colon_form(MacAddress(mac, 6), ColonForm(text, 18));
+    print_colon_form(MacAddress(mac, CORVEL_MAC_BYTES), ColonForm(text, CORVEL_MAC_SIZE));
     return text;
 }
 
@@ -114,7 +114,7 @@ signed char chUpcase(signed char character) {
 }
 
 char *mac2hexStrip(const char *text, char *out) {
-    char stripped[13];
+    char stripped[CORVEL_MAC_STRIPPED_SIZE];
     strip_separators(text_of(text), stripped);
     std::memcpy(out, stripped, sizeof stripped);
     return out;

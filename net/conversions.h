@@ -2,6 +2,8 @@
 #ifndef CORVEL_NET_CONVERSIONS_H
 #define CORVEL_NET_CONVERSIONS_H
 
+#include <corvel.h>
+
 #include <arpa/inet.h>
 #include <span>
 #include <string_view>
@@ -10,13 +12,13 @@
 
 namespace corvel {
 
-using MacAddress = std::span<const unsigned char, 6>;
+using MacAddress = std::span<const unsigned char, CORVEL_MAC_BYTES>;
 
 /// A hardware address as "00:11:22:AA:BB:CC", NUL-terminated.
-using ColonForm = std::span<char, 18>;
+using ColonForm = std::span<char, CORVEL_MAC_SIZE>;
 
 /// A hardware address as "001122AABBCC", NUL-terminated.
-using StrippedForm = std::span<char, 13>;
+using StrippedForm = std::span<char, CORVEL_MAC_STRIPPED_SIZE>;
 
 inline void print_colon_form(MacAddress mac, ColonForm text) {
     char *out = text.data();

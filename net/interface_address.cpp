@@ -21,19 +21,11 @@
 namespace corvel {
 namespace {
 
-/// The selectors of getInAddr().
-enum Selector : unsigned {
-    ipv4_address = 0,
-    ipv4_netmask = 1,
-    hardware_address = 3,
-    ipv6_address = 4
-};
-
 constexpr const char *ipv6_table = "/proc/net/if_inet6";
 
 constexpr const char *no_ipv6_address = "::";
 
-constexpr std::size_t address_size = 16;
+constexpr std::size_t address_size = CORVEL_ADDRESS_SIZE;
 
 /// A line of the kernel's table of IPv6 addresses.
 struct Ipv6Line {
@@ -99,22 +91,22 @@ int find_address(std::string_view interface, unsigned selector, void *result) {
     if (ioctl(kernel.get(), SIOCGIFFLAGS, &request) < 0)
         return 0;
     switch (selector) {
-    case ipv4_address:
+    case CORVEL_ADDRESS_IPV4:
         if (ioctl(kernel.get(), SIOCGIFADDR, &request) != 0)
             return 0;
         copy_ipv4_address(request.ifr_addr, result);
         return 1;
-    case ipv4_netmask:
+    case CORVEL_ADDRESS_NETMASK:
         if (ioctl(kernel.get(), SIOCGIFNETMASK, &request) < 0)
             return 0;
         copy_ipv4_address(request.ifr_netmask, result);
         return 1;
-    case hardware_address:
+    case CORVEL_ADDRESS_HARDWARE:
         if (ioctl(kernel.get(), SIOCGIFHWADDR, &request) < 0)
             return 0;
         std::memcpy(result, &request.ifr_hwaddr, sizeof request.ifr_hwaddr);
         return 1;
-    case ipv6_address:
+    case CORVEL_ADDRESS_IPV6:
         return find_ipv6_address(interface, result);
     default:
         return 0;
@@ -122,10 +114,10 @@ int find_address(std::string_view interface, unsigned selector, void *result) {
 }
 
 /// The interface's hardware address; all zeros if there is none.
-std::array<unsigned char, 6> mac_of(const char *interface) {
+std::array<unsigned char, CORVEL_MAC_BYTES> mac_of(const char *interface) {
     sockaddr address{};
-    std::array<unsigned char, 6> mac{};
-    if (find_address(text_of(interface), hardware_address, &address) != 0)
+    std::array<unsigned char, CORVEL_MAC_BYTES> mac{};
+    if (find_address(text_of(interface), CORVEL_ADDRESS_HARDWARE, &address) != 0)
         std::memcpy(mac.data(), address.sa_data, mac.size());
     return mac;
 }
@@ -145,7 +137,7 @@ void print_ipv6_address(const unsigned char *address, int prefix_length, std::sp
 void print_address(std::string_view interface, unsigned selector, std::span<char> text) {
     unsigned char address[address_size] = {};
     const int found = find_address(interface, selector, address);
-    if (selector == ipv6_address) {
+    if (selector == CORVEL_ADDRESS_IPV6) {
         if (found > 0)
             print_ipv6_address(address, found, text);
         else
@@ -169,12 +161,12 @@ int getInAddr(const char *ifname, unsigned int selector, void *result) {
 }
 
 char *getHWaddr(const char *ifname, char *out) {
-    print_colon_form(mac_of(ifname), ColonForm(out, 18));
+    print_colon_form(mac_of(ifname), ColonForm(out, CORVEL_MAC_SIZE));
     return out;
 }
 
 char *getHWaddr0(const char *ifname, char *out) {
-    print_stripped_form(mac_of(ifname), StrippedForm(out, 13));
+    print_stripped_form(mac_of(ifname), StrippedForm(out, CORVEL_MAC_STRIPPED_SIZE));
     return out;
 }
 

@@ -32,12 +32,12 @@ constexpr const char *binary_lease_file = "/var/config/udhcpd.leases";
 constexpr const char *text_server_name = "dnsmasq";
 constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
 
-constexpr std::size_t record_size = 24;
+constexpr std::size_t record_size = CORVEL_LEASE_RECORD_SIZE;
 constexpr std::size_t records_at_once = 170; // the most that fit in 4 KiB
 using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
-constexpr std::size_t hostname_limit = 127;
+constexpr std::size_t hostname_limit = CORVEL_LEASE_HOST_SIZE - 1;
 
 /// Opens a lease file. On failure, prints the reason on standard error.
 Descriptor open_lease_file(const char *path) {
@@ -48,7 +48,8 @@ Descriptor open_lease_file(const char *path) {
 }
 
 void fill_from_record(lease_entry &entry, Record record) {
-    print_colon_form(record.first<6>(), std::span(entry.mac).first<18>());
+    print_colon_form(record.first<CORVEL_MAC_BYTES>(),
+                     std::span(entry.mac).first<CORVEL_MAC_SIZE>());
     print_dotted_quad(record.data() + 16, std::span(entry.ip).first<INET_ADDRSTRLEN>());
     std::snprintf(entry.expires, sizeof entry.expires, "%u",
                   big_endian_word(record.subspan<20, 4>()));
@@ -56,7 +57,7 @@ void fill_from_record(lease_entry &entry, Record record) {
 
 /// A slot without a lease has a hardware address of zeros.
 bool is_empty_slot(Record record) {
-    const MacAddress mac = record.first<6>();
+    const MacAddress mac = record.first<CORVEL_MAC_BYTES>();
     return std::all_of(mac.begin(), mac.end(), [](unsigned char byte) { return byte == 0; });
 }
 

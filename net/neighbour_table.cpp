@@ -64,7 +64,7 @@ class StrippedMac {
     }
 
   private:
-    char digits_[13];
+    char digits_[CORVEL_MAC_STRIPPED_SIZE];
 };
 
 /// The position of the first record with a hardware address, from 1; 0 if there is none.
