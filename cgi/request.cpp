@@ -13,13 +13,6 @@
 namespace corvel {
 namespace {
 
-/// The buffer sizes of a name and a value: each is truncated to one less before it is decoded.
-constexpr std::size_t name_size = 128;
-constexpr std::size_t value_size = 256;
-
-/// The number of pairs among which isajax_get() looks for its field.
-constexpr int ajax_pairs = 2048;
-
 /// The value of a character in the arithmetic of two digits. It is signed, as plain char is on the
 /// board.
 constexpr int digit_value(char digit) {
@@ -132,8 +125,8 @@ class PairDecoder {
   private:
     prop_entry *table_;
     int count_ = 0;
-    WipedBlock name_{name_size};
-    WipedBlock value_{value_size};
+    WipedBlock name_{CORVEL_REQUEST_NAME_SIZE};
+    WipedBlock value_{CORVEL_REQUEST_VALUE_SIZE};
 };
 
 /// The body of a request other than GET: CONTENT_LENGTH bytes and a NUL. Null if there is none.
@@ -244,11 +237,11 @@ int isajax_get(void) {
     if (!is_method("GET") || query.find("Ajax") == std::string_view::npos)
         return 0;
     PairReader reader(query);
-    std::array<char, name_size> name_buffer;
-    std::array<char, value_size> value_buffer;
+    std::array<char, CORVEL_REQUEST_NAME_SIZE> name_buffer;
+    std::array<char, CORVEL_REQUEST_VALUE_SIZE> value_buffer;
     std::string_view name;
     std::string_view value;
-    for (int pair = 0; pair < ajax_pairs && reader.next(name, value); ++pair)
+    for (int pair = 0; pair < CORVEL_AJAX_PAIRS && reader.next(name, value); ++pair)
         if (decode_word(name, name_buffer) == "Ajax")
             return decimal_value(stripped(decode_word(value, value_buffer), '"'));
     return 0;
@@ -268,7 +261,7 @@ int myprintevn(void) {
 }
 
 char *get_val_awk(const char *command) {
-    static std::array<char, 4096> first_line;
+    static std::array<char, CORVEL_GET_VAL_AWK_SIZE> first_line;
     const Pipe pipe(popen(text_or_empty(command), "r"));
     if (!pipe)
         return first_line.data();

@@ -15,17 +15,12 @@
 namespace corvel {
 namespace {
 
-constexpr int largest_upload = 16 * 1024 * 1024;
-constexpr int largest_without_pause = 6144;
-
 constexpr std::string_view boundary_key = "boundary=";
 constexpr std::string_view boundary_start = "--";
 
-constexpr std::size_t most_files = 4;
-
 /// How far after the next boundary the end of a header's line is searched for. A caller's loop over
 /// an upload without line endings would otherwise read the rest of the upload for each part.
-constexpr std::size_t longest_overrun = 16384;
+constexpr std::size_t longest_overrun = CORVEL_UPLOAD_LINE_REACH;
 
 /// The largest rest of an upload that is not searched for another part.
 constexpr std::size_t largest_tail = 21;
@@ -51,10 +46,10 @@ const char *line_end_of(std::string_view block) {
     return line.data() + front(line, line.find('\r')).size();
 }
 
-/// Stores the value of a header in a record's field: at most 256 characters, not counting double
-/// quotes, which are removed. Not inlined, to keep the code small.
+/// Stores the value of a header in a record's field: at most CORVEL_UPLOAD_HEADER_MAX characters,
+/// not counting double quotes, which are removed. Not inlined, to keep the code small.
 [[gnu::noinline]] void store_value(std::span<char> field, std::string_view value) {
-    const std::size_t limit = std::min<std::size_t>(256, field.size() - 1);
+    const std::size_t limit = std::min<std::size_t>(CORVEL_UPLOAD_HEADER_MAX, field.size() - 1);
     std::size_t length = 0;
     for (const char character : value) {
         if (length == limit)
@@ -65,14 +60,6 @@ const char *line_end_of(std::string_view block) {
     field[length] = '\0';
 }
 
-enum PartResult : int {
-    file_found = 0,
-    no_boundary = -1,
-    no_closing_boundary = -2,
-    no_file_name = -3,
-    no_content_type = -4,
-};
-
 /// Reads the parts of an upload in turn.
 class PartReader {
   public:
@@ -82,49 +69,49 @@ class PartReader {
 
     /// Finds the next part, which extends from its boundary to the next one. Stores the headers of
     /// a file in the record. Not inlined, to keep the code small.
-    [[gnu::noinline]] PartResult next(prop_file &record, std::string_view &content) {
+    [[gnu::noinline]] corvel_part_result next(prop_file &record, std::string_view &content) {
         cursor_ = find_bytes(rest_, boundary_);
         rest_ = between(end_, end_);
         if (cursor_ == nullptr)
-            return no_boundary;
+            return CORVEL_PART_NO_START;
         next_boundary_ = find_bytes(after(between(cursor_, end_), boundary_.size()), boundary_);
         if (next_boundary_ == nullptr)
-            return no_closing_boundary;
+            return CORVEL_PART_NO_END;
         rest_ = between(next_boundary_, end_);
-        const PartResult result = take_headers(record);
-        if (result != file_found)
+        const corvel_part_result result = take_headers(record);
+        if (result != CORVEL_PART_FILE)
             return result;
         content = content_after_headers();
         // The next search starts at the line ending before the boundary.
         rest_ = between(next_boundary_ - 2, end_);
-        return file_found;
+        return CORVEL_PART_FILE;
     }
 
     /// What is left of the upload after the last part.
     [[nodiscard]] std::string_view rest() const { return rest_; }
 
   private:
-    PartResult take_headers(prop_file &record) {
+    corvel_part_result take_headers(prop_file &record) {
         std::string_view value;
         if (!take_header("filename", '=', value))
-            return no_file_name;
+            return CORVEL_PART_NO_FILENAME;
         store_value(record.filename, value);
         if (!take_header("Content-Type", ':', value)) {
             dump_rest();
-            return no_content_type;
+            return CORVEL_PART_NO_TYPE;
         }
         store_value(record.content_type, value);
         // Nothing marks the end of the headers: a key that is missing is searched for in the whole
         // content. This is done once for both keys.
         if (find("Content-T") == nullptr)
-            return file_found;
+            return CORVEL_PART_FILE;
         const bool has_second_type = take_header("Content-Type", ':', value);
         if (has_second_type)
             store_value(record.content_type, value);
         // Without an encoding, a second type is stored as the encoding as well.
         if (take_header("Content-Transfer-Encoding", ':', value) || has_second_type)
             store_value(record.transfer_encoding, value);
-        return file_found;
+        return CORVEL_PART_FILE;
     }
 
     /// Finds the next occurrence of a key and moves the cursor to the end of its line. False, with
@@ -202,9 +189,9 @@ int read_files(std::string_view upload, std::string_view boundary, prop_file *fi
     std::size_t count = 0;
     std::string_view content;
     PartReader parts(upload, boundary);
-    while (parts.rest().size() > largest_tail && count < most_files)
-        if (parts.next(files[count], content) == file_found && files[count].filename[0] != '\0' &&
-            store_content(files[count], content))
+    while (parts.rest().size() > largest_tail && count < CORVEL_UPLOAD_FILES)
+        if (parts.next(files[count], content) == CORVEL_PART_FILE &&
+            files[count].filename[0] != '\0' && store_content(files[count], content))
             ++count;
     return static_cast<int>(count);
 }
@@ -300,9 +287,9 @@ char *read_queue_for_upload1(int *total, char **boundary, int *boundary_length) 
         return nullptr;
     *boundary_length = static_cast<int>(length);
     const int announced = announced_length();
-    if (announced < 0 || announced > largest_upload)
+    if (announced < 0 || announced > CORVEL_UPLOAD_MAX)
         return nullptr;
-    if (announced > largest_without_pause)
+    if (announced > CORVEL_UPLOAD_MAX_UNPAUSED)
         pause_before_upload();
     *total = announced + *boundary_length;
     return read_upload({*boundary, length}, static_cast<std::size_t>(announced)).release();
@@ -332,9 +319,9 @@ int getDisposition_file(char **data, unsigned int *size, char **cursor, char *en
                         const char *boundary, prop_file *record) {
     PartReader parts(between(*cursor < end ? *cursor : end, end), text_of(boundary));
     std::string_view content;
-    const PartResult result = parts.next(*record, content);
+    const corvel_part_result result = parts.next(*record, content);
     *cursor = const_cast<char *>(parts.rest().data());
-    if (result == file_found) {
+    if (result == CORVEL_PART_FILE) {
         *data = const_cast<char *>(content.data());
         *size = static_cast<unsigned int>(content.size());
     }
