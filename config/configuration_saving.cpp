@@ -220,8 +220,8 @@ using namespace corvel;
 extern "C" {
 
 int save_prop(signed char sep, const char *path, const prop_entry *table, int count) {
-    std::array<char, 1024> copy_path;
-    std::array<char, 1024> lock_path;
+    std::array<char, CORVEL_PATH_SIZE> copy_path;
+    std::array<char, CORVEL_PATH_SIZE> lock_path;
     if (!build_companion_path(copy_path, text_of(path), copy_suffix) ||
         !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;
@@ -235,8 +235,8 @@ int save_prop(signed char sep, const char *path, const prop_entry *table, int co
 
 int save_global_conf(signed char sep, const char *path, const char *prefix, const char *name,
                      const char *value) {
-    std::array<char, 255> copy_path;
-    std::array<char, 1024> lock_path;
+    std::array<char, CORVEL_GLOBAL_CONF_COPY_SIZE> copy_path;
+    std::array<char, CORVEL_PATH_SIZE> lock_path;
     if (!build_companion_path(copy_path, text_of(path), copy_suffix) ||
         !build_companion_path(lock_path, text_of(path), lock_suffix))
         return 1;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "config/lock_file.h"
 
+#include <corvel.h>
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -40,7 +42,7 @@ bool owns_file(uid_t user, const FileNames &names) {
 
 bool owns_directory(uid_t user, std::string_view path) {
     const std::size_t slash = path.rfind('/');
-    std::array<char, 1024> directory;
+    std::array<char, CORVEL_PATH_SIZE> directory;
     store(directory, slash != std::string_view::npos ? front(path, slash + 1) : ".");
     struct stat status;
     return stat(directory.data(), &status) == 0 && status.st_uid == user;

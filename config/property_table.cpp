@@ -13,10 +13,7 @@ namespace {
 
 /// The number of characters of a value that its block can hold. The block is one byte larger, and
 /// that byte is always zero, so that a value of the full size is still NUL-terminated.
-constexpr std::size_t value_size = 257;
-
-/// The size of the buffer that callers of get_prop() provide for the value.
-constexpr std::size_t lookup_size = 256;
+constexpr std::size_t value_size = CORVEL_PROP_VALUE_SIZE;
 
 constexpr std::string_view line_prefix = "setenv ";
 
@@ -122,8 +119,8 @@ char *get_prop(const char *name, char *dst, const prop_entry *table, int count) 
     const std::size_t index = find_row(rows, text_or_empty(name));
     if (index == rows.size())
         return nullptr;
-    const std::string_view value = text_of(rows[index].value, lookup_size - 1);
-    store({dst, lookup_size}, stripped(value, '"'));
+    const std::string_view value = text_of(rows[index].value, CORVEL_GET_PROP_SIZE - 1);
+    store({dst, CORVEL_GET_PROP_SIZE}, stripped(value, '"'));
     return dst;
 }
 

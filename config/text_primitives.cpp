@@ -37,12 +37,10 @@ char *unescape(const char *source, char *destination) {
     return destination;
 }
 
-/// The size of the buffer that callers of translate_control_code() provide.
-constexpr std::size_t attribute_size = 200;
-
 /// Translates as much of a string as fits together with its terminator. An entity is never
 /// truncated. Returns the number of characters written.
-std::size_t translate_quotes(std::string_view text, std::span<char, attribute_size> translated) {
+std::size_t translate_quotes(std::string_view text,
+                             std::span<char, CORVEL_ATTRIBUTE_SIZE> translated) {
     std::size_t used = 0;
     for (const char &character : text) {
         const std::string_view replacement =
@@ -84,7 +82,7 @@ char *translate_control_code(char *str) {
     const std::string_view text = text_of(str);
     if (text.find('"') == std::string_view::npos)
         return str;
-    std::array<char, attribute_size> translated;
+    std::array<char, CORVEL_ATTRIBUTE_SIZE> translated;
     const std::size_t length = translate_quotes(text, translated);
     std::memcpy(str, translated.data(), length);
     str[length] = '\0';
