@@ -33,11 +33,10 @@ class Builder {
 
     void check_sections() const {
         const std::vector<ManifestSection> &sections = manifest_.sections;
-        if (sections.size() > most_sections)
-            refuse(
-                sections[most_sections],
-                format("section %zu: a device accepts at most %zu sections, including the version",
-                       most_sections + 1, most_sections));
+        if (sections.size() > CORVEL_IMAGE_MAX_SECTIONS)
+            refuse(sections[CORVEL_IMAGE_MAX_SECTIONS],
+                   format("section %d: a device accepts at most %d sections, including the version",
+                          CORVEL_IMAGE_MAX_SECTIONS + 1, CORVEL_IMAGE_MAX_SECTIONS));
         for (const ManifestSection &section : sections)
             check_section(section);
         if (!is_version(*sections.back().partition))

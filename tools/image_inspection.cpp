@@ -19,17 +19,15 @@ using Image = std::span<const unsigned char>;
 /// Limits the list: an image of zeros is a chain of hundreds of thousands of unknown sections.
 constexpr std::size_t most_unknown_listed = 4;
 
-/// The sets, by the value of `bootparam`.
-enum Set : std::size_t { set_a, set_b };
-
 struct SetDevices {
     std::uint32_t root;
     std::uint32_t kernel;
 };
 
-constexpr SetDevices devices_of(Set set) {
-    return set == set_a ? SetDevices{sign_tbl[root_a_row].mtd_id, sign_tbl[kernel_a_row].mtd_id}
-                        : SetDevices{sign_tbl[root_b_row].mtd_id, sign_tbl[kernel_b_row].mtd_id};
+constexpr SetDevices devices_of(corvel_boot_set set) {
+    return set == CORVEL_SET_A
+               ? SetDevices{sign_tbl[root_a_row].mtd_id, sign_tbl[kernel_a_row].mtd_id}
+               : SetDevices{sign_tbl[root_b_row].mtd_id, sign_tbl[kernel_b_row].mtd_id};
 }
 
 constexpr std::uint32_t boot_loader_device = sign_tbl[boot_loader_row].mtd_id;
@@ -48,9 +46,9 @@ struct Verdict {
 };
 
 /// Parses an image with the library as on a device that runs this set. Nothing is logged.
-Verdict ask_library(Image image, Set running) {
+Verdict ask_library(Image image, corvel_boot_set running) {
     const int log_mask = setlogmask(LOG_MASK(LOG_EMERG));
-    std::vector<img_info> records(most_sections + 1);
+    std::vector<img_info> records(CORVEL_IMAGE_RECORDS);
     int count = 0;
     const int result = parse_image(image, bootparam_mtd_shift[running], records.data(), count);
     setlogmask(log_mask);
@@ -64,11 +62,11 @@ class Walk {
     explicit Walk(Image image) : image_(image) {}
 
     Inspection inspect() {
-        while (result_ == accepted && offset_ + header_size < image_.size())
+        while (result_ == CORVEL_IMAGE_ACCEPTED && offset_ + header_size < image_.size())
             take_section();
-        if (result_ == accepted)
+        if (result_ == CORVEL_IMAGE_ACCEPTED)
             check_end();
-        compare(ask_library(image_, set_a), ask_library(image_, set_b));
+        compare(ask_library(image_, CORVEL_SET_A), ask_library(image_, CORVEL_SET_B));
         count_bytes_after_image();
         if (found_.fault.empty())
             warn();
@@ -76,7 +74,7 @@ class Walk {
     }
 
   private:
-    void refuse(ParseResult result, std::string fault) {
+    void refuse(corvel_image_result result, std::string fault) {
         result_ = result;
         found_.fault = std::move(fault);
     }
@@ -85,7 +83,7 @@ class Walk {
         ImageSection section = read_section();
         const std::size_t held = image_.size() - offset_ - header_size;
         if (held + length_margin < section.length)
-            refuse(section_past_end,
+            refuse(CORVEL_IMAGE_SECTION_PAST_END,
                    name_of(section) +
                        format(": len: at most %zu is expected, since %s follow%s the header; "
                               "found %u",
@@ -102,7 +100,7 @@ class Walk {
         ImageSection section{};
         section.number = ++count_;
         section.offset = offset_;
-        section.signature.assign(header.signature, header.signature + signature_size);
+        section.signature.assign(header.signature, header.signature + CORVEL_SIGNATURE_SIZE);
         section.burn_address = header.burnaddr;
         section.mtd_id = header.mtd_id;
         section.padding = header.pad;
@@ -123,11 +121,11 @@ class Walk {
         const Image payload = payload_of(section);
         if (section.mtd_id != no_partition)
             check_payload(section, payload);
-        if (result_ == accepted && ++recognised_ > most_sections)
-            refuse(too_many_sections,
-                   name_of(section) + format(": number of known sections: at most %zu are "
+        if (result_ == CORVEL_IMAGE_ACCEPTED && ++recognised_ > CORVEL_IMAGE_MAX_SECTIONS)
+            refuse(CORVEL_IMAGE_TOO_MANY_SECTIONS,
+                   name_of(section) + format(": number of known sections: at most %d are "
                                              "expected, including the version; found %zu",
-                                             most_sections, recognised_));
+                                             CORVEL_IMAGE_MAX_SECTIONS, recognised_));
         last_ = section;
         if (!is_version(*section.partition))
             return;
@@ -161,18 +159,18 @@ class Walk {
         const std::uint32_t size = size_of_content(section);
         const std::uint32_t most = section.partition->max_size;
         if (sum != 0)
-            refuse(bad_checksum,
+            refuse(CORVEL_IMAGE_BAD_CHECKSUM,
                    name_of(section) + format(": payload checksum: the sum of the %s from offset "
                                              "0x%zx is expected to be 0 (modulo 256); found "
                                              "0x%02x",
                                              bytes_text(payload.size()).c_str(),
                                              section.offset + header_size, sum));
         else if (size > most && padding_is_too_long(section))
-            refuse(section_too_large,
+            refuse(CORVEL_IMAGE_SECTION_TOO_LARGE,
                    name_of(section) + format(": pad: less than len, %u, is expected; found %u",
                                              section.length, section.padding));
         else if (size > most)
-            refuse(section_too_large,
+            refuse(CORVEL_IMAGE_SECTION_TOO_LARGE,
                    name_of(section) + format(": size: at most %u (0x%x) bytes are expected, the "
                                              "size of partition %s; found %u (0x%x)",
                                              most, most, section.partition->name, size, size));
@@ -196,13 +194,13 @@ class Walk {
 
     void check_end() {
         if (!last_)
-            refuse(bad_crc, count_ == 0
-                                ? format("sections: at least one is expected, of more than %zu "
-                                         "bytes; found an image of %s",
-                                         header_size, bytes_text(image_.size()).c_str())
-                                : format("sections: at least one with a known signature is "
-                                         "expected; found none among %zu",
-                                         count_));
+            refuse(CORVEL_IMAGE_BAD_CRC,
+                   count_ == 0 ? format("sections: at least one is expected, of more than %zu "
+                                        "bytes; found an image of %s",
+                                        header_size, bytes_text(image_.size()).c_str())
+                               : format("sections: at least one with a known signature is "
+                                        "expected; found none among %zu",
+                                        count_));
         else if (is_version(*last_->partition))
             check_crc();
     }
@@ -213,10 +211,11 @@ class Walk {
     void check_crc() {
         const std::size_t end = last_->offset + header_size + last_->length;
         if (end > image_.size()) {
-            refuse(bad_crc, name_of(*last_) +
-                                format(": len: %zu is expected, so that the CRC ends at the end "
-                                       "of the image; found %u",
-                                       image_.size() - last_->offset - header_size, last_->length));
+            refuse(CORVEL_IMAGE_BAD_CRC,
+                   name_of(*last_) +
+                       format(": len: %zu is expected, so that the CRC ends at the end "
+                              "of the image; found %u",
+                              image_.size() - last_->offset - header_size, last_->length));
             return;
         }
         const std::size_t place = end - crc_size;
@@ -225,10 +224,11 @@ class Walk {
             crc32(image_.data(), static_cast<int>(image_.size() - crc_size));
         found_.crc = stored;
         if (stored != computed)
-            refuse(bad_crc, name_of(*last_) +
-                                format(": CRC at offset 0x%zx: 0x%08x is expected, the CRC-32 of "
-                                       "the first %zu bytes; found 0x%08x",
-                                       place, computed, image_.size() - crc_size, stored));
+            refuse(CORVEL_IMAGE_BAD_CRC,
+                   name_of(*last_) +
+                       format(": CRC at offset 0x%zx: 0x%08x is expected, the CRC-32 of "
+                              "the first %zu bytes; found 0x%08x",
+                              place, computed, image_.size() - crc_size, stored));
     }
 
     /// Compares with the library's result, which is authoritative.
@@ -239,7 +239,7 @@ class Walk {
                        result_, found_.fault.empty() ? "" : ": ", found_.fault.c_str());
             return;
         }
-        if (result_ != accepted)
+        if (result_ != CORVEL_IMAGE_ACCEPTED)
             return;
         std::size_t index = 0;
         for (ImageSection &section : found_.sections) {
@@ -328,14 +328,14 @@ class Walk {
                 continue;
             warn_while("same-partition", section,
                        format("writes the same partition as section %zu", other.number),
-                       {device(section, set_a) == device(other, set_a),
-                        device(section, set_b) == device(other, set_b)});
+                       {device(section, CORVEL_SET_A) == device(other, CORVEL_SET_A),
+                        device(section, CORVEL_SET_B) == device(other, CORVEL_SET_B)});
         }
     }
 
-    static std::uint32_t device(const ImageSection &section, Set running) {
-        return running == set_a ? section.target->device_while_a_runs
-                                : section.target->device_while_b_runs;
+    static std::uint32_t device(const ImageSection &section, corvel_boot_set running) {
+        return running == CORVEL_SET_A ? section.target->device_while_a_runs
+                                       : section.target->device_while_b_runs;
     }
 
     /// Completes a message that is true while set A runs, while set B runs, or in both cases.
@@ -350,7 +350,8 @@ class Walk {
         for (const ImageSection &section : found_.sections)
             if (section.target)
                 warn_about_boot(section);
-        const RunningSets running{writes_nothing_of(set_b, set_a), writes_nothing_of(set_a, set_b)};
+        const RunningSets running{writes_nothing_of(CORVEL_SET_B, CORVEL_SET_A),
+                                  writes_nothing_of(CORVEL_SET_A, CORVEL_SET_B)};
         if (!running.a && !running.b)
             return;
         const std::string message =
@@ -364,7 +365,7 @@ class Walk {
     }
 
     void warn_about_boot(const ImageSection &section) {
-        const std::uint32_t target = device(section, set_a);
+        const std::uint32_t target = device(section, CORVEL_SET_A);
         if (target == boot_loader_device)
             warn_about_section("boot-loader", section,
                                "writes the boot loader, of which a device has only one");
@@ -373,13 +374,14 @@ class Walk {
                                "writes the boot environment, which selects the set that boots; "
                                "save_bootparam() then overwrites it");
         warn_while("running-set", section, "writes the running set",
-                   {is_in(set_a, section, set_a), is_in(set_b, section, set_b)});
+                   {is_in(CORVEL_SET_A, section, CORVEL_SET_A),
+                    is_in(CORVEL_SET_B, section, CORVEL_SET_B)});
         warn_while("root-without-kernel", section, "no kernel for the same set",
-                   {is_alone(section, &SetDevices::root, &SetDevices::kernel, set_a),
-                    is_alone(section, &SetDevices::root, &SetDevices::kernel, set_b)});
+                   {is_alone(section, &SetDevices::root, &SetDevices::kernel, CORVEL_SET_A),
+                    is_alone(section, &SetDevices::root, &SetDevices::kernel, CORVEL_SET_B)});
         warn_while("kernel-without-root", section, "no root file system for the same set",
-                   {is_alone(section, &SetDevices::kernel, &SetDevices::root, set_a),
-                    is_alone(section, &SetDevices::kernel, &SetDevices::root, set_b)});
+                   {is_alone(section, &SetDevices::kernel, &SetDevices::root, CORVEL_SET_A),
+                    is_alone(section, &SetDevices::kernel, &SetDevices::root, CORVEL_SET_B)});
     }
 
     void warn_while(std::string_view kind, const ImageSection &section, const std::string &message,
@@ -388,7 +390,7 @@ class Walk {
             warn_about_section(kind, section, message + condition(running));
     }
 
-    static bool is_in(Set set, const ImageSection &section, Set running) {
+    static bool is_in(corvel_boot_set set, const ImageSection &section, corvel_boot_set running) {
         const SetDevices devices = devices_of(set);
         const std::uint32_t target = device(section, running);
         return target == devices.root || target == devices.kernel;
@@ -396,21 +398,22 @@ class Walk {
 
     /// Whether this section writes one part of a set and no section writes the other part.
     [[nodiscard]] bool is_alone(const ImageSection &section, std::uint32_t SetDevices::*part,
-                                std::uint32_t SetDevices::*other_part, Set running) const {
-        for (const Set set : {set_a, set_b})
+                                std::uint32_t SetDevices::*other_part,
+                                corvel_boot_set running) const {
+        for (const corvel_boot_set set : {CORVEL_SET_A, CORVEL_SET_B})
             if (devices_of(set).*part == device(section, running))
                 return !writes(devices_of(set).*other_part, running);
         return false;
     }
 
-    [[nodiscard]] bool writes(std::uint32_t wanted, Set running) const {
+    [[nodiscard]] bool writes(std::uint32_t wanted, corvel_boot_set running) const {
         return std::ranges::any_of(found_.sections, [=](const ImageSection &section) {
             return section.target && section.target->size != 0 &&
                    device(section, running) == wanted;
         });
     }
 
-    [[nodiscard]] bool writes_nothing_of(Set set, Set running) const {
+    [[nodiscard]] bool writes_nothing_of(corvel_boot_set set, corvel_boot_set running) const {
         return !writes(devices_of(set).root, running) && !writes(devices_of(set).kernel, running);
     }
 
@@ -449,7 +452,7 @@ class Walk {
 
     Image image_;
     Inspection found_;
-    ParseResult result_ = accepted;
+    corvel_image_result result_ = CORVEL_IMAGE_ACCEPTED;
     std::size_t offset_ = 0;
     std::size_t count_ = 0;
     std::size_t unknown_ = 0;

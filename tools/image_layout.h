@@ -3,6 +3,8 @@
 #ifndef CORVEL_TOOLS_IMAGE_LAYOUT_H
 #define CORVEL_TOOLS_IMAGE_LAYOUT_H
 
+#include <corvel.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <numeric>
@@ -13,7 +15,7 @@
 namespace corvel::tools {
 
 /// The maximum size of an upload to a device.
-inline constexpr std::size_t image_size_limit = std::size_t{16} << 20;
+inline constexpr std::size_t image_size_limit = CORVEL_UPLOAD_MAX;
 
 /// Bytes of an upload reserved for the boundaries and headers around the file; more than browsers
 /// use.

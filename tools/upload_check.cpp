@@ -12,8 +12,6 @@
 namespace corvel::tools {
 namespace {
 
-constexpr std::size_t most_files = 4;
-
 constexpr std::string_view type_header = "Content-Type:";
 constexpr std::string_view encoding_header = "Content-Transfer-Encoding:";
 
@@ -41,7 +39,7 @@ class Upload {
 
     /// Returns the number of bytes of the file that the library stores.
     std::size_t store() {
-        std::vector<prop_file> files(most_files);
+        std::vector<prop_file> files(CORVEL_UPLOAD_FILES);
         const int count = process_file(text_.data(), static_cast<int>(text_.size()),
                                        boundary_.c_str(), files.data());
         const std::size_t stored = count == 1 ? files[0].size : 0;
