@@ -58,7 +58,7 @@ Descriptor create(const FileNames &names) {
     return file;
 }
 
-/// Opens the lock file, which other writers may create and remove meanwhile.
+/// Opens the lock file, which other writers may create and remove at the same time.
 Descriptor open_or_create(const FileNames &names) {
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         // Without O_CREAT first: with it, the kernel may refuse to open somebody else's file in a
@@ -77,7 +77,7 @@ Descriptor open_or_create(const FileNames &names) {
 }
 
 /// Waits for the lock. False if there is none to be had. Where several threads of two processes
-/// save files, the kernel may see a deadlock that is none.
+/// save files, the kernel may report a deadlock where there is none.
 bool wait_for_lock(int file) {
     int deadlocks = 0;
     while (lockf(file, F_LOCK, 0) != 0) {

@@ -4,7 +4,7 @@ import os
 import subprocess
 import time
 
-CLIENT = "#!/bin/sh\nread -r line </work/go && echo \"$line\" >/work/done\n"
+CLIENT = "#!/bin/sh\nread -r line </pages/go && echo \"$line\" >/pages/done\n"
 LIBRARIES = [["--symlink", os.readlink(f"/{name}"), f"/{name}"]
              for name in ("bin", "lib", "lib32", "lib64") if os.path.islink(f"/{name}")]
 
@@ -16,9 +16,9 @@ def fault_of(directory, variables):
     os.mkfifo(directory / "go")
     library = variables["LD_LIBRARY_PATH"]
     root = ["bwrap", "--ro-bind", "/usr", "/usr", *sum(LIBRARIES, []), "--dev", "/dev",
-            "--ro-bind", client, "/sbin/configclient", "--bind", directory, "/work",
+            "--ro-bind", client, "/sbin/configclient", "--bind", directory, "/pages",
             "--ro-bind", library, "/library", "--setenv", "LD_LIBRARY_PATH", "/library"]
-    program = subprocess.Popen([*root, "/work/apply"], stdin=subprocess.DEVNULL,
+    program = subprocess.Popen([*root, "/pages/apply"], stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     try:
         output = program.communicate(timeout=30)[0]

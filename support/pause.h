@@ -7,7 +7,7 @@
 
 namespace corvel {
 
-/// Waits for up to a second, however many signals are handled meanwhile.
+/// Waits for less than a second, regardless of signals that are handled in that time.
 inline void pause_milliseconds(long milliseconds) {
     timespec left = {0, milliseconds * 1'000'000};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
