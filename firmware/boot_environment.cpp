@@ -170,14 +170,14 @@ int load_environment(const char *path) {
     switch (read_environment_image(path)) {
     case ImageRead::cannot_open:
         std::printf("Err: can not open file %s\n", text_or_empty(path));
-        return -1;
+        return CORVEL_ENV_UNREADABLE;
     case ImageRead::too_short:
         std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(0x%04x)\n", CORVEL_ENV_SIZE);
-        return -1;
+        return CORVEL_ENV_UNREADABLE;
     case ImageRead::done:
         break;
     }
-    return use_environment_image(env_image_mem) ? 0 : 1;
+    return use_environment_image(env_image_mem) ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC;
 }
 
 char *find_variable(const char *name) {
@@ -217,7 +217,9 @@ using namespace corvel;
 
 int init_env(const char *path) { return load_environment(path); }
 
-int set_env_ptr(void *image) { return use_environment_image(image) ? 0 : 1; }
+int set_env_ptr(void *image) {
+    return use_environment_image(image) ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC;
+}
 
 char *get_env(const char *name) { return find_variable(name); }
 

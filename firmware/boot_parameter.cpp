@@ -10,7 +10,7 @@
 #include "support/text.h"
 
 extern "C" {
-int bootparam = 0;
+int bootparam = CORVEL_SET_A;
 }
 
 namespace corvel {
@@ -25,7 +25,7 @@ constexpr const char *bootparam_next[] = {"1", "0"};
 } // namespace
 
 std::uint32_t load_boot_parameter() {
-    if (load_environment(environment_device) != 0)
+    if (load_environment(environment_device) != CORVEL_ENV_GOOD)
         return 0;
     const char *const value = find_variable(variable_name);
     if (value == nullptr)
@@ -48,7 +48,8 @@ uint32_t get_bootparam(void) { return load_boot_parameter(); }
 
 uint32_t save_bootparam(void) {
     // The program can write to `bootparam`: any value but 1 means set A, as the initial value does.
-    const char *const next = bootparam_next[bootparam == 1 ? 1 : 0];
+    const char *const next =
+        bootparam_next[bootparam == CORVEL_SET_B ? CORVEL_SET_B : CORVEL_SET_A];
     return static_cast<uint32_t>(save_variable(environment_device, variable_name, next));
 }
 

@@ -12,7 +12,7 @@
 namespace corvel {
 
 inline constexpr std::size_t environment_crc_size = 4;
-inline constexpr std::size_t environment_data_size = CORVEL_ENV_SIZE - environment_crc_size;
+inline constexpr std::size_t environment_data_size = CORVEL_ENV_DATA_SIZE;
 
 using EnvironmentImage = std::span<unsigned char, CORVEL_ENV_SIZE>;
 

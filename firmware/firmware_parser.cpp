@@ -58,12 +58,12 @@ Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_en
 }
 
 /// Checks a section's sum and size. Not for sections whose `mtd_id` exempts them.
-ParseResult check_section(Bytes section, std::uint64_t offset, const SectionHeader &header,
-                          const sign_tbl_entry &row, std::uint64_t size) {
+int check_section(Bytes section, std::uint64_t offset, const SectionHeader &header,
+                  const sign_tbl_entry &row, std::uint64_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
         syslog(LOG_ERR, "%s image checksum error at %X!\n", row.signature,
                static_cast<unsigned int>(offset + header_size));
-        return bad_checksum;
+        return CORVEL_IMAGE_BAD_CHECKSUM;
     }
     if (row.max_size < size) {
         syslog(LOG_INFO,
@@ -72,9 +72,9 @@ ParseResult check_section(Bytes section, std::uint64_t offset, const SectionHead
                row.signature, header.burnaddr, header.mtd_id, header.pad, header.len);
         syslog(LOG_ERR, "%s image size(%X) > %X!\n", row.signature, static_cast<unsigned int>(size),
                row.max_size);
-        return section_too_large;
+        return CORVEL_IMAGE_SECTION_TOO_LARGE;
     }
-    return accepted;
+    return CORVEL_IMAGE_ACCEPTED;
 }
 
 void fill_record(img_info &record, const SectionHeader &header, const sign_tbl_entry &row,
@@ -95,10 +95,11 @@ struct Recognised {
     bool last_is_whole = true; ///< the image contains all bytes of the last one
 };
 
+static_assert(most_sections + 1 == CORVEL_IMAGE_RECORDS);
+
 /// Goes through the sections of an image and fills a record for each one with a known signature.
-/// There are up to most_sections + 1 records: the last one ends the parsing.
-ParseResult walk_sections(Bytes image, std::uint32_t shift, img_info *records,
-                          Recognised &recognised) {
+/// There are up to CORVEL_IMAGE_RECORDS records: the last one ends the parsing.
+int walk_sections(Bytes image, std::uint32_t shift, img_info *records, Recognised &recognised) {
     std::uint64_t offset = 0; // the end of a section can exceed 32 bits
     while (offset + header_size < image.size()) {
         const Bytes section = image.subspan(static_cast<std::size_t>(offset));
@@ -108,26 +109,25 @@ ParseResult walk_sections(Bytes image, std::uint32_t shift, img_info *records,
                    static_cast<int>(header.len), static_cast<int>(image.size()),
                    static_cast<int>(offset), static_cast<int>(header_size),
                    section.size() - header_size < header.len ? 1 : 0);
-            return section_past_end;
+            return CORVEL_IMAGE_SECTION_PAST_END;
         }
         const sign_tbl_entry *const row = find_partition(header.signature);
         if (row != nullptr) {
             syslog(LOG_INFO, "find firmware (%s)\n", row->name);
             const Content content = content_of(section, header, *row);
-            const ParseResult checked =
-                header.mtd_id != no_partition
-                    ? check_section(section, offset, header, *row, content.size)
-                    : accepted;
-            if (checked != accepted)
+            const int checked = header.mtd_id != no_partition
+                                    ? check_section(section, offset, header, *row, content.size)
+                                    : CORVEL_IMAGE_ACCEPTED;
+            if (checked != CORVEL_IMAGE_ACCEPTED)
                 return checked;
             fill_record(records[recognised.count], header, *row, content.bytes, shift);
             recognised.last_is_whole = content.bytes.size() == content.size;
             if (std::cmp_greater(++recognised.count, most_sections))
-                return too_many_sections;
+                return CORVEL_IMAGE_TOO_MANY_SECTIONS;
         }
         offset += header_size + header.len;
     }
-    return accepted;
+    return CORVEL_IMAGE_ACCEPTED;
 }
 
 void log_records(std::span<const img_info> records) {
@@ -143,15 +143,15 @@ void log_records(std::span<const img_info> records) {
 
 /// Checks the CRC at the end of a version section. An image whose last record is of another section
 /// has no CRC and is accepted. A CRC that is not completely within the image is never correct.
-ParseResult check_crc(Bytes image, const img_info &last, bool last_is_whole) {
-    if (last.mtd_ids != no_partition)
-        return accepted;
+int check_crc(Bytes image, const img_info &last, bool last_is_whole) {
+    if (last.mtd_ids != CORVEL_NOT_WRITTEN)
+        return CORVEL_IMAGE_ACCEPTED;
     const std::uint32_t stored = big_endian_word(Bytes(last.data, last.len).last<crc_size>());
     const std::uint32_t computed = crc32_of(image.first(image.size() - crc_size));
     if (computed == stored && last_is_whole)
-        return accepted;
+        return CORVEL_IMAGE_ACCEPTED;
     syslog(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed, stored);
-    return bad_crc;
+    return CORVEL_IMAGE_BAD_CRC;
 }
 
 bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size_t length) {
@@ -171,14 +171,14 @@ bool write_to_flash(const char *path, const void *bytes, off_t offset, std::size
 
 int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count) {
     Recognised recognised;
-    const ParseResult walked = walk_sections(image, shift, records, recognised);
+    const int walked = walk_sections(image, shift, records, recognised);
     count = recognised.count;
-    if (walked != accepted)
+    if (walked != CORVEL_IMAGE_ACCEPTED)
         return walked;
     log_records({records, static_cast<std::size_t>(count)});
     // An image without a known section has not been checked at all.
     if (count == 0)
-        return bad_crc;
+        return CORVEL_IMAGE_BAD_CRC;
     return check_crc(image, records[count - 1], recognised.last_is_whole);
 }
 
@@ -193,7 +193,7 @@ int parse_firmware(const unsigned char *image, unsigned int total, img_info *rec
     // Only the low byte of the shift counts.
     const std::uint32_t shift = load_boot_parameter() & 0xFF;
     *result = parse_image({image, total}, shift, records, count);
-    return *result == accepted ? count : 0;
+    return *result == CORVEL_IMAGE_ACCEPTED ? count : 0;
 }
 
 int dump_img_info(int count, const img_info *records) {

@@ -42,11 +42,11 @@ uint32_t get_sign_tbl_size(void) { return sign_tbl.size(); }
 
 uint32_t get_tbl_id(const unsigned char *sig) {
     const sign_tbl_entry *const row = find_partition(sig);
-    return row != nullptr ? row->id : no_partition;
+    return row != nullptr ? row->id : CORVEL_NO_PARTITION;
 }
 
 int get_tbl_ids(unsigned int index) {
-    return static_cast<int>(index < sign_tbl.size() ? sign_tbl[index].mtd_id : no_partition);
+    return static_cast<int>(index < sign_tbl.size() ? sign_tbl[index].mtd_id : CORVEL_NOT_WRITTEN);
 }
 
 } // extern "C"

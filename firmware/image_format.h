@@ -6,6 +6,8 @@
 #ifndef CORVEL_FIRMWARE_IMAGE_FORMAT_H
 #define CORVEL_FIRMWARE_IMAGE_FORMAT_H
 
+#include <corvel.h>
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -25,7 +27,6 @@ enum HeaderField : std::size_t {
     header_size = 20
 };
 
-inline constexpr std::size_t signature_size = 4;
 inline constexpr std::size_t crc_size = 4;
 
 struct SectionHeader {
@@ -47,21 +48,11 @@ constexpr SectionHeader read_header(std::span<const unsigned char, header_size> 
 inline constexpr std::size_t length_margin = 4;
 
 /// The sections with a known signature that an image can have, the version section included.
-inline constexpr std::size_t most_sections = 4;
-
-/// The result of parse_firmware().
-enum ParseResult : int {
-    accepted = 0,
-    section_past_end = 1,
-    bad_checksum = 2,
-    section_too_large = 3,
-    too_many_sections = 4,
-    bad_crc = 5,
-};
+inline constexpr std::size_t most_sections = CORVEL_IMAGE_MAX_SECTIONS;
 
 /// A section with this `mtd_id` has no payload checksum and no size limit; a partition with it is
 /// not written anywhere.
-inline constexpr std::uint32_t no_partition = 255;
+inline constexpr std::uint32_t no_partition = CORVEL_NOT_WRITTEN;
 
 /// One partition of the flash, or the version section.
 struct sign_tbl_entry {
@@ -85,7 +76,7 @@ enum PartitionRow : std::size_t {
     kernel_b_row = 5,
 };
 
-inline constexpr std::array<sign_tbl_entry, 10> sign_tbl = {{
+inline constexpr std::array<sign_tbl_entry, CORVEL_PARTITIONS> sign_tbl = {{
     {"boot", "Boot", 0, 4, 1, 0x40000, 0x0, 0},
     {"benv", "Boot-env", 1, 4, 1, 0x10000, 0x40000, 1},
     {"root", "Rootfs", 2, 4, 1, 0x650000, 0x50000, 2},
