@@ -612,9 +612,10 @@ TEST(PrintEnv, GivesTheOffsetOfTheEmptyEntry) {
 TEST(PrintEnv, EndsWhereTheImageEnds) {
     for (const Fence fence : fences) {
         const CurrentImage erased(EnvironmentImage::of_data("").bytes(), fence);
-        EXPECT_EQ(printed(), (Answer{65532, std::string(65532, '\xFF') + "\n"}));
+        EXPECT_EQ(printed(),
+                  (Answer{CORVEL_ENV_DATA_SIZE, std::string(CORVEL_ENV_DATA_SIZE, '\xFF') + "\n"}));
         const CurrentImage one_nul(ending_with("end=v\0"s).bytes(), fence);
-        EXPECT_EQ(printed().result, 65532);
+        EXPECT_EQ(printed().result, CORVEL_ENV_DATA_SIZE);
         const CurrentImage two_nuls(ending_with("end=v\0\0"s).bytes(), fence);
         EXPECT_EQ(printed().result, 65531);
     }

@@ -189,7 +189,7 @@ TEST(SaveBootparam, TakesAnyOtherNumberForSetA) {
 }
 
 TEST(SaveBootparam, FailsWhereTheVariableDoesNotFit) {
-    on_device({"long=" + std::string(65532 - 7, 'v')}, [] {
+    on_device({"long=" + std::string(CORVEL_ENV_DATA_SIZE - 7, 'v')}, [] {
         const std::string before = read_file(environment_device);
         get_bootparam();
         EXPECT_EQ(capture_stdout([] { EXPECT_EQ(save_bootparam(), UINT32_MAX); }),

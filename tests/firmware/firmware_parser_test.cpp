@@ -126,7 +126,8 @@ testing::AssertionResult is_judged_right(std::string_view image, Fence fence = F
                                          std::uint32_t shift = 2) {
     const Parsed answer = parsed(image, fence);
     const Verdict verdict = judge(image, shift);
-    const int count = verdict.code == 0 ? static_cast<int>(verdict.records.size()) : 0;
+    const int count =
+        verdict.code == CORVEL_IMAGE_ACCEPTED ? static_cast<int>(verdict.records.size()) : 0;
     bool inside = true;
     for (const Record &record : answer.records)
         inside = inside && record.offset + record.length <= image.size();
@@ -167,7 +168,7 @@ TEST(ParseFirmware, ListsTheSectionsAndLogsEachStep) {
         const std::string image = good_image();
         const Parsed answer = parsed(image);
         EXPECT_EQ(answer.count, 4);
-        EXPECT_EQ(answer.code, 0);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
         // Offsets: 20 of header, 6 and a checksum byte; 20, 10 and 2 and one; 20, 6 and one.
         EXPECT_EQ(answer.records,
                   (std::vector<Record>{
@@ -210,7 +211,9 @@ TEST(ParseFirmware, ListsTheSectionsAndLogsEachStep) {
 
 TEST(ParseFirmware, PrintsNothingAndCreatesNothing) {
     on_set_a([] {
-        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(parsed(good_image()).code, 0); }), "");
+        EXPECT_EQ(
+            capture_stdout([] { EXPECT_EQ(parsed(good_image()).code, CORVEL_IMAGE_ACCEPTED); }),
+            "");
         EXPECT_FALSE(fs::exists("/tmp/firmware"));
         EXPECT_FALSE(fs::exists("/dev/mtdblock4"));
         EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
@@ -229,9 +232,9 @@ TEST(ParseFirmware, ChoosesTheIdleSet) {
     const std::string image = upgrade_image(
         {{.signature = "root", .data = "files"}, {.signature = "kern", .data = "kernel"}});
     on_device({"bootparam=0"}, [&image] {
-        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, 255}));
+        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, CORVEL_NOT_WRITTEN}));
         write_environment({"bootparam=1"});
-        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, 255}));
+        EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, CORVEL_NOT_WRITTEN}));
         EXPECT_TRUE(is_judged_right(image, Fence::behind, 0));
     });
 }
@@ -244,7 +247,7 @@ TEST(ParseFirmware, ChoosesSetAWhereNothingSaysWhatRuns) {
         EXPECT_EQ(capture_stdout([&] { answer = parsed(image); }),
                   "Err: can not open file /dev/mtdblock1\n");
         EXPECT_EQ(answer.records, verdict.records);
-        EXPECT_EQ(answer.code, 0);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
         EXPECT_TRUE(is_logged(answer, verdict, false));
     });
 }
@@ -306,7 +309,7 @@ TEST(ParseFirmware, SkipsUnknownSections) {
         const std::string image =
             with_crc(unknown + root + unknown + unknown + unknown + root + version_section());
         const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, 0);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
         EXPECT_EQ(answer.count, 3);
         EXPECT_TRUE(is_judged_right(image));
     });
@@ -320,7 +323,7 @@ TEST(ParseFirmware, ReadsTheCrcAtTheEndOfTheVersionSection) {
         for (const std::string &tail : {std::string(4, 'x'), std::string(20, '\0'),
                                         raw_section("????", 0, 0, 0, 5, "other")}) {
             const std::string image = with_crc(root + version_section() + tail);
-            EXPECT_EQ(parsed(image).code, 5);
+            EXPECT_EQ(parsed(image).code, CORVEL_IMAGE_BAD_CRC);
             EXPECT_TRUE(is_judged_right(image));
         }
     });
@@ -332,7 +335,7 @@ TEST(ParseFirmware, RefusesABadCrc) {
         image.back() = static_cast<char>(image.back() ^ 1);
         const Parsed answer = parsed(image);
         EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.code, 5);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
         EXPECT_EQ(answer.records.size(), 4U);
         const std::uint32_t computed = reference_crc(good_image().substr(0, image.size() - 4));
         EXPECT_EQ(last_line(answer).priority, LOG_ERR);
@@ -348,7 +351,7 @@ TEST(ParseFirmware, RefusesABadPayloadBeforeItLooksAtTheCrc) {
         std::string image = good_image();
         image[50] = static_cast<char>(image[50] + 1);
         Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, 2);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CHECKSUM);
         EXPECT_EQ(answer.count, 0);
         EXPECT_EQ(answer.records.size(), 1U);
         EXPECT_EQ(last_line(answer),
@@ -356,7 +359,7 @@ TEST(ParseFirmware, RefusesABadPayloadBeforeItLooksAtTheCrc) {
         // With the checksum byte put right, only the CRC tells.
         image[59] = static_cast<char>(image[59] - 1);
         answer = parsed(image);
-        EXPECT_EQ(answer.code, 5);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
         EXPECT_EQ(answer.count, 0);
     });
 }
@@ -364,10 +367,12 @@ TEST(ParseFirmware, RefusesABadPayloadBeforeItLooksAtTheCrc) {
 TEST(ParseFirmware, SumsUpNothingWhereTheHeaderSaysSo) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
-            const std::string image = raw_section(partition.signature, 0, 255, 0, 5,
+            const std::string image = raw_section(partition.signature, 0, CORVEL_NOT_WRITTEN, 0, 5,
                                                   "\x01\x02"
                                                   "abc");
-            EXPECT_EQ(parsed(image).code, partition.device == 255 ? 5 : 0);
+            EXPECT_EQ(parsed(image).code, partition.device == CORVEL_NOT_WRITTEN
+                                              ? CORVEL_IMAGE_BAD_CRC
+                                              : CORVEL_IMAGE_ACCEPTED);
             EXPECT_TRUE(is_judged_right(image));
         }
     });
@@ -377,7 +382,8 @@ TEST(ParseFirmware, HasNoSizeLimitWhereTheHeaderSaysSo) {
     on_set_a([] {
         const std::string payload(0x20000, 'x');
         for (const char *signature : {"benv", "conf", "artp"}) {
-            const std::string image = raw_section(signature, 0, 255, 0, 0x20000, payload);
+            const std::string image =
+                raw_section(signature, 0, CORVEL_NOT_WRITTEN, 0, 0x20000, payload);
             EXPECT_EQ(parsed(image).count, 1);
             EXPECT_TRUE(is_judged_right(image));
         }
@@ -396,8 +402,10 @@ TEST(ParseFirmware, AcceptsWhatFillsAPartitionAndNoByteMore) {
                             .padding = partition.strips_header ? "padding" : ""}
                         .bytes();
                 // The version section is then the last one, and its CRC is not right.
-                const int fine = partition.device == 255 ? 5 : 0;
-                EXPECT_EQ(parsed(image).code, more == 0 ? fine : 3) << partition.name;
+                const int fine = partition.device == CORVEL_NOT_WRITTEN ? CORVEL_IMAGE_BAD_CRC
+                                                                        : CORVEL_IMAGE_ACCEPTED;
+                EXPECT_EQ(parsed(image).code, more == 0 ? fine : CORVEL_IMAGE_SECTION_TOO_LARGE)
+                    << partition.name;
                 EXPECT_TRUE(is_judged_right(image));
             }
         }
@@ -411,7 +419,7 @@ TEST(ParseFirmware, LogsASectionThatIsTooLarge) {
                 .signature = "conf", .data = std::string(0xFFEC, 'c'), .burnaddr = 10, .mtd_id = 7}
                 .bytes();
         const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, 3);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_SECTION_TOO_LARGE);
         EXPECT_EQ(answer.log,
                   (std::vector<RecordSyslog::Message>{
                       {LOG_INFO, "bootparam=0\n"},
@@ -423,7 +431,7 @@ TEST(ParseFirmware, LogsASectionThatIsTooLarge) {
         EXPECT_TRUE(answer.records.empty());
         const std::string fitting =
             Section{.signature = "conf", .data = std::string(0xFFEB, 'c')}.bytes();
-        EXPECT_EQ(parsed(fitting).code, 0);
+        EXPECT_EQ(parsed(fitting).code, CORVEL_IMAGE_ACCEPTED);
     });
 }
 
@@ -432,11 +440,13 @@ TEST(ParseFirmware, RefusesPaddingThatIsLargerThanThePayload) {
         for (const std::uint32_t pad : {5U, 6U, 100U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
             const std::string image = raw_section("root", 0, 0, pad, 5, std::string(5, '\0'));
             // The size turns over; 4 - 0xFFFFFFFF is 5, which is one byte of checksum too many.
-            EXPECT_EQ(parsed(image).code, pad == 0xFFFFFFFF ? 0 : 3) << pad;
+            EXPECT_EQ(parsed(image).code,
+                      pad == 0xFFFFFFFF ? CORVEL_IMAGE_ACCEPTED : CORVEL_IMAGE_SECTION_TOO_LARGE)
+                << pad;
             EXPECT_TRUE(is_judged_right(image));
         }
         const std::string none = raw_section("root", 0, 0, 0, 0, "x");
-        EXPECT_EQ(parsed(none).code, 3);
+        EXPECT_EQ(parsed(none).code, CORVEL_IMAGE_SECTION_TOO_LARGE);
         EXPECT_TRUE(is_judged_right(none));
     });
 }
@@ -444,9 +454,9 @@ TEST(ParseFirmware, RefusesPaddingThatIsLargerThanThePayload) {
 TEST(ParseFirmware, EndsARecordWhereTheImageEnds) {
     on_set_a([] {
         for (const std::uint32_t pad : {5U, 6U, 0x7FFFFFFFU, 0xFFFFFFF0U}) {
-            const std::string image = raw_section("root", 0, 255, pad, 5, "12345");
+            const std::string image = raw_section("root", 0, CORVEL_NOT_WRITTEN, pad, 5, "12345");
             const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, 0);
+            EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
             ASSERT_EQ(answer.records.size(), 1U);
             EXPECT_LE(answer.records[0].offset + answer.records[0].length, image.size());
             EXPECT_TRUE(is_judged_right(image));
@@ -461,7 +471,7 @@ TEST(ParseFirmware, RefusesMoreThanFourSections) {
         EXPECT_EQ(parsed(four).count, 4);
         const Parsed answer = parsed(upgrade_image({root, root, root, root}));
         EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.code, 4);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_TOO_MANY_SECTIONS);
         EXPECT_EQ(answer.records.size(), 5U) << "the fifth record is filled before it is counted";
         EXPECT_EQ(last_line(answer), (RecordSyslog::Message{LOG_INFO, "find firmware (Ver0)\n"}));
         EXPECT_TRUE(is_judged_right(upgrade_image({root, root, root, root})));
@@ -469,7 +479,7 @@ TEST(ParseFirmware, RefusesMoreThanFourSections) {
         // Of the fifth one, the sum and the size are looked at first.
         const std::string bad_fifth = root.bytes() + root.bytes() + root.bytes() + root.bytes() +
                                       raw_section("kern", 0, 0, 0, 1, "x");
-        EXPECT_EQ(parsed(bad_fifth).code, 2);
+        EXPECT_EQ(parsed(bad_fifth).code, CORVEL_IMAGE_BAD_CHECKSUM);
     });
 }
 
@@ -485,7 +495,8 @@ TEST(ParseFirmware, ToleratesALastSectionFourBytesTooLong) {
                         const std::string image =
                             raw_section(partition.signature, 0, mtd_id, pad,
                                         static_cast<std::uint32_t>(payload.size()) + more, payload);
-                        EXPECT_EQ(parsed(image).code == 1, more > 4) << partition.name << more;
+                        EXPECT_EQ(parsed(image).code == CORVEL_IMAGE_SECTION_PAST_END, more > 4)
+                            << partition.name << more;
                         EXPECT_TRUE(is_judged_right(image));
                     }
                 }
@@ -499,7 +510,7 @@ TEST(ParseFirmware, LogsALengthThatRunsPastTheEnd) {
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
         const std::string image = root + raw_section("kern", 0, 0, 0, 8, "xyz");
         const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, 1);
+        EXPECT_EQ(answer.code, CORVEL_IMAGE_SECTION_PAST_END);
         EXPECT_EQ(answer.count, 0);
         EXPECT_EQ(answer.records.size(), 1U);
         EXPECT_EQ(
@@ -517,10 +528,14 @@ TEST(ParseFirmware, RefusesACrcThatIsNotAllThere) {
     on_set_a([] {
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
         for (std::uint32_t more = 0; more <= 5; ++more) {
-            const std::string image = with_crc(
-                root + raw_section("Ver0", 0, 255, 0, 9 + more, "1.2.3" + std::string(4, '\0')));
+            const std::string image =
+                with_crc(root + raw_section("Ver0", 0, CORVEL_NOT_WRITTEN, 0, 9 + more,
+                                            "1.2.3" + std::string(4, '\0')));
             const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, more == 0 ? 0 : more == 5 ? 1 : 5) << more;
+            EXPECT_EQ(answer.code, more == 0   ? CORVEL_IMAGE_ACCEPTED
+                                   : more == 5 ? CORVEL_IMAGE_SECTION_PAST_END
+                                               : CORVEL_IMAGE_BAD_CRC)
+                << more;
             EXPECT_TRUE(is_judged_right(image));
         }
     });
@@ -563,11 +578,11 @@ TEST(ParseFirmware, EndsAVersionSectionOfNearly4GiBWhereTheImageEnds) {
         LargestImage image;
         const RecordSyslog log;
         for (const std::uint32_t len : {0xFFFFFFECU, 0xFFFFFFEFU}) {
-            image.start_with(raw_section("Ver0", 0, 255, 0, len, ""));
-            img_info records[5] = {};
+            image.start_with(raw_section("Ver0", 0, CORVEL_NOT_WRITTEN, 0, len, ""));
+            img_info records[CORVEL_IMAGE_RECORDS] = {};
             int code = -1;
             EXPECT_EQ(parse_firmware(image.start(), LargestImage::size, records, &code), 0);
-            EXPECT_EQ(code, 5) << "the CRC is not all there";
+            EXPECT_EQ(code, CORVEL_IMAGE_BAD_CRC) << "the CRC is not all there";
             EXPECT_EQ(records[0].data, image.start());
             EXPECT_EQ(records[0].len, LargestImage::size);
             EXPECT_EQ(records[0].mtd_ids, 255U);
@@ -580,10 +595,11 @@ TEST(ParseFirmware, RefusesAConfigurationOfNearly4GiB) {
         LargestImage image;
         const RecordSyslog log;
         image.start_with(raw_section("conf", 0, 0, 0, 0xFFFFFFEF, ""));
-        img_info records[5] = {};
+        img_info records[CORVEL_IMAGE_RECORDS] = {};
         int code = -1;
         EXPECT_EQ(parse_firmware(image.start(), LargestImage::size, records, &code), 0);
-        EXPECT_EQ(code, 3) << "with its header it is larger than its partition";
+        EXPECT_EQ(code, CORVEL_IMAGE_SECTION_TOO_LARGE)
+            << "with its header it is larger than its partition";
         EXPECT_EQ(records[0].data, nullptr);
     });
 }
@@ -599,10 +615,10 @@ TEST(ParseFirmware, SumsUpAnyNumberOfLargestBytes) {
         for (const std::size_t length : lengths) {
             const std::string image =
                 Section{.signature = "root", .data = std::string(length, '\xFF')}.bytes();
-            ASSERT_EQ(parsed(image).code, 0) << length;
+            ASSERT_EQ(parsed(image).code, CORVEL_IMAGE_ACCEPTED) << length;
             std::string wrong = image;
             wrong.back() = static_cast<char>(wrong.back() + 1);
-            ASSERT_EQ(parsed(wrong).code, 2) << length;
+            ASSERT_EQ(parsed(wrong).code, CORVEL_IMAGE_BAD_CHECKSUM) << length;
         }
     });
 }
@@ -616,18 +632,18 @@ TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
               Section{.signature = "root", .data = ""}.bytes().substr(0, 20)}) {
             const Parsed answer = parsed(image);
             EXPECT_EQ(answer.count, 0);
-            EXPECT_EQ(answer.code, 5);
+            EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
             EXPECT_TRUE(answer.records.empty());
             EXPECT_EQ(answer.log, (std::vector<RecordSyslog::Message>{
                                       {LOG_INFO, "bootparam=0\n"},
                                       {LOG_INFO, "Web firmware upgrade start..."},
                                   }));
         }
-        img_info records[5];
+        img_info records[CORVEL_IMAGE_RECORDS];
         int code = -1;
         const RecordSyslog log;
         EXPECT_EQ(parse_firmware(nullptr, 0, records, &code), 0);
-        EXPECT_EQ(code, 5);
+        EXPECT_EQ(code, CORVEL_IMAGE_BAD_CRC);
     });
 }
 
@@ -677,11 +693,13 @@ TEST(ParseFirmware, JudgesEveryChangeOfOneByte) {
                 changed[at] = static_cast<char>(changed[at] ^ change);
                 ASSERT_TRUE(is_judged_right(changed)) << at << ", " << change;
                 met.add(changed);
-                if (judge(changed, 2).code == 0)
+                if (judge(changed, 2).code == CORVEL_IMAGE_ACCEPTED)
                     accepted_places.push_back(at);
             }
         }
-        for (const std::size_t code : {1U, 2U, 3U, 5U})
+        for (const corvel_image_result code :
+             {CORVEL_IMAGE_SECTION_PAST_END, CORVEL_IMAGE_BAD_CHECKSUM,
+              CORVEL_IMAGE_SECTION_TOO_LARGE, CORVEL_IMAGE_BAD_CRC})
             EXPECT_GT(met.of(code), 0) << code;
         // What is accepted all the same hides the version section, with which the CRC goes: its
         // signature, or the length of the section in front of it.
@@ -708,7 +726,9 @@ TEST(ParseFirmware, JudgesEveryFieldAtItsExtremes) {
                 }
             }
         }
-        for (const std::size_t code : {0U, 1U, 2U, 3U, 5U})
+        for (const corvel_image_result code :
+             {CORVEL_IMAGE_ACCEPTED, CORVEL_IMAGE_SECTION_PAST_END, CORVEL_IMAGE_BAD_CHECKSUM,
+              CORVEL_IMAGE_SECTION_TOO_LARGE, CORVEL_IMAGE_BAD_CRC})
             EXPECT_GT(met.of(code), 0) << code;
     });
 }
@@ -780,7 +800,7 @@ TEST(ParseFirmware, ReadsTheGoldenImageAlike) {
          {std::pair{"0", "upgrade-set-a.txt"}, std::pair{"1", "upgrade-set-b.txt"}}) {
         on_device({std::string("bootparam=") + running}, [&image, expected = golden(name)] {
             const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, 0);
+            EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
             std::string lines;
             for (const Record &record : answer.records)
                 lines +=
@@ -1028,7 +1048,7 @@ TEST(FileCopy, ClosesWhatItOpenedWithoutMemory) {
 /** The partitions of a device as the flash came from the factory, set A running. */
 void fill_flash(std::size_t divisor) {
     for (const Partition &partition : partitions)
-        if (partition.device != 255)
+        if (partition.device != CORVEL_NOT_WRITTEN)
             write_file(block_device(partition.device),
                        std::string(partition.max_size / divisor,
                                    static_cast<char>('0' + partition.device)));
@@ -1039,16 +1059,16 @@ void fill_flash(std::size_t divisor) {
 int upgrade(const std::string &image) {
     const RecordSyslog log;
     const ReplaceSync sync;
-    img_info records[5];
+    img_info records[CORVEL_IMAGE_RECORDS];
     int code = -1;
     const int count = parse_firmware(reinterpret_cast<const unsigned char *>(image.data()),
                                      static_cast<unsigned int>(image.size()), records, &code);
     for (const img_info &record : std::span(records, static_cast<std::size_t>(count))) {
-        if (record.mtd_ids != 255) {
+        if (record.mtd_ids != CORVEL_NOT_WRITTEN) {
             EXPECT_EQ(flash_write(record.mtdev, record.data, 0, record.len), 1) << record.mtdev;
         }
     }
-    if (code == 0) {
+    if (code == CORVEL_IMAGE_ACCEPTED) {
         EXPECT_EQ(save_bootparam(), 0U);
     }
     return code;

@@ -44,7 +44,9 @@ TEST(PartitionTable, TellsSignaturesApartByEveryBit) {
             std::string other = signature;
             other[bit / 8] = static_cast<char>(other[bit / 8] ^ 1 << bit % 8);
             // "boot" and "root" are one bit apart.
-            const std::uint32_t row = other == "boot" ? 0 : other == "root" ? 2 : 255;
+            const std::uint32_t row = other == "boot"   ? 0
+                                      : other == "root" ? 2
+                                                        : CORVEL_NO_PARTITION;
             EXPECT_EQ(row_of(other), row) << other;
         }
     }
@@ -60,7 +62,7 @@ TEST(PartitionTable, GivesEachRowsDevice) {
     for (unsigned int row = 0; row < 9; ++row)
         EXPECT_EQ(get_tbl_ids(row), static_cast<int>(row));
     for (const unsigned int row : {9U, 10U, 11U, 255U, 0x7FFFFFFFU, 0x80000000U, UINT_MAX})
-        EXPECT_EQ(get_tbl_ids(row), 255) << row;
+        EXPECT_EQ(get_tbl_ids(row), CORVEL_NOT_WRITTEN) << row;
 }
 
 } // namespace

@@ -15,6 +15,8 @@
 #include "firmware/image_format.h"
 #include "firmware/reference_crc.h"
 
+#include <corvel.h>
+
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -36,7 +38,6 @@ using corvel::at_pad;
 using corvel::at_signature;
 using corvel::crc_size;
 using corvel::header_size;
-using corvel::no_partition;
 
 /** A section of any header and any payload. */
 inline std::string raw_section(std::string_view signature, std::uint32_t burnaddr,
@@ -78,7 +79,7 @@ inline std::string with_crc(std::string_view bytes) {
 
 /** The version section; zeros at its end are the place of the image's CRC. */
 inline std::string version_section(const std::string &text = "1.2.3") {
-    return raw_section("Ver0", 0, no_partition, 0,
+    return raw_section("Ver0", 0, CORVEL_NOT_WRITTEN, 0,
                        static_cast<std::uint32_t>(text.size() + crc_size),
                        text + std::string(crc_size, '\0'));
 }
@@ -126,7 +127,7 @@ inline std::ostream &operator<<(std::ostream &out, const Record &record) {
 }
 
 struct Verdict {
-    int code = 0;
+    int code = CORVEL_IMAGE_ACCEPTED;
     std::vector<Record> records; /**< The records filled, also on failure. */
     std::vector<LogLine> log;
 };
@@ -144,7 +145,7 @@ inline constexpr Partition partitions[] = {
     {"root", "Rootfs", true, 0x650000, 2},   {"kern", "Linux_kernel", true, 0x100000, 3},
     {"rfs1", "Rootfs-1", true, 0x650000, 4}, {"knl1", "Linux_kernel-1", true, 0x100000, 5},
     {"log0", "Log", true, 0xF0000, 6},       {"conf", "Config", false, 0x10000, 7},
-    {"artp", "ART", true, 0x10000, 8},       {"Ver0", "Ver0", false, 0x5C, no_partition},
+    {"artp", "ART", true, 0x10000, 8},       {"Ver0", "Ver0", false, 0x5C, CORVEL_NOT_WRITTEN},
 };
 
 inline const Partition *partition_of(std::string_view signature) {
@@ -161,7 +162,7 @@ class Judge {
 
     Verdict verdict() {
         walk();
-        if (verdict_.code == 0)
+        if (verdict_.code == CORVEL_IMAGE_ACCEPTED)
             finish();
         return verdict_;
     }
@@ -204,7 +205,7 @@ class Judge {
             log(log_line(LOG_ERR, "Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
                          static_cast<int>(len), static_cast<int>(image_.size()),
                          static_cast<int>(offset), 20, len > left ? 1 : 0));
-            return fail(1);
+            return fail(CORVEL_IMAGE_SECTION_PAST_END);
         }
         const Partition *const partition =
             partition_of(image_.substr(static_cast<std::size_t>(offset), 4));
@@ -218,14 +219,14 @@ class Judge {
         const std::uint32_t len = *word(offset + at_len);
         const std::uint32_t size = partition.strips_header ? len - 1 - pad : len + 20;
         log(log_line(LOG_INFO, "find firmware (%s)\n", partition.name));
-        if (mtd_id != no_partition) {
+        if (mtd_id != CORVEL_NOT_WRITTEN) {
             unsigned int sum = 0;
             for (std::uint64_t i = 0; i < len; ++i)
                 sum += byte(offset + header_size + i).value_or(0);
             if (sum % 256 != 0) {
                 log(log_line(LOG_ERR, "%s image checksum error at %X!\n", partition.signature,
                              static_cast<unsigned int>(offset + header_size)));
-                return fail(2);
+                return fail(CORVEL_IMAGE_BAD_CHECKSUM);
             }
             if (size > partition.max_size) {
                 log(log_line(LOG_INFO,
@@ -234,7 +235,7 @@ class Judge {
                              partition.signature, burnaddr, mtd_id, pad, len));
                 log(log_line(LOG_ERR, "%s image size(%X) > %X!\n", partition.signature, size,
                              partition.max_size));
-                return fail(3);
+                return fail(CORVEL_IMAGE_SECTION_TOO_LARGE);
             }
         }
         const std::uint64_t start = partition.strips_header ? offset + header_size : offset;
@@ -246,7 +247,8 @@ class Judge {
                                     partition.device == 0 ? burnaddr : 0, device,
                                     "/dev/mtdblock" + std::to_string(device), partition.device});
         end_of_last_ = start + size;
-        return verdict_.records.size() < 5 || fail(4);
+        return verdict_.records.size() < CORVEL_IMAGE_RECORDS ||
+               fail(CORVEL_IMAGE_TOO_MANY_SECTIONS);
     }
 
     void finish() {
@@ -259,8 +261,8 @@ class Judge {
             log(log_line(LOG_INFO, "mtdev= %s", record.path.c_str()));
         }
         if (verdict_.records.empty())
-            fail(5);
-        else if (verdict_.records.back().device == no_partition)
+            fail(CORVEL_IMAGE_BAD_CRC);
+        else if (verdict_.records.back().device == CORVEL_NOT_WRITTEN)
             check_crc();
     }
 
@@ -269,7 +271,7 @@ class Judge {
         const std::uint32_t computed = reference_crc(image_.substr(0, image_.size() - 4));
         if (stored_crc == computed)
             return;
-        fail(5);
+        fail(CORVEL_IMAGE_BAD_CRC);
         if (stored_crc)
             log(log_line(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed,
                          *stored_crc));
