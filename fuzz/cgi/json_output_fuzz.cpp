@@ -10,8 +10,8 @@ namespace {
 using namespace corvel_fuzz;
 
 constexpr std::size_t most_pairs = 24;
-constexpr std::size_t longest_field_name = 254;
-constexpr std::size_t longest_field_value = 4096;
+constexpr std::size_t longest_field_name = CORVEL_FIELD_NAME_SIZE - 1;
+constexpr std::size_t longest_field_value = CORVEL_FIELD_VALUE_SIZE - 1;
 
 struct Pair {
     std::string name;

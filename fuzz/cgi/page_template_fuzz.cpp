@@ -12,8 +12,8 @@ namespace {
 using namespace corvel_fuzz;
 
 constexpr std::size_t most_fields = 24;
-constexpr std::size_t longest_field_name = 254;
-constexpr std::size_t longest_field_value = 4096;
+constexpr std::size_t longest_field_name = CORVEL_FIELD_NAME_SIZE - 1;
+constexpr std::size_t longest_field_value = CORVEL_FIELD_VALUE_SIZE - 1;
 
 struct Field {
     std::string name;

@@ -15,9 +15,9 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t longest_name = 127;
-constexpr std::size_t longest_value = 255;
-constexpr std::size_t ajax_pairs = 2048;
+constexpr std::size_t longest_name = CORVEL_REQUEST_NAME_SIZE - 1;
+constexpr std::size_t longest_value = CORVEL_REQUEST_VALUE_SIZE - 1;
+constexpr std::size_t ajax_pairs = CORVEL_AJAX_PAIRS;
 constexpr std::size_t largest_filler = 4200;
 constexpr int largest_body = 1 << 20;
 constexpr std::uint32_t untouched_size = 0xDEADBEEF;

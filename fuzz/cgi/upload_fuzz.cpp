@@ -20,16 +20,16 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t most_files = 4;
+constexpr std::size_t most_files = CORVEL_UPLOAD_FILES;
 constexpr std::size_t shortest_upload = 22;
-constexpr std::size_t longest_name = 254;
-constexpr std::size_t longest_type = 254;
-constexpr std::size_t longest_value = 256;
+constexpr std::size_t longest_name = CORVEL_UPLOAD_NAME_SIZE - 1;
+constexpr std::size_t longest_type = CORVEL_UPLOAD_TYPE_SIZE - 1;
+constexpr std::size_t longest_value = CORVEL_UPLOAD_HEADER_MAX;
 constexpr std::size_t dump_size = 32;
-constexpr std::size_t longest_overrun = 16384;
+constexpr std::size_t longest_overrun = CORVEL_UPLOAD_LINE_REACH;
 constexpr int most_scans = 64;
-constexpr int largest_upload = 16777216;
-constexpr int largest_without_pause = 6144;
+constexpr int largest_upload = CORVEL_UPLOAD_MAX;
+constexpr int largest_without_pause = CORVEL_UPLOAD_MAX_UNPAUSED;
 constexpr int largest_length = 1 << 20;
 
 // Longer ones find nothing new and take time.
@@ -87,18 +87,18 @@ Part expected_part(const std::string &bytes, std::size_t cursor, const std::stri
                    Texts &texts, std::string &output) {
     const std::size_t first = boundary.empty() ? std::string::npos : bytes.find(boundary, cursor);
     if (first == std::string::npos)
-        return {-1, bytes.size(), 0, 0};
+        return {CORVEL_PART_NO_START, bytes.size(), 0, 0};
     const std::size_t next = bytes.find(boundary, first + boundary.size());
     if (next == std::string::npos)
-        return {-2, bytes.size(), 0, 0};
+        return {CORVEL_PART_NO_END, bytes.size(), 0, 0};
     std::size_t header = first;
     std::string value;
     if (!read_header(bytes, "filename", '=', next, header, value))
-        return {-3, next, 0, 0};
+        return {CORVEL_PART_NO_FILENAME, next, 0, 0};
     texts.filename = cut(value, longest_name);
     if (!read_header(bytes, "Content-Type", ':', next, header, value)) {
         output += bytes.substr(header, dump_size) + "\n";
-        return {-4, next, 0, 0};
+        return {CORVEL_PART_NO_TYPE, next, 0, 0};
     }
     texts.content_type = cut(value, longest_type);
     const bool second = read_header(bytes, "Content-Type", ':', next, header, value);
@@ -108,7 +108,7 @@ Part expected_part(const std::string &bytes, std::size_t cursor, const std::stri
     if (second || encoded)
         texts.transfer_encoding = value;
     const std::size_t start = std::min(header + 4, bytes.size());
-    return {0, next - 2, start, next >= start + 2 ? next - 2 - start : 0};
+    return {CORVEL_PART_FILE, next - 2, start, next >= start + 2 ? next - 2 - start : 0};
 }
 
 std::vector<File> expected_files(const std::string &bytes, const std::string &boundary,
@@ -119,7 +119,7 @@ std::vector<File> expected_files(const std::string &bytes, const std::string &bo
          bytes.size() - cursor >= shortest_upload && files.size() < most_files;) {
         const Part part = expected_part(bytes, cursor, boundary, texts, output);
         cursor = part.cursor;
-        if (part.code != 0 || as_text(texts.filename).empty())
+        if (part.code != CORVEL_PART_FILE || as_text(texts.filename).empty())
             continue;
         files.push_back({texts, bytes.substr(part.start, part.size)});
         texts = {};
@@ -172,9 +172,9 @@ void check_parts(const std::string &bytes, const std::string &boundary) {
         check_equal(cursor - block.start(), static_cast<long long>(expected.cursor),
                     "cursor behind a part");
         check_texts(record, texts);
-        if (code == -1 || code == -2)
+        if (code == CORVEL_PART_NO_START || code == CORVEL_PART_NO_END)
             break;
-        if (code != 0)
+        if (code != CORVEL_PART_FILE)
             continue;
         check_equal(size, static_cast<long long>(expected.size), "size of a content");
         check_equal(data - block.start(), static_cast<long long>(expected.start),

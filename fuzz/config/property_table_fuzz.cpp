@@ -14,9 +14,9 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t value_block = 257;
-constexpr std::size_t longest_set_value = 256;
-constexpr std::size_t longest_read_value = 255;
+constexpr std::size_t value_block = CORVEL_PROP_VALUE_SIZE;
+constexpr std::size_t longest_set_value = CORVEL_PROP_VALUE_SIZE - 1;
+constexpr std::size_t longest_read_value = CORVEL_GET_PROP_SIZE - 1;
 constexpr std::size_t longest_plain_name = 512;
 constexpr std::string_view prefix = "setenv ";
 constexpr std::string_view white_space = " \t\n\v\f\r";

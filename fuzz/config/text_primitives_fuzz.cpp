@@ -12,7 +12,7 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t longest_translation = 199;
+constexpr std::size_t longest_translation = CORVEL_ATTRIBUTE_SIZE - 1;
 constexpr std::string_view entity = "&quot;";
 
 bool is_special(char c) { return c == '"' || c == '\\' || c == '$' || c == '`'; }

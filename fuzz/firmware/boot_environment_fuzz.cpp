@@ -233,7 +233,7 @@ void check_operation(unsigned char operation, unsigned char *image, Model &model
         break;
     default:
         result = set_env_ptr(image);
-        expected = model.is_good() ? 0 : 1;
+        expected = model.is_good() ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC;
         expected_output = warning_of(model);
         break;
     }
@@ -260,7 +260,7 @@ void check_in_memory(const Start &start, const Input &input) {
     int result = 0;
     check_equal(output_of([&] { result = set_env_ptr(image.get()); }), warning_of(model),
                 "what set_env_ptr prints");
-    check_equal(result, model.is_good() ? 0 : 1, "set_env_ptr");
+    check_equal(result, model.is_good() ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC, "set_env_ptr");
     check_operations(image.get(), model, input);
 }
 
@@ -269,7 +269,7 @@ void check_short_file(const MemoryFile &file) {
     int result = 0;
     check_equal(output_of([&] { result = init_env(file.path()); }),
                 "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n", "a short file");
-    check_equal(result, -1, "init_env of a short file");
+    check_equal(result, CORVEL_ENV_UNREADABLE, "init_env of a short file");
     check_equal(output_of([&] { result = static_cast<int>(get_rootid(file.path())); }),
                 "Err: envimage size is less then CONFIG_ENV_SIZE(65536)\n", "a short file");
     check_equal(result, 0, "get_rootid of a short file");
@@ -297,7 +297,7 @@ void check_in_file(const Start &start, const Input &input) {
     int result = 0;
     check_equal(output_of([&] { result = init_env(file.path()); }), warning_of(model),
                 "what init_env prints");
-    check_equal(result, model.is_good() ? 0 : 1, "init_env");
+    check_equal(result, model.is_good() ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC, "init_env");
     check_operations(env_image_mem, model, input);
 
     const std::string value = "saved";

@@ -29,9 +29,8 @@ using corvel::at_mtd_id;
 using corvel::at_pad;
 using corvel::crc_size;
 using corvel::header_size;
-using corvel::no_partition;
 
-constexpr std::size_t most_records = 5;
+constexpr std::size_t most_records = CORVEL_IMAGE_RECORDS;
 constexpr std::size_t most_sections = 7;
 constexpr std::size_t largest_payload = 0x11000;
 constexpr std::size_t large_image = 4096;
@@ -59,7 +58,7 @@ struct Row {
 };
 
 /** The partitions, independently of the library's table. */
-constexpr std::array<Row, 10> rows = {{
+constexpr std::array<Row, CORVEL_PARTITIONS> rows = {{
     {"boot", "Boot", true, 256 * 1024, 0},
     {"benv", "Boot-env", true, 64 * 1024, 1},
     {"root", "Rootfs", true, 6464 * 1024, 2},
@@ -69,7 +68,7 @@ constexpr std::array<Row, 10> rows = {{
     {"log0", "Log", true, 960 * 1024, 6},
     {"conf", "Config", false, 64 * 1024, 7},
     {"artp", "ART", true, 64 * 1024, 8},
-    {"Ver0", "Ver0", false, 92, no_partition},
+    {"Ver0", "Ver0", false, 92, CORVEL_NOT_WRITTEN},
 }};
 
 struct Record {
@@ -83,7 +82,7 @@ struct Record {
 };
 
 struct Parsed {
-    int result = 0;
+    int result = CORVEL_IMAGE_ACCEPTED;
     std::vector<Record> records{};
     std::string log{};
     bool whole_log = true; /**< `log` is complete. */
@@ -168,27 +167,27 @@ int parse_section(const std::string &image, std::uint64_t place, std::uint32_t s
             log_line(LOG_ERR, format("Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
                                      static_cast<int>(len), static_cast<int>(image.size()),
                                      static_cast<int>(place), 20, 1));
-        return 1;
+        return CORVEL_IMAGE_SECTION_PAST_END;
     }
     const Row *const row = row_of(image, place);
     if (row == nullptr)
-        return 0;
+        return CORVEL_IMAGE_ACCEPTED;
     parsed.log += log_line(LOG_INFO, format("find firmware (%s)\n", row->name));
     const std::uint64_t payload = place + header_size;
     const std::uint32_t size = row->stripped ? len - 1 - pad : len + 20;
-    if (mtd_id != no_partition && sum_of(image, payload, len) != 0) {
+    if (mtd_id != CORVEL_NOT_WRITTEN && sum_of(image, payload, len) != 0) {
         parsed.log += log_line(LOG_ERR, format("%s image checksum error at %X!\n", row->signature,
                                                static_cast<unsigned int>(payload)));
-        return 2;
+        return CORVEL_IMAGE_BAD_CHECKSUM;
     }
-    if (mtd_id != no_partition && size > row->max_size) {
+    if (mtd_id != CORVEL_NOT_WRITTEN && size > row->max_size) {
         parsed.log += log_line(
             LOG_INFO, format("Header.signature = %s,  burnaddr=0x%02x, mtd_id = 0x%04x, pad = "
                              "0x%04x,  len = 0x%04x\n",
                              row->signature, burn_address, mtd_id, pad, len));
         parsed.log += log_line(
             LOG_ERR, format("%s image size(%X) > %X!\n", row->signature, size, row->max_size));
-        return 3;
+        return CORVEL_IMAGE_SECTION_TOO_LARGE;
     }
     const bool in_set = row->mtd_id == 2 || row->mtd_id == 3;
     const std::uint32_t target = row->mtd_id + (in_set ? shift : 0);
@@ -196,7 +195,8 @@ int parse_section(const std::string &image, std::uint64_t place, std::uint32_t s
     parsed.records.push_back({std::string("/tmp/firmware/") + row->name + ".bin",
                               "/dev/mtdblock" + std::to_string(target), start, size,
                               row->mtd_id == 0 ? burn_address : 0, target, row->mtd_id});
-    return parsed.records.size() == most_records ? 4 : 0;
+    return parsed.records.size() == most_records ? CORVEL_IMAGE_TOO_MANY_SECTIONS
+                                                 : CORVEL_IMAGE_ACCEPTED;
 }
 
 void log_records(Parsed &parsed, std::uint64_t image_size) {
@@ -219,14 +219,14 @@ int check_stored_crc(const std::string &image, const Record &version, Parsed &pa
     if (end > image.size()) {
         // The image does not contain all its bytes: it cannot match.
         parsed.whole_log = false;
-        return 5;
+        return CORVEL_IMAGE_BAD_CRC;
     }
     const std::uint32_t stored = word_at(image, end - crc_size);
     if (computed == stored)
-        return 0;
+        return CORVEL_IMAGE_ACCEPTED;
     parsed.log +=
         log_line(LOG_ERR, format("Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed, stored));
-    return 5;
+    return CORVEL_IMAGE_BAD_CRC;
 }
 
 Parsed expected_of(const std::string &image, const Boot &boot, int &running) {
@@ -234,14 +234,14 @@ Parsed expected_of(const std::string &image, const Boot &boot, int &running) {
     const std::uint32_t shift = shift_of(boot, parsed.log, running);
     for (std::uint64_t place = 0; place + header_size < image.size();) {
         parsed.result = parse_section(image, place, shift, parsed);
-        if (parsed.result != 0)
+        if (parsed.result != CORVEL_IMAGE_ACCEPTED)
             return parsed;
         place += header_size + word_at(image, place + at_len);
     }
     log_records(parsed, image.size());
     if (parsed.records.empty())
-        parsed.result = 5;
-    else if (parsed.records.back().mtd_id == no_partition)
+        parsed.result = CORVEL_IMAGE_BAD_CRC;
+    else if (parsed.records.back().mtd_id == CORVEL_NOT_WRITTEN)
         parsed.result = check_stored_crc(image, parsed.records.back(), parsed);
     return parsed;
 }
@@ -270,12 +270,14 @@ bool check_image(const std::string &image, const Boot &boot) {
     std::copy(image.begin(), image.end(), block.get());
     std::array<img_info, most_records> records{};
     int result = -7;
-    bootparam = 0;
+    bootparam = CORVEL_SET_A;
     logged.clear();
     const int count = parse_firmware(block.get(), static_cast<unsigned int>(image.size()),
                                      records.data(), &result);
     check_equal(result, expected.result, "result of an image");
-    check_equal(count, result == 0 ? static_cast<long long>(expected.records.size()) : 0,
+    check_equal(count,
+                result == CORVEL_IMAGE_ACCEPTED ? static_cast<long long>(expected.records.size())
+                                                : 0,
                 "count of records");
     check_equal(expected.whole_log ? std::string_view(logged) : cut(logged, expected.log.size()),
                 expected.log, "system log");
@@ -284,7 +286,7 @@ bool check_image(const std::string &image, const Boot &boot) {
         check_record(records[i], expected.records[i], image, block.get());
     check_equal({reinterpret_cast<const char *>(block.get()), image.size()}, image,
                 "the image is unchanged");
-    return result == 0 && expected.records.back().mtd_id == no_partition;
+    return result == CORVEL_IMAGE_ACCEPTED && expected.records.back().mtd_id == CORVEL_NOT_WRITTEN;
 }
 
 /** A changed byte is noticed if a checksum is compared. */
@@ -334,13 +336,14 @@ std::string read_section(unsigned char kind, Input &input) {
         len += number;
     if ((flags & huge_length) != 0)
         len = 0xFFFFFFFFU - number;
-    return section_of(row, (flags & unchecked) != 0 ? no_partition : row.mtd_id, pad, len, payload);
+    return section_of(row, (flags & unchecked) != 0 ? CORVEL_NOT_WRITTEN : row.mtd_id, pad, len,
+                      payload);
 }
 
 /** With the checksum of all of it at the end. */
 std::string version_section(const std::string &sections, const std::string &text) {
     const std::string section =
-        sections + section_of(rows.back(), no_partition, 0,
+        sections + section_of(rows.back(), CORVEL_NOT_WRITTEN, 0,
                               static_cast<std::uint32_t>(text.size() + crc_size), text);
     return section + word_of(crc_of(section));
 }

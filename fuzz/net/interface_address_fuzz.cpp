@@ -23,7 +23,7 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t address_size = 16;
+constexpr std::size_t address_size = CORVEL_ADDRESS_SIZE;
 constexpr std::string_view digits = "0123456789abcdefABCDEF";
 
 // Flags of an input.
@@ -169,28 +169,31 @@ std::string check_interface(const std::string &interface, const std::vector<Addr
     const auto name = exact_copy(interface);
     const bool answered = answers(interface);
     const std::string_view ipv4 = std::string_view(answer).substr(4, 4);
-    check_bytes(interface, 0, answered, answered ? ipv4 : "");
-    check_bytes(interface, 1, answered, answered ? ipv4 : "");
-    check_bytes(interface, 3, answered, answered ? answer : "");
+    check_bytes(interface, CORVEL_ADDRESS_IPV4, answered, answered ? ipv4 : "");
+    check_bytes(interface, CORVEL_ADDRESS_NETMASK, answered, answered ? ipv4 : "");
+    check_bytes(interface, CORVEL_ADDRESS_HARDWARE, answered, answered ? answer : "");
     check_bytes(interface, 2, 0, "");
     check_bytes(interface, 5, 0, "");
     const Address *const address = address_of(addresses, interface);
-    check_bytes(interface, 4, address != nullptr ? static_cast<int>(address->prefix_length) : 0,
+    check_bytes(interface, CORVEL_ADDRESS_IPV6,
+                address != nullptr ? static_cast<int>(address->prefix_length) : 0,
                 address != nullptr ? address->bytes : "");
 
     const auto mac = unterminated_block(18);
     check_equal(getHWaddr(name.get(), mac.get()), mac_text(answered, ":"), "getHWaddr");
     const auto plain_mac = unterminated_block(13);
     check_equal(getHWaddr0(name.get(), plain_mac.get()), mac_text(answered, ""), "getHWaddr0");
-    std::string text = address_text(name.get(), 4, size, ipv6_text(address, size)) +
-                       address_text(name.get(), 4, 64, ipv6_text(address, 64)) +
-                       address_text(name.get(), 0, size, cut(ipv4_text(answered), size - 1)) +
-                       address_text(name.get(), 1, INET_ADDRSTRLEN, ipv4_text(answered)) +
-                       address_text(nullptr, 1, INET_ADDRSTRLEN, "0.0.0.0") +
-                       address_text(nullptr, 4, 64, "::");
+    std::string text =
+        address_text(name.get(), CORVEL_ADDRESS_IPV6, size, ipv6_text(address, size)) +
+        address_text(name.get(), CORVEL_ADDRESS_IPV6, CORVEL_IPV6_SIZE,
+                     ipv6_text(address, CORVEL_IPV6_SIZE)) +
+        address_text(name.get(), CORVEL_ADDRESS_IPV4, size, cut(ipv4_text(answered), size - 1)) +
+        address_text(name.get(), CORVEL_ADDRESS_NETMASK, INET_ADDRSTRLEN, ipv4_text(answered)) +
+        address_text(nullptr, CORVEL_ADDRESS_NETMASK, INET_ADDRSTRLEN, "0.0.0.0") +
+        address_text(nullptr, CORVEL_ADDRESS_IPV6, CORVEL_IPV6_SIZE, "::");
     std::array<char, 1> untouched = {'#'};
-    getHWip(name.get(), 4, untouched.data(), 0);
-    getHWip(name.get(), 0, untouched.data(), -1);
+    getHWip(name.get(), CORVEL_ADDRESS_IPV6, untouched.data(), 0);
+    getHWip(name.get(), CORVEL_ADDRESS_IPV4, untouched.data(), -1);
     check(untouched[0] == '#', "a buffer of no bytes is left alone");
     return text;
 }

@@ -18,9 +18,9 @@ namespace {
 
 using namespace corvel_fuzz;
 
-constexpr std::size_t record_size = 24;
+constexpr std::size_t record_size = CORVEL_LEASE_RECORD_SIZE;
 constexpr std::size_t longest_word = 31;
-constexpr std::size_t longest_hostname = 127;
+constexpr std::size_t longest_hostname = CORVEL_LEASE_HOST_SIZE - 1;
 constexpr std::size_t longest_pid_line = 99;
 constexpr const char *unopened = "/nowhere/leases";
 
