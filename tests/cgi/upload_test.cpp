@@ -933,9 +933,9 @@ std::pair<int, std::ptrdiff_t> code_of_part_before_a_gap(const std::string &byte
 TEST(UploadPart, EndOfAHeaderLineIsLookedForIn16KibibytesAfterTheBoundary) {
     const std::string rest(16384 + 32, 'x'); // the search for the line ending, and what is dumped
     EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a--b" + rest),
-              (std::pair{int{CORVEL_PART_NO_TYPE}, 13L}));
+              (std::pair{int{CORVEL_PART_NO_TYPE}, std::ptrdiff_t{13}}));
     EXPECT_EQ(code_of_part_before_a_gap("--bfilename=a\nContent-Type:t--b" + rest),
-              (std::pair{int{CORVEL_PART_FILE}, 26L}));
+              (std::pair{int{CORVEL_PART_FILE}, std::ptrdiff_t{26}}));
 }
 #endif
 
