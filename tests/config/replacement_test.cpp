@@ -33,7 +33,7 @@ static int error_of_flock = 0;
 
 extern "C" int nanosleep(const timespec *length, timespec * /*left*/) {
     ++pauses;
-    milliseconds += length->tv_nsec / 1'000'000 + length->tv_sec * 1000;
+    milliseconds += length->tv_nsec / 1'000'000 + static_cast<long>(length->tv_sec) * 1000;
     return 0;
 }
 
