@@ -52,7 +52,7 @@ bool leads_to(const char *path, const Descriptor &file) {
     struct stat named;
     struct stat opened;
     return stat(path, &named) == 0 && fstat(file.get(), &opened) == 0 &&
-           named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+           is_same_file(named, opened);
 }
 
 /// Replaces a file with a new version of it. `write_lines(lines, copy)` reads the lines of the

@@ -50,11 +50,16 @@ inline Descriptor open_for_reading(const char *path) {
     return file;
 }
 
+/// Whether two statuses are of one file.
+inline bool is_same_file(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 /// Whether a path names the file with this status. A symbolic link at the end of the path is not
 /// followed.
 inline bool is_at(const struct stat &file, const char *path) {
     struct stat named;
-    return lstat(path, &named) == 0 && named.st_dev == file.st_dev && named.st_ino == file.st_ino;
+    return lstat(path, &named) == 0 && is_same_file(named, file);
 }
 
 /// Reads until the block is full, the file ends or an error occurs. Returns the number of bytes

@@ -126,22 +126,14 @@ TEST_P(BothWriters, SaveWithoutALockWhereLockingFails) {
 
 TEST_P(BothWriters, WaitForTheLock) {
     folder_.write("conf", "A=1\n");
-    const int lock = open(folder_.path("conf.lck").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    ASSERT_GE(lock, 0);
-    ASSERT_EQ(lockf(lock, F_LOCK, 0), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        save();
-        end_child(0);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0);
+    HeldLock held(folder_.path("conf.lck"));
+    const pid_t child = start([&] { save(); });
+    EXPECT_TRUE(waits(child));
     EXPECT_EQ(folder_.read("conf"), "A=1\n");
     EXPECT_EQ(folder_.names(), (Names{"conf", "conf.lck"}));
-    EXPECT_EQ(lockf(lock, F_ULOCK, 0), 0);
+    held.release();
     EXPECT_EQ(wait_for_child(child).exit_status, 0);
     EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    close(lock);
 }
 
 TEST_P(BothWriters, ReleaseTheLock) {
@@ -152,23 +144,16 @@ TEST_P(BothWriters, ReleaseTheLock) {
     close(lock);
 }
 
-TEST_P(BothWriters, LockAgainAfterASignal) {
-    folder_.write("conf", "A=1\n");
-    const CountCalls locks(call_lockf);
-    const FailCall signal(call_lockf, 1, EINTR);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    // Interrupted, locked, unlocked; locked once more to remove the lock file.
-    EXPECT_EQ(locks.count(), GetParam().keeps_lock_file ? 3U : 4U);
-}
-
-TEST_P(BothWriters, LockAgainWhereTheKernelSeesADeadlock) {
-    folder_.write("conf", "A=1\n");
-    const CountCalls locks(call_lockf);
-    const FailCall deadlock(call_lockf, 1, EDEADLK);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(locks.count(), GetParam().keeps_lock_file ? 3U : 4U);
+TEST_P(BothWriters, LockAgainAfterASignalAndWhereTheKernelSeesADeadlock) {
+    for (const int error : {EINTR, EDEADLK}) {
+        folder_.write("conf", "A=1\n");
+        const CountCalls locks(call_lockf);
+        const FailCall failed(call_lockf, 1, error);
+        save();
+        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+        // Failed, locked, unlocked; locked once more to remove the lock file.
+        EXPECT_EQ(locks.count(), GetParam().keeps_lock_file ? 3U : 4U);
+    }
 }
 
 TEST_P(BothWriters, ReturnWhereTheKernelSeesADeadlockForEver) {

@@ -19,8 +19,7 @@
 #include <type_traits>
 #include <utility>
 
-/** The exception specification of functions declared in the C library's headers; not every C
- * library has one. */
+/** How the C library's headers declare that a function throws nothing; not every C library does. */
 #ifdef __THROW
 #define C_LIBRARY_NOEXCEPT __THROW
 #else
