@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -6,7 +6,7 @@
 // stdout with the 64 KB buffer recommended in its manual; json-c has no such writer, so its tree is
 // built, printed and released. Both escape strings; by contract, the library does not, so that a
 // page that needs escaping must do it separately.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -10,7 +10,7 @@
 // which a linear search skips half of the remaining fields on average.
 //
 // The limit copies the unfilled page with fgets() and fputs().
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -5,7 +5,7 @@
 // neither reads a stream: only the decoding differs. Both copy every pair to the heap and release
 // all memory within the measured time. The peer also looks up about thirty other variables of the
 // environment; with 1,000 fields that is less than one percent of its time.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -9,7 +9,7 @@
 //
 // The limit searches for the boundary with memmem() and copies the content with memcpy() into a new
 // block.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -5,7 +5,7 @@
 // without lock, removal or renaming. A safe save needs these steps, so a second limit, "limit with
 // steps", includes them; the goal refers to the first limit, which is stricter. The new values are
 // as long as those in the file, so that the size of the file is the same for each save.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

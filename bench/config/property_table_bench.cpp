@@ -6,7 +6,7 @@
 // strings' lengths, where load_prop() allocates fixed blocks of 258 bytes: the peer's way is
 // cheaper. libconfuse has its own storage; only its free-form mode accepts undeclared names, as
 // load_prop() does (it reports each unknown name to an error function, which is empty here).
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -6,7 +6,7 @@
 // the list and computes the CRC of all 65,532 bytes, used or not. The limit does the same with the
 // library's crc32() and a precomputed list of moves: the same moves, copies and CRCs, but no search
 // for a name or for the end of the list. Reading is only a search and costs the limit nothing.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -3,8 +3,8 @@
 //
 // "table loop" is the textbook loop with one table and one byte at a time: the larger code of the
 // peer and of the library must be faster.
-#include "firmware/zlib.h"
-#include "harness.h"
+#include "bench/firmware/zlib.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

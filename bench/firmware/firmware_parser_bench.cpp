@@ -6,8 +6,8 @@
 //
 // The device of the boot environment does not exist on this machine, so that reading 64 KiB from it
 // is not part of the result; messages to the system log are discarded.
-#include "firmware/zlib.h"
-#include "harness.h"
+#include "bench/firmware/zlib.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "firmware/zlib.h"
+#include "bench/firmware/zlib.h"
 
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <dlfcn.h>
 

@@ -3,7 +3,7 @@
 // with colons to the form without, to bytes, and back to the form with colons.
 //
 // The limit is the textbook loop with a table for each conversion, written for this job only.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

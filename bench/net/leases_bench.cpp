@@ -5,7 +5,7 @@
 // The limits read the same fields of the same file into buffers that the next lease overwrites:
 // with fgets() and sscanf() from text, with fread() and snprintf() from binary records. They build
 // no list.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

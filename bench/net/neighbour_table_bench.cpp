@@ -5,7 +5,7 @@
 // directory in memory mounted over the kernel's: both sides read the same file there. The limit
 // reads the same fields with fgets() and sscanf() into buffers that the next line overwrites, and
 // builds no list.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <corvel.h>
 

@@ -10,7 +10,7 @@
 // Wall-clock time is measured, since most of it is spent in the kernel and in the dynamic linker.
 // The programs run in turn within one loop, so that other load on the machine affects all of them
 // equally; the result for each program is the median.
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <algorithm>
 #include <array>

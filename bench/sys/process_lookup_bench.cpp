@@ -4,8 +4,8 @@
 // The peers are programs, which a CGI program would start. The time of a side is the processor time
 // of the searching process and of the programs that it starts. The limit makes only the necessary
 // system calls: it lists /proc, and opens, reads and closes the status file of each process.
-#include "harness.h"
-#include "sys/process_room.h"
+#include "bench/harness.h"
+#include "bench/sys/process_room.h"
 
 #include <corvel.h>
 

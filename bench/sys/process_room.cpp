@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "sys/process_room.h"
+#include "bench/sys/process_room.h"
 
-#include "harness.h"
+#include "bench/harness.h"
 
 #include <array>
 #include <csignal>

@@ -15,11 +15,11 @@
 #include <utility>
 #include <vector>
 
-#include "cgi/guarded_block.h"
-#include "cgi/guarded_buffer.h"
-#include "cgi/list_contents.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
+#include "tests/cgi/list_contents.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_buffer.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
 
 namespace corvel_test {
 namespace {

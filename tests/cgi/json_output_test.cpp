@@ -11,9 +11,9 @@
 #include <unistd.h>
 #include <vector>
 
-#include "cgi/list_contents.h"
-#include "support/child_process.h"
-#include "support/output_capture.h"
+#include "tests/cgi/list_contents.h"
+#include "tests/support/child_process.h"
+#include "tests/support/output_capture.h"
 
 namespace corvel_test {
 namespace {

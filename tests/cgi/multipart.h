@@ -16,8 +16,8 @@
 #include <string_view>
 #include <vector>
 
-#include "support/environment.h"
-#include "support/stand_in.h"
+#include "tests/support/environment.h"
+#include "tests/support/stand_in.h"
 
 namespace corvel_test {
 

@@ -16,11 +16,11 @@
 #include <utility>
 #include <vector>
 
-#include "cgi/list_contents.h"
-#include "support/child_process.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/cgi/list_contents.h"
+#include "tests/support/child_process.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 namespace corvel_test {
 namespace {

@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/environment.h"
+#include "tests/support/environment.h"
 
 namespace corvel_test {
 

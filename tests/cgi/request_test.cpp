@@ -16,13 +16,13 @@
 #include <unistd.h>
 #include <vector>
 
-#include "cgi/guarded_block.h"
-#include "cgi/guarded_buffer.h"
-#include "cgi/request_pairs.h"
-#include "support/child_process.h"
-#include "support/environment.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
+#include "tests/cgi/request_pairs.h"
+#include "tests/support/child_process.h"
+#include "tests/support/environment.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_buffer.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
 
 namespace corvel_test {
 namespace {

@@ -21,14 +21,14 @@
 #include <malloc.h>
 #endif
 
-#include "cgi/guarded_block.h"
-#include "cgi/http_receiver.h"
-#include "cgi/multipart.h"
-#include "support/child_process.h"
-#include "support/environment.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/cgi/http_receiver.h"
+#include "tests/cgi/multipart.h"
+#include "tests/support/child_process.h"
+#include "tests/support/environment.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define UNDER_SANITIZER 1
@@ -1312,7 +1312,7 @@ TEST(Upload, MayBeTruncatedAnywhere) {
             if (end + 5 <= size)
                 expected.push_back({std::to_string(i), parts[i].content});
         }
-        for (const Fence fence : {Fence::behind, Fence::in_front}) {
+        for (const Fence fence : {Fence::after, Fence::before}) {
             const GuardedBlock block(upload.substr(0, size), fence);
             StoredFiles files;
             ASSERT_EQ(capture_stdout([&] { files = files_in(block.start(), size, "--b"); }), "");
@@ -1328,7 +1328,7 @@ TEST(Upload, MayBeDamagedAnywhere) {
                                      file_part("2", "Content-Type: t\r\n\r\n")}));
     const auto files_of_damaged = [](const std::string &bytes) {
         std::size_t count = 0;
-        for (const Fence fence : {Fence::behind, Fence::in_front}) {
+        for (const Fence fence : {Fence::after, Fence::before}) {
             const GuardedBlock block(bytes, fence);
             static_cast<void>(capture_stdout(
                 [&] { count = files_in(block.start(), block.size(), "--b").size(); }));

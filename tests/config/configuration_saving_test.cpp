@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "config/property_rows.h"
-#include "config/writers.h"
-#include "support/child_process.h"
-#include "support/kill_points.h"
-#include "support/output_capture.h"
-#include "support/private_root.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/config/property_rows.h"
+#include "tests/config/writers.h"
+#include "tests/support/child_process.h"
+#include "tests/support/kill_points.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/private_root.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>

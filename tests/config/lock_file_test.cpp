@@ -2,12 +2,12 @@
 /** The lock file of a configuration file, as the two functions that save the file use it. */
 #include <corvel.h>
 
-#include "config/writers.h"
-#include "support/child_process.h"
-#include "support/kill_points.h"
-#include "support/next_definition.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/config/writers.h"
+#include "tests/support/child_process.h"
+#include "tests/support/kill_points.h"
+#include "tests/support/next_definition.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>

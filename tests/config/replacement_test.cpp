@@ -3,12 +3,12 @@
  * it. */
 #include <corvel.h>
 
-#include "config/writers.h"
-#include "support/child_process.h"
-#include "support/kill_points.h"
-#include "support/next_definition.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/config/writers.h"
+#include "tests/support/child_process.h"
+#include "tests/support/kill_points.h"
+#include "tests/support/next_definition.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <array>
 #include <cerrno>

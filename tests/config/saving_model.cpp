@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "config/saving_model.h"
+#include "tests/config/saving_model.h"
 
 #include <algorithm>
 #include <array>

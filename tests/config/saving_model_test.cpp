@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /** Every order in which several processes can save one file, in a model, and that the model is one
  * of what the library does. */
-#include "config/saving_model.h"
+#include "tests/config/saving_model.h"
 
-#include "config/writers.h"
-#include "support/kill_points.h"
+#include "tests/config/writers.h"
+#include "tests/support/kill_points.h"
 
 #include <cstdio>
 #include <gtest/gtest.h>

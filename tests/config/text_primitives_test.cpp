@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "support/output_capture.h"
-#include "support/stand_in.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
 
 #include <algorithm>
 #include <cstddef>

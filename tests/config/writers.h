@@ -5,8 +5,8 @@
 
 #include <corvel.h>
 
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cerrno>
 #include <cstddef>

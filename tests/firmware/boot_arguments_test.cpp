@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "firmware/current_image.h"
-#include "firmware/environment_image.h"
-#include "support/child_process.h"
-#include "support/next_definition.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/current_image.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/support/child_process.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/next_definition.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>

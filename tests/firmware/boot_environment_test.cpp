@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "firmware/current_image.h"
-#include "firmware/environment_image.h"
-#include "support/child_process.h"
-#include "support/golden_files.h"
-#include "support/next_definition.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/current_image.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/support/child_process.h"
+#include "tests/support/golden_files.h"
+#include "tests/support/next_definition.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -55,7 +55,7 @@ namespace fs = std::filesystem;
 constexpr const char *bad_crc = "Warning - bad CRC\n";
 constexpr const char *too_short = "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n";
 constexpr std::size_t data_size = EnvironmentImage::data_size;
-constexpr std::array fences = {Fence::behind, Fence::in_front};
+constexpr std::array fences = {Fence::after, Fence::before};
 
 /** The answers of a process in which no image was ever current: taken before the first test. */
 const struct BeforeAnyImage {

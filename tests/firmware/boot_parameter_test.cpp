@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "firmware/environment_image.h"
-#include "firmware/flash.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/firmware/flash.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <climits>
 #include <cstdint>

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "firmware/reference_crc.h"
-#include "support/golden_files.h"
+#include "tests/firmware/reference_crc.h"
+#include "tests/support/golden_files.h"
+#include "tests/support/guarded_block.h"
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -72,7 +72,7 @@ TEST(Crc32, IsRightAtEveryLengthAndAlignment) {
 TEST(Crc32, ReadsNothingOutsideOfItsBytes) {
     const std::string bytes = random_bytes(300);
     for (std::size_t length = 0; length <= bytes.size(); ++length)
-        for (const Fence fence : {Fence::behind, Fence::in_front}) {
+        for (const Fence fence : {Fence::after, Fence::before}) {
             const GuardedBlock block(bytes.substr(0, length), fence);
             ASSERT_EQ(crc_of(block.bytes()), reference_crc(block.bytes())) << length;
         }

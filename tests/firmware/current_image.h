@@ -5,8 +5,8 @@
 
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "support/output_capture.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/output_capture.h"
 
 #include <cstddef>
 #include <optional>
@@ -17,7 +17,7 @@ namespace corvel_test {
 
 class CurrentImage {
   public:
-    explicit CurrentImage(std::string_view bytes, Fence fence = Fence::behind)
+    explicit CurrentImage(std::string_view bytes, Fence fence = Fence::after)
         : block_(bytes, fence) {
         loaded_said_ = capture_stdout([this] { loaded_ = set_env_ptr(block_.start()); });
     }

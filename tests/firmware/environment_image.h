@@ -11,7 +11,7 @@
 #define CORVEL_TESTS_ENVIRONMENT_IMAGE_H
 
 #include "firmware/environment_format.h"
-#include "firmware/reference_crc.h"
+#include "tests/firmware/reference_crc.h"
 
 #include <cstddef>
 #include <optional>

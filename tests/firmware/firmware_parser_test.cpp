@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "firmware/environment_image.h"
-#include "firmware/flash.h"
-#include "firmware/upgrade_image.h"
-#include "support/child_process.h"
-#include "support/golden_files.h"
-#include "support/kill_points.h"
-#include "support/output_capture.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/firmware/flash.h"
+#include "tests/firmware/upgrade_image.h"
+#include "tests/support/child_process.h"
+#include "tests/support/golden_files.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/kill_points.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>
@@ -66,7 +66,7 @@ Record record_of(const img_info &info, const char *image) {
 }
 
 /** Parses an image that ends, or begins, where its memory does. */
-Parsed parsed(std::string_view image, Fence fence = Fence::behind) {
+Parsed parsed(std::string_view image, Fence fence = Fence::after) {
     const GuardedBlock block(image, fence);
     const std::string untouched(sizeof(img_info), '\x5A');
     const GuardedBlock room(std::string(record_room, '\x5A'));
@@ -122,7 +122,7 @@ std::string text_of(const Parsed &answer) {
 }
 
 /** Whether the library's answer is the one that the rules give, and inside of the image. */
-testing::AssertionResult is_judged_right(std::string_view image, Fence fence = Fence::behind,
+testing::AssertionResult is_judged_right(std::string_view image, Fence fence = Fence::after,
                                          std::uint32_t shift = 2) {
     const Parsed answer = parsed(image, fence);
     const Verdict verdict = judge(image, shift);
@@ -235,7 +235,7 @@ TEST(ParseFirmware, ChoosesTheIdleSet) {
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, CORVEL_NOT_WRITTEN}));
         write_environment({"bootparam=1"});
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, CORVEL_NOT_WRITTEN}));
-        EXPECT_TRUE(is_judged_right(image, Fence::behind, 0));
+        EXPECT_TRUE(is_judged_right(image, Fence::after, 0));
     });
 }
 
@@ -658,7 +658,7 @@ TEST(ParseFirmware, JudgesImagesOfUpToFortyBytes) {
                     ASSERT_TRUE(is_judged_right(image));
                     if (size >= 12)
                         image[at_mtd_id + 3] = '\xFF';
-                    ASSERT_TRUE(is_judged_right(image, Fence::in_front));
+                    ASSERT_TRUE(is_judged_right(image, Fence::before));
                 }
             }
             ASSERT_TRUE(is_judged_right(std::string(size, '\xFF')));
@@ -674,7 +674,7 @@ TEST(ParseFirmware, JudgesAnImageCutAtEveryByte) {
         for (std::size_t size = 0; size < image.size(); ++size) {
             const std::string cut = image.substr(0, size);
             EXPECT_TRUE(is_judged_right(cut)) << size;
-            EXPECT_TRUE(is_judged_right(cut, Fence::in_front)) << size;
+            EXPECT_TRUE(is_judged_right(cut, Fence::before)) << size;
             met.add(cut);
         }
         EXPECT_GT(met.of(1), 0);
@@ -787,7 +787,7 @@ TEST(ParseFirmware, JudgesRandomImages) {
                 image += version_section(std::string(random() % 9, 'v'));
             if (image.size() >= 4 && random() % 4 != 0)
                 image = with_crc(image);
-            ASSERT_TRUE(is_judged_right(image, i % 2 == 0 ? Fence::behind : Fence::in_front)) << i;
+            ASSERT_TRUE(is_judged_right(image, i % 2 == 0 ? Fence::after : Fence::before)) << i;
             met.add(image);
         }
         EXPECT_TRUE(met.all());

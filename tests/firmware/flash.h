@@ -7,9 +7,9 @@
 #ifndef CORVEL_TESTS_FLASH_H
 #define CORVEL_TESTS_FLASH_H
 
-#include "firmware/environment_image.h"
-#include "support/private_root.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/support/private_root.h"
+#include "tests/support/temporary_directory.h"
 
 #include <functional>
 #include <string>

@@ -13,7 +13,7 @@
 #define CORVEL_TESTS_UPGRADE_IMAGE_H
 
 #include "firmware/image_format.h"
-#include "firmware/reference_crc.h"
+#include "tests/firmware/reference_crc.h"
 
 #include <corvel.h>
 

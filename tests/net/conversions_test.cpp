@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "net/descriptors.h"
-#include "net/fenced.h"
-#include "support/child_process.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
+#include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/fenced.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <climits>
 #include <cstdio>

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "net/descriptors.h"
-#include "net/fenced.h"
-#include "net/network.h"
-#include "net/random_tables.h"
-#include "support/output_capture.h"
-#include "support/private_root.h"
-#include "support/stand_in.h"
+#include "tests/net/network.h"
+#include "tests/net/random_tables.h"
+#include "tests/support/descriptors.h"
+#include "tests/support/fenced.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/private_root.h"
+#include "tests/support/stand_in.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -13,7 +13,7 @@
 #ifndef CORVEL_TESTS_NETWORK_H
 #define CORVEL_TESTS_NETWORK_H
 
-#include "support/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cerrno>
 #include <cstdlib>

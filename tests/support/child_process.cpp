@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/child_process.h"
+#include "tests/support/child_process.h"
 
-#include "support/output_capture.h"
+#include "tests/support/output_capture.h"
 
 #include <cstdio>
 #include <cstdlib>

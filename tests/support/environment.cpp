@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/environment.h"
+#include "tests/support/environment.h"
 
-#include "support/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 #ifndef CORVEL_TESTS_GOLDEN_FILES_H
 #define CORVEL_TESTS_GOLDEN_FILES_H
 
-#include "support/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/kill_points.h"
+#include "tests/support/kill_points.h"
 
-#include "support/stand_in_calls.h"
+#include "tests/support/stand_in_calls.h"
 
 #include <array>
 #include <cerrno>

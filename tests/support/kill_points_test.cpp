@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/kill_points.h"
+#include "tests/support/kill_points.h"
 
-#include "support/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <chrono>

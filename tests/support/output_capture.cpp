@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/output_capture.h"
+#include "tests/support/output_capture.h"
 
 #include <array>
 #include <cerrno>

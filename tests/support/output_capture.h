@@ -11,7 +11,7 @@
 #ifndef CORVEL_TESTS_OUTPUT_CAPTURE_H
 #define CORVEL_TESTS_OUTPUT_CAPTURE_H
 
-#include "support/child_process.h"
+#include "tests/support/child_process.h"
 
 #include <functional>
 #include <string>

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/private_root.h"
+#include "tests/support/private_root.h"
 
-#include "support/child_process.h"
-#include "support/temporary_directory.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_directory.h"
 
 #include <array>
 #include <cerrno>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/stand_in.h"
+#include "tests/support/stand_in.h"
 
 #include <gtest/gtest.h>
 

@@ -26,7 +26,7 @@
 #ifndef CORVEL_TESTS_STAND_IN_H
 #define CORVEL_TESTS_STAND_IN_H
 
-#include "support/stand_in_calls.h"
+#include "tests/support/stand_in_calls.h"
 
 #include <cerrno>
 #include <cstddef>

@@ -2,7 +2,7 @@
 /* RTLD_NEXT, dladdr(), popen() and lockf() are only declared on request. */
 #define _GNU_SOURCE
 
-#include "support/stand_in_calls.h"
+#include "tests/support/stand_in_calls.h"
 
 #include <dlfcn.h>
 #include <errno.h>

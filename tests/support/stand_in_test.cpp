@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/stand_in.h"
+#include "tests/support/stand_in.h"
 
 #include <corvel.h>
 
-#include "support/environment.h"
-#include "support/output_capture.h"
-#include "support/temporary_directory.h"
+#include "tests/support/environment.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-#include "support/temporary_directory.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -3,11 +3,11 @@
  * descriptor has the flag that says so from the moment it is there. */
 #include <corvel.h>
 
-#include "support/next_definition.h"
-#include "support/output_capture.h"
-#include "support/private_root.h"
-#include "support/stand_in_calls.h"
-#include "support/temporary_directory.h"
+#include "tests/support/next_definition.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/private_root.h"
+#include "tests/support/stand_in_calls.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cstddef>
 #include <cstdint>

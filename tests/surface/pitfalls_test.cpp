@@ -3,11 +3,11 @@
  */
 #include <corvel.h>
 
-#include "firmware/environment_image.h"
-#include "support/child_process.h"
-#include "support/environment.h"
-#include "support/output_capture.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/support/child_process.h"
+#include "tests/support/environment.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/temporary_directory.h"
 
 #include <algorithm>
 #include <array>

@@ -2,10 +2,10 @@
 /* What the shared library shows to the world, against what the header promises. */
 #include <corvel.h>
 
-#include "firmware/environment_image.h"
-#include "firmware/upgrade_image.h"
-#include "support/output_capture.h"
-#include "support/temporary_directory.h"
+#include "tests/firmware/environment_image.h"
+#include "tests/firmware/upgrade_image.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cstddef>
 #include <cstdint>

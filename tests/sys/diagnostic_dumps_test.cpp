@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "support/output_capture.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/output_capture.h"
 
 #include <climits>
 #include <cstdio>
@@ -51,7 +51,7 @@ std::string hex(std::string_view bytes, const std::string &behind_each = "") {
 std::string dumped(const std::string &bytes,
                    const std::function<void(const unsigned char *, int)> &dump) {
     std::string text;
-    for (const Fence fence : {Fence::behind, Fence::in_front}) {
+    for (const Fence fence : {Fence::after, Fence::before}) {
         const GuardedBlock block(bytes, fence);
         text = capture_stdout([&] {
             dump(reinterpret_cast<const unsigned char *>(block.start()),

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "cgi/guarded_block.h"
-#include "support/child_process.h"
-#include "support/output_capture.h"
-#include "support/private_root.h"
-#include "support/stand_in.h"
-#include "support/temporary_directory.h"
-#include "sys/named_process.h"
+#include "tests/support/child_process.h"
+#include "tests/support/guarded_block.h"
+#include "tests/support/named_process.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/private_root.h"
+#include "tests/support/stand_in.h"
+#include "tests/support/temporary_directory.h"
 
 #include <cerrno>
 #include <climits>

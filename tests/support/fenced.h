@@ -4,7 +4,7 @@
 #ifndef CORVEL_TESTS_FENCED_H
 #define CORVEL_TESTS_FENCED_H
 
-#include "cgi/guarded_block.h"
+#include "tests/support/guarded_block.h"
 
 #include <algorithm>
 #include <cstddef>

@@ -13,12 +13,12 @@
 namespace corvel_test {
 
 /** Where a block meets memory that can neither be read nor written. */
-enum class Fence { behind, in_front };
+enum class Fence { after, before };
 
 /** A block of exactly the bytes that it is given, which need not end with a NUL. */
 class GuardedBlock {
   public:
-    explicit GuardedBlock(std::string_view bytes, Fence fence = Fence::behind)
+    explicit GuardedBlock(std::string_view bytes, Fence fence = Fence::after)
         : size_(bytes.size()) {
         const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
         const std::size_t usable = (size_ / page + 1) * page;
@@ -29,7 +29,7 @@ class GuardedBlock {
         memory_ = static_cast<char *>(memory);
         if (mprotect(memory_ + page, usable, PROT_READ | PROT_WRITE) != 0)
             std::abort();
-        start_ = memory_ + page + (fence == Fence::behind ? usable - size_ : 0);
+        start_ = memory_ + page + (fence == Fence::after ? usable - size_ : 0);
         bytes.copy(start_, size_);
     }
     GuardedBlock(const GuardedBlock &) = delete;
