@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_PAGE_BUFFER_H
+#define CORVEL_PAGE_BUFFER_H
+
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace corvel {
+
+/// A string of bytes that grows up to a limit. The first append that fails, because of the limit or
+/// because memory is exhausted, leaves the content as it is and makes every later one fail.
+class Buffer {
+  public:
+    explicit Buffer(std::size_t limit) : limit_(limit) {}
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    ~Buffer() { std::free(start_); }
+
+    bool append(std::string_view bytes) {
+        if (failed_ || !reserve(bytes.size()))
+            return false;
+        if (!bytes.empty())
+            std::memcpy(start_ + size_, bytes.data(), bytes.size());
+        size_ += bytes.size();
+        return true;
+    }
+    bool append(char byte) { return append(std::string_view(&byte, 1)); }
+
+    /// Removes the content and forgets a failure.
+    void clear() {
+        size_ = 0;
+        failed_ = false;
+    }
+
+    [[nodiscard]] bool failed() const { return failed_; }
+    [[nodiscard]] std::size_t size() const { return size_; }
+    [[nodiscard]] char *data() { return start_; }
+    [[nodiscard]] std::string_view bytes() const { return {start_, size_}; }
+
+  private:
+    /// Makes room for further bytes. The capacity doubles, so that the time is linear in the size.
+    bool reserve(std::size_t more) {
+        if (more <= capacity_ - size_)
+            return true;
+        failed_ = more > limit_ - size_;
+        if (failed_)
+            return false;
+        std::size_t capacity = capacity_ < 256 ? 256 : capacity_;
+        while (capacity - size_ < more)
+            capacity = capacity > limit_ / 2 ? limit_ : capacity * 2;
+        auto *const larger = static_cast<char *>(std::realloc(start_, capacity));
+        failed_ = larger == nullptr;
+        if (failed_)
+            return false;
+        start_ = larger;
+        capacity_ = capacity;
+        return true;
+    }
+
+    std::size_t limit_;
+    char *start_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+    bool failed_ = false;
+};
+
+} // namespace corvel
+
+#endif

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_PAGE_REQUEST_H
+#define CORVEL_PAGE_REQUEST_H
+
+#include <string_view>
+
+#include <corvel_page.h>
+
+#include "page/body.h"
+
+namespace corvel {
+
+/// What the modules of the kit use of a request beyond the public functions. All accept null.
+
+/// A variable of the CGI environment, such as "HTTP_IF_NONE_MATCH"; null if it is not set.
+const char *environment(const corvel_request *request, const char *name);
+
+/// The content type of the body with its parameters; empty if there is none.
+const char *content_type(const corvel_request *request);
+
+/// The body, for a reader that takes it as a stream; null if the request was not accepted as
+/// multipart/form-data or its body has been read.
+Body *body_of(corvel_request *request);
+
+/// Adds a field that was read from a multipart form. Returns CORVEL_HTTP_OK, or the status to
+/// answer with if the request's limits do not permit it.
+int add_field(corvel_request *request, std::string_view name, std::string_view value);
+
+/// Stores a component of the path for corvel_path_part(). False if memory is exhausted.
+bool add_path_part(corvel_request *request, std::string_view component);
+
+} // namespace corvel
+
+#endif

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_PAGE_SECRET_H
+#define CORVEL_PAGE_SECRET_H
+
+#include <cstddef>
+#include <string_view>
+
+namespace corvel {
+
+/// Compares two strings in a time that depends on their lengths only.
+bool equal_in_constant_time(std::string_view one, std::string_view other);
+
+/// Fills a buffer with random bytes from the kernel. False if there are none.
+bool random_bytes(void *bytes, std::size_t size);
+
+} // namespace corvel
+
+#endif
