@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** An environment image between pages that nobody may touch, made current by the library. */
+/** Environment images, as the library sees them in memory. */
 #ifndef CORVEL_TESTS_CURRENT_IMAGE_H
 #define CORVEL_TESTS_CURRENT_IMAGE_H
 
@@ -15,21 +15,27 @@
 
 namespace corvel_test {
 
+/** Returns the bytes of env_image_mem. */
+inline std::string_view memory_image() {
+    return {reinterpret_cast<const char *>(env_image_mem), sizeof env_image_mem};
+}
+
+/** An environment image next to an inaccessible page, made current with set_env_ptr(). */
 class CurrentImage {
   public:
     explicit CurrentImage(std::string_view bytes, Fence fence = Fence::after)
         : block_(bytes, fence) {
-        loaded_said_ = capture_stdout([this] { loaded_ = set_env_ptr(block_.start()); });
+        load_output_ = capture_stdout([this] { load_result_ = set_env_ptr(block_.start()); });
     }
 
-    /** What set_env_ptr() answered and printed. */
-    [[nodiscard]] int loaded() const { return loaded_; }
-    [[nodiscard]] const std::string &loaded_said() const { return loaded_said_; }
+    /** The result and the output of set_env_ptr(). */
+    [[nodiscard]] int load_result() const { return load_result_; }
+    [[nodiscard]] const std::string &load_output() const { return load_output_; }
 
     [[nodiscard]] std::string_view bytes() const { return block_.bytes(); }
     [[nodiscard]] char *data() const { return block_.start() + 4; }
 
-    /** Where get_env()'s answer lies in the data area; none for null. */
+    /** The offset in the data of the value that get_env() returns; none for a null pointer. */
     [[nodiscard]] std::optional<std::size_t> offset_of(const char *name) const {
         const char *const value = get_env(name);
         if (value == nullptr)
@@ -39,8 +45,8 @@ class CurrentImage {
 
   private:
     GuardedBlock block_;
-    int loaded_ = -1;
-    std::string loaded_said_;
+    int load_result_ = -1;
+    std::string load_output_;
 };
 
 } // namespace corvel_test
