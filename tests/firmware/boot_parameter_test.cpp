@@ -23,49 +23,51 @@ using Messages = std::vector<RecordSyslog::Message>;
 
 const int bootparam_at_the_start = bootparam;
 
-/** Reads the boot parameter; what it logs and prints is compared as well. */
-void expect_loaded(std::uint32_t shift, const Messages &logged, const std::string &said = "") {
+// --- get_bootparam ---
+
+/** Expects the result, the log messages and the output of get_bootparam(). */
+void expect_loaded(std::uint32_t shift, const Messages &logged, const std::string &output = "") {
     const RecordSyslog log;
-    EXPECT_EQ(capture_stdout([shift] { EXPECT_EQ(get_bootparam(), shift); }), said);
+    EXPECT_EQ(capture_stdout([shift] { EXPECT_EQ(get_bootparam(), shift); }), output);
     EXPECT_EQ(RecordSyslog::messages(), logged);
 }
 
-TEST(GetBootparam, StartsWithSetA) { EXPECT_EQ(bootparam_at_the_start, 0); }
+TEST(get_bootparam, StartsWithSetA) { EXPECT_EQ(bootparam_at_the_start, CORVEL_SET_A); }
 
-TEST(GetBootparam, LeadsToTheIdleSet) {
+TEST(get_bootparam, ReturnsTheShiftToTheIdleSet) {
     on_device({"bootdelay=1", "bootparam=0"}, [] {
-        bootparam = 1;
+        bootparam = CORVEL_SET_B;
         expect_loaded(2, {{LOG_INFO, "bootparam=0\n"}});
-        EXPECT_EQ(bootparam, 0);
+        EXPECT_EQ(bootparam, CORVEL_SET_A);
         write_environment({"bootparam=1"});
         expect_loaded(0, {{LOG_INFO, "bootparam=1\n"}});
-        EXPECT_EQ(bootparam, 1);
+        EXPECT_EQ(bootparam, CORVEL_SET_B);
     });
 }
 
-TEST(GetBootparam, TakesTheNumberModuloTwo) {
+TEST(get_bootparam, UsesTheNumberModuloTwo) {
     on_device({}, [] {
         for (const std::string even : {"0", "2", "", "x", "x1", "-", "-0", "-2", "+4", " 6", "00",
                                        "2147483646", "0x1", "-2147483648", "\xFF"}) {
             write_environment({"bootparam=" + even});
-            bootparam = 1;
+            bootparam = CORVEL_SET_B;
             expect_loaded(2, {{LOG_INFO, "bootparam=0\n"}});
-            EXPECT_EQ(bootparam, 0) << even;
+            EXPECT_EQ(bootparam, CORVEL_SET_A) << even;
         }
         for (const std::string odd :
              {"1", "3", "7", "+5", " 9", "\t\n1", "01", "1x", "1 0", "2147483647"}) {
             write_environment({"bootparam=" + odd});
-            bootparam = 0;
+            bootparam = CORVEL_SET_A;
             expect_loaded(0, {{LOG_INFO, "bootparam=1\n"}});
-            EXPECT_EQ(bootparam, 1) << odd;
+            EXPECT_EQ(bootparam, CORVEL_SET_B) << odd;
         }
     });
 }
 
-TEST(GetBootparam, FailsForANegativeOddNumber) {
+TEST(get_bootparam, FailsForANegativeOddNumber) {
     on_device({}, [] {
         for (const std::string odd : {"-1", "-3", " -7x", "-2147483647"})
-            for (const int before : {0, 1}) {
+            for (const int before : {CORVEL_SET_A, CORVEL_SET_B}) {
                 write_environment({"bootparam=" + odd});
                 bootparam = before;
                 expect_loaded(0, {});
@@ -74,7 +76,7 @@ TEST(GetBootparam, FailsForANegativeOddNumber) {
     });
 }
 
-TEST(GetBootparam, TakesAnyNumberThatNoIntHolds) {
+TEST(get_bootparam, AcceptsANumberOutsideTheRangeOfInt) {
     on_device({}, [] {
         for (const std::string value :
              {"2147483648", "99999999999999999999", "-2147483649", "-99999999999999999999"}) {
@@ -87,9 +89,9 @@ TEST(GetBootparam, TakesAnyNumberThatNoIntHolds) {
     });
 }
 
-TEST(GetBootparam, FailsWithoutTheVariable) {
+TEST(get_bootparam, FailsWithoutTheVariable) {
     on_device({"bootparams=1", "boot=1", "xbootparam=1"}, [] {
-        for (const int before : {0, 1}) {
+        for (const int before : {CORVEL_SET_A, CORVEL_SET_B}) {
             bootparam = before;
             expect_loaded(0, {});
             EXPECT_EQ(bootparam, before);
@@ -97,9 +99,9 @@ TEST(GetBootparam, FailsWithoutTheVariable) {
     });
 }
 
-TEST(GetBootparam, FailsWithoutAGoodEnvironment) {
+TEST(get_bootparam, FailsWithoutAValidEnvironment) {
     on_device({}, [] {
-        for (const int before : {0, 1}) {
+        for (const int before : {CORVEL_SET_A, CORVEL_SET_B}) {
             bootparam = before;
             write_file(environment_device,
                        EnvironmentImage::of_data("bootparam=1\0\0"s, 1).bytes());
@@ -113,17 +115,19 @@ TEST(GetBootparam, FailsWithoutAGoodEnvironment) {
     });
 }
 
-TEST(SaveBootparam, StoresTheOtherSet) {
-    for (const int running : {0, 1}) {
+// --- save_bootparam ---
+
+TEST(save_bootparam, StoresTheOtherSet) {
+    for (const int running : {CORVEL_SET_A, CORVEL_SET_B}) {
         const std::string before = "bootparam=" + std::to_string(running);
         on_device({before, "bootdelay=1"}, [running, &before] {
             EnvironmentImage model({before, "bootdelay=1"});
             const RecordSyslog log;
             get_bootparam();
             EXPECT_EQ(capture_stdout([] { EXPECT_EQ(save_bootparam(), 0U); }), "");
-            model.set("bootparam", running == 0 ? "1" : "0");
+            model.set("bootparam", running == CORVEL_SET_A ? "1" : "0");
             EXPECT_EQ(read_file(environment_device), model.bytes());
-            EXPECT_EQ(bootparam, running) << "this is the set that still runs";
+            EXPECT_EQ(bootparam, running) << "this set still runs";
             // Saving once more changes nothing.
             EXPECT_EQ(save_bootparam(), 0U);
             EXPECT_EQ(read_file(environment_device), model.bytes());
@@ -132,7 +136,7 @@ TEST(SaveBootparam, StoresTheOtherSet) {
     }
 }
 
-TEST(SaveBootparam, FlipsForthAndBack) {
+TEST(save_bootparam, AlternatesBetweenTheSets) {
     on_device({"bootparam=0"}, [] {
         const RecordSyslog log;
         for (int boot = 0; boot < 6; ++boot) {
@@ -143,7 +147,7 @@ TEST(SaveBootparam, FlipsForthAndBack) {
     });
 }
 
-TEST(SaveBootparam, StoresTheOtherSetOfANumberModuloTwo) {
+TEST(save_bootparam, StoresTheOtherSetOfANumberModuloTwo) {
     on_device({"bootparam=7"}, [] {
         const RecordSyslog log;
         EXPECT_EQ(get_bootparam(), 0U);
@@ -152,7 +156,7 @@ TEST(SaveBootparam, StoresTheOtherSetOfANumberModuloTwo) {
     });
 }
 
-TEST(SaveBootparam, StoresSetBWhereNothingSaidWhatRuns) {
+TEST(save_bootparam, StoresSetBIfTheRunningSetIsUnknown) {
     on_device({"bootdelay=1"}, [] {
         EXPECT_EQ(get_bootparam(), 0U);
         EXPECT_EQ(save_bootparam(), 0U);
@@ -161,23 +165,23 @@ TEST(SaveBootparam, StoresSetBWhereNothingSaidWhatRuns) {
     });
 }
 
-TEST(SaveBootparam, FollowsWhatTheProgramSetsBootparamTo) {
+TEST(save_bootparam, UsesTheValueThatTheProgramAssigned) {
     on_device({"bootparam=0"}, [] {
         const RecordSyslog log;
         get_bootparam();
-        bootparam = 1;
+        bootparam = CORVEL_SET_B;
         EXPECT_EQ(save_bootparam(), 0U);
         EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
     });
 }
 
-TEST(SaveBootparam, TakesAnyOtherNumberForSetA) {
+TEST(save_bootparam, TreatsAnyOtherNumberAsSetA) {
     on_device({"bootparam=0"}, [] {
         const RecordSyslog log;
         get_bootparam();
         const std::string set_b = EnvironmentImage({"bootparam=1"}).bytes();
         for (const int other : {-1, 2, 3, -2, 256, 257, INT_MIN, INT_MAX, 0}) {
-            bootparam = 1;
+            bootparam = CORVEL_SET_B;
             EXPECT_EQ(save_bootparam(), 0U);
             EXPECT_NE(read_file(environment_device), set_b);
             bootparam = other;
@@ -188,7 +192,7 @@ TEST(SaveBootparam, TakesAnyOtherNumberForSetA) {
     });
 }
 
-TEST(SaveBootparam, FailsWhereTheVariableDoesNotFit) {
+TEST(save_bootparam, FailsIfTheVariableDoesNotFit) {
     on_device({"long=" + std::string(CORVEL_ENV_DATA_SIZE - 7, 'v')}, [] {
         const std::string before = read_file(environment_device);
         get_bootparam();
@@ -198,7 +202,7 @@ TEST(SaveBootparam, FailsWhereTheVariableDoesNotFit) {
     });
 }
 
-TEST(SaveBootparam, SucceedsWhereTheDeviceCannotBeOpened) {
+TEST(save_bootparam, SucceedsIfTheDeviceCannotBeOpened) {
     on_device({"bootparam=0"}, [] {
         const RecordSyslog log;
         get_bootparam();

@@ -17,6 +17,7 @@
 
 namespace corvel_test {
 
+/** The block device of the boot environment. */
 constexpr const char *environment_device = "/dev/mtdblock1";
 
 inline std::string block_device(unsigned int index) {
@@ -27,7 +28,7 @@ inline void write_environment(const std::vector<std::string> &entries) {
     write_file(environment_device, EnvironmentImage(entries).bytes());
 }
 
-/** Runs a piece of a test in a private root where the environment has these entries. */
+/** Runs a part of a test in a private root where the environment has these entries. */
 inline void on_device(const std::vector<std::string> &entries, const std::function<void()> &body) {
     in_private_root([&] {
         write_environment(entries);
