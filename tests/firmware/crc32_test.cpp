@@ -35,7 +35,7 @@ std::string counting_bytes(std::size_t size) {
     return bytes;
 }
 
-TEST(Crc32, GivesTheStandardCheckValues) {
+TEST(crc32, ReturnsTheStandardCheckValues) {
     EXPECT_EQ(crc_of("123456789"), 0xCBF43926U);
     EXPECT_EQ(crc_of("a"), 0xE8B7BE43U);
     EXPECT_EQ(crc_of("abc"), 0x352441C2U);
@@ -44,7 +44,7 @@ TEST(Crc32, GivesTheStandardCheckValues) {
     EXPECT_EQ(crc_of(counting_bytes(32)), 0x91267E8AU);
 }
 
-TEST(Crc32, OfNoBytesIsZero) {
+TEST(crc32, IsZeroForNoBytes) {
     const unsigned char byte = 'a';
     EXPECT_EQ(crc32(&byte, 0), 0U);
     EXPECT_EQ(crc32(nullptr, 0), 0U);
@@ -54,13 +54,13 @@ TEST(Crc32, OfNoBytesIsZero) {
     }
 }
 
-TEST(Crc32, StartsFreshEachTime) {
+TEST(crc32, StartsAnewInEachCall) {
     EXPECT_EQ(crc_of("12345"), reference_crc("12345"));
     EXPECT_EQ(crc_of("6789"), reference_crc("6789"));
     EXPECT_EQ(crc_of("12345"), reference_crc("12345"));
 }
 
-TEST(Crc32, IsRightAtEveryLengthAndAlignment) {
+TEST(crc32, IsRightForEveryLengthAndAlignment) {
     const std::string bytes = random_bytes(700);
     for (std::size_t start = 0; start < 16; ++start)
         for (std::size_t length = 0; start + length <= bytes.size(); ++length) {
@@ -69,7 +69,7 @@ TEST(Crc32, IsRightAtEveryLengthAndAlignment) {
         }
 }
 
-TEST(Crc32, ReadsNothingOutsideOfItsBytes) {
+TEST(crc32, ReadsNothingOutsideItsBytes) {
     const std::string bytes = random_bytes(300);
     for (std::size_t length = 0; length <= bytes.size(); ++length)
         for (const Fence fence : {Fence::after, Fence::before}) {
@@ -78,7 +78,7 @@ TEST(Crc32, ReadsNothingOutsideOfItsBytes) {
         }
 }
 
-TEST(Crc32, ChangesWithEveryBit) {
+TEST(crc32, ChangesWithEveryBit) {
     std::string bytes = random_bytes(200);
     const std::uint32_t before = crc_of(bytes);
     for (std::size_t bit = 0; bit < bytes.size() * 8; ++bit) {
@@ -89,12 +89,12 @@ TEST(Crc32, ChangesWithEveryBit) {
     }
 }
 
-TEST(Crc32, TakesAWholeFlash) {
+TEST(crc32, IsRightForAWholeFlash) {
     const std::string bytes = random_bytes(16U << 20);
     EXPECT_EQ(crc_of(bytes), reference_crc(bytes));
 }
 
-TEST(Crc32, GivesTheGoldenWordsAlike) {
+TEST(crc32, ReturnsTheGoldenWords) {
     const std::string bytes = golden("crc32.bin");
     std::istringstream ranges(golden("crc32.txt"));
     std::string words;

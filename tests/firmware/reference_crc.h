@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** CRC-32 from its definition, a bit at a time, to hold the library's against. */
+/** CRC-32 computed bit by bit, from its definition, as a reference for the library. */
 #ifndef CORVEL_TESTS_REFERENCE_CRC_H
 #define CORVEL_TESTS_REFERENCE_CRC_H
 
@@ -10,13 +10,14 @@
 
 namespace corvel_test {
 
-/** What a register of zeros becomes when one byte is shifted in. */
+/** Returns the CRC register after one byte is shifted into a register of zeros. */
 constexpr std::uint32_t shift_in(std::uint32_t byte) {
     for (int bit = 0; bit < 8; ++bit)
         byte = (byte & 1) != 0 ? byte >> 1 ^ 0xEDB88320 : byte >> 1;
     return byte;
 }
 
+/** Returns shift_in() of each byte value. */
 constexpr std::array<std::uint32_t, 256> shift_in_each() {
     std::array<std::uint32_t, 256> table{};
     for (std::uint32_t byte = 0; byte < table.size(); ++byte)
@@ -24,7 +25,7 @@ constexpr std::array<std::uint32_t, 256> shift_in_each() {
     return table;
 }
 
-/** The same for each byte, so that whole images are quick. */
+/** The table that makes the CRC of a whole image fast. */
 inline constexpr std::array<std::uint32_t, 256> shifted_in = shift_in_each();
 
 constexpr std::uint32_t reference_crc(std::string_view bytes) {
@@ -34,7 +35,7 @@ constexpr std::uint32_t reference_crc(std::string_view bytes) {
     return crc ^ 0xFFFFFFFF;
 }
 
-/** A word as the file formats store it. */
+/** Returns a word as the file formats store it, in big-endian order. */
 inline std::string stored(std::uint32_t word) {
     return {static_cast<char>(word >> 24 & 0xFF), static_cast<char>(word >> 16 & 0xFF),
             static_cast<char>(word >> 8 & 0xFF), static_cast<char>(word & 0xFF)};
