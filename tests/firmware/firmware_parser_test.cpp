@@ -5,6 +5,7 @@
 #include "tests/firmware/flash.h"
 #include "tests/firmware/upgrade_image.h"
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/golden_files.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/kill_points.h"
@@ -40,18 +41,18 @@ using namespace corvel_test;
 using namespace std::string_literals;
 namespace fs = std::filesystem;
 
-constexpr std::size_t record_room = 5 * sizeof(img_info);
+constexpr std::size_t records_size = CORVEL_IMAGE_RECORDS * sizeof(img_info);
 
-/** The values at which a field's arithmetic could turn over. */
+/** Values at which the arithmetic of a field could wrap around. */
 constexpr std::uint32_t extremes[] = {0,          1,          2,          19,         20,
                                       254,        255,        256,        0x7FFFFFFF, 0x80000000,
                                       0xFFFFFFEB, 0xFFFFFFEC, 0xFFFFFFFE, 0xFFFFFFFF};
 
-/** What parse_firmware() answered, logged and left in the caller's array. */
+/** What parse_firmware() returns, stores and logs. */
 struct Parsed {
     int count = -1;
     int code = -1;
-    std::vector<Record> records; /**< All that were filled, whatever the count says. */
+    std::vector<Record> records; /**< All records filled, regardless of the count. */
     std::vector<RecordSyslog::Message> log;
 };
 
@@ -65,26 +66,26 @@ Record record_of(const img_info &info, const char *image) {
             info.base_mtd_id};
 }
 
-/** Parses an image that ends, or begins, where its memory does. */
-Parsed parsed(std::string_view image, Fence fence = Fence::after) {
+/** Parses an image that ends or begins at an inaccessible page. */
+Parsed parse(std::string_view image, Fence fence = Fence::after) {
     const GuardedBlock block(image, fence);
     const std::string untouched(sizeof(img_info), '\x5A');
-    const GuardedBlock room(std::string(record_room, '\x5A'));
-    auto *const records = static_cast<img_info *>(static_cast<void *>(room.start()));
+    const GuardedBlock array(std::string(records_size, '\x5A'));
+    auto *const records = static_cast<img_info *>(static_cast<void *>(array.start()));
     const RecordSyslog log;
-    Parsed answer;
-    answer.count = parse_firmware(reinterpret_cast<const unsigned char *>(block.start()),
-                                  static_cast<unsigned int>(image.size()), records, &answer.code);
-    answer.log = RecordSyslog::messages();
-    for (std::size_t i = 0; i < 5; ++i)
-        if (room.bytes().substr(i * sizeof(img_info), sizeof(img_info)) != untouched)
-            answer.records.push_back(record_of(records[i], block.start()));
+    Parsed parsed;
+    parsed.count = parse_firmware(reinterpret_cast<const unsigned char *>(block.start()),
+                                  static_cast<unsigned int>(image.size()), records, &parsed.code);
+    parsed.log = RecordSyslog::messages();
+    for (std::size_t i = 0; i < CORVEL_IMAGE_RECORDS; ++i)
+        if (array.bytes().substr(i * sizeof(img_info), sizeof(img_info)) != untouched)
+            parsed.records.push_back(record_of(records[i], block.start()));
     EXPECT_EQ(block.bytes(), image);
-    return answer;
+    return parsed;
 }
 
-RecordSyslog::Message last_line(const Parsed &answer) {
-    return answer.log.empty() ? RecordSyslog::Message{-1, "nothing"} : answer.log.back();
+RecordSyslog::Message last_line(const Parsed &parsed) {
+    return parsed.log.empty() ? RecordSyslog::Message{-1, "nothing"} : parsed.log.back();
 }
 
 std::string hex_of(std::string_view bytes) {
@@ -97,13 +98,12 @@ std::string hex_of(std::string_view bytes) {
     return text;
 }
 
-/** Whether the log is as told. Of a CRC that is not all there, no value is told. */
-bool is_logged(const Parsed &answer, const Verdict &verdict, bool bootparam_is_logged) {
-    std::vector<LogLine> expected = verdict.log;
+/** Whether the log is as expected; the value of an incomplete CRC is not compared. */
+bool is_logged(const Parsed &parsed, const Expected &expected, bool bootparam_is_logged) {
+    std::vector<LogLine> lines = expected.log;
     if (bootparam_is_logged)
-        expected.insert(expected.begin(),
-                        {LOG_INFO, "bootparam=" + std::to_string(bootparam) + "\n"});
-    return std::equal(answer.log.begin(), answer.log.end(), expected.begin(), expected.end(),
+        lines.insert(lines.begin(), {LOG_INFO, "bootparam=" + std::to_string(bootparam) + "\n"});
+    return std::equal(parsed.log.begin(), parsed.log.end(), lines.begin(), lines.end(),
                       [](const RecordSyslog::Message &message, const LogLine &line) {
                           return message.priority == line.priority &&
                                  (line.text.ends_with("crc0=") ? message.text.starts_with(line.text)
@@ -111,50 +111,54 @@ bool is_logged(const Parsed &answer, const Verdict &verdict, bool bootparam_is_l
                       });
 }
 
-std::string text_of(const Parsed &answer) {
+std::string text_of(const Parsed &parsed) {
     std::ostringstream text;
-    text << "count " << answer.count << ", code " << answer.code << '\n';
-    for (const Record &record : answer.records)
+    text << "count " << parsed.count << ", code " << parsed.code << '\n';
+    for (const Record &record : parsed.records)
         text << record << '\n';
-    for (const RecordSyslog::Message &message : answer.log)
+    for (const RecordSyslog::Message &message : parsed.log)
         text << message.priority << ' ' << message.text << '\n';
     return text.str();
 }
 
-/** Whether the library's answer is the one that the rules give, and inside of the image. */
-testing::AssertionResult is_judged_right(std::string_view image, Fence fence = Fence::after,
-                                         std::uint32_t shift = 2) {
-    const Parsed answer = parsed(image, fence);
-    const Verdict verdict = judge(image, shift);
+/** Whether the result is that of the model, and all records are inside the image. */
+testing::AssertionResult agrees_with_model(std::string_view image, Fence fence = Fence::after,
+                                           std::uint32_t shift = 2) {
+    const Parsed parsed = parse(image, fence);
+    const Expected expected = expected_of(image, shift);
     const int count =
-        verdict.code == CORVEL_IMAGE_ACCEPTED ? static_cast<int>(verdict.records.size()) : 0;
+        expected.code == CORVEL_IMAGE_ACCEPTED ? static_cast<int>(expected.records.size()) : 0;
     bool inside = true;
-    for (const Record &record : answer.records)
+    for (const Record &record : parsed.records)
         inside = inside && record.offset + record.length <= image.size();
-    if (inside && answer.code == verdict.code && answer.count == count &&
-        answer.records == verdict.records && is_logged(answer, verdict, true))
+    if (inside && parsed.code == expected.code && parsed.count == count &&
+        parsed.records == expected.records && is_logged(parsed, expected, true))
         return testing::AssertionSuccess();
     auto failure = testing::AssertionFailure();
-    failure << "got " << text_of(answer) << "expected code " << verdict.code << '\n';
-    for (const Record &record : verdict.records)
+    failure << "got " << text_of(parsed) << "expected code " << expected.code << '\n';
+    for (const Record &record : expected.records)
         failure << record << '\n';
-    for (const LogLine &line : verdict.log)
+    for (const LogLine &line : expected.log)
         failure << line.priority << ' ' << line.text << '\n';
     return failure << "image of " << image.size() << " bytes: " << hex_of(image);
 }
 
-/** The codes that a test met, so that none is believed to be tried that never was. */
-class CodesMet {
+/** Counts the results that the images of a test have, to ensure that it covers each of them. */
+class CodesCovered {
   public:
-    void add(std::string_view image) { ++met_[static_cast<std::size_t>(judge(image, 2).code)]; }
-    [[nodiscard]] bool all() const { return std::find(met_.begin(), met_.end(), 0) == met_.end(); }
-    [[nodiscard]] int of(std::size_t code) const { return met_[code]; }
+    void add(std::string_view image) {
+        ++counts_[static_cast<std::size_t>(expected_of(image, 2).code)];
+    }
+    [[nodiscard]] bool all() const {
+        return std::find(counts_.begin(), counts_.end(), 0) == counts_.end();
+    }
+    [[nodiscard]] int of(std::size_t code) const { return counts_[code]; }
 
   private:
-    std::array<int, 6> met_{};
+    std::array<int, 6> counts_{};
 };
 
-/** A device that runs set A. */
+/** Runs a part of a test on a device that runs set A. */
 void on_set_a(const std::function<void()> &body) { on_device({"bootparam=0"}, body); }
 
 std::string good_image() {
@@ -163,19 +167,22 @@ std::string good_image() {
                           {.signature = "kern", .data = "kernel"}});
 }
 
-TEST(ParseFirmware, ListsTheSectionsAndLogsEachStep) {
+// --- parse_firmware ---
+
+TEST(parse_firmware, ListsTheSectionsAndLogsEachStep) {
     on_set_a([] {
         const std::string image = good_image();
-        const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.count, 4);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
-        // Offsets: 20 of header, 6 and a checksum byte; 20, 10 and 2 and one; 20, 6 and one.
-        EXPECT_EQ(answer.records,
+        const Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.count, 4);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_ACCEPTED);
+        // Each section: 20 bytes of header, data, padding, checksum: 20+6+1, 20+10+2+1, 20+6+1.
+        EXPECT_EQ(parsed.records,
                   (std::vector<Record>{
                       {"/tmp/firmware/Boot.bin", 20, 6, 0xBFC00000, 0, "/dev/mtdblock0", 0},
                       {"/tmp/firmware/Rootfs.bin", 47, 10, 0, 4, "/dev/mtdblock4", 2},
                       {"/tmp/firmware/Linux_kernel.bin", 80, 6, 0, 5, "/dev/mtdblock5", 3},
-                      {"/tmp/firmware/Ver0.bin", 87, 29, 0, 255, "/dev/mtdblock255", 255},
+                      {"/tmp/firmware/Ver0.bin", 87, 29, 0, CORVEL_NOT_WRITTEN, "/dev/mtdblock255",
+                       CORVEL_NOT_WRITTEN},
                   }));
         const std::vector<RecordSyslog::Message> log = {
             {LOG_INFO, "bootparam=0\n"},
@@ -205,54 +212,53 @@ TEST(ParseFirmware, ListsTheSectionsAndLogsEachStep) {
             {LOG_INFO, "mtd_ids= 255\n"},
             {LOG_INFO, "mtdev= /dev/mtdblock255"},
         };
-        EXPECT_EQ(answer.log, log);
+        EXPECT_EQ(parsed.log, log);
     });
 }
 
-TEST(ParseFirmware, PrintsNothingAndCreatesNothing) {
+TEST(parse_firmware, PrintsAndCreatesNothing) {
     on_set_a([] {
         EXPECT_EQ(
-            capture_stdout([] { EXPECT_EQ(parsed(good_image()).code, CORVEL_IMAGE_ACCEPTED); }),
-            "");
+            capture_stdout([] { EXPECT_EQ(parse(good_image()).code, CORVEL_IMAGE_ACCEPTED); }), "");
         EXPECT_FALSE(fs::exists("/tmp/firmware"));
         EXPECT_FALSE(fs::exists("/dev/mtdblock4"));
         EXPECT_EQ(read_file(environment_device), EnvironmentImage({"bootparam=0"}).bytes());
     });
 }
 
-/** The devices that records are for. */
+/** Returns the devices of the records. */
 std::vector<std::uint32_t> devices(std::string_view image) {
     std::vector<std::uint32_t> found;
-    for (const Record &record : parsed(image).records)
+    for (const Record &record : parse(image).records)
         found.push_back(record.device);
     return found;
 }
 
-TEST(ParseFirmware, ChoosesTheIdleSet) {
+TEST(parse_firmware, ChoosesTheIdleSet) {
     const std::string image = upgrade_image(
         {{.signature = "root", .data = "files"}, {.signature = "kern", .data = "kernel"}});
     on_device({"bootparam=0"}, [&image] {
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, CORVEL_NOT_WRITTEN}));
         write_environment({"bootparam=1"});
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, CORVEL_NOT_WRITTEN}));
-        EXPECT_TRUE(is_judged_right(image, Fence::after, 0));
+        EXPECT_TRUE(agrees_with_model(image, Fence::after, 0));
     });
 }
 
-TEST(ParseFirmware, ChoosesSetAWhereNothingSaysWhatRuns) {
+TEST(parse_firmware, ChoosesSetAIfTheRunningSetIsUnknown) {
     const std::string image = upgrade_image({{.signature = "root", .data = "files"}});
     in_private_root([&image] {
-        const Verdict verdict = judge(image, 0);
-        Parsed answer;
-        EXPECT_EQ(capture_stdout([&] { answer = parsed(image); }),
+        const Expected expected = expected_of(image, 0);
+        Parsed parsed;
+        EXPECT_EQ(capture_stdout([&] { parsed = parse(image); }),
                   "Err: can not open file /dev/mtdblock1\n");
-        EXPECT_EQ(answer.records, verdict.records);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
-        EXPECT_TRUE(is_logged(answer, verdict, false));
+        EXPECT_EQ(parsed.records, expected.records);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_ACCEPTED);
+        EXPECT_TRUE(is_logged(parsed, expected, false));
     });
 }
 
-TEST(ParseFirmware, ShiftsNoOtherPartition) {
+TEST(parse_firmware, ShiftsNoOtherPartition) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
             const bool is_in_set_a = partition.device == 2 || partition.device == 3;
@@ -264,133 +270,134 @@ TEST(ParseFirmware, ShiftsNoOtherPartition) {
     });
 }
 
-TEST(ParseFirmware, KeepsTheBurnAddressOfTheBootLoaderAlone) {
+TEST(parse_firmware, KeepsOnlyTheBurnAddressOfTheBootLoader) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
             const std::string image =
                 Section{.signature = partition.signature, .data = "data", .burnaddr = 0x9F000000}
                     .bytes();
-            const Parsed answer = parsed(image);
-            ASSERT_EQ(answer.records.size(), 1U);
-            EXPECT_EQ(answer.records[0].burnaddr, partition.device == 0 ? 0x9F000000 : 0);
+            const Parsed parsed = parse(image);
+            ASSERT_EQ(parsed.records.size(), 1U);
+            EXPECT_EQ(parsed.records[0].burnaddr, partition.device == 0 ? 0x9F000000 : 0);
         }
     });
 }
 
-TEST(ParseFirmware, WritesTheConfigurationWithItsHeader) {
+TEST(parse_firmware, IncludesTheHeaderOfTheConfiguration) {
     on_set_a([] {
         const std::string section =
             Section{.signature = "conf", .data = "settings", .padding = "pad"}.bytes();
-        const Parsed answer = parsed(section);
-        ASSERT_EQ(answer.count, 1);
-        EXPECT_EQ(answer.records[0].offset, 0U);
-        EXPECT_EQ(answer.records[0].length, section.size());
+        const Parsed parsed = parse(section);
+        ASSERT_EQ(parsed.count, 1);
+        EXPECT_EQ(parsed.records[0].offset, 0U);
+        EXPECT_EQ(parsed.records[0].length, section.size());
     });
 }
 
-TEST(ParseFirmware, AcceptsAnImageWithoutVersionSectionWithoutACrc) {
+TEST(parse_firmware, ChecksTheCrcOnlyIfTheLastSectionIsAVersionSection) {
     on_set_a([] {
         const std::string image = Section{.signature = "root", .data = "files"}.bytes() +
                                   Section{.signature = "kern", .data = "kernel"}.bytes();
-        EXPECT_EQ(parsed(image).count, 2);
-        EXPECT_TRUE(is_judged_right(image));
-        // A version section that is not the last one is not asked either.
-        const std::string behind =
+        EXPECT_EQ(parse(image).count, 2);
+        EXPECT_TRUE(agrees_with_model(image));
+        // The CRC of a version section that is not the last one is not checked either.
+        const std::string version_first =
             version_section() + Section{.signature = "root", .data = "files"}.bytes();
-        EXPECT_EQ(parsed(behind).count, 2);
-        EXPECT_TRUE(is_judged_right(behind));
+        EXPECT_EQ(parse(version_first).count, 2);
+        EXPECT_TRUE(agrees_with_model(version_first));
     });
 }
 
-TEST(ParseFirmware, SkipsUnknownSections) {
+TEST(parse_firmware, SkipsUnknownSections) {
     on_set_a([] {
         const std::string unknown = raw_section("????", 1, 2, 99, 5, "other");
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
         const std::string image =
             with_crc(unknown + root + unknown + unknown + unknown + root + version_section());
-        const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
-        EXPECT_EQ(answer.count, 3);
-        EXPECT_TRUE(is_judged_right(image));
+        const Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_ACCEPTED);
+        EXPECT_EQ(parsed.count, 3);
+        EXPECT_TRUE(agrees_with_model(image));
     });
 }
 
-TEST(ParseFirmware, ReadsTheCrcAtTheEndOfTheVersionSection) {
+TEST(parse_firmware, ReadsTheCrcAtTheEndOfTheVersionSection) {
     on_set_a([] {
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
-        // Behind the version section stand bytes that no section covers, or an unknown section: the
-        // CRC of all but the image's last four bytes is looked for in the version section's end.
+        // After the version section there are bytes that no section covers, or an unknown section.
+        // The CRC of everything except the image's last four bytes is compared with the last four
+        // bytes of the version section.
         for (const std::string &tail : {std::string(4, 'x'), std::string(20, '\0'),
                                         raw_section("????", 0, 0, 0, 5, "other")}) {
             const std::string image = with_crc(root + version_section() + tail);
-            EXPECT_EQ(parsed(image).code, CORVEL_IMAGE_BAD_CRC);
-            EXPECT_TRUE(is_judged_right(image));
+            EXPECT_EQ(parse(image).code, CORVEL_IMAGE_BAD_CRC);
+            EXPECT_TRUE(agrees_with_model(image));
         }
     });
 }
 
-TEST(ParseFirmware, RefusesABadCrc) {
+TEST(parse_firmware, RefusesABadCrc) {
     on_set_a([] {
         std::string image = good_image();
         image.back() = static_cast<char>(image.back() ^ 1);
-        const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
-        EXPECT_EQ(answer.records.size(), 4U);
+        const Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.count, 0);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_BAD_CRC);
+        EXPECT_EQ(parsed.records.size(), 4U);
         const std::uint32_t computed = reference_crc(good_image().substr(0, image.size() - 4));
-        EXPECT_EQ(last_line(answer).priority, LOG_ERR);
-        EXPECT_EQ(last_line(answer).text,
+        EXPECT_EQ(last_line(parsed).priority, LOG_ERR);
+        EXPECT_EQ(last_line(parsed).text,
                   log_line(LOG_ERR, "Warning - bad CRC, crc=0x%04x, crc0=0x%04x\n", computed,
                            computed ^ 1)
                       .text);
     });
 }
 
-TEST(ParseFirmware, RefusesABadPayloadBeforeItLooksAtTheCrc) {
+TEST(parse_firmware, ChecksThePayloadsBeforeTheCrc) {
     on_set_a([] {
         std::string image = good_image();
         image[50] = static_cast<char>(image[50] + 1);
-        Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CHECKSUM);
-        EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.records.size(), 1U);
-        EXPECT_EQ(last_line(answer),
+        Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_BAD_CHECKSUM);
+        EXPECT_EQ(parsed.count, 0);
+        EXPECT_EQ(parsed.records.size(), 1U);
+        EXPECT_EQ(last_line(parsed),
                   (RecordSyslog::Message{LOG_ERR, "root image checksum error at 2F!\n"}));
-        // With the checksum byte put right, only the CRC tells.
+        // With the checksum byte corrected, only the CRC is wrong.
         image[59] = static_cast<char>(image[59] - 1);
-        answer = parsed(image);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
-        EXPECT_EQ(answer.count, 0);
+        parsed = parse(image);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_BAD_CRC);
+        EXPECT_EQ(parsed.count, 0);
     });
 }
 
-TEST(ParseFirmware, SumsUpNothingWhereTheHeaderSaysSo) {
+TEST(parse_firmware, ChecksNoChecksumIfTheHeaderSaysNotWritten) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
             const std::string image = raw_section(partition.signature, 0, CORVEL_NOT_WRITTEN, 0, 5,
                                                   "\x01\x02"
                                                   "abc");
-            EXPECT_EQ(parsed(image).code, partition.device == CORVEL_NOT_WRITTEN
-                                              ? CORVEL_IMAGE_BAD_CRC
-                                              : CORVEL_IMAGE_ACCEPTED);
-            EXPECT_TRUE(is_judged_right(image));
+            EXPECT_EQ(parse(image).code, partition.device == CORVEL_NOT_WRITTEN
+                                             ? CORVEL_IMAGE_BAD_CRC
+                                             : CORVEL_IMAGE_ACCEPTED);
+            EXPECT_TRUE(agrees_with_model(image));
         }
     });
 }
 
-TEST(ParseFirmware, HasNoSizeLimitWhereTheHeaderSaysSo) {
+TEST(parse_firmware, ChecksNoSizeIfTheHeaderSaysNotWritten) {
     on_set_a([] {
         const std::string payload(0x20000, 'x');
         for (const char *signature : {"benv", "conf", "artp"}) {
             const std::string image =
                 raw_section(signature, 0, CORVEL_NOT_WRITTEN, 0, 0x20000, payload);
-            EXPECT_EQ(parsed(image).count, 1);
-            EXPECT_TRUE(is_judged_right(image));
+            EXPECT_EQ(parse(image).count, 1);
+            EXPECT_TRUE(agrees_with_model(image));
         }
     });
 }
 
-TEST(ParseFirmware, AcceptsWhatFillsAPartitionAndNoByteMore) {
+TEST(parse_firmware, AcceptsASectionThatFillsItsPartitionButNoByteMore) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
             const std::size_t fitting =
@@ -401,26 +408,26 @@ TEST(ParseFirmware, AcceptsWhatFillsAPartitionAndNoByteMore) {
                             .data = std::string(fitting + more, 'd'),
                             .padding = partition.strips_header ? "padding" : ""}
                         .bytes();
-                // The version section is then the last one, and its CRC is not right.
+                // A version section is the last one in this image, and its CRC is wrong.
                 const int fine = partition.device == CORVEL_NOT_WRITTEN ? CORVEL_IMAGE_BAD_CRC
                                                                         : CORVEL_IMAGE_ACCEPTED;
-                EXPECT_EQ(parsed(image).code, more == 0 ? fine : CORVEL_IMAGE_SECTION_TOO_LARGE)
+                EXPECT_EQ(parse(image).code, more == 0 ? fine : CORVEL_IMAGE_SECTION_TOO_LARGE)
                     << partition.name;
-                EXPECT_TRUE(is_judged_right(image));
+                EXPECT_TRUE(agrees_with_model(image));
             }
         }
     });
 }
 
-TEST(ParseFirmware, LogsASectionThatIsTooLarge) {
+TEST(parse_firmware, LogsASectionThatIsTooLarge) {
     on_set_a([] {
         const std::string image =
             Section{
                 .signature = "conf", .data = std::string(0xFFEC, 'c'), .burnaddr = 10, .mtd_id = 7}
                 .bytes();
-        const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_SECTION_TOO_LARGE);
-        EXPECT_EQ(answer.log,
+        const Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_SECTION_TOO_LARGE);
+        EXPECT_EQ(parsed.log,
                   (std::vector<RecordSyslog::Message>{
                       {LOG_INFO, "bootparam=0\n"},
                       {LOG_INFO, "find firmware (Config)\n"},
@@ -428,76 +435,75 @@ TEST(ParseFirmware, LogsASectionThatIsTooLarge) {
                                  "0x0000,  len = 0xffed\n"},
                       {LOG_ERR, "conf image size(10001) > 10000!\n"},
                   }));
-        EXPECT_TRUE(answer.records.empty());
+        EXPECT_TRUE(parsed.records.empty());
         const std::string fitting =
             Section{.signature = "conf", .data = std::string(0xFFEB, 'c')}.bytes();
-        EXPECT_EQ(parsed(fitting).code, CORVEL_IMAGE_ACCEPTED);
+        EXPECT_EQ(parse(fitting).code, CORVEL_IMAGE_ACCEPTED);
     });
 }
 
-TEST(ParseFirmware, RefusesPaddingThatIsLargerThanThePayload) {
+TEST(parse_firmware, RefusesPaddingLargerThanThePayload) {
     on_set_a([] {
         for (const std::uint32_t pad : {5U, 6U, 100U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
             const std::string image = raw_section("root", 0, 0, pad, 5, std::string(5, '\0'));
-            // The size turns over; 4 - 0xFFFFFFFF is 5, which is one byte of checksum too many.
-            EXPECT_EQ(parsed(image).code,
+            // The size wraps around: 4 - 0xFFFFFFFF is 5, which includes the checksum byte.
+            EXPECT_EQ(parse(image).code,
                       pad == 0xFFFFFFFF ? CORVEL_IMAGE_ACCEPTED : CORVEL_IMAGE_SECTION_TOO_LARGE)
                 << pad;
-            EXPECT_TRUE(is_judged_right(image));
+            EXPECT_TRUE(agrees_with_model(image));
         }
         const std::string none = raw_section("root", 0, 0, 0, 0, "x");
-        EXPECT_EQ(parsed(none).code, CORVEL_IMAGE_SECTION_TOO_LARGE);
-        EXPECT_TRUE(is_judged_right(none));
+        EXPECT_EQ(parse(none).code, CORVEL_IMAGE_SECTION_TOO_LARGE);
+        EXPECT_TRUE(agrees_with_model(none));
     });
 }
 
-TEST(ParseFirmware, EndsARecordWhereTheImageEnds) {
+TEST(parse_firmware, EndsARecordAtTheEndOfTheImage) {
     on_set_a([] {
         for (const std::uint32_t pad : {5U, 6U, 0x7FFFFFFFU, 0xFFFFFFF0U}) {
             const std::string image = raw_section("root", 0, CORVEL_NOT_WRITTEN, pad, 5, "12345");
-            const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
-            ASSERT_EQ(answer.records.size(), 1U);
-            EXPECT_LE(answer.records[0].offset + answer.records[0].length, image.size());
-            EXPECT_TRUE(is_judged_right(image));
+            const Parsed parsed = parse(image);
+            EXPECT_EQ(parsed.code, CORVEL_IMAGE_ACCEPTED);
+            ASSERT_EQ(parsed.records.size(), 1U);
+            EXPECT_LE(parsed.records[0].offset + parsed.records[0].length, image.size());
+            EXPECT_TRUE(agrees_with_model(image));
         }
     });
 }
 
-TEST(ParseFirmware, RefusesMoreThanFourSections) {
+TEST(parse_firmware, RefusesMoreThanFourSections) {
     on_set_a([] {
         const Section root{.signature = "root", .data = "files"};
         const std::string four = upgrade_image({root, root, root});
-        EXPECT_EQ(parsed(four).count, 4);
-        const Parsed answer = parsed(upgrade_image({root, root, root, root}));
-        EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_TOO_MANY_SECTIONS);
-        EXPECT_EQ(answer.records.size(), 5U) << "the fifth record is filled before it is counted";
-        EXPECT_EQ(last_line(answer), (RecordSyslog::Message{LOG_INFO, "find firmware (Ver0)\n"}));
-        EXPECT_TRUE(is_judged_right(upgrade_image({root, root, root, root})));
-        EXPECT_TRUE(is_judged_right(upgrade_image({root, root, root, root, root, root})));
-        // Of the fifth one, the sum and the size are looked at first.
+        EXPECT_EQ(parse(four).count, 4);
+        const Parsed parsed = parse(upgrade_image({root, root, root, root}));
+        EXPECT_EQ(parsed.count, 0);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_TOO_MANY_SECTIONS);
+        EXPECT_EQ(parsed.records.size(), 5U) << "the fifth record is filled before it is counted";
+        EXPECT_EQ(last_line(parsed), (RecordSyslog::Message{LOG_INFO, "find firmware (Ver0)\n"}));
+        EXPECT_TRUE(agrees_with_model(upgrade_image({root, root, root, root})));
+        EXPECT_TRUE(agrees_with_model(upgrade_image({root, root, root, root, root, root})));
+        // The checksum and the size of the fifth section are checked first.
         const std::string bad_fifth = root.bytes() + root.bytes() + root.bytes() + root.bytes() +
                                       raw_section("kern", 0, 0, 0, 1, "x");
-        EXPECT_EQ(parsed(bad_fifth).code, CORVEL_IMAGE_BAD_CHECKSUM);
+        EXPECT_EQ(parse(bad_fifth).code, CORVEL_IMAGE_BAD_CHECKSUM);
     });
 }
 
-/** The lengths of a last section that reach past the end of the image. */
-TEST(ParseFirmware, ToleratesALastSectionFourBytesTooLong) {
+TEST(parse_firmware, ToleratesALastSectionFourBytesTooLong) {
     on_set_a([] {
         for (const Partition &partition : partitions) {
             for (std::uint32_t more = 0; more <= 6; ++more) {
                 for (const std::uint32_t pad : {0U, 1U, 4U, 9U}) {
-                    for (const std::uint32_t mtd_id : {0U, 255U}) {
+                    for (const std::uint32_t mtd_id : {0U, std::uint32_t{CORVEL_NOT_WRITTEN}}) {
                         std::string payload = "payload";
                         payload += checksum_byte(payload);
                         const std::string image =
                             raw_section(partition.signature, 0, mtd_id, pad,
                                         static_cast<std::uint32_t>(payload.size()) + more, payload);
-                        EXPECT_EQ(parsed(image).code == CORVEL_IMAGE_SECTION_PAST_END, more > 4)
+                        EXPECT_EQ(parse(image).code == CORVEL_IMAGE_SECTION_PAST_END, more > 4)
                             << partition.name << more;
-                        EXPECT_TRUE(is_judged_right(image));
+                        EXPECT_TRUE(agrees_with_model(image));
                     }
                 }
             }
@@ -505,46 +511,46 @@ TEST(ParseFirmware, ToleratesALastSectionFourBytesTooLong) {
     });
 }
 
-TEST(ParseFirmware, LogsALengthThatRunsPastTheEnd) {
+TEST(parse_firmware, LogsALengthThatExtendsPastTheEnd) {
     on_set_a([] {
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
         const std::string image = root + raw_section("kern", 0, 0, 0, 8, "xyz");
-        const Parsed answer = parsed(image);
-        EXPECT_EQ(answer.code, CORVEL_IMAGE_SECTION_PAST_END);
-        EXPECT_EQ(answer.count, 0);
-        EXPECT_EQ(answer.records.size(), 1U);
+        const Parsed parsed = parse(image);
+        EXPECT_EQ(parsed.code, CORVEL_IMAGE_SECTION_PAST_END);
+        EXPECT_EQ(parsed.count, 0);
+        EXPECT_EQ(parsed.records.size(), 1U);
         EXPECT_EQ(
-            last_line(answer),
+            last_line(parsed),
             (RecordSyslog::Message{LOG_ERR, "Header.len is wrong, headlen(8) >49-26-20=1\n"}));
         const std::string huge = root + raw_section("????", 0, 0, 0, 0xFFFFFFFF, "xyz");
         EXPECT_EQ(
-            last_line(parsed(huge)),
+            last_line(parse(huge)),
             (RecordSyslog::Message{LOG_ERR, "Header.len is wrong, headlen(-1) >49-26-20=1\n"}));
     });
 }
 
-/** A version section that claims to be longer than the image lacks bytes of its CRC. */
-TEST(ParseFirmware, RefusesACrcThatIsNotAllThere) {
+/** If a version section is longer than the image allows, bytes of its CRC are missing. */
+TEST(parse_firmware, RefusesAnIncompleteCrc) {
     on_set_a([] {
         const std::string root = Section{.signature = "root", .data = "files"}.bytes();
         for (std::uint32_t more = 0; more <= 5; ++more) {
             const std::string image =
                 with_crc(root + raw_section("Ver0", 0, CORVEL_NOT_WRITTEN, 0, 9 + more,
                                             "1.2.3" + std::string(4, '\0')));
-            const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, more == 0   ? CORVEL_IMAGE_ACCEPTED
+            const Parsed parsed = parse(image);
+            EXPECT_EQ(parsed.code, more == 0   ? CORVEL_IMAGE_ACCEPTED
                                    : more == 5 ? CORVEL_IMAGE_SECTION_PAST_END
                                                : CORVEL_IMAGE_BAD_CRC)
                 << more;
-            EXPECT_TRUE(is_judged_right(image));
+            EXPECT_TRUE(agrees_with_model(image));
         }
     });
 }
 
 #if SIZE_MAX > UINT32_MAX
 
-/** The largest image whose length the interface can hold, nearly all of it zeros that take no
- * memory, after a page that nobody may touch. Only a 64-bit address space can hold it. */
+/** The longest image that can be passed to parse_firmware(), after an inaccessible page. Nearly all
+ * of it is zeros, which take no memory. Needs a 64-bit address space. */
 class LargestImage {
   public:
     static constexpr std::uint32_t size = UINT32_MAX;
@@ -572,8 +578,8 @@ class LargestImage {
     unsigned char *start_ = nullptr;
 };
 
-/** A version section of these lengths ends where 32 bits cannot count. */
-TEST(ParseFirmware, EndsAVersionSectionOfNearly4GiBWhereTheImageEnds) {
+/** The ends of version sections of these lengths do not fit in 32 bits. */
+TEST(parse_firmware, EndsAVersionSectionOfNearly4GiBAtTheEndOfTheImage) {
     on_set_a([] {
         LargestImage image;
         const RecordSyslog log;
@@ -582,15 +588,15 @@ TEST(ParseFirmware, EndsAVersionSectionOfNearly4GiBWhereTheImageEnds) {
             img_info records[CORVEL_IMAGE_RECORDS] = {};
             int code = -1;
             EXPECT_EQ(parse_firmware(image.start(), LargestImage::size, records, &code), 0);
-            EXPECT_EQ(code, CORVEL_IMAGE_BAD_CRC) << "the CRC is not all there";
+            EXPECT_EQ(code, CORVEL_IMAGE_BAD_CRC) << "the CRC is incomplete";
             EXPECT_EQ(records[0].data, image.start());
             EXPECT_EQ(records[0].len, LargestImage::size);
-            EXPECT_EQ(records[0].mtd_ids, 255U);
+            EXPECT_EQ(records[0].mtd_ids, std::uint32_t{CORVEL_NOT_WRITTEN});
         }
     });
 }
 
-TEST(ParseFirmware, RefusesAConfigurationOfNearly4GiB) {
+TEST(parse_firmware, RefusesAConfigurationOfNearly4GiB) {
     on_set_a([] {
         LargestImage image;
         const RecordSyslog log;
@@ -606,8 +612,8 @@ TEST(ParseFirmware, RefusesAConfigurationOfNearly4GiB) {
 
 #endif
 
-/** Sums that carry out of any field that is too narrow for them. */
-TEST(ParseFirmware, SumsUpAnyNumberOfLargestBytes) {
+/** The sums overflow any intermediate result that is too narrow for them. */
+TEST(parse_firmware, SumsAnyNumberOfTheLargestByte) {
     on_set_a([] {
         std::vector<std::size_t> lengths = {65535, 65536, 65537, 0x80000};
         for (std::size_t length = 1; length <= 4200; ++length)
@@ -615,26 +621,26 @@ TEST(ParseFirmware, SumsUpAnyNumberOfLargestBytes) {
         for (const std::size_t length : lengths) {
             const std::string image =
                 Section{.signature = "root", .data = std::string(length, '\xFF')}.bytes();
-            ASSERT_EQ(parsed(image).code, CORVEL_IMAGE_ACCEPTED) << length;
+            ASSERT_EQ(parse(image).code, CORVEL_IMAGE_ACCEPTED) << length;
             std::string wrong = image;
             wrong.back() = static_cast<char>(wrong.back() + 1);
-            ASSERT_EQ(parsed(wrong).code, CORVEL_IMAGE_BAD_CHECKSUM) << length;
+            ASSERT_EQ(parse(wrong).code, CORVEL_IMAGE_BAD_CHECKSUM) << length;
         }
     });
 }
 
-TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
+TEST(parse_firmware, RefusesAnImageWithoutARecognisedSection) {
     on_set_a([] {
         for (const std::string &image :
              {""s, std::string(20, '\0'), std::string(21, '\0'), std::string(1000, '\0'),
               raw_section("????", 0, 0, 0, 5, "other"),
               with_crc(raw_section("????", 0, 0, 0, 9, "123456789")),
               Section{.signature = "root", .data = ""}.bytes().substr(0, 20)}) {
-            const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.count, 0);
-            EXPECT_EQ(answer.code, CORVEL_IMAGE_BAD_CRC);
-            EXPECT_TRUE(answer.records.empty());
-            EXPECT_EQ(answer.log, (std::vector<RecordSyslog::Message>{
+            const Parsed parsed = parse(image);
+            EXPECT_EQ(parsed.count, 0);
+            EXPECT_EQ(parsed.code, CORVEL_IMAGE_BAD_CRC);
+            EXPECT_TRUE(parsed.records.empty());
+            EXPECT_EQ(parsed.log, (std::vector<RecordSyslog::Message>{
                                       {LOG_INFO, "bootparam=0\n"},
                                       {LOG_INFO, "Web firmware upgrade start..."},
                                   }));
@@ -647,7 +653,7 @@ TEST(ParseFirmware, RefusesAnImageInWhichNothingIsRecognised) {
     });
 }
 
-TEST(ParseFirmware, JudgesImagesOfUpToFortyBytes) {
+TEST(parse_firmware, AgreesWithTheModelOnImagesOfUpToFortyBytes) {
     on_set_a([] {
         for (std::size_t size = 0; size <= 40; ++size) {
             for (const Partition &partition : partitions) {
@@ -655,73 +661,73 @@ TEST(ParseFirmware, JudgesImagesOfUpToFortyBytes) {
                     std::string image =
                         raw_section(partition.signature, 0, 0, 0, len, std::string(20, '\0'));
                     image.resize(size);
-                    ASSERT_TRUE(is_judged_right(image));
+                    ASSERT_TRUE(agrees_with_model(image));
                     if (size >= 12)
                         image[at_mtd_id + 3] = '\xFF';
-                    ASSERT_TRUE(is_judged_right(image, Fence::before));
+                    ASSERT_TRUE(agrees_with_model(image, Fence::before));
                 }
             }
-            ASSERT_TRUE(is_judged_right(std::string(size, '\xFF')));
-            ASSERT_TRUE(is_judged_right(std::string(size, 'r')));
+            ASSERT_TRUE(agrees_with_model(std::string(size, '\xFF')));
+            ASSERT_TRUE(agrees_with_model(std::string(size, 'r')));
         }
     });
 }
 
-TEST(ParseFirmware, JudgesAnImageCutAtEveryByte) {
+TEST(parse_firmware, AgreesWithTheModelOnAnImageTruncatedAtEveryByte) {
     on_set_a([] {
         const std::string image = good_image();
-        CodesMet met;
+        CodesCovered covered;
         for (std::size_t size = 0; size < image.size(); ++size) {
-            const std::string cut = image.substr(0, size);
-            EXPECT_TRUE(is_judged_right(cut)) << size;
-            EXPECT_TRUE(is_judged_right(cut, Fence::before)) << size;
-            met.add(cut);
+            const std::string truncated = image.substr(0, size);
+            EXPECT_TRUE(agrees_with_model(truncated)) << size;
+            EXPECT_TRUE(agrees_with_model(truncated, Fence::before)) << size;
+            covered.add(truncated);
         }
-        EXPECT_GT(met.of(1), 0);
-        EXPECT_GT(met.of(5), 0);
+        EXPECT_GT(covered.of(CORVEL_IMAGE_SECTION_PAST_END), 0);
+        EXPECT_GT(covered.of(CORVEL_IMAGE_BAD_CRC), 0);
     });
 }
 
-TEST(ParseFirmware, JudgesEveryChangeOfOneByte) {
+TEST(parse_firmware, AgreesWithTheModelOnEveryChangeOfOneByte) {
     on_set_a([] {
         const std::string image = good_image();
-        CodesMet met;
+        CodesCovered covered;
         std::vector<std::size_t> accepted_places;
         for (std::size_t at = 0; at < image.size(); ++at) {
             for (int change = 1; change < 256; ++change) {
                 std::string changed = image;
                 changed[at] = static_cast<char>(changed[at] ^ change);
-                ASSERT_TRUE(is_judged_right(changed)) << at << ", " << change;
-                met.add(changed);
-                if (judge(changed, 2).code == CORVEL_IMAGE_ACCEPTED)
+                ASSERT_TRUE(agrees_with_model(changed)) << at << ", " << change;
+                covered.add(changed);
+                if (expected_of(changed, 2).code == CORVEL_IMAGE_ACCEPTED)
                     accepted_places.push_back(at);
             }
         }
         for (const corvel_image_result code :
              {CORVEL_IMAGE_SECTION_PAST_END, CORVEL_IMAGE_BAD_CHECKSUM,
               CORVEL_IMAGE_SECTION_TOO_LARGE, CORVEL_IMAGE_BAD_CRC})
-            EXPECT_GT(met.of(code), 0) << code;
-        // What is accepted all the same hides the version section, with which the CRC goes: its
-        // signature, or the length of the section in front of it.
+            EXPECT_GT(covered.of(code), 0) << code;
+        // An accepted change hides the version section, and so its CRC: it is a change of its
+        // signature or of the length of the section before it.
         for (const std::size_t at : accepted_places)
             EXPECT_TRUE(at >= 60) << at;
     });
 }
 
-TEST(ParseFirmware, JudgesEveryFieldAtItsExtremes) {
+TEST(parse_firmware, AgreesWithTheModelOnEveryFieldAtItsExtremes) {
     on_set_a([] {
-        CodesMet met;
+        CodesCovered covered;
         for (const Partition &partition : partitions) {
-            for (const std::uint32_t mtd_id :
-                 {0U, 1U, 254U, 255U, 256U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
+            for (const std::uint32_t mtd_id : {0U, 1U, 254U, std::uint32_t{CORVEL_NOT_WRITTEN},
+                                               256U, 0x7FFFFFFFU, 0xFFFFFFFFU}) {
                 for (const std::uint32_t pad : extremes) {
                     for (const std::uint32_t len : extremes) {
                         const std::string payload(24, mtd_id == 1 ? 'x' : '\0');
                         const std::string image = with_crc(
                             raw_section(partition.signature, pad ^ len, mtd_id, pad, len, payload) +
                             version_section());
-                        ASSERT_TRUE(is_judged_right(image));
-                        met.add(image);
+                        ASSERT_TRUE(agrees_with_model(image));
+                        covered.add(image);
                     }
                 }
             }
@@ -729,11 +735,11 @@ TEST(ParseFirmware, JudgesEveryFieldAtItsExtremes) {
         for (const corvel_image_result code :
              {CORVEL_IMAGE_ACCEPTED, CORVEL_IMAGE_SECTION_PAST_END, CORVEL_IMAGE_BAD_CHECKSUM,
               CORVEL_IMAGE_SECTION_TOO_LARGE, CORVEL_IMAGE_BAD_CRC})
-            EXPECT_GT(met.of(code), 0) << code;
+            EXPECT_GT(covered.of(code), 0) << code;
     });
 }
 
-TEST(ParseFirmware, JudgesEachHeaderFieldOfEachSectionAtItsExtremes) {
+TEST(parse_firmware, AgreesWithTheModelOnEachFieldOfEachSectionAtItsExtremes) {
     on_set_a([] {
         const std::string image = good_image();
         for (const std::size_t section : {0U, 27U, 60U, 87U}) {
@@ -741,15 +747,15 @@ TEST(ParseFirmware, JudgesEachHeaderFieldOfEachSectionAtItsExtremes) {
                 for (const std::uint32_t value : extremes) {
                     std::string changed = image;
                     changed.replace(section + field, 4, stored(value));
-                    EXPECT_TRUE(is_judged_right(changed));
-                    EXPECT_TRUE(is_judged_right(with_crc(changed)));
+                    EXPECT_TRUE(agrees_with_model(changed));
+                    EXPECT_TRUE(agrees_with_model(with_crc(changed)));
                 }
             }
         }
     });
 }
 
-/** A section with now and then something wrong about it. */
+/** Returns a random section, sometimes a malformed one. */
 std::string random_section(std::mt19937 &random, bool last) {
     const auto one_in = [&random](unsigned n) {
         return random() % n == 0;
@@ -760,7 +766,8 @@ std::string random_section(std::mt19937 &random, bool last) {
     Section section{.signature = one_in(8) ? "????" : partitions[random() % 10].signature,
                     .data = data,
                     .burnaddr = static_cast<std::uint32_t>(random()),
-                    .mtd_id = one_in(4) ? 255U : static_cast<std::uint32_t>(random() % 10),
+                    .mtd_id = one_in(4) ? std::uint32_t{CORVEL_NOT_WRITTEN}
+                                        : static_cast<std::uint32_t>(random() % 10),
                     .padding = std::string(random() % 5, '\xFF')};
     std::string bytes = section.bytes();
     const auto len = static_cast<std::uint32_t>(bytes.size() - header_size);
@@ -773,10 +780,10 @@ std::string random_section(std::mt19937 &random, bool last) {
     return bytes;
 }
 
-TEST(ParseFirmware, JudgesRandomImages) {
+TEST(parse_firmware, AgreesWithTheModelOnRandomImages) {
     on_set_a([] {
         std::mt19937 random(99);
-        CodesMet met;
+        CodesCovered covered;
         for (int i = 0; i < 20000; ++i) {
             std::string image;
             const unsigned sections = static_cast<unsigned>(random() % 6);
@@ -787,22 +794,22 @@ TEST(ParseFirmware, JudgesRandomImages) {
                 image += version_section(std::string(random() % 9, 'v'));
             if (image.size() >= 4 && random() % 4 != 0)
                 image = with_crc(image);
-            ASSERT_TRUE(is_judged_right(image, i % 2 == 0 ? Fence::after : Fence::before)) << i;
-            met.add(image);
+            ASSERT_TRUE(agrees_with_model(image, i % 2 == 0 ? Fence::after : Fence::before)) << i;
+            covered.add(image);
         }
-        EXPECT_TRUE(met.all());
+        EXPECT_TRUE(covered.all());
     });
 }
 
-TEST(ParseFirmware, ReadsTheGoldenImageAlike) {
+TEST(parse_firmware, ListsTheSectionsOfTheGoldenImage) {
     const std::string image = golden("upgrade.img");
     for (const auto &[running, name] :
          {std::pair{"0", "upgrade-set-a.txt"}, std::pair{"1", "upgrade-set-b.txt"}}) {
         on_device({std::string("bootparam=") + running}, [&image, expected = golden(name)] {
-            const Parsed answer = parsed(image);
-            EXPECT_EQ(answer.code, CORVEL_IMAGE_ACCEPTED);
+            const Parsed parsed = parse(image);
+            EXPECT_EQ(parsed.code, CORVEL_IMAGE_ACCEPTED);
             std::string lines;
-            for (const Record &record : answer.records)
+            for (const Record &record : parsed.records)
                 lines +=
                     log_line(0, "%s %d %d 0x%08x %s %d\n", record.name.c_str(),
                              static_cast<int>(record.offset), static_cast<int>(record.length),
@@ -813,7 +820,7 @@ TEST(ParseFirmware, ReadsTheGoldenImageAlike) {
     }
 }
 
-TEST(ParseFirmware, BuildsTheGoldenImageAlike) {
+TEST(UpgradeImageBuilder, ReproducesTheGoldenImage) {
     std::string bytes;
     for (int i = 0; i < 256; ++i)
         bytes += static_cast<char>(i);
@@ -840,11 +847,12 @@ TEST(ParseFirmware, BuildsTheGoldenImageAlike) {
                                .mtd_id = 3}
                            .bytes() +
                        version_section("1.2.3 golden")),
-              golden("upgrade.img"))
-        << "the builder of these tests, not the library";
+              golden("upgrade.img"));
 }
 
-TEST(DumpImgInfo, LogsEachRecord) {
+// --- dump_img_info ---
+
+TEST(dump_img_info, LogsEachRecord) {
     img_info records[2] = {};
     std::strcpy(records[0].name, "a name");
     std::strcpy(records[0].mtdev, "a device");
@@ -869,7 +877,7 @@ TEST(DumpImgInfo, LogsEachRecord) {
                                         }));
 }
 
-TEST(DumpImgInfo, LogsOnlyTheStartWithoutRecords) {
+TEST(dump_img_info, LogsOnlyTheFirstLineWithoutRecords) {
     for (const int count : {0, -1, INT_MIN}) {
         const RecordSyslog log;
         EXPECT_EQ(dump_img_info(count, nullptr), 0);
@@ -878,165 +886,164 @@ TEST(DumpImgInfo, LogsOnlyTheStartWithoutRecords) {
     }
 }
 
-std::size_t open_descriptors() {
-    const auto entries = fs::directory_iterator("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
+// --- flash_write ---
 
-TEST(FlashWrite, WritesInOneCallAndSyncsWithTheDeviceClosed) {
-    const TemporaryDirectory folder;
-    folder.write("device", "0123456789");
-    const std::size_t descriptors = open_descriptors();
+TEST(flash_write, WritesInOneCallAndSyncsAfterClosingTheDevice) {
+    const TemporaryDirectory directory;
+    directory.write("device", "0123456789");
+    const std::vector<int> descriptors = open_descriptors();
     const CountCalls writes(call_write);
     const CountCalls syncs(call_sync);
     const ReplaceSync sync([&] {
         EXPECT_EQ(open_descriptors(), descriptors);
-        EXPECT_EQ(folder.read("device"), "012abc6789");
+        EXPECT_EQ(directory.read("device"), "012abc6789");
     });
-    EXPECT_EQ(flash_write(folder.path("device").c_str(), "abcd", 3, 3), 1);
-    EXPECT_EQ(folder.read("device"), "012abc6789");
+    EXPECT_EQ(flash_write(directory.path("device").c_str(), "abcd", 3, 3), 1);
+    EXPECT_EQ(directory.read("device"), "012abc6789");
     EXPECT_EQ(writes.count(), 1U);
     EXPECT_EQ(syncs.count(), 1U);
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(FlashWrite, WritesAtAnyOffset) {
+TEST(flash_write, WritesAtAnyOffset) {
     const ReplaceSync sync;
-    const TemporaryDirectory folder;
-    const std::string path = folder.path("device");
-    folder.write("device", "0123456789");
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("device");
+    directory.write("device", "0123456789");
     EXPECT_EQ(flash_write(path.c_str(), "a", 0, 1), 1);
     EXPECT_EQ(flash_write(path.c_str(), "bc", 9, 2), 1);
     EXPECT_EQ(flash_write(path.c_str(), "d", 13, 1), 1);
-    EXPECT_EQ(folder.read("device"), "a12345678bc\0\0d"s);
+    EXPECT_EQ(directory.read("device"), "a12345678bc\0\0d"s);
     EXPECT_EQ(flash_write(path.c_str(), nullptr, 0, 0), 1);
-    EXPECT_EQ(folder.read("device"), "a12345678bc\0\0d"s);
+    EXPECT_EQ(directory.read("device"), "a12345678bc\0\0d"s);
 }
 
-TEST(FlashWrite, WritesAtTheStartWhereSeekingFails) {
+TEST(flash_write, WritesAtTheStartIfSeekingFails) {
     const ReplaceSync sync;
-    const TemporaryDirectory folder;
-    const std::string path = folder.path("device");
-    folder.write("device", "0123456789");
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("device");
+    directory.write("device", "0123456789");
     EXPECT_EQ(flash_write(path.c_str(), "a", -1, 1), 1);
-    EXPECT_EQ(folder.read("device"), "a123456789");
+    EXPECT_EQ(directory.read("device"), "a123456789");
     const FailCall failing(call_lseek, 1);
     EXPECT_EQ(flash_write(path.c_str(), "b", 5, 1), 1);
     EXPECT_EQ(failing.failures(), 1U);
-    EXPECT_EQ(folder.read("device"), "b123456789");
+    EXPECT_EQ(directory.read("device"), "b123456789");
 }
 
-TEST(FlashWrite, NeverCreatesADevice) {
-    const TemporaryDirectory folder;
+TEST(flash_write, NeverCreatesADevice) {
+    const TemporaryDirectory directory;
     const CountCalls syncs(call_sync);
     const ReplaceSync sync;
-    for (const std::string &path : {folder.path("missing"), folder.path(), ""s})
+    for (const std::string &path : {directory.path("missing"), directory.path(), ""s})
         EXPECT_EQ(flash_write(path.c_str(), "a", 0, 1), 0) << path;
     EXPECT_EQ(flash_write(nullptr, "a", 0, 1), 0);
-    EXPECT_FALSE(folder.exists("missing"));
+    EXPECT_FALSE(directory.exists("missing"));
     EXPECT_EQ(syncs.count(), 0U);
 }
 
-TEST(FlashWrite, NeedsToReadAndWriteTheDevice) {
+TEST(flash_write, NeedsReadAndWritePermission) {
     expect_as_ordinary_user([] {
         const ReplaceSync sync;
-        const TemporaryDirectory folder;
-        folder.write("device", "0123456789");
+        const TemporaryDirectory directory;
+        directory.write("device", "0123456789");
         for (const fs::perms mode : {fs::perms{0400}, fs::perms{0200}, fs::perms{0}}) {
-            fs::permissions(folder.path("device"), mode);
-            EXPECT_EQ(flash_write(folder.path("device").c_str(), "a", 0, 1), 0);
+            fs::permissions(directory.path("device"), mode);
+            EXPECT_EQ(flash_write(directory.path("device").c_str(), "a", 0, 1), 0);
         }
     });
 }
 
-TEST(FlashWrite, FailsAndSyncsWhereWritingFails) {
-    const TemporaryDirectory folder;
-    folder.write("device", "0123456789");
-    const std::size_t descriptors = open_descriptors();
+TEST(flash_write, FailsAndSyncsIfWritingFails) {
+    const TemporaryDirectory directory;
+    directory.write("device", "0123456789");
+    const std::vector<int> descriptors = open_descriptors();
     const CountCalls syncs(call_sync);
     const ReplaceSync sync;
     EXPECT_EQ(flash_write("/dev/full", "a", 0, 1), 0);
     const FailCall failing(call_write, 1);
-    EXPECT_EQ(flash_write(folder.path("device").c_str(), "a", 0, 1), 0);
+    EXPECT_EQ(flash_write(directory.path("device").c_str(), "a", 0, 1), 0);
     EXPECT_EQ(failing.failures(), 1U);
     EXPECT_EQ(syncs.count(), 2U);
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(FlashWrite, FailsWhereNotAllIsWritten) {
-    const TemporaryDirectory folder;
-    folder.write("device", "");
-    expect_in_child([&folder] {
+TEST(flash_write, FailsIfNotAllBytesAreWritten) {
+    const TemporaryDirectory directory;
+    directory.write("device", "");
+    expect_in_child([&directory] {
         const ReplaceSync sync;
         const rlimit five_bytes{5, 5};
         ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &five_bytes), 0);
         ASSERT_NE(std::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
-        EXPECT_EQ(flash_write(folder.path("device").c_str(), "0123456789", 0, 10), 0);
+        EXPECT_EQ(flash_write(directory.path("device").c_str(), "0123456789", 0, 10), 0);
     });
-    EXPECT_EQ(folder.read("device"), "01234");
+    EXPECT_EQ(directory.read("device"), "01234");
 }
 
-TEST(FileCopy, CopiesEveryByte) {
-    const TemporaryDirectory folder;
+// --- file_copy ---
+
+TEST(file_copy, CopiesEveryByte) {
+    const TemporaryDirectory directory;
     std::string every;
     for (int i = 0; i < 100000; ++i)
         every += static_cast<char>(i % 257);
     for (const std::string &content : {""s, "\0"s, "\xFF"s, "line\n"s, every}) {
-        folder.write("from", content);
-        folder.write("to", "what was there before");
-        EXPECT_EQ(file_copy(folder.path("from").c_str(), folder.path("to").c_str()), 0);
-        EXPECT_EQ(folder.read("to"), content);
-        EXPECT_EQ(folder.read("from"), content);
-        EXPECT_EQ(file_copy(folder.path("from").c_str(), folder.path("new").c_str()), 0);
-        EXPECT_EQ(folder.read("new"), content);
-        folder.remove("new");
+        directory.write("from", content);
+        directory.write("to", "previous content");
+        EXPECT_EQ(file_copy(directory.path("from").c_str(), directory.path("to").c_str()), 0);
+        EXPECT_EQ(directory.read("to"), content);
+        EXPECT_EQ(directory.read("from"), content);
+        EXPECT_EQ(file_copy(directory.path("from").c_str(), directory.path("new").c_str()), 0);
+        EXPECT_EQ(directory.read("new"), content);
+        directory.remove("new");
     }
 }
 
-TEST(FileCopy, FailsWhereAFileCannotBeOpened) {
-    const TemporaryDirectory folder;
-    folder.write("from", "content");
-    folder.write("to", "as it was");
-    const std::string from = folder.path("from");
-    const std::string to = folder.path("to");
-    const std::size_t descriptors = open_descriptors();
-    EXPECT_EQ(file_copy(folder.path("missing").c_str(), to.c_str()), -1);
+TEST(file_copy, FailsIfAFileCannotBeOpened) {
+    const TemporaryDirectory directory;
+    directory.write("from", "content");
+    directory.write("to", "as it was");
+    const std::string from = directory.path("from");
+    const std::string to = directory.path("to");
+    const std::vector<int> descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(directory.path("missing").c_str(), to.c_str()), -1);
     EXPECT_EQ(file_copy(nullptr, to.c_str()), -1);
-    EXPECT_EQ(folder.read("to"), "as it was") << "the target is not opened then";
-    EXPECT_EQ(file_copy(from.c_str(), folder.path("missing/to").c_str()), -1);
-    EXPECT_EQ(file_copy(from.c_str(), folder.path().c_str()), -1);
+    EXPECT_EQ(directory.read("to"), "as it was") << "the target is not opened";
+    EXPECT_EQ(file_copy(from.c_str(), directory.path("missing/to").c_str()), -1);
+    EXPECT_EQ(file_copy(from.c_str(), directory.path().c_str()), -1);
     EXPECT_EQ(file_copy(from.c_str(), nullptr), -1);
     for (const unsigned long n : {1UL, 2UL}) {
         const FailCall failing(call_fopen, n);
         EXPECT_EQ(file_copy(from.c_str(), to.c_str()), -1);
         EXPECT_EQ(failing.failures(), 1U);
     }
-    EXPECT_EQ(folder.read("to"), "as it was");
+    EXPECT_EQ(directory.read("to"), "as it was");
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(FileCopy, CopiesNothingOutOfAFolder) {
-    const TemporaryDirectory folder;
-    const std::size_t descriptors = open_descriptors();
-    EXPECT_EQ(file_copy(folder.path().c_str(), folder.path("to").c_str()), 0);
-    EXPECT_EQ(folder.read("to"), "");
+TEST(file_copy, CopiesADirectoryAsAnEmptyFile) {
+    const TemporaryDirectory directory;
+    const std::vector<int> descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(directory.path().c_str(), directory.path("to").c_str()), 0);
+    EXPECT_EQ(directory.read("to"), "");
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(FileCopy, DoesNotNoticeThatWritingFails) {
-    const TemporaryDirectory folder;
-    folder.write("from", std::string(100000, 'x'));
-    const std::size_t descriptors = open_descriptors();
-    EXPECT_EQ(file_copy(folder.path("from").c_str(), "/dev/full"), 0);
+TEST(file_copy, IgnoresWriteErrors) {
+    const TemporaryDirectory directory;
+    directory.write("from", std::string(100000, 'x'));
+    const std::vector<int> descriptors = open_descriptors();
+    EXPECT_EQ(file_copy(directory.path("from").c_str(), "/dev/full"), 0);
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
-TEST(FileCopy, ClosesWhatItOpenedWithoutMemory) {
-    const TemporaryDirectory folder;
-    folder.write("from", "content");
-    const std::string from = folder.path("from");
-    const std::string to = folder.path("to");
-    const std::size_t descriptors = open_descriptors();
+TEST(file_copy, ClosesItsFilesWithoutMemory) {
+    const TemporaryDirectory directory;
+    directory.write("from", "content");
+    const std::string from = directory.path("from");
+    const std::string to = directory.path("to");
+    const std::vector<int> descriptors = open_descriptors();
     for_each_allocation_failure([&](AllocationTrial &trial) {
         const int result = trial.run([&] { return file_copy(from.c_str(), to.c_str()); });
         EXPECT_TRUE(result == 0 || (result == -1 && trial.failed()));
@@ -1045,7 +1052,9 @@ TEST(FileCopy, ClosesWhatItOpenedWithoutMemory) {
     EXPECT_EQ(read_file(to), "content");
 }
 
-/** The partitions of a device as the flash came from the factory, set A running. */
+// --- A whole upgrade ---
+
+/** Fills each partition with the digit of its device; the environment says that set A runs. */
 void fill_flash(std::size_t divisor) {
     for (const Partition &partition : partitions)
         if (partition.device != CORVEL_NOT_WRITTEN)
@@ -1055,7 +1064,7 @@ void fill_flash(std::size_t divisor) {
     write_environment({"bootdelay=1", "bootparam=0"});
 }
 
-/** What an upgrade program does; the code of the image. */
+/** Does what an upgrade program does, and returns the result for the image. */
 int upgrade(const std::string &image) {
     const RecordSyslog log;
     const ReplaceSync sync;
@@ -1074,13 +1083,14 @@ int upgrade(const std::string &image) {
     return code;
 }
 
+/** Returns an image with a root file system and a kernel of these sizes. */
 std::string release(char fill, std::size_t root_size, std::size_t kernel_size) {
     return upgrade_image(
         {{.signature = "root", .data = std::string(root_size, fill), .padding = "\xFF\xFF\xFF"},
          {.signature = "kern", .data = std::string(kernel_size, static_cast<char>(fill + 1))}});
 }
 
-/** What a partition holds: a content and, behind it, what was there before. */
+/** Expects that a partition contains @p length bytes @p fill, followed by its previous bytes. */
 void expect_content(unsigned int device, char fill, std::size_t length, char before) {
     const std::string content = read_file(block_device(device));
     ASSERT_LE(length, content.size());
@@ -1090,11 +1100,12 @@ void expect_content(unsigned int device, char fill, std::size_t length, char bef
     EXPECT_EQ(content.find_first_not_of(before, length), std::string::npos) << device;
 }
 
-TEST(Upgrade, GoesFromSetAToSetBAndBack) {
+TEST(Upgrade, AlternatesBetweenTheSets) {
     in_private_root([] {
         fill_flash(1);
-        // Each upgrade is a process of its own.
-        expect_in_child([] { EXPECT_EQ(upgrade(release('p', 0x650000, 0x100000)), 0); });
+        // Each upgrade is a separate process.
+        expect_in_child(
+            [] { EXPECT_EQ(upgrade(release('p', 0x650000, 0x100000)), CORVEL_IMAGE_ACCEPTED); });
         expect_content(2, '2', 0x650000, '2');
         expect_content(3, '3', 0x100000, '3');
         expect_content(4, 'p', 0x650000, '4');
@@ -1102,7 +1113,8 @@ TEST(Upgrade, GoesFromSetAToSetBAndBack) {
         EXPECT_EQ(read_file(environment_device),
                   EnvironmentImage({"bootdelay=1", "bootparam=1"}).bytes());
 
-        expect_in_child([] { EXPECT_EQ(upgrade(release('s', 1000000, 70000)), 0); });
+        expect_in_child(
+            [] { EXPECT_EQ(upgrade(release('s', 1000000, 70000)), CORVEL_IMAGE_ACCEPTED); });
         expect_content(2, 's', 1000000, '2');
         expect_content(3, 't', 70000, '3');
         expect_content(4, 'p', 0x650000, '4');
@@ -1113,7 +1125,7 @@ TEST(Upgrade, GoesFromSetAToSetBAndBack) {
         expect_in_child([] {
             std::string bad = release('v', 1000, 1000);
             bad[100] = 'x';
-            EXPECT_EQ(upgrade(bad), 2);
+            EXPECT_EQ(upgrade(bad), CORVEL_IMAGE_BAD_CHECKSUM);
         });
         expect_content(4, 'p', 0x650000, '4');
         expect_content(5, 'q', 0x100000, '5');
@@ -1126,7 +1138,7 @@ TEST(Upgrade, GoesFromSetAToSetBAndBack) {
     });
 }
 
-TEST(Upgrade, LeavesTheRunningSetAloneWhereverItIsKilled) {
+TEST(Upgrade, LeavesTheRunningSetUnchangedWhereverItIsKilled) {
     in_private_root([] {
         const std::string image = release('p', 3000, 300);
         const std::string before = EnvironmentImage({"bootdelay=1", "bootparam=0"}).bytes();

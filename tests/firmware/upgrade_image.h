@@ -7,7 +7,7 @@
  *     image.add(Section{.signature = "root", .data = "files"});
  *     image.add_version("1.2.3");
  *     EXPECT_EQ(parse_firmware(image.bytes(), ...), 2);
- *     EXPECT_EQ(records, judge(image.bytes(), 2).records);
+ *     EXPECT_EQ(records, expected_of(image.bytes(), 2).records);
  */
 #ifndef CORVEL_TESTS_UPGRADE_IMAGE_H
 #define CORVEL_TESTS_UPGRADE_IMAGE_H
@@ -126,7 +126,8 @@ inline std::ostream &operator<<(std::ostream &out, const Record &record) {
                << record.base << ")";
 }
 
-struct Verdict {
+/** What parse_firmware() stores and logs for an image. */
+struct Expected {
     int code = CORVEL_IMAGE_ACCEPTED;
     std::vector<Record> records; /**< The records filled, also on failure. */
     std::vector<LogLine> log;
@@ -155,16 +156,16 @@ inline const Partition *partition_of(std::string_view signature) {
     return nullptr;
 }
 
-/** Judges an image byte by byte; bytes after its end have no value. */
-class Judge {
+/** A model of the parser, which reads the image byte by byte; bytes after its end have no value. */
+class ParserModel {
   public:
-    Judge(std::string_view image, std::uint32_t shift) : image_(image), shift_(shift) {}
+    ParserModel(std::string_view image, std::uint32_t shift) : image_(image), shift_(shift) {}
 
-    Verdict verdict() {
+    Expected expected() {
         walk();
-        if (verdict_.code == CORVEL_IMAGE_ACCEPTED)
+        if (expected_.code == CORVEL_IMAGE_ACCEPTED)
             finish();
-        return verdict_;
+        return expected_;
     }
 
   private:
@@ -184,10 +185,10 @@ class Judge {
         return value;
     }
 
-    void log(LogLine line) { verdict_.log.push_back(std::move(line)); }
+    void log(LogLine line) { expected_.log.push_back(std::move(line)); }
 
     bool fail(int code) {
-        verdict_.code = code;
+        expected_.code = code;
         return false;
     }
 
@@ -239,30 +240,30 @@ class Judge {
             }
         }
         const std::uint64_t start = partition.strips_header ? offset + header_size : offset;
-        const std::uint64_t there = image_.size() - start;
+        const std::uint64_t available = image_.size() - start;
         const bool shifted = partition.device == 2 || partition.device == 3;
         const std::uint32_t device = partition.device + (shifted ? shift_ : 0);
-        verdict_.records.push_back({std::string("/tmp/firmware/") + partition.name + ".bin", start,
-                                    size < there ? size : there,
-                                    partition.device == 0 ? burnaddr : 0, device,
-                                    "/dev/mtdblock" + std::to_string(device), partition.device});
+        expected_.records.push_back({std::string("/tmp/firmware/") + partition.name + ".bin", start,
+                                     size < available ? size : available,
+                                     partition.device == 0 ? burnaddr : 0, device,
+                                     "/dev/mtdblock" + std::to_string(device), partition.device});
         end_of_last_ = start + size;
-        return verdict_.records.size() < CORVEL_IMAGE_RECORDS ||
+        return expected_.records.size() < CORVEL_IMAGE_RECORDS ||
                fail(CORVEL_IMAGE_TOO_MANY_SECTIONS);
     }
 
     void finish() {
         log(log_line(LOG_INFO, "Web firmware upgrade start..."));
-        for (const Record &record : verdict_.records) {
+        for (const Record &record : expected_.records) {
             log(log_line(LOG_INFO, "name= %s", record.name.c_str()));
             log(log_line(LOG_INFO, "burnAddr= 0x%04x", record.burnaddr));
             log(log_line(LOG_INFO, "len= %d", static_cast<int>(record.length)));
             log(log_line(LOG_INFO, "mtd_ids= %d\n", static_cast<int>(record.device)));
             log(log_line(LOG_INFO, "mtdev= %s", record.path.c_str()));
         }
-        if (verdict_.records.empty())
+        if (expected_.records.empty())
             fail(CORVEL_IMAGE_BAD_CRC);
-        else if (verdict_.records.back().device == CORVEL_NOT_WRITTEN)
+        else if (expected_.records.back().device == CORVEL_NOT_WRITTEN)
             check_crc();
     }
 
@@ -282,11 +283,11 @@ class Judge {
     std::string_view image_;
     std::uint32_t shift_;
     std::uint64_t end_of_last_ = 0;
-    Verdict verdict_;
+    Expected expected_;
 };
 
-inline Verdict judge(std::string_view image, std::uint32_t shift) {
-    return Judge(image, shift).verdict();
+inline Expected expected_of(std::string_view image, std::uint32_t shift) {
+    return ParserModel(image, shift).expected();
 }
 
 } // namespace corvel_test
