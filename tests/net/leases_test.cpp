@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/golden_files.h"
 #include "tests/support/named_process.h"
 #include "tests/support/next_definition.h"

@@ -115,14 +115,6 @@ class NamedProcess {
     OwnPipe input_;
 };
 
-/** The descriptors that this process has open. */
-inline std::vector<std::string> open_descriptors() {
-    std::vector<std::string> names;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
-        names.push_back(entry.path().filename().string());
-    return names;
-}
-
 } // namespace corvel_test
 
 #endif

@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/kill_points.h"
 #include "tests/support/named_process.h"
 #include "tests/support/next_definition.h"
@@ -38,29 +39,31 @@
 
 namespace {
 
-/** Who this process says it is, where that is not who it is. */
+/** The user that geteuid() reports, if not the effective one. */
 std::optional<uid_t> claimed_user;
 
 unsigned long account_look_ups;
 unsigned long shadow_look_ups;
 
-/** The room that the last shadow entry was given. */
-std::size_t shadow_room;
+/** The size of the buffer passed to the last getspnam_r(). */
+std::size_t shadow_size;
 
+/** Whether crypt() fails. */
 bool crypt_fails;
-/** The answer is the salt, of whatever kind. */
-bool crypt_echoes;
+/** Whether crypt() returns the salt. */
+bool crypt_returns_salt;
+/** The salt passed to the last crypt(). */
 std::string last_salt;
 
-/** Takes the place of writev(). */
+/** Replaces writev(). */
 std::function<ssize_t(int, const iovec *, int)> instead_of_writev;
-/** Takes the place of poll(). */
+/** Replaces poll(). */
 std::function<int(pollfd *, nfds_t, int)> instead_of_poll;
-/** Called before fcntl() sets a lock, which fails with the error that it gives. */
+/** Called before fcntl() sets a lock; returns 0 or the error with which fcntl() fails. */
 std::function<int()> error_of_lock;
 
-/** Where the last shadow entry's strings were put. */
-const volatile char *shadow_texts;
+/** The buffer passed to the last getspnam_r(). */
+const volatile char *shadow_buffer;
 
 } // namespace
 
@@ -75,22 +78,22 @@ extern "C" passwd *getpwnam(const char *name) {
     return next(name);
 }
 
-extern "C" int getspnam_r(const char *name, spwd *entry, char *texts, std::size_t room,
+extern "C" int getspnam_r(const char *name, spwd *entry, char *buffer, std::size_t size,
                           spwd **found) {
     static auto *const next =
         corvel_test::next_definition<int(const char *, spwd *, char *, std::size_t, spwd **)>(
             "getspnam_r");
     ++shadow_look_ups;
-    shadow_room = room;
-    shadow_texts = texts;
-    return next(name, entry, texts, room, found);
+    shadow_size = size;
+    shadow_buffer = buffer;
+    return next(name, entry, buffer, size, found);
 }
 
 extern "C" char *crypt(const char *password, const char *salt) C_LIBRARY_NOEXCEPT {
     static auto *const next =
         corvel_test::next_definition<char *(const char *, const char *)>("crypt");
     last_salt = salt;
-    if (crypt_echoes)
+    if (crypt_returns_salt)
         return last_salt.data();
     return crypt_fails ? nullptr : next(password, salt);
 }
@@ -127,14 +130,14 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
-// login_auth
+// --- login_auth ---
 
 struct Account {
     std::string name;
     std::string hash;
 };
 
-/** An account for each method that every C library has. All passwords are the same. */
+/** An account for each hashing method that every C library has, all with the same password. */
 const std::vector<Account> accounts = {
     {"traditional", "arS2vnuG5puYw"},
     {"extended", "_/...abcdp8WwWTf1aFI"},
@@ -172,7 +175,7 @@ std::string shadow_line(const std::string &name, const std::string &stored) {
     return name + ":" + stored + ":19000:0:99999:7:::\n";
 }
 
-/** What login_auth() says with one account in the files. */
+/** Returns the result of login_auth() with this account in the files. */
 int login(const std::string &passwd_text, const std::string &shadow_text,
           const std::string &word = password) {
     write_file("/etc/passwd", "root:*:0:0::/:/bin/sh\n" + passwd_text);
@@ -180,13 +183,13 @@ int login(const std::string &passwd_text, const std::string &shadow_text,
     return login_auth("admin", word.c_str());
 }
 
-/** The same where the password field and the hash are all that matters. */
+/** The same for an account with this password field and this hash. */
 int login_with(const std::string &field, const std::string &stored,
                const std::string &word = password) {
     return login(passwd_line("admin", field), shadow_line("admin", stored), word);
 }
 
-TEST(LoginAuth, ChecksHashesOfEveryMethod) {
+TEST(login_auth, ChecksHashesOfEveryMethod) {
     std::vector<Account> all = accounts;
     for (const Account &account : further_accounts) {
         const char *const result = crypt(password, account.hash.c_str());
@@ -216,25 +219,25 @@ TEST(LoginAuth, ChecksHashesOfEveryMethod) {
     });
 }
 
-TEST(LoginAuth, ComparesTheWholeHash) {
+TEST(login_auth, ComparesTheWholeHash) {
     in_private_root([] {
         const std::string right = hash;
-        EXPECT_EQ(login_with("x", right), 0);
+        EXPECT_EQ(login_with("x", right), CORVEL_LOGIN_ACCEPTED);
         for (std::size_t place = right.rfind('$') + 1; place < right.size(); ++place) {
             std::string wrong = right;
             wrong[place] = wrong[place] == 'a' ? 'b' : 'a';
-            EXPECT_EQ(login_with("x", wrong), -1) << place;
+            EXPECT_EQ(login_with("x", wrong), CORVEL_LOGIN_REFUSED) << place;
         }
-        EXPECT_EQ(login_with("x", right.substr(0, right.size() - 1)), -1);
-        EXPECT_EQ(login_with("x", right + "."), -1);
-        EXPECT_EQ(login_with("x", "$1$abcd0123$"), -1);
-        EXPECT_EQ(login_with("x", "$1$abcd0123"), -1);
+        EXPECT_EQ(login_with("x", right.substr(0, right.size() - 1)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_with("x", right + "."), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_with("x", "$1$abcd0123$"), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_with("x", "$1$abcd0123"), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, RefusesWhoeverIsNotRootBeforeItReadsAnything) {
+TEST(login_auth, RefusesCallersOtherThanRootBeforeReadingAnything) {
     in_private_root([] {
-        EXPECT_EQ(login_with("x", hash), 0);
+        EXPECT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
         for (const uid_t user : {1U, 1000U, 65534U}) {
             account_look_ups = 0;
             shadow_look_ups = 0;
@@ -252,13 +255,14 @@ TEST(LoginAuth, RefusesWhoeverIsNotRootBeforeItReadsAnything) {
     });
 }
 
-TEST(LoginAuth, RefusesAUserThatIsUnknown) {
+TEST(login_auth, RefusesAnUnknownUser) {
     in_private_root([] {
-        EXPECT_EQ(login(passwd_line("admin2"), shadow_line("admin2", hash)), -1);
-        EXPECT_EQ(login("", shadow_line("admin", hash)), -1);
-        EXPECT_EQ(login(passwd_line("Admin"), shadow_line("Admin", hash)), -1);
-        EXPECT_EQ(login("admin:x\n", shadow_line("admin", hash)), -1);
-        EXPECT_EQ(login("admin:x:number:0::/:/bin/sh\n", shadow_line("admin", hash)), -1);
+        EXPECT_EQ(login(passwd_line("admin2"), shadow_line("admin2", hash)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login("", shadow_line("admin", hash)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login(passwd_line("Admin"), shadow_line("Admin", hash)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login("admin:x\n", shadow_line("admin", hash)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login("admin:x:number:0::/:/bin/sh\n", shadow_line("admin", hash)),
+                  CORVEL_LOGIN_REFUSED);
         write_file("/etc/passwd", passwd_line("admin"));
         for (const char *name : {"", "admin ", "admin:x", "adm", "admin\n", "/etc/passwd", "%s%n"})
             EXPECT_EQ(login_auth(name, password), CORVEL_LOGIN_REFUSED) << name;
@@ -270,128 +274,132 @@ TEST(LoginAuth, RefusesAUserThatIsUnknown) {
     });
 }
 
-TEST(LoginAuth, RefusesALockedAccountEvenWithTheRightPassword) {
+TEST(login_auth, RefusesALockedAccountEvenWithTheRightPassword) {
     in_private_root([] {
-        EXPECT_EQ(login_with("x", hash), 0);
+        EXPECT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
         for (const std::string field : {"", "*", "!", "!!", "!x", "*x", "!$1$abcd0123$", "*LK*"}) {
             shadow_look_ups = 0;
-            EXPECT_EQ(login_with(field, hash), -1) << field;
+            EXPECT_EQ(login_with(field, hash), CORVEL_LOGIN_REFUSED) << field;
             EXPECT_EQ(shadow_look_ups, 0U);
         }
-        EXPECT_EQ(login_with("!"s + hash, hash), -1);
+        EXPECT_EQ(login_with("!"s + hash, hash), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, TakesAnyOtherPasswordFieldAndTheHashFromTheShadowFile) {
+TEST(login_auth, AcceptsAnyOtherPasswordFieldAndReadsTheHashFromTheShadowFile) {
     in_private_root([] {
         for (const std::string field : {"x", "y", "x!", " ", "$1$wrong$", "password"})
-            EXPECT_EQ(login_with(field, hash), 0) << field;
-        EXPECT_EQ(login_with(hash, "$1$abcd0123$AAAAAAAAAAAAAAAAAAAAAA"), -1);
-        EXPECT_EQ(login(passwd_line("admin", hash), ""), -1);
+            EXPECT_EQ(login_with(field, hash), CORVEL_LOGIN_ACCEPTED) << field;
+        EXPECT_EQ(login_with(hash, "$1$abcd0123$AAAAAAAAAAAAAAAAAAAAAA"), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login(passwd_line("admin", hash), ""), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, RefusesAnAccountWithoutAShadowEntry) {
+TEST(login_auth, RefusesAnAccountWithoutAShadowEntry) {
     in_private_root([] {
-        EXPECT_EQ(login(passwd_line("admin"), ""), -1);
-        EXPECT_EQ(login(passwd_line("admin"), shadow_line("admin2", hash)), -1);
-        EXPECT_EQ(login(passwd_line("admin"), "admin\n"), -1);
+        EXPECT_EQ(login(passwd_line("admin"), ""), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login(passwd_line("admin"), shadow_line("admin2", hash)), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login(passwd_line("admin"), "admin\n"), CORVEL_LOGIN_REFUSED);
         fs::remove("/etc/shadow");
         EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, RefusesAShadowEntryThatIsNoHash) {
+TEST(login_auth, RefusesAShadowEntryThatIsNotAHash) {
     in_private_root([] {
         for (const std::string stored :
              {"", "*", "!", "!!", "*0", "*1", "x", "ar", "$", "$1", "$1$", "$9$abcd$abcd", "$y$",
               "!$1$abcd0123$i1OoR/dK7KvJdBERB5nLN.", "*$1$abcd0123$i1OoR/dK7KvJdBERB5nLN."}) {
             for (const std::string word : {password, "", "*", "*0", "*1", "x", "!"})
-                EXPECT_EQ(login_with("x", stored, word), -1) << stored << " and " << word;
-            EXPECT_EQ(login_with("x", stored, stored), -1) << stored;
+                EXPECT_EQ(login_with("x", stored, word), CORVEL_LOGIN_REFUSED)
+                    << stored << " and " << word;
+            EXPECT_EQ(login_with("x", stored, stored), CORVEL_LOGIN_REFUSED) << stored;
         }
     });
 }
 
-TEST(LoginAuth, RefusesALockedShadowEntryThatTheCLibraryAnswersWith) {
+TEST(login_auth, RefusesALockedShadowEntryEvenIfCryptReturnsIt) {
     in_private_root([] {
-        crypt_echoes = true;
-        EXPECT_EQ(login_with("x", "x"), 0);
-        EXPECT_EQ(login_with("x", hash), 0);
+        crypt_returns_salt = true;
+        EXPECT_EQ(login_with("x", "x"), CORVEL_LOGIN_ACCEPTED);
+        EXPECT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
         for (const std::string stored : {"", "*", "*0", "*1", "!", "!!", "!x"}) {
-            EXPECT_EQ(login_with("x", stored), -1) << stored;
-            EXPECT_EQ(login_with("x", stored, ""), -1) << stored;
+            EXPECT_EQ(login_with("x", stored), CORVEL_LOGIN_REFUSED) << stored;
+            EXPECT_EQ(login_with("x", stored, ""), CORVEL_LOGIN_REFUSED) << stored;
         }
-        EXPECT_EQ(login_with("x", "!"s + hash), -1);
-        EXPECT_EQ(login_with("x", "*"s + hash), -1);
+        EXPECT_EQ(login_with("x", "!"s + hash), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_with("x", "*"s + hash), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, AcceptsAnEmptyPasswordWhereThatWasHashed) {
+TEST(login_auth, AcceptsAnEmptyPasswordWithItsHash) {
     in_private_root([] {
         const std::string stored = crypt("", "$1$abcd0123$");
-        EXPECT_EQ(login_with("x", stored, ""), 0);
-        EXPECT_EQ(login_with("x", stored), -1);
+        EXPECT_EQ(login_with("x", stored, ""), CORVEL_LOGIN_ACCEPTED);
+        EXPECT_EQ(login_with("x", stored), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, AcceptsLongPasswords) {
+TEST(login_auth, AcceptsLongPasswords) {
     in_private_root([] {
         const std::string word(200, 'w');
         const std::string stored = crypt(word.c_str(), "$5$saltstring");
-        EXPECT_EQ(login_with("x", stored, word), 0);
-        EXPECT_EQ(login_with("x", stored, word + "w"), -1);
-        EXPECT_EQ(login_with("x", stored, std::string(100000, 'w')), -1);
+        EXPECT_EQ(login_with("x", stored, word), CORVEL_LOGIN_ACCEPTED);
+        EXPECT_EQ(login_with("x", stored, word + "w"), CORVEL_LOGIN_REFUSED);
+        EXPECT_EQ(login_with("x", stored, std::string(100000, 'w')), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, RefusesWhereTheHashCannotBeComputed) {
+TEST(login_auth, RefusesIfTheHashCannotBeComputed) {
     in_private_root([] {
-        EXPECT_EQ(login_with("x", hash), 0);
+        EXPECT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
         crypt_fails = true;
         EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
     });
 }
 
-TEST(LoginAuth, ReadsShadowLinesThatFit256Bytes) {
+TEST(login_auth, ReadsShadowLinesThatFit256Bytes) {
     in_private_root([] {
         const std::string start = "admin:"s + hash + ":";
         const std::string rest = "19000:0:99999:7:::";
         for (std::size_t length = 100; length < 400; ++length) {
             const std::string zeros(length - start.size() - rest.size(), '0');
             const int result = login(passwd_line("admin"), start + zeros + rest + "\n");
-            EXPECT_EQ(shadow_room, 256U);
-            // The C library has the last word on what fits.
-            char texts[256];
+            EXPECT_EQ(shadow_size, 256U);
+            // The C library decides what fits.
+            char buffer[256];
             spwd entry{};
             spwd *found = nullptr;
-            getspnam_r("admin", &entry, texts, sizeof texts, &found);
-            EXPECT_EQ(result, found != nullptr ? 0 : -1) << length;
+            getspnam_r("admin", &entry, buffer, sizeof buffer, &found);
+            EXPECT_EQ(result, found != nullptr ? CORVEL_LOGIN_ACCEPTED : CORVEL_LOGIN_REFUSED)
+                << length;
             if (length <= 250 || length >= 256) {
-                EXPECT_EQ(result, length <= 250 ? 0 : -1) << length;
+                EXPECT_EQ(result, length <= 250 ? CORVEL_LOGIN_ACCEPTED : CORVEL_LOGIN_REFUSED)
+                    << length;
             }
         }
     });
 }
 
 /**
- * Logs in and copies what is left where the shadow entry's strings were. The frame is gone by then:
- * nothing may be called between, and the sanitizers must not look.
+ * Logs in and copies what remains in the buffer of the shadow entry. The buffer's stack frame no
+ * longer exists: nothing may be called in between, and the access must not be instrumented.
  */
 __attribute__((noinline, no_sanitize("address"))) int
-log_in_and_copy_left(const char *word, std::array<char, 256> &left) {
+log_in_and_copy_remains(const char *word, std::array<char, 256> &left) {
     const int result = login_auth("admin", word);
     for (std::size_t i = 0; i < left.size(); ++i)
-        left[i] = shadow_texts[i];
+        left[i] = shadow_buffer[i];
     return result;
 }
 
-TEST(LoginAuth, WipesTheShadowEntryItRead) {
+TEST(login_auth, WipesTheShadowEntry) {
     in_private_root([] {
-        ASSERT_EQ(login_with("x", hash), 0);
+        ASSERT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
         for (const std::string word : {password, "wrong"}) {
             std::array<char, 256> left{};
-            EXPECT_EQ(log_in_and_copy_left(word.c_str(), left), word == password ? 0 : -1);
+            EXPECT_EQ(log_in_and_copy_remains(word.c_str(), left),
+                      word == password ? CORVEL_LOGIN_ACCEPTED : CORVEL_LOGIN_REFUSED);
             const std::string_view text(left.data(), left.size());
             EXPECT_EQ(text.find("i1OoR/dK7KvJdBERB5nLN."), std::string_view::npos);
             EXPECT_EQ(text.find("$1$abcd0123$"), std::string_view::npos);
@@ -400,14 +408,14 @@ TEST(LoginAuth, WipesTheShadowEntryItRead) {
     });
 }
 
-TEST(LoginAuth, PrintsNothing) {
+TEST(login_auth, PrintsNothing) {
     in_private_root([] {
         const auto try_all = [] {
-            EXPECT_EQ(login_with("x", hash), 0);
-            EXPECT_EQ(login_with("x", hash, "wrong"), -1);
-            EXPECT_EQ(login_with("*", hash), -1);
-            EXPECT_EQ(login("", ""), -1);
-            EXPECT_EQ(login(passwd_line("admin"), ""), -1);
+            EXPECT_EQ(login_with("x", hash), CORVEL_LOGIN_ACCEPTED);
+            EXPECT_EQ(login_with("x", hash, "wrong"), CORVEL_LOGIN_REFUSED);
+            EXPECT_EQ(login_with("*", hash), CORVEL_LOGIN_REFUSED);
+            EXPECT_EQ(login("", ""), CORVEL_LOGIN_REFUSED);
+            EXPECT_EQ(login(passwd_line("admin"), ""), CORVEL_LOGIN_REFUSED);
             claimed_user = 1;
             EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
             claimed_user.reset();
@@ -417,12 +425,12 @@ TEST(LoginAuth, PrintsNothing) {
     });
 }
 
-// login_chpwd
+// --- login_chpwd ---
 
 constexpr const char *password_file = "/tmp/.chpwd.txt";
 
-/** Makes /bin a folder in which a command can be placed. */
-void make_room_for_commands() {
+/** Replaces the link /bin by a directory in which commands can be installed. */
+void make_bin_writable() {
     if (!fs::is_symlink("/bin"))
         throw std::runtime_error("/bin is not a link, and can't be replaced");
     const fs::path shell = fs::canonical("/bin/sh");
@@ -432,11 +440,11 @@ void make_room_for_commands() {
     setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
 }
 
-void place_command(const std::string &script) {
+void install_command(const std::string &script) {
     write_program("/bin/chpasswd", "#!/bin/sh\n" + script);
 }
 
-/** A command that keeps its input, its arguments and what its input file is. */
+/** A command that records its input, its arguments and the attributes of its input file. */
 constexpr const char *recording_command =
     "echo \"$*\" >/root/arguments\n"
     "cat >/root/input\n"
@@ -445,20 +453,20 @@ constexpr const char *recording_command =
 
 bool exists(const std::string &path) { return fs::exists(fs::symlink_status(path)); }
 
-/** Whether the recording command was run since this was asked last. */
+/** Whether the recording command was run since the last call. */
 bool was_run() { return fs::remove("/root/arguments"); }
 
-/** Runs a piece of a test where the recording command is in place. */
+/** Runs a part of a test in a private root where the recording command is installed. */
 void with_command(const std::function<void()> &body) {
     in_private_root([&body] {
-        make_room_for_commands();
-        place_command(recording_command);
+        make_bin_writable();
+        install_command(recording_command);
         body();
         EXPECT_FALSE(exists(password_file));
     });
 }
 
-/** Changes a password and says what the command got. */
+/** Changes a password and returns the input of the command. */
 std::string input_for(const std::string &user, const std::string &word) {
     EXPECT_EQ(login_chpwd(user.c_str(), word.c_str()), CORVEL_PASSWORD_CHANGED);
     EXPECT_TRUE(was_run());
@@ -466,7 +474,7 @@ std::string input_for(const std::string &user, const std::string &word) {
     return read_file("/root/input");
 }
 
-TEST(LoginChpwd, HandsTheUserAndThePasswordToTheCommand) {
+TEST(login_chpwd, PassesTheUserAndThePasswordToTheCommand) {
     with_command([] {
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
@@ -475,10 +483,10 @@ TEST(LoginChpwd, HandsTheUserAndThePasswordToTheCommand) {
     });
 }
 
-TEST(LoginChpwd, HandsEveryPasswordOnAsItIs) {
+TEST(login_chpwd, PassesEveryPasswordUnchanged) {
     with_command([] {
         for (const std::string word :
-             {"", " ", "with blanks ", "a:b::c", "$(touch /root/hit) `touch /root/hit`", "%s%n%d",
+             {"", " ", "with spaces ", "a:b::c", "$(touch /root/hit) `touch /root/hit`", "%s%n%d",
               "'\"\\;|&<>", "\xC3\xA4\xFF\x01\t\r", "-m"})
             EXPECT_EQ(input_for("admin", word), "admin:" + word + "\n");
         const std::string longest(300000, 'w');
@@ -490,14 +498,14 @@ TEST(LoginChpwd, HandsEveryPasswordOnAsItIs) {
     });
 }
 
-TEST(LoginChpwd, TakesNullForAnEmptyText) {
+TEST(login_chpwd, TreatsNullAsAnEmptyString) {
     with_command([] {
         EXPECT_EQ(login_chpwd(nullptr, nullptr), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), ":\n");
     });
 }
 
-TEST(LoginChpwd, RefusesTextsThatWouldBeAnotherLineBeforeAnythingIsWritten) {
+TEST(login_chpwd, RefusesAColonOrANewlineThatWouldSplitTheLineBeforeWritingAnything) {
     with_command([] {
         const std::pair<std::string, std::string> refused[] = {
             {"admin:x", "secret"}, {":", "secret"},
@@ -522,10 +530,10 @@ TEST(LoginChpwd, RefusesTextsThatWouldBeAnotherLineBeforeAnythingIsWritten) {
     });
 }
 
-TEST(LoginChpwd, Returns121ForEveryExitCodeButZero) {
+TEST(login_chpwd, ReportsCommandFailedForEveryExitStatusButZero) {
     with_command([] {
         for (int code = 0; code < 256; code += code < 3 || code > 124 ? 1 : 61) {
-            place_command("exit " + std::to_string(code) + "\n");
+            install_command("exit " + std::to_string(code) + "\n");
             EXPECT_EQ(login_chpwd("admin", "secret"),
                       code == 0 ? CORVEL_PASSWORD_CHANGED : CORVEL_PASSWORD_COMMAND_FAILED)
                 << code;
@@ -534,11 +542,11 @@ TEST(LoginChpwd, Returns121ForEveryExitCodeButZero) {
     });
 }
 
-TEST(LoginChpwd, Returns121WhereThereIsNoCommandOrItCannotBeRun) {
+TEST(login_chpwd, ReportsCommandFailedIfTheCommandIsMissingOrCannotBeRun) {
     with_command([] {
         const auto change = [] {
             int result = 0;
-            // The shell says what is wrong.
+            // The shell prints the reason.
             EXPECT_NE(capture_stderr([&] { result = login_chpwd("admin", "secret"); }), "");
             EXPECT_FALSE(exists(password_file));
             return result;
@@ -552,14 +560,15 @@ TEST(LoginChpwd, Returns121WhereThereIsNoCommandOrItCannotBeRun) {
     });
 }
 
-TEST(LoginChpwd, Returns122ForACommandThatASignalEnds) {
+TEST(login_chpwd, ReportsACommandKilledByASignalAsTheShellDoes) {
     with_command([] {
-        // The command inherits what the tests' starter ignores, as nohup does with SIGHUP.
+        // The command inherits the signals that this process ignores, SIGHUP under nohup.
         for (const int ignorable : {SIGTERM, SIGPIPE, SIGHUP})
             std::signal(ignorable, SIG_DFL);
         for (const std::string signal : {"KILL", "TERM", "SEGV", "PIPE", "HUP"}) {
-            place_command("cat >/dev/null; kill -" + signal + " $$\n");
-            // A shell may run the command in a process of its own, and tell by its exit code.
+            install_command("cat >/dev/null; kill -" + signal + " $$\n");
+            // A shell may run the command in a separate process, and report the signal as its exit
+            // status.
             const int status = std::system("/bin/chpasswd </dev/null");
             EXPECT_EQ(login_chpwd("admin", "secret"), WIFSIGNALED(status)
                                                           ? CORVEL_PASSWORD_SHELL_FAILED
@@ -570,17 +579,17 @@ TEST(LoginChpwd, Returns122ForACommandThatASignalEnds) {
     });
 }
 
-TEST(LoginChpwd, Returns122WhereTheShellIsEndedByASignal) {
+TEST(login_chpwd, ReportsShellFailedIfASignalKillsTheShell) {
     with_command([] {
         fs::remove("/bin/sh");
-        // The shell that is asked to run the command.
+        // The shell that runs the command.
         write_program("/bin/sh", "#!/usr/bin/sh\nkill -KILL $$\n");
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
         EXPECT_FALSE(was_run());
     });
 }
 
-TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
+TEST(login_chpwd, ReadsAnyOutputOfTheCommand) {
     with_command([] {
         const std::string outputs[] = {
             "i=0; while [ $i -lt 1000 ]; do echo \"line $i\"; i=$((i + 1)); done",
@@ -592,8 +601,8 @@ TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
             "exec >&-; cat >/dev/null"};
         for (const std::string &output : outputs) {
             for (const int code : {0, 7}) {
-                place_command("cat >/root/input; " + output + "\nexit " + std::to_string(code) +
-                              "\n");
+                install_command("cat >/root/input; " + output + "\nexit " + std::to_string(code) +
+                                "\n");
                 fs::remove("/root/input");
                 EXPECT_EQ(capture_stdout([code] {
                               EXPECT_EQ(login_chpwd("admin", "secret"),
@@ -608,27 +617,27 @@ TEST(LoginChpwd, ReadsTheCommandsOutputWhateverItIs) {
     });
 }
 
-TEST(LoginChpwd, WaitsForACommandThatClosesItsOutputEarly) {
+TEST(login_chpwd, WaitsForACommandThatClosesItsOutputEarly) {
     with_command([] {
-        place_command("exec >&-; cat >/root/input; exit 9\n");
+        install_command("exec >&-; cat >/root/input; exit 9\n");
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_COMMAND_FAILED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
     });
 }
 
-TEST(LoginChpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
+TEST(login_chpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
     with_command([] {
-        place_command("cat; echo said\n");
-        const std::size_t open_before = open_descriptors().size();
+        install_command("cat; echo said\n");
+        const std::vector<int> open_before = open_descriptors();
         EXPECT_EQ(capture_stdout(
                       [] { EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED); }),
                   "");
         EXPECT_EQ(capture_stderr(
                       [] { EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED); }),
                   "");
-        EXPECT_EQ(open_descriptors().size(), open_before);
-        // The library itself needs no memory; where starting or hearing the command does, it is
-        // either run or not.
+        EXPECT_EQ(open_descriptors(), open_before);
+        // The library itself allocates nothing. If an allocation fails in popen() or in reading the
+        // output, the command is run or cannot be started.
         for_each_allocation_failure([](AllocationTrial &trial) {
             const int result = trial.run([] { return login_chpwd("admin", "secret"); });
             EXPECT_FALSE(exists(password_file));
@@ -636,11 +645,11 @@ TEST(LoginChpwd, PrintsNothingAndLeavesNothingOpenOrAllocated) {
                         (trial.failed() && result == CORVEL_PASSWORD_SHELL_FAILED))
                 << result;
         });
-        EXPECT_EQ(open_descriptors().size(), open_before);
+        EXPECT_EQ(open_descriptors(), open_before);
     });
 }
 
-TEST(LoginChpwd, MakesAFileForItsOwnerAloneWhateverTheMask) {
+TEST(login_chpwd, CreatesThePasswordFileWithMode0600UnderAnyUmask) {
     with_command([] {
         for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
             umask(mask);
@@ -651,7 +660,7 @@ TEST(LoginChpwd, MakesAFileForItsOwnerAloneWhateverTheMask) {
     });
 }
 
-TEST(LoginChpwd, NeverShowsThePasswordToOthersWhereverItIsStopped) {
+TEST(login_chpwd, NeverShowsThePasswordToOthersWhereverItIsKilled) {
     with_command([] {
         umask(0);
         bool file_seen = false;
@@ -659,7 +668,7 @@ TEST(LoginChpwd, NeverShowsThePasswordToOthersWhereverItIsStopped) {
         const unsigned long points =
             for_each_kill_point([] { fs::remove(password_file); },
                                 [] {
-                                    // A command would live on when its starter is killed.
+                                    // A command would survive when this process is killed.
                                     const FailCall not_started(call_popen, 1);
                                     login_chpwd("admin", "secret");
                                 },
@@ -677,15 +686,15 @@ TEST(LoginChpwd, NeverShowsThePasswordToOthersWhereverItIsStopped) {
         EXPECT_GE(points, 5U);
         EXPECT_TRUE(file_seen);
         EXPECT_TRUE(password_seen);
-        // What a stopped process left behind hinders nobody.
-        write_file(password_file, "left behind\n");
+        // A file that a killed process left does not prevent a later change.
+        write_file(password_file, "left over\n");
         umask(022);
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(read_file("/root/input"), "admin:secret\n");
     });
 }
 
-TEST(LoginChpwd, FollowsNoLink) {
+TEST(login_chpwd, FollowsNoLink) {
     with_command([] {
         const auto expect_own_file = [] {
             EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
@@ -696,7 +705,7 @@ TEST(LoginChpwd, FollowsNoLink) {
         fs::create_symlink("/etc/victim", password_file);
         expect_own_file();
         fs::create_hard_link("/etc/victim", "/etc/second-name");
-        // A hard link lies in one file system with its file; all of the root is one.
+        // A hard link needs a single file system, which the private root is.
         fs::create_hard_link("/etc/victim", password_file);
         expect_own_file();
         EXPECT_EQ(read_file("/etc/victim"), "as it was");
@@ -705,9 +714,9 @@ TEST(LoginChpwd, FollowsNoLink) {
         EXPECT_EQ(status.st_mode, S_IFREG | 0644U);
         EXPECT_EQ(status.st_nlink, 2U);
 
-        fs::create_symlink("/etc/not-there", password_file);
+        fs::create_symlink("/etc/missing", password_file);
         expect_own_file();
-        EXPECT_FALSE(exists("/etc/not-there"));
+        EXPECT_FALSE(exists("/etc/missing"));
         fs::create_symlink("/etc", password_file);
         expect_own_file();
         EXPECT_TRUE(fs::is_directory("/etc"));
@@ -716,7 +725,7 @@ TEST(LoginChpwd, FollowsNoLink) {
     });
 }
 
-TEST(LoginChpwd, WritesIntoNothingThatWasThereBefore) {
+TEST(login_chpwd, NeverWritesToAnExistingFile) {
     with_command([] {
         write_file(password_file, "a longer text that was there before");
         fs::permissions(password_file, fs::perms{0666});
@@ -735,7 +744,7 @@ TEST(LoginChpwd, WritesIntoNothingThatWasThereBefore) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereAFolderStandsInItsWay) {
+TEST(login_chpwd, RefusesIfThePasswordFileIsADirectory) {
     with_command([] {
         fs::create_directory(password_file);
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
@@ -745,9 +754,9 @@ TEST(LoginChpwd, Returns123WhereAFolderStandsInItsWay) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereTheFileCannotBeMade) {
+TEST(login_chpwd, RefusesIfThePasswordFileCannotBeCreated) {
     with_command([] {
-        const std::size_t open_before = open_descriptors().size();
+        const std::vector<int> open_before = open_descriptors();
         for (const int error : {EACCES, EMFILE, ENOSPC, EROFS, EEXIST}) {
             // The lock file is opened first.
             for (const unsigned long first : {1UL, 2UL}) {
@@ -765,15 +774,15 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeMade) {
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_REFUSED);
         fs::rename("/tmp-away", "/tmp");
         EXPECT_FALSE(was_run());
-        EXPECT_EQ(open_descriptors().size(), open_before);
+        EXPECT_EQ(open_descriptors(), open_before);
     });
 }
 
-TEST(LoginChpwd, TriesAgainWhereAnotherProcessIsQuickerButNotForEver) {
+TEST(login_chpwd, RetriesIfAnotherProcessCreatesThePasswordFileButNotForever) {
     with_command([] {
         write_file(password_file, "another's");
         {
-            // As if the file had come right behind it.
+            // As if the file were created immediately after the call of unlink().
             const FailCall missed(call_unlink, 1, ENOENT);
             EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
             EXPECT_EQ(missed.failures(), 1U);
@@ -791,10 +800,10 @@ TEST(LoginChpwd, TriesAgainWhereAnotherProcessIsQuickerButNotForEver) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereTheDiskIsFull) {
+TEST(login_chpwd, RefusesIfTheDiskIsFull) {
     in_private_root([] {
-        make_room_for_commands();
-        place_command(recording_command);
+        make_bin_writable();
+        install_command(recording_command);
         mount_small_disk("/tmp", 65536);
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_TRUE(was_run());
@@ -808,9 +817,9 @@ TEST(LoginChpwd, Returns123WhereTheDiskIsFull) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereTheFileCannotBeWrittenWhole) {
+TEST(login_chpwd, RefusesIfThePasswordFileCannotBeWrittenWhole) {
     with_command([] {
-        const std::size_t open_before = open_descriptors().size();
+        const std::vector<int> open_before = open_descriptors();
         for (const ssize_t written : {-1, 0, 1, 12}) {
             const Instead in_place_of_writev(instead_of_writev, [written](int, const iovec *, int) {
                 errno = EIO;
@@ -820,12 +829,12 @@ TEST(LoginChpwd, Returns123WhereTheFileCannotBeWrittenWhole) {
             EXPECT_FALSE(was_run());
             EXPECT_FALSE(exists(password_file));
         }
-        EXPECT_EQ(open_descriptors().size(), open_before);
+        EXPECT_EQ(open_descriptors(), open_before);
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
     });
 }
 
-/** Whether another process could lock a file. */
+/** Whether another process can lock a file. */
 bool can_be_locked_by_another(const char *path) {
     return run_in_child([path] {
                const int file = open(path, O_RDWR | O_CLOEXEC);
@@ -833,7 +842,7 @@ bool can_be_locked_by_another(const char *path) {
            }).exit_status == 0;
 }
 
-TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
+TEST(login_chpwd, LocksThePasswordFileOnlyWhileWritingIt) {
     with_command([] {
         bool free_while_written = true;
         const Instead in_place_of_writev(
@@ -844,9 +853,9 @@ TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
                     total += write(descriptor, pieces[i].iov_base, pieces[i].iov_len);
                 return total;
             });
-        place_command("cat >/root/input\n"
-                      "grep \":$(stat -c %i /tmp/.chpwd.txt) \" /proc/locks >/root/locks\n"
-                      "exit 0\n");
+        install_command("cat >/root/input\n"
+                        "grep \":$(stat -c %i /tmp/.chpwd.txt) \" /proc/locks >/root/locks\n"
+                        "exit 0\n");
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         EXPECT_FALSE(free_while_written);
         EXPECT_EQ(read_file("/root/locks"), "");
@@ -854,7 +863,7 @@ TEST(LoginChpwd, LocksTheFileWhileItIsWrittenAndNoLonger) {
     });
 }
 
-TEST(LoginChpwd, GoesOnWithoutALock) {
+TEST(login_chpwd, ProceedsIfThePasswordFileCannotBeLocked) {
     with_command([] {
         const FailCall failing(call_lockf, 1, ENOLCK, FailCall::from_then_on);
         EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
@@ -863,7 +872,7 @@ TEST(LoginChpwd, GoesOnWithoutALock) {
 
 constexpr const char *lock_file = "/var/run/chpwd.lck";
 
-/** A process that holds the lock of a call while the object lives. */
+/** Another process that holds the lock of the lock file during the lifetime of the object. */
 class OtherCall {
   public:
     OtherCall() : id_(fork()) {
@@ -896,7 +905,7 @@ class OtherCall {
     pid_t id_;
 };
 
-/** Adds up what poll() is to wait while the object lives; nothing waits. */
+/** During its lifetime, poll() returns at once and its timeouts are added up. */
 class CountedWaits {
   public:
     explicit CountedWaits(std::function<void(unsigned)> at_each = [](unsigned) {})
@@ -917,9 +926,9 @@ class CountedWaits {
     Instead<int(pollfd *, nfds_t, int)> in_place_;
 };
 
-TEST(LoginChpwd, ChangesEveryPasswordItReportsWhereSeveralProcessesCallIt) {
+TEST(login_chpwd, ChangesEveryPasswordItReportsIfSeveralProcessesCallIt) {
     in_private_root([] {
-        make_room_for_commands();
+        make_bin_writable();
         fs::create_symlink("/usr/sbin/chpasswd", "/bin/chpasswd");
         const std::vector<std::string> users = {"ada", "bob", "cid", "dan", "eve", "fay"};
         std::string passwd_text = "root:x:0:0::/:/bin/sh\n";
@@ -948,12 +957,13 @@ TEST(LoginChpwd, ChangesEveryPasswordItReportsWhereSeveralProcessesCallIt) {
         std::size_t changed = 0;
         for (std::size_t i = 0; i < users.size(); ++i) {
             const int result = wait_for_child(processes[i]).exit_status;
-            // A busy machine may make the last ones wait for too long.
+            // On a busy machine the last ones may have to wait for too long.
             EXPECT_TRUE(result == CORVEL_PASSWORD_CHANGED || result == CORVEL_PASSWORD_REFUSED)
                 << result;
-            changed += result == 0 ? 1 : 0;
+            changed += result == CORVEL_PASSWORD_CHANGED ? 1 : 0;
             EXPECT_EQ(login_auth(users[i].c_str(), ("new of " + users[i]).c_str()),
-                      result == 0 ? 0 : -1)
+                      result == CORVEL_PASSWORD_CHANGED ? CORVEL_LOGIN_ACCEPTED
+                                                        : CORVEL_LOGIN_REFUSED)
                 << users[i];
         }
         EXPECT_GE(changed, 2U);
@@ -961,12 +971,12 @@ TEST(LoginChpwd, ChangesEveryPasswordItReportsWhereSeveralProcessesCallIt) {
     });
 }
 
-TEST(LoginChpwd, HoldsALockWhileTheCommandRunsAndNoLonger) {
+TEST(login_chpwd, HoldsTheLockFileOnlyDuringTheCall) {
     with_command([] {
         ASSERT_EQ(mkfifo("/root/running", 0600), 0);
         ASSERT_EQ(mkfifo("/root/go-on", 0600), 0);
-        place_command("echo >/root/running; cat /root/go-on\n"
-                      "stat -c '%a %u %h %F' /var/run/chpwd.lck >/root/lock\n");
+        install_command("echo >/root/running; cat /root/go-on\n"
+                        "stat -c '%a %u %h %F' /var/run/chpwd.lck >/root/lock\n");
         const pid_t caller = fork();
         ASSERT_GE(caller, 0);
         if (caller == 0)
@@ -974,15 +984,15 @@ TEST(LoginChpwd, HoldsALockWhileTheCommandRunsAndNoLonger) {
         EXPECT_EQ(read_file("/root/running"), "\n");
         EXPECT_FALSE(can_be_locked_by_another(lock_file));
         write_file("/root/go-on", "");
-        EXPECT_EQ(wait_for_child(caller).exit_status, 0);
+        EXPECT_EQ(wait_for_child(caller).exit_status, CORVEL_PASSWORD_CHANGED);
         EXPECT_TRUE(can_be_locked_by_another(lock_file));
         EXPECT_EQ(read_file("/root/lock"), "600 0 1 regular empty file\n");
     });
 }
 
-TEST(LoginChpwd, HandsTheCommandNoDescriptorOfItsLock) {
+TEST(login_chpwd, PassesNoDescriptorOfTheLockFileToTheCommand) {
     with_command([] {
-        place_command("ls -l /proc/$$/fd >/root/opened\n");
+        install_command("ls -l /proc/$$/fd >/root/opened\n");
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
         const std::string opened = read_file("/root/opened");
         EXPECT_NE(opened.find(password_file), std::string::npos) << opened;
@@ -990,7 +1000,7 @@ TEST(LoginChpwd, HandsTheCommandNoDescriptorOfItsLock) {
     });
 }
 
-TEST(LoginChpwd, MakesALockFileForItsOwnerAloneUnderAnyMask) {
+TEST(login_chpwd, CreatesTheLockFileWithMode0600UnderAnyUmask) {
     with_command([] {
         for (const mode_t mask : {0U, 022U, 077U, 0177U}) {
             fs::remove(lock_file);
@@ -1004,7 +1014,7 @@ TEST(LoginChpwd, MakesALockFileForItsOwnerAloneUnderAnyMask) {
     });
 }
 
-TEST(LoginChpwd, WaitsUntilAnotherCallEnds) {
+TEST(login_chpwd, WaitsUntilAnotherCallEnds) {
     with_command([] {
         OtherCall other;
         const CountedWaits waits([&other](unsigned count) {
@@ -1017,7 +1027,7 @@ TEST(LoginChpwd, WaitsUntilAnotherCallEnds) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereAnotherCallLastsLongerThan15Seconds) {
+TEST(login_chpwd, RefusesIfAnotherCallLastsLongerThan15Seconds) {
     with_command([] {
         write_file(password_file, "the other call's");
         const OtherCall other;
@@ -1030,15 +1040,15 @@ TEST(LoginChpwd, Returns123WhereAnotherCallLastsLongerThan15Seconds) {
     });
 }
 
-TEST(LoginChpwd, TakesTheLockFileThatHasTheNameNow) {
+TEST(login_chpwd, LocksTheFileThatCurrentlyHasTheName) {
     with_command([] {
-        // Removed while another call holds it: that one is outside already.
+        // Removed while another call holds its lock; the next attempt locks a new file.
         const OtherCall other;
         const CountedWaits waits([](unsigned) { fs::remove(lock_file); });
         EXPECT_EQ(input_for("admin", "secret"), "admin:secret\n");
         EXPECT_EQ(waits.count(), 1U);
         EXPECT_TRUE(exists(lock_file));
-        // Removed after it was opened and before it was locked.
+        // Removed between being opened and being locked.
         bool removed = false;
         const Instead in_place_of_lock(error_of_lock, [&removed] {
             if (!std::exchange(removed, true))
@@ -1051,7 +1061,7 @@ TEST(LoginChpwd, TakesTheLockFileThatHasTheNameNow) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
+TEST(login_chpwd, RefusesALockFileThatIsNotExclusiveToRoot) {
     with_command([] {
         const CountedWaits waits;
         const auto expect_refused = [](const char *what) {
@@ -1072,7 +1082,7 @@ TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
         EXPECT_EQ(read_file("/etc/victim"), "as it was");
         write_file(lock_file, "");
         fs::permissions(lock_file, fs::perms{0600});
-        // The one other user that each user namespace has is nobody.
+        // Fails in a user namespace without that user.
         if (chown(lock_file, ordinary_user_id, 0) == 0)
             expect_refused("another owner");
         for (const unsigned mode : {0640U, 0620U, 0604U, 0602U}) {
@@ -1089,7 +1099,7 @@ TEST(LoginChpwd, Returns123WhereTheLockFileIsNotRootsAlone) {
     });
 }
 
-TEST(LoginChpwd, MakesTheDirectoryOfItsLock) {
+TEST(login_chpwd, CreatesTheDirectoryOfTheLockFile) {
     with_command([] {
         fs::remove_all("/var/run");
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_CHANGED);
@@ -1098,7 +1108,7 @@ TEST(LoginChpwd, MakesTheDirectoryOfItsLock) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereThereIsNoPlaceForItsLock) {
+TEST(login_chpwd, RefusesIfTheDirectoryOfTheLockFileCannotBeCreated) {
     with_command([] {
         const CountedWaits waits;
         fs::remove_all("/var");
@@ -1110,7 +1120,7 @@ TEST(LoginChpwd, Returns123WhereThereIsNoPlaceForItsLock) {
     });
 }
 
-TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
+TEST(login_chpwd, RefusesIfTheLockFileCannotBeLocked) {
     with_command([] {
         const CountedWaits waits;
         for (const int error : {ENOLCK, EINVAL, EIO}) {
@@ -1119,7 +1129,7 @@ TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
         }
         EXPECT_EQ(waits.count(), 0U);
         EXPECT_FALSE(was_run());
-        // What a system may say of a lock that another process has.
+        // The errors by which a system may report that another process holds the lock.
         for (const int error : {EAGAIN, EACCES}) {
             int left = 2;
             const Instead in_place_of_lock(error_of_lock, [&] { return left-- > 0 ? error : 0; });
@@ -1129,7 +1139,7 @@ TEST(LoginChpwd, Returns123WhereFilesCannotBeLocked) {
     });
 }
 
-TEST(LoginChpwd, Returns122WhereTheCommandCannotBeStarted) {
+TEST(login_chpwd, ReportsShellFailedIfTheCommandCannotBeStarted) {
     with_command([] {
         const FailCall failing(call_popen, 1, EMFILE);
         EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
@@ -1139,7 +1149,7 @@ TEST(LoginChpwd, Returns122WhereTheCommandCannotBeStarted) {
     });
 }
 
-TEST(LoginChpwd, Returns122WhereTheCommandsStatusIsNotToBeHad) {
+TEST(login_chpwd, ReportsShellFailedIfTheExitStatusIsUnavailable) {
     with_command([] {
         {
             const FailCall failing(call_pclose, 1, ECHILD);
@@ -1147,7 +1157,6 @@ TEST(LoginChpwd, Returns122WhereTheCommandsStatusIsNotToBeHad) {
         }
         EXPECT_TRUE(was_run());
         EXPECT_FALSE(exists(password_file));
-        // As a program that wants to know nothing of its children.
         expect_in_child([] {
             signal(SIGCHLD, SIG_IGN);
             EXPECT_EQ(login_chpwd("admin", "secret"), CORVEL_PASSWORD_SHELL_FAILED);
@@ -1156,9 +1165,9 @@ TEST(LoginChpwd, Returns122WhereTheCommandsStatusIsNotToBeHad) {
     });
 }
 
-TEST(LoginChpwd, ChangesAPasswordWithTheRealCommand) {
+TEST(login_chpwd, ChangesAPasswordWithTheRealCommand) {
     in_private_root([] {
-        make_room_for_commands();
+        make_bin_writable();
         fs::create_symlink("/usr/sbin/chpasswd", "/bin/chpasswd");
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\n" + passwd_line("admin"));
         write_file("/etc/shadow", "root:*:19000:0:99999:7:::\n" + shadow_line("admin", hash));
@@ -1167,7 +1176,7 @@ TEST(LoginChpwd, ChangesAPasswordWithTheRealCommand) {
         EXPECT_EQ(login_chpwd("admin", "new: $ecret "), CORVEL_PASSWORD_CHANGED);
         EXPECT_EQ(login_auth("admin", "new: $ecret "), CORVEL_LOGIN_ACCEPTED);
         EXPECT_EQ(login_auth("admin", password), CORVEL_LOGIN_REFUSED);
-        // As the board's other programs need it.
+        // The board's other programs need an MD5 hash.
         EXPECT_NE(read_file("/etc/shadow").find("\nadmin:$1$"), std::string::npos);
         EXPECT_NE(capture_stderr([] {
                       EXPECT_EQ(login_chpwd("nobody", "secret"), CORVEL_PASSWORD_COMMAND_FAILED);

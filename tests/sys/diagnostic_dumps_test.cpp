@@ -3,6 +3,7 @@
 
 #include "tests/support/guarded_block.h"
 #include "tests/support/output_capture.h"
+#include "tests/sys/sample_bytes.h"
 
 #include <climits>
 #include <cstdio>
@@ -28,26 +29,21 @@ const std::vector<int> lengths = [] {
 }();
 constexpr int negative_lengths[] = {-1, -16, -40, INT_MIN};
 
-/** Bytes that no two neighbours of a dump share: 0xF7 first, 0x00 and line ends among them. */
-std::string sample(int length) {
-    std::string bytes;
-    for (int i = 0; i < length; ++i)
-        bytes += static_cast<char>(0xF7 + 37 * i);
-    return bytes;
-}
+std::string sample(int length) { return sample_bytes(static_cast<std::size_t>(length), 0xF7); }
 
-std::string hex(std::string_view bytes, const std::string &behind_each = "") {
+/** Returns bytes in hexadecimal, each followed by @p suffix. */
+std::string hex(std::string_view bytes, const std::string &suffix = "") {
     std::string text;
     for (const char byte : bytes) {
         constexpr const char *digits = "0123456789abcdef";
         text += digits[static_cast<unsigned char>(byte) / 16];
         text += digits[static_cast<unsigned char>(byte) % 16];
-        text += behind_each;
+        text += suffix;
     }
     return text;
 }
 
-/** What a dump prints of bytes that end, or begin, where their memory does. */
+/** Returns what a dump prints of bytes that end or begin at an inaccessible page. */
 std::string dumped(const std::string &bytes,
                    const std::function<void(const unsigned char *, int)> &dump) {
     std::string text;
@@ -62,9 +58,9 @@ std::string dumped(const std::string &bytes,
     return text;
 }
 
-/** What a dump prints of a negative length, and of no bytes at all. */
-void expect_for_nothing(const std::string &text,
-                        const std::function<void(const unsigned char *, int)> &dump) {
+/** Expects what a dump prints for no bytes and for negative lengths. */
+void expect_without_bytes(const std::string &text,
+                          const std::function<void(const unsigned char *, int)> &dump) {
     EXPECT_EQ(capture_stdout([&] { dump(nullptr, 0); }), text);
     const unsigned char byte = 'a';
     for (const int length : negative_lengths) {
@@ -73,50 +69,9 @@ void expect_for_nothing(const std::string &text,
     }
 }
 
-TEST(PrintHexString, PrintsLessThanFortyBytesWhole) {
-    EXPECT_EQ(dumped("\x01\xAB\xFF", print_hex_string), "01abff");
-    for (const int length : short_lengths)
-        EXPECT_EQ(dumped(sample(length), print_hex_string), hex(sample(length))) << length;
-    EXPECT_EQ(dumped(sample(39), print_hex_string).size(), 78U);
-}
+// --- DPrint_hex_string ---
 
-TEST(PrintHexString, PrintsTheEndsOfMore) {
-    EXPECT_EQ(dumped("0123456789" + std::string(20, '\0') + "ABCDEFGHIJ", print_hex_string),
-              "30313233343536373839 ... 4142434445464748494a [40 bytes]");
-    for (const int length : long_lengths)
-        EXPECT_EQ(dumped(sample(length), print_hex_string),
-                  hex(sample(length).substr(0, 10)) + " ... " +
-                      hex(sample(length).substr(sample(length).size() - 10)) + " [" +
-                      std::to_string(length) + " bytes]");
-}
-
-TEST(PrintHexString, SaysThatThereIsNothing) {
-    EXPECT_EQ(dumped("", print_hex_string), "<empty string>");
-    expect_for_nothing("<empty string>", print_hex_string);
-}
-
-TEST(PrintToString, PrintsLessThanFortyBytesWhole) {
-    EXPECT_EQ(dumped("a\0%s\n\xFF"s, print_to_string), "a\0%s\n\xFF"s);
-    for (const int length : short_lengths)
-        EXPECT_EQ(dumped(sample(length), print_to_string), sample(length)) << length;
-}
-
-TEST(PrintToString, PrintsTheEndsOfMore) {
-    EXPECT_EQ(dumped("0123456789abcdefghijABCDEFGHIJ0123456789", print_to_string),
-              "0123456789abcdefghij ... ABCDEFGHIJ0123456789 [40 bytes]");
-    for (const int length : long_lengths)
-        EXPECT_EQ(dumped(sample(length), print_to_string),
-                  sample(length).substr(0, 20) + " ... " +
-                      sample(length).substr(sample(length).size() - 20) + " [" +
-                      std::to_string(length) + " bytes]");
-}
-
-TEST(PrintToString, SaysThatThereIsNothing) {
-    EXPECT_EQ(dumped("", print_to_string), "<empty string>");
-    expect_for_nothing("<empty string>", print_to_string);
-}
-
-TEST(DPrintHexString, PrintsNothing) {
+TEST(DPrint_hex_string, PrintsNothing) {
     for (const int length : lengths) {
         EXPECT_EQ(dumped(sample(length), DPrint_hex_string), "");
         EXPECT_EQ(capture_stderr([length] {
@@ -126,10 +81,59 @@ TEST(DPrintHexString, PrintsNothing) {
                   }),
                   "");
     }
-    expect_for_nothing("", DPrint_hex_string);
+    expect_without_bytes("", DPrint_hex_string);
 }
 
-/** Sixteen bytes a line; the last line has an end of its own, be it empty. */
+// --- print_hex_string ---
+
+TEST(print_hex_string, PrintsFewerThanFortyBytesWhole) {
+    EXPECT_EQ(dumped("\x01\xAB\xFF", print_hex_string), "01abff");
+    for (const int length : short_lengths)
+        EXPECT_EQ(dumped(sample(length), print_hex_string), hex(sample(length))) << length;
+    EXPECT_EQ(dumped(sample(39), print_hex_string).size(), 78U);
+}
+
+TEST(print_hex_string, PrintsOnlyTheEndsOfFortyBytesOrMore) {
+    EXPECT_EQ(dumped("0123456789" + std::string(20, '\0') + "ABCDEFGHIJ", print_hex_string),
+              "30313233343536373839 ... 4142434445464748494a [40 bytes]");
+    for (const int length : long_lengths)
+        EXPECT_EQ(dumped(sample(length), print_hex_string),
+                  hex(sample(length).substr(0, 10)) + " ... " +
+                      hex(sample(length).substr(sample(length).size() - 10)) + " [" +
+                      std::to_string(length) + " bytes]");
+}
+
+TEST(print_hex_string, PrintsEmptyStringForNoBytes) {
+    EXPECT_EQ(dumped("", print_hex_string), "<empty string>");
+    expect_without_bytes("<empty string>", print_hex_string);
+}
+
+// --- print_to_string ---
+
+TEST(print_to_string, PrintsFewerThanFortyBytesWhole) {
+    EXPECT_EQ(dumped("a\0%s\n\xFF"s, print_to_string), "a\0%s\n\xFF"s);
+    for (const int length : short_lengths)
+        EXPECT_EQ(dumped(sample(length), print_to_string), sample(length)) << length;
+}
+
+TEST(print_to_string, PrintsOnlyTheEndsOfFortyBytesOrMore) {
+    EXPECT_EQ(dumped("0123456789abcdefghijABCDEFGHIJ0123456789", print_to_string),
+              "0123456789abcdefghij ... ABCDEFGHIJ0123456789 [40 bytes]");
+    for (const int length : long_lengths)
+        EXPECT_EQ(dumped(sample(length), print_to_string),
+                  sample(length).substr(0, 20) + " ... " +
+                      sample(length).substr(sample(length).size() - 20) + " [" +
+                      std::to_string(length) + " bytes]");
+}
+
+TEST(print_to_string, PrintsEmptyStringForNoBytes) {
+    EXPECT_EQ(dumped("", print_to_string), "<empty string>");
+    expect_without_bytes("<empty string>", print_to_string);
+}
+
+// --- print_string ---
+
+/** Returns lines of sixteen bytes; a newline ends even an empty last line. */
 std::string hex_lines(const std::string &bytes) {
     std::string text;
     std::size_t at = 0;
@@ -138,7 +142,7 @@ std::string hex_lines(const std::string &bytes) {
     return text + hex(bytes.substr(at), " ") + "\n";
 }
 
-TEST(PrintString, BeginsWithALineEndAndPrintsSixteenBytesALine) {
+TEST(print_string, PrintsANewlineAndThenSixteenBytesALine) {
     EXPECT_EQ(dumped("", print_string), "\n\n");
     EXPECT_EQ(dumped("\x01\xAB", print_string), "\n01 ab \n");
     EXPECT_EQ(dumped("0123456789abcdef", print_string),
@@ -147,10 +151,12 @@ TEST(PrintString, BeginsWithALineEndAndPrintsSixteenBytesALine) {
               "\n30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 \n67 \n");
     for (const int length : lengths)
         EXPECT_EQ(dumped(sample(length), print_string), "\n" + hex_lines(sample(length)));
-    expect_for_nothing("\n\n", print_string);
+    expect_without_bytes("\n\n", print_string);
 }
 
-TEST(PrintHexArray, PrintsTheTitleAndSixteenBytesALine) {
+// --- print_hex_array ---
+
+TEST(print_hex_array, PrintsTheTitleAndSixteenBytesALine) {
     const auto titled = [](const unsigned char *data, int length) {
         print_hex_array("title %d", data, length);
     };
@@ -160,20 +166,22 @@ TEST(PrintHexArray, PrintsTheTitleAndSixteenBytesALine) {
     for (const int length : lengths)
         EXPECT_EQ(dumped(sample(length), titled),
                   "title %d(" + std::to_string(length) + "):\n" + hex_lines(sample(length)));
-    expect_for_nothing("title %d(0):\n\n", titled);
+    expect_without_bytes("title %d(0):\n\n", titled);
 }
 
-TEST(PrintHexArray, NeedsNoTitle) {
+TEST(print_hex_array, PrintsNoTitleLineForANullTitle) {
     const auto untitled = [](const unsigned char *data, int length) {
         print_hex_array(nullptr, data, length);
     };
     for (const int length : lengths)
         EXPECT_EQ(dumped(sample(length), untitled), hex_lines(sample(length)));
-    expect_for_nothing("\n", untitled);
+    expect_without_bytes("\n", untitled);
     EXPECT_EQ(capture_stdout([] { print_hex_array("", nullptr, 0); }), "(0):\n\n");
 }
 
-TEST(PrintStringArray, PrintsTheTitleAndTheBytes) {
+// --- print_string_array ---
+
+TEST(print_string_array, PrintsTheTitleAndTheBytes) {
     const auto titled = [](const unsigned char *data, int length) {
         print_string_array("title", data, length);
     };
@@ -181,23 +189,25 @@ TEST(PrintStringArray, PrintsTheTitleAndTheBytes) {
     for (const int length : lengths)
         EXPECT_EQ(dumped(sample(length), titled),
                   "title(" + std::to_string(length) + "):\n" + sample(length) + "\n");
-    expect_for_nothing("title(0):\n\n", titled);
+    expect_without_bytes("title(0):\n\n", titled);
 }
 
-TEST(PrintStringArray, NeedsNoTitle) {
+TEST(print_string_array, PrintsNoTitleLineForANullTitle) {
     const auto untitled = [](const unsigned char *data, int length) {
         print_string_array(nullptr, data, length);
     };
     for (const int length : lengths)
         EXPECT_EQ(dumped(sample(length), untitled), sample(length) + "\n");
-    expect_for_nothing("\n", untitled);
+    expect_without_bytes("\n", untitled);
 }
 
-/** A text with bytes appended to it, in a buffer with exactly the room that is asked for. */
+// --- print_byte_to_string ---
+
+/** Returns a string with bytes appended to it, in a buffer of exactly the documented size. */
 std::string appended(const std::string &text, const std::string &bytes) {
-    const std::size_t room = text.size() + (bytes.empty() ? 1 : 3 * bytes.size());
+    const std::size_t size = text.size() + (bytes.empty() ? 1 : 3 * bytes.size());
     std::string buffer = text + '\0';
-    buffer.resize(room, '#');
+    buffer.resize(size, '#');
     const GuardedBlock block(buffer);
     EXPECT_EQ(print_byte_to_string(block.start(),
                                    reinterpret_cast<const unsigned char *>(bytes.data()),
@@ -206,7 +216,7 @@ std::string appended(const std::string &text, const std::string &bytes) {
     return block.start();
 }
 
-TEST(PrintByteToString, AppendsHardwareAddresses) {
+TEST(print_byte_to_string, AppendsHardwareAddresses) {
     EXPECT_EQ(appended("", "\x00\x11\x22\x33\x44\x55"s), "00:11:22:33:44:55");
     EXPECT_EQ(appended("", "\x00\x11\x22\x33\x44\x55\x66\x77\x88\x99\xAA\xBB"s),
               "00:11:22:33:44:55 66:77:88:99:AA:BB");
@@ -215,7 +225,7 @@ TEST(PrintByteToString, AppendsHardwareAddresses) {
     EXPECT_EQ(appended("mac ", ""), "mac ");
 }
 
-TEST(PrintByteToString, PutsABlankBehindEverySixthByte) {
+TEST(print_byte_to_string, AppendsASpaceAfterEverySixthByte) {
     for (const int length : lengths) {
         std::string expected = "->";
         const std::string bytes = sample(length);
@@ -230,7 +240,7 @@ TEST(PrintByteToString, PutsABlankBehindEverySixthByte) {
     }
 }
 
-TEST(PrintByteToString, AppendsNothingForANegativeLength) {
+TEST(print_byte_to_string, AppendsNothingForANegativeLength) {
     for (const int length : negative_lengths) {
         char text[] = "as it was";
         const unsigned char byte = 0xAB;
@@ -239,7 +249,7 @@ TEST(PrintByteToString, AppendsNothingForANegativeLength) {
     }
 }
 
-TEST(PrintByteToString, PrintsNothing) {
+TEST(print_byte_to_string, PrintsNothing) {
     EXPECT_EQ(capture_stdout([] { EXPECT_EQ(appended("", "\x01\x02"), "01:02"); }), "");
 }
 

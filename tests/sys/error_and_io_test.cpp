@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/named_process.h"
 #include "tests/support/output_capture.h"
@@ -33,7 +34,7 @@ namespace {
 
 using namespace std::string_literals;
 
-/** A child that died says why in one line, and ends with the status. */
+/** Expects that a child prints exactly this message and exits with this status. */
 void expect_death(const std::string &message, int exit_status, const std::function<void()> &body) {
     const ChildResult child = run_in_child([&body] {
         body();
@@ -44,7 +45,7 @@ void expect_death(const std::string &message, int exit_status, const std::functi
     EXPECT_EQ(child.exit_status, exit_status);
 }
 
-// bb_verror_msg and bb_error_msg_and_die
+// --- bb_verror_msg ---
 
 __attribute__((format(printf, 1, 2))) void print_error(const char *format, ...) {
     std::va_list values;
@@ -53,20 +54,20 @@ __attribute__((format(printf, 1, 2))) void print_error(const char *format, ...) 
     va_end(values);
 }
 
-TEST(VerrorMsg, PrintsTheMessageBehindTheProgramsNameWithoutALineEnd) {
+TEST(bb_verror_msg, PrintsTheMessageAfterTheProgramsNameWithoutANewline) {
     EXPECT_EQ(capture_stderr([] { print_error("no %s in %d %c%%", "lease", -7, 'x'); }),
               "unknown app: no lease in -7 x%");
     EXPECT_EQ(capture_stderr([] { print_error("%s", ""); }), "unknown app: ");
     EXPECT_EQ(capture_stdout([] { print_error("%s", "text"); }), "");
 }
 
-TEST(VerrorMsg, PrintsMessagesOfAnyLength) {
+TEST(bb_verror_msg, PrintsMessagesOfAnyLength) {
     const std::string text(100000, 'x');
     EXPECT_EQ(capture_stderr([&] { print_error("%s!", text.c_str()); }),
               "unknown app: " + text + "!");
 }
 
-TEST(VerrorMsg, FlushesStandardOutputFirst) {
+TEST(bb_verror_msg, FlushesStandardOutputFirst) {
     const ChildResult child = run_in_child([] {
         dup2(STDERR_FILENO, STDOUT_FILENO);
         std::printf("page");
@@ -77,11 +78,11 @@ TEST(VerrorMsg, FlushesStandardOutputFirst) {
     EXPECT_EQ(child.err, "pageunknown app: message");
 }
 
-// The formats are none that the compiler would let pass.
+// The compiler would reject these formats.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
 
-TEST(VerrorMsg, MayTellOfTheErrorThatCameBeforeAFailingFlush) {
+TEST(bb_verror_msg, KeepsErrnoForTheMessageIfFlushingFails) {
     const ChildResult child = run_in_child([] {
         std::printf("page");
         close(STDOUT_FILENO);
@@ -91,13 +92,15 @@ TEST(VerrorMsg, MayTellOfTheErrorThatCameBeforeAFailingFlush) {
     EXPECT_EQ(child.err, "unknown app: open: No such file or directory");
 }
 
-TEST(VerrorMsg, TakesANullPointerForTheEmptyMessage) {
+TEST(bb_verror_msg, TreatsANullPointerAsTheEmptyMessage) {
     EXPECT_EQ(capture_stderr([] { print_error(nullptr); }), "unknown app: ");
 }
 
 #pragma GCC diagnostic pop
 
-TEST(ErrorMsgAndDie, PrintsOneLineBehindWhatStandardOutputHeld) {
+// --- bb_error_msg_and_die ---
+
+TEST(bb_error_msg_and_die, PrintsOneLineAfterTheBufferedOutput) {
     const ChildResult child = run_in_child([] {
         dup2(STDERR_FILENO, STDOUT_FILENO);
         std::printf("half a page");
@@ -107,7 +110,7 @@ TEST(ErrorMsgAndDie, PrintsOneLineBehindWhatStandardOutputHeld) {
     EXPECT_EQ(child.exit_status, 1);
 }
 
-TEST(ErrorMsgAndDie, ExitsWithTheStatusThatTheProgramSet) {
+TEST(bb_error_msg_and_die, ExitsWithTheStatusThatTheProgramSet) {
     EXPECT_EQ(bb_default_error_retval, 1);
     for (const int status : {0, 1, 42, 255}) {
         expect_death("unknown app: gone\n", status, [status] {
@@ -117,7 +120,7 @@ TEST(ErrorMsgAndDie, ExitsWithTheStatusThatTheProgramSet) {
     }
 }
 
-TEST(ErrorMsgAndDie, ExitsInTheProperWay) {
+TEST(bb_error_msg_and_die, RunsTheExitHandlers) {
     const ChildResult child = run_in_child([] {
         std::atexit([] { std::fputs("cleared up\n", stderr); });
         bb_error_msg_and_die("gone");
@@ -125,9 +128,9 @@ TEST(ErrorMsgAndDie, ExitsInTheProperWay) {
     EXPECT_EQ(child.err, "unknown app: gone\ncleared up\n");
 }
 
-// xmalloc and xrealloc
+// --- xmalloc ---
 
-TEST(Xmalloc, AllocatesABlockThatFreeTakes) {
+TEST(xmalloc, AllocatesABlockThatFreeTakes) {
     const std::size_t sizes[] = {1, 16, 100000};
     for (const std::size_t size : sizes) {
         auto *const block = static_cast<char *>(xmalloc(size));
@@ -137,7 +140,7 @@ TEST(Xmalloc, AllocatesABlockThatFreeTakes) {
     }
 }
 
-TEST(Xmalloc, DiesWhereThereIsNoMemory) {
+TEST(xmalloc, DiesWithoutMemory) {
     EXPECT_STREQ(bb_msg_memory_exhausted, "memory exhausted");
     expect_death("unknown app: memory exhausted\n", 1, [] {
         const FailCall failing(call_malloc, 1, ENOMEM);
@@ -145,7 +148,7 @@ TEST(Xmalloc, DiesWhereThereIsNoMemory) {
     });
 }
 
-TEST(Xmalloc, DiesWithTheMessageAndTheStatusThatTheProgramSet) {
+TEST(xmalloc, DiesWithTheMessageAndTheStatusThatTheProgramSet) {
     expect_death("unknown app: 100% full %s\n", 3, [] {
         bb_msg_memory_exhausted = "100% full %s";
         bb_default_error_retval = 3;
@@ -154,14 +157,16 @@ TEST(Xmalloc, DiesWithTheMessageAndTheStatusThatTheProgramSet) {
     });
 }
 
-TEST(Xmalloc, NeverDiesForNoBytes) {
+TEST(xmalloc, NeverDiesForNoBytes) {
     std::free(xmalloc(0));
     const FailCall failing(call_malloc, 1, ENOMEM);
     EXPECT_EQ(xmalloc(0), nullptr);
     EXPECT_EQ(failing.failures(), 1U);
 }
 
-TEST(Xrealloc, AllocatesGrowsAndShrinksABlockAndKeepsItsContent) {
+// --- xrealloc ---
+
+TEST(xrealloc, AllocatesGrowsAndShrinksABlockAndKeepsItsContent) {
     auto *block = static_cast<char *>(xrealloc(nullptr, 4));
     ASSERT_NE(block, nullptr);
     std::memcpy(block, "abc", 4);
@@ -172,7 +177,7 @@ TEST(Xrealloc, AllocatesGrowsAndShrinksABlockAndKeepsItsContent) {
     std::free(block);
 }
 
-TEST(Xrealloc, DiesWhereThereIsNoMemory) {
+TEST(xrealloc, DiesWithoutMemory) {
     for (const bool has_block : {false, true}) {
         expect_death("unknown app: memory exhausted\n", 1, [has_block] {
             void *const block = has_block ? std::malloc(4) : nullptr;
@@ -188,7 +193,7 @@ TEST(Xrealloc, DiesWhereThereIsNoMemory) {
     });
 }
 
-TEST(Xrealloc, NeverDiesForNoBytes) {
+TEST(xrealloc, NeverDiesForNoBytes) {
     std::free(xrealloc(nullptr, 0));
     void *const block = std::malloc(4);
     {
@@ -199,9 +204,9 @@ TEST(Xrealloc, NeverDiesForNoBytes) {
     std::free(block);
 }
 
-// safe_strncpy
+// --- safe_strncpy ---
 
-/** A buffer of just the size, filled with '#', after the copy. */
+/** Returns a buffer of exactly @p size bytes, filled with '#', after the copy. */
 std::string copied(std::string_view source, std::size_t size) {
     const GuardedBlock buffer(std::string(size, '#'));
     const GuardedBlock text(source);
@@ -209,7 +214,7 @@ std::string copied(std::string_view source, std::size_t size) {
     return std::string(buffer.bytes());
 }
 
-TEST(SafeStrncpy, CutsATextToFit) {
+TEST(safe_strncpy, TruncatesAStringToFit) {
     EXPECT_EQ(copied("abcdef\0"s, 4), "abc\0"s);
     EXPECT_EQ(copied("abcdef\0"s, 6), "abcde\0"s);
     EXPECT_EQ(copied("abcdef\0"s, 7), "abcdef\0"s);
@@ -217,13 +222,13 @@ TEST(SafeStrncpy, CutsATextToFit) {
     EXPECT_EQ(copied("abcdef\0"s, 1), "\0"s);
 }
 
-TEST(SafeStrncpy, FillsTheRestWithZeros) {
+TEST(safe_strncpy, FillsTheRestWithZeros) {
     EXPECT_EQ(copied("abc\0"s, 10), "abc"s + std::string(7, '\0'));
     EXPECT_EQ(copied("\0"s, 5), std::string(5, '\0'));
     EXPECT_EQ(copied("a\0b\0"s, 5), "a"s + std::string(4, '\0'));
 }
 
-TEST(SafeStrncpy, ReadsNoMoreOfTheTextThanItCopies) {
+TEST(safe_strncpy, ReadsNoMoreOfTheStringThanItCopies) {
     expect_in_child([] {
         EXPECT_EQ(copied("abc", 4), "abc\0"s);
         EXPECT_EQ(copied("abcdef", 4), "abc\0"s);
@@ -231,14 +236,14 @@ TEST(SafeStrncpy, ReadsNoMoreOfTheTextThanItCopies) {
     });
 }
 
-TEST(SafeStrncpy, WritesNothingIntoNoBytes) {
+TEST(safe_strncpy, WritesNothingIfTheSizeIsZero) {
     EXPECT_EQ(copied("abc\0"s, 0), "");
     EXPECT_EQ(safe_strncpy(nullptr, "abc", 0), nullptr);
 }
 
-// my_getug and my_getpwuid
+// --- my_getug ---
 
-/** What my_getug() leaves in a buffer of just the size, which was filled with '#'. */
+/** Returns a buffer of exactly @p size bytes, filled with '#', after my_getug(). */
 std::string written(const char *user, long id, int size) {
     const GuardedBlock buffer(std::string(static_cast<std::size_t>(size), '#'));
     std::string copy = user != nullptr ? user : "";
@@ -248,7 +253,7 @@ std::string written(const char *user, long id, int size) {
     return std::string(buffer.bytes());
 }
 
-TEST(MyGetug, WritesANameCutToFitAndZerosBehindIt) {
+TEST(my_getug, WritesATruncatedNameFollowedByZeros) {
     EXPECT_EQ(written("admin", 7, 10), "admin\0\0\0\0\0"s);
     EXPECT_EQ(written("admin", 7, 6), "admin\0"s);
     EXPECT_EQ(written("admin", 7, 5), "admi\0"s);
@@ -256,7 +261,7 @@ TEST(MyGetug, WritesANameCutToFitAndZerosBehindIt) {
     EXPECT_EQ(written("", 7, 3), "\0\0\0"s);
 }
 
-TEST(MyGetug, ReadsNoMoreOfANameThanItCopies) {
+TEST(my_getug, ReadsNoMoreOfANameThanItCopies) {
     expect_in_child([] {
         const GuardedBlock user("admin");
         char buffer[6] = "";
@@ -265,7 +270,7 @@ TEST(MyGetug, ReadsNoMoreOfANameThanItCopies) {
     });
 }
 
-TEST(MyGetug, WritesANumberCutToFitWhereThereIsNoName) {
+TEST(my_getug, WritesATruncatedNumberIfThereIsNoName) {
     EXPECT_EQ(written(nullptr, 12345, 6), "12345\0"s);
     EXPECT_EQ(written(nullptr, 12345, 4), "123\0"s);
     EXPECT_EQ(written(nullptr, 12345, 1), "\0"s);
@@ -273,7 +278,7 @@ TEST(MyGetug, WritesANumberCutToFitWhereThereIsNoName) {
     EXPECT_STREQ(written(nullptr, LONG_MIN, 30).c_str(), std::to_string(LONG_MIN).c_str());
 }
 
-TEST(MyGetug, DiesForANegativeSizeAndNoName) {
+TEST(my_getug, DiesForANegativeSizeAndNoName) {
     for (const int size : {-1, INT_MIN}) {
         expect_death("unknown app: unknown uid 1000\n", 1,
                      [size] { my_getug(nullptr, nullptr, 1000, size, 'u'); });
@@ -286,7 +291,7 @@ TEST(MyGetug, DiesForANegativeSizeAndNoName) {
                  [] { my_getug(nullptr, nullptr, LONG_MAX, -1, '%'); });
 }
 
-TEST(MyGetug, ReturnsTheNameAndWritesNothingInEveryOtherCase) {
+TEST(my_getug, ReturnsTheNameAndWritesNothingInEveryOtherCase) {
     std::string user = "admin";
     char buffer[] = "####";
     for (const int size : {0, -1, INT_MIN})
@@ -295,7 +300,9 @@ TEST(MyGetug, ReturnsTheNameAndWritesNothingInEveryOtherCase) {
     EXPECT_STREQ(buffer, "####");
 }
 
-TEST(MyGetpwuid, LooksTheUserUp) {
+// --- my_getpwuid ---
+
+TEST(my_getpwuid, LooksUpTheUser) {
     in_private_root([] {
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\nadmin:x:12344:7::/:/bin/sh\n");
         char buffer[16] = "###############";
@@ -308,7 +315,7 @@ TEST(MyGetpwuid, LooksTheUserUp) {
     });
 }
 
-TEST(MyGetpwuid, WritesTheNumberOrDiesWhereThereIsNoUser) {
+TEST(my_getpwuid, WritesTheNumberOrDiesForAnUnknownUser) {
     in_private_root([] {
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
         char buffer[16] = "";
@@ -327,11 +334,11 @@ TEST(MyGetpwuid, WritesTheNumberOrDiesWhereThereIsNoUser) {
     });
 }
 
-// full_read, read_close and open_read_close
+// --- full_read ---
 
 static_assert(std::is_same_v<decltype(full_read(0, nullptr, 0)), ssize_t>);
 
-/** The reading end of a connection on which each piece comes alone; the end follows. */
+/** The receiving end of a connection on which each read() returns one piece, then end of file. */
 class Pieces {
   public:
     explicit Pieces(const std::vector<std::string> &pieces) {
@@ -352,7 +359,7 @@ class Pieces {
 
 bool is_open(int descriptor) { return fcntl(descriptor, F_GETFD) != -1; }
 
-TEST(FullRead, ReadsUntilAllBytesHaveCome) {
+TEST(full_read, ReadsUntilAllBytesHaveArrived) {
     const Pieces pieces({"abc", "d", "efgh", "more"});
     char buffer[9] = "########";
     EXPECT_EQ(full_read(pieces.end, buffer, 8), 8);
@@ -362,7 +369,7 @@ TEST(FullRead, ReadsUntilAllBytesHaveCome) {
     EXPECT_EQ(full_read(pieces.end, buffer, 8), 0);
 }
 
-TEST(FullRead, ReturnsWhatCameBeforeTheEnd) {
+TEST(full_read, ReturnsTheBytesBeforeTheEnd) {
     OwnPipe pipe;
     ASSERT_EQ(write(pipe.writing, "abc", 3), 3);
     OwnPipe::close_end(pipe.writing);
@@ -371,7 +378,7 @@ TEST(FullRead, ReturnsWhatCameBeforeTheEnd) {
     EXPECT_EQ(buffer.bytes(), "abc#######");
 }
 
-TEST(FullRead, ReadsNothingForNoBytes) {
+TEST(full_read, ReadsNothingIfTheLengthIsZero) {
     const Pieces pieces({"abc"});
     const CountCalls reads(call_read);
     EXPECT_EQ(full_read(pieces.end, nullptr, 0), 0);
@@ -381,12 +388,12 @@ TEST(FullRead, ReadsNothingForNoBytes) {
     EXPECT_EQ(full_read(pieces.end, buffer, 3), 3);
 }
 
-TEST(FullRead, ReturnsMinusOneForAnErrorBeforeTheFirstByte) {
+TEST(full_read, ReturnsMinusOneForAnErrorBeforeTheFirstByte) {
     char buffer[4] = "###";
     EXPECT_EQ(full_read(-1, buffer, 3), -1);
     EXPECT_EQ(errno, EBADF);
-    const TemporaryDirectory folder;
-    const int descriptor = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
+    const TemporaryDirectory directory;
+    const int descriptor = open(directory.path().c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(descriptor, 0);
     EXPECT_EQ(full_read(descriptor, buffer, 3), -1);
     EXPECT_EQ(errno, EISDIR);
@@ -394,7 +401,7 @@ TEST(FullRead, ReturnsMinusOneForAnErrorBeforeTheFirstByte) {
     EXPECT_STREQ(buffer, "###");
 }
 
-TEST(FullRead, ReturnsWhatCameBeforeAnError) {
+TEST(full_read, ReturnsTheBytesBeforeAnError) {
     for (const int error : {EIO, EINTR, EAGAIN}) {
         const Pieces pieces({"abc", "de", "f"});
         char buffer[8] = "#######";
@@ -406,13 +413,13 @@ TEST(FullRead, ReturnsWhatCameBeforeAnError) {
     }
 }
 
-TEST(FullRead, DoesNotTryAgainAfterAnInterruption) {
+TEST(full_read, DoesNotRetryAfterAnInterruption) {
     expect_in_child([] {
         struct sigaction action {};
         action.sa_handler = [](int) {
         };
         ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
-        // Comes again and again, so that one is certain to find the call waiting.
+        // The signal is repeated, so that one is certain to arrive while the call waits.
         const itimerval often{{0, 1000}, {0, 1000}};
         const OwnPipe pipe;
         char buffer[4];
@@ -424,14 +431,16 @@ TEST(FullRead, DoesNotTryAgainAfterAnInterruption) {
     });
 }
 
-TEST(FullRead, LeavesTheDescriptorOpen) {
+TEST(full_read, LeavesTheDescriptorOpen) {
     const Pieces pieces({"abc"});
     char buffer[8];
     EXPECT_EQ(full_read(pieces.end, buffer, sizeof buffer), 3);
     EXPECT_TRUE(is_open(pieces.end));
 }
 
-TEST(ReadClose, ReadsAllAndClosesTheDescriptor) {
+// --- read_close ---
+
+TEST(read_close, ReadsAllAndClosesTheDescriptor) {
     Pieces pieces({"abc", "de"});
     const GuardedBlock buffer("######");
     EXPECT_EQ(read_close(pieces.end, buffer.start(), 6), 5);
@@ -440,14 +449,14 @@ TEST(ReadClose, ReadsAllAndClosesTheDescriptor) {
     pieces.end = -1;
 }
 
-TEST(ReadClose, ClosesTheDescriptorWhateverWasRead) {
+TEST(read_close, ClosesTheDescriptorRegardlessOfTheResult) {
     Pieces nothing({"abc"});
     EXPECT_EQ(read_close(nothing.end, nullptr, 0), 0);
     EXPECT_FALSE(is_open(nothing.end));
     nothing.end = -1;
 
-    const TemporaryDirectory folder;
-    const int failing = open(folder.path().c_str(), O_RDONLY | O_CLOEXEC);
+    const TemporaryDirectory directory;
+    const int failing = open(directory.path().c_str(), O_RDONLY | O_CLOEXEC);
     char buffer[4];
     EXPECT_EQ(read_close(failing, buffer, sizeof buffer), -1);
     EXPECT_EQ(errno, EISDIR);
@@ -463,47 +472,49 @@ TEST(ReadClose, ClosesTheDescriptorWhateverWasRead) {
     EXPECT_EQ(read_close(-1, buffer, sizeof buffer), -1);
 }
 
-TEST(OpenReadClose, ReadsAFileWithoutTerminatingIt) {
-    const TemporaryDirectory folder;
-    folder.write("file", "content\n");
-    const std::size_t open_before = open_descriptors().size();
+// --- open_read_close ---
+
+TEST(open_read_close, ReadsAFileWithoutTerminatingIt) {
+    const TemporaryDirectory directory;
+    directory.write("file", "content\n");
+    const std::vector<int> open_before = open_descriptors();
     const GuardedBlock larger("##########");
-    EXPECT_EQ(open_read_close(folder.path("file").c_str(), larger.start(), 10), 8);
+    EXPECT_EQ(open_read_close(directory.path("file").c_str(), larger.start(), 10), 8);
     EXPECT_EQ(larger.bytes(), "content\n##");
     const GuardedBlock smaller("###");
-    EXPECT_EQ(open_read_close(folder.path("file").c_str(), smaller.start(), 3), 3);
+    EXPECT_EQ(open_read_close(directory.path("file").c_str(), smaller.start(), 3), 3);
     EXPECT_EQ(smaller.bytes(), "con");
-    EXPECT_EQ(open_descriptors().size(), open_before);
+    EXPECT_EQ(open_descriptors(), open_before);
 }
 
-TEST(OpenReadClose, IsNegativeWhereTheFileCannotBeOpenedOrRead) {
-    const TemporaryDirectory folder;
-    folder.write("closed", "content");
-    const std::size_t open_before = open_descriptors().size();
+TEST(open_read_close, ReturnsMinusOneIfTheFileCannotBeOpenedOrRead) {
+    const TemporaryDirectory directory;
+    directory.write("closed", "content");
+    const std::vector<int> open_before = open_descriptors();
     char buffer[4] = "###";
-    EXPECT_EQ(open_read_close(folder.path("missing").c_str(), buffer, 3), -1);
+    EXPECT_EQ(open_read_close(directory.path("missing").c_str(), buffer, 3), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(open_read_close(folder.path().c_str(), buffer, 3), -1);
+    EXPECT_EQ(open_read_close(directory.path().c_str(), buffer, 3), -1);
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(open_read_close(nullptr, buffer, 3), -1);
-    const std::string closed = folder.path("closed");
+    const std::string closed = directory.path("closed");
     ASSERT_EQ(chmod(closed.c_str(), 0), 0);
     expect_as_ordinary_user([&] {
         EXPECT_EQ(open_read_close(closed.c_str(), buffer, 3), -1);
         EXPECT_EQ(errno, EACCES);
     });
     EXPECT_STREQ(buffer, "###");
-    EXPECT_EQ(open_descriptors().size(), open_before);
+    EXPECT_EQ(open_descriptors(), open_before);
 }
 
-TEST(OpenReadClose, ChangesNothingInTheFile) {
-    const TemporaryDirectory folder;
-    folder.write("file", "content\n");
-    ASSERT_EQ(chmod(folder.path("file").c_str(), 0444), 0);
+TEST(open_read_close, NeedsOnlyReadPermission) {
+    const TemporaryDirectory directory;
+    directory.write("file", "content\n");
+    ASSERT_EQ(chmod(directory.path("file").c_str(), 0444), 0);
     char buffer[8];
     expect_as_ordinary_user(
-        [&] { EXPECT_EQ(open_read_close(folder.path("file").c_str(), buffer, 8), 8); });
-    EXPECT_EQ(folder.read("file"), "content\n");
+        [&] { EXPECT_EQ(open_read_close(directory.path("file").c_str(), buffer, 8), 8); });
+    EXPECT_EQ(directory.read("file"), "content\n");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/named_process.h"
 #include "tests/support/next_definition.h"
@@ -30,19 +31,19 @@
 
 namespace {
 
-/** What happens behind each entry that is read of a folder. */
-std::function<void(const dirent &)> behind_readdir;
+/** Called after each entry that readdir() returns. */
+std::function<void(const dirent &)> after_readdir;
 
-/** What opendir() fails with, if it does. */
+/** The error with which opendir() fails, or 0. */
 int opendir_error;
 
 } // namespace
 
-extern "C" dirent *readdir(DIR *folder) {
+extern "C" dirent *readdir(DIR *stream) {
     static auto *const next = corvel_test::next_definition<dirent *(DIR *)>("readdir");
-    dirent *const entry = next(folder);
-    if (entry != nullptr && behind_readdir)
-        behind_readdir(*entry);
+    dirent *const entry = next(stream);
+    if (entry != nullptr && after_readdir)
+        after_readdir(*entry);
     return entry;
 }
 
@@ -60,9 +61,10 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
-const std::vector<int> nobody = {-1};
+/** The list if no process matches. */
+const std::vector<int> no_process = {-1};
 
-/** The processes found, with what ends their list. */
+/** Returns the processes found, including the terminator of the list. */
 std::vector<int> processes_named(const char *name) {
     int *const found = find_pid_by_name(name);
     std::vector<int> processes(1, found[0]);
@@ -72,6 +74,7 @@ std::vector<int> processes_named(const char *name) {
     return processes;
 }
 
+/** Returns the list in which exactly these processes are found. */
 std::vector<int> list_of(std::initializer_list<const NamedProcess *> processes) {
     std::vector<int> ids;
     for (const NamedProcess *process : processes)
@@ -80,7 +83,7 @@ std::vector<int> list_of(std::initializer_list<const NamedProcess *> processes) 
     return ids;
 }
 
-/** Gives this process a name that its own command line begins with, and returns it. */
+/** Changes the name of this process to one that its command line starts with, and returns it. */
 std::string name_of_own() {
     char line[16] = "";
     read_cmdline(line, 15, static_cast<unsigned>(getpid()));
@@ -112,44 +115,44 @@ class Copy {
     pid_t id_;
 };
 
-/** A folder of the test's own in the place of /proc, which holds what no kernel shows. */
+/** Replaces /proc by a directory whose contents no kernel would show. */
 class OwnProc {
   public:
     OwnProc() {
-        fs::create_directory(folder_);
-        if (mount(folder_.c_str(), "/proc", nullptr, MS_BIND, nullptr) != 0)
+        fs::create_directory(directory_);
+        if (mount(directory_.c_str(), "/proc", nullptr, MS_BIND, nullptr) != 0)
             throw std::system_error(errno, std::generic_category(), "mount on /proc");
     }
     OwnProc(const OwnProc &) = delete;
     OwnProc &operator=(const OwnProc &) = delete;
     ~OwnProc() { umount2("/proc", MNT_DETACH); }
 
-    void hold_status(const std::string &entry, std::string_view text) const {
-        hold(entry, "status", text);
+    void write_status(const std::string &entry, std::string_view text) const {
+        write(entry, "status", text);
     }
-    void hold_command_line(const std::string &entry, std::string_view text) const {
-        hold(entry, "cmdline", text);
+    void write_command_line(const std::string &entry, std::string_view text) const {
+        write(entry, "cmdline", text);
     }
 
   private:
-    void hold(const std::string &entry, const std::string &name, std::string_view text) const {
-        fs::create_directory(folder_ + "/" + entry);
-        write_file(folder_ + "/" + entry + "/" + name, text);
+    void write(const std::string &entry, const std::string &name, std::string_view text) const {
+        fs::create_directory(directory_ + "/" + entry);
+        write_file(directory_ + "/" + entry + "/" + name, text);
     }
 
-    const std::string folder_ = "/tmp/proc";
+    const std::string directory_ = "/tmp/proc";
 };
 
-// read_cmdline
+// --- read_cmdline ---
 
-/** What is in a buffer of @p size + 1 bytes and no more, filled with '#', afterwards. */
+/** Returns a buffer of exactly @p size + 1 bytes, filled with '#', after read_cmdline(). */
 std::string command_line(int size, pid_t process) {
     const GuardedBlock buffer(std::string(static_cast<std::size_t>(size) + 1, '#'));
     read_cmdline(buffer.start(), size, static_cast<unsigned>(process));
     return std::string(buffer.bytes());
 }
 
-TEST(ReadCmdline, ReadsTheWordsAsOneLine) {
+TEST(read_cmdline, ReadsTheWordsAsOneLine) {
     in_private_root([] {
         const NamedProcess process("server", {"one", "-", "-"});
         EXPECT_EQ(command_line(8, process.id()), "one - - \0"s);
@@ -157,7 +160,7 @@ TEST(ReadCmdline, ReadsTheWordsAsOneLine) {
     });
 }
 
-TEST(ReadCmdline, ReadsNoMoreThanTheSizeAndTerminatesBehindIt) {
+TEST(read_cmdline, ReadsNoMoreThanTheSizeAndTerminatesIt) {
     in_private_root([] {
         const NamedProcess process("server", {"one", "-"});
         EXPECT_EQ(command_line(5, process.id()), "one -\0"s);
@@ -167,7 +170,7 @@ TEST(ReadCmdline, ReadsNoMoreThanTheSizeAndTerminatesBehindIt) {
     });
 }
 
-TEST(ReadCmdline, TurnsEveryByteBelow32IntoABlankAndNoOther) {
+TEST(read_cmdline, ReplacesEveryByteBelow32ByASpaceAndNoOther) {
     in_private_root([] {
         std::string bytes;
         for (int byte = 1; byte < 256; ++byte)
@@ -178,7 +181,7 @@ TEST(ReadCmdline, TurnsEveryByteBelow32IntoABlankAndNoOther) {
     });
 }
 
-TEST(ReadCmdline, LeavesTheBufferUntouchedWhereThereIsNothingToRead) {
+TEST(read_cmdline, LeavesTheBufferUnchangedIfThereIsNothingToRead) {
     in_private_root([] {
         const NamedProcess zombie("server");
         zombie.leave_as_zombie();
@@ -190,7 +193,7 @@ TEST(ReadCmdline, LeavesTheBufferUntouchedWhereThereIsNothingToRead) {
     });
 }
 
-TEST(ReadCmdline, LeavesTheBufferUntouchedForASizeBelowOne) {
+TEST(read_cmdline, LeavesTheBufferUnchangedForASizeBelowOne) {
     in_private_root([] {
         for (const int size : {0, -1, INT_MIN}) {
             char byte = '#';
@@ -201,22 +204,22 @@ TEST(ReadCmdline, LeavesTheBufferUntouchedForASizeBelowOne) {
     });
 }
 
-// find_pid_by_name
+// --- find_pid_by_name ---
 
-TEST(FindPidByName, FindsNobody) {
-    in_private_root([] { EXPECT_EQ(processes_named("server"), nobody); });
+TEST(find_pid_by_name, ReturnsMinusOneIfNoProcessMatches) {
+    in_private_root([] { EXPECT_EQ(processes_named("server"), no_process); });
 }
 
-TEST(FindPidByName, FindsAProcessByItsWholeShortNameOnly) {
+TEST(find_pid_by_name, FindsAProcessByItsWholeShortNameOnly) {
     in_private_root([] {
         const NamedProcess process("udhcpd");
         EXPECT_EQ(processes_named("udhcpd"), list_of({&process}));
         for (const char *name : {"udhcp", "udhcpd2", "dhcpd", "UDHCPD", "udhcpd ", "", "cat"})
-            EXPECT_EQ(processes_named(name), nobody) << name;
+            EXPECT_EQ(processes_named(name), no_process) << name;
     });
 }
 
-TEST(FindPidByName, FindsEveryProcessInTheOrderOfProc) {
+TEST(find_pid_by_name, FindsEveryProcessInTheOrderOfProc) {
     in_private_root([] {
         const NamedProcess first("server");
         const NamedProcess other("other");
@@ -237,85 +240,85 @@ TEST(FindPidByName, FindsEveryProcessInTheOrderOfProc) {
     });
 }
 
-TEST(FindPidByName, FindsNamesOfFifteenAndSixteenCharacters) {
+TEST(find_pid_by_name, FindsNamesOfFifteenAndSixteenCharacters) {
     in_private_root([] {
         const NamedProcess fifteen("a23456789012345");
         const NamedProcess sixteen("b234567890123456");
         EXPECT_EQ(processes_named("a23456789012345"), list_of({&fifteen}));
         EXPECT_EQ(processes_named("b234567890123456"), list_of({&sixteen}));
-        // The kernel's cut name stands in the command line, too.
+        // The command line contains the kernel's truncated name, too.
         EXPECT_EQ(processes_named("b23456789012345"), list_of({&sixteen}));
-        EXPECT_EQ(processes_named("b23456789012345x"), nobody);
-        EXPECT_EQ(processes_named("a234567890123456"), nobody);
-        EXPECT_EQ(processes_named("a2345678901234"), nobody);
+        EXPECT_EQ(processes_named("b23456789012345x"), no_process);
+        EXPECT_EQ(processes_named("a234567890123456"), no_process);
+        EXPECT_EQ(processes_named("a2345678901234"), no_process);
     });
 }
 
-TEST(FindPidByName, LooksForTheWholeOfALongNameInTheCommandLine) {
+TEST(find_pid_by_name, FindsTheWholeOfALongNameInTheCommandLine) {
     in_private_root([] {
         const std::string name = "a23456789012345" + std::string(34, 'x');
         const NamedProcess process(name, {name});
         EXPECT_EQ(processes_named(name.c_str()), list_of({&process}));
-        EXPECT_EQ(processes_named((name.substr(0, 48) + "y").c_str()), nobody);
-        EXPECT_EQ(processes_named((name + "x").c_str()), nobody);
-        EXPECT_EQ(processes_named((name + std::string(5000, 'x')).c_str()), nobody);
+        EXPECT_EQ(processes_named((name.substr(0, 48) + "y").c_str()), no_process);
+        EXPECT_EQ(processes_named((name + "x").c_str()), no_process);
+        EXPECT_EQ(processes_named((name + std::string(5000, 'x')).c_str()), no_process);
     });
 }
 
-TEST(FindPidByName, NeedsTheNameInTheFirst49BytesOfTheCommandLine) {
+TEST(find_pid_by_name, NeedsTheNameInTheFirst49BytesOfTheCommandLine) {
     in_private_root([] {
         const NamedProcess none("server", {"started-as-this"});
-        EXPECT_EQ(processes_named("server"), nobody);
+        EXPECT_EQ(processes_named("server"), no_process);
         const NamedProcess fits("server", {std::string(43, 'x') + "server"});
         EXPECT_EQ(processes_named("server"), list_of({&fits}));
-        const NamedProcess cut("server", {std::string(44, 'x') + "server"});
+        const NamedProcess truncated("server", {std::string(44, 'x') + "server"});
         EXPECT_EQ(processes_named("server"), list_of({&fits}));
         const NamedProcess inside("server", {"/usr/sbin/server-2", "-"});
         EXPECT_EQ(processes_named("server"), list_of({&fits, &inside}));
     });
 }
 
-TEST(FindPidByName, NeedsTheShortNameNotJustTheCommandLine) {
+TEST(find_pid_by_name, NeedsTheShortNameAndNotOnlyTheCommandLine) {
     in_private_root([] {
         const NamedProcess other("other", {"server", "-"});
-        EXPECT_EQ(processes_named("server"), nobody);
+        EXPECT_EQ(processes_named("server"), no_process);
     });
 }
 
-TEST(FindPidByName, TakesAShortNameUpToItsFirstBlank) {
+TEST(find_pid_by_name, ComparesAShortNameUpToItsFirstSpace) {
     in_private_root([] {
         const NamedProcess process("web server", {"web server"});
         EXPECT_EQ(processes_named("web"), list_of({&process}));
-        EXPECT_EQ(processes_named("web server"), nobody);
-        EXPECT_EQ(processes_named("server"), nobody);
+        EXPECT_EQ(processes_named("web server"), no_process);
+        EXPECT_EQ(processes_named("server"), no_process);
     });
 }
 
-TEST(FindPidByName, PassesOverAProcessWithoutACommandLine) {
+TEST(find_pid_by_name, SkipsAProcessWithoutACommandLine) {
     in_private_root([] {
         const NamedProcess zombie("server");
         zombie.leave_as_zombie();
-        EXPECT_EQ(processes_named("server"), nobody);
+        EXPECT_EQ(processes_named("server"), no_process);
         const NamedProcess process("server");
         EXPECT_EQ(processes_named("server"), list_of({&process}));
     });
-    // A kernel's own thread; it runs wherever the machine shows its own processes.
-    EXPECT_EQ(processes_named("kthreadd"), nobody);
+    // A kernel thread, which exists if the machine shows its own processes.
+    EXPECT_EQ(processes_named("kthreadd"), no_process);
 }
 
-TEST(FindPidByName, FindsNobodyOfNoName) {
+TEST(find_pid_by_name, FindsNoProcessForANullName) {
     in_private_root([] {
         const NamedProcess process("server");
-        EXPECT_EQ(processes_named(nullptr), nobody);
+        EXPECT_EQ(processes_named(nullptr), no_process);
     });
 }
 
-TEST(FindPidByName, PassesOverAProcessThatIsGoneWhenItIsLookedAt) {
+TEST(find_pid_by_name, SkipsAProcessThatEndsDuringTheSearch) {
     in_private_root([] {
         NamedProcess gone("server");
         const NamedProcess zombie("server");
         const NamedProcess stays("server");
-        const Instead meanwhile(behind_readdir, [&](const dirent &entry) {
+        const Instead meanwhile(after_readdir, [&](const dirent &entry) {
             if (entry.d_name == std::to_string(gone.id()))
                 gone.end();
             if (entry.d_name == std::to_string(zombie.id()))
@@ -327,7 +330,7 @@ TEST(FindPidByName, PassesOverAProcessThatIsGoneWhenItIsLookedAt) {
     });
 }
 
-TEST(FindPidByName, PassesOverWhatCannotBeOpenedOrReadWithoutAMessage) {
+TEST(find_pid_by_name, SkipsFilesThatCannotBeOpenedOrReadWithoutAMessage) {
     for (const stand_in_call call : {call_open, call_read}) {
         in_private_root([call] {
             const NamedProcess first("server");
@@ -341,8 +344,8 @@ TEST(FindPidByName, PassesOverWhatCannotBeOpenedOrReadWithoutAMessage) {
                           "");
                 return found;
             };
-            // The two processes of the test itself come first. Of each of the others a first file
-            // is opened, and a second one; each is read to its end, but no further than is needed.
+            // The two processes of the test itself come first, with one file each; then the two
+            // servers, with two files each. Each file takes one call.
             EXPECT_EQ(found_without(1), list_of({&first, &second}));
             EXPECT_EQ(found_without(2), list_of({&first, &second}));
             EXPECT_EQ(found_without(3), list_of({&second}));
@@ -352,95 +355,95 @@ TEST(FindPidByName, PassesOverWhatCannotBeOpenedOrReadWithoutAMessage) {
     }
 }
 
-TEST(FindPidByName, PassesOverEntriesThatDoNotBeginWithADigit) {
+TEST(find_pid_by_name, SkipsEntriesThatDoNotStartWithADigit) {
     in_private_root([] {
         const OwnProc proc;
         for (const char *entry : {"self", "x8", ".8", "-8", "+8", " 8"})
-            proc.hold_status(entry, "Name:\tserver\n");
-        // What their names are as numbers.
+            proc.write_status(entry, "Name:\tserver\n");
+        // Their names as numbers.
         for (const char *entry : {"0", "4294967288"})
-            proc.hold_command_line(entry, "server");
-        proc.hold_command_line("8", "server");
-        EXPECT_EQ(processes_named("server"), nobody);
-        proc.hold_status("8", "Name:\tserver\n");
+            proc.write_command_line(entry, "server");
+        proc.write_command_line("8", "server");
+        EXPECT_EQ(processes_named("server"), no_process);
+        proc.write_status("8", "Name:\tserver\n");
         EXPECT_EQ(processes_named("server"), (std::vector<int>{8, 0}));
     });
 }
 
-TEST(FindPidByName, ReadsAnEntrysNumberInTheBaseThatItIsWrittenIn) {
+TEST(find_pid_by_name, ReadsAnEntrysNumberInTheBaseOfItsPrefix) {
     in_private_root([] {
         const OwnProc proc;
         for (const char *entry : {"8", "31", "12"})
-            proc.hold_command_line(entry, "server");
+            proc.write_command_line(entry, "server");
         const std::pair<const char *, int> entries[] = {{"010", 8}, {"0x1f", 31}, {"12nd", 12}};
         for (const auto &[entry, number] : entries) {
-            proc.hold_status(entry, "Name:\tserver\n");
+            proc.write_status(entry, "Name:\tserver\n");
             EXPECT_EQ(processes_named("server"), (std::vector<int>{number, 0}));
             fs::remove_all("/proc/"s + entry);
         }
-        EXPECT_EQ(processes_named("server"), nobody);
+        EXPECT_EQ(processes_named("server"), no_process);
     });
 }
 
-TEST(FindPidByName, TakesTheSecondWordOfAStatusFilesFirstLine) {
+TEST(find_pid_by_name, UsesTheSecondWordOfAStatusFilesFirstLine) {
     in_private_root([] {
         const OwnProc proc;
-        proc.hold_command_line("8", "server");
+        proc.write_command_line("8", "server");
         for (const char *status : {"Name:\tserver\nUmask:\t0022\n", "Name: server",
                                    "x\v server y\n", " \t Name:  server\r\n", "server server\n"}) {
-            proc.hold_status("8", status);
+            proc.write_status("8", status);
             EXPECT_EQ(processes_named("server"), (std::vector<int>{8, 0})) << status;
         }
         for (const std::string &status :
              {""s, "\n"s, "server\n"s, "Name:\nserver\n"s, "Name:server\n"s, "\nName:\tserver\n"s,
               "Name:\tother\nName:\tserver\n"s, "Name: my server\n"s, "Name:\0 server\n"s,
               "Name: ser\0ver\n"s}) {
-            proc.hold_status("8", status);
-            EXPECT_EQ(processes_named("server"), nobody) << status;
+            proc.write_status("8", status);
+            EXPECT_EQ(processes_named("server"), no_process) << status;
         }
     });
 }
 
-TEST(FindPidByName, Reads48CharactersOfAStatusFilesFirstLine) {
+TEST(find_pid_by_name, Reads48CharactersOfAStatusFilesFirstLine) {
     in_private_root([] {
         const OwnProc proc;
-        proc.hold_command_line("8", "server");
+        proc.write_command_line("8", "server");
         const std::vector<int> found = {8, 0};
         for (std::size_t length = 40; length < 52; ++length) {
-            proc.hold_status("8", "Name:" + std::string(length - 11, ' ') + "server\n");
-            EXPECT_EQ(processes_named("server"), length <= 48 ? found : nobody) << length;
-            EXPECT_EQ(processes_named("serve"), length == 49 ? found : nobody) << length;
+            proc.write_status("8", "Name:" + std::string(length - 11, ' ') + "server\n");
+            EXPECT_EQ(processes_named("server"), length <= 48 ? found : no_process) << length;
+            EXPECT_EQ(processes_named("serve"), length == 49 ? found : no_process) << length;
         }
     });
 }
 
-TEST(FindPidByName, LooksForTheNameAnywhereInTheCommandLine) {
+TEST(find_pid_by_name, FindsTheNameAnywhereInTheCommandLine) {
     in_private_root([] {
         const OwnProc proc;
-        proc.hold_status("8", "Name:\tserver\n");
+        proc.write_status("8", "Name:\tserver\n");
         const std::vector<int> found = {8, 0};
         for (const std::string &line :
              {"server"s, "start\0server\0"s, "\0server"s, "a\0b\0/sbin/server-1\0"s}) {
-            proc.hold_command_line("8", line);
+            proc.write_command_line("8", line);
             EXPECT_EQ(processes_named("server"), found) << line;
         }
         for (const std::string &line : {""s, "ser\0ver\0"s, "SERVER"s, "serve"s}) {
-            proc.hold_command_line("8", line);
-            EXPECT_EQ(processes_named("server"), nobody) << line;
+            proc.write_command_line("8", line);
+            EXPECT_EQ(processes_named("server"), no_process) << line;
         }
-        // Not even no name stands in a command line that is empty.
-        proc.hold_status("8", "Name:\t\n");
-        proc.hold_command_line("8", "");
-        EXPECT_EQ(processes_named(""), nobody);
-        // A name that the kernel cuts may go on over several words.
-        proc.hold_status("8", "Name:\ta23456789012345\n");
-        proc.hold_command_line("8", "a23456789012345\0-x\0"s);
+        // An empty command line does not even contain the empty name.
+        proc.write_status("8", "Name:\t\n");
+        proc.write_command_line("8", "");
+        EXPECT_EQ(processes_named(""), no_process);
+        // A name that the kernel truncates may extend over several words.
+        proc.write_status("8", "Name:\ta23456789012345\n");
+        proc.write_command_line("8", "a23456789012345\0-x\0"s);
         EXPECT_EQ(processes_named("a23456789012345 -x "), found);
-        EXPECT_EQ(processes_named("a23456789012345 -y"), nobody);
+        EXPECT_EQ(processes_named("a23456789012345 -y"), no_process);
     });
 }
 
-TEST(FindPidByName, FindsHundredsAndLeavesNothingOpen) {
+TEST(find_pid_by_name, FindsHundredsOfProcessesAndLeavesNothingOpen) {
     in_private_root([] {
         std::vector<NamedProcess> processes;
         std::vector<int> ids;
@@ -449,46 +452,16 @@ TEST(FindPidByName, FindsHundredsAndLeavesNothingOpen) {
             ids.push_back(processes.back().id());
         }
         ids.push_back(0);
-        const std::vector<std::string> open_before = open_descriptors();
+        const std::vector<int> open_before = open_descriptors();
         for (int i = 0; i < 3; ++i)
             EXPECT_EQ(processes_named("server"), ids);
-        EXPECT_EQ(processes_named("nobody"), nobody);
+        EXPECT_EQ(processes_named("nobody"), no_process);
         EXPECT_EQ(app_isrun("server"), ids[0]);
         EXPECT_EQ(open_descriptors(), open_before);
     });
 }
 
-TEST(FindPidByName, DiesWhereProcCannotBeOpened) {
-    in_private_root([] {
-        const std::function<void()> lookups[] = {[] { find_pid_by_name("server"); },
-                                                 [] { app_isrun("server"); },
-                                                 [] {
-                                                     is_runing("server");
-                                                 }};
-        for (const auto &look_up : lookups) {
-            const ChildResult without_proc = run_in_child([&] {
-                EXPECT_EQ(chroot("/mnt"), 0);
-                // A sanitizer would look for /proc at the exit.
-                std::atexit([] { _exit(55); });
-                look_up();
-            });
-            EXPECT_EQ(without_proc.err, "unknown app: Cannot open /proc\n");
-            EXPECT_EQ(without_proc.out, "");
-            EXPECT_EQ(without_proc.exit_status, 55);
-            for (const int status : {1, 7}) {
-                const ChildResult refused = run_in_child([&] {
-                    opendir_error = EMFILE;
-                    bb_default_error_retval = status;
-                    look_up();
-                });
-                EXPECT_EQ(refused.err, "unknown app: Cannot open /proc\n");
-                EXPECT_EQ(refused.exit_status, status);
-            }
-        }
-    });
-}
-
-TEST(FindPidByName, DiesWhereThereIsNoMemoryForItsResult) {
+TEST(find_pid_by_name, DiesWithoutMemoryForItsResult) {
     in_private_root([] {
         const NamedProcess first("server");
         const NamedProcess second("server");
@@ -500,18 +473,18 @@ TEST(FindPidByName, DiesWhereThereIsNoMemoryForItsResult) {
             EXPECT_EQ(child.err, "unknown app: memory exhausted\n");
             EXPECT_EQ(child.exit_status, 1);
         }
-        const ChildResult nobody_found = run_in_child([] {
+        const ChildResult nothing_found = run_in_child([] {
             const FailCall failing(call_realloc, 1, ENOMEM);
             find_pid_by_name("nobody");
         });
-        EXPECT_EQ(nobody_found.err, "unknown app: memory exhausted\n");
-        EXPECT_EQ(nobody_found.exit_status, 1);
+        EXPECT_EQ(nothing_found.err, "unknown app: memory exhausted\n");
+        EXPECT_EQ(nothing_found.exit_status, 1);
     });
 }
 
-// app_isrun and is_runing
+// --- app_isrun ---
 
-/** How many blocks a call leaves allocated. */
+/** Returns the number of blocks that a call leaves allocated. */
 std::size_t blocks_left_by(const std::function<void()> &call) {
     stand_in_start_tracking();
     call();
@@ -521,7 +494,7 @@ std::size_t blocks_left_by(const std::function<void()> &call) {
     return blocks;
 }
 
-TEST(AppIsrun, ReturnsTheFirstProcessAndFreesTheList) {
+TEST(app_isrun, ReturnsTheFirstProcessAndFreesTheList) {
     in_private_root([] {
         const NamedProcess first("server");
         const NamedProcess second("server");
@@ -531,7 +504,7 @@ TEST(AppIsrun, ReturnsTheFirstProcessAndFreesTheList) {
     });
 }
 
-TEST(AppIsrun, ReturnsZeroForNobodyAndLeavesOneBlock) {
+TEST(app_isrun, ReturnsZeroIfNoProcessMatchesAndLeavesOneBlock) {
     in_private_root([] {
         int process = -2;
         EXPECT_EQ(blocks_left_by([&] { process = app_isrun("server"); }), 1U);
@@ -539,14 +512,16 @@ TEST(AppIsrun, ReturnsZeroForNobodyAndLeavesOneBlock) {
     });
 }
 
-TEST(AppIsrun, ReturnsTheCallerToo) {
+TEST(app_isrun, ReturnsTheCallerIfItMatches) {
     in_private_root([] {
         const std::string name = name_of_own();
         EXPECT_EQ(app_isrun(name.c_str()), getpid());
     });
 }
 
-TEST(IsRuning, ReturnsAnotherProcessAndFreesTheList) {
+// --- is_runing ---
+
+TEST(is_runing, ReturnsAnotherProcessAndFreesTheList) {
     in_private_root([] {
         const NamedProcess first("server");
         const NamedProcess second("server");
@@ -556,7 +531,7 @@ TEST(IsRuning, ReturnsAnotherProcessAndFreesTheList) {
     });
 }
 
-TEST(IsRuning, ReturnsZeroForNobodyAndLeavesOneBlock) {
+TEST(is_runing, ReturnsZeroIfNoProcessMatchesAndLeavesOneBlock) {
     in_private_root([] {
         int process = -2;
         EXPECT_EQ(blocks_left_by([&] { process = is_runing("server"); }), 1U);
@@ -564,7 +539,7 @@ TEST(IsRuning, ReturnsZeroForNobodyAndLeavesOneBlock) {
     });
 }
 
-TEST(IsRuning, ReturnsZeroToTheOnlyInstanceAndFreesTheList) {
+TEST(is_runing, ReturnsZeroToTheOnlyInstanceAndFreesTheList) {
     in_private_root([] {
         const std::string name = name_of_own();
         EXPECT_EQ(processes_named(name.c_str()), (std::vector<int>{getpid(), 0}));
@@ -574,7 +549,7 @@ TEST(IsRuning, ReturnsZeroToTheOnlyInstanceAndFreesTheList) {
     });
 }
 
-TEST(IsRuning, PassesOverTheCallerWhereverItStands) {
+TEST(is_runing, SkipsTheCallerAtAnyPosition) {
     in_private_root([] {
         const std::string name = name_of_own();
         const Copy second;
@@ -587,18 +562,54 @@ TEST(IsRuning, PassesOverTheCallerWhereverItStands) {
     });
 }
 
-// getPid
+// --- All three lookups ---
 
+class AnyLookup : public testing::TestWithParam<void (*)(const char *)> {};
+
+TEST_P(AnyLookup, DiesIfProcCannotBeOpened) {
+    in_private_root([] {
+        const ChildResult without_proc = run_in_child([] {
+            EXPECT_EQ(chroot("/mnt"), 0);
+            // A sanitizer would search for /proc at the exit.
+            std::atexit([] { _exit(55); });
+            GetParam()("server");
+        });
+        EXPECT_EQ(without_proc.err, "unknown app: Cannot open /proc\n");
+        EXPECT_EQ(without_proc.out, "");
+        EXPECT_EQ(without_proc.exit_status, 55);
+        for (const int status : {1, 7}) {
+            const ChildResult refused = run_in_child([status] {
+                opendir_error = EMFILE;
+                bb_default_error_retval = status;
+                GetParam()("server");
+            });
+            EXPECT_EQ(refused.err, "unknown app: Cannot open /proc\n");
+            EXPECT_EQ(refused.exit_status, status);
+        }
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(find_pid_by_name, AnyLookup, testing::Values([](const char *name) {
+                             std::free(find_pid_by_name(name));
+                         }));
+INSTANTIATE_TEST_SUITE_P(app_isrun, AnyLookup,
+                         testing::Values([](const char *name) { app_isrun(name); }));
+INSTANTIATE_TEST_SUITE_P(is_runing, AnyLookup,
+                         testing::Values([](const char *name) { is_runing(name); }));
+
+// --- getPid ---
+
+/** Returns the result of getPid() for a file with these contents. */
 int pid_in_file(std::string_view text) {
-    const TemporaryDirectory folder;
-    folder.write("pid", text);
-    const std::size_t open_before = open_descriptors().size();
-    const int pid = getPid(folder.path("pid").c_str());
-    EXPECT_EQ(open_descriptors().size(), open_before);
+    const TemporaryDirectory directory;
+    directory.write("pid", text);
+    const std::vector<int> open_before = open_descriptors();
+    const int pid = getPid(directory.path("pid").c_str());
+    EXPECT_EQ(open_descriptors(), open_before);
     return pid;
 }
 
-TEST(GetPid, ReadsTheNumberThatAFileBeginsWith) {
+TEST(getPid, ReadsTheNumberAtTheStartOfTheFile) {
     EXPECT_EQ(pid_in_file("1234\n"), 1234);
     EXPECT_EQ(pid_in_file("1234"), 1234);
     EXPECT_EQ(pid_in_file(" \t 1234 5678\n"), 1234);
@@ -609,7 +620,7 @@ TEST(GetPid, ReadsTheNumberThatAFileBeginsWith) {
     EXPECT_EQ(pid_in_file("2147483647\n"), INT_MAX);
 }
 
-TEST(GetPid, ReadsNothingAsZero) {
+TEST(getPid, ReturnsZeroIfThereIsNoNumber) {
     EXPECT_EQ(pid_in_file(""), 0);
     EXPECT_EQ(pid_in_file("\n"), 0);
     EXPECT_EQ(pid_in_file("pid 1234\n"), 0);
@@ -617,14 +628,14 @@ TEST(GetPid, ReadsNothingAsZero) {
     EXPECT_EQ(pid_in_file("\0"s + "1234\n"), 0);
 }
 
-TEST(GetPid, ReadsTheFirstLineOnly) {
+TEST(getPid, ReadsTheFirstLineOnly) {
     EXPECT_EQ(pid_in_file("\n1234\n"), 0);
     EXPECT_EQ(pid_in_file("12\n34\n"), 12);
 }
 
-TEST(GetPid, WaitsForNothingBehindTheFirstLine) {
-    const TemporaryDirectory folder;
-    const std::string path = folder.path("pid");
+TEST(getPid, DoesNotWaitForASecondLine) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("pid");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     const int writer = open(path.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(write(writer, "1234\n", 5), 5);
@@ -634,7 +645,7 @@ TEST(GetPid, WaitsForNothingBehindTheFirstLine) {
     close(writer);
 }
 
-TEST(GetPid, Reads99CharactersOfALine) {
+TEST(getPid, Reads99CharactersOfALine) {
     EXPECT_EQ(pid_in_file(std::string(95, ' ') + "1234\n"), 1234);
     EXPECT_EQ(pid_in_file(std::string(96, ' ') + "1234\n"), 123);
     EXPECT_EQ(pid_in_file(std::string(98, ' ') + "1234\n"), 1);
@@ -642,26 +653,26 @@ TEST(GetPid, Reads99CharactersOfALine) {
     EXPECT_EQ(pid_in_file(std::string(100000, '0') + "1\n"), 0);
 }
 
-TEST(GetPid, TakesTheNearestNumberWhereOneIsTooLarge) {
+TEST(getPid, ReturnsTheNearestIntIfTheNumberIsOutOfRange) {
     EXPECT_EQ(pid_in_file("2147483648\n"), INT_MAX);
     EXPECT_EQ(pid_in_file("99999999999999999999999999\n"), INT_MAX);
     EXPECT_EQ(pid_in_file("-99999999999999999999999999\n"), INT_MIN);
 }
 
-TEST(GetPid, ReturnsMinusOneWhereTheFileCannotBeRead) {
-    const TemporaryDirectory folder;
-    EXPECT_EQ(getPid(folder.path("missing").c_str()), -1);
-    EXPECT_EQ(getPid(folder.path().c_str()), -1);
+TEST(getPid, ReturnsMinusOneIfTheFileCannotBeRead) {
+    const TemporaryDirectory directory;
+    EXPECT_EQ(getPid(directory.path("missing").c_str()), -1);
+    EXPECT_EQ(getPid(directory.path().c_str()), -1);
     EXPECT_EQ(getPid(nullptr), -1);
-    folder.write("pid", "1234\n");
-    const std::string path = folder.path("pid");
+    directory.write("pid", "1234\n");
+    const std::string path = directory.path("pid");
     fs::permissions(path, fs::perms::none);
     expect_as_ordinary_user([&] { EXPECT_EQ(getPid(path.c_str()), -1); });
 }
 
-TEST(GetPid, PrintsNothing) {
-    EXPECT_EQ(capture_stderr([] { EXPECT_EQ(getPid("/not/there"), -1); }), "");
-    EXPECT_EQ(capture_stdout([] { EXPECT_EQ(getPid("/not/there"), -1); }), "");
+TEST(getPid, PrintsNothing) {
+    EXPECT_EQ(capture_stderr([] { EXPECT_EQ(getPid("/missing/file"), -1); }), "");
+    EXPECT_EQ(capture_stdout([] { EXPECT_EQ(getPid("/missing/file"), -1); }), "");
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include <corvel.h>
 
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/golden_files.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/named_process.h"
@@ -9,6 +10,7 @@
 #include "tests/support/output_capture.h"
 #include "tests/support/private_root.h"
 #include "tests/support/stand_in.h"
+#include "tests/sys/sample_bytes.h"
 
 #include <bit>
 #include <cerrno>
@@ -27,7 +29,7 @@
 
 namespace {
 
-/** What takes the place of the C library's functions. */
+/** Replacements of the C library's functions. */
 std::function<int(int, int, int)> instead_of_socket;
 std::function<int(int, const sockaddr *, socklen_t)> instead_of_bind;
 std::function<ssize_t(int, const msghdr *, int)> instead_of_sendmsg;
@@ -48,11 +50,11 @@ extern "C" int bind(int descriptor, const sockaddr *address, socklen_t length) C
                            : next(descriptor, address, length);
 }
 
-extern "C" ssize_t sendmsg(int descriptor, const msghdr *parcel, int flags) {
+extern "C" ssize_t sendmsg(int descriptor, const msghdr *message, int flags) {
     static auto *const next =
         corvel_test::next_definition<ssize_t(int, const msghdr *, int)>("sendmsg");
-    return instead_of_sendmsg ? instead_of_sendmsg(descriptor, parcel, flags)
-                              : next(descriptor, parcel, flags);
+    return instead_of_sendmsg ? instead_of_sendmsg(descriptor, message, flags)
+                              : next(descriptor, message, flags);
 }
 
 extern "C" pid_t getpid() C_LIBRARY_NOEXCEPT {
@@ -65,22 +67,20 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr std::size_t record_size = CORVEL_TRAP_SIZE;
-
-/** A number as it lies in memory. */
+/** Returns the bytes of a number in memory. */
 template <typename Number> std::string in_host_order(Number number) {
     std::string bytes(sizeof number, '\0');
     std::memcpy(bytes.data(), &number, sizeof number);
     return bytes;
 }
 
-/** The bytes of a netlink address. */
+/** Returns the bytes of a netlink address. */
 std::string address_bytes(std::uint32_t port) {
     return in_host_order<std::uint16_t>(16) + "\0\0"s + in_host_order(port) +
            in_host_order<std::uint32_t>(1);
 }
 
-/** The bytes that are sent for a record. */
+/** Returns the bytes of the message that contains a record. */
 std::string message_bytes(const std::string &record) {
     return in_host_order<std::uint32_t>(CORVEL_TRAP_MESSAGE_SIZE) +
            in_host_order<std::uint16_t>(17) + in_host_order<std::uint16_t>(0) +
@@ -88,22 +88,16 @@ std::string message_bytes(const std::string &record) {
            record;
 }
 
-/** A record of which no two bytes side by side are alike, zeros among them. */
-std::string sample_record(unsigned first) {
-    std::string record;
-    for (unsigned i = 0; i < record_size; ++i)
-        record += static_cast<char>(first + 37 * i);
-    return record;
-}
+std::string sample_record(unsigned first) { return sample_bytes(CORVEL_TRAP_SIZE, first); }
 
-/** The port that the calling thread's socket is to have. */
+/** Returns the port that the calling thread's socket must have. */
 std::uint32_t port_of_this_thread() {
     return static_cast<std::uint32_t>(getpid()) |
            static_cast<std::uint32_t>(
                reinterpret_cast<std::uintptr_t>(reinterpret_cast<void *>(pthread_self())) << 16);
 }
 
-/** Runs a piece in a thread whose stack, and so its own record, ends where it is told to. */
+/** Runs a part of a test in a thread with this stack, at whose end its descriptor is. */
 template <typename Body> void run_in_thread(unsigned char *stack, std::size_t size, Body body) {
     pthread_attr_t attributes;
     ASSERT_EQ(pthread_attr_init(&attributes), 0);
@@ -118,25 +112,25 @@ template <typename Body> void run_in_thread(unsigned char *stack, std::size_t si
     pthread_attr_destroy(&attributes);
 }
 
-/** Runs a piece in each of two threads, whose ids differ in their lower 16 bits. */
+/** Runs a part of a test in each of two threads, whose ids differ in their lower 16 bits. */
 void run_in_two_threads(const std::function<void()> &body) {
     constexpr std::size_t size = 0x80000;
     alignas(0x10000) static unsigned char stacks[2][size];
     std::vector<std::uint32_t> ports;
-    const auto piece = [&] {
+    const auto part = [&] {
         ports.push_back(port_of_this_thread());
         body();
     };
-    run_in_thread(stacks[0], size, piece);
-    run_in_thread(stacks[1], size - 0x4000, piece);
+    run_in_thread(stacks[0], size, part);
+    run_in_thread(stacks[1], size - 0x4000, part);
     ASSERT_EQ(ports.size(), 2U);
     EXPECT_NE(ports[0], ports[1]);
     EXPECT_EQ(ports[0] & 0xFFFF, ports[1] & 0xFFFF);
 }
 
-// open_socket_for_trap, as the kernel sees it
+// --- open_socket_for_trap ---
 
-TEST(OpenSocketForTrap, AsksForARawNetlinkSocketAndBindsItToTheGroup) {
+TEST(open_socket_for_trap, CreatesARawNetlinkSocketAndBindsItToTheGroup) {
     std::vector<std::string> calls;
     const Instead in_place_of_socket(instead_of_socket, [&](int family, int type, int protocol) {
         calls.push_back("socket " + std::to_string(family) + " " + std::to_string(type) + " " +
@@ -157,7 +151,7 @@ TEST(OpenSocketForTrap, AsksForARawNetlinkSocketAndBindsItToTheGroup) {
     EXPECT_EQ(calls, (std::vector<std::string>{"socket 16 3 16", "bind 77"}));
 }
 
-TEST(OpenSocketForTrap, BindsThreadsToPortsThatDifferInTheirUpperBitsOnly) {
+TEST(open_socket_for_trap, BindsThreadsToPortsThatDifferOnlyInTheirUpperBits) {
     std::vector<std::uint32_t> ports;
     const Instead in_place_of_socket(instead_of_socket, [](int, int, int) { return 77; });
     const Instead in_place_of_bind(instead_of_bind,
@@ -175,9 +169,9 @@ TEST(OpenSocketForTrap, BindsThreadsToPortsThatDifferInTheirUpperBitsOnly) {
     EXPECT_EQ(ports[1] & 0xFFFF, static_cast<std::uint32_t>(getpid()) & 0xFFFF);
 }
 
-TEST(OpenSocketForTrap, ReturnsTheErrorWhereThereIsNoSocket) {
+TEST(open_socket_for_trap, ReturnsTheErrorIfThereIsNoSocket) {
     const Instead in_place_of_bind(instead_of_bind, [](int, const sockaddr *, socklen_t) {
-        ADD_FAILURE() << "nothing can be bound";
+        ADD_FAILURE() << "there is no socket to bind";
         return 0;
     });
     for (const int error : {EPROTONOSUPPORT, EMFILE, EPERM}) {
@@ -190,9 +184,9 @@ TEST(OpenSocketForTrap, ReturnsTheErrorWhereThereIsNoSocket) {
     }
 }
 
-TEST(OpenSocketForTrap, TakesDescriptorZeroForAFailure) {
+TEST(open_socket_for_trap, TreatsDescriptorZeroAsAFailure) {
     const Instead in_place_of_bind(instead_of_bind, [](int, const sockaddr *, socklen_t) {
-        ADD_FAILURE() << "nothing can be bound";
+        ADD_FAILURE() << "there is no socket to bind";
         return 0;
     });
     for (const int error : {0, EAGAIN}) {
@@ -204,7 +198,7 @@ TEST(OpenSocketForTrap, TakesDescriptorZeroForAFailure) {
     }
 }
 
-TEST(OpenSocketForTrap, TellsWhyASocketCannotBeBoundAndLeavesItOpen) {
+TEST(open_socket_for_trap, PrintsWhyASocketCannotBeBoundAndLeavesItOpen) {
     for (const int error : {EADDRINUSE, EPERM, EINVAL}) {
         int descriptor = -1;
         const Instead in_place_of_socket(instead_of_socket, [&descriptor](int, int, int) {
@@ -225,7 +219,7 @@ TEST(OpenSocketForTrap, TellsWhyASocketCannotBeBoundAndLeavesItOpen) {
     }
 }
 
-TEST(OpenSocketForTrap, ReturnsTheErrorOfBindingIfTheMessageFails) {
+TEST(open_socket_for_trap, ReturnsTheErrorOfBindingIfPrintingFails) {
     const Instead in_place_of_socket(instead_of_socket, [](int, int, int) { return 77; });
     const Instead in_place_of_bind(instead_of_bind, [](int, const sockaddr *, socklen_t) {
         errno = EADDRINUSE;
@@ -236,7 +230,7 @@ TEST(OpenSocketForTrap, ReturnsTheErrorOfBindingIfTheMessageFails) {
     EXPECT_EQ(failing.failures(), 1U);
 }
 
-TEST(OpenSocketForTrap, OpensASocketThatNoOtherProgramInherits) {
+TEST(open_socket_for_trap, OpensASocketThatNoOtherProgramInherits) {
     int descriptor = -1;
     const Instead in_place_of_socket(instead_of_socket, [&descriptor](int, int, int) {
         descriptor = open("/dev/null", O_RDONLY);
@@ -251,28 +245,28 @@ TEST(OpenSocketForTrap, OpensASocketThatNoOtherProgramInherits) {
     }
 }
 
-// send_trap_msg, as the kernel sees it
+// --- send_trap_msg ---
 
-TEST(SendTrapMsg, SendsTheMessageInOnePieceToTheGroup) {
+TEST(send_trap_msg, SendsTheWholeMessageToTheGroupInOneCall) {
     for (const unsigned first : {0U, 0xF7U}) {
         const std::string record = sample_record(first);
-        // The record is read where it ends, and no further.
+        // Nothing after the record is read.
         const GuardedBlock block(record);
         int sent = 0;
         const Instead in_place_of_sendmsg(
-            instead_of_sendmsg, [&](int descriptor, const msghdr *parcel, int flags) -> ssize_t {
+            instead_of_sendmsg, [&](int descriptor, const msghdr *message, int flags) -> ssize_t {
                 ++sent;
                 EXPECT_EQ(descriptor, 77);
                 EXPECT_EQ(flags, 0);
-                EXPECT_EQ(parcel->msg_namelen, 12U);
-                EXPECT_EQ(std::string(static_cast<const char *>(parcel->msg_name), 12),
+                EXPECT_EQ(message->msg_namelen, 12U);
+                EXPECT_EQ(std::string(static_cast<const char *>(message->msg_name), 12),
                           address_bytes(0));
-                EXPECT_EQ(parcel->msg_iovlen, 1U);
-                EXPECT_EQ(std::string(static_cast<const char *>(parcel->msg_iov->iov_base),
-                                      parcel->msg_iov->iov_len),
+                EXPECT_EQ(message->msg_iovlen, 1U);
+                EXPECT_EQ(std::string(static_cast<const char *>(message->msg_iov->iov_base),
+                                      message->msg_iov->iov_len),
                           message_bytes(record));
-                EXPECT_EQ(parcel->msg_control, nullptr);
-                EXPECT_EQ(parcel->msg_controllen, 0U);
+                EXPECT_EQ(message->msg_control, nullptr);
+                EXPECT_EQ(message->msg_controllen, 0U);
                 return CORVEL_TRAP_MESSAGE_SIZE;
             });
         EXPECT_EQ(capture_stderr([&] {
@@ -284,13 +278,13 @@ TEST(SendTrapMsg, SendsTheMessageInOnePieceToTheGroup) {
     }
 }
 
-TEST(SendTrapMsg, TakesARecordFromAnyAddress) {
+TEST(send_trap_msg, AcceptsARecordAtAnyAddress) {
     const std::string record = sample_record(1);
     std::string sent;
     const Instead in_place_of_sendmsg(
-        instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
-            sent.assign(static_cast<const char *>(parcel->msg_iov->iov_base),
-                        parcel->msg_iov->iov_len);
+        instead_of_sendmsg, [&sent](int, const msghdr *message, int) -> ssize_t {
+            sent.assign(static_cast<const char *>(message->msg_iov->iov_base),
+                        message->msg_iov->iov_len);
             return CORVEL_TRAP_MESSAGE_SIZE;
         });
     for (std::size_t shift = 0; shift < 8; ++shift) {
@@ -300,16 +294,16 @@ TEST(SendTrapMsg, TakesARecordFromAnyAddress) {
     }
 }
 
-TEST(SendTrapMsg, SendsTheGoldenMessageAlike) {
+TEST(send_trap_msg, SendsTheGoldenMessage) {
     std::string record;
-    for (std::size_t i = 0; i < record_size; ++i)
+    for (std::size_t i = 0; i < CORVEL_TRAP_SIZE; ++i)
         record += static_cast<char>(i);
     std::string sent;
     const Instead in_place_of_getpid(instead_of_getpid, [] { return 0x01020304; });
     const Instead in_place_of_sendmsg(
-        instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
-            sent.assign(static_cast<const char *>(parcel->msg_iov->iov_base),
-                        parcel->msg_iov->iov_len);
+        instead_of_sendmsg, [&sent](int, const msghdr *message, int) -> ssize_t {
+            sent.assign(static_cast<const char *>(message->msg_iov->iov_base),
+                        message->msg_iov->iov_len);
             return CORVEL_TRAP_MESSAGE_SIZE;
         });
     EXPECT_EQ(send_trap_msg(77, record.data()), CORVEL_TRAP_MESSAGE_SIZE);
@@ -317,13 +311,13 @@ TEST(SendTrapMsg, SendsTheGoldenMessageAlike) {
     EXPECT_EQ(sent, golden(is_big_endian ? "trap-big-endian.bin" : "trap-little-endian.bin"));
 }
 
-TEST(SendTrapMsg, SendsTheBareProcessIdFromEveryThread) {
+TEST(send_trap_msg, SendsOnlyTheProcessIdFromEveryThread) {
     const std::string record = sample_record(2);
     std::vector<std::string> sent;
     const Instead in_place_of_sendmsg(
-        instead_of_sendmsg, [&sent](int, const msghdr *parcel, int) -> ssize_t {
-            sent.emplace_back(static_cast<const char *>(parcel->msg_iov->iov_base),
-                              parcel->msg_iov->iov_len);
+        instead_of_sendmsg, [&sent](int, const msghdr *message, int) -> ssize_t {
+            sent.emplace_back(static_cast<const char *>(message->msg_iov->iov_base),
+                              message->msg_iov->iov_len);
             return CORVEL_TRAP_MESSAGE_SIZE;
         });
     run_in_two_threads(
@@ -336,9 +330,9 @@ TEST(SendTrapMsg, SendsTheBareProcessIdFromEveryThread) {
     });
 }
 
-TEST(SendTrapMsg, ReturnsWhatWasSentWithoutAnotherTry) {
+TEST(send_trap_msg, ReturnsTheBytesSentWithoutRetrying) {
     const std::string record = sample_record(3);
-    for (const ssize_t result : {0, 1, 100, 171}) {
+    for (const ssize_t result : {0, 1, 100, CORVEL_TRAP_MESSAGE_SIZE - 1}) {
         int calls = 0;
         const Instead in_place_of_sendmsg(instead_of_sendmsg,
                                           [&calls, result](int, const msghdr *, int) {
@@ -350,7 +344,7 @@ TEST(SendTrapMsg, ReturnsWhatWasSentWithoutAnotherTry) {
     }
 }
 
-TEST(SendTrapMsg, TellsWhyNothingIsSentWithoutAnotherTry) {
+TEST(send_trap_msg, PrintsWhyNothingIsSentWithoutRetrying) {
     const std::string record = sample_record(4);
     for (const int error : {ECONNREFUSED, EINTR, EAGAIN, ENOBUFS}) {
         int calls = 0;
@@ -370,7 +364,7 @@ TEST(SendTrapMsg, TellsWhyNothingIsSentWithoutAnotherTry) {
     }
 }
 
-TEST(SendTrapMsg, FailsOnWhatIsNoSocket) {
+TEST(send_trap_msg, FailsOnADescriptorThatIsNotASocket) {
     const std::string record = sample_record(5);
     EXPECT_EQ(capture_stderr([&] { EXPECT_LT(send_trap_msg(-1, record.data()), 0); }),
               "unable to send message: "s + std::strerror(EBADF) + "\n");
@@ -379,9 +373,9 @@ TEST(SendTrapMsg, FailsOnWhatIsNoSocket) {
               "unable to send message: "s + std::strerror(ENOTSOCK) + "\n");
 }
 
-// Over real sockets
+// --- Over real sockets ---
 
-/** A listener of the group, on a socket of its own. */
+/** A member of the multicast group, with its own socket. */
 class Listener {
   public:
     Listener() : descriptor_(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 16)) {
@@ -395,7 +389,7 @@ class Listener {
     Listener &operator=(const Listener &) = delete;
     ~Listener() { close(descriptor_); }
 
-    /** The next message, and the address that it came from. It is there as soon as it is sent. */
+    /** Returns the next message and its sender. A message is available as soon as it is sent. */
     std::string received(sockaddr_nl &sender) const {
         std::string bytes(2048, '\0');
         socklen_t length = sizeof sender;
@@ -466,14 +460,14 @@ TEST(TrapSocket, CanBeOpenedInSeveralThreadsAtOnce) {
     });
 }
 
-TEST(TrapSocket, IsRefusedWhereItsPortIsInUse) {
+TEST(TrapSocket, CannotBeBoundIfItsPortIsInUse) {
     in_private_root([] {
         const int first = open_socket_for_trap();
         ASSERT_GT(first, 0);
         const std::size_t open_before = open_descriptors().size();
         EXPECT_EQ(capture_stdout([] { EXPECT_EQ(open_socket_for_trap(), -EADDRINUSE); }),
                   "bind failure:"s + std::strerror(EADDRINUSE) + "!\n");
-        // The second socket is lost to the caller.
+        // The second socket stays open, and the caller does not have its descriptor.
         EXPECT_EQ(open_descriptors().size(), open_before + 1);
         EXPECT_EQ(close(first), 0);
         const int third = open_socket_for_trap();
@@ -482,12 +476,12 @@ TEST(TrapSocket, IsRefusedWhereItsPortIsInUse) {
     });
 }
 
-TEST(TrapSocket, SendsNothingWhenItIsClosed) {
+TEST(TrapSocket, SendsNothingAfterItIsClosed) {
     in_private_root([] {
         const Listener listener;
         const int trap_socket = open_socket_for_trap();
         ASSERT_GT(trap_socket, 0);
-        // A number that nothing else takes meanwhile.
+        // A number that no other descriptor takes.
         constexpr int closed = 500;
         ASSERT_EQ(dup2(trap_socket, closed), closed);
         close(trap_socket);
@@ -501,7 +495,7 @@ TEST(TrapSocket, SendsNothingWhenItIsClosed) {
     });
 }
 
-TEST(TrapSocket, TakesDescriptorZeroForAFailure) {
+TEST(TrapSocket, IsNotBoundIfItGetsDescriptorZero) {
     in_private_root([] {
         close(STDIN_FILENO);
         const int result = open_socket_for_trap();
@@ -510,7 +504,7 @@ TEST(TrapSocket, TakesDescriptorZeroForAFailure) {
         sockaddr_nl address{};
         socklen_t length = sizeof address;
         ASSERT_EQ(getsockname(STDIN_FILENO, reinterpret_cast<sockaddr *>(&address), &length), 0);
-        EXPECT_EQ(address.nl_pid, 0U) << "it was bound";
+        EXPECT_EQ(address.nl_pid, 0U) << "the socket was bound";
     });
 }
 
