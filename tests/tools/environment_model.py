@@ -14,13 +14,13 @@ def with_crc(data):
 
 
 def image(entries, fill=b"\0"):
-    """The image with these entries, such as b"a=1"."""
+    """Returns the image with these entries, such as b"a=1"."""
     listed = b"".join(entry + b"\0" for entry in entries) + b"\0"
     return with_crc(listed + fill * (DATA_SIZE - len(listed)))
 
 
 def entries_of(content):
-    """The entries of an image whose CRC is good."""
+    """Checks the CRC of an image and returns its entries."""
     assert len(content) == SIZE
     assert content[:4] == struct.pack(">I", zlib.crc32(content[4:]))
     listed, end, _ = content[4:].partition(b"\0\0")
@@ -29,7 +29,7 @@ def entries_of(content):
 
 
 def list_end(data):
-    """The offset of the end of the list: its empty entry, or the end of the data."""
+    """Returns the offset of the end of the list: its empty entry, or the end of the data."""
     start = 0
     while start < len(data) and data[start] != 0:
         end = data.find(b"\0", start)
@@ -38,5 +38,5 @@ def list_end(data):
 
 
 def closed_entries(data):
-    """The entries before the end of the list that are terminated by a NUL."""
+    """Returns the entries before the end of the list that are terminated by a NUL."""
     return data[:list_end(data)].split(b"\0")[:-1]

@@ -23,14 +23,14 @@ ACCEPTED, PAST_END, BAD_CHECKSUM, TOO_LARGE, TOO_MANY, BAD_CRC = range(6)
 
 
 def section(signature, payload, burn_address=0, mtd_id=None, pad=0, length=None):
-    """A section with any payload."""
+    """Returns a section with any payload."""
     mtd_id = PARTITIONS[signature][3] if mtd_id is None else mtd_id
     length = len(payload) if length is None else length
     return signature + struct.pack(">4I", burn_address, mtd_id, pad, length) + payload
 
 
 def with_checksum(data, pad=0):
-    """The payload of a section other than the version section."""
+    """Returns the payload of a section other than the version section."""
     return data + bytes(pad) + bytes([-sum(data) % 256])
 
 
@@ -38,7 +38,7 @@ def partition(signature, data, pad=0, **header):
     return section(signature, with_checksum(data, pad), pad=pad, **header)
 
 
-def signed(image):
+def with_crc(image):
     """Stores the CRC in the last four bytes of an image."""
     return image[:-4] + struct.pack(">I", zlib.crc32(image[:-4]))
 
@@ -48,18 +48,20 @@ def version(text=b"1.0", **header):
 
 
 def image(*sections):
-    return signed(b"".join(sections))
+    return with_crc(b"".join(sections))
 
 
 @dataclasses.dataclass
-class Verdict:
+class Expected:
+    """The result of parse_firmware() and the section that determines it."""
+
     result: int
     section: int = 0  # the bad one, counted from 1
     offset: int = 0
 
 
-def judge(data):
-    """The result of a device for an image."""
+def expected_of(data):
+    """Returns the result of a device for an image."""
     offset = number = 0
     known = []
     while offset + 20 < len(data):
@@ -67,35 +69,36 @@ def judge(data):
         signature = data[offset:offset + 4]
         _, mtd_id, pad, length = struct.unpack_from(">4I", data, offset + 4)
         if len(data) - offset - 16 < length:
-            return Verdict(PAST_END, number, offset)
+            return Expected(PAST_END, number, offset)
         if signature in PARTITIONS:
             name, stripped, largest, _ = PARTITIONS[signature]
             size = (length - 1 - pad if stripped else length + 20) % 2**32
             if mtd_id != 255 and sum(data[offset + 20:offset + 20 + length]) % 256 != 0:
-                return Verdict(BAD_CHECKSUM, number, offset)
+                return Expected(BAD_CHECKSUM, number, offset)
             if mtd_id != 255 and size > largest:
-                return Verdict(TOO_LARGE, number, offset)
+                return Expected(TOO_LARGE, number, offset)
             known.append((signature, number, offset, offset + 20 + length))
             if len(known) > 4:
-                return Verdict(TOO_MANY, number, offset)
+                return Expected(TOO_MANY, number, offset)
         offset += 20 + length
     if not known:
-        return Verdict(BAD_CRC)
+        return Expected(BAD_CRC)
     signature, number, offset, end = known[-1]
     if signature != b"Ver0":
-        return Verdict(ACCEPTED)
+        return Expected(ACCEPTED)
     # A truncated CRC differs.
     if end > len(data) or data[end - 4:end] != struct.pack(">I", zlib.crc32(data[:-4])):
-        return Verdict(BAD_CRC, number, offset)
-    return Verdict(ACCEPTED)
+        return Expected(BAD_CRC, number, offset)
+    return Expected(ACCEPTED)
 
 
+# Indices of the block devices of a set.
 ROOT, KERNEL = 0, 1
 SETS = {"A": (2, 3), "B": (4, 5)}
 
 
 def warnings_about_boot(data):
-    """The warnings for an accepted image after which a device may not boot."""
+    """Returns the warnings for an accepted image after which a device may not boot."""
     sections = []
     offset = number = 0
     while offset + 20 < len(data):
@@ -121,7 +124,7 @@ def warnings_about_boot(data):
             return []
         return [text if len(running) == 2 else f"{text} while set {running[0]} runs"]
 
-    def alone(signature, running, part):
+    def lacks(signature, running, part):
         return any(device(signature, running) == devices[part] and
                    devices[1 - part] not in written[running] for devices in SETS.values())
 
@@ -137,9 +140,9 @@ def warnings_about_boot(data):
         lines += sentence(place + "writes the running set",
                           lambda running: device(signature, running) in SETS[running])
         lines += sentence(place + "no kernel for the same set",
-                          lambda running: alone(signature, running, ROOT))
+                          lambda running: lacks(signature, running, ROOT))
         lines += sentence(place + "no root file system for the same set",
-                          lambda running: alone(signature, running, KERNEL))
+                          lambda running: lacks(signature, running, KERNEL))
     place = f"{sections[0][1]}only a version section: " if [
         signature for signature, _, _ in sections] == [b"Ver0"] else ""
     idle = {"A": SETS["B"], "B": SETS["A"]}

@@ -50,7 +50,7 @@ def printable(content):
 
 
 def with_file_size_limit(size):
-    """Options for run() with which writing beyond this size fails, as on a full disk."""
+    """Returns options for run() with which writing beyond this size fails, as on a full disk."""
     return {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size)),
             "restore_signals": False}
 

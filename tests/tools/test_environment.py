@@ -27,7 +27,7 @@ class EnvironmentTest(ToolTest):
         return {path.name: path.read_bytes() for path in self.directory.iterdir()}
 
     def assert_refuses(self, status, message, command, *arguments, **options):
-        """Fails with a message and leaves every file unchanged."""
+        """Checks for a message, and that every file is unchanged."""
         before = self.contents()
         self.expect(self.env(command, *arguments, **options), status,
                     errors=f"corvel-env: {message}\n")
@@ -69,7 +69,7 @@ class Editing(EnvironmentTest):
         self.expect(self.env("set", self.file, "c=1", "b=x", "c=2"), 0)
         self.assert_entries(b"a=3", b"b=x", b"c=2")
 
-    def test_values_of_every_kind(self):
+    def test_any_value_can_be_stored(self):
         everything = bytes(range(1, 256))
         for value in (b"", b"=", b"a=b", b" ", b"-1", b"--force", b"'\"$`\\", everything):
             self.env("create", "-f", self.file, "before=1")
@@ -142,7 +142,7 @@ class Editing(EnvironmentTest):
                             "set", self.file, "b=")
         self.expect(self.env("set", self.file, "name=short", "b="), 0)
 
-    def test_all_or_nothing(self):
+    def test_set_changes_all_variables_or_none(self):
         self.env("create", self.file, "a=1")
         self.assert_refuses(1, "'c' does not fit: it takes 70004 bytes, and 65524 are free",
                             "set", self.file, "b=2", "c=" + "x" * 70000)
@@ -244,7 +244,7 @@ class Files(EnvironmentTest):
         self.assertEqual((status.st_uid, status.st_gid, stat.S_IMODE(status.st_mode)),
                          (*owner, 0o4640))
 
-    def test_a_reader_never_sees_half_a_file(self):
+    def test_a_reader_never_sees_an_incomplete_file(self):
         self.env("create", self.file, "a=" + "1" * 60000)
         old = self.file.open("rb")
         self.addCleanup(old.close)
@@ -273,7 +273,7 @@ class BadImages(EnvironmentTest):
             self.assert_refuses(1, message.removeprefix("corvel-env: ") +
                                 "Use --force to change it anyway.", *command)
 
-    def test_force_makes_it_good(self):
+    def test_force_corrects_the_crc(self):
         self.file.write_bytes(self.with_bad_crc(image([b"a=1", b"b=2"])))
         self.expect(self.env("set", "--force", self.file, "a=3"), 0)
         self.assert_entries(b"b=2", b"a=3")

@@ -28,18 +28,18 @@ class Build(ToolTest):
         return run("corvel-image", "build", path, target or self.target, **options)
 
     def assert_builds(self, manifest, expected, warnings=(), after=()):
-        """Builds with these warnings, those about booting, and those in `after`."""
+        """Checks that the build gives these warnings, those about booting, and those in `after`."""
         warnings = [*warnings, *model.warnings_about_boot(expected), *after]
         done = self.build(manifest)
         self.assertEqual(done.status, 0, done)
         self.assertEqual(done.errors.splitlines(), [
             f"corvel-image: {self.target}: warning: {warning}" for warning in warnings])
         self.assertEqual(self.target.read_bytes(), expected)
-        self.assertEqual(model.judge(expected).result, model.ACCEPTED)
+        self.assertEqual(model.expected_of(expected).result, model.ACCEPTED)
         return done
 
     def assert_refuses(self, manifest, status, message):
-        """Fails with a message about the manifest and creates no file."""
+        """Checks for a message about the manifest, and that no file is created."""
         before = {path.name for path in self.directory.iterdir()} | {"manifest"}
         done = self.build(manifest)
         self.expect(done, status, errors=f"corvel-image: {self.path('manifest')}{message}\n")

@@ -9,7 +9,7 @@ import unittest
 import environment_model
 import image_model as model
 import programs
-from image_model import ACCEPTED, image, partition, section, signed, version, with_checksum
+from image_model import ACCEPTED, image, partition, section, version, with_checksum, with_crc
 from programs import ToolTest, run
 
 GOOD = image(partition(b"root", b"root file system"), partition(b"kern", b"kernel", pad=3),
@@ -24,22 +24,22 @@ class Verify(ToolTest):
         return run("corvel-image", "list", "-", input=data)
 
     def assert_fault(self, data, fault):
-        """Refused for exactly this reason; the model refuses it as well."""
-        self.assertNotEqual(model.judge(data).result, ACCEPTED)
+        """Checks that the image is refused for exactly this reason, and by the model as well."""
+        self.assertNotEqual(model.expected_of(data).result, ACCEPTED)
         self.expect(self.verify(data), 1, errors=f"corvel-image: -: bad image: {fault}\n")
 
     def assert_warnings(self, data, *warnings):
-        """Warns of these and then of booting."""
+        """Checks for these warnings, followed by those about booting."""
         warnings = [*warnings, *model.warnings_about_boot(data)]
-        self.assertEqual(model.judge(data).result, ACCEPTED)
+        self.assertEqual(model.expected_of(data).result, ACCEPTED)
         done = self.verify(data)
         self.assertEqual(done.status, 0, done)
         self.assertEqual(done.errors.splitlines(),
                          [f"corvel-image: -: warning: {warning}" for warning in warnings])
         self.assertTrue(done.output.startswith("-: good: "), done)
 
-    def assert_as_the_model_says(self, data):
-        expected = model.judge(data)
+    def assert_agrees_with_model(self, data):
+        expected = model.expected_of(data)
         done = self.verify(data)
         self.assertEqual(done.status, 0 if expected.result == ACCEPTED else 1, (data.hex(), done))
         # The program's reason agrees with the library's result.
@@ -119,7 +119,7 @@ class Verify(ToolTest):
                 "section 1 (root) at offset 0x0: len: at most 41 is expected, since 37 bytes "
                 f"follow the header; found {length}")
 
-    def test_the_length_may_be_four_more(self):
+    def test_a_length_may_exceed_the_image_by_four_bytes(self):
         for more in range(1, 5):
             data = section(b"root", with_checksum(b"root"), length=5 + more)
             missing = "1 byte" if more == 1 else f"{more} bytes"
@@ -207,22 +207,22 @@ class Verify(ToolTest):
         data = bytearray(GOOD)
         data[20] += 1
         data[21] -= 1
-        self.assertEqual(model.judge(bytes(data)).result, model.BAD_CRC)
+        self.assertEqual(model.expected_of(bytes(data)).result, model.BAD_CRC)
         self.assertIn(": CRC at offset ", self.verify(bytes(data)).errors)
 
     def test_a_crc_that_ends_after_the_image(self):
         root = partition(b"root", b"root")
         for more in range(1, 5):
-            data = signed(root + section(b"Ver0", b"1.0" + bytes(4), length=7 + more))
+            data = with_crc(root + section(b"Ver0", b"1.0" + bytes(4), length=7 + more))
             self.assert_fault(data, "section 2 (Ver0) at offset 0x19: len: 7 is expected, so that "
                               f"the CRC ends at the end of the image; found {7 + more}")
 
     def test_a_crc_before_the_end(self):
         for more in range(1, 20):
-            self.assertEqual(self.assert_as_the_model_says(GOOD + bytes(more)), model.BAD_CRC)
+            self.assertEqual(self.assert_agrees_with_model(GOOD + bytes(more)), model.BAD_CRC)
         # An unknown section after the version continues the chain.
-        data = signed(GOOD + section(b"what", bytes(9), mtd_id=0))
-        self.assertEqual(self.assert_as_the_model_says(data), model.BAD_CRC)
+        data = with_crc(GOOD + section(b"what", bytes(9), mtd_id=0))
+        self.assertEqual(self.assert_agrees_with_model(data), model.BAD_CRC)
 
     def test_images_without_a_section(self):
         for size in range(21):
@@ -285,7 +285,7 @@ class Verify(ToolTest):
                             errors=f"corvel-image: -: {fault}")
 
     def test_every_truncation(self):
-        results = [self.assert_as_the_model_says(GOOD[:size]) for size in range(len(GOOD))]
+        results = [self.assert_agrees_with_model(GOOD[:size]) for size in range(len(GOOD))]
         # An image that ends after a whole section, or up to four zero bytes before its end, is
         # accepted without a version.
         self.assertIn(ACCEPTED, results)
@@ -298,7 +298,7 @@ class Verify(ToolTest):
             for change in (1, 0x80, 0xff):
                 data = bytearray(GOOD)
                 data[offset] ^= change
-                result = self.assert_as_the_model_says(bytes(data))
+                result = self.assert_agrees_with_model(bytes(data))
                 self.assertEqual(result == ACCEPTED, offset in signature, offset)
 
     def test_every_header_field_at_its_extremes(self):
@@ -306,19 +306,19 @@ class Verify(ToolTest):
             for value in (0, 1, 4, 5, 16, 17, 18, 254, 255, 256, 0x7fffffff, 0x80000000,
                           0xffffffec, 0xfffffffb, 0xffffffff):
                 data = GOOD[:offset] + struct.pack(">I", value) + GOOD[offset + 4:]
-                self.assert_as_the_model_says(data)
-                self.assert_as_the_model_says(signed(data))
+                self.assert_agrees_with_model(data)
+                self.assert_agrees_with_model(with_crc(data))
 
     def test_random_images(self):
         random.seed(2)
         results = set()
         for _ in range(600):
-            results.add(self.assert_as_the_model_says(random_image()))
+            results.add(self.assert_agrees_with_model(random_image()))
         self.assertEqual(results, {ACCEPTED, *range(1, 6)})
 
 
 def random_image():
-    """An image that satisfies most rules, but not all."""
+    """Returns an image that satisfies most rules, but not all."""
     sections = []
     for _ in range(random.choice((0, 1, 1, 2, 2, 3, 3, 4, 5))):
         signature = random.choice((*model.PARTITIONS, b"what"))
@@ -333,8 +333,8 @@ def random_image():
             length=len(payload) + random.choice((0,) * 20 + (1, 4, 5, -1))))
     data = b"".join(sections)
     if random.random() < 0.8:
-        data = signed(data + version(random.randbytes(random.randrange(8)),
-                                     pad=random.choice((0, 7))))
+        data = with_crc(data + version(random.randbytes(random.randrange(8)),
+                                       pad=random.choice((0, 7))))
     return data + bytes(random.choice((0,) * 10 + (1, 19, 21)))
 
 

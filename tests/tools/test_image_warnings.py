@@ -18,7 +18,7 @@ NO_SET = "no root file system and no kernel for the set that boots after the upg
 
 class WarningTest(ToolTest):
     def assert_warns(self, data, *warnings):
-        """list and verify print these warnings, verify --strict the same as errors."""
+        """Checks that list and verify print these warnings, verify --strict the same as errors."""
         lines = "".join(f"corvel-image: -: warning: {warning}\n" for warning in warnings)
         for command in ("list", "verify"):
             done = run("corvel-image", command, "-", input=data)
@@ -153,7 +153,7 @@ int main(void)
         self.assertEqual(self.stored(data), data)
         self.assert_warns(data)
 
-    def assert_loses_its_beginning(self, kernel, *headers):
+    def assert_is_truncated(self, kernel, *headers):
         """`headers`: the mistaken headers, each with its offset in the kernel."""
         data = image(ROOT, partition(b"kern", kernel), version())
         stored = self.stored(data)
@@ -170,17 +170,17 @@ int main(void)
             for before in (b"", b"x", b"\r\n", bytes(1000)):
                 for after in (b"", b"\n", b" text\r\nmore", b"\0" * 300 + b"\rmore"):
                     with self.subTest(name=name, before=len(before), after=len(after)):
-                        self.assert_loses_its_beginning(before + name.encode() + b":" + after,
-                                                        (name, len(before)))
+                        self.assert_is_truncated(before + name.encode() + b":" + after,
+                                                 (name, len(before)))
 
     def test_both_headers(self):
         both = b"Content-Type: a\nContent-Transfer-Encoding: b\n"
-        self.assert_loses_its_beginning(both, ("Content-Type", 0),
-                                        ("Content-Transfer-Encoding", 16))
+        self.assert_is_truncated(both, ("Content-Type", 0),
+                                 ("Content-Transfer-Encoding", 16))
         # An encoding before the type or in the same line does not count.
-        self.assert_loses_its_beginning(
+        self.assert_is_truncated(
             b"Content-Transfer-Encoding: b\nContent-Type: a\n", ("Content-Type", 29))
-        self.assert_loses_its_beginning(
+        self.assert_is_truncated(
             b"Content-Type: Content-Transfer-Encoding: b\n", ("Content-Type", 0))
 
     def test_text_that_only_resembles_a_header(self):
@@ -194,8 +194,8 @@ int main(void)
     def test_only_the_first_occurrence_of_a_name_counts(self):
         self.assert_arrives(b"Content-Type, Content-Type: x\n")
         self.assert_arrives(b"Content-Transfer-Encoding\nContent-Transfer-Encoding: x\n")
-        self.assert_loses_its_beginning(b"Content-Type, Content-Transfer-Encoding: x\n",
-                                        ("Content-Transfer-Encoding", 14))
+        self.assert_is_truncated(b"Content-Type, Content-Transfer-Encoding: x\n",
+                                 ("Content-Transfer-Encoding", 14))
 
     def test_a_header_in_a_version_and_in_a_skipped_section(self):
         data = image(ROOT, KERNEL, version(b"Content-Type: x"))
@@ -261,7 +261,8 @@ class Strict(ToolTest):
         done = self.build("[root]\nfile = part\n[kern]\nfile = part\n[Ver0]\ntext = 1\n",
                           "--strict")
         self.assertEqual((done.status, done.errors), (0, ""))
-        self.assertEqual(model.judge(self.path("new.img").read_bytes()).result, model.ACCEPTED)
+        built = self.path("new.img").read_bytes()
+        self.assertEqual(model.expected_of(built).result, model.ACCEPTED)
 
     def test_a_bad_image_keeps_its_own_status(self):
         data = bytearray(image(ROOT, version()))

@@ -57,7 +57,7 @@ class Inotify:
 
 class StandardInput(ToolTest):
     def expected(self, arguments, content):
-        """The output of the command for a file; for set and delete, the file after the change."""
+        """Returns the command's output for a file, or the file after set or delete."""
         path = self.write("plain", content)
         done = run(*(str(path) if argument == "-" else argument for argument in arguments))
         self.assertEqual((done.status, done.errors), (0, ""))
