@@ -124,10 +124,11 @@ function showsClients(page, sections) {
 
 // Clicks a heading, and waits until the rows are those of the device's last response in this order.
 async function sortBy(page, table, name, order) {
-  const next = () => page.waitForResponse((answer) => answer.url().endsWith('Ajax=1&sort=' + order));
-  let answer = next();
+  const next = () => page.waitForResponse(
+      (response) => response.url().endsWith('Ajax=1&sort=' + order));
+  let response = next();
   await page.locator(`#${table} th button[data-sort=${name}]`).click();
-  while (!await showsClients(page, await (await answer).json())) answer = next();
+  while (!await showsClients(page, await (await response).json())) response = next();
 }
 
 // Performs an upgrade, from the choice of the image to the restart.
@@ -321,8 +322,8 @@ const walks = {
   async hostile(page) {
     await page.goto(url + '/cgi-bin/clients');
     const first = await column(page, 'leases', 'host');
-    await page.waitForResponse((answer) => answer.url().includes('Ajax=1'));
-    await page.waitForResponse((answer) => answer.url().includes('Ajax=1'));
+    await page.waitForResponse((response) => response.url().includes('Ajax=1'));
+    await page.waitForResponse((response) => response.url().includes('Ajax=1'));
     const refreshed = await column(page, 'leases', 'host');
     const hacked = await page.evaluate(() => 'hacked' in window);
     const inside = await page.locator('#leases tbody').evaluate((body) =>

@@ -344,11 +344,11 @@ class Demo:
             connection.sendall(data)
             if half_close:
                 connection.shutdown(socket.SHUT_WR)
-            answer = b""
+            response = b""
             with contextlib.suppress(ConnectionResetError):
                 while piece := connection.recv(65536):
-                    answer += piece
-            return answer
+                    response += piece
+            return response
 
 
 class Response:

@@ -15,15 +15,15 @@ class BadRequests(OwnDemoTest):
     def setUp(self):
         self.restore_settings()
 
-    def assert_untouched(self):
+    def assert_unchanged(self):
         self.assertEqual(self.demo.files(), self.factory)
         self.assertEqual(self.demo.get(NETWORK).status, 200)
 
     def raw_post(self, headers, body=b"", **options):
         head = f"POST {NETWORK} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
         head += f"Cookie: session={self.demo.session}\r\n{headers}\r\n"
-        answer = self.demo.raw(head.encode() + body, **options)
-        return int(answer.split()[1]) if answer else None
+        response = self.demo.raw(head.encode() + body, **options)
+        return int(response.split()[1]) if response else None
 
     def test_other_methods_are_refused(self):
         for method in ("PUT", "DELETE", "PATCH", "TRACE", "CONNECT", "MKCOL", "get", "post", "FOO"):
@@ -31,13 +31,13 @@ class BadRequests(OwnDemoTest):
                 response = self.demo.request(method, NETWORK, body, {"Content-Type": FORM})
                 self.assertIn(response.status, (400, 405, 501), method)
         self.assertIn(self.demo.request("OPTIONS", NETWORK).status, (200, 405))
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_form_of_another_type_is_refused(self):
         for kind in ("multipart/form-data; boundary=x", "text/plain", "application/json", ""):
             response = self.demo.post(NETWORK, "WLAN_SSID=x", {"Content-Type": kind})
             self.assertEqual(response.status, 415, kind)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_charset_after_the_type_is_accepted(self):
         response = self.demo.post(NETWORK, "WLAN_SSID=x", {"Content-Type": FORM + "; charset=UTF-8"})
@@ -55,7 +55,7 @@ class BadRequests(OwnDemoTest):
             response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
                 "Content-Type": FORM, "Referer": referer})
             self.assertEqual(response.status, 403, referer)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_forms_of_this_site_and_of_programs_are_accepted(self):
         own = f"http://127.0.0.1:{self.demo.port}"
@@ -70,7 +70,7 @@ class BadRequests(OwnDemoTest):
             response = self.demo.post(NETWORK, "WLAN_SSID=x", {
                 "Host": host, "Origin": f"http://{host}"})
             self.assertEqual(response.status, 403, host)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_bodies_that_are_too_large_are_refused(self):
         for size in (65537, 100_000, 5_000_000):
@@ -82,7 +82,7 @@ class BadRequests(OwnDemoTest):
         for length in ("99999999999", "9223372036854775807"):
             self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n"),
                              413)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_the_largest_body_is_accepted(self):
         ending = "&WLAN_SSID=Full"
@@ -120,14 +120,14 @@ class BadRequests(OwnDemoTest):
             # A last word without `=` is a field with an empty value, and an empty SSID is invalid.
             expected = 422 if body == "WLAN_SSID" else 400
             self.assertEqual(self.demo.post(NETWORK, body).status, expected, body)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_post_without_a_valid_length_is_refused(self):
         self.assertEqual(self.raw_post(f"Content-Type: {FORM}\r\n"), 411)
         for length in ("-1", "x", "1x", "", "0x10", "+5"):
             status = self.raw_post(f"Content-Type: {FORM}\r\nContent-Length: {length}\r\n")
             self.assertIn(status, (400, 411, 413), length)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_chunked_body_is_accepted(self):
         chunks = b"5\r\nWLAN_\r\n8\r\nSSID=abc\r\n0\r\n\r\n"
@@ -140,14 +140,14 @@ class BadRequests(OwnDemoTest):
         headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
         for body in (b"", b"WLAN_SSID=short"):
             self.assertIn(self.raw_post(headers, body, half_close=True), (None, 400, 408))
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_client_that_stops_sending_is_disconnected(self):
         start = time.monotonic()
         headers = f"Content-Type: {FORM}\r\nContent-Length: 100\r\n"
         self.assertIn(self.raw_post(headers, b"WLAN_SSID=slow", seconds=30), (None, 400, 408))
         self.assertLess(time.monotonic() - start, 25)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_bytes_after_the_content_length_are_ignored(self):
         headers = f"Content-Type: {FORM}\r\nContent-Length: 11\r\n"
@@ -159,7 +159,7 @@ class BadRequests(OwnDemoTest):
         for _ in range(150):
             body = chance.randbytes(chance.choice((1, 2, 10, 300, 5000)))
             self.assertIn(self.demo.post(chance.choice((NETWORK, DEVICE)), body).status, (400, 422))
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_damaged_forms_leave_the_files_well_formed(self):
         chance = random.Random(2)
@@ -190,4 +190,4 @@ class BadRequests(OwnDemoTest):
     def test_a_value_that_the_decoder_truncates_is_refused(self):
         for value in ("%41" * 81, "%41" * 85, "%41" * 86, "a" * 254 + "%4", "%E6%97%A5" * 40):
             self.assertEqual(self.demo.post(DEVICE, "DESCRIPTION=" + value).status, 422, value)
-        self.assert_untouched()
+        self.assert_unchanged()

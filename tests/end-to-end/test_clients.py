@@ -42,10 +42,10 @@ class ClientsTest(SharedDemoTest):
                      "nud", "permanent")
         self.addCleanup(self.demo.ip, "neighbor", "del", address, "dev", "br-lan")
 
-    def with_leases(self, lines, look):
-        """Appends lines to the server's file, calls look(), and removes the lines.
+    def with_leases(self, lines, read):
+        """Appends lines to the server's file, calls read(), and removes the lines.
 
-        The server overwrites the file when a client renews its lease; look() is then called again.
+        The server overwrites the file when a client renews its lease; read() is then called again.
         """
         path = self.demo.state / "var/config/dnsmasq.leases"
         added = "".join(line + "\n" for line in lines).encode("utf-8", "surrogateescape")
@@ -53,7 +53,7 @@ class ClientsTest(SharedDemoTest):
             before = path.read_bytes()
             with open(path, "ab") as file:
                 file.write(added)
-            seen = look()
+            seen = read()
             after = path.read_bytes()
             if after == before + added:
                 with open(path, "r+b") as file:
@@ -93,13 +93,13 @@ class Clients(ClientsTest):
         self.assertIn("203.0.113.1", {row["ip"] for row in self.rows("neighbours")})
 
     def test_each_client_is_a_neighbour_with_the_address_of_its_lease(self):
-        def all_there():
+        def all_listed():
             leases = {row["host"]: (row["ip"], row["mac"].upper()) for row in self.rows("leases")}
             neighbours = {row["host"]: (row["ip"], row["mac"].upper())
                           for row in self.rows("neighbours")}
             return all(neighbours.get(name) == leases[name] for name in CLIENT_NAMES)
 
-        self.assertTrue(wait_until(all_there, 30), self.rows("neighbours"))
+        self.assertTrue(wait_until(all_listed, 30), self.rows("neighbours"))
 
     def test_an_added_neighbour_is_shown_and_a_removed_one_is_not(self):
         self.demo.ip("neighbor", "replace", "192.168.1.77", "lladdr", "02:00:de:ad:be:ef",
@@ -173,11 +173,11 @@ class HostileNames(ClientsTest):
         return [f"{later} 02:00:00:00:66:{i:02x} 192.168.1.{30 + i} {name} *"
                 for i, name in enumerate(names)]
 
-    def look(self):
+    def read(self):
         return self.demo.get(CLIENTS).text, self.demo.document(CLIENTS)
 
     def test_page_and_json_show_hostile_names_unchanged(self):
-        text, document = self.with_leases(self.lines(HOSTILE), self.look)
+        text, document = self.with_leases(self.lines(HOSTILE), self.read)
         page = Element.of_page(text)
         rows = {row["data-mac"]: row for row in page.by_id("leases").rows()}
         values = {row["mac"]: row for row in document["leases"]}
@@ -200,7 +200,7 @@ class HostileNames(ClientsTest):
         lines += ["", " ", "    ", f"{later}", "-1 02:00:00:00:66:68 192.168.1.68 ended *",
                   "0 02:00:00:00:66:69 192.168.1.69 never *",
                   "9" * 200 + " 02:00:00:00:66:70 1.1.1.1 far *"]
-        text, document = self.with_leases(lines, self.look)
+        text, document = self.with_leases(lines, self.read)
         self.assertTrue(text.endswith("</html>\n"))
         self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
         page = Element.of_page(text)
@@ -215,7 +215,7 @@ class HostileNames(ClientsTest):
                  "1700000000 02:00:00:00:66:03 192.168.1.63 gone *",
                  "duid 00:01:00:01:2c:9f:1e:3b:02:00:00:00:66:00",
                  f"{later} 14535372 fd00::10 six 00:01:00:01:2c:9f:1e:3c:02:00:00:00:66:01"]
-        _, document = self.with_leases(lines, self.look)
+        _, document = self.with_leases(lines, self.read)
         rows = {row["ip"]: row for row in document["leases"]}
         self.assertNotIn("", rows)
         kept, unnamed, gone, six = (rows[ip] for ip in (
@@ -227,7 +227,7 @@ class HostileNames(ClientsTest):
 
     def test_malformed_utf_8_is_replaced(self):
         host = b"a\xff\xfe\x80\xed\xa0\x80b\x01\x1bc".decode("utf-8", "surrogateescape")
-        text, document = self.with_leases(self.lines([host]), self.look)
+        text, document = self.with_leases(self.lines([host]), self.read)
         row, = [row for row in document["leases"] if row["mac"] == "02:00:00:00:66:00"]
         self.assertEqual(row["host"], "a" + "\ufffd" * 6 + "b\x01\x1bc")
         self.assertTrue(text.endswith("</html>\n"))
@@ -236,7 +236,7 @@ class HostileNames(ClientsTest):
         later = int(time.time()) + 7200
         lines = [f"{later} 02:00:00:01:{i // 256:02x}:{i % 256:02x} 10.1.{i // 256}.{i % 256} host-{i} *"
                  for i in range(3000)]
-        text, document = self.with_leases(lines, self.look)
+        text, document = self.with_leases(lines, self.read)
         self.assertTrue(text.endswith("</html>\n"))
         shown = {row["host"] for row in document["leases"]}
         self.assertLessEqual({f"host-{i}" for i in range(3000)}, shown)

@@ -33,7 +33,7 @@ IDLE = 15 * 60
 
 class LoginTest(SharedDemoTest):
     def assert_to_login(self, response, path=None):
-        """The response redirects to the login and has no body."""
+        """Checks that the response redirects to the login and has no body."""
         self.assertEqual(response.status, 303)
         self.assertRegex(response.headers["Location"], r"^/cgi-bin/login(\?next=[!-~]*)?$")
         self.assertEqual(response.body, b"")
@@ -42,7 +42,7 @@ class LoginTest(SharedDemoTest):
             self.assertEqual(urllib.parse.parse_qs(query)["next"], [path])
 
     def assert_refused(self, cookie):
-        """A request with this cookie is treated as one without a session."""
+        """Checks that a request with this cookie is treated as one without a session."""
         name = str(cookie)[:90]
         with self.subTest(name):
             self.assert_to_login(self.demo.get(NETWORK, Cookie=cookie))
@@ -73,7 +73,7 @@ class Strangers(LoginTest):
         self.assertEqual(set(self.demo.sessions()), self.sessions)
         super().tearDown()
 
-    def ask(self, method, path, body=None, **headers):
+    def request(self, method, path, body=None, **headers):
         return self.demo.request(method, path, body, {**STRANGER, **headers})
 
     def test_every_program_of_the_build_is_tested(self):
@@ -86,17 +86,17 @@ class Strangers(LoginTest):
         for path in self.paths:
             for query in ("", "?saved=1", "?Ajax=0", "?next=/style.css", "?user=admin&password=corvel"):
                 with self.subTest(path + query):
-                    response = self.ask("GET", path + query)
+                    response = self.request("GET", path + query)
                     self.assert_to_login(response)
-                    self.assert_to_login(self.ask("HEAD", path + query))
+                    self.assert_to_login(self.request("HEAD", path + query))
         for path in ("", "?saved=1"):
-            self.assert_to_login(self.ask("GET", NETWORK + path), NETWORK + path)
+            self.assert_to_login(self.request("GET", NETWORK + path), NETWORK + path)
 
     def test_additional_path_after_a_program_does_not_avoid_the_login(self):
         for path in self.paths:
             for more in ("/", "/login", "/../login", "/public/style.css", "//", "%2flogin"):
                 with self.subTest(path + more):
-                    response = self.ask("GET", path + more)
+                    response = self.request("GET", path + more)
                     self.assertIn(response.status, (303, 404, 200))
                     if response.status == 200:
                         self.assertIn('id="login"', response.text)
@@ -106,7 +106,7 @@ class Strangers(LoginTest):
         for path in self.paths:
             for query in ("?Ajax=1", "?x=1&Ajax=2", "?Ajax=1&Ajax=0"):
                 with self.subTest(path + query):
-                    response = self.ask("GET", path + query)
+                    response = self.request("GET", path + query)
                     self.assertIn((response.status, response.body.strip()), (
                         (401, b'{"error":"login"}'), (303, b"")))
                     if path in device.PAGES and query == "?Ajax=1":
@@ -122,7 +122,8 @@ class Strangers(LoginTest):
             for kind, body in bodies:
                 for query in ("", "?Ajax=1"):
                     with self.subTest(f"{path}{query} {kind} {body[:20]}"):
-                        response = self.ask("POST", path + query, body, **{"Content-Type": kind})
+                        response = self.request("POST", path + query, body,
+                                                **{"Content-Type": kind})
                         self.assertIn(response.status, (303, 401))
                         if response.status == 303:
                             self.assert_to_login(response)
@@ -135,7 +136,7 @@ class Strangers(LoginTest):
                            "post", "FOO", "OPTIONS"):
                 for body in (None, b"WLAN_SSID=x"):
                     with self.subTest(f"{method} {path}"):
-                        response = self.ask(method, path, body, **{"Content-Type": FORM})
+                        response = self.request(method, path, body, **{"Content-Type": FORM})
                         if method == "OPTIONS" and response.status == 200:
                             self.assertEqual(response.body, b"")
                         else:
@@ -146,7 +147,7 @@ class Strangers(LoginTest):
     def test_a_large_upload_is_refused(self):
         body = b"x" * (16 * 1024 * 1024)
         try:
-            response = self.ask("POST", UPLOAD, body, **{"Content-Type": MULTIPART})
+            response = self.request("POST", UPLOAD, body, **{"Content-Type": MULTIPART})
             self.assertIn(response.status, (303, 401, 413))
         except (BrokenPipeError, ConnectionResetError):
             pass  # the server has closed the connection before the end of the body
@@ -164,9 +165,9 @@ class Strangers(LoginTest):
     def test_an_upload_is_refused_before_its_body(self):
         for cookie in FORGED:
             with self.subTest(cookie):
-                answer = self.begin_upload(cookie).recv(4096)
-                self.assertTrue(answer.startswith(b"HTTP/1.1 303 "), answer)
-                self.assertIn(b"\r\nLocation: /cgi-bin/login\r\n", answer)
+                response = self.begin_upload(cookie).recv(4096)
+                self.assertTrue(response.startswith(b"HTTP/1.1 303 "), response)
+                self.assertIn(b"\r\nLocation: /cgi-bin/login\r\n", response)
 
     def test_the_body_of_a_refused_upload_is_not_stored(self):
         def used():
@@ -192,27 +193,27 @@ class Strangers(LoginTest):
                 connection.sendall((
                     f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: {MULTIPART}\r\n"
                     f"{cookie}Transfer-Encoding: chunked\r\n\r\n").encode())
-                answer = connection.recv(4096)
-                self.assertIn(answer[:13], (b"HTTP/1.1 303 ", b"HTTP/1.1 411 "))
+                response = connection.recv(4096)
+                self.assertIn(response[:13], (b"HTTP/1.1 303 ", b"HTTP/1.1 411 "))
 
     def test_only_public_files_are_served(self):
         public = self.demo.root() / "www/public"
         files = [path for path in public.rglob("*") if path.is_file()]
         self.assertGreaterEqual(len(files), 3)
         for path in files:
-            response = self.ask("GET", f"/{path.relative_to(public)}")
+            response = self.request("GET", f"/{path.relative_to(public)}")
             self.assertEqual((response.status, response.body), (200, path.read_bytes()), path)
-        response = self.ask("GET", "/")
+        response = self.request("GET", "/")
         self.assertIn(response.status, (302, 303))
         self.assertIn(response.headers["Location"], ("/cgi-bin/status", "/cgi-bin/login", NETWORK))
         session = next(iter(self.demo.sessions()))
         for path in (f"/run/sessions/{session}", f"/../run/sessions/{session}", "/cgi-bin/",
                      "/templates/login.html", "/etc/shadow", "/%2e%2e/%2e%2e/etc/shadow",
                      "/cgi-bin/../../etc/shadow", "/var/log/traps.log", "/login", "/status"):
-            self.assertIn(self.ask("GET", path).status, (400, 403, 404), path)
+            self.assertIn(self.request("GET", path).status, (400, 403, 404), path)
 
     def test_the_login_page_reveals_no_settings(self):
-        response = self.ask("GET", LOGIN)
+        response = self.request("GET", LOGIN)
         self.assertEqual(response.status, 200)
         page = Page(response.text)
         self.assertIn("login", page.ids)
@@ -228,9 +229,9 @@ class Strangers(LoginTest):
             self.assertNotIn(secret, response.text)
         for link in page.links:
             if link.startswith("/"):
-                self.assertIn(self.ask("GET", link).status, (200, 302), link)
+                self.assertIn(self.request("GET", link).status, (200, 302), link)
         for method in ("PUT", "DELETE", "FOO"):
-            self.assertIn(self.ask(method, LOGIN, b"").status, (400, 405, 501), method)
+            self.assertIn(self.request(method, LOGIN, b"").status, (400, 405, 501), method)
 
 
 class Cookies(LoginTest):

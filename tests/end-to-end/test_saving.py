@@ -73,7 +73,7 @@ class Saving(OwnDemoTest):
         self.assertEqual(response.headers["Location"], path + "?saved=1")
 
     def assert_stored(self, name, value):
-        """The value is in the file, on the page and in the JSON document."""
+        """Checks that the value is in the file, on the page and in the JSON document."""
         path, file, separator, _ = SETTINGS[name]
         self.assertEqual(self.demo.setting(name, file, separator), f'"{escaped(value)}"')
         self.assertEqual(self.demo.page(path).shown[name], value)

@@ -36,7 +36,7 @@ class Traps(OwnDemoTest):
         self.addCleanup(self.listener.kill)
         self.assertEqual(self.listener.stdout.readline(), "listening\n")
 
-    def heard(self):
+    def next_trap(self):
         """Checks the format of the next trap and returns its text."""
         message = bytes.fromhex(self.listener.stdout.readline())
         length, kind, flags, sequence, port = struct.unpack("=IHHII", message[:16])
@@ -59,9 +59,9 @@ class Traps(OwnDemoTest):
         return [(each.find("time")[0].text, each.find("span")[-1].text)
                 for each in page.by_id("traps").find("li")]
 
-    def assert_told(self, text):
-        """The trap was received, and is the last one of the log and the first one on the page."""
-        self.assertEqual(self.heard(), text)
+    def assert_reported(self, text):
+        """Checks that the trap was received, is the last of the log and the first on the page."""
+        self.assertEqual(self.next_trap(), text)
         self.assertTrue(wait_until(lambda: self.log()[-1] == text), self.log()[-3:])
         time, shown = self.shown()[0]
         self.assertEqual(shown, text)
@@ -69,13 +69,13 @@ class Traps(OwnDemoTest):
 
     def test_a_login_sends_a_trap(self):
         self.demo.log_in()
-        self.assert_told(f"login: {USER}")
+        self.assert_reported(f"login: {USER}")
 
     def test_a_failed_login_sends_a_trap(self):
         self.assertEqual(self.demo.try_log_in("<b>somebody</b>", "the wrong one").status, 403)
-        self.assert_told("login refused")
+        self.assert_reported("login refused")
         self.demo.log_in()
-        self.assert_told(f"login: {USER}")
+        self.assert_reported(f"login: {USER}")
         self.assertNotIn("the wrong one", "".join(self.log()))
 
     def test_a_change_of_password_sends_a_trap(self):
@@ -85,19 +85,19 @@ class Traps(OwnDemoTest):
             "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
         self.assertEqual(response.status, 303)
         self.demo.session = response.session()
-        self.assert_told(f"password changed: {USER}")
+        self.assert_reported(f"password changed: {USER}")
         self.assertNotIn("another one", "".join(self.log()))
 
     def test_saved_settings_send_a_trap(self):
         self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x"}).status, 303)
-        self.assert_told("settings saved: device")
+        self.assert_reported("settings saved: device")
         self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": "x"}).status, 303)
-        self.assert_told("settings saved: network")
+        self.assert_reported("settings saved: network")
 
     def test_refused_settings_send_no_trap(self):
         self.assertEqual(self.demo.post(NETWORK, {"WLAN_SSID": ""}).status, 422)
         self.demo.log_in()
-        self.assert_told(f"login: {USER}")
+        self.assert_reported(f"login: {USER}")
 
     def test_written_firmware_sends_a_trap(self):
         response = self.demo.request("POST", UPLOAD, multipart(part(
@@ -107,7 +107,7 @@ class Traps(OwnDemoTest):
         self.assertEqual(self.demo.post(UPGRADE, "action=write").status, 303)
         self.assertTrue(wait_until(
             lambda: self.demo.json(UPGRADE, "upgrade")["STATE"] == "written"))
-        self.assert_told("firmware written: set B")
+        self.assert_reported("firmware written: set B")
 
     def test_the_page_shows_the_newest_entry_of_the_log_first(self):
         for _ in range(3):

@@ -18,7 +18,7 @@ import device
 import upgrade_image
 from demo_test import DemoTest
 from device import NETWORK, SOURCE, UPGRADE, UPLOAD, Demo, wait_until
-from upgrade_image import Image, content, large_image, section, signed, version_section
+from upgrade_image import Image, content, large_image, section, version_section, with_crc
 
 LARGEST = 16 * 1024 * 1024
 RUNNING_A = (2, 3)
@@ -86,25 +86,25 @@ class UpgradeTest(DemoTest):
     def send(self, body, content_type="multipart/form-data; boundary=xYzZY", **headers):
         return self.demo.request("POST", UPLOAD, body, {"Content-Type": content_type, **headers})
 
-    def act(self, action):
+    def perform(self, action):
         return self.curl(UPGRADE, "--data", f"action={action}")[0]
 
     def state(self):
         return self.demo.json(UPGRADE, "upgrade")
 
     def write_staged(self):
-        self.assertEqual(self.act("write"), 303)
+        self.assertEqual(self.perform("write"), 303)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] != "writing", 60))
         self.assertEqual(self.state()["STATE"], "written")
 
     def write_until(self, share):
         """Starts writing the staged image, and stops the writer when it has written this share."""
-        self.assertEqual(self.act("write"), 303)
+        self.assertEqual(self.perform("write"), 303)
         writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
-        self.go_on(writer, share)
+        self.continue_until(writer, share)
         return writer
 
-    def go_on(self, writer, share):
+    def continue_until(self, writer, share):
         """Continues a writer until it has written more than this share. Returns the state."""
         while True:
             os.kill(writer, signal.SIGSTOP)
@@ -117,7 +117,7 @@ class UpgradeTest(DemoTest):
 
     def restart(self):
         before = self.state()["BOOT_ID"]
-        self.assertEqual(self.act("restart"), 200)
+        self.assertEqual(self.perform("restart"), 200)
 
         def is_back():
             with contextlib.suppress(OSError, http.client.HTTPException):
@@ -138,7 +138,7 @@ class UpgradeTest(DemoTest):
         self.assertEqual((state["RUNNING"], state["NEXT"], state["VERSION_" + running]),
                          (running, following, version))
 
-    def assert_untouched(self):
+    def assert_unchanged(self):
         self.assertEqual(self.flash(), self.factory)
         self.assert_set("A", "A", "Corvel R1 1.0.0")
         self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
@@ -148,11 +148,11 @@ class UpgradeTest(DemoTest):
         self.assertIsNone(re.search(r"\$[a-z]", text))
         self.assertTrue(text.endswith("</html>\n"))
 
-    def complaint(self, text):
+    def message(self, text):
         return html.unescape(re.search(r'role="alert">(.*)</p>', text).group(1))
 
 
-class Walks(UpgradeTest):
+class Upgrades(UpgradeTest):
     def test_the_factory_program_creates_a_flash_that_boots_set_a(self):
         self.assertEqual({number: len(data) for number, data in self.factory.items()},
                          upgrade_image.SIZES)
@@ -208,7 +208,7 @@ class Walks(UpgradeTest):
         self.upload(image_bytes)
         writer = self.write_until(0)
         for share in (0, 0.2, 0.5, 0.8, 0.95):
-            state = self.go_on(writer, share)
+            state = self.continue_until(writer, share)
             self.assertEqual(int(state["TOTAL"]), len(image.root) + len(image.kernel))
             root = image.root[:int(state["WRITTEN"])]
             kernel = image.kernel[:int(state["WRITTEN"]) - len(root)]
@@ -228,7 +228,7 @@ class Walks(UpgradeTest):
         self.assertEqual(len(body), LARGEST)
         self.assertEqual(self.send(body).status, 303)
         self.assertEqual(self.state()["STATE"], "staged")
-        self.act("discard")
+        self.perform("discard")
 
         response = self.send(multipart(part(largest + b"\0")))
         self.assertEqual(response.status, 413)
@@ -236,7 +236,7 @@ class Walks(UpgradeTest):
         status, text = self.upload(bytes(LARGEST + 5000))
         self.assertEqual(status, 413)
         self.assert_page(text)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_other_pages_accept_only_small_forms(self):
         for path in (NETWORK, UPGRADE, UPLOAD + "/x", UPLOAD + "2"):
@@ -270,21 +270,21 @@ class Walks(UpgradeTest):
         self.assertLess(peak, 2 * LARGEST // 1024 + 4096)
 
     def test_actions_in_the_wrong_order_are_refused(self):
-        self.assertEqual(self.act("write"), 409)
-        self.assertEqual(self.act("format"), 400)
+        self.assertEqual(self.perform("write"), 409)
+        self.assertEqual(self.perform("format"), 400)
         self.assertEqual(self.curl(UPGRADE, "--data", "x=y")[0], 400)
-        self.assert_untouched()
+        self.assert_unchanged()
         image = Image("Corvel R1 2.0.0").bytes()
         self.upload(image)
-        self.assertEqual(self.act("discard"), 303)
-        self.assertEqual(self.act("write"), 409)
-        self.assert_untouched()
+        self.assertEqual(self.perform("discard"), 303)
+        self.assertEqual(self.perform("write"), 409)
+        self.assert_unchanged()
         self.upload(image)
         self.write_staged()
         status, text = self.upload(image)
         self.assertEqual(status, 409, "it would overwrite the running set")
         self.assert_page(text)
-        self.assertEqual(self.act("write"), 409)
+        self.assertEqual(self.perform("write"), 409)
         self.assertEqual(self.flash(RUNNING_A), {each: self.factory[each] for each in RUNNING_A})
 
     def test_an_upload_replaces_the_previous_one(self):
@@ -304,7 +304,7 @@ class Walks(UpgradeTest):
 
     def test_restarting_without_an_upgrade_changes_nothing(self):
         self.restart()
-        self.assert_untouched()
+        self.assert_unchanged()
 
 
 class RunningSet(UpgradeTest):
@@ -383,7 +383,7 @@ class Refusals(UpgradeTest):
                 self.assertEqual(response.status, status)
                 self.assert_page(response.text)
                 self.assertEqual(self.demo.crashes(), [])
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_fields_before_and_after_the_file_are_ignored(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000).bytes()
@@ -398,7 +398,7 @@ class Refusals(UpgradeTest):
         for origin in ("http://evil.example", "null"):
             self.assertEqual(self.send(good, Origin=origin).status, 403, origin)
         self.assertEqual(self.demo.post(UPGRADE, "action=restart", {"Origin": "null"}).status, 403)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_an_incomplete_upload_changes_nothing(self):
         body = multipart(part(Image("Corvel R1 2.0.0").bytes()))
@@ -407,19 +407,19 @@ class Refusals(UpgradeTest):
                 "Content-Type: multipart/form-data; boundary=xYzZY\r\n"
                 f"Content-Length: {len(body)}\r\n\r\n").encode()
         for length in (0, 10, len(body) // 2, len(body) - 1):
-            answer = self.demo.raw(head + body[:length], half_close=True)
-            self.assertNotIn(b" 303 ", answer)
-        self.assert_untouched()
+            response = self.demo.raw(head + body[:length], half_close=True)
+            self.assertNotIn(b" 303 ", response)
+        self.assert_unchanged()
 
-    def refuse(self, image, complaint, result=0):
-        """The image is refused for this reason, and nothing is changed."""
+    def refuse(self, image, message, result=0):
+        """Checks that the image is refused for this reason, and that nothing is changed."""
         status, text = self.upload(image)
         self.assertEqual(status, 422)
         self.assert_page(text)
-        self.assertIn(complaint, self.complaint(text))
+        self.assertIn(message, self.message(text))
         self.assertIn(f"(result {result})<", text)
-        self.assert_untouched()
-        self.assertEqual(self.act("write"), 409)
+        self.assert_unchanged()
+        self.assertEqual(self.perform("write"), 409)
         return text
 
     def test_images_that_the_parser_refuses(self):
@@ -436,7 +436,7 @@ class Refusals(UpgradeTest):
         self.assertIn('<tr class="failed"><th scope="row">Linux_kernel</th>', text)
         self.assertIn('<th scope="row">Rootfs</th><td>Rootfs-1</td>', text)
 
-        large = signed(section(b"root", bytes(0x650001)) + version_section("x"))
+        large = with_crc(section(b"root", bytes(0x650001)) + version_section("x"))
         text = self.refuse(large, "Rootfs: this section is larger than its partition", 3)
         self.assertIn("root image size(650001) &gt; 650000!", text)
 
@@ -449,19 +449,19 @@ class Refusals(UpgradeTest):
             status, text = self.upload(nothing)
             self.assertEqual(status, 422)
             self.assert_page(text)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_images_that_only_the_site_refuses(self):
         good = Image("Corvel R1 2.0.0", 100_000, 50_000)
         body = b"".join(good.sections)
         self.refuse(body, "does not end with a version section")
-        self.refuse(body + signed(b""), "does not end with a version section")
+        self.refuse(body + with_crc(b""), "does not end with a version section")
         root, kernel = good.sections
         end = version_section("x")
-        self.refuse(signed(root + end), "both a root file system and a kernel")
-        self.refuse(signed(kernel + end), "both a root file system and a kernel")
-        self.refuse(signed(end), "both a root file system and a kernel")
-        self.refuse(signed(root + root + kernel + end), "Rootfs: two sections")
+        self.refuse(with_crc(root + end), "both a root file system and a kernel")
+        self.refuse(with_crc(kernel + end), "both a root file system and a kernel")
+        self.refuse(with_crc(end), "both a root file system and a kernel")
+        self.refuse(with_crc(root + root + kernel + end), "Rootfs: two sections")
         self.refuse(Image("x", 99, 99, [section(b"benv", b"bootparam=1\0")]).bytes(),
                     "Boot-env: this section would replace")
         for signature, name in ((b"rfs1", "Rootfs"), (b"knl1", "Linux_kernel")):
@@ -470,7 +470,7 @@ class Refusals(UpgradeTest):
 
     def test_an_unverified_section_must_fit_into_its_partition(self):
         large = section(b"root", bytes(0x650000 + 1), mtd_id=255)
-        self.refuse(signed(large + section(b"kern", b"x") + version_section("x")),
+        self.refuse(with_crc(large + section(b"kern", b"x") + version_section("x")),
                     "Rootfs: this section does not fit into its partition")
         for address in (0x40000 - 99, 0x40000, 0xFFFFFFFF, 0x80000000):
             self.refuse(Image("x", 99, 99, [
@@ -486,7 +486,7 @@ class Refusals(UpgradeTest):
             image = Image("x", 99, 99, [section(signature, b"x")]).bytes()
             status, text = self.upload(image)
             self.assertEqual(status, 422)
-            self.assertIn("would overwrite the running set", self.complaint(text))
+            self.assertIn("would overwrite the running set", self.message(text))
         self.assertEqual(self.flash(), before)
 
     def test_an_unusable_boot_environment_is_refused(self):
@@ -497,7 +497,7 @@ class Refusals(UpgradeTest):
             self.factory[1] = broken
             status, text = self.upload(image)
             self.assertEqual(status, 422)
-            self.assertIn("boot environment", self.complaint(text))
+            self.assertIn("boot environment", self.message(text))
             self.assertEqual(self.flash(), self.factory)
             self.assertEqual(self.curl(UPGRADE)[0], 200)
 
@@ -507,7 +507,7 @@ class Refusals(UpgradeTest):
         self.factory[1] = self.demo.flash(1).read_bytes()
         status, text = self.upload(Image("Corvel R1 2.0.0", 99, 99).bytes())
         self.assertEqual(status, 422)
-        self.assertIn("names the running set", self.complaint(text))
+        self.assertIn("names the running set", self.message(text))
         self.assertEqual(self.flash(), self.factory)
         self.assertEqual((self.state()["RUNNING"], self.state()["NEXT"]), ("", ""))
         self.assertEqual(self.curl(UPGRADE)[0], 200)
@@ -553,7 +553,7 @@ class Interruptions(UpgradeTest):
             self.assertEqual(self.upload(image[1])[0], 303)
             writer = self.write_until(share)
             self.assertEqual(self.upload(image[1])[0], 409)
-            self.assertEqual(self.act("restart"), 409)
+            self.assertEqual(self.perform("restart"), 409)
             os.kill(writer, signal.SIGKILL)
             self.assertTrue(wait_until(lambda: self.state()["STATE"] == "interrupted"))
             self.assert_runs_as_before()
@@ -598,7 +598,7 @@ class ReadOnlyFlash(UpgradeTest):
 
     def test_a_set_that_cannot_be_written_does_not_boot(self):
         self.assertEqual(self.upload(Image("Corvel R1 2.0.0").bytes())[0], 303)
-        self.assertEqual(self.act("write"), 303)
+        self.assertEqual(self.perform("write"), 303)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "failed", 30))
         self.assert_set("A", "A", "Corvel R1 1.0.0")
         self.assertIn("The flash could not be written. The running set is unchanged",
@@ -634,7 +634,7 @@ class AtOnce(UpgradeTest):
         self.assertEqual(response.status, 409)
         self.assert_page(response.text)
         for action in ("write", "discard", "restart"):
-            self.assertEqual(self.act(action), 409)
+            self.assertEqual(self.perform(action), 409)
         self.assertLess(time.monotonic() - start, 5)
         client.join()
         (status, seconds), = times
@@ -644,14 +644,15 @@ class AtOnce(UpgradeTest):
 
     def test_simultaneous_small_uploads(self):
         bodies = [multipart(part(Image(f"Corvel R1 2.0.{i}", 99, 99).bytes())) for i in range(12)]
-        answers = []
-        clients = [threading.Thread(target=lambda body=body: answers.append(self.send(body).status))
-                   for body in bodies]
+        statuses = []
+        clients = [
+            threading.Thread(target=lambda body=body: statuses.append(self.send(body).status))
+            for body in bodies]
         for client in clients:
             client.start()
         for client in clients:
             client.join()
-        self.assertEqual(set(answers) - {303, 409}, set())
-        self.assertIn(303, answers)
+        self.assertEqual(set(statuses) - {303, 409}, set())
+        self.assertIn(303, statuses)
         self.assertEqual(self.state()["STATE"], "staged")
         self.assertEqual(self.flash(), self.factory)

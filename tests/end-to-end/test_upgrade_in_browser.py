@@ -41,7 +41,7 @@ class InBrowser(UpgradeTest):
         walk = self.walk("write", image)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "writing", 30))
         writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
-        self.go_on(writer, 0.4)
+        self.continue_until(writer, 0.4)
         self.assertEqual(walk.line(), "writing")
         os.kill(writer, signal.SIGKILL)
         seen = walk.result()
@@ -56,7 +56,7 @@ class InBrowser(UpgradeTest):
         seen = self.walk("refused", self.file("damaged.bin", image)).result()
         self.assertIn("Rootfs: the checksum of this section is wrong", seen["reason"])
         self.assertEqual(seen["focused"], "damaged.bin cannot be used")
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_a_file_that_is_too_large_is_not_sent(self):
         self.assertIn("larger than 16 MiB", self.walk(
@@ -66,7 +66,7 @@ class InBrowser(UpgradeTest):
         image = self.file("a.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
         for name in ("ended", "endedWithoutScripts"):
             self.assertIn(LOGIN, self.walk(name, image).result(), name)
-        self.assert_untouched()
+        self.assert_unchanged()
 
     def test_an_upgrade_without_javascript(self):
         image = self.file("a.bin", Image("Corvel R1 2.0.0").bytes())

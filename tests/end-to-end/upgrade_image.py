@@ -29,7 +29,8 @@ def version_section(text):
     return HEADER.pack(b"Ver0", 0, 255, 0, len(payload) + 4) + payload
 
 
-def signed(image):
+def with_crc(image):
+    """Appends the CRC."""
     return image + struct.pack(">I", zlib.crc32(image))
 
 
@@ -50,7 +51,7 @@ class Image:
                          *extra]
 
     def bytes(self):
-        return signed(b"".join(self.sections) + version_section(self.version))
+        return with_crc(b"".join(self.sections) + version_section(self.version))
 
 
 def large_image(version, size):
