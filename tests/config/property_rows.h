@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** Property tables as tests write and read them: as lists of names and values. */
+/** Property tables that tests write and read as lists of names and values. */
 #ifndef CORVEL_TESTS_PROPERTY_ROWS_H
 #define CORVEL_TESTS_PROPERTY_ROWS_H
 
@@ -12,10 +12,10 @@
 
 namespace corvel_test {
 
-/** A name and a value for each row. */
+/** The name and the value of each row. */
 using Rows = std::vector<std::pair<std::string, std::string>>;
 
-/** A table with its count, freed at the end. */
+/** A property table and its count; the destructor frees it. */
 class PropertyTable {
   public:
     explicit PropertyTable(std::size_t capacity = 64) : rows_(capacity) {}

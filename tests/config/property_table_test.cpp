@@ -3,6 +3,7 @@
 
 #include "tests/config/property_rows.h"
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/environment.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/output_capture.h"
@@ -12,7 +13,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -24,23 +24,18 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 
-/** The size that a row's value block is said to have; one zero byte more lies behind it. */
+/** The `value_size` of a row, whose value block has one more byte, always zero. */
 constexpr std::size_t value_size = CORVEL_PROP_VALUE_SIZE;
 
-std::size_t open_descriptors() {
-    const auto entries = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
-}
-
 Rows loaded(char separator, std::string_view text) {
-    const TemporaryDirectory folder;
-    folder.write("conf", text);
+    const TemporaryDirectory directory;
+    directory.write("conf", text);
     PropertyTable table(32);
-    table.load(separator, folder.path("conf"));
+    table.load(separator, directory.path("conf"));
     return table.rows();
 }
 
-/** A line of an exact length (its line end not counted) that gives a row with the name. */
+/** A line of a given length, without its newline, that yields a row with the name. */
 std::string line_of(const std::string &name, std::size_t length) {
     return name + "=" + std::string(length - name.size() - 1, 'v');
 }
@@ -53,47 +48,50 @@ std::optional<std::string> value_of(PropertyTable &table, const std::string &nam
     return value.data();
 }
 
-/** Whether each byte of a row's value block behind a length, the extra one included, is zero. */
-bool zero_behind(const prop_entry &row, std::size_t length) {
+/** Whether every byte of a row's value block after the first @p length, the extra one included, is
+ * zero. */
+bool zero_after(const prop_entry &row, std::size_t length) {
     return std::all_of(row.value + length, row.value + value_size + 1,
                        [](char byte) { return byte == '\0'; });
 }
 
-TEST(LoadProp, GivesNoRowsForAMissingFile) {
-    const TemporaryDirectory folder;
+// --- load_prop ---
+
+TEST(load_prop, ReturnsNoRowsForAMissingFile) {
+    const TemporaryDirectory directory;
     PropertyTable table;
-    EXPECT_EQ(table.load('=', folder.path("none")), 0);
+    EXPECT_EQ(table.load('=', directory.path("none")), 0);
 }
 
-TEST(LoadProp, GivesNoRowsForAFolder) {
-    const TemporaryDirectory folder;
+TEST(load_prop, ReturnsNoRowsForADirectory) {
+    const TemporaryDirectory directory;
     PropertyTable table;
-    EXPECT_EQ(table.load('=', folder.path()), 0);
+    EXPECT_EQ(table.load('=', directory.path()), 0);
 }
 
-TEST(LoadProp, GivesNoRowsForANullPath) {
+TEST(load_prop, ReturnsNoRowsForANullPath) {
     PropertyTable table;
     EXPECT_EQ(load_prop('=', nullptr, table.data()), 0);
 }
 
-TEST(LoadProp, GivesNoRowsForAFileThatMayNotBeRead) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n");
-    ASSERT_EQ(chmod(folder.path("conf").c_str(), 0), 0);
+TEST(load_prop, ReturnsNoRowsWithoutReadPermission) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n");
+    ASSERT_EQ(chmod(directory.path("conf").c_str(), 0), 0);
     expect_as_ordinary_user([&] {
         PropertyTable table;
-        EXPECT_EQ(table.load('=', folder.path("conf")), 0);
+        EXPECT_EQ(table.load('=', directory.path("conf")), 0);
     });
 }
 
-TEST(LoadProp, GivesNoRowsForAFileThatOpensButCannotBeRead) {
+TEST(load_prop, ReturnsNoRowsForAFileThatOpensButCannotBeRead) {
     PropertyTable table;
     EXPECT_EQ(table.load('=', "/proc/self/mem"), 0);
 }
 
-TEST(LoadProp, GivesNoRowsForAnEmptyFile) { EXPECT_EQ(loaded('=', ""), Rows{}); }
+TEST(load_prop, ReturnsNoRowsForAnEmptyFile) { EXPECT_EQ(loaded('=', ""), Rows{}); }
 
-TEST(LoadProp, PrintsNothing) {
+TEST(load_prop, PrintsNothing) {
     const auto load = [] {
         PropertyTable table;
         table.load('=', "/none");
@@ -102,82 +100,82 @@ TEST(LoadProp, PrintsNothing) {
     EXPECT_EQ(capture_stderr(load), "");
 }
 
-TEST(LoadProp, ReadsEachLineIntoARow) {
+TEST(load_prop, ReadsEachLineIntoARow) {
     EXPECT_EQ(loaded('=', "A=1\nB=2\nC=3\n"), (Rows{{"A", "1"}, {"B", "2"}, {"C", "3"}}));
 }
 
-TEST(LoadProp, SplitsAtTheEqualsSign) {
+TEST(load_prop, SplitsAtTheEqualsSign) {
     EXPECT_EQ(loaded('=', "A=1 2\t3\n"), (Rows{{"A", "1 2\t3"}}));
 }
 
-TEST(LoadProp, SplitsAtTheBlank) {
+TEST(load_prop, SplitsAtTheSpace) {
     EXPECT_EQ(loaded(' ', "A 1=2\t3 4\n"), (Rows{{"A", "1=2\t3 4"}}));
 }
 
-TEST(LoadProp, SplitsAtTheTab) { EXPECT_EQ(loaded('\t', "A\t1=2 3\n"), (Rows{{"A", "1=2 3"}})); }
+TEST(load_prop, SplitsAtTheTab) { EXPECT_EQ(loaded('\t', "A\t1=2 3\n"), (Rows{{"A", "1=2 3"}})); }
 
-TEST(LoadProp, TakesAnyOtherSeparatorForTheTab) {
+TEST(load_prop, TreatsAnyOtherSeparatorAsATab) {
     for (const char separator : {':', 't', '\0', '\n', '\xff'})
         EXPECT_EQ(loaded(separator, "A\t1\nB:2\n"), (Rows{{"A", "1"}})) << int{separator};
 }
 
-TEST(LoadProp, SkipsComments) {
+TEST(load_prop, SkipsComments) {
     EXPECT_EQ(loaded('=', "# NAME=1\n#NAME=2\n#\nA=1\n"), (Rows{{"A", "1"}}));
 }
 
-TEST(LoadProp, TakesALineWithBlanksInFrontOfTheHashForAnOrdinaryOne) {
+TEST(load_prop, TreatsALineWithSpacesBeforeTheHashAsOrdinary) {
     EXPECT_EQ(loaded('=', " # NAME=1\n"), (Rows{{"#", "1"}}));
 }
 
-TEST(LoadProp, SkipsLinesWithoutASeparator) {
+TEST(load_prop, SkipsLinesWithoutASeparator) {
     EXPECT_EQ(loaded('=', "\nA\nA 1\n   \nB=2\n"), (Rows{{"B", "2"}}));
 }
 
-TEST(LoadProp, ReadsOnBehindSetenv) {
+TEST(load_prop, ContinuesAfterSetenv) {
     EXPECT_EQ(loaded(' ', "setenv WAN_IP 1.2.3.4\n"), (Rows{{"WAN_IP", "1.2.3.4"}}));
     EXPECT_EQ(loaded('=', "setenv WAN_IP 1.2.3.4\n"), Rows{});
     EXPECT_EQ(loaded('=', "setenv WAN_IP=1.2.3.4\n"), (Rows{{"WAN_IP", "1.2.3.4"}}));
 }
 
-TEST(LoadProp, FindsSetenvAnywhereInTheLine) {
+TEST(load_prop, FindsSetenvAnywhereInTheLine) {
     EXPECT_EQ(loaded('=', "export; setenv A=1\n"), (Rows{{"A", "1"}}));
     EXPECT_EQ(loaded('=', "B=2;setenv A=1\n"), (Rows{{"A", "1"}}));
     EXPECT_EQ(loaded('=', "A=xsetenv \n"), Rows{});
 }
 
-TEST(LoadProp, ReadsOnBehindTheFirstSetenvOnly) {
+TEST(load_prop, ContinuesAfterTheFirstSetenvOnly) {
     EXPECT_EQ(loaded(' ', "setenv setenv A B\n"), (Rows{{"setenv", "A B"}}));
 }
 
-TEST(LoadProp, NeedsTheBlankBehindSetenv) {
+TEST(load_prop, RequiresASpaceAfterSetenv) {
     EXPECT_EQ(loaded('=', "setenv\tA=1\n"), (Rows{{"setenv", "1"}}));
     EXPECT_EQ(loaded('=', "setenv=1\n"), (Rows{{"setenv", "1"}}));
 }
 
-TEST(LoadProp, TakesALineThatBeginsWithAHashForACommentInSpiteOfSetenv) {
+TEST(load_prop, TreatsALineThatBeginsWithAHashAsACommentDespiteSetenv) {
     EXPECT_EQ(loaded('=', "#setenv A=1\n"), Rows{});
     EXPECT_EQ(loaded('=', "setenv #A=1\n"), (Rows{{"#A", "1"}}));
 }
 
-TEST(LoadProp, SplitsAtTheFirstSeparatorOnly) {
+TEST(load_prop, SplitsAtTheFirstSeparatorOnly) {
     EXPECT_EQ(loaded('=', "A=B=C\n"), (Rows{{"A", "B=C"}}));
     EXPECT_EQ(loaded('=', "A==\n"), (Rows{{"A", "="}}));
 }
 
-TEST(LoadProp, TakesTheFirstWordInFrontOfTheSeparatorForTheName) {
+TEST(load_prop, TakesTheFirstWordBeforeTheSeparatorAsTheName) {
     EXPECT_EQ(loaded('=', "  NAME =x\n"), (Rows{{"NAME", "x"}}));
     EXPECT_EQ(loaded('=', "\tNAME OTHER=x\n"), (Rows{{"NAME", "x"}}));
     EXPECT_EQ(loaded('=', "A\vB=1\nC\fD=2\nE\rF=3\n"), (Rows{{"A", "1"}, {"C", "2"}, {"E", "3"}}));
     EXPECT_EQ(loaded('\t', "NAME OTHER\tx\n"), (Rows{{"NAME", "x"}}));
 }
 
-TEST(LoadProp, GivesAnEmptyNameWhereNoWordStandsInFrontOfTheSeparator) {
+TEST(load_prop, StoresAnEmptyNameIfNoWordPrecedesTheSeparator) {
     EXPECT_EQ(loaded('=', "=x\n"), (Rows{{"", "x"}}));
     EXPECT_EQ(loaded('=', " \t \v =x\n"), (Rows{{"", "x"}}));
     EXPECT_EQ(loaded(' ', " NAME x\n"), (Rows{{"", "NAME x"}}));
 }
 
-TEST(LoadProp, KeepsTheValueExactlyAsItStands) {
+TEST(load_prop, KeepsTheValueUnchanged) {
     EXPECT_EQ(loaded('=', "NAME=\"a b\"\n"), (Rows{{"NAME", "\"a b\""}}));
     EXPECT_EQ(loaded('=', "NAME= x \t\n"), (Rows{{"NAME", " x \t"}}));
     EXPECT_EQ(loaded('=', "NAME=x\r\n"), (Rows{{"NAME", "x\r"}}));
@@ -185,39 +183,39 @@ TEST(LoadProp, KeepsTheValueExactlyAsItStands) {
     EXPECT_EQ(loaded('=', "NAME=\x01\x80\xff\n"), (Rows{{"NAME", "\x01\x80\xff"}}));
 }
 
-TEST(LoadProp, KeepsBytesAbove127InNames) {
+TEST(load_prop, KeepsBytesAbove127InNames) {
     EXPECT_EQ(loaded('=', "caf\xc3\xa9=1\n\xa0\x85=2\n"),
               (Rows{{"caf\xc3\xa9", "1"}, {"\xa0\x85", "2"}}));
 }
 
-TEST(LoadProp, GivesARowForEachOfSeveralLinesWithTheSameName) {
+TEST(load_prop, StoresARowForEachLineWithTheSameName) {
     EXPECT_EQ(loaded('=', "A=1\nA=2\nA=1\n"), (Rows{{"A", "1"}, {"A", "2"}, {"A", "1"}}));
 }
 
-TEST(LoadProp, DoesNotReadALastLineWithoutALineEnd) {
+TEST(load_prop, IgnoresALastLineWithoutANewline) {
     EXPECT_EQ(loaded('=', "A=1\nB=2"), (Rows{{"A", "1"}}));
     EXPECT_EQ(loaded('=', "A=1"), Rows{});
 }
 
-TEST(LoadProp, CutsALineAtANul) {
+TEST(load_prop, EndsALineAtANul) {
     EXPECT_EQ(loaded('=', "A=1\0B=2\nC=3\n"s), (Rows{{"A", "1"}, {"C", "3"}}));
     EXPECT_EQ(loaded('=', "\0A=1\nC=3\n"s), (Rows{{"C", "3"}}));
     EXPECT_EQ(loaded('=', "A\0=1\n\0\nC=3\n"s), (Rows{{"C", "3"}}));
     EXPECT_EQ(loaded('=', "A=1\0"s), Rows{});
 }
 
-TEST(LoadProp, ReadsALineOf1022CharactersWhole) {
+TEST(load_prop, ReadsALineOf1022CharactersWhole) {
     const std::string text = line_of("A", 1022) + "\nB=2\n";
     const Rows rows = loaded('=', text);
     EXPECT_EQ(rows, (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
 }
 
-TEST(LoadProp, TakesALineOf1023CharactersForALineAndAnEmptyOne) {
+TEST(load_prop, TreatsALineOf1023CharactersAsALineAndAnEmptyOne) {
     const std::string text = line_of("A", 1023) + "\nB=2\n";
     EXPECT_EQ(loaded('=', text), (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
 }
 
-TEST(LoadProp, TakesWhatIsBehind1023CharactersForALineOfItsOwn) {
+TEST(load_prop, TreatsTheCharactersAfterThe1023rdAsALineOfTheirOwn) {
     const std::string first = line_of("A", 1023);
     EXPECT_EQ(loaded('=', first + "=\nB=2\n"),
               (Rows{{"A", std::string(257, 'v')}, {"", ""}, {"B", "2"}}));
@@ -226,35 +224,35 @@ TEST(LoadProp, TakesWhatIsBehind1023CharactersForALineOfItsOwn) {
     EXPECT_EQ(loaded('=', first + "#C=1\nB=2\n"), (Rows{{"A", std::string(257, 'v')}, {"B", "2"}}));
 }
 
-TEST(LoadProp, TakesALineOf3000CharactersInThreePieces) {
+TEST(load_prop, ReadsALineOf3000CharactersInThreePieces) {
     const std::string text =
         line_of("A", 1023) + line_of("B", 1023) + line_of("C", 954) + "\nD=4\n";
     const std::string value(257, 'v');
     EXPECT_EQ(loaded('=', text), (Rows{{"A", value}, {"B", value}, {"C", value}, {"D", "4"}}));
 }
 
-TEST(LoadProp, ReadsALastPieceOf1023CharactersThoughItHasNoLineEnd) {
+TEST(load_prop, ReadsALastPieceOf1023CharactersEvenWithoutANewline) {
     const std::string value(257, 'v');
     EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1022)), (Rows{{"A", "1"}}));
     EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1023)), (Rows{{"A", "1"}, {"B", value}}));
     EXPECT_EQ(loaded('=', "A=1\n" + line_of("B", 1023) + "C=1"), (Rows{{"A", "1"}, {"B", value}}));
 }
 
-TEST(LoadProp, KeepsNamesOfAnyLength) {
+TEST(load_prop, KeepsNamesOfAnyLength) {
     const std::string name(1020, 'n');
     EXPECT_EQ(loaded('=', name + "=1\n"), (Rows{{name, "1"}}));
 }
 
-TEST(LoadProp, FindsNoSetenvThatIsCutInTwo) {
+TEST(load_prop, DoesNotFindASetenvSplitBetweenTwoPieces) {
     EXPECT_EQ(loaded('=', std::string(1018, 'x') + "setenv A=1\n"), (Rows{{"v", "1"}}));
 }
 
-TEST(LoadProp, CutsAValueAt257CharactersAndTerminatesIt) {
+TEST(load_prop, TruncatesAValueAt257CharactersAndTerminatesIt) {
     for (std::size_t length = 254; length <= 260; ++length) {
-        const TemporaryDirectory folder;
-        folder.write("conf", "A=" + std::string(length, 'v') + "\n");
+        const TemporaryDirectory directory;
+        directory.write("conf", "A=" + std::string(length, 'v') + "\n");
         PropertyTable table;
-        ASSERT_EQ(table.load('=', folder.path("conf")), 1);
+        ASSERT_EQ(table.load('=', directory.path("conf")), 1);
         const std::size_t kept = std::min(length, value_size);
         EXPECT_EQ(table.rows(), (Rows{{"A", std::string(kept, 'v')}}));
         EXPECT_EQ(table.row(0).value_size, value_size);
@@ -262,49 +260,49 @@ TEST(LoadProp, CutsAValueAt257CharactersAndTerminatesIt) {
     }
 }
 
-TEST(LoadProp, FillsTheRestOfTheValueBlockWithZeros) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=xyz\n");
+TEST(load_prop, FillsTheRestOfTheValueBlockWithZeros) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=xyz\n");
     PropertyTable table;
-    ASSERT_EQ(table.load('=', folder.path("conf")), 1);
-    EXPECT_TRUE(zero_behind(table.row(0), 3));
+    ASSERT_EQ(table.load('=', directory.path("conf")), 1);
+    EXPECT_TRUE(zero_after(table.row(0), 3));
 }
 
-TEST(LoadProp, TellsTheSizeOfTheTextInFrontOfTheSeparator) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n  NAME =2\nsetenv  BC=3\n=4\n");
+TEST(load_prop, StoresTheLengthBeforeTheSeparatorPlusOneAsTheNameSize) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n  NAME =2\nsetenv  BC=3\n=4\n");
     PropertyTable table;
-    ASSERT_EQ(table.load('=', folder.path("conf")), 4);
+    ASSERT_EQ(table.load('=', directory.path("conf")), 4);
     EXPECT_EQ(table.row(0).name_size, 2U);
     EXPECT_EQ(table.row(1).name_size, 8U);
     EXPECT_EQ(table.row(2).name_size, 4U);
     EXPECT_EQ(table.row(3).name_size, 1U);
 }
 
-TEST(LoadProp, FillsTheTableFromItsFirstRow) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n");
+TEST(load_prop, FillsTheTableFromItsFirstRow) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n");
     std::array<prop_entry, 2> table{};
-    char behind = 'b';
-    table[1] = {1, 2, &behind, &behind};
-    ASSERT_EQ(load_prop('=', folder.path("conf").c_str(), table.data()), 1);
+    char unchanged = 'u';
+    table[1] = {1, 2, &unchanged, &unchanged};
+    ASSERT_EQ(load_prop('=', directory.path("conf").c_str(), table.data()), 1);
     EXPECT_STREQ(table[0].name, "A");
-    EXPECT_EQ(table[1].name, &behind);
+    EXPECT_EQ(table[1].name, &unchanged);
     free_prop(table.data(), 1);
 }
 
-TEST(LoadProp, TouchesNoRowBehindThoseOfTheFile) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n#\nB\n\n=");
+TEST(load_prop, LeavesRowsAfterThoseOfTheFileUnchanged) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n#\nB\n\n=");
     std::array<prop_entry, 2> table{};
-    ASSERT_EQ(load_prop('=', folder.path("conf").c_str(), table.data()), 1);
+    ASSERT_EQ(load_prop('=', directory.path("conf").c_str(), table.data()), 1);
     EXPECT_EQ(table[1].name, nullptr);
     EXPECT_EQ(table[1].name_size, 0U);
     free_prop(table.data(), 1);
 }
 
-TEST(LoadProp, LoadsTenThousandLines) {
-    const TemporaryDirectory folder;
+TEST(load_prop, LoadsTenThousandLines) {
+    const TemporaryDirectory directory;
     std::string text;
     Rows expected;
     for (int i = 0; i < 10000; ++i) {
@@ -312,62 +310,62 @@ TEST(LoadProp, LoadsTenThousandLines) {
         text.append("NAME_").append(number).append("=\"").append(number).append("\"\n");
         expected.emplace_back("NAME_" + number, "\"" + number + "\"");
     }
-    folder.write("conf", text);
+    directory.write("conf", text);
     PropertyTable table(10000);
-    EXPECT_EQ(table.load('=', folder.path("conf")), 10000);
+    EXPECT_EQ(table.load('=', directory.path("conf")), 10000);
     EXPECT_EQ(table.rows(), expected);
 }
 
-TEST(LoadProp, ClosesTheFile) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n");
-    const std::size_t before = open_descriptors();
-    for (const std::string &path : {folder.path("conf"), folder.path("none"), folder.path()}) {
+TEST(load_prop, ClosesTheFile) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n");
+    const DescriptorWatch descriptors;
+    for (const std::string &path :
+         {directory.path("conf"), directory.path("none"), directory.path()}) {
         PropertyTable table;
         table.load('=', path);
     }
-    EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(LoadProp, LeavesTheFileAsItIs) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\nB");
+TEST(load_prop, LeavesTheFileUnchanged) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\nB");
     PropertyTable table;
-    table.load('=', folder.path("conf"));
-    EXPECT_EQ(folder.read("conf"), "A=1\nB");
-    EXPECT_EQ(folder.names(), std::vector<std::string>{"conf"});
+    table.load('=', directory.path("conf"));
+    EXPECT_EQ(directory.read("conf"), "A=1\nB");
+    EXPECT_EQ(directory.names(), std::vector<std::string>{"conf"});
 }
 
-TEST(LoadProp, EndsAtAReadError) {
-    const TemporaryDirectory folder;
+TEST(load_prop, StopsAtAReadError) {
+    const TemporaryDirectory directory;
     std::string text;
     for (int i = 0; i < 10000; ++i)
         text.append("NAME=").append(std::to_string(i)).append("\n");
-    folder.write("conf", text);
+    directory.write("conf", text);
     for (const stand_in_call call : {call_read, call_fgets, call_fread}) {
         PropertyTable table(10000);
         const FailCall second_read(call, 2, EIO, FailCall::from_then_on);
-        table.load('=', folder.path("conf"));
+        table.load('=', directory.path("conf"));
         if (second_read.failures() != 0)
             EXPECT_LT(table.count(), 10000);
         else
             EXPECT_EQ(table.count(), 10000);
-        // What was read before is there, and no part of a line.
+        // The lines read before the error are in the table, and no partial line is.
         int expected = 0;
         for (const auto &[name, value] : table.rows())
             EXPECT_EQ(value, std::to_string(expected++));
     }
 }
 
-TEST(LoadProp, GoesOnReadingAfterASignal) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\n");
+TEST(load_prop, ContinuesReadingAfterASignal) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\n");
     PropertyTable table;
     const FailCall signal(call_read, 1, EINTR);
-    EXPECT_EQ(table.load('=', folder.path("conf")), 1);
+    EXPECT_EQ(table.load('=', directory.path("conf")), 1);
 }
 
-TEST(LoadProp, ReadsAFileThatComesInPieces) {
+TEST(load_prop, ReadsAFileThatArrivesInPieces) {
     std::string text;
     Rows expected;
     for (int i = 0; i < 3000; ++i) {
@@ -381,10 +379,10 @@ TEST(LoadProp, ReadsAFileThatComesInPieces) {
     EXPECT_EQ(table.rows(), expected);
 }
 
-TEST(LoadProp, LeavesOutTheRowThatCannotBeAllocated) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\nB=2\nC=3\n");
-    const std::string path = folder.path("conf");
+TEST(load_prop, OmitsTheRowThatCannotBeAllocated) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\nB=2\nC=3\n");
+    const std::string path = directory.path("conf");
     const Rows all = {{"A", "1"}, {"B", "2"}, {"C", "3"}};
     const unsigned long failures = for_each_allocation_failure(
         [&](AllocationTrial &trial) {
@@ -400,21 +398,22 @@ TEST(LoadProp, LeavesOutTheRowThatCannotBeAllocated) {
     EXPECT_EQ(failures, 6U);
 }
 
-TEST(LoadProp, LeaksNothingWhicheverAllocationFails) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=1\nB=2\n");
-    const std::string path = folder.path("conf");
-    const std::size_t before = open_descriptors();
+TEST(load_prop, LeaksNothingIfAnyAllocationFails) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=1\nB=2\n");
+    const std::string path = directory.path("conf");
+    const DescriptorWatch descriptors;
     for_each_allocation_failure([&](AllocationTrial &trial) {
         PropertyTable table;
         const int count = trial.run([&] { return table.load('=', path); });
         EXPECT_GE(count, 0);
         EXPECT_LE(count, 2);
     });
-    EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(GetPr, FillsARow) {
+// --- get_pr ---
+
+TEST(get_pr, FillsARow) {
     prop_entry row{};
     std::string line = "setenv  NAME =\"a b\"";
     EXPECT_EQ(get_pr('=', line.data(), &row), 1);
@@ -422,11 +421,11 @@ TEST(GetPr, FillsARow) {
     EXPECT_STREQ(row.value, "\"a b\"");
     EXPECT_EQ(row.name_size, 7U);
     EXPECT_EQ(row.value_size, value_size);
-    EXPECT_TRUE(zero_behind(row, 5));
+    EXPECT_TRUE(zero_after(row, 5));
     free_prop(&row, 1);
 }
 
-TEST(GetPr, CutsTheLineAtTheSeparator) {
+TEST(get_pr, OverwritesTheSeparatorWithANul) {
     prop_entry row{};
     std::string line = "A=B=C";
     ASSERT_EQ(get_pr('=', line.data(), &row), 1);
@@ -434,7 +433,7 @@ TEST(GetPr, CutsTheLineAtTheSeparator) {
     free_prop(&row, 1);
 }
 
-TEST(GetPr, LeavesRowAndLineAloneForACommentAndForALineWithoutASeparator) {
+TEST(get_pr, LeavesRowAndLineUnchangedForACommentOrALineWithoutASeparator) {
     char mark = 'm';
     for (const std::string text : {"# A=1", "", "A", "setenv A 1", "A=1setenv "}) {
         prop_entry row = {1, 2, &mark, &mark};
@@ -448,7 +447,7 @@ TEST(GetPr, LeavesRowAndLineAloneForACommentAndForALineWithoutASeparator) {
     }
 }
 
-TEST(GetPr, SplitsAtEachSeparator) {
+TEST(get_pr, SplitsAtEachSeparator) {
     const auto split = [](signed char separator) {
         prop_entry row{};
         std::string line = "A\tB C=D";
@@ -463,7 +462,7 @@ TEST(GetPr, SplitsAtEachSeparator) {
     EXPECT_EQ(split(';'), "B C=D");
 }
 
-TEST(GetPr, OverwritesWhatTheRowHeld) {
+TEST(get_pr, OverwritesThePreviousContentOfTheRow) {
     char mark = 'm';
     prop_entry row = {1, 2, &mark, &mark};
     std::string line = "A=1";
@@ -473,7 +472,7 @@ TEST(GetPr, OverwritesWhatTheRowHeld) {
     free_prop(&row, 1);
 }
 
-TEST(GetPr, KeepsALineEndThatTheCallerLeft) {
+TEST(get_pr, KeepsATrailingNewline) {
     prop_entry row{};
     std::string line = "A=1\n";
     ASSERT_EQ(get_pr('=', line.data(), &row), 1);
@@ -481,7 +480,7 @@ TEST(GetPr, KeepsALineEndThatTheCallerLeft) {
     free_prop(&row, 1);
 }
 
-TEST(GetPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
+TEST(get_pr, LeavesTheRowUnchangedIfAnAllocationFails) {
     char mark = 'm';
     const unsigned long failures = for_each_allocation_failure([&](AllocationTrial &trial) {
         prop_entry row = {1, 2, &mark, &mark};
@@ -500,7 +499,9 @@ TEST(GetPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
     EXPECT_EQ(failures, 2U);
 }
 
-TEST(GetProp, RemovesOneDoubleQuoteFromEachEnd) {
+// --- get_prop ---
+
+TEST(get_prop, RemovesOneDoubleQuoteFromEachEnd) {
     PropertyTable table(
         Rows{{"A", "\"a b\""}, {"B", "plain"}, {"C", "\"\"x\"\""}, {"D", "\"x"}, {"E", "\""}});
     EXPECT_EQ(value_of(table, "A"), "a b");
@@ -510,32 +511,32 @@ TEST(GetProp, RemovesOneDoubleQuoteFromEachEnd) {
     EXPECT_EQ(value_of(table, "E"), "");
 }
 
-TEST(GetProp, ReturnsTheCallersBuffer) {
+TEST(get_prop, ReturnsTheCallersBuffer) {
     PropertyTable table(Rows{{"A", "1"}});
     std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("A", value.data(), table.data(), table.count()), value.data());
 }
 
-TEST(GetProp, LeavesTheBufferUntouchedIfThereIsNoSuchName) {
+TEST(get_prop, LeavesTheBufferUnchangedIfNoRowHasTheName) {
     PropertyTable table(Rows{{"A", "1"}});
     std::array<char, CORVEL_GET_PROP_SIZE> value;
     value.fill('?');
     EXPECT_EQ(get_prop("B", value.data(), table.data(), table.count()), nullptr);
-    EXPECT_EQ(std::count(value.begin(), value.end(), '?'), 256);
+    EXPECT_EQ(std::count(value.begin(), value.end(), '?'), CORVEL_GET_PROP_SIZE);
 }
 
-TEST(GetProp, LeavesTheRowAsItIs) {
+TEST(get_prop, LeavesTheRowUnchanged) {
     PropertyTable table(Rows{{"A", "\"1\""}});
     EXPECT_EQ(value_of(table, "A"), "1");
     EXPECT_EQ(table.rows(), (Rows{{"A", "\"1\""}}));
 }
 
-TEST(GetProp, FindsTheFirstRowWithTheName) {
+TEST(get_prop, FindsTheFirstRowWithTheName) {
     PropertyTable table(Rows{{"B", "0"}, {"A", "1"}, {"A", "2"}});
     EXPECT_EQ(value_of(table, "A"), "1");
 }
 
-TEST(GetProp, ComparesNamesByteByByte) {
+TEST(get_prop, ComparesNamesByteByByte) {
     PropertyTable table(Rows{{"name", "1"}, {"NAME", "2"}, {"NAM", "3"}, {"\xe9", "4"}});
     EXPECT_EQ(value_of(table, "NAME"), "2");
     EXPECT_EQ(value_of(table, "NAM"), "3");
@@ -545,7 +546,7 @@ TEST(GetProp, ComparesNamesByteByByte) {
     EXPECT_EQ(value_of(table, ""), std::nullopt);
 }
 
-TEST(GetProp, CutsAValueTo255CharactersBeforeTheQuotesAreRemoved) {
+TEST(get_prop, TruncatesAValueTo255CharactersBeforeRemovingTheQuotes) {
     const std::string filler(300, 'v');
     PropertyTable table(Rows{{"255", filler.substr(0, 255)},
                              {"256", filler.substr(0, 256)},
@@ -559,7 +560,7 @@ TEST(GetProp, CutsAValueTo255CharactersBeforeTheQuotesAreRemoved) {
     EXPECT_EQ(value_of(table, "quoted 256"), filler.substr(0, 254));
 }
 
-TEST(GetProp, RemovesTheLeadingQuoteOfAValueThatItCuts) {
+TEST(get_prop, RemovesTheLeadingQuoteOfATruncatedValue) {
     PropertyTable table;
     for (const std::size_t length : {255U, 256U, 257U}) {
         const std::string name = std::to_string(length);
@@ -568,25 +569,26 @@ TEST(GetProp, RemovesTheLeadingQuoteOfAValueThatItCuts) {
     }
 }
 
-TEST(GetProp, ReadsAnUnterminatedValueNoFurtherThanItNeeds) {
+TEST(get_prop, ReadsAtMost255BytesOfAnUnterminatedValue) {
     char name[] = "A";
-    const GuardedBlock value(std::string(255, 'v'));
-    const prop_entry row = {2, 255, name, value.start()};
-    std::array<char, 256> out{};
+    const std::string read(CORVEL_GET_PROP_SIZE - 1, 'v');
+    const GuardedBlock value(read);
+    const prop_entry row = {2, CORVEL_GET_PROP_SIZE - 1, name, value.start()};
+    std::array<char, CORVEL_GET_PROP_SIZE> out{};
     EXPECT_EQ(get_prop("A", out.data(), &row, 1), out.data());
-    EXPECT_EQ(out.data(), std::string(255, 'v'));
+    EXPECT_EQ(out.data(), read);
 }
 
-TEST(GetProp, NeverWritesBeyond256Bytes) {
+TEST(get_prop, WritesAtMost256Bytes) {
     PropertyTable table(Rows{{"A", std::string(257, 'v')}});
-    std::array<char, 300> value;
+    std::array<char, CORVEL_GET_PROP_SIZE + 44> value;
     value.fill('?');
     get_prop("A", value.data(), table.data(), table.count());
-    EXPECT_EQ(value[255], '\0');
-    EXPECT_EQ(std::count(value.begin() + 256, value.end(), '?'), 44);
+    EXPECT_EQ(value[CORVEL_GET_PROP_SIZE - 1], '\0');
+    EXPECT_EQ(std::count(value.begin() + CORVEL_GET_PROP_SIZE, value.end(), '?'), 44);
 }
 
-TEST(GetProp, FindsNothingInANegativeCountOfRows) {
+TEST(get_prop, FindsNothingForACountOfZeroOrLess) {
     PropertyTable table(Rows{{"A", "1"}});
     std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("A", value.data(), table.data(), -1), nullptr);
@@ -594,20 +596,20 @@ TEST(GetProp, FindsNothingInANegativeCountOfRows) {
     EXPECT_EQ(get_prop("A", value.data(), nullptr, 0), nullptr);
 }
 
-TEST(GetProp, LooksAtTheRowsInUseOnly) {
+TEST(get_prop, SearchesOnlyTheRowsInUse) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop("B", value.data(), table.data(), 1), nullptr);
 }
 
-TEST(GetProp, TakesANullNameForTheEmptyText) {
+TEST(get_prop, ReadsANullNameAsTheEmptyString) {
     PropertyTable table(Rows{{"A", "1"}, {"", "2"}});
     std::array<char, CORVEL_GET_PROP_SIZE> value{};
     EXPECT_EQ(get_prop(nullptr, value.data(), table.data(), table.count()), value.data());
     EXPECT_STREQ(value.data(), "2");
 }
 
-TEST(GetProp, PassesOverRowsThatWereFreed) {
+TEST(get_prop, SkipsFreedRows) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     free_prop(table.data(), 1);
     EXPECT_EQ(value_of(table, "A"), std::nullopt);
@@ -615,46 +617,48 @@ TEST(GetProp, PassesOverRowsThatWereFreed) {
     EXPECT_EQ(value_of(table, "B"), "2");
 }
 
-TEST(GetProp, ReadsARowOfARequestThatHasNoSizes) {
+TEST(get_prop, ReadsARequestRowWithoutSizes) {
     std::string name = "A";
     std::string value = "\"1\"";
     const prop_entry row = {0, 0, name.data(), value.data()};
-    std::array<char, 256> found{};
+    std::array<char, CORVEL_GET_PROP_SIZE> found{};
     ASSERT_NE(get_prop("A", found.data(), &row, 1), nullptr);
     EXPECT_STREQ(found.data(), "1");
 }
 
-TEST(SetProp, ReplacesTheValueAndReturnsTheIndex) {
+// --- set_prop ---
+
+TEST(set_prop, ReplacesTheValueAndReturnsTheIndex) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     EXPECT_EQ(table.set("B", "new"), 1);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "new"}}));
 }
 
-TEST(SetProp, ReturnsTheCountAndAddsNothingIfThereIsNoSuchName) {
+TEST(set_prop, ReturnsTheCountAndAddsNothingIfNoRowHasTheName) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     EXPECT_EQ(table.set("C", "new"), 2);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "2"}}));
     EXPECT_EQ(table.row(2).name, nullptr);
 }
 
-TEST(SetProp, ChangesTheFirstRowWithTheNameOnly) {
+TEST(set_prop, ChangesOnlyTheFirstRowWithTheName) {
     PropertyTable table(Rows{{"A", "1"}, {"A", "2"}});
     EXPECT_EQ(table.set("A", "new"), 0);
     EXPECT_EQ(table.rows(), (Rows{{"A", "new"}, {"A", "2"}}));
 }
 
-TEST(SetProp, Keeps256Characters) {
+TEST(set_prop, Keeps256Characters) {
     const std::string filler(300, 'v');
     for (const std::size_t length : {0U, 255U, 256U, 257U, 300U}) {
-        PropertyTable table(Rows{{"A", std::string(257, 'o')}});
+        PropertyTable table(Rows{{"A", std::string(value_size, 'o')}});
         table.set("A", filler.substr(0, length));
-        EXPECT_EQ(table.row(0).value, filler.substr(0, std::min<std::size_t>(length, 256)));
+        EXPECT_EQ(table.row(0).value, filler.substr(0, std::min(length, value_size - 1)));
         EXPECT_EQ(table.row(0).value[value_size], '\0');
         EXPECT_EQ(table.row(0).value_size, value_size);
     }
 }
 
-TEST(SetProp, StaysInsideTheSizeThatTheRowSays) {
+TEST(set_prop, WritesAtMostTheValueSizeOfTheRow) {
     std::string name = "A";
     std::string value = "0123456789";
     prop_entry row = {0, 4, name.data(), value.data()};
@@ -662,18 +666,18 @@ TEST(SetProp, StaysInsideTheSizeThatTheRowSays) {
     EXPECT_EQ(value, "abc\0"s + "456789");
 }
 
-TEST(SetProp, ReadsAnUnterminatedValueNoFurtherThanTheSizeThatTheRowSays) {
+TEST(set_prop, ReadsAtMostTheValueSizeOfTheRowFromAnUnterminatedValue) {
     PropertyTable table(Rows{{"A", "1"}});
     const GuardedBlock value(std::string(value_size, 'v'));
     EXPECT_EQ(set_prop("A", value.start(), table.data(), table.count()), 0);
-    EXPECT_EQ(table.rows(), (Rows{{"A", std::string(256, 'v')}}));
+    EXPECT_EQ(table.rows(), (Rows{{"A", std::string(value_size - 1, 'v')}}));
     table.data()->value_size = 8;
     const GuardedBlock shorter("12345678");
     EXPECT_EQ(set_prop("A", shorter.start(), table.data(), table.count()), 0);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1234567"}}));
 }
 
-TEST(SetProp, WritesNothingIntoARowThatHasNoSize) {
+TEST(set_prop, WritesNothingToARowWithoutAValueSize) {
     std::string name = "A";
     std::string value = "0123456789";
     prop_entry row = {0, 0, name.data(), value.data()};
@@ -684,28 +688,30 @@ TEST(SetProp, WritesNothingIntoARowThatHasNoSize) {
     EXPECT_EQ(set_prop("A", "abc", &row, 1), 0);
 }
 
-TEST(SetProp, TakesANullValueForTheEmptyText) {
+TEST(set_prop, ReadsANullValueAsTheEmptyString) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(set_prop("A", nullptr, table.data(), table.count()), 0);
     EXPECT_EQ(table.rows(), (Rows{{"A", ""}}));
 }
 
-TEST(SetProp, FindsNothingInANegativeCountOfRows) {
+TEST(set_prop, FindsNothingForANegativeCount) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(set_prop("A", "new", table.data(), -5), 0);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}}));
 }
 
-TEST(SetProp, AllocatesNothing) {
+TEST(set_prop, AllocatesNothing) {
     PropertyTable table(Rows{{"A", "1"}});
     const CountCalls allocations(call_allocation);
     set_prop("A", "new", table.data(), table.count());
     EXPECT_EQ(allocations.count(), 0U);
 }
 
-TEST(SetProp, ReturnsTheCountWithoutATable) { EXPECT_EQ(set_prop("A", "1", nullptr, 5), 5); }
+TEST(set_prop, ReturnsTheCountWithoutATable) { EXPECT_EQ(set_prop("A", "1", nullptr, 5), 5); }
 
-TEST(InsProp, AddsARowBehindTheLastOne) {
+// --- ins_prop ---
+
+TEST(ins_prop, AppendsARow) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(table.insert("B", "2"), 2);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "2"}}));
@@ -713,26 +719,26 @@ TEST(InsProp, AddsARowBehindTheLastOne) {
     EXPECT_EQ(table.row(1).value_size, value_size);
 }
 
-TEST(InsProp, AddsTheFirstRowOfATable) {
+TEST(ins_prop, AddsTheFirstRowOfATable) {
     PropertyTable table;
     EXPECT_EQ(table.insert("A", "1"), 1);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}}));
 }
 
-TEST(InsProp, ReplacesTheValueOfTheFirstRowWithTheName) {
+TEST(ins_prop, ReplacesTheValueOfTheFirstRowWithTheName) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}, {"B", "3"}});
     EXPECT_EQ(table.insert("B", "new"), 3);
     EXPECT_EQ(table.rows(), (Rows{{"A", "1"}, {"B", "new"}, {"B", "3"}}));
 }
 
-TEST(InsProp, ZeroesAnExistingValueWhole) {
-    PropertyTable table(Rows{{"A", std::string(257, 'o')}});
+TEST(ins_prop, ZeroesTheRestOfAnExistingValue) {
+    PropertyTable table(Rows{{"A", std::string(value_size, 'o')}});
     table.insert("A", "xy");
     EXPECT_STREQ(table.row(0).value, "xy");
-    EXPECT_TRUE(zero_behind(table.row(0), 2));
+    EXPECT_TRUE(zero_after(table.row(0), 2));
 }
 
-TEST(InsProp, Keeps256CharactersOfAnExistingValueAnd257OfANewOne) {
+TEST(ins_prop, Keeps256CharactersInAnExistingRowAnd257InANewOne) {
     const std::string filler(300, 'v');
     PropertyTable table(Rows{{"old", "1"}});
     table.insert("old", filler);
@@ -742,7 +748,7 @@ TEST(InsProp, Keeps256CharactersOfAnExistingValueAnd257OfANewOne) {
     EXPECT_EQ(table.row(1).value[value_size], '\0');
 }
 
-TEST(InsProp, StaysInsideTheSizeThatTheRowSays) {
+TEST(ins_prop, WritesAtMostTheValueSizeOfTheRow) {
     std::string name = "A";
     std::string value = "0123456789";
     prop_entry row = {0, 6, name.data(), value.data()};
@@ -753,7 +759,7 @@ TEST(InsProp, StaysInsideTheSizeThatTheRowSays) {
     EXPECT_EQ(value, "ab\0\0\0\0"s + "6789");
 }
 
-TEST(InsProp, ReadsAnUnterminatedValueNoFurtherThanItsField) {
+TEST(ins_prop, ReadsAtMost257BytesOfAnUnterminatedValue) {
     PropertyTable table;
     const GuardedBlock value(std::string(value_size, 'v'));
     ASSERT_EQ(ins_prop("A", value.start(), table.data(), 0), 1);
@@ -763,7 +769,7 @@ TEST(InsProp, ReadsAnUnterminatedValueNoFurtherThanItsField) {
     free_prop(table.data(), 1);
 }
 
-TEST(InsProp, TakesNullPointersForTheEmptyText) {
+TEST(ins_prop, ReadsNullPointersAsEmptyStrings) {
     PropertyTable table;
     std::array<prop_entry, 2> rows{};
     EXPECT_EQ(ins_prop(nullptr, nullptr, rows.data(), 0), 1);
@@ -774,14 +780,14 @@ TEST(InsProp, TakesNullPointersForTheEmptyText) {
     free_prop(rows.data(), 1);
 }
 
-TEST(InsProp, CountsANegativeCountAsZero) {
+TEST(ins_prop, TreatsANegativeCountAsZero) {
     std::array<prop_entry, 2> rows{};
     EXPECT_EQ(ins_prop("A", "1", rows.data(), -3), 1);
     EXPECT_STREQ(rows[0].name, "A");
     free_prop(rows.data(), 1);
 }
 
-TEST(InsProp, ReturnsTheCountWhenTheRowCannotBeAllocated) {
+TEST(ins_prop, ReturnsTheCountIfTheRowCannotBeAllocated) {
     const unsigned long failures = for_each_allocation_failure([](AllocationTrial &trial) {
         PropertyTable table(Rows{{"A", "1"}});
         const std::string name = "B";
@@ -794,18 +800,20 @@ TEST(InsProp, ReturnsTheCountWhenTheRowCannotBeAllocated) {
     EXPECT_EQ(failures, 2U);
 }
 
-TEST(InsPr, FillsARow) {
+// --- ins_pr ---
+
+TEST(ins_pr, FillsARow) {
     prop_entry row{};
     EXPECT_EQ(ins_pr("a name", "\"a value\"", &row, 77), 1);
     EXPECT_STREQ(row.name, "a name");
     EXPECT_STREQ(row.value, "\"a value\"");
     EXPECT_EQ(row.name_size, 7U);
     EXPECT_EQ(row.value_size, value_size);
-    EXPECT_TRUE(zero_behind(row, 9));
+    EXPECT_TRUE(zero_after(row, 9));
     free_prop(&row, 1);
 }
 
-TEST(InsPr, CutsAValueAt257CharactersAndTerminatesIt) {
+TEST(ins_pr, TruncatesAValueAt257CharactersAndTerminatesIt) {
     for (std::size_t length = 254; length <= 260; ++length) {
         prop_entry row{};
         EXPECT_EQ(ins_pr("A", std::string(length, 'v').c_str(), &row, 0), 1);
@@ -815,7 +823,7 @@ TEST(InsPr, CutsAValueAt257CharactersAndTerminatesIt) {
     }
 }
 
-TEST(InsPr, ReadsAnUnterminatedValueNoFurtherThanItsField) {
+TEST(ins_pr, ReadsAtMost257BytesOfAnUnterminatedValue) {
     const GuardedBlock value(std::string(value_size, 'v'));
     prop_entry row{};
     ASSERT_EQ(ins_pr("A", value.start(), &row, 0), 1);
@@ -823,7 +831,7 @@ TEST(InsPr, ReadsAnUnterminatedValueNoFurtherThanItsField) {
     free_prop(&row, 1);
 }
 
-TEST(InsPr, OverwritesWhatTheRowHeld) {
+TEST(ins_pr, OverwritesThePreviousContentOfTheRow) {
     char mark = 'm';
     prop_entry row = {1, 2, &mark, &mark};
     EXPECT_EQ(ins_pr("A", "1", &row, 0), 1);
@@ -832,7 +840,7 @@ TEST(InsPr, OverwritesWhatTheRowHeld) {
     free_prop(&row, 1);
 }
 
-TEST(InsPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
+TEST(ins_pr, LeavesTheRowUnchangedIfAnAllocationFails) {
     char mark = 'm';
     const unsigned long failures = for_each_allocation_failure([&](AllocationTrial &trial) {
         prop_entry row = {1, 2, &mark, &mark};
@@ -850,14 +858,16 @@ TEST(InsPr, LeavesTheRowAsItWasWhenAnAllocationFails) {
     EXPECT_EQ(failures, 2U);
 }
 
-TEST(InsPr, AllocatesBlocksThatTheProgramMayFree) {
+TEST(ins_pr, AllocatesBlocksThatTheProgramMayFree) {
     prop_entry row{};
     ASSERT_EQ(ins_pr("A", "1", &row, 0), 1);
     std::free(row.name);
     std::free(row.value);
 }
 
-TEST(DumpProp, PrintsNothing) {
+// --- dump_prop ---
+
+TEST(dump_prop, PrintsNothing) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     int result = -1;
     const auto dump = [&] {
@@ -868,14 +878,16 @@ TEST(DumpProp, PrintsNothing) {
     EXPECT_EQ(result, 0);
 }
 
-TEST(DumpProp, TakesRowsThatWereFreedAndNegativeCounts) {
+TEST(dump_prop, AcceptsFreedRowsAndNegativeCounts) {
     prop_entry row{};
     EXPECT_EQ(dump_prop(&row, 1), 0);
     EXPECT_EQ(dump_prop(&row, -1), 0);
     EXPECT_EQ(dump_prop(nullptr, 0), 0);
 }
 
-TEST(FreeProp, SetsThePointersToNullAndLeavesTheSizes) {
+// --- free_prop ---
+
+TEST(free_prop, SetsThePointersToNullAndKeepsTheSizes) {
     PropertyTable table(Rows{{"A", "1"}, {"BC", "2"}});
     EXPECT_EQ(free_prop(table.data(), table.count()), 1);
     for (std::size_t i = 0; i < 2; ++i) {
@@ -886,27 +898,27 @@ TEST(FreeProp, SetsThePointersToNullAndLeavesTheSizes) {
     EXPECT_EQ(table.row(1).name_size, 3U);
 }
 
-TEST(FreeProp, IsHarmlessWhenCalledTwice) {
+TEST(free_prop, MayBeCalledTwice) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(free_prop(table.data(), table.count()), 1);
     EXPECT_EQ(free_prop(table.data(), table.count()), 1);
 }
 
-TEST(FreeProp, FreesTheRowsInUseOnly) {
+TEST(free_prop, FreesOnlyTheRowsInUse) {
     PropertyTable table(Rows{{"A", "1"}, {"B", "2"}});
     EXPECT_EQ(free_prop(table.data(), 1), 1);
     EXPECT_EQ(table.row(0).name, nullptr);
     EXPECT_STREQ(table.row(1).name, "B");
 }
 
-TEST(FreeProp, FreesNothingForANegativeCount) {
+TEST(free_prop, FreesNothingForANegativeCount) {
     PropertyTable table(Rows{{"A", "1"}});
     EXPECT_EQ(free_prop(table.data(), -1), 1);
     EXPECT_STREQ(table.row(0).name, "A");
     EXPECT_EQ(free_prop(nullptr, 0), 1);
 }
 
-TEST(FreeProp, FreesEachBlockOfARow) {
+TEST(free_prop, FreesEachBlockOfARow) {
     AllocationTrial nothing_fails(1000, Allocations::all);
     prop_entry row{};
     nothing_fails.run([&] { return ins_pr("A", "1", &row, 0); });

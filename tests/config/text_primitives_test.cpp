@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
+#include "tests/support/guarded_buffer.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 
@@ -11,59 +12,42 @@
 #include <random>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace {
 
 using namespace corvel_test;
 
-/** A text at the front of a heap block of an exact size, so that no byte behind it is free to use.
- */
-class Buffer {
-  public:
-    explicit Buffer(std::string_view text) : Buffer(text, text.size() + 1) {}
-    Buffer(std::string_view text, std::size_t size) : bytes_(size, guard) {
-        bytes_.at(text.copy(bytes_.data(), size - 1)) = '\0';
-    }
-
-    [[nodiscard]] char *get() { return bytes_.data(); }
-    [[nodiscard]] std::string text() const { return bytes_.data(); }
-    /** Whether every byte from an offset on was left alone. */
-    [[nodiscard]] bool untouched_from(std::size_t offset) const {
-        return std::all_of(bytes_.begin() + static_cast<std::ptrdiff_t>(offset), bytes_.end(),
-                           [](char byte) { return byte == guard; });
-    }
-
-  private:
-    static constexpr char guard = 0x5a;
-    std::vector<char> bytes_;
-};
+/** Whether all bytes from an offset on have the value with which a GuardedBuffer is filled. */
+bool untouched_from(GuardedBuffer &buffer, std::size_t offset) {
+    return std::all_of(buffer.text() + offset, buffer.text() + buffer.size(),
+                       [](char byte) { return byte == '\xA5'; });
+}
 
 std::string stripped(std::string_view text, char ch) {
-    Buffer buffer(text);
-    return strip(buffer.get(), static_cast<signed char>(ch));
+    GuardedBuffer buffer(text);
+    return strip(buffer.text(), static_cast<signed char>(ch));
 }
 
 std::string escaped(const std::string &text) {
-    Buffer buffer("", 2 * text.size() + 1);
-    EXPECT_EQ(add_escape(text.c_str(), buffer.get()), buffer.get());
+    GuardedBuffer buffer("", 2 * text.size());
+    EXPECT_EQ(add_escape(text.c_str(), buffer.text()), buffer.text());
     return buffer.text();
 }
 
 std::string unescaped(const std::string &text) {
-    Buffer buffer("", text.size() + 1);
-    EXPECT_EQ(strip_escape(text.c_str(), buffer.get()), buffer.get());
+    GuardedBuffer buffer("", text.size());
+    EXPECT_EQ(strip_escape(text.c_str(), buffer.text()), buffer.text());
     return buffer.text();
 }
 
 std::string translated(std::string_view text) {
-    Buffer buffer(text, std::max<std::size_t>(text.size() + 1, 200));
-    EXPECT_EQ(translate_control_code(buffer.get()), buffer.get());
+    GuardedBuffer buffer(text, CORVEL_ATTRIBUTE_SIZE - 1);
+    EXPECT_EQ(translate_control_code(buffer.text()), buffer.text());
     return buffer.text();
 }
 
-/** Texts of any bytes but NUL, in which the characters with a meaning of their own are frequent. */
-class RandomTexts {
+/** Strings of any bytes but NUL; half of the characters are special to the shell. */
+class RandomStrings {
   public:
     std::string next(std::size_t longest) {
         std::string text(engine_() % (longest + 1), '\0');
@@ -82,97 +66,103 @@ class RandomTexts {
     std::mt19937 engine_{20240229};
 };
 
-TEST(Strcmp, IsZeroForIdenticalTexts) {
+// --- STRCMP ---
+
+TEST(STRCMP, ReturnsZeroForIdenticalStrings) {
     EXPECT_EQ(STRCMP("abc", "abc"), 0U);
     EXPECT_EQ(STRCMP("", ""), 0U);
     EXPECT_EQ(STRCMP("\x80\xff", "\x80\xff"), 0U);
 }
 
-TEST(Strcmp, IsOneForTextsThatDifferInACharacter) {
+TEST(STRCMP, ReturnsOneForStringsThatDifferInACharacter) {
     EXPECT_EQ(STRCMP("abc", "abd"), 1U);
     EXPECT_EQ(STRCMP("abd", "abc"), 1U);
     EXPECT_EQ(STRCMP("abc", "Abc"), 1U);
     EXPECT_EQ(STRCMP("\x7f", "\xff"), 1U);
 }
 
-TEST(Strcmp, IsOneForTextsThatDifferInLength) {
+TEST(STRCMP, ReturnsOneForStringsOfDifferentLength) {
     EXPECT_EQ(STRCMP("ab", "abc"), 1U);
     EXPECT_EQ(STRCMP("abc", "ab"), 1U);
     EXPECT_EQ(STRCMP("", "a"), 1U);
 }
 
-TEST(Strcmp, TakesANullPointerForTheEmptyText) {
+TEST(STRCMP, ReadsANullPointerAsTheEmptyString) {
     EXPECT_EQ(STRCMP(nullptr, nullptr), 0U);
     EXPECT_EQ(STRCMP(nullptr, ""), 0U);
     EXPECT_EQ(STRCMP("a", nullptr), 1U);
 }
 
-TEST(Strip, RemovesTheCharacterFromBothEnds) { EXPECT_EQ(stripped("\"x\"", '"'), "x"); }
+// --- strip ---
 
-TEST(Strip, RemovesTheCharacterFromTheStartAlone) { EXPECT_EQ(stripped("\"x", '"'), "x"); }
+TEST(strip, RemovesTheCharacterFromBothEnds) { EXPECT_EQ(stripped("\"x\"", '"'), "x"); }
 
-TEST(Strip, RemovesTheCharacterFromTheEndAlone) { EXPECT_EQ(stripped("x\"", '"'), "x"); }
+TEST(strip, RemovesTheCharacterFromTheStartOnly) { EXPECT_EQ(stripped("\"x", '"'), "x"); }
 
-TEST(Strip, MakesTwoCharactersEmpty) { EXPECT_EQ(stripped("\"\"", '"'), ""); }
+TEST(strip, RemovesTheCharacterFromTheEndOnly) { EXPECT_EQ(stripped("x\"", '"'), "x"); }
 
-TEST(Strip, MakesTheCharacterAloneEmpty) {
-    Buffer buffer("\"");
-    char *const result = strip(buffer.get(), '"');
-    EXPECT_EQ(result, buffer.get() + 1);
+TEST(strip, MakesAStringOfTwoSuchCharactersEmpty) { EXPECT_EQ(stripped("\"\"", '"'), ""); }
+
+TEST(strip, MakesAStringOfOneSuchCharacterEmpty) {
+    GuardedBuffer buffer("\"");
+    char *const result = strip(buffer.text(), '"');
+    EXPECT_EQ(result, buffer.text() + 1);
     EXPECT_STREQ(result, "");
-    EXPECT_EQ(buffer.get()[0], '\0');
+    EXPECT_EQ(buffer.text()[0], '\0');
 }
 
-TEST(Strip, LeavesTheEmptyTextEmpty) {
-    Buffer buffer("");
-    EXPECT_EQ(strip(buffer.get(), '"'), buffer.get());
-    EXPECT_EQ(buffer.text(), "");
+TEST(strip, LeavesTheEmptyStringEmpty) {
+    GuardedBuffer buffer("");
+    EXPECT_EQ(strip(buffer.text(), '"'), buffer.text());
+    EXPECT_STREQ(buffer.text(), "");
 }
 
-TEST(Strip, ReturnsATextWithoutTheCharacterAsItIs) {
-    Buffer buffer("abc");
-    EXPECT_EQ(strip(buffer.get(), '"'), buffer.get());
-    EXPECT_EQ(buffer.text(), "abc");
+TEST(strip, LeavesAStringWithoutTheCharacterUnchanged) {
+    GuardedBuffer buffer("abc");
+    EXPECT_EQ(strip(buffer.text(), '"'), buffer.text());
+    EXPECT_STREQ(buffer.text(), "abc");
 }
 
-TEST(Strip, TakesOneCharacterFromEachEndOnly) {
+TEST(strip, RemovesAtMostOneCharacterFromEachEnd) {
     EXPECT_EQ(stripped("\"\"a\"\"", '"'), "\"a\"");
     EXPECT_EQ(stripped("\"\"\"", '"'), "\"");
 }
 
-TEST(Strip, LeavesTheCharacterInsideAlone) { EXPECT_EQ(stripped("a\"b\"c", '"'), "a\"b\"c"); }
+TEST(strip, KeepsTheCharacterInside) { EXPECT_EQ(stripped("a\"b\"c", '"'), "a\"b\"c"); }
 
-TEST(Strip, WorksInPlaceAndPointsBehindTheFirstCharacter) {
-    Buffer buffer("'x'");
-    EXPECT_EQ(strip(buffer.get(), '\''), buffer.get() + 1);
-    EXPECT_EQ(buffer.get()[2], '\0');
+TEST(strip, WorksInPlaceAndReturnsTheAddressOfTheSecondCharacter) {
+    GuardedBuffer buffer("'x'");
+    EXPECT_EQ(strip(buffer.text(), '\''), buffer.text() + 1);
+    EXPECT_EQ(buffer.text()[2], '\0');
 }
 
-TEST(Strip, RemovesAnyCharacterThatIsAskedFor) {
+TEST(strip, RemovesAnyGivenCharacter) {
     EXPECT_EQ(stripped(" x ", ' '), "x");
     EXPECT_EQ(stripped("axa", 'a'), "x");
     EXPECT_EQ(stripped("\"x\"", '\''), "\"x\"");
 }
 
-TEST(Strip, RemovesCharactersAbove127) {
+TEST(strip, RemovesCharactersAbove127) {
     EXPECT_EQ(stripped("\xe9x\xe9", '\xe9'), "x");
     EXPECT_EQ(stripped("\xffx\xff", '\xff'), "x");
     EXPECT_EQ(stripped("\x80", '\x80'), "");
     EXPECT_EQ(stripped("\xe9x\xe9", '\x69'), "\xe9x\xe9");
 }
 
-TEST(Strip, ReturnsANullPointerForANullPointer) { EXPECT_EQ(strip(nullptr, '"'), nullptr); }
+TEST(strip, ReturnsANullPointerForANullPointer) { EXPECT_EQ(strip(nullptr, '"'), nullptr); }
 
-TEST(AddEscape, PutsABackslashInFrontOfEachSpecialCharacter) {
+// --- add_escape ---
+
+TEST(add_escape, InsertsABackslashBeforeEachSpecialCharacter) {
     EXPECT_EQ(escaped("a\"b$c"), "a\\\"b\\$c");
     EXPECT_EQ(escaped("\\"), "\\\\");
     EXPECT_EQ(escaped("`date`"), "\\`date\\`");
     EXPECT_EQ(escaped("\"\\$`"), "\\\"\\\\\\$\\`");
 }
 
-TEST(AddEscape, LeavesASingleQuoteAlone) { EXPECT_EQ(escaped("'"), "'"); }
+TEST(add_escape, DoesNotEscapeASingleQuote) { EXPECT_EQ(escaped("'"), "'"); }
 
-TEST(AddEscape, CopiesEveryOtherByteUnchanged) {
+TEST(add_escape, CopiesEveryOtherByteUnchanged) {
     for (int byte = 1; byte < 256; ++byte) {
         const std::string text(1, static_cast<char>(byte));
         const bool special = text.find_first_of("\"\\$`") == 0;
@@ -180,98 +170,104 @@ TEST(AddEscape, CopiesEveryOtherByteUnchanged) {
     }
 }
 
-TEST(AddEscape, TerminatesTheResultOfTheEmptyText) {
-    Buffer buffer("rest", 16);
-    add_escape("", buffer.get());
-    EXPECT_EQ(buffer.text(), "");
+TEST(add_escape, TerminatesAnEmptyResult) {
+    GuardedBuffer buffer("rest", 15);
+    add_escape("", buffer.text());
+    EXPECT_STREQ(buffer.text(), "");
 }
 
-TEST(AddEscape, WritesNothingBehindTheTerminator) {
-    Buffer buffer("", 16);
-    add_escape("a$", buffer.get());
-    EXPECT_EQ(buffer.text(), "a\\$");
-    EXPECT_TRUE(buffer.untouched_from(4));
+TEST(add_escape, WritesNothingAfterTheTerminator) {
+    GuardedBuffer buffer("", 15);
+    add_escape("a$", buffer.text());
+    EXPECT_STREQ(buffer.text(), "a\\$");
+    EXPECT_TRUE(untouched_from(buffer, 4));
 }
 
-TEST(AddEscape, TakesANullPointerForTheEmptyText) {
-    Buffer buffer("rest", 16);
-    EXPECT_EQ(add_escape(nullptr, buffer.get()), buffer.get());
-    EXPECT_EQ(buffer.text(), "");
+TEST(add_escape, ReadsANullPointerAsTheEmptyString) {
+    GuardedBuffer buffer("rest", 15);
+    EXPECT_EQ(add_escape(nullptr, buffer.text()), buffer.text());
+    EXPECT_STREQ(buffer.text(), "");
 }
 
-TEST(StrRegular, GivesTheSameAsAddEscape) {
-    RandomTexts texts;
+// --- str_regular ---
+
+TEST(str_regular, ReturnsTheSameAsAddEscape) {
+    RandomStrings strings;
     for (int round = 0; round < 2000; ++round) {
-        const std::string text = texts.next(100);
-        Buffer buffer("", 2 * text.size() + 1);
-        EXPECT_EQ(str_regular(text.c_str(), buffer.get()), buffer.get());
-        ASSERT_EQ(buffer.text(), escaped(text));
+        const std::string text = strings.next(100);
+        GuardedBuffer buffer("", 2 * text.size());
+        EXPECT_EQ(str_regular(text.c_str(), buffer.text()), buffer.text());
+        ASSERT_EQ(std::string(buffer.text()), escaped(text));
     }
 }
 
-TEST(StripEscape, DropsTheBackslashInFrontOfASpecialCharacter) {
+// --- strip_escape ---
+
+TEST(strip_escape, RemovesTheBackslashBeforeASpecialCharacter) {
     EXPECT_EQ(unescaped("a\\\"b"), "a\"b");
     EXPECT_EQ(unescaped("\\$\\`"), "$`");
 }
 
-TEST(StripEscape, KeepsTheBackslashInFrontOfAnotherCharacter) {
+TEST(strip_escape, KeepsTheBackslashBeforeAnyOtherCharacter) {
     EXPECT_EQ(unescaped("a\\nb"), "a\\nb");
     EXPECT_EQ(unescaped("\\'"), "\\'");
     EXPECT_EQ(unescaped("\\\xe9"), "\\\xe9");
 }
 
-TEST(StripEscape, KeepsABackslashAtTheEnd) {
+TEST(strip_escape, KeepsABackslashAtTheEnd) {
     EXPECT_EQ(unescaped("abc\\"), "abc\\");
     EXPECT_EQ(unescaped("\\"), "\\");
 }
 
-TEST(StripEscape, GoesOnBehindTheCharacterThatWasEscaped) {
+TEST(strip_escape, ContinuesAfterTheEscapedCharacter) {
     EXPECT_EQ(unescaped("\\\\\\\\"), "\\\\");
     EXPECT_EQ(unescaped("\\\\\""), "\\\"");
     EXPECT_EQ(unescaped("\\\\n"), "\\n");
     EXPECT_EQ(unescaped("\\\\\\"), "\\\\");
 }
 
-TEST(StripEscape, CopiesATextWithoutBackslashes) {
+TEST(strip_escape, CopiesAStringWithoutBackslashes) {
     EXPECT_EQ(unescaped("a \"$` b"), "a \"$` b");
     EXPECT_EQ(unescaped(""), "");
 }
 
-TEST(StripEscape, WorksInPlace) {
-    Buffer buffer("\\\"a\\\\b\\$\\c");
-    EXPECT_EQ(strip_escape(buffer.get(), buffer.get()), buffer.get());
-    EXPECT_EQ(buffer.text(), "\"a\\b$\\c");
+TEST(strip_escape, WorksInPlace) {
+    GuardedBuffer buffer("\\\"a\\\\b\\$\\c");
+    EXPECT_EQ(strip_escape(buffer.text(), buffer.text()), buffer.text());
+    EXPECT_STREQ(buffer.text(), "\"a\\b$\\c");
 }
 
-TEST(StripEscape, TakesANullPointerForTheEmptyText) {
-    Buffer buffer("rest", 16);
-    EXPECT_EQ(strip_escape(nullptr, buffer.get()), buffer.get());
-    EXPECT_EQ(buffer.text(), "");
+TEST(strip_escape, ReadsANullPointerAsTheEmptyString) {
+    GuardedBuffer buffer("rest", 15);
+    EXPECT_EQ(strip_escape(nullptr, buffer.text()), buffer.text());
+    EXPECT_STREQ(buffer.text(), "");
 }
 
-TEST(StripEscape, UndoesAddEscapeOnAnyText) {
-    RandomTexts texts;
+TEST(strip_escape, UndoesAddEscapeForAnyString) {
+    RandomStrings strings;
     for (int round = 0; round < 20000; ++round) {
-        const std::string text = texts.next(64);
+        const std::string text = strings.next(64);
         ASSERT_EQ(unescaped(escaped(text)), text);
     }
 }
 
-TEST(StripEscape, IsNeverLongerThanItsSource) {
-    RandomTexts texts;
+TEST(strip_escape, NeverReturnsMoreThanTheSource) {
+    RandomStrings strings;
     for (int round = 0; round < 5000; ++round) {
-        const std::string text = texts.next(64);
+        const std::string text = strings.next(64);
         ASSERT_LE(unescaped(text).size(), text.size());
     }
 }
 
-TEST(TranslateControlCode, ReplacesEachDoubleQuote) {
+// --- translate_control_code ---
+
+TEST(translate_control_code, ReplacesEachDoubleQuote) {
     EXPECT_EQ(translated("say \"hi\""), "say &quot;hi&quot;");
     EXPECT_EQ(translated("\""), "&quot;");
     EXPECT_EQ(translated("\"\"\""), "&quot;&quot;&quot;");
 }
 
-TEST(TranslateControlCode, TranslatesNoOtherCharacter) {
+TEST(translate_control_code, TranslatesNoOtherCharacter) {
     for (int byte = 1; byte < 256; ++byte) {
         const std::string text(1, static_cast<char>(byte));
         EXPECT_EQ(translated(text), byte == '"' ? "&quot;" : text) << byte;
@@ -279,29 +275,29 @@ TEST(TranslateControlCode, TranslatesNoOtherCharacter) {
     }
 }
 
-TEST(TranslateControlCode, LeavesATextWithoutDoubleQuotesUnchanged) {
+TEST(translate_control_code, LeavesAStringWithoutDoubleQuotesUnchanged) {
     EXPECT_EQ(translated(""), "");
     EXPECT_EQ(translated("<a href='x'>&amp;"), "<a href='x'>&amp;");
 }
 
-TEST(TranslateControlCode, LeavesALongTextWithoutDoubleQuotesUnchanged) {
+TEST(translate_control_code, LeavesALongStringWithoutDoubleQuotesUnchanged) {
     for (const std::size_t length : {199U, 200U, 201U, 5000U}) {
         const std::string text(length, 'x');
         EXPECT_EQ(translated(text), text) << length;
     }
 }
 
-TEST(TranslateControlCode, FillsUpTo199Characters) {
+TEST(translate_control_code, ReturnsUpTo199Characters) {
     EXPECT_EQ(translated(std::string(193, 'x') + "\""), std::string(193, 'x') + "&quot;");
     EXPECT_EQ(translated("\"" + std::string(193, 'x')), "&quot;" + std::string(193, 'x'));
 }
 
-TEST(TranslateControlCode, CutsInFrontOfTheFirstCharacterThatDoesNotFit) {
+TEST(translate_control_code, TruncatesBeforeTheFirstCharacterThatDoesNotFit) {
     EXPECT_EQ(translated("\"" + std::string(194, 'x')), "&quot;" + std::string(193, 'x'));
     EXPECT_EQ(translated("\"" + std::string(3000, 'x')), "&quot;" + std::string(193, 'x'));
 }
 
-TEST(TranslateControlCode, NeverCutsAnEntityInTwo) {
+TEST(translate_control_code, NeverSplitsAnEntity) {
     for (std::size_t before = 194; before < 200; ++before)
         EXPECT_EQ(translated(std::string(before, 'x') + "\"y"), std::string(before, 'x')) << before;
     std::string entities;
@@ -312,42 +308,48 @@ TEST(TranslateControlCode, NeverCutsAnEntityInTwo) {
     EXPECT_EQ(translated(std::string(33, '"') + "yz"), entities + "y");
 }
 
-TEST(TranslateControlCode, NeverWritesBeyond200Bytes) {
+TEST(translate_control_code, WritesAtMost200Bytes) {
     for (const std::size_t quotes : {1U, 33U, 34U, 100U, 150U}) {
-        Buffer buffer(std::string(quotes, '"') + std::string(49, 'x'), 300);
-        translate_control_code(buffer.get());
-        EXPECT_LE(buffer.text().size(), 199U);
-        EXPECT_TRUE(buffer.untouched_from(std::max<std::size_t>(quotes + 50, 200))) << quotes;
+        GuardedBuffer buffer(std::string(quotes, '"') + std::string(49, 'x'), 299);
+        translate_control_code(buffer.text());
+        EXPECT_LE(std::strlen(buffer.text()), CORVEL_ATTRIBUTE_SIZE - 1U);
+        EXPECT_TRUE(
+            untouched_from(buffer, std::max<std::size_t>(quotes + 50, CORVEL_ATTRIBUTE_SIZE)))
+            << quotes;
     }
 }
 
-TEST(TranslateControlCode, ReturnsANullPointerForANullPointer) {
+TEST(translate_control_code, ReturnsANullPointerForANullPointer) {
     EXPECT_EQ(translate_control_code(nullptr), nullptr);
 }
 
-TEST(DfPrintf, PrintsNothing) {
+// --- DFPrintf ---
+
+TEST(DFPrintf, PrintsNothing) {
     EXPECT_EQ(capture_stdout([] { DFPrintf(stdout, "%s %d\n", "text", 1); }), "");
     EXPECT_EQ(capture_stderr([] { DFPrintf(stderr, "text\n"); }), "");
 }
 
-TEST(DfPrintf, EvaluatesNothing) {
+TEST(DFPrintf, StoresNothingForAPercentN) {
     int written = 7;
     DFPrintf(nullptr, "%d", written);
     DFPrintf(stderr, "text%n", &written);
     EXPECT_EQ(written, 7);
 }
 
+// --- All functions ---
+
 TEST(TextPrimitives, AllocateNothing) {
-    Buffer text("\"say $x\"", 256);
-    Buffer copy("", 600);
+    GuardedBuffer text("\"say $x\"", 255);
+    GuardedBuffer copy("", 599);
     const CountCalls allocations(call_allocation);
-    STRCMP(text.get(), copy.get());
-    add_escape(text.get(), copy.get());
-    str_regular(text.get(), copy.get());
-    strip_escape(copy.get(), copy.get());
-    translate_control_code(text.get());
-    strip(text.get(), '"');
-    DFPrintf(stderr, "%s", text.get());
+    STRCMP(text.text(), copy.text());
+    add_escape(text.text(), copy.text());
+    str_regular(text.text(), copy.text());
+    strip_escape(copy.text(), copy.text());
+    translate_control_code(text.text());
+    strip(text.text(), '"');
+    DFPrintf(stderr, "%s", text.text());
     EXPECT_EQ(allocations.count(), 0U);
 }
 
