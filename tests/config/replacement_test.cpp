@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** The copy that takes a configuration file's place, as the two functions that save the file make
- * it. */
+/** The copy that replaces a configuration file, which both functions that save the file write. */
 #include <corvel.h>
 
 #include "tests/config/writers.h"
@@ -25,10 +24,10 @@
 #include <unistd.h>
 #include <vector>
 
-/** How many pauses of how many milliseconds the library made; they are skipped. */
+/** The number of the library's pauses, which are skipped, and their total length. */
 static int pauses = 0;
 static long milliseconds = 0;
-/** What flock() fails with, if not 0. */
+/** The error with which flock() fails, if not 0. */
 static int error_of_flock = 0;
 
 extern "C" int nanosleep(const timespec *length, timespec * /*left*/) {
@@ -50,7 +49,7 @@ namespace {
 using namespace corvel_test;
 namespace fs = std::filesystem;
 
-/** A descriptor, closed at the end. */
+/** Owns a descriptor. */
 class OpenFile {
   public:
     OpenFile(const std::string &path, int flags) : file_(open(path.c_str(), flags | O_CLOEXEC)) {
@@ -72,7 +71,7 @@ class OpenFile {
     int file_;
 };
 
-/** A process that does not come back is ended. */
+/** Runs @p body in a child, which is killed if it does not return within 20 seconds. */
 template <typename Body> void expect_to_return(Body body) {
     const ChildResult child = run_in_child([&] {
         alarm(20);
@@ -82,19 +81,7 @@ template <typename Body> void expect_to_return(Body body) {
     EXPECT_EQ(child.exit_status, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Writers, BothWriters,
-                         testing::Values(save_prop_writer, save_global_conf_writer),
-                         name_of_writer);
-
-TEST_P(BothWriters, ReplaceACopyThatADeadWriterLeft) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("conf.cgi", std::string(100000, 'v'));
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(folder_.names(), with_lock_file({"conf"}));
-}
-
-/** To whom a copy at the start of a test belongs, and whether it has a second name. */
+/** The owner of a copy that exists before a save, and whether it has a second name. */
 struct LeftCopy {
     uid_t owner;
     bool linked;
@@ -103,127 +90,20 @@ struct LeftCopy {
 constexpr std::array left_copies = {LeftCopy{0, false}, LeftCopy{0, true}, LeftCopy{1234, false},
                                     LeftCopy{1234, true}};
 
-void leave_copy(const TemporaryDirectory &folder, const LeftCopy &copy) {
-    folder.write("conf.cgi", "A=all the settings\n");
+void leave_copy(const TemporaryDirectory &directory, const LeftCopy &copy) {
+    directory.write("conf.cgi", "A=all the settings\n");
     if (geteuid() == 0) {
-        ASSERT_EQ(chown(folder.path("conf.cgi").c_str(), copy.owner, copy.owner), 0);
+        ASSERT_EQ(chown(directory.path("conf.cgi").c_str(), copy.owner, copy.owner), 0);
     }
     if (copy.linked) {
-        ASSERT_EQ(link(folder.path("conf.cgi").c_str(), folder.path("other").c_str()), 0);
+        ASSERT_EQ(link(directory.path("conf.cgi").c_str(), directory.path("other").c_str()), 0);
     }
 }
 
-TEST_P(BothWriters, KeepACopyThatMayBeTheOnlyOneLeft) {
-    for (const LeftCopy &copy : left_copies) {
-        leave_copy(folder_, copy);
-        for (int i = 0; i < 2; ++i) {
-            save();
-            save_without_lock();
-        }
-        EXPECT_EQ(folder_.read("conf.cgi"), "A=all the settings\n");
-        EXPECT_FALSE(folder_.exists("conf"));
-        folder_.remove("conf.cgi");
-        folder_.remove("other");
-    }
-}
-
-TEST_P(BothWriters, KeepTheSettingsOfEachOwnerWhereverTheyAreKilledAndAfterTheNextSave) {
-    for (const uid_t owner : {uid_t{0}, uid_t{1234}}) {
-        unsigned long copy_alone = 0;
-        for_each_kill_point(
-            [&] {
-                for (const std::string &name : folder_.names())
-                    folder_.remove(name);
-                folder_.write("conf", "A=1\nB=1\n");
-                if (geteuid() == 0) {
-                    ASSERT_EQ(chown(path().c_str(), owner, owner), 0);
-                }
-            },
-            [&] { save(); },
-            [&](unsigned long n) {
-                const bool alone = !folder_.exists("conf");
-                copy_alone += alone ? 1U : 0U;
-                for (const Writer &next : {save_prop_writer, save_global_conf_writer})
-                    next.set(path(), "A", "x");
-                EXPECT_EQ(folder_.read(alone ? "conf.cgi" : "conf"), "A=\"x\"\nB=1\n") << n;
-            });
-        EXPECT_EQ(copy_alone, 1U);
-    }
-}
-
-TEST_P(BothWriters, WriteNothingIntoAFileThatWasThereBefore) {
-    for (const LeftCopy &copy : left_copies) {
-        folder_.write("conf", "A=1\n");
-        leave_copy(folder_, copy);
-        const OpenFile left(folder_.path("conf.cgi"), O_RDWR);
-        save();
-        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-        EXPECT_EQ(left.read_all(), "A=all the settings\n");
-        EXPECT_EQ(pwrite(left.get(), "B=EVIL", 6, 0), 6);
-        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-        folder_.remove("other");
-    }
-}
-
-TEST_P(BothWriters, WriteNothingThroughALinkInThePlaceOfTheCopy) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("precious", "text");
-    fs::create_symlink(folder_.path("precious"), folder_.path("conf.cgi"));
-    save();
-    EXPECT_EQ(folder_.read("precious"), "text");
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_EQ(folder_.names(), with_lock_file({"conf", "precious"}).size() == 3
-                                   ? (Names{"conf", "conf.lck", "precious"})
-                                   : (Names{"conf", "precious"}));
-}
-
-TEST_P(BothWriters, WriteNothingIntoAFifoInThePlaceOfTheCopy) {
-    folder_.write("conf", "A=1\n");
-    ASSERT_EQ(mkfifo(folder_.path("conf.cgi").c_str(), 0600), 0);
-    const OpenFile reader(folder_.path("conf.cgi"), O_RDONLY | O_NONBLOCK);
-    expect_to_return([&] { save(); });
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    char byte = 0;
-    EXPECT_EQ(read(reader.get(), &byte, 1), 0);
-}
-
-TEST_P(BothWriters, DoNotWaitForAFifoInThePlaceOfTheCopy) {
-    folder_.write("conf", "A=1\n");
-    ASSERT_EQ(mkfifo(folder_.path("conf.cgi").c_str(), 0600), 0);
-    pauses = 0;
-    expect_in_child([&] {
-        alarm(20);
-        save();
-        EXPECT_EQ(pauses, 0);
-    });
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
-TEST_P(BothWriters, LeaveTheFileWhereALeftCopyCannotBeRemoved) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("conf.cgi", "left");
-    const FailCall not_removed(call_unlink, 1, EPERM, FailCall::from_then_on);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_EQ(folder_.read("conf.cgi"), "left");
-}
-
-TEST_P(BothWriters, SaveThoughSomebodyHasLockedACopyThatADeadWriterLeft) {
-    for (const int kind : {LOCK_SH, LOCK_EX}) {
-        folder_.write("conf", "A=1\n");
-        folder_.write("conf.cgi", "left");
-        const OpenFile left(folder_.path("conf.cgi"), O_RDONLY);
-        ASSERT_EQ(flock(left.get(), kind), 0);
-        expect_to_return([&] { save(); });
-        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-        EXPECT_FALSE(folder_.exists("conf.cgi"));
-    }
-}
-
-/** A copy that its writer holds: locked in both ways. */
+/** A copy with both locks of a writer that is at work on it. */
 class HeldCopy {
   public:
-    explicit HeldCopy(const TemporaryDirectory &folder) : file_(made_at(folder), O_RDWR) {
+    explicit HeldCopy(const TemporaryDirectory &directory) : file_(made_at(directory), O_RDWR) {
         struct flock all {};
         all.l_type = F_WRLCK;
         EXPECT_EQ(fcntl(file_.get(), F_OFD_SETLK, &all), 0);
@@ -231,214 +111,15 @@ class HeldCopy {
     }
 
   private:
-    static std::string made_at(const TemporaryDirectory &folder) {
-        folder.write("conf.cgi", "another's");
-        return folder.path("conf.cgi");
+    static std::string made_at(const TemporaryDirectory &directory) {
+        directory.write("conf.cgi", "another's");
+        return directory.path("conf.cgi");
     }
 
     OpenFile file_;
 };
 
-TEST_P(BothWriters, WaitHalfASecondForAWriterWithoutTheLockFileAndThenSaveNothing) {
-    folder_.write("conf", "A=1\n");
-    const HeldCopy copy(folder_);
-    pauses = 0;
-    milliseconds = 0;
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_EQ(folder_.read("conf.cgi"), "another's");
-    EXPECT_EQ(milliseconds, 500);
-}
-
-TEST_P(BothWriters, DoNotWaitForAWriterWhereTheLockFileCannotBeOpened) {
-    folder_.write("conf", "A=1\n");
-    const HeldCopy copy(folder_);
-    pauses = 0;
-    save_without_lock();
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_EQ(folder_.read("conf.cgi"), "another's");
-    EXPECT_EQ(pauses, 0);
-}
-
-TEST_P(BothWriters, ReplaceACopyThatAStrangerHolds) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can have a file of somebody else";
-    folder_.write("conf", "A=1\n");
-    const HeldCopy copy(folder_);
-    ASSERT_EQ(chown(folder_.path("conf.cgi").c_str(), 3456, 3456), 0);
-    save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
-TEST_P(BothWriters, SaveOnAFileSystemWithoutLocks) {
-    for (const int error : {ENOLCK, EOPNOTSUPP, EINVAL}) {
-        folder_.write("conf", "A=1\n");
-        error_of_flock = error;
-        pauses = 0;
-        save();
-        EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-        EXPECT_EQ(pauses, 0);
-        folder_.write("conf.cgi", "left");
-        save();
-        error_of_flock = 0;
-        EXPECT_FALSE(folder_.exists("conf.cgi"));
-    }
-}
-
-TEST_P(BothWriters, KeepACopyThatIsLeftAloneWhereverTheyArePaused) {
-    for (const bool locked : {true, false}) {
-        unsigned long alone = 0;
-        for_each_pause_point(
-            [&] {
-                for (const std::string &name : folder_.names())
-                    folder_.remove(name);
-                folder_.write("conf", "A=1\nB=1\n");
-                folder_.write("conf.cgi", "left\n");
-            },
-            [&] { locked ? save() : save_without_lock(); },
-            [&] {
-                // As if another writer, which respects the lock of a copy, had died between the
-                // removal and the renaming.
-                const int left = open(folder_.path("conf.cgi").c_str(), O_RDONLY | O_CLOEXEC);
-                if (folder_.exists("conf") && (left < 0 || flock(left, LOCK_EX | LOCK_NB) == 0))
-                    fs::rename(path(), folder_.path("conf.cgi"));
-                close(left);
-            },
-            AfterPause::go_on,
-            [&](unsigned long n) {
-                alone += folder_.exists("conf") ? 0U : 1U;
-                const std::string text = folder_.read(folder_.exists("conf") ? "conf" : "conf.cgi");
-                EXPECT_NE(text.find("B=1\n"), std::string::npos) << n << "\n" << text;
-            });
-        EXPECT_GE(alone, 5U);
-    }
-}
-
-TEST_P(BothWriters, LeaveTheFileWhereTheModeCannotBeKept) {
-    folder_.write("conf", "A=1\n");
-    const FailCall refused(call_fchmod, 1, EPERM);
-    save();
-    EXPECT_EQ(refused.failures(), 1U);
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_FALSE(folder_.exists("conf.cgi"));
-}
-
-TEST_P(BothWriters, LeaveACopyThatSomebodyHasLockedWhereTheLockFileCannotBeOpened) {
-    for (const int kind : {LOCK_SH, LOCK_EX}) {
-        folder_.write("conf", "A=1\n");
-        folder_.write("conf.cgi", "left");
-        const OpenFile left(folder_.path("conf.cgi"), O_RDONLY);
-        ASSERT_EQ(flock(left.get(), kind), 0);
-        expect_to_return([&] { save_without_lock(); });
-        EXPECT_EQ(folder_.read("conf"), "A=1\n");
-        EXPECT_EQ(folder_.read("conf.cgi"), "left");
-    }
-}
-
-TEST_P(BothWriters, LeaveWhatIsNoCopyWhereTheLockFileCannotBeOpened) {
-    folder_.write("conf", "A=1\n");
-    fs::create_symlink("nowhere", folder_.path("conf.cgi"));
-    save_without_lock();
-    EXPECT_EQ(folder_.read("conf"), "A=1\n");
-    EXPECT_TRUE(fs::is_symlink(folder_.path("conf.cgi")));
-}
-
-TEST_P(BothWriters, ReplaceACopyThatADeadWriterLeftWhereTheLockFileCannotBeOpened) {
-    folder_.write("conf", "A=1\n");
-    folder_.write("conf.cgi", "left");
-    save_without_lock();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-    EXPECT_FALSE(folder_.exists("conf.cgi"));
-}
-
-TEST_P(BothWriters, MakeNoCopyOfAFileThatCannotBeRead) {
-    for_each_kill_point([&] { folder_.remove("conf.lck"); }, [&] { save(); },
-                        [&](unsigned long n) {
-                            for (const std::string &name : folder_.names())
-                                EXPECT_EQ(name, "conf.lck") << n;
-                        });
-}
-
-TEST_P(BothWriters, TakeAFifoOrADeviceForAFileThatCannotBeRead) {
-    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
-    expect_to_return([&] { save(); });
-    EXPECT_TRUE(fs::is_fifo(path()));
-    EXPECT_EQ(folder_.names(), with_lock_file({"conf"}));
-    folder_.remove("conf");
-    fs::create_symlink("/dev/zero", path());
-    expect_to_return([&] { save(); });
-    EXPECT_TRUE(fs::is_symlink(path()));
-    EXPECT_EQ(folder_.names(), with_lock_file({"conf"}));
-}
-
-TEST_P(BothWriters, ReplaceALinkByTheFile) {
-    folder_.write("target", "A=1\n");
-    fs::create_symlink("target", path());
-    save();
-    EXPECT_EQ(folder_.read("target"), "A=1\n");
-    EXPECT_FALSE(fs::is_symlink(path()));
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
-TEST_P(BothWriters, ReturnWhereNewFilesBelongToSomebodyElse) {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "only root can make files for somebody else";
-    folder_.write("conf", "A=1\n");
-    ASSERT_EQ(chmod(path().c_str(), 0666), 0);
-    ASSERT_EQ(chmod(folder_.path().c_str(), 0777), 0);
-    expect_to_return([&] {
-        setfsuid(1234);
-        save();
-    });
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
-}
-
-TEST_P(BothWriters, ShowNoCopyToOthersBeforeItIsWhole) {
-    for (const mode_t mode : {0600U, 0666U}) {
-        for_each_kill_point(
-            [&] {
-                folder_.write("conf", "A=1\n" + std::string(9000, '\n'));
-                ASSERT_EQ(chmod(path().c_str(), mode), 0);
-                folder_.write("conf.cgi", "left");
-                ASSERT_EQ(chmod(folder_.path("conf.cgi").c_str(), 0666), 0);
-            },
-            [&] {
-                umask(0);
-                save();
-            },
-            [&](unsigned long n) {
-                if (!folder_.exists("conf.cgi") || folder_.read("conf.cgi") == "left")
-                    return;
-                const bool whole = status("conf.cgi").st_size == 9006;
-                EXPECT_EQ(status("conf.cgi").st_mode & 0077U & ~(whole ? mode : 0), 0U) << n;
-            });
-    }
-}
-
-TEST_P(BothWriters, TouchNothingOnceTheCopyIsNoLongerTheirs) {
-    unsigned long left_alone = 0;
-    for_each_pause_point([&] { folder_.write("conf", "A=1\n"); }, [&] { save(); },
-                         [&] {
-                             if (!folder_.exists("conf.cgi"))
-                                 return;
-                             folder_.remove("conf.cgi");
-                             folder_.write("conf.cgi", "another's");
-                         },
-                         AfterPause::go_on,
-                         [&](unsigned long n) {
-                             const std::string text = folder_.read("conf");
-                             const bool alone = text == "A=1\n" && folder_.exists("conf.cgi");
-                             left_alone += alone ? 1U : 0U;
-                             // After the check, the copy's name is taken on trust.
-                             EXPECT_TRUE(alone || text == "A=\"x\"\n" || text == "another's")
-                                 << n << "\n"
-                                 << text;
-                             folder_.remove("conf.cgi");
-                         });
-    EXPECT_GE(left_alone, 5U);
-}
-
-/** An access control list of a file or, as a default, of the files to be made in a directory. */
+/** An access control list of a file, or the default one of a directory for its new files. */
 class AccessList {
   public:
     AccessList &add(std::uint16_t tag, std::uint16_t permissions, std::uint32_t id = 0xFFFFFFFF) {
@@ -454,7 +135,7 @@ class AccessList {
     static constexpr std::uint16_t owner = 1, user = 2, group = 4, mask = 16, others = 32;
 
   private:
-    /** Little-endian on every processor. */
+    /** The kernel reads little-endian numbers on every processor. */
     void put(std::uint32_t value, int size) {
         for (int i = 0; i < size; ++i)
             bytes_.push_back(static_cast<unsigned char>(value >> (8 * i)));
@@ -463,8 +144,325 @@ class AccessList {
     std::vector<unsigned char> bytes_{2, 0, 0, 0};
 };
 
-TEST_P(BothWriters, GiveTheGroupNothingOfAnAccessControlListsMask) {
-    folder_.write("conf", "A=1\n");
+INSTANTIATE_TEST_SUITE_P(save_prop, BothWriters, testing::Values(save_prop_writer), name_of_writer);
+INSTANTIATE_TEST_SUITE_P(save_global_conf, BothWriters, testing::Values(save_global_conf_writer),
+                         name_of_writer);
+
+TEST_P(BothWriters, ReplacesACopyLeftByADeadWriter) {
+    directory_.write("conf", "A=1\n");
+    directory_.write("conf.cgi", std::string(100000, 'v'));
+    save();
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(directory_.names(), with_lock_file({"conf"}));
+}
+
+TEST_P(BothWriters, KeepsACopyThatMayBeTheOnlyOne) {
+    for (const LeftCopy &copy : left_copies) {
+        leave_copy(directory_, copy);
+        for (int i = 0; i < 2; ++i) {
+            save();
+            save_without_lock();
+        }
+        EXPECT_EQ(directory_.read("conf.cgi"), "A=all the settings\n");
+        EXPECT_FALSE(directory_.exists("conf"));
+        directory_.remove("conf.cgi");
+        directory_.remove("other");
+    }
+}
+
+TEST_P(BothWriters, KeepsTheSettingsOfAnyOwnerIfKilledAtAnySystemCallAndAfterTheNextSave) {
+    for (const uid_t owner : {uid_t{0}, uid_t{1234}}) {
+        unsigned long copy_alone = 0;
+        for_each_kill_point(
+            [&] {
+                remove_files(directory_);
+                directory_.write("conf", "A=1\nB=1\n");
+                if (geteuid() == 0) {
+                    ASSERT_EQ(chown(path().c_str(), owner, owner), 0);
+                }
+            },
+            [&] { save(); },
+            [&](unsigned long n) {
+                const bool alone = !directory_.exists("conf");
+                copy_alone += alone ? 1U : 0U;
+                for (const Writer &next : {save_prop_writer, save_global_conf_writer})
+                    next.set(path(), "A", "x");
+                EXPECT_EQ(directory_.read(alone ? "conf.cgi" : "conf"), "A=\"x\"\nB=1\n") << n;
+            });
+        EXPECT_EQ(copy_alone, 1U);
+    }
+}
+
+TEST_P(BothWriters, WritesNothingToAnExistingFileAtTheCopysName) {
+    for (const LeftCopy &copy : left_copies) {
+        directory_.write("conf", "A=1\n");
+        leave_copy(directory_, copy);
+        const OpenFile left(directory_.path("conf.cgi"), O_RDWR);
+        save();
+        EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+        EXPECT_EQ(left.read_all(), "A=all the settings\n");
+        EXPECT_EQ(pwrite(left.get(), "B=EVIL", 6, 0), 6);
+        EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+        directory_.remove("other");
+    }
+}
+
+TEST_P(BothWriters, WritesNothingThroughASymbolicLinkAtTheCopysName) {
+    directory_.write("conf", "A=1\n");
+    directory_.write("precious", "text");
+    fs::create_symlink(directory_.path("precious"), directory_.path("conf.cgi"));
+    save();
+    EXPECT_EQ(directory_.read("precious"), "text");
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(directory_.names(), with_lock_file({"conf", "precious"}).size() == 3
+                                      ? (Names{"conf", "conf.lck", "precious"})
+                                      : (Names{"conf", "precious"}));
+}
+
+TEST_P(BothWriters, WritesNothingToAFifoAtTheCopysName) {
+    directory_.write("conf", "A=1\n");
+    ASSERT_EQ(mkfifo(directory_.path("conf.cgi").c_str(), 0600), 0);
+    const OpenFile reader(directory_.path("conf.cgi"), O_RDONLY | O_NONBLOCK);
+    expect_to_return([&] { save(); });
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+    char byte = 0;
+    EXPECT_EQ(read(reader.get(), &byte, 1), 0);
+}
+
+TEST_P(BothWriters, DoesNotWaitForAFifoAtTheCopysName) {
+    directory_.write("conf", "A=1\n");
+    ASSERT_EQ(mkfifo(directory_.path("conf.cgi").c_str(), 0600), 0);
+    pauses = 0;
+    expect_in_child([&] {
+        alarm(20);
+        save();
+        EXPECT_EQ(pauses, 0);
+    });
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, LeavesTheFileUnchangedIfAnOldCopyCannotBeRemoved) {
+    directory_.write("conf", "A=1\n");
+    directory_.write("conf.cgi", "left");
+    const FailCall not_removed(call_unlink, 1, EPERM, FailCall::from_then_on);
+    save();
+    EXPECT_EQ(directory_.read("conf"), "A=1\n");
+    EXPECT_EQ(directory_.read("conf.cgi"), "left");
+}
+
+TEST_P(BothWriters, SavesEvenIfACopyLeftByADeadWriterIsLocked) {
+    for (const int kind : {LOCK_SH, LOCK_EX}) {
+        directory_.write("conf", "A=1\n");
+        directory_.write("conf.cgi", "left");
+        const OpenFile left(directory_.path("conf.cgi"), O_RDONLY);
+        ASSERT_EQ(flock(left.get(), kind), 0);
+        expect_to_return([&] { save(); });
+        EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+        EXPECT_FALSE(directory_.exists("conf.cgi"));
+    }
+}
+
+TEST_P(BothWriters, WaitsHalfASecondForAWriterWithoutTheLockFileAndThenSavesNothing) {
+    directory_.write("conf", "A=1\n");
+    const HeldCopy copy(directory_);
+    pauses = 0;
+    milliseconds = 0;
+    save();
+    EXPECT_EQ(directory_.read("conf"), "A=1\n");
+    EXPECT_EQ(directory_.read("conf.cgi"), "another's");
+    EXPECT_EQ(milliseconds, 500);
+}
+
+TEST_P(BothWriters, DoesNotWaitForAWriterIfTheLockFileCannotBeOpened) {
+    directory_.write("conf", "A=1\n");
+    const HeldCopy copy(directory_);
+    pauses = 0;
+    save_without_lock();
+    EXPECT_EQ(directory_.read("conf"), "A=1\n");
+    EXPECT_EQ(directory_.read("conf.cgi"), "another's");
+    EXPECT_EQ(pauses, 0);
+}
+
+TEST_P(BothWriters, ReplacesACopyLockedByAStranger) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can create a file of another user";
+    directory_.write("conf", "A=1\n");
+    const HeldCopy copy(directory_);
+    ASSERT_EQ(chown(directory_.path("conf.cgi").c_str(), 3456, 3456), 0);
+    save();
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, SavesOnAFileSystemWithoutLocks) {
+    for (const int error : {ENOLCK, EOPNOTSUPP, EINVAL}) {
+        directory_.write("conf", "A=1\n");
+        error_of_flock = error;
+        pauses = 0;
+        save();
+        EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+        EXPECT_EQ(pauses, 0);
+        directory_.write("conf.cgi", "left");
+        save();
+        error_of_flock = 0;
+        EXPECT_FALSE(directory_.exists("conf.cgi"));
+    }
+}
+
+TEST_P(BothWriters, KeepsACopyThatBecomesTheOnlyOneIfPausedAtAnySystemCall) {
+    for (const bool locked : {true, false}) {
+        unsigned long alone = 0;
+        for_each_pause_point(
+            [&] {
+                remove_files(directory_);
+                directory_.write("conf", "A=1\nB=1\n");
+                directory_.write("conf.cgi", "left\n");
+            },
+            [&] { locked ? save() : save_without_lock(); },
+            [&] {
+                // Leaves the state of another writer that respected the lock of a copy and died
+                // between the removal of the file and the renaming.
+                const int left = open(directory_.path("conf.cgi").c_str(), O_RDONLY | O_CLOEXEC);
+                if (directory_.exists("conf") && (left < 0 || flock(left, LOCK_EX | LOCK_NB) == 0))
+                    fs::rename(path(), directory_.path("conf.cgi"));
+                close(left);
+            },
+            AfterPause::go_on,
+            [&](unsigned long n) {
+                alone += directory_.exists("conf") ? 0U : 1U;
+                const std::string text =
+                    directory_.read(directory_.exists("conf") ? "conf" : "conf.cgi");
+                EXPECT_NE(text.find("B=1\n"), std::string::npos) << n << "\n" << text;
+            });
+        EXPECT_GE(alone, 5U);
+    }
+}
+
+TEST_P(BothWriters, LeavesTheFileUnchangedIfTheModeCannotBeKept) {
+    directory_.write("conf", "A=1\n");
+    const FailCall refused(call_fchmod, 1, EPERM);
+    save();
+    EXPECT_EQ(refused.failures(), 1U);
+    EXPECT_EQ(directory_.read("conf"), "A=1\n");
+    EXPECT_FALSE(directory_.exists("conf.cgi"));
+}
+
+TEST_P(BothWriters, KeepsALockedCopyIfTheLockFileCannotBeOpened) {
+    for (const int kind : {LOCK_SH, LOCK_EX}) {
+        directory_.write("conf", "A=1\n");
+        directory_.write("conf.cgi", "left");
+        const OpenFile left(directory_.path("conf.cgi"), O_RDONLY);
+        ASSERT_EQ(flock(left.get(), kind), 0);
+        expect_to_return([&] { save_without_lock(); });
+        EXPECT_EQ(directory_.read("conf"), "A=1\n");
+        EXPECT_EQ(directory_.read("conf.cgi"), "left");
+    }
+}
+
+TEST_P(BothWriters, KeepsASymbolicLinkAtTheCopysNameIfTheLockFileCannotBeOpened) {
+    directory_.write("conf", "A=1\n");
+    fs::create_symlink("nowhere", directory_.path("conf.cgi"));
+    save_without_lock();
+    EXPECT_EQ(directory_.read("conf"), "A=1\n");
+    EXPECT_TRUE(fs::is_symlink(directory_.path("conf.cgi")));
+}
+
+TEST_P(BothWriters, ReplacesACopyLeftByADeadWriterEvenIfTheLockFileCannotBeOpened) {
+    directory_.write("conf", "A=1\n");
+    directory_.write("conf.cgi", "left");
+    save_without_lock();
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+    EXPECT_FALSE(directory_.exists("conf.cgi"));
+}
+
+TEST_P(BothWriters, CreatesNoCopyOfAFileThatCannotBeRead) {
+    for_each_kill_point([&] { directory_.remove("conf.lck"); }, [&] { save(); },
+                        [&](unsigned long n) {
+                            for (const std::string &name : directory_.names())
+                                EXPECT_EQ(name, "conf.lck") << n;
+                        });
+}
+
+TEST_P(BothWriters, TreatsAFifoOrADeviceAsAFileThatCannotBeRead) {
+    ASSERT_EQ(mkfifo(path().c_str(), 0600), 0);
+    expect_to_return([&] { save(); });
+    EXPECT_TRUE(fs::is_fifo(path()));
+    EXPECT_EQ(directory_.names(), with_lock_file({"conf"}));
+    directory_.remove("conf");
+    fs::create_symlink("/dev/zero", path());
+    expect_to_return([&] { save(); });
+    EXPECT_TRUE(fs::is_symlink(path()));
+    EXPECT_EQ(directory_.names(), with_lock_file({"conf"}));
+}
+
+TEST_P(BothWriters, ReplacesASymbolicLinkByAFile) {
+    directory_.write("target", "A=1\n");
+    fs::create_symlink("target", path());
+    save();
+    EXPECT_EQ(directory_.read("target"), "A=1\n");
+    EXPECT_FALSE(fs::is_symlink(path()));
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, ReturnsIfNewFilesBelongToAnotherUser) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can create files for another user";
+    directory_.write("conf", "A=1\n");
+    ASSERT_EQ(chmod(path().c_str(), 0666), 0);
+    ASSERT_EQ(chmod(directory_.path().c_str(), 0777), 0);
+    expect_to_return([&] {
+        setfsuid(1234);
+        save();
+    });
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
+}
+
+TEST_P(BothWriters, GivesOthersNoAccessToTheCopyBeforeItIsWhole) {
+    for (const mode_t mode : {0600U, 0666U}) {
+        for_each_kill_point(
+            [&] {
+                directory_.write("conf", "A=1\n" + std::string(9000, '\n'));
+                ASSERT_EQ(chmod(path().c_str(), mode), 0);
+                directory_.write("conf.cgi", "left");
+                ASSERT_EQ(chmod(directory_.path("conf.cgi").c_str(), 0666), 0);
+            },
+            [&] {
+                umask(0);
+                save();
+            },
+            [&](unsigned long n) {
+                if (!directory_.exists("conf.cgi") || directory_.read("conf.cgi") == "left")
+                    return;
+                const bool whole = status("conf.cgi").st_size == 9006;
+                EXPECT_EQ(status("conf.cgi").st_mode & 0077U & ~(whole ? mode : 0), 0U) << n;
+            });
+    }
+}
+
+TEST_P(BothWriters, ChangesNothingOnceTheCopyIsReplaced) {
+    unsigned long unchanged = 0;
+    for_each_pause_point([&] { directory_.write("conf", "A=1\n"); }, [&] { save(); },
+                         [&] {
+                             if (!directory_.exists("conf.cgi"))
+                                 return;
+                             directory_.remove("conf.cgi");
+                             directory_.write("conf.cgi", "another's");
+                         },
+                         AfterPause::go_on,
+                         [&](unsigned long n) {
+                             const std::string text = directory_.read("conf");
+                             const bool alone = text == "A=1\n" && directory_.exists("conf.cgi");
+                             unchanged += alone ? 1U : 0U;
+                             // After the check, the copy's name is not checked again.
+                             EXPECT_TRUE(alone || text == "A=\"x\"\n" || text == "another's")
+                                 << n << "\n"
+                                 << text;
+                             directory_.remove("conf.cgi");
+                         });
+    EXPECT_GE(unchanged, 5U);
+}
+
+TEST_P(BothWriters, DoesNotGiveTheGroupTheMaskOfAnAccessControlList) {
+    directory_.write("conf", "A=1\n");
     ASSERT_EQ(chmod(path().c_str(), 0600), 0);
     if (!AccessList()
              .add(AccessList::owner, 6)
@@ -476,12 +474,12 @@ TEST_P(BothWriters, GiveTheGroupNothingOfAnAccessControlListsMask) {
         GTEST_SKIP() << "no access control lists on this file system";
     ASSERT_EQ(mode(), 0660U);
     save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
     EXPECT_EQ(mode(), 0600U);
 }
 
-TEST_P(BothWriters, GiveNobodyWhatTheDirectorysDefaultListWouldGive) {
-    folder_.write("conf", "A=1\n");
+TEST_P(BothWriters, DoesNotApplyTheDefaultAccessControlListOfTheDirectory) {
+    directory_.write("conf", "A=1\n");
     ASSERT_EQ(chmod(path().c_str(), 0660), 0);
     if (!AccessList()
              .add(AccessList::owner, 7)
@@ -489,10 +487,10 @@ TEST_P(BothWriters, GiveNobodyWhatTheDirectorysDefaultListWouldGive) {
              .add(AccessList::group, 7)
              .add(AccessList::mask, 7)
              .add(AccessList::others, 0)
-             .set(folder_.path(), "system.posix_acl_default"))
+             .set(directory_.path(), "system.posix_acl_default"))
         GTEST_SKIP() << "no access control lists on this file system";
     save();
-    EXPECT_EQ(folder_.read("conf"), "A=\"x\"\n");
+    EXPECT_EQ(directory_.read("conf"), "A=\"x\"\n");
     EXPECT_EQ(mode(), 0660U);
     EXPECT_LT(getxattr(path().c_str(), "system.posix_acl_access", nullptr, 0), 0);
     EXPECT_EQ(errno, ENODATA);

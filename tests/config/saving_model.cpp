@@ -12,7 +12,8 @@ namespace corvel_test::saving_model {
 
 namespace {
 
-/** What a process does next: one system call, or a few that no other process can tell from one. */
+/** The next step of a process: one system call, or several that no other process can distinguish
+ * from one. */
 enum Step : std::uint8_t {
     open_lock,
     take_lock,
@@ -24,11 +25,11 @@ enum Step : std::uint8_t {
     open_left,
     lock_left,
     check_left,
-    look_for_file,
+    check_for_file,
     remove_left,
     close_left,
     replace_left,
-    look_at_file,
+    reopen_file,
     write_copy,
     check_copy,
     remove_file,
@@ -45,17 +46,18 @@ enum Step : std::uint8_t {
 };
 
 constexpr std::array<std::string_view, killed + 1> step_names = {
-    "open_lock",   "take_lock",  "check_lock", "open_file",   "create_copy", "lock_copy",
-    "check_new",   "open_left",  "lock_left",  "check_left",  "look_for",    "remove_left",
-    "close_left",  "replace",    "look_at",    "write_copy",  "check_copy",  "remove_file",
-    "rename_copy", "close_copy", "unlock",     "reopen_lock", "retake_lock", "recheck_lock",
-    "remove_lock", "close_lock", "finished",   "killed"};
+    "open_lock",   "take_lock",  "check_lock",  "open_file",   "create_copy", "lock_copy",
+    "check_new",   "open_left",  "lock_left",   "check_left",  "check_file",  "remove_left",
+    "close_left",  "replace",    "reopen_file", "write_copy",  "check_copy",  "remove_file",
+    "rename_copy", "close_copy", "unlock",      "reopen_lock", "retake_lock", "recheck_lock",
+    "remove_lock", "close_lock", "finished",    "killed"};
 
-constexpr std::size_t most_processes = 5;
+constexpr std::size_t max_processes = 5;
 constexpr std::uint8_t none = 255;
 constexpr std::uint8_t whole = 0x80;
 
-/** A file of settings: whose settings are in it, a bit each, and whether it is whole. */
+/** A file of settings: a bit for each process whose setting it contains, and whether it is whole.
+ */
 struct File {
     std::uint8_t content;
     std::uint8_t locked_by;
@@ -63,29 +65,29 @@ struct File {
 
 struct Writer {
     std::uint8_t step = open_lock;
-    std::uint8_t lock = none; /**< A lock file. */
+    std::uint8_t lock = none; /**< The lock file that it has open. */
     std::uint8_t original = none;
     std::uint8_t copy = none;
     std::uint8_t left = none;
     enum : std::uint8_t { nothing, no_file, gave_up, saved } outcome = nothing;
 };
 
-/** Only bytes, so that two states are the same if their bytes are. */
+/** Consists of bytes only, so that two states are equal if their bytes are. */
 struct State {
     std::uint8_t lock_name = none;
     std::uint8_t file_name = 0;
     std::uint8_t copy_name = none;
     std::uint8_t kills = 0;
-    std::array<std::uint8_t, most_processes + 1> lock_holders{};
-    std::array<File, 3 * most_processes + 2> files{};
-    std::array<Writer, most_processes> writers{};
+    std::array<std::uint8_t, max_processes + 1> lock_holders{};
+    std::array<File, 3 * max_processes + 2> files{};
+    std::array<Writer, max_processes> writers{};
 
     [[nodiscard]] std::string bytes() const {
         return {reinterpret_cast<const char *>(this), sizeof *this};
     }
 };
 static_assert(sizeof(State) ==
-              4 + most_processes + 1 + 2 * (3 * most_processes + 2) + 6 * most_processes);
+              4 + max_processes + 1 + 2 * (3 * max_processes + 2) + 6 * max_processes);
 
 class Walk {
   public:
@@ -99,7 +101,7 @@ class Walk {
         first.files[0].content = whole;
         for (std::size_t i = 0; i < processes_.size(); ++i)
             first.writers.at(i).step = processes_[i].without_lock ? open_file : open_lock;
-        for (std::size_t i = processes_.size(); i < most_processes; ++i)
+        for (std::size_t i = processes_.size(); i < max_processes; ++i)
             first.writers.at(i).step = finished;
         reach(first, {}, none);
         while (!to_visit_.empty() && verdict_.fault.empty()) {
@@ -111,7 +113,7 @@ class Walk {
         return verdict_;
     }
 
-    /** The states that the first process alone goes through. */
+    /** The successive states of a save by the first process alone. */
     std::vector<State> path_of_one() {
         State state;
         state.lock_holders.fill(none);
@@ -141,7 +143,7 @@ class Walk {
             step(next, i);
             reach(next, state.bytes(), i);
             if (at == lock_left && next.writers.at(i).step == create_copy) {
-                next.writers.at(i).step = close_copy; // it has waited for long enough
+                next.writers.at(i).step = close_copy; // it has waited long enough
                 next.writers.at(i).outcome = Writer::gave_up;
                 reach(next, state.bytes(), i);
             }
@@ -220,7 +222,7 @@ class Walk {
             file.locked_by = file.locked_by == i ? none : file.locked_by;
     }
 
-    /** Files without a name that no process has open are gone; the numbers are used again. */
+    /** Removes files that have no name and that no process has open; their numbers are reused. */
     static void forget_unreferenced(State &state) {
         std::array<bool, 256> used{};
         std::array<bool, 256> lock_used{};
@@ -238,7 +240,7 @@ class Walk {
                 state.lock_holders.at(i) = none;
     }
 
-    /** The lowest number of a file that nobody knows. */
+    /** The lowest number that no file has. */
     static std::uint8_t new_file(const State &state) {
         for (std::uint8_t i = 0;; ++i) {
             bool used = state.file_name == i || state.copy_name == i;
@@ -310,7 +312,7 @@ class Walk {
             break;
         case check_new_copy:
             if (options_.without_name_check_of_new_copy || state.copy_name == writer.copy) {
-                writer.step = look_at_file;
+                writer.step = reopen_file;
             } else {
                 release(state, i);
                 writer.copy = none;
@@ -319,7 +321,7 @@ class Walk {
             break;
         case open_left:
             writer.left = state.copy_name;
-            writer.step = writer.left != none ? lock_left : after_failed_look(process);
+            writer.step = writer.left != none ? lock_left : after_failed_removal(process);
             break;
         case lock_left:
             if (std::uint8_t &owner = state.files.at(writer.left).locked_by;
@@ -330,16 +332,16 @@ class Walk {
                 writer.left = none;
                 writer.step = options_.distrustful && !process.without_lock
                                   ? replace_left
-                                  : after_failed_look(process);
+                                  : after_failed_removal(process);
             }
             break;
         case check_left:
             writer.step = options_.without_name_check_of_left_copy || state.copy_name == writer.left
-                              ? look_for_file
+                              ? check_for_file
                               : close_left;
             break;
-        case look_for_file:
-            writer.step = options_.without_look_for_file_before_removal_of_left_copy ||
+        case check_for_file:
+            writer.step = options_.without_check_for_file_before_removal_of_left_copy ||
                                   state.file_name != none
                               ? remove_left
                               : close_left;
@@ -353,7 +355,7 @@ class Walk {
         case close_left:
             release(state, i);
             writer.left = none;
-            writer.step = after_failed_look(process);
+            writer.step = after_failed_removal(process);
             break;
         case replace_left:
             if (state.file_name != none) {
@@ -363,8 +365,8 @@ class Walk {
                 writer.step = close_copy;
             }
             break;
-        case look_at_file:
-            if (!options_.without_second_look_at_file)
+        case reopen_file:
+            if (!options_.without_reopening_file)
                 writer.original = state.file_name;
             writer.step = write_copy;
             if (writer.original == none) {
@@ -437,8 +439,8 @@ class Walk {
         writer.lock = none;
     }
 
-    /** The next step where a left copy cannot be removed. */
-    static Step after_failed_look(const Process &process) {
+    /** The next step if a left copy cannot be removed. */
+    static Step after_failed_removal(const Process &process) {
         return process.without_lock ? close_copy : create_copy;
     }
 

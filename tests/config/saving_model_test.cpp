@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/** Every order in which several processes can save one file, in a model, and that the model is one
- * of what the library does. */
+/** Checks every order in which several processes can save one file, in a model, and that the model
+ * agrees with the library. */
 #include "tests/config/saving_model.h"
 
 #include "tests/config/writers.h"
@@ -33,23 +33,22 @@ void expect_fault(const std::string &fault, const std::vector<Process> &processe
     EXPECT_EQ(verdict.fault.substr(0, verdict.fault.find(':')), fault) << verdict.fault;
 }
 
-TEST(SavingModel, GoesThroughTheListingsOfARealSave) {
+TEST(SavingModel, HasTheDirectoryListingsOfARealSave) {
     for (const auto &[kind, writer] :
          {std::pair(Kind::keeps_lock_file, &save_prop_writer),
           std::pair(Kind::removes_lock_file, &save_global_conf_writer)}) {
         const Writer &saving = *writer;
-        const TemporaryDirectory folder;
+        const TemporaryDirectory directory;
         std::vector<Listing> listings;
         for_each_kill_point(
             [&] {
-                for (const std::string &name : folder.names())
-                    folder.remove(name);
-                folder.write("conf", "A=1\n");
+                remove_files(directory);
+                directory.write("conf", "A=1\n");
             },
-            [&] { saving.set(folder.path("conf"), "A", "x"); },
+            [&] { saving.set(directory.path("conf"), "A", "x"); },
             [&](unsigned long) {
                 Listing listing;
-                for (const std::string &name : folder.names())
+                for (const std::string &name : directory.names())
                     listing += name + " ";
                 if (listings.empty() || listings.back() != listing)
                     listings.push_back(listing);
@@ -58,18 +57,18 @@ TEST(SavingModel, GoesThroughTheListingsOfARealSave) {
     }
 }
 
-TEST(SavingModel, LosesNothingOfFourWritersWithTheLock) {
+TEST(SavingModel, LosesNothingWithFourLockedWriters) {
     expect_no_fault({keeper, keeper, keeper, keeper});
     expect_no_fault({keeper, keeper, remover, remover});
     expect_no_fault({remover, remover, remover, remover});
     expect_no_fault({keeper, remover, remover, remover}, {.kills = 1});
 }
 
-TEST(SavingModel, LosesNothingOfThreeWritersWithTheLockOfWhichAllMayBeKilled) {
+TEST(SavingModel, LosesNothingWithThreeLockedWritersThatMayAllBeKilled) {
     expect_no_fault({keeper, remover, remover}, {.kills = 3});
 }
 
-TEST(SavingModel, LosesNothingOfWritersWithAndWithoutTheLock) {
+TEST(SavingModel, LosesNothingWithLockedAndUnlockedWriters) {
     expect_no_fault({keeper, unlocked}, {.kills = 2});
     expect_no_fault({unlocked, unlocked, unlocked}, {.kills = 1});
     expect_no_fault({keeper, remover, unlocked});
@@ -77,7 +76,7 @@ TEST(SavingModel, LosesNothingOfWritersWithAndWithoutTheLock) {
     expect_no_fault({keeper, remover, unlocked}, {.kills = 1});
 }
 
-TEST(SavingModel, FindsTwoInsideWithoutEachCheckOfTheLockFilesName) {
+TEST(SavingModel, FindsTwoInsideIfACheckOfTheLockFilesNameIsMissing) {
     expect_fault("two inside", {keeper, remover, remover}, {.without_name_check_of_lock = true});
     expect_no_fault({remover, remover, remover},
                     {.without_name_check_before_removal_of_lock = true});
@@ -89,21 +88,21 @@ TEST(SavingModel, FindsALossWithoutTheLockOnTheCopy) {
     expect_fault("lost", {unlocked, unlocked}, {.without_lock_on_copy = true});
 }
 
-TEST(SavingModel, FindsAFaultWithoutEachCheckOfTheCopysName) {
+TEST(SavingModel, FindsAFaultIfACheckOfTheCopysNameIsMissing) {
     expect_fault("not saved", {keeper, unlocked}, {.without_name_check_of_new_copy = true});
     expect_fault("lost", {keeper, unlocked}, {.without_name_check_of_left_copy = true});
 }
 
-TEST(SavingModel, FindsALossWithoutTheLookForTheFile) {
+TEST(SavingModel, FindsALossIfACopyIsRemovedWithoutACheckForTheFile) {
     expect_fault("lost", {keeper, unlocked},
-                 {.kills = 2, .without_look_for_file_before_removal_of_left_copy = true});
+                 {.kills = 2, .without_check_for_file_before_removal_of_left_copy = true});
 }
 
-TEST(SavingModel, FindsALostSettingWithoutTheSecondLookAtTheFile) {
-    expect_fault("a setting is lost", {keeper, unlocked}, {.without_second_look_at_file = true});
+TEST(SavingModel, FindsALostSettingIfTheFileIsNotReopened) {
+    expect_fault("a setting is lost", {keeper, unlocked}, {.without_reopening_file = true});
 }
 
-TEST(SavingModel, FindsALossWhereAWriterWithoutTheLockIsTakenForAStranger) {
+TEST(SavingModel, FindsALossIfAnUnlockedWriterIsTreatedAsAStranger) {
     expect_fault("lost", {keeper, unlocked}, {.distrustful = true});
 }
 

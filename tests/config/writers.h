@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** The two functions that save a configuration file, for tests of what holds for both. */
+/** save_prop() and save_global_conf(), for tests of their common contract. */
 #ifndef CORVEL_TESTS_WRITERS_H
 #define CORVEL_TESTS_WRITERS_H
 
@@ -20,11 +20,12 @@ namespace corvel_test {
 
 using Names = std::vector<std::string>;
 
+/** One of the two functions. */
 struct Writer {
     std::string name;
-    /** Sets a name in a file to a value, in quotes. */
+    /** Sets the line of a name to a value in quotes. */
     void (*set)(const std::string &path, const std::string &name, const std::string &value);
-    /** The longest path whose companions' names fit their buffers. */
+    /** The length of the longest path whose companion names fit their buffers. */
     std::size_t longest_path;
     bool keeps_lock_file;
 };
@@ -35,7 +36,7 @@ inline void set_with_save_prop(const std::string &path, const std::string &name,
                                const std::string &value) {
     std::string own_name = name;
     std::string own_value = value;
-    const prop_entry row = {2, 257, own_name.data(), own_value.data()};
+    const prop_entry row = {2, CORVEL_PROP_VALUE_SIZE, own_name.data(), own_value.data()};
     EXPECT_EQ(save_prop('=', path.c_str(), &row, 1), 1);
 }
 
@@ -44,24 +45,26 @@ inline void set_with_save_global_conf(const std::string &path, const std::string
     EXPECT_EQ(save_global_conf('=', path.c_str(), "", name.c_str(), value.c_str()), 1);
 }
 
-inline const Writer save_prop_writer = {"SaveProp", set_with_save_prop, 1019, true};
-inline const Writer save_global_conf_writer = {"SaveGlobalConf", set_with_save_global_conf, 250,
-                                               false};
+inline const Writer save_prop_writer = {"save_prop", set_with_save_prop,
+                                        CORVEL_PATH_SIZE - sizeof ".cgi", true};
+inline const Writer save_global_conf_writer = {"save_global_conf", set_with_save_global_conf,
+                                               CORVEL_GLOBAL_CONF_COPY_SIZE - sizeof ".cgi", false};
 
-/** Sets a name in a file by a writer that cannot open the lock file. */
+/** Sets a name with the first open() failing: the lock file cannot be opened. */
 inline void set_without_lock(const Writer &writer, const std::string &path, const std::string &name,
                              const std::string &value) {
     const FailCall lock_file(call_open, 1, EMFILE);
     writer.set(path, name, value);
 }
 
-/** A directory with a file "conf", in which either writer sets A to "x". */
+/** Tests of each function, which sets A to "x" in the file "conf" of a directory. */
 class BothWriters : public testing::TestWithParam<Writer> {
   protected:
     void save() const { GetParam().set(path(), "A", "x"); }
     void save_without_lock() const { set_without_lock(GetParam(), path(), "A", "x"); }
-    [[nodiscard]] std::string path() const { return folder_.path("conf"); }
-    /** The directory's content after a save: the named files and, if it stays, the lock file. */
+    [[nodiscard]] std::string path() const { return directory_.path("conf"); }
+    /** The names in the directory after a save: @p names and, if the function keeps it, the lock
+     * file. */
     [[nodiscard]] static Names with_lock_file(Names names) {
         if (GetParam().keeps_lock_file)
             names.emplace_back("conf.lck");
@@ -69,13 +72,19 @@ class BothWriters : public testing::TestWithParam<Writer> {
     }
     [[nodiscard]] struct stat status(const char *name) const {
         struct stat status {};
-        EXPECT_EQ(lstat(folder_.path(name).c_str(), &status), 0) << name;
+        EXPECT_EQ(lstat(directory_.path(name).c_str(), &status), 0) << name;
         return status;
     }
     [[nodiscard]] mode_t mode() const { return status("conf").st_mode & 07777U; }
 
-    TemporaryDirectory folder_;
+    TemporaryDirectory directory_;
 };
+
+/** Removes every file of a directory. */
+inline void remove_files(const TemporaryDirectory &directory) {
+    for (const std::string &name : directory.names())
+        directory.remove(name);
+}
 
 inline std::string name_of_writer(const testing::TestParamInfo<Writer> &writer) {
     return writer.param.name;
