@@ -5,135 +5,100 @@
 #include <climits>
 #include <cstdio>
 #include <fcntl.h>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 #include "tests/cgi/list_contents.h"
+#include "tests/cgi/printed.h"
+#include "tests/cgi/row_table.h"
 #include "tests/support/child_process.h"
 #include "tests/support/output_capture.h"
 
 namespace corvel_test {
 namespace {
 
-/** What a call printed and returned. */
-struct Printed {
-    std::string text;
-    int result = 0;
-
-    bool operator==(const Printed &) const = default;
-};
-
-void PrintTo(const Printed &printed, std::ostream *out) {
-    *out << testing::PrintToString(printed.text) << ", result " << printed.result;
-}
-
-Printed printed(const std::function<int()> &call) {
-    Printed printed;
-    printed.text = capture_stdout([&] { printed.result = call(); });
-    return printed;
-}
-
-/** The expected text, and its length as the expected result: what printf() returns. */
+/** The expected output, and its length as the expected result, as of printf(). */
 Printed printf_of(const std::string &text) { return {text, static_cast<int>(text.size())}; }
 
-// ----------------------------------------------------------------------------- heads and tails
+std::string pairs(const str_node *list) {
+    return capture_stdout([&] { list2json_data(list); });
+}
 
-TEST(JsonPieces, SectionHeadIsTheNameAndAnOpenArray) {
+Printed table_printed(const Fields &rows) {
+    const RowTable table(rows);
+    Printed result = printed([&] { return prop2json(table.data(), table.count()); });
+    EXPECT_EQ(table.strings(), rows) << "the table is changed";
+    return result;
+}
+
+// --- Heads and tails ---
+
+TEST(printjson_hdr0, PrintsTheNameAndABracket) {
     EXPECT_EQ(printed([] { return printjson_hdr0("lan"); }), printf_of("\t\"lan\": [\n"));
     EXPECT_EQ(printed([] { return printjson_hdr0(""); }), printf_of("\t\"\": [\n"));
 }
 
-TEST(JsonPieces, NullSectionNameIsTheEmptyName) {
-    EXPECT_EQ(printed([] { return printjson_hdr0(nullptr); }), printf_of("\t\"\": [\n"));
-    EXPECT_EQ(printed([] { return printjson_hdr(nullptr); }), (Printed{"\t\"\": [\n\t{", 2}));
-    EXPECT_EQ(printed([] { return list2json(nullptr, nullptr); }),
-              (Printed{"{\n\t\"\": [\n\t{\n\n\t}\n\t]\n}", 4}));
-}
-
-TEST(JsonPieces, SectionNameIsWrittenAsItStandsWhateverItsLength) {
+TEST(printjson_hdr0, PrintsANameOfAnyLengthUnchanged) {
     EXPECT_EQ(printed([] { return printjson_hdr0("%s\"\\%n"); }), printf_of("\t\"%s\"\\%n\": [\n"));
     const std::string name(100000, 'n');
     EXPECT_EQ(printed([&] { return printjson_hdr0(name.c_str()); }),
               printf_of("\t\"" + name + "\": [\n"));
 }
 
-TEST(JsonPieces, ObjectHeadIsATabAndABrace) {
-    EXPECT_EQ(printed(printjson_hdr1), printf_of("\t{"));
-}
+TEST(printjson_hdr1, PrintsATabAndABrace) { EXPECT_EQ(printed(printjson_hdr1), printf_of("\t{")); }
 
-TEST(JsonPieces, WholeHeadIsBothAndReturnsTheSecondCount) {
+TEST(printjson_hdr, PrintsBothHeadsAndReturnsTheLengthOfTheSecond) {
     EXPECT_EQ(printed([] { return printjson_hdr("lan"); }), (Printed{"\t\"lan\": [\n\t{", 2}));
 }
 
-TEST(JsonPieces, ObjectTailIsABraceAndReturnsThatCharacter) {
+TEST(printjson_tail0, PrintsABraceAndReturnsIt) {
     EXPECT_EQ(printed(printjson_tail0), (Printed{"}", '}'}));
 }
 
-TEST(JsonPieces, SectionTailIsATabAndABracket) {
+TEST(printjson_tail1, PrintsATabAndABracket) {
     EXPECT_EQ(printed(printjson_tail1), printf_of("\t]"));
 }
 
-TEST(JsonPieces, WholeTailClosesBothAndReturnsTheLastCount) {
+TEST(printjson_tail, PrintsBothTailsAndReturnsTheLengthOfTheSecond) {
     EXPECT_EQ(printed(printjson_tail), (Printed{"\n\t}\n\t]", 2}));
 }
 
-TEST(JsonPieces, ReturnANegativeNumberWhereTheOutputCannotBeWritten) {
-    expect_in_child([] {
-        const int real_output = dup(STDOUT_FILENO);
-        std::setvbuf(stdout, nullptr, _IONBF, 0);
-        const int full = open("/dev/full", O_WRONLY);
-        dup2(full, STDOUT_FILENO);
-        const std::array results{printjson_hdr0("lan"),    printjson_hdr1(),  printjson_hdr("lan"),
-                                 printjson_tail0(),        printjson_tail1(), printjson_tail(),
-                                 list2json(nullptr, "lan")};
-        dup2(real_output, STDOUT_FILENO);
-        for (const int result : results)
-            EXPECT_LT(result, 0);
-    });
-}
+// --- list2json_data ---
 
-// -------------------------------------------------------------------------------- pairs of a list
+TEST(list2json_data, PrintsNothingForANullList) { EXPECT_EQ(pairs(nullptr), ""); }
 
-std::string pairs(const str_node *list) {
-    return capture_stdout([&] { list2json_data(list); });
-}
-
-TEST(JsonOfAList, NullListHasNoPairs) { EXPECT_EQ(pairs(nullptr), ""); }
-
-TEST(JsonOfAList, OnePairHasNoSeparatorAndNoLineEnd) {
+TEST(list2json_data, PrintsOnePairWithoutASeparatorOrANewline) {
     const OwnedList list(Fields{{"a", "1"}});
     EXPECT_EQ(pairs(list.head()), "\t\"a\":\"1\"");
 }
 
-TEST(JsonOfAList, PairsAreSeparatedByACommaAndALineEndInListOrder) {
+TEST(list2json_data, SeparatesPairsByACommaAndANewlineInListOrder) {
     const OwnedList list(Fields{{"b", "2"}, {"a", "1"}, {"b", "3"}});
     EXPECT_EQ(pairs(list.head()), "\t\"b\":\"2\",\n\t\"a\":\"1\",\n\t\"b\":\"3\"");
 }
 
-TEST(JsonOfAList, NamesAndValuesAreWrittenAsTheyStand) {
+TEST(list2json_data, PrintsNamesAndValuesUnchanged) {
     const OwnedList list(
         Fields{{"", ""}, {"%s\"", "\"quoted\""}, {"\\", "a\nb\tc\x01\xff%n</script>"}});
     EXPECT_EQ(pairs(list.head()), "\t\"\":\"\",\n\t\"%s\"\":\"\"quoted\"\",\n"
                                   "\t\"\\\":\"a\nb\tc\x01\xff%n</script>\"");
 }
 
-TEST(JsonOfAList, TextsOfFullLengthAreNotCut) {
-    const std::string name(254, 'n');
-    const std::string value(4096, 'v');
+TEST(list2json_data, DoesNotTruncateStringsOfFullLength) {
+    const std::string name(CORVEL_FIELD_NAME_SIZE - 1, 'n');
+    const std::string value(CORVEL_FIELD_VALUE_SIZE - 1, 'v');
     const OwnedList list(Fields{{name, value}, {name, value}});
     const std::string pair = "\t\"" + name + "\":\"" + value + "\"";
     EXPECT_EQ(pairs(list.head()), pair + ",\n" + pair);
 }
 
-TEST(JsonOfAList, PairsMayStartAtAnyRecord) {
+TEST(list2json_data, StartsAtAnyRecord) {
     const OwnedList list(Fields{{"a", "1"}, {"b", "2"}, {"c", "3"}});
     EXPECT_EQ(pairs(list.head()->next), "\t\"b\":\"2\",\n\t\"c\":\"3\"");
 }
 
-TEST(JsonOfAList, ListIsLeftAsItIs) {
+TEST(list2json_data, LeavesTheListUnchanged) {
     const Fields fields{{"a", "\"1\""}, {"b", "2"}};
     const OwnedList list(fields);
     pairs(list.head());
@@ -141,7 +106,7 @@ TEST(JsonOfAList, ListIsLeftAsItIs) {
     EXPECT_EQ(contents(list.head()), fields);
 }
 
-TEST(JsonOfAList, ThousandsOfPairsKeepTheirOrder) {
+TEST(list2json_data, KeepsTheOrderOfThousandsOfPairs) {
     Fields fields;
     std::string expected;
     for (int i = 0; i < 3000; ++i) {
@@ -153,79 +118,55 @@ TEST(JsonOfAList, ThousandsOfPairsKeepTheirOrder) {
     EXPECT_EQ(pairs(list.head()), expected);
 }
 
-// ------------------------------------------------------------------------------- whole documents
+// --- list2json ---
 
-TEST(JsonDocument, HoldsOneSectionOfTheListsPairs) {
+TEST(list2json, PrintsOneSectionWithThePairsOfTheList) {
     const OwnedList list(Fields{{"a", "1"}, {"b", "2"}});
     EXPECT_EQ(printed([&] { return list2json(list.head(), "data"); }),
               (Printed{"{\n\t\"data\": [\n\t{\n\t\"a\":\"1\",\n\t\"b\":\"2\"\n\t}\n\t]\n}", 4}));
 }
 
-TEST(JsonDocument, OfOneFieldHasNoSeparator) {
+TEST(list2json, PrintsOneFieldWithoutASeparator) {
     const OwnedList list(Fields{{"a", "1"}});
     EXPECT_EQ(printed([&] { return list2json(list.head(), "data"); }),
               (Printed{"{\n\t\"data\": [\n\t{\n\t\"a\":\"1\"\n\t}\n\t]\n}", 4}));
 }
 
-TEST(JsonDocument, OfANullListHoldsAnEmptyObject) {
+TEST(list2json, PrintsAnEmptyObjectForANullList) {
     EXPECT_EQ(printed([] { return list2json(nullptr, "x"); }),
               (Printed{"{\n\t\"x\": [\n\t{\n\n\t}\n\t]\n}", 4}));
 }
 
-TEST(JsonDocument, SectionNameIsWrittenAsItStands) {
+TEST(list2json, PrintsTheNameUnchanged) {
     EXPECT_EQ(printed([] { return list2json(nullptr, "%s\""); }),
               (Printed{"{\n\t\"%s\"\": [\n\t{\n\n\t}\n\t]\n}", 4}));
 }
 
-// ------------------------------------------------------------------------------ pairs of a table
+// --- prop2json ---
 
-/** A table whose rows point to texts of the test's own; the size fields are nonsense. */
-class Table {
-  public:
-    explicit Table(const Fields &rows) : texts_(rows) {
-        for (auto &[name, value] : texts_)
-            rows_.push_back({0xFFFFFFFFU, 0, name.data(), value.data()});
-    }
-
-    [[nodiscard]] const prop_entry *data() const { return rows_.data(); }
-    [[nodiscard]] int count() const { return static_cast<int>(rows_.size()); }
-    [[nodiscard]] const Fields &texts() const { return texts_; }
-
-  private:
-    Fields texts_;
-    std::vector<prop_entry> rows_;
-};
-
-Printed table_printed(const Fields &rows) {
-    const Table table(rows);
-    Printed result = printed([&] { return prop2json(table.data(), table.count()); });
-    EXPECT_EQ(table.texts(), rows) << "the table was changed";
-    return result;
-}
-
-TEST(JsonOfATable, PairsAreSeparatedByACommaAndALineEndInTableOrder) {
+TEST(prop2json, SeparatesPairsByACommaAndANewlineInTableOrder) {
     EXPECT_EQ(table_printed({{"b", "2"}, {"a", "1"}, {"b", "3"}}),
               (Printed{"\t\"b\":\"2\",\n\t\"a\":\"1\",\n\t\"b\":\"3\"", 0}));
 }
 
-TEST(JsonOfATable, OnePairHasNoSeparatorAndNoLineEnd) {
+TEST(prop2json, PrintsOnePairWithoutASeparatorOrANewline) {
     EXPECT_EQ(table_printed({{"a", "1"}}), (Printed{"\t\"a\":\"1\"", 0}));
 }
 
-TEST(JsonOfATable, OnlyTheCountedRowsArePrinted) {
-    const Table table(Fields{{"a", "1"}, {"b", "2"}, {"c", "3"}});
+TEST(prop2json, PrintsOnlyTheCountedRows) {
+    const RowTable table(Fields{{"a", "1"}, {"b", "2"}, {"c", "3"}});
     EXPECT_EQ(printed([&] { return prop2json(table.data(), 2); }),
               (Printed{"\t\"a\":\"1\",\n\t\"b\":\"2\"", 0}));
 }
 
-TEST(JsonOfATable, CountOfZeroOrLessPrintsNothing) {
-    const Table table(Fields{{"a", "1"}});
+TEST(prop2json, PrintsNothingForACountOfZeroOrLess) {
+    const RowTable table(Fields{{"a", "1"}});
     for (const int count : {0, -1, INT_MIN})
         EXPECT_EQ(printed([&] { return prop2json(table.data(), count); }), (Printed{"", 0}));
     EXPECT_EQ(printed([] { return prop2json(nullptr, 0); }), (Printed{"", 0}));
 }
 
-TEST(JsonOfATable, OneDoubleQuoteIsRemovedFromEachEndOfAValue) {
+TEST(prop2json, RemovesOneDoubleQuoteFromEachEndOfAValue) {
     const std::array<std::array<const char *, 2>, 12> cases{{{"\"on\"", "on"},
                                                              {"\"on", "on"},
                                                              {"on\"", "on"},
@@ -245,16 +186,16 @@ TEST(JsonOfATable, OneDoubleQuoteIsRemovedFromEachEndOfAValue) {
     }
 }
 
-TEST(JsonOfATable, QuotesOfNamesAreKept) {
+TEST(prop2json, KeepsTheQuotesOfNames) {
     EXPECT_EQ(table_printed({{"\"a\"", "1"}}), (Printed{"\t\"\"a\"\":\"1\"", 0}));
 }
 
-TEST(JsonOfATable, NamesAndValuesAreWrittenAsTheyStand) {
+TEST(prop2json, PrintsNamesAndValuesUnchanged) {
     EXPECT_EQ(table_printed({{"%s\\", "a\nb\tc\x01\xff%n\\"}, {"", ""}}),
               (Printed{"\t\"%s\\\":\"a\nb\tc\x01\xff%n\\\",\n\t\"\":\"\"", 0}));
 }
 
-TEST(JsonOfATable, RowWithoutTextsIsAnEmptyPair) {
+TEST(prop2json, PrintsAnEmptyPairForARowWithoutStrings) {
     std::string text = "x";
     const std::array<prop_entry, 3> table{
         {{0, 0, nullptr, nullptr}, {0, 0, text.data(), nullptr}, {0, 0, nullptr, text.data()}}};
@@ -262,7 +203,7 @@ TEST(JsonOfATable, RowWithoutTextsIsAnEmptyPair) {
               (Printed{"\t\"\":\"\",\n\t\"x\":\"\",\n\t\"\":\"x\"", 0}));
 }
 
-TEST(JsonOfATable, LongTextsAreNotCut) {
+TEST(prop2json, DoesNotTruncateLongStrings) {
     for (const std::size_t length : {254U, 255U, 256U, 257U, 258U, 4096U, 100000U}) {
         SCOPED_TRACE(length);
         const std::string value(length, 'v');
@@ -272,25 +213,48 @@ TEST(JsonOfATable, LongTextsAreNotCut) {
     }
 }
 
-TEST(JsonOfATable, StoredValueOf257CharactersIsWrittenWhole) {
-    const std::string value(257, 'v');
-    std::string quoted(257, 'q');
+TEST(prop2json, PrintsAllOfAStoredValueOf257Characters) {
+    const std::string value(CORVEL_PROP_VALUE_SIZE, 'v');
+    std::string quoted(CORVEL_PROP_VALUE_SIZE, 'q');
     quoted.front() = quoted.back() = '"';
     std::array<prop_entry, 2> table{};
-    ASSERT_EQ(ins_pr("a", (value + "cut").c_str(), table.data(), 0), 1);
-    ASSERT_EQ(ins_pr("b", (quoted + "cut").c_str(), &table[1], 1), 1);
-    EXPECT_EQ(
-        printed([&] { return prop2json(table.data(), 2); }),
-        (Printed{"\t\"a\":\"" + value + "\",\n\t\"b\":\"" + std::string(255, 'q') + "\"", 0}));
+    ASSERT_EQ(ins_pr("a", (value + "more").c_str(), table.data(), 0), 1);
+    ASSERT_EQ(ins_pr("b", (quoted + "more").c_str(), &table[1], 1), 1);
+    EXPECT_EQ(printed([&] { return prop2json(table.data(), 2); }),
+              (Printed{"\t\"a\":\"" + value + "\",\n\t\"b\":\"" +
+                           std::string(CORVEL_PROP_VALUE_SIZE - 2, 'q') + "\"",
+                       0}));
     free_prop(table.data(), 2);
     EXPECT_EQ(printed([&] { return prop2json(table.data(), 2); }),
               (Printed{"\t\"\":\"\",\n\t\"\":\"\"", 0}))
-        << "a freed table has rows without texts";
+        << "the rows of a freed table have no strings";
 }
 
-// ------------------------------------------------------------------------- documents from pieces
+// --- All functions ---
 
-TEST(JsonComposition, PiecesGiveTheBytesOfTheWholeDocumentButForTheLineEndInFrontOfThePairs) {
+TEST(JsonOutput, ReadsANullNameAsTheEmptyString) {
+    EXPECT_EQ(printed([] { return printjson_hdr0(nullptr); }), printf_of("\t\"\": [\n"));
+    EXPECT_EQ(printed([] { return printjson_hdr(nullptr); }), (Printed{"\t\"\": [\n\t{", 2}));
+    EXPECT_EQ(printed([] { return list2json(nullptr, nullptr); }),
+              (Printed{"{\n\t\"\": [\n\t{\n\n\t}\n\t]\n}", 4}));
+}
+
+TEST(JsonOutput, ReturnsANegativeNumberIfItCannotBeWritten) {
+    expect_in_child([] {
+        const int real_output = dup(STDOUT_FILENO);
+        std::setvbuf(stdout, nullptr, _IONBF, 0);
+        const int full = open("/dev/full", O_WRONLY);
+        dup2(full, STDOUT_FILENO);
+        const std::array results{printjson_hdr0("lan"),    printjson_hdr1(),  printjson_hdr("lan"),
+                                 printjson_tail0(),        printjson_tail1(), printjson_tail(),
+                                 list2json(nullptr, "lan")};
+        dup2(real_output, STDOUT_FILENO);
+        for (const int result : results)
+            EXPECT_LT(result, 0);
+    });
+}
+
+TEST(JsonOutput, OfThePiecesIsTheWholeDocumentExceptForTheNewlineBeforeThePairs) {
     const OwnedList list(Fields{{"a", "1"}, {"b", "2"}});
     const std::string whole = capture_stdout([&] { list2json(list.head(), "data"); });
     const std::string composed = capture_stdout([&] {
@@ -304,7 +268,7 @@ TEST(JsonComposition, PiecesGiveTheBytesOfTheWholeDocumentButForTheLineEndInFron
     EXPECT_EQ(composed, whole);
 }
 
-TEST(JsonComposition, SinglePiecesGiveTheSameHeadAndTail) {
+TEST(JsonOutput, OfTheSingleHeadsAndTailsIsThatOfTheCombinedOnes) {
     const std::string together = capture_stdout([] {
         printjson_hdr("lan");
         printjson_tail();
@@ -321,9 +285,9 @@ TEST(JsonComposition, SinglePiecesGiveTheSameHeadAndTail) {
     EXPECT_EQ(apart, together);
 }
 
-TEST(JsonComposition, DocumentOfSeveralSectionsComesOutInTheOrderOfTheCalls) {
+TEST(JsonOutput, OfSeveralSectionsIsInTheOrderOfTheCalls) {
     const OwnedList list(Fields{{"a", "1"}, {"b", "2"}});
-    const Table table(Fields{{"c", "\"3\""}, {"d", "4"}});
+    const RowTable table(Fields{{"c", "\"3\""}, {"d", "4"}});
     const std::string document = capture_stdout([&] {
         std::printf("Content-Type: application/json\r\n\r\n{\n");
         printjson_hdr("lan");
@@ -342,9 +306,9 @@ TEST(JsonComposition, DocumentOfSeveralSectionsComesOutInTheOrderOfTheCalls) {
                         "\t\"wlan\": [\n\t{\n\t\"c\":\"3\",\n\t\"d\":\"4\"\n\t}\n\t]\n}\n");
 }
 
-TEST(JsonComposition, EachCallStandsBetweenWhatTheProgramPrintsBeforeAndAfter) {
+TEST(JsonOutput, IsInOrderWithTheOutputOfTheProgram) {
     const OwnedList list(Fields{{"a", std::string(4096, 'v')}, {"b", std::string(4096, 'w')}});
-    const Table table(Fields{{"c", std::string(9000, 'x')}});
+    const RowTable table(Fields{{"c", std::string(9000, 'x')}});
     const std::string output = capture_stdout([&] {
         std::printf("1");
         list2json_data(list.head());

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** A field list as a value that can be compared and printed. */
+/** Field lists as values that can be compared and printed. */
 #ifndef CORVEL_TESTS_LIST_CONTENTS_H
 #define CORVEL_TESTS_LIST_CONTENTS_H
 
@@ -15,7 +15,7 @@ namespace corvel_test {
 /** Names and values, in list order. */
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
-/** The fields of a list. A text that fills its array without a terminator ends with the array. */
+/** The fields of a list. An unterminated string ends at the end of its array. */
 inline Fields contents(const str_node *list) {
     Fields fields;
     for (; list != nullptr; list = list->next) {
@@ -25,20 +25,20 @@ inline Fields contents(const str_node *list) {
     return fields;
 }
 
-/** A list that frees itself. */
+/** A field list; the destructor frees it. */
 class OwnedList {
   public:
     OwnedList() = default;
-    explicit OwnedList(const Fields &fields) {
-        for (const auto &[name, value] : fields) {
-            add_str(&head_, name.c_str(), value.c_str());
-        }
-    }
+    explicit OwnedList(const Fields &fields) { append(fields); }
     OwnedList(const OwnedList &) = delete;
     OwnedList &operator=(const OwnedList &) = delete;
     ~OwnedList() { free_list(&head_); }
 
-    str_node *head() const { return head_; }
+    void append(const Fields &fields) {
+        for (const auto &[name, value] : fields)
+            add_str(&head_, name.c_str(), value.c_str());
+    }
+    [[nodiscard]] str_node *head() const { return head_; }
     str_node **address() { return &head_; }
 
   private:
