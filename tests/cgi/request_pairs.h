@@ -1,8 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/**
- * The surroundings of one request, the rows that a decoder fills from it, and the rule of the
- * decoding told a second time, with plain strings.
- */
+/** The environment of a request, the rows that a decoder fills from it, and a model of decoding. */
 #ifndef CORVEL_TESTS_REQUEST_PAIRS_H
 #define CORVEL_TESTS_REQUEST_PAIRS_H
 
@@ -22,7 +19,7 @@ namespace corvel_test {
 /** Decoded names and values, in request order. */
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-/** What the web server hands over. Without a `length`, CONTENT_LENGTH is that of the body. */
+/** The input from the web server. Without a `length`, CONTENT_LENGTH is that of the body. */
 struct Request {
     std::optional<std::string> method = std::nullopt;
     std::optional<std::string> query = std::nullopt;
@@ -36,11 +33,11 @@ struct Request {
     }
 };
 
-/** Puts a request where a CGI program finds it, for as long as the object lives. */
-class Surroundings {
+/** Provides a request to a CGI program during its lifetime. */
+class RequestEnvironment {
   public:
-    explicit Surroundings(const Request &request,
-                          StandardInput::Kind kind = StandardInput::Kind::file)
+    explicit RequestEnvironment(const Request &request,
+                                StandardInput::Kind kind = StandardInput::Kind::file)
         : method_("REQUEST_METHOD", request.method),
           length_("CONTENT_LENGTH", request.content_length()),
           query_("QUERY_STRING", request.query), referer_("HTTP_REFERER", "http://192.168.1.1/"),
@@ -54,17 +51,17 @@ class Surroundings {
     StandardInput input_;
 };
 
-/** Rows for a decoder, whose texts are freed when the object goes. */
-class Rows {
+/** Rows for a decoder; the destructor frees their strings. */
+class DecodedRows {
   public:
-    /** What is in every row's size fields before the decoder comes. */
-    static constexpr uint32_t untouched = 0xDEADBEEF;
+    /** The value of every row's sizes before the decoder is called. */
+    static constexpr uint32_t initial_size = 0xDEADBEEF;
 
-    explicit Rows(std::size_t capacity)
-        : rows_(capacity, prop_entry{untouched, untouched, nullptr, nullptr}) {}
-    Rows(const Rows &) = delete;
-    Rows &operator=(const Rows &) = delete;
-    ~Rows() { free_prop(rows_.data(), static_cast<int>(rows_.size())); }
+    explicit DecodedRows(std::size_t capacity)
+        : rows_(capacity, prop_entry{initial_size, initial_size, nullptr, nullptr}) {}
+    DecodedRows(const DecodedRows &) = delete;
+    DecodedRows &operator=(const DecodedRows &) = delete;
+    ~DecodedRows() { free_prop(rows_.data(), static_cast<int>(rows_.size())); }
 
     prop_entry *data() { return rows_.data(); }
 
@@ -75,11 +72,10 @@ class Rows {
         return pairs;
     }
 
-    /** Whether all size fields, and the texts of the rows behind the first @p count, are as before.
-     */
-    [[nodiscard]] bool rest_is_untouched(int count) const {
+    /** Whether all sizes, and the strings of the rows after the first @p count, are unchanged. */
+    [[nodiscard]] bool rest_is_unchanged(int count) const {
         const bool sizes = std::all_of(rows_.begin(), rows_.end(), [](const prop_entry &row) {
-            return row.name_size == untouched && row.value_size == untouched;
+            return row.name_size == initial_size && row.value_size == initial_size;
         });
         return sizes && std::all_of(rows_.begin() + count, rows_.end(), [](const prop_entry &row) {
                    return row.name == nullptr && row.value == nullptr;
@@ -90,8 +86,8 @@ class Rows {
     std::vector<prop_entry> rows_;
 };
 
-/** The byte of two characters behind a percent sign, computed as with signed characters. */
-inline char byte_by_the_rule(char high, char low) {
+/** The byte that two characters after a percent sign encode, computed with signed characters. */
+inline char model_byte(char high, char low) {
     const auto digit = [](char character) {
         const int code = static_cast<signed char>(character);
         return code >= 'A' ? (code | 0x20) - 'a' + 10 : code - '0';
@@ -99,22 +95,24 @@ inline char byte_by_the_rule(char high, char low) {
     return static_cast<char>(digit(high) * 16 + digit(low));
 }
 
-inline std::string word_by_the_rule(std::string word, std::size_t longest) {
-    word = word.substr(0, longest);
+/** Truncates and decodes a word. */
+inline std::string model_word(std::string word, std::size_t max_length) {
+    word = word.substr(0, max_length);
     std::replace(word.begin(), word.end(), '+', ' ');
     for (std::size_t at = word.find('%'); at != std::string::npos && at + 2 < word.size();
          at = word.find('%', at + 1))
-        word.replace(at, 3, 1, byte_by_the_rule(word[at + 1], word[at + 2]));
+        word.replace(at, 3, 1, model_byte(word[at + 1], word[at + 2]));
     return word.substr(0, word.find('\0'));
 }
 
-/** The rule of the decoding, with no thought of speed. */
-inline Pairs pairs_by_the_rule(std::string_view text) {
+/** A model of the decoders. */
+inline Pairs model_pairs(std::string_view text) {
     text = text.substr(0, text.find('\0'));
     Pairs pairs;
     for (;;) {
         const std::size_t equals = text.find('=');
-        const std::string name = word_by_the_rule(std::string(text.substr(0, equals)), 127);
+        const std::string name =
+            model_word(std::string(text.substr(0, equals)), CORVEL_REQUEST_NAME_SIZE - 1);
         if (equals == std::string_view::npos) {
             if (!text.empty())
                 pairs.emplace_back(name, "");
@@ -122,7 +120,8 @@ inline Pairs pairs_by_the_rule(std::string_view text) {
         }
         text.remove_prefix(equals + 1);
         const std::size_t ampersand = text.find('&');
-        pairs.emplace_back(name, word_by_the_rule(std::string(text.substr(0, ampersand)), 255));
+        pairs.emplace_back(name, model_word(std::string(text.substr(0, ampersand)),
+                                            CORVEL_REQUEST_VALUE_SIZE - 1));
         if (ampersand == std::string_view::npos)
             return pairs;
         text.remove_prefix(ampersand + 1);

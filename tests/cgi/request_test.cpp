@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -16,8 +15,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "tests/cgi/printed.h"
 #include "tests/cgi/request_pairs.h"
 #include "tests/support/child_process.h"
+#include "tests/support/descriptors.h"
 #include "tests/support/environment.h"
 #include "tests/support/guarded_block.h"
 #include "tests/support/guarded_buffer.h"
@@ -31,15 +32,15 @@ using std::string_literals::operator""s;
 
 using Decoder = int (*)(prop_entry *);
 
-/** What a decoder stores; it must touch nothing but the texts of the rows that it counts. */
+/** The pairs that a decoder stores. It must change only the strings of the rows that it counts. */
 Pairs decoded(Decoder decoder, std::size_t capacity = 64) {
-    Rows rows(capacity);
+    DecodedRows rows(capacity);
     const int count = decoder(rows.data());
     if (count < 0 || static_cast<std::size_t>(count) > capacity) {
         ADD_FAILURE() << "counted " << count;
         return {};
     }
-    EXPECT_TRUE(rows.rest_is_untouched(count));
+    EXPECT_TRUE(rows.rest_is_unchanged(count));
     return rows.pairs(count);
 }
 
@@ -48,10 +49,10 @@ Pairs decoded_query(const std::string &query, std::size_t capacity = 64) {
     return decoded(process_query_string, capacity);
 }
 
-/** The body of a POST, with its length, as read_queue() hands it over; nothing if that is null. */
+/** The body that read_queue() returns; no value if that is null. */
 std::optional<std::string> body_read(const Request &request,
                                      StandardInput::Kind kind = StandardInput::Kind::file) {
-    const Surroundings surroundings(request, kind);
+    const RequestEnvironment environment(request, kind);
     char *const body = read_queue();
     if (body == nullptr)
         return std::nullopt;
@@ -62,28 +63,27 @@ std::optional<std::string> body_read(const Request &request,
     return text;
 }
 
-bool query_is_there() { return std::getenv("QUERY_STRING") != nullptr; }
-bool referer_is_there() { return std::getenv("HTTP_REFERER") != nullptr; }
+bool query_is_set() { return std::getenv("QUERY_STRING") != nullptr; }
+bool referer_is_set() { return std::getenv("HTTP_REFERER") != nullptr; }
 
 const char *const get_spellings[] = {"GET", "get", "Get", "gEt"};
 const char *const post_spellings[] = {"POST", "post", "Post", "pOST"};
 const char *const other_methods[] = {"PUT", "HEAD",  "DELETE", "",     "GETS",
                                      "GE",  "POSTS", "POS",    " GET", "POST "};
 
-// --------------------------------------------------------------------------------- reading the
-// body
+// --- read_queue ---
 
-TEST(RequestBody, IsReadWholeAndTerminated) {
+TEST(read_queue, ReadsTheWholeBodyAndTerminatesIt) {
     EXPECT_EQ(body_read({.method = "POST", .body = "a=1&b=2"}), "a=1&b=2");
     EXPECT_EQ(body_read({.method = "POST", .body = "x"}), "x");
 }
 
-TEST(RequestBody, IsReadFromAPipeThatDeliversItInPieces) {
+TEST(read_queue, ReadsAPipeThatDeliversTheBodyInPieces) {
     const std::string body(300000, 'b');
     EXPECT_EQ(body_read({.method = "POST", .body = body}, StandardInput::Kind::pipe), body);
 }
 
-TEST(RequestBody, MayHoldAnyBytes) {
+TEST(read_queue, ReadsAnyBytes) {
     std::string body;
     for (int i = 0; i < 1024; ++i)
         body += static_cast<char>(i);
@@ -91,39 +91,39 @@ TEST(RequestBody, MayHoldAnyBytes) {
     EXPECT_EQ(body_read({.method = "POST", .body = "\0\0\n"s}), "\0\0\n"s);
 }
 
-TEST(RequestBody, IsReadForEveryMethodThatIsNotGet) {
+TEST(read_queue, ReadsTheBodyForEveryMethodExceptGet) {
     for (const char *method : post_spellings)
         EXPECT_EQ(body_read({.method = method, .body = "ab"}), "ab") << method;
     for (const char *method : other_methods)
         EXPECT_EQ(body_read({.method = method, .body = "ab"}), "ab") << method;
 }
 
-TEST(RequestBody, IsNotReadForAGetInWhateverCase) {
+TEST(read_queue, ReadsNothingForAGetInAnyCase) {
     for (const char *method : get_spellings) {
-        const Surroundings surroundings({.method = method, .body = "ab"});
+        const RequestEnvironment environment({.method = method, .body = "ab"});
         EXPECT_EQ(read_queue(), nullptr) << method;
         EXPECT_EQ(std::getchar(), 'a') << "standard input was read for " << method;
     }
 }
 
-TEST(RequestBody, IsNotReadWithoutAMethod) {
-    const Surroundings surroundings({.body = "ab"});
+TEST(read_queue, ReadsNothingWithoutAMethod) {
+    const RequestEnvironment environment({.body = "ab"});
     EXPECT_EQ(read_queue(), nullptr);
     EXPECT_EQ(std::getchar(), 'a');
 }
 
-TEST(RequestBody, IsNotReadWithoutALength) {
-    const Surroundings surroundings({.method = "POST", .body = "ab"});
+TEST(read_queue, ReadsNothingWithoutALength) {
+    const RequestEnvironment environment({.method = "POST", .body = "ab"});
     const EnvironmentVariable no_length("CONTENT_LENGTH", std::nullopt);
     EXPECT_EQ(read_queue(), nullptr);
     EXPECT_EQ(std::getchar(), 'a');
 }
 
-TEST(RequestBody, LengthThatIsZeroOrNegativeOrNoNumberIsRefused) {
+TEST(read_queue, RefusesALengthThatIsZeroNegativeOrNotANumber) {
     for (const char *length :
          {"0", "-0", "+0", "000", "-1", "-2", "-2147483648", "-2147483649", "-99999999999999999999",
           "-4294967294", "", " ", "abc", "x2", "- 2", "+-2", "--2", ".5", "0x2"}) {
-        const Surroundings surroundings({.method = "POST", .body = "ab", .length = length});
+        const RequestEnvironment environment({.method = "POST", .body = "ab", .length = length});
         const CountCalls reads(call_fread);
         const CountCalls allocations(call_allocation);
         char *const body = read_queue();
@@ -134,15 +134,15 @@ TEST(RequestBody, LengthThatIsZeroOrNegativeOrNoNumberIsRefused) {
     }
 }
 
-TEST(RequestBody, LengthIsReadAsAtoiReadsIt) {
+TEST(read_queue, ReadsTheLengthAsAtoiDoes) {
     for (const char *length :
          {"2", " 2", "\t\n\v\f\r 2", "+2", "2 ", "2abc", "2.9", "0002", "2,000"}) {
         EXPECT_EQ(body_read({.method = "POST", .body = "abc", .length = length}), "ab") << length;
     }
 }
 
-TEST(RequestBody, MoreThanTheLengthStaysInStandardInput) {
-    const Surroundings surroundings({.method = "POST", .body = "abcdef", .length = "3"});
+TEST(read_queue, LeavesBytesAfterTheLengthInStandardInput) {
+    const RequestEnvironment environment({.method = "POST", .body = "abcdef", .length = "3"});
     char *const body = read_queue();
     ASSERT_NE(body, nullptr);
     EXPECT_STREQ(body, "abc");
@@ -150,7 +150,7 @@ TEST(RequestBody, MoreThanTheLengthStaysInStandardInput) {
     EXPECT_EQ(std::getchar(), 'd');
 }
 
-TEST(RequestBody, ThatIsShorterThanItsLengthIsRefusedWhole) {
+TEST(read_queue, RefusesABodyShorterThanItsLength) {
     for (const char *length : {"3", "4", "1000", "1000000"}) {
         EXPECT_EQ(body_read({.method = "POST", .body = "ab", .length = length}), std::nullopt)
             << length;
@@ -160,7 +160,7 @@ TEST(RequestBody, ThatIsShorterThanItsLengthIsRefusedWhole) {
               std::nullopt);
 }
 
-TEST(RequestBody, LengthThatIsLargerThanAnIntIsNotTakenForASmallOne) {
+TEST(read_queue, DoesNotReduceALengthLargerThanAnInt) {
     for (const char *length :
          {"2147483647", "2147483648", "4294967295", "4294967296", "4294967297", "4294967298",
           "18446744073709551617", "18446744073709551618", "99999999999999999999999999"}) {
@@ -169,10 +169,11 @@ TEST(RequestBody, LengthThatIsLargerThanAnIntIsNotTakenForASmallOne) {
     }
 }
 
-// A stranger chooses the length: a large one with a short body must not cost the device its memory.
-TEST(RequestBody, ThatIsMuchShorterThanItsLengthTouchesNoMemoryForTheRest) {
+// The client chooses the length: a large one with a short body must not exhaust the memory.
+TEST(read_queue, TouchesNoMemoryForBytesThatAreMissing) {
     expect_in_child([] {
-        const Surroundings surroundings({.method = "POST", .body = "ab", .length = "536870912"});
+        const RequestEnvironment environment(
+            {.method = "POST", .body = "ab", .length = "536870912"});
         rusage before = {};
         getrusage(RUSAGE_SELF, &before);
         EXPECT_EQ(read_queue(), nullptr);
@@ -182,8 +183,8 @@ TEST(RequestBody, ThatIsMuchShorterThanItsLengthTouchesNoMemoryForTheRest) {
     });
 }
 
-TEST(RequestBody, WithoutMemoryIsNotRead) {
-    const Surroundings surroundings({.method = "POST", .body = "ab"});
+TEST(read_queue, ReadsNothingIfOutOfMemory) {
+    const RequestEnvironment environment({.method = "POST", .body = "ab"});
     {
         const FailCall no_memory(call_allocation, 1, ENOMEM);
         EXPECT_EQ(read_queue(), nullptr);
@@ -191,17 +192,18 @@ TEST(RequestBody, WithoutMemoryIsNotRead) {
     EXPECT_EQ(std::getchar(), 'a');
 }
 
-TEST(RequestBody, WithAReadErrorIsRefused) {
-    const Surroundings surroundings({.method = "POST", .body = "ab"});
+TEST(read_queue, ReturnsNullForAReadError) {
+    const RequestEnvironment environment({.method = "POST", .body = "ab"});
     const FailCall broken(call_fread, 1);
     EXPECT_EQ(read_queue(), nullptr);
 }
 
-TEST(RequestBody, IsReleasedWhateverFails) {
+TEST(read_queue, LeaksNothingIfAnyAllocationFailsOrTheBodyIsShort) {
     for (const char *length : {"5", "6"}) {
         for_each_allocation_failure([&](AllocationTrial &trial) {
-            // A first read gives the stream its buffer, so that this does not count as a leak.
-            const Surroundings surroundings({.method = "POST", .body = "x=abcd", .length = length});
+            // The first read allocates the buffer of the stream, which would count as a leak.
+            const RequestEnvironment environment(
+                {.method = "POST", .body = "x=abcd", .length = length});
             ASSERT_EQ(std::getchar(), 'x');
             char *const body = trial.run([] { return read_queue(); });
             EXPECT_EQ(body != nullptr, !trial.failed() && std::strcmp(length, "5") == 0);
@@ -213,22 +215,21 @@ TEST(RequestBody, IsReleasedWhateverFails) {
     }
 }
 
-// ---------------------------------------------------------------------------- the decoders'
-// methods
+// --- process_queue ---
 
-TEST(PostDecoder, StoresThePairsOfTheBodyAndThenThoseOfTheQuery) {
-    const Surroundings surroundings({.method = "POST", .query = "c=3", .body = "a=1&b=2"});
+TEST(process_queue, StoresThePairsOfTheBodyAndThenThoseOfTheQuery) {
+    const RequestEnvironment environment({.method = "POST", .query = "c=3", .body = "a=1&b=2"});
     EXPECT_EQ(decoded(process_queue), (Pairs{{"a", "1"}, {"b", "2"}, {"c", "3"}}));
-    EXPECT_FALSE(query_is_there());
-    EXPECT_FALSE(referer_is_there());
+    EXPECT_FALSE(query_is_set());
+    EXPECT_FALSE(referer_is_set());
 }
 
-TEST(PostDecoder, DoesSoForEveryMethodThatIsNotGet) {
+TEST(process_queue, StoresBothForEveryMethodExceptGet) {
     const auto expect_both = [](const char *method) {
-        const Surroundings surroundings({.method = method, .query = "c=3", .body = "a=1"});
+        const RequestEnvironment environment({.method = method, .query = "c=3", .body = "a=1"});
         EXPECT_EQ(decoded(process_queue), (Pairs{{"a", "1"}, {"c", "3"}})) << method;
-        EXPECT_FALSE(query_is_there()) << method;
-        EXPECT_FALSE(referer_is_there()) << method;
+        EXPECT_FALSE(query_is_set()) << method;
+        EXPECT_FALSE(referer_is_set()) << method;
     };
     for (const char *method : post_spellings)
         expect_both(method);
@@ -236,77 +237,77 @@ TEST(PostDecoder, DoesSoForEveryMethodThatIsNotGet) {
         expect_both(method);
 }
 
-TEST(PostDecoder, StoresNothingForAGetAndLeavesTheEnvironment) {
+TEST(process_queue, StoresNothingForAGetAndKeepsTheEnvironment) {
     for (const char *method : get_spellings) {
-        const Surroundings surroundings({.method = method, .query = "c=3", .body = "a=1"});
+        const RequestEnvironment environment({.method = method, .query = "c=3", .body = "a=1"});
         EXPECT_EQ(decoded(process_queue), Pairs{}) << method;
         EXPECT_STREQ(std::getenv("QUERY_STRING"), "c=3");
-        EXPECT_TRUE(referer_is_there());
+        EXPECT_TRUE(referer_is_set());
         EXPECT_EQ(std::getchar(), 'a');
     }
 }
 
-TEST(PostDecoder, WithoutAMethodStoresTheQueryAlone) {
-    const Surroundings surroundings({.query = "c=3", .body = "a=1"});
+TEST(process_queue, StoresOnlyTheQueryWithoutAMethod) {
+    const RequestEnvironment environment({.query = "c=3", .body = "a=1"});
     EXPECT_EQ(decoded(process_queue), (Pairs{{"c", "3"}}));
-    EXPECT_FALSE(query_is_there());
-    EXPECT_FALSE(referer_is_there());
+    EXPECT_FALSE(query_is_set());
+    EXPECT_FALSE(referer_is_set());
 }
 
-TEST(PostDecoder, WithoutBodyAndQueryStillRemovesTheVariables) {
-    const Surroundings surroundings({.method = "POST", .length = "0"});
+TEST(process_queue, RemovesTheVariablesEvenWithoutBodyAndQuery) {
+    const RequestEnvironment environment({.method = "POST", .length = "0"});
     EXPECT_EQ(decoded(process_queue), Pairs{});
-    EXPECT_FALSE(query_is_there());
-    EXPECT_FALSE(referer_is_there());
+    EXPECT_FALSE(query_is_set());
+    EXPECT_FALSE(referer_is_set());
 }
 
-TEST(PostDecoder, StoresTheQueryAloneWhereTheBodyIsRefused) {
+TEST(process_queue, StoresOnlyTheQueryIfTheBodyIsRefused) {
     for (const char *length : {"0", "-3", "4", "abc", "", "2147483647"}) {
-        const Surroundings surroundings(
+        const RequestEnvironment environment(
             {.method = "POST", .query = "c=3", .body = "a=1", .length = length});
         EXPECT_EQ(decoded(process_queue), (Pairs{{"c", "3"}})) << length;
-        EXPECT_FALSE(query_is_there());
-        EXPECT_FALSE(referer_is_there());
+        EXPECT_FALSE(query_is_set());
+        EXPECT_FALSE(referer_is_set());
     }
 }
 
-TEST(PostDecoder, StoresTheBodyAloneWhereThereIsNoQuery) {
+TEST(process_queue, StoresOnlyTheBodyWithoutAQuery) {
     for (const std::optional<std::string> &query : {std::optional<std::string>(), {""}}) {
-        const Surroundings surroundings({.method = "POST", .query = query, .body = "a=1"});
+        const RequestEnvironment environment({.method = "POST", .query = query, .body = "a=1"});
         EXPECT_EQ(decoded(process_queue), (Pairs{{"a", "1"}}));
-        EXPECT_FALSE(query_is_there());
+        EXPECT_FALSE(query_is_set());
     }
 }
 
-TEST(PostDecoder, ASecondCallFindsNothing) {
-    const Surroundings surroundings({.method = "POST", .query = "c=3", .body = "a=1"});
+TEST(process_queue, StoresNothingOnASecondCall) {
+    const RequestEnvironment environment({.method = "POST", .query = "c=3", .body = "a=1"});
     decoded(process_queue);
     EXPECT_EQ(decoded(process_queue), Pairs{});
     EXPECT_EQ(decoded(process_queue_get), Pairs{});
 }
 
-TEST(PostDecoder, BodyEndsAtItsFirstNul) {
-    const Surroundings surroundings({.method = "POST", .query = "c=3", .body = "a=1\0&b=2"s});
+TEST(process_queue, EndsTheBodyAtItsFirstNul) {
+    const RequestEnvironment environment({.method = "POST", .query = "c=3", .body = "a=1\0&b=2"s});
     EXPECT_EQ(decoded(process_queue), (Pairs{{"a", "1"}, {"c", "3"}}));
 }
 
-TEST(PostDecoder, BodyThatBeginsWithANulHasNoPairs) {
-    const Surroundings surroundings({.method = "POST", .query = "c=3", .body = "\0a=1"s});
+TEST(process_queue, StoresNoPairsOfABodyThatBeginsWithANul) {
+    const RequestEnvironment environment({.method = "POST", .query = "c=3", .body = "\0a=1"s});
     EXPECT_EQ(decoded(process_queue), (Pairs{{"c", "3"}}));
 }
 
-TEST(PostDecoder, BodyThatEndsOpenDoesNotRunIntoTheQuery) {
+TEST(process_queue, DoesNotJoinAnIncompleteBodyAndTheQuery) {
     for (const auto &[body, pairs] : {std::pair{"a=1&", Pairs{{"a", "1"}, {"c", "3"}}},
                                       {"a=", {{"a", ""}, {"c", "3"}}},
                                       {"a", {{"a", ""}, {"c", "3"}}},
                                       {"&", {{"&", ""}, {"c", "3"}}},
                                       {"a=%4", {{"a", "%4"}, {"c", "3"}}}}) {
-        const Surroundings surroundings({.method = "POST", .query = "c=3", .body = body});
+        const RequestEnvironment environment({.method = "POST", .query = "c=3", .body = body});
         EXPECT_EQ(decoded(process_queue), pairs) << body;
     }
 }
 
-TEST(PostDecoder, BodyOf4MebibytesAnd100000PairsIsDecodedWhole) {
+TEST(process_queue, DecodesABodyOf4MebibytesAnd100000Pairs) {
     std::string body;
     for (int i = 0; i < 100000; ++i) {
         const std::string number = std::to_string(i);
@@ -314,8 +315,8 @@ TEST(PostDecoder, BodyOf4MebibytesAnd100000PairsIsDecodedWhole) {
                 (i + 1 < 100000 ? "&" : "");
     }
     ASSERT_GT(body.size(), 4U << 20);
-    const Surroundings surroundings({.method = "POST", .query = "last=1", .body = body});
-    Pairs expected = pairs_by_the_rule(body);
+    const RequestEnvironment environment({.method = "POST", .query = "last=1", .body = body});
+    Pairs expected = model_pairs(body);
     ASSERT_EQ(expected.size(), 100000U);
     ASSERT_EQ(expected[12345].second, "value 12345 +&=%\xe4\xf6"
                                       "12345");
@@ -323,12 +324,14 @@ TEST(PostDecoder, BodyOf4MebibytesAnd100000PairsIsDecodedWhole) {
     EXPECT_TRUE(decoded(process_queue, 100010) == expected);
 }
 
-TEST(GetDecoder, StoresThePairsOfTheQueryAndRemovesTheVariables) {
+// --- process_queue_get ---
+
+TEST(process_queue_get, StoresThePairsOfTheQueryAndRemovesTheVariables) {
     const auto expect_query = [](const std::optional<std::string> &method) {
-        const Surroundings surroundings({.method = method, .query = "c=3", .body = "a=1"});
+        const RequestEnvironment environment({.method = method, .query = "c=3", .body = "a=1"});
         EXPECT_EQ(decoded(process_queue_get), (Pairs{{"c", "3"}}));
-        EXPECT_FALSE(query_is_there());
-        EXPECT_FALSE(referer_is_there());
+        EXPECT_FALSE(query_is_set());
+        EXPECT_FALSE(referer_is_set());
         EXPECT_EQ(std::getchar(), 'a') << "standard input was read";
     };
     expect_query(std::nullopt);
@@ -338,228 +341,50 @@ TEST(GetDecoder, StoresThePairsOfTheQueryAndRemovesTheVariables) {
         expect_query(method);
 }
 
-TEST(GetDecoder, TouchesNothingForAPostInWhateverCase) {
+TEST(process_queue_get, ChangesNothingForAPostInAnyCase) {
     for (const char *method : post_spellings) {
-        const Surroundings surroundings({.method = method, .query = "c=3", .body = "a=1"});
+        const RequestEnvironment environment({.method = method, .query = "c=3", .body = "a=1"});
         EXPECT_EQ(decoded(process_queue_get), Pairs{}) << method;
         EXPECT_STREQ(std::getenv("QUERY_STRING"), "c=3");
-        EXPECT_TRUE(referer_is_there());
+        EXPECT_TRUE(referer_is_set());
     }
 }
 
-TEST(GetDecoder, WithoutAQueryStillRemovesTheReferer) {
-    const Surroundings surroundings({.method = "GET"});
+TEST(process_queue_get, RemovesTheRefererEvenWithoutAQuery) {
+    const RequestEnvironment environment({.method = "GET"});
     EXPECT_EQ(decoded(process_queue_get), Pairs{});
-    EXPECT_FALSE(referer_is_there());
+    EXPECT_FALSE(referer_is_set());
 }
 
-TEST(QueryDecoder, StoresThePairsWhateverTheMethodAndLeavesTheEnvironment) {
+// --- process_query_string ---
+
+TEST(process_query_string, StoresThePairsForAnyMethodAndKeepsTheEnvironment) {
     for (const std::optional<std::string> &method :
          {std::optional<std::string>(), {"GET"}, {"POST"}, {"PUT"}}) {
-        const Surroundings surroundings({.method = method, .query = "c=3", .body = "a=1"});
+        const RequestEnvironment environment({.method = method, .query = "c=3", .body = "a=1"});
         for (int call = 0; call < 2; ++call) {
             EXPECT_EQ(decoded(process_query_string), (Pairs{{"c", "3"}}));
             EXPECT_STREQ(std::getenv("QUERY_STRING"), "c=3");
-            EXPECT_TRUE(referer_is_there());
+            EXPECT_TRUE(referer_is_set());
         }
     }
 }
 
-TEST(QueryDecoder, WithoutAQueryStoresNothing) {
-    const Surroundings surroundings({.method = "GET"});
+TEST(process_query_string, StoresNothingWithoutAQuery) {
+    const RequestEnvironment environment({.method = "GET"});
     EXPECT_EQ(decoded(process_query_string), Pairs{});
 }
 
-TEST(QueryDecoder, LeavesTheQueryItselfAsItIs) {
+TEST(process_query_string, LeavesTheQueryUnchanged) {
     const std::string query = "a=%41+b&c=d%";
     const EnvironmentVariable variable("QUERY_STRING", query);
     decoded(process_query_string);
     EXPECT_EQ(std::getenv("QUERY_STRING"), query);
 }
 
-// ----------------------------------------------------------------------------------- cutting pairs
+// --- All decoders: allocation failures ---
 
-TEST(PairDecoding, PairsComeInOrderAndNothingIsMerged) {
-    EXPECT_EQ(decoded_query("b=1&a=2&b=3&b=1"),
-              (Pairs{{"b", "1"}, {"a", "2"}, {"b", "3"}, {"b", "1"}}));
-}
-
-TEST(PairDecoding, EqualsSignInsideAValueIsKept) {
-    EXPECT_EQ(decoded_query("a=b=c"), (Pairs{{"a", "b=c"}}));
-    EXPECT_EQ(decoded_query("a==&b===c"), (Pairs{{"a", "="}, {"b", "==c"}}));
-}
-
-TEST(PairDecoding, AmpersandDoesNotEndAName) {
-    EXPECT_EQ(decoded_query("flag&x=1"), (Pairs{{"flag&x", "1"}}));
-    EXPECT_EQ(decoded_query("a=1&&b=2"), (Pairs{{"a", "1"}, {"&b", "2"}}));
-    EXPECT_EQ(decoded_query("a=1&flag&b=2"), (Pairs{{"a", "1"}, {"flag&b", "2"}}));
-}
-
-TEST(PairDecoding, EmptyNamesAndValuesAreStored) {
-    EXPECT_EQ(decoded_query("=&="), (Pairs{{"", ""}, {"", ""}}));
-    EXPECT_EQ(decoded_query("="), (Pairs{{"", ""}}));
-    EXPECT_EQ(decoded_query("a=&=b&c="), (Pairs{{"a", ""}, {"", "b"}, {"c", ""}}));
-}
-
-TEST(PairDecoding, LastWordWithoutEqualsSignIsStoredWithAnEmptyValue) {
-    EXPECT_EQ(decoded_query("flag"), (Pairs{{"flag", ""}}));
-    EXPECT_EQ(decoded_query("a=1&flag"), (Pairs{{"a", "1"}, {"flag", ""}}));
-    EXPECT_EQ(decoded_query("a=1&%66lag+x"), (Pairs{{"a", "1"}, {"flag x", ""}}));
-    EXPECT_EQ(decoded_query("a=1&one&two"), (Pairs{{"a", "1"}, {"one&two", ""}}));
-    EXPECT_EQ(decoded_query("&"), (Pairs{{"&", ""}}));
-    EXPECT_EQ(decoded_query("a=1&&"), (Pairs{{"a", "1"}, {"&", ""}}));
-}
-
-TEST(PairDecoding, EmptyLastWordIsNotStored) {
-    EXPECT_EQ(decoded_query(""), Pairs{});
-    EXPECT_EQ(decoded_query("a=1&"), (Pairs{{"a", "1"}}));
-    EXPECT_EQ(decoded_query("=&"), (Pairs{{"", ""}}));
-}
-
-TEST(PairDecoding, SeparatorsAreCutBeforeTheyCouldBeDecoded) {
-    EXPECT_EQ(decoded_query("a%3D1=b%26c%3d&d%26=e"), (Pairs{{"a=1", "b&c="}, {"d&", "e"}}));
-}
-
-TEST(PairDecoding, SemicolonAndHashAreOrdinaryCharacters) {
-    EXPECT_EQ(decoded_query("a=1;b=2#c=3"), (Pairs{{"a", "1;b=2#c=3"}}));
-}
-
-TEST(PairDecoding, PlusBecomesABlankBeforePercentsAreDecoded) {
-    EXPECT_EQ(decoded_query("name=a+b%20c%2b"), (Pairs{{"name", "a b c+"}}));
-    EXPECT_EQ(decoded_query("a+b=%2B+%2b"), (Pairs{{"a b", "+ +"}}));
-    // The digits are a blank and a 1: (32 - 48) * 16 + 1, kept to 8 bits.
-    EXPECT_EQ(decoded_query("a=%+1"), (Pairs{{"a", "\x01"}}));
-}
-
-TEST(PairDecoding, PercentsAreDecodedInNamesAndValues) {
-    EXPECT_EQ(decoded_query("%41%6a=%41%6a"), (Pairs{{"Aj", "Aj"}}));
-    EXPECT_EQ(decoded_query("a=%25%34%31"), (Pairs{{"a", "%41"}}));
-    EXPECT_EQ(decoded_query("a=%e4%F6%fC%80%FF"), (Pairs{{"a", "\xe4\xf6\xfc\x80\xff"}}));
-}
-
-TEST(PairDecoding, PercentWithoutTwoCharactersBehindItIsKept) {
-    EXPECT_EQ(decoded_query("a=%"), (Pairs{{"a", "%"}}));
-    EXPECT_EQ(decoded_query("a=%4"), (Pairs{{"a", "%4"}}));
-    EXPECT_EQ(decoded_query("%=1&%4=2&a=%&b=%4&%"),
-              (Pairs{{"%", "1"}, {"%4", "2"}, {"a", "%"}, {"b", "%4"}, {"%", ""}}));
-    EXPECT_EQ(decoded_query("a=%41%"), (Pairs{{"a", "A%"}}));
-    EXPECT_EQ(decoded_query("a=%41%4"), (Pairs{{"a", "A%4"}}));
-    EXPECT_EQ(decoded_query("a=%%"), (Pairs{{"a", "%%"}}));
-}
-
-TEST(PairDecoding, DecodedNulEndsTheText) {
-    EXPECT_EQ(decoded_query("a%00b=c%00d&e=f"), (Pairs{{"a", "c"}, {"e", "f"}}));
-    EXPECT_EQ(decoded_query("%00=%00&e=f"), (Pairs{{"", ""}, {"e", "f"}}));
-    EXPECT_EQ(decoded_query("e=f&%00"), (Pairs{{"e", "f"}, {"", ""}}));
-}
-
-TEST(PairDecoding, BytesAbove127AndControlCharactersAreKept) {
-    EXPECT_EQ(decoded_query("\x80\xff=\x01\r\n\t\x7f\xc3\xa4"),
-              (Pairs{{"\x80\xff", "\x01\r\n\t\x7f\xc3\xa4"}}));
-}
-
-// ----------------------------------------------------------------------------------- cutting words
-
-TEST(WordCut, NameIsCutAt127CharactersAndTheRestIsSkipped) {
-    for (const std::size_t length : {126U, 127U, 128U, 129U, 255U, 256U, 4096U, 1000000U}) {
-        SCOPED_TRACE(length);
-        const std::string name(length, 'n');
-        EXPECT_EQ(decoded_query(name + "=1&b=2"), (Pairs{{name.substr(0, 127), "1"}, {"b", "2"}}));
-        EXPECT_EQ(decoded_query("b=2&" + name), (Pairs{{"b", "2"}, {name.substr(0, 127), ""}}));
-    }
-}
-
-TEST(WordCut, ValueIsCutAt255CharactersAndTheRestIsSkipped) {
-    for (const std::size_t length : {254U, 255U, 256U, 257U, 4096U, 1000000U}) {
-        SCOPED_TRACE(length);
-        const std::string value(length, 'v');
-        EXPECT_EQ(decoded_query("a=" + value + "&b=2"),
-                  (Pairs{{"a", value.substr(0, 255)}, {"b", "2"}}));
-        EXPECT_EQ(decoded_query("a=" + value), (Pairs{{"a", value.substr(0, 255)}}));
-    }
-}
-
-TEST(WordCut, CountsTheCharactersBeforeTheyAreDecoded) {
-    std::string name;
-    std::string value;
-    for (int i = 0; i < 100; ++i) {
-        name += "%6e";
-        value += "%76";
-    }
-    // 127 characters are 42 escapes and one character, 255 are 85 escapes.
-    EXPECT_EQ(decoded_query(name + "=" + value + "&b=2"),
-              (Pairs{{std::string(42, 'n') + "%", std::string(85, 'v')}, {"b", "2"}}));
-}
-
-TEST(WordCut, PercentThatTheCutPartsFromItsDigitsIsKept) {
-    for (const std::size_t behind : {0U, 1U}) {
-        SCOPED_TRACE(behind);
-        const std::string name(126 - behind, 'n');
-        const std::string value(254 - behind, 'v');
-        const std::string kept = std::string("%41").substr(0, 1 + behind);
-        EXPECT_EQ(decoded_query(name + "%41=" + value + "%41&b=2"),
-                  (Pairs{{name + kept, value + kept}, {"b", "2"}}));
-    }
-    const std::string name(124, 'n');
-    const std::string value(252, 'v');
-    EXPECT_EQ(decoded_query(name + "%41%=" + value + "%41%"), (Pairs{{name + "A", value + "A"}}));
-}
-
-TEST(WordCut, SeparatorsBehindTheCutStillSeparate) {
-    EXPECT_EQ(decoded_query(std::string(200, 'n') + "&" + std::string(200, 'm') +
-                            "=1&a=" + std::string(300, 'v') + "=" + std::string(300, 'w') + "&b=2"),
-              (Pairs{{std::string(127, 'n'), "1"}, {"a", std::string(255, 'v')}, {"b", "2"}}));
-}
-
-TEST(WordCut, WordsDoNotInheritWhatALongerWordLeftInTheScratchBuffers) {
-    EXPECT_EQ(
-        decoded_query(std::string(127, 'n') + "=" + std::string(255, 'v') + "&a=b&=&c"),
-        (Pairs{{std::string(127, 'n'), std::string(255, 'v')}, {"a", "b"}, {"", ""}, {"c", ""}}));
-}
-
-// ------------------------------------------------------------------------ comparison with the rule
-
-TEST(PairDecoding, EveryTwoCharactersBehindAPercentDecodeByTheSameArithmetic) {
-    for (int high = 1; high < 256; ++high) {
-        std::string query;
-        for (int low = 1; low < 256; ++low) {
-            query += query.empty() ? "a=x%" : "&a=x%";
-            query += {static_cast<char>(high), static_cast<char>(low), 'y'};
-        }
-        const Pairs expected = pairs_by_the_rule(query);
-        ASSERT_EQ(decoded_query(query, 1024), expected) << "first digit " << high;
-    }
-}
-
-TEST(PairDecoding, RandomQueriesAreDecodedByTheRule) {
-    std::mt19937 engine(20240229);
-    const std::string alphabet = "a=&%+41fFzG\x80";
-    for (int round = 0; round < 50000; ++round) {
-        std::string query;
-        for (std::size_t length = engine() % 40; length > 0; --length)
-            query += alphabet[engine() % alphabet.size()];
-        ASSERT_EQ(decoded_query(query), pairs_by_the_rule(query)) << testing::PrintToString(query);
-    }
-}
-
-TEST(PairDecoding, RandomBodiesOfLongWordsAreDecodedByTheRule) {
-    std::mt19937 engine(19991231);
-    const std::string alphabet = "abcdefgh%+0123456789ABCDEF\xc3\xa4\x01";
-    for (int round = 0; round < 300; ++round) {
-        std::string body;
-        while (body.size() < 4000) {
-            for (std::size_t length = engine() % 300; length > 0; --length)
-                body += alphabet[engine() % alphabet.size()];
-            body += engine() % 2 == 0 ? '=' : '&';
-        }
-        const Surroundings surroundings({.method = "POST", .body = body});
-        ASSERT_EQ(decoded(process_queue, 4096), pairs_by_the_rule(body)) << "round " << round;
-    }
-}
-
-// ---------------------------------------------------------------------------- allocation failures
-
-/** The pairs, with one of them left out. */
+/** The pairs without each one in turn. */
 std::vector<Pairs> with_one_missing(const Pairs &pairs) {
     std::vector<Pairs> all;
     for (std::size_t missing = 0; missing < pairs.size(); ++missing) {
@@ -570,8 +395,8 @@ std::vector<Pairs> with_one_missing(const Pairs &pairs) {
 }
 
 /**
- * Fails each allocation of a decoder in turn. Of them, some are for the scratch buffers and lose
- * everything, some for the body and lose that; two for each pair lose this pair and no other.
+ * Makes each allocation of a decoder fail in turn. Failures of the two scratch buffers lose
+ * everything, that of the body loses its pairs, and two for each pair lose only this pair.
  */
 void expect_pairs_lost_one_by_one(Decoder decoder, const Request &request, const Pairs &all,
                                   const Pairs &without_body) {
@@ -580,12 +405,12 @@ void expect_pairs_lost_one_by_one(Decoder decoder, const Request &request, const
     int everything = 0;
     int body = 0;
     for_each_allocation_failure([&](AllocationTrial &trial) {
-        const Surroundings surroundings(request);
-        // The stream's buffer is not the decoder's.
+        const RequestEnvironment environment(request);
+        // The stream allocates its buffer here, not in the decoder.
         std::ungetc(std::getchar(), stdin);
-        Rows rows(16);
+        DecodedRows rows(16);
         const int count = trial.run([&] { return decoder(rows.data()); });
-        ASSERT_TRUE(rows.rest_is_untouched(count));
+        ASSERT_TRUE(rows.rest_is_unchanged(count));
         const Pairs pairs = rows.pairs(count);
         const auto lost = std::find(one_missing.begin(), one_missing.end(), pairs);
         if (!trial.failed())
@@ -604,56 +429,265 @@ void expect_pairs_lost_one_by_one(Decoder decoder, const Request &request, const
     EXPECT_EQ(body, request.body ? 1 : 0);
 }
 
-TEST(AllocationFailure, OfThePostDecoderLosesAPairOrTheBodyOrWithoutScratchAll) {
+TEST(process_queue, LosesOnePairTheBodyOrEverythingIfAnAllocationFails) {
     expect_pairs_lost_one_by_one(
         process_queue, {.method = "POST", .query = "d=4&e=5", .body = "a=1&b=2&c=3"},
         {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}, {"e", "5"}}, {{"d", "4"}, {"e", "5"}});
 }
 
-TEST(AllocationFailure, OfTheGetDecoderLosesAPairOrWithoutScratchAll) {
+TEST(process_queue_get, LosesOnePairOrEverythingIfAnAllocationFails) {
     expect_pairs_lost_one_by_one(process_queue_get, {.method = "GET", .query = "a=1&b=2&c=3&d"},
                                  {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", ""}}, {});
 }
 
-TEST(AllocationFailure, OfTheQueryDecoderLosesAPairOrWithoutScratchAll) {
+TEST(process_query_string, LosesOnePairOrEverythingIfAnAllocationFails) {
     expect_pairs_lost_one_by_one(process_query_string, {.query = "a=1&b=2&c=3"},
                                  {{"a", "1"}, {"b", "2"}, {"c", "3"}}, {});
 }
 
-TEST(AllocationFailure, OfTheScratchBuffersConsumesNothingOfTheRequest) {
+/** A decoder and a method for which it reads its input. */
+struct DecoderOfMethod {
+    std::string name;
+    Decoder decoder;
+    std::string method;
+};
+
+void PrintTo(const DecoderOfMethod &decoder, std::ostream *out) { *out << decoder.name; }
+
+std::string name_of_decoder(const testing::TestParamInfo<DecoderOfMethod> &decoder) {
+    return decoder.param.name;
+}
+
+class EveryDecoder : public testing::TestWithParam<DecoderOfMethod> {};
+
+INSTANTIATE_TEST_SUITE_P(process_queue, EveryDecoder,
+                         testing::Values(DecoderOfMethod{"process_queue", process_queue, "POST"}),
+                         name_of_decoder);
+INSTANTIATE_TEST_SUITE_P(process_queue_get, EveryDecoder,
+                         testing::Values(DecoderOfMethod{"process_queue_get", process_queue_get,
+                                                         "GET"}),
+                         name_of_decoder);
+INSTANTIATE_TEST_SUITE_P(process_query_string, EveryDecoder,
+                         testing::Values(DecoderOfMethod{"process_query_string",
+                                                         process_query_string, "GET"}),
+                         name_of_decoder);
+
+TEST_P(EveryDecoder, ConsumesNothingIfAScratchBufferCannotBeAllocated) {
     for (const unsigned long n : {1UL, 2UL}) {
-        for (const Decoder decoder : {process_queue, process_queue_get}) {
-            const Surroundings surroundings({.method = decoder == process_queue ? "POST" : "GET",
-                                             .query = "c=3",
-                                             .body = "a=1"});
-            Rows rows(8);
-            {
-                const FailCall no_memory(call_allocation, n, ENOMEM);
-                EXPECT_EQ(decoder(rows.data()), 0);
-            }
-            EXPECT_TRUE(query_is_there());
-            EXPECT_TRUE(referer_is_there());
-            EXPECT_EQ(std::getchar(), 'a');
-        }
-    }
-}
-
-TEST(AllocationFailure, OfEverythingStoresNothing) {
-    for (const Decoder decoder : {process_queue, process_queue_get, process_query_string}) {
-        const Surroundings surroundings(
-            {.method = decoder == process_queue ? "POST" : "GET", .query = "c=3", .body = "a=1"});
-        Rows rows(8);
-        int count = -1;
+        const RequestEnvironment environment(
+            {.method = GetParam().method, .query = "c=3", .body = "a=1"});
+        DecodedRows rows(8);
         {
-            const FailCall no_memory(call_allocation, 3, ENOMEM, FailCall::from_then_on);
-            count = decoder(rows.data());
+            const FailCall no_memory(call_allocation, n, ENOMEM);
+            EXPECT_EQ(GetParam().decoder(rows.data()), 0);
         }
-        EXPECT_EQ(count, 0);
-        EXPECT_TRUE(rows.rest_is_untouched(0));
+        EXPECT_TRUE(query_is_set());
+        EXPECT_TRUE(referer_is_set());
+        EXPECT_EQ(std::getchar(), 'a');
     }
 }
 
-// --------------------------------------------------------------------------------- cutting a word
+TEST_P(EveryDecoder, StoresNothingIfNoPairCanBeAllocated) {
+    const RequestEnvironment environment(
+        {.method = GetParam().method, .query = "c=3", .body = "a=1"});
+    DecodedRows rows(8);
+    int count = -1;
+    {
+        const FailCall no_memory(call_allocation, 3, ENOMEM, FailCall::from_then_on);
+        count = GetParam().decoder(rows.data());
+    }
+    EXPECT_EQ(count, 0);
+    EXPECT_TRUE(rows.rest_is_unchanged(0));
+}
+
+// --- All decoders: pairs ---
+
+TEST(PairDecoding, KeepsPairsInOrderAndMergesNone) {
+    EXPECT_EQ(decoded_query("b=1&a=2&b=3&b=1"),
+              (Pairs{{"b", "1"}, {"a", "2"}, {"b", "3"}, {"b", "1"}}));
+}
+
+TEST(PairDecoding, KeepsAnEqualsSignInsideAValue) {
+    EXPECT_EQ(decoded_query("a=b=c"), (Pairs{{"a", "b=c"}}));
+    EXPECT_EQ(decoded_query("a==&b===c"), (Pairs{{"a", "="}, {"b", "==c"}}));
+}
+
+TEST(PairDecoding, DoesNotEndANameAtAnAmpersand) {
+    EXPECT_EQ(decoded_query("flag&x=1"), (Pairs{{"flag&x", "1"}}));
+    EXPECT_EQ(decoded_query("a=1&&b=2"), (Pairs{{"a", "1"}, {"&b", "2"}}));
+    EXPECT_EQ(decoded_query("a=1&flag&b=2"), (Pairs{{"a", "1"}, {"flag&b", "2"}}));
+}
+
+TEST(PairDecoding, StoresEmptyNamesAndValues) {
+    EXPECT_EQ(decoded_query("=&="), (Pairs{{"", ""}, {"", ""}}));
+    EXPECT_EQ(decoded_query("="), (Pairs{{"", ""}}));
+    EXPECT_EQ(decoded_query("a=&=b&c="), (Pairs{{"a", ""}, {"", "b"}, {"c", ""}}));
+}
+
+TEST(PairDecoding, StoresALastWordWithoutAnEqualsSignWithAnEmptyValue) {
+    EXPECT_EQ(decoded_query("flag"), (Pairs{{"flag", ""}}));
+    EXPECT_EQ(decoded_query("a=1&flag"), (Pairs{{"a", "1"}, {"flag", ""}}));
+    EXPECT_EQ(decoded_query("a=1&%66lag+x"), (Pairs{{"a", "1"}, {"flag x", ""}}));
+    EXPECT_EQ(decoded_query("a=1&one&two"), (Pairs{{"a", "1"}, {"one&two", ""}}));
+    EXPECT_EQ(decoded_query("&"), (Pairs{{"&", ""}}));
+    EXPECT_EQ(decoded_query("a=1&&"), (Pairs{{"a", "1"}, {"&", ""}}));
+}
+
+TEST(PairDecoding, DoesNotStoreAnEmptyLastWord) {
+    EXPECT_EQ(decoded_query(""), Pairs{});
+    EXPECT_EQ(decoded_query("a=1&"), (Pairs{{"a", "1"}}));
+    EXPECT_EQ(decoded_query("=&"), (Pairs{{"", ""}}));
+}
+
+TEST(PairDecoding, SplitsWordsBeforeDecodingThem) {
+    EXPECT_EQ(decoded_query("a%3D1=b%26c%3d&d%26=e"), (Pairs{{"a=1", "b&c="}, {"d&", "e"}}));
+}
+
+TEST(PairDecoding, TreatsSemicolonAndHashAsOrdinaryCharacters) {
+    EXPECT_EQ(decoded_query("a=1;b=2#c=3"), (Pairs{{"a", "1;b=2#c=3"}}));
+}
+
+TEST(PairDecoding, ReplacesPlusByASpaceBeforeDecodingPercentSigns) {
+    EXPECT_EQ(decoded_query("name=a+b%20c%2b"), (Pairs{{"name", "a b c+"}}));
+    EXPECT_EQ(decoded_query("a+b=%2B+%2b"), (Pairs{{"a b", "+ +"}}));
+    // The digits are a space and a 1: (32 - 48) * 16 + 1, modulo 256.
+    EXPECT_EQ(decoded_query("a=%+1"), (Pairs{{"a", "\x01"}}));
+}
+
+TEST(PairDecoding, DecodesPercentSignsInNamesAndValues) {
+    EXPECT_EQ(decoded_query("%41%6a=%41%6a"), (Pairs{{"Aj", "Aj"}}));
+    EXPECT_EQ(decoded_query("a=%25%34%31"), (Pairs{{"a", "%41"}}));
+    EXPECT_EQ(decoded_query("a=%e4%F6%fC%80%FF"), (Pairs{{"a", "\xe4\xf6\xfc\x80\xff"}}));
+}
+
+TEST(PairDecoding, KeepsAPercentSignWithoutTwoFollowingCharacters) {
+    EXPECT_EQ(decoded_query("a=%"), (Pairs{{"a", "%"}}));
+    EXPECT_EQ(decoded_query("a=%4"), (Pairs{{"a", "%4"}}));
+    EXPECT_EQ(decoded_query("%=1&%4=2&a=%&b=%4&%"),
+              (Pairs{{"%", "1"}, {"%4", "2"}, {"a", "%"}, {"b", "%4"}, {"%", ""}}));
+    EXPECT_EQ(decoded_query("a=%41%"), (Pairs{{"a", "A%"}}));
+    EXPECT_EQ(decoded_query("a=%41%4"), (Pairs{{"a", "A%4"}}));
+    EXPECT_EQ(decoded_query("a=%%"), (Pairs{{"a", "%%"}}));
+}
+
+TEST(PairDecoding, EndsAWordAtADecodedNul) {
+    EXPECT_EQ(decoded_query("a%00b=c%00d&e=f"), (Pairs{{"a", "c"}, {"e", "f"}}));
+    EXPECT_EQ(decoded_query("%00=%00&e=f"), (Pairs{{"", ""}, {"e", "f"}}));
+    EXPECT_EQ(decoded_query("e=f&%00"), (Pairs{{"e", "f"}, {"", ""}}));
+}
+
+TEST(PairDecoding, KeepsBytesAbove127AndControlCharacters) {
+    EXPECT_EQ(decoded_query("\x80\xff=\x01\r\n\t\x7f\xc3\xa4"),
+              (Pairs{{"\x80\xff", "\x01\r\n\t\x7f\xc3\xa4"}}));
+}
+
+TEST(PairDecoding, MatchesTheModelForEveryTwoCharactersAfterAPercentSign) {
+    for (int high = 1; high < 256; ++high) {
+        std::string query;
+        for (int low = 1; low < 256; ++low) {
+            query += query.empty() ? "a=x%" : "&a=x%";
+            query += {static_cast<char>(high), static_cast<char>(low), 'y'};
+        }
+        const Pairs expected = model_pairs(query);
+        ASSERT_EQ(decoded_query(query, 1024), expected) << "first digit " << high;
+    }
+}
+
+TEST(PairDecoding, MatchesTheModelForRandomQueries) {
+    std::mt19937 engine(20240229);
+    const std::string alphabet = "a=&%+41fFzG\x80";
+    for (int round = 0; round < 50000; ++round) {
+        std::string query;
+        for (std::size_t length = engine() % 40; length > 0; --length)
+            query += alphabet[engine() % alphabet.size()];
+        ASSERT_EQ(decoded_query(query), model_pairs(query)) << testing::PrintToString(query);
+    }
+}
+
+TEST(PairDecoding, MatchesTheModelForRandomBodiesOfLongWords) {
+    std::mt19937 engine(19991231);
+    const std::string alphabet = "abcdefgh%+0123456789ABCDEF\xc3\xa4\x01";
+    for (int round = 0; round < 300; ++round) {
+        std::string body;
+        while (body.size() < 4000) {
+            for (std::size_t length = engine() % 300; length > 0; --length)
+                body += alphabet[engine() % alphabet.size()];
+            body += engine() % 2 == 0 ? '=' : '&';
+        }
+        const RequestEnvironment environment({.method = "POST", .body = body});
+        ASSERT_EQ(decoded(process_queue, 4096), model_pairs(body)) << "round " << round;
+    }
+}
+
+// --- All decoders: truncation ---
+
+TEST(WordTruncation, TruncatesANameAt127CharactersAndSkipsTheRest) {
+    for (const std::size_t length : {126U, 127U, 128U, 129U, 255U, 256U, 4096U, 1000000U}) {
+        SCOPED_TRACE(length);
+        const std::string name(length, 'n');
+        EXPECT_EQ(decoded_query(name + "=1&b=2"),
+                  (Pairs{{name.substr(0, CORVEL_REQUEST_NAME_SIZE - 1), "1"}, {"b", "2"}}));
+        EXPECT_EQ(decoded_query("b=2&" + name),
+                  (Pairs{{"b", "2"}, {name.substr(0, CORVEL_REQUEST_NAME_SIZE - 1), ""}}));
+    }
+}
+
+TEST(WordTruncation, TruncatesAValueAt255CharactersAndSkipsTheRest) {
+    for (const std::size_t length : {254U, 255U, 256U, 257U, 4096U, 1000000U}) {
+        SCOPED_TRACE(length);
+        const std::string value(length, 'v');
+        EXPECT_EQ(decoded_query("a=" + value + "&b=2"),
+                  (Pairs{{"a", value.substr(0, CORVEL_REQUEST_VALUE_SIZE - 1)}, {"b", "2"}}));
+        EXPECT_EQ(decoded_query("a=" + value),
+                  (Pairs{{"a", value.substr(0, CORVEL_REQUEST_VALUE_SIZE - 1)}}));
+    }
+}
+
+TEST(WordTruncation, CountsCharactersBeforeDecodingThem) {
+    std::string name;
+    std::string value;
+    for (int i = 0; i < 100; ++i) {
+        name += "%6e";
+        value += "%76";
+    }
+    // 127 characters are 42 escapes and one character, 255 are 85 escapes.
+    EXPECT_EQ(decoded_query(name + "=" + value + "&b=2"),
+              (Pairs{{std::string(42, 'n') + "%", std::string(85, 'v')}, {"b", "2"}}));
+}
+
+TEST(WordTruncation, KeepsAPercentSignWhoseDigitsAreTruncated) {
+    for (const std::size_t digits : {0U, 1U}) {
+        SCOPED_TRACE(digits);
+        const std::string name(126 - digits, 'n');
+        const std::string value(254 - digits, 'v');
+        const std::string kept = std::string("%41").substr(0, 1 + digits);
+        EXPECT_EQ(decoded_query(name + "%41=" + value + "%41&b=2"),
+                  (Pairs{{name + kept, value + kept}, {"b", "2"}}));
+    }
+    const std::string name(124, 'n');
+    const std::string value(252, 'v');
+    EXPECT_EQ(decoded_query(name + "%41%=" + value + "%41%"), (Pairs{{name + "A", value + "A"}}));
+}
+
+TEST(WordTruncation, FindsSeparatorsAfterATruncatedWord) {
+    EXPECT_EQ(decoded_query(std::string(200, 'n') + "&" + std::string(200, 'm') +
+                            "=1&a=" + std::string(300, 'v') + "=" + std::string(300, 'w') + "&b=2"),
+              (Pairs{{std::string(CORVEL_REQUEST_NAME_SIZE - 1, 'n'), "1"},
+                     {"a", std::string(CORVEL_REQUEST_VALUE_SIZE - 1, 'v')},
+                     {"b", "2"}}));
+}
+
+TEST(WordTruncation, StoresNothingOfALongerPrecedingWord) {
+    EXPECT_EQ(decoded_query(std::string(CORVEL_REQUEST_NAME_SIZE - 1, 'n') + "=" +
+                            std::string(CORVEL_REQUEST_VALUE_SIZE - 1, 'v') + "&a=b&=&c"),
+              (Pairs{{std::string(CORVEL_REQUEST_NAME_SIZE - 1, 'n'),
+                      std::string(CORVEL_REQUEST_VALUE_SIZE - 1, 'v')},
+                     {"a", "b"},
+                     {"", ""},
+                     {"c", ""}}));
+}
+
+// --- makeword ---
 
 struct Word {
     std::string word;
@@ -667,8 +701,8 @@ void PrintTo(const Word &word, std::ostream *out) {
          << (word.rest ? testing::PrintToString(*word.rest) : "null");
 }
 
-/** makeword() into a buffer that has room for the word and not for one byte more. */
-Word cut(const std::string &text, char stop) {
+/** Calls makeword() with a buffer of exactly the size of the word. */
+Word word_of(const std::string &text, char stop) {
     const std::string::size_type length = std::min(text.find(stop), text.size());
     GuardedBuffer source(text);
     GuardedBuffer word(std::string(length, '?'));
@@ -682,38 +716,38 @@ Word cut(const std::string &text, char stop) {
     return {word.text(), rest};
 }
 
-TEST(MakeWord, CopiesUpToTheStopAndPointsBehindIt) {
-    EXPECT_EQ(cut("name=value", '='), (Word{"name", "value"}));
-    EXPECT_EQ(cut("a=b=c", '='), (Word{"a", "b=c"}));
+TEST(makeword, CopiesUpToTheStopAndReturnsTheRest) {
+    EXPECT_EQ(word_of("name=value", '='), (Word{"name", "value"}));
+    EXPECT_EQ(word_of("a=b=c", '='), (Word{"a", "b=c"}));
 }
 
-TEST(MakeWord, CopiesTheWholeTextWithoutAStopAndLeavesNoRest) {
-    EXPECT_EQ(cut("name", '='), (Word{"name", std::nullopt}));
-    EXPECT_EQ(cut("", '='), (Word{"", std::nullopt}));
+TEST(makeword, CopiesTheWholeStringWithoutAStopAndSetsTheRestToNull) {
+    EXPECT_EQ(word_of("name", '='), (Word{"name", std::nullopt}));
+    EXPECT_EQ(word_of("", '='), (Word{"", std::nullopt}));
 }
 
-TEST(MakeWord, StopAtTheStartGivesAnEmptyWord) {
-    EXPECT_EQ(cut("=value", '='), (Word{"", "value"}));
-    EXPECT_EQ(cut("==", '='), (Word{"", "="}));
+TEST(makeword, ReturnsAnEmptyWordIfTheStopIsFirst) {
+    EXPECT_EQ(word_of("=value", '='), (Word{"", "value"}));
+    EXPECT_EQ(word_of("==", '='), (Word{"", "="}));
 }
 
-TEST(MakeWord, StopAtTheEndGivesAnEmptyRest) {
-    EXPECT_EQ(cut("name=", '='), (Word{"name", ""}));
-    EXPECT_EQ(cut("=", '='), (Word{"", ""}));
+TEST(makeword, ReturnsAnEmptyRestIfTheStopIsLast) {
+    EXPECT_EQ(word_of("name=", '='), (Word{"name", ""}));
+    EXPECT_EQ(word_of("=", '='), (Word{"", ""}));
 }
 
-TEST(MakeWord, StopMayBeAnyCharacter) {
-    EXPECT_EQ(cut("a\xff\x80z", '\xff'), (Word{"a", "\x80z"}));
-    EXPECT_EQ(cut("a b", ' '), (Word{"a", "b"}));
-    EXPECT_EQ(cut("a\nb", '\n'), (Word{"a", "b"}));
+TEST(makeword, AcceptsAnyCharacterAsTheStop) {
+    EXPECT_EQ(word_of("a\xff\x80z", '\xff'), (Word{"a", "\x80z"}));
+    EXPECT_EQ(word_of("a b", ' '), (Word{"a", "b"}));
+    EXPECT_EQ(word_of("a\nb", '\n'), (Word{"a", "b"}));
 }
 
-TEST(MakeWord, WordIsNotCutWhateverItsLength) {
+TEST(makeword, CopiesAWordOfAnyLength) {
     const std::string word(100000, 'w');
-    EXPECT_EQ(cut(word + "&rest", '&'), (Word{word, "rest"}));
+    EXPECT_EQ(word_of(word + "&rest", '&'), (Word{word, "rest"}));
 }
 
-TEST(MakeWord, WhatFollowsTheStopIsNotRead) {
+TEST(makeword, ReadsNothingAfterTheStop) {
     const GuardedBlock source("name=");
     GuardedBuffer word("????");
     char *rest = nullptr;
@@ -721,11 +755,11 @@ TEST(MakeWord, WhatFollowsTheStopIsNotRead) {
     EXPECT_EQ(rest, source.end());
 }
 
-TEST(MakeWord, NulForTheStopTakesTheWholeText) {
-    EXPECT_EQ(cut("name=value", '\0'), (Word{"name=value", std::nullopt}));
+TEST(makeword, CopiesTheWholeStringForANulAsTheStop) {
+    EXPECT_EQ(word_of("name=value", '\0'), (Word{"name=value", std::nullopt}));
 }
 
-TEST(MakeWord, NullTextIsTheEmptyText) {
+TEST(makeword, ReadsANullPointerAsTheEmptyString) {
     GuardedBuffer word("");
     char unset = 0;
     char *rest = &unset;
@@ -734,7 +768,7 @@ TEST(MakeWord, NullTextIsTheEmptyText) {
     EXPECT_EQ(rest, nullptr);
 }
 
-TEST(MakeWord, WorksInPlace) {
+TEST(makeword, WorksInPlace) {
     GuardedBuffer text("name=value");
     char *rest = nullptr;
     EXPECT_EQ(makeword(text.text(), text.text(), '=', &rest), text.text());
@@ -747,7 +781,7 @@ TEST(MakeWord, WorksInPlace) {
     EXPECT_EQ(rest, nullptr);
 }
 
-TEST(MakeWord, RestMayBeTheNextSource) {
+TEST(makeword, AcceptsTheRestAsTheNextSource) {
     const std::string text = "a=1&b=2";
     std::array<char, 8> word{};
     char *rest = nullptr;
@@ -758,8 +792,7 @@ TEST(MakeWord, RestMayBeTheNextSource) {
     EXPECT_EQ(rest, nullptr);
 }
 
-// --------------------------------------------------------------------------- plus and percent
-// signs
+// --- plustospace ---
 
 std::string without_plus(const std::string &text) {
     GuardedBuffer buffer(text);
@@ -768,14 +801,16 @@ std::string without_plus(const std::string &text) {
     return buffer.text();
 }
 
-TEST(PlusToSpace, ReplacesEveryPlusAndNothingElse) {
+TEST(plustospace, ReplacesEveryPlusAndNothingElse) {
     EXPECT_EQ(without_plus("+a++b+"), " a  b ");
     EXPECT_EQ(without_plus("+"), " ");
     EXPECT_EQ(without_plus(""), "");
     EXPECT_EQ(without_plus("a%2Bb -\xab\x2c*"), "a%2Bb -\xab\x2c*");
 }
 
-TEST(PlusToSpace, NullIsLeftAlone) { EXPECT_EQ(plustospace(nullptr), nullptr); }
+TEST(plustospace, ReturnsNullForNull) { EXPECT_EQ(plustospace(nullptr), nullptr); }
+
+// --- unescape_url ---
 
 std::string unescaped(const std::string &text) {
     GuardedBuffer buffer(text);
@@ -784,19 +819,19 @@ std::string unescaped(const std::string &text) {
     return buffer.text();
 }
 
-TEST(UnescapeUrl, DecodesEachPercentAndItsTwoCharacters) {
+TEST(unescape_url, DecodesEachPercentSignAndTheTwoFollowingCharacters) {
     EXPECT_EQ(unescaped("%41%6a"), "Aj");
     EXPECT_EQ(unescaped("a%20b%2Bc%2bd"), "a b+c+d");
     EXPECT_EQ(unescaped("%25%32%35"), "%25");
     EXPECT_EQ(unescaped("%80%fF"), "\x80\xff");
 }
 
-TEST(UnescapeUrl, LeavesATextWithoutPercentsAlone) {
+TEST(unescape_url, LeavesAStringWithoutPercentSignsUnchanged) {
     EXPECT_EQ(unescaped(""), "");
     EXPECT_EQ(unescaped("a+b=c&d\xff"), "a+b=c&d\xff");
 }
 
-TEST(UnescapeUrl, KeepsAPercentThatHasLessThanTwoCharactersBehindIt) {
+TEST(unescape_url, KeepsAPercentSignWithoutTwoFollowingCharacters) {
     EXPECT_EQ(unescaped("%"), "%");
     EXPECT_EQ(unescaped("%4"), "%4");
     EXPECT_EQ(unescaped("%%"), "%%");
@@ -806,50 +841,52 @@ TEST(UnescapeUrl, KeepsAPercentThatHasLessThanTwoCharactersBehindIt) {
     EXPECT_EQ(unescaped("%41%4"), "A%4");
 }
 
-TEST(UnescapeUrl, TakesTwoCharactersWhateverTheyAre) {
-    // 'z' counts 35: 35 * 16 + 35, kept to 8 bits, is 83.
+TEST(unescape_url, DecodesAnyTwoCharacters) {
+    // 'z' counts as 35: 35 * 16 + 35, modulo 256, is 83.
     EXPECT_EQ(unescaped("%zz"), "S");
-    // '%' counts -11: -11 * 16 + 4 is -172, which is 84 in 8 bits.
+    // '%' counts as -11: -11 * 16 + 4 is -172, which is 84 modulo 256.
     EXPECT_EQ(unescaped("%%41"), "T1");
     EXPECT_EQ(unescaped("%%%"), std::string(1, static_cast<char>(-11 * 17)));
 }
 
-TEST(UnescapeUrl, DecodedNulEndsTheText) {
+TEST(unescape_url, EndsTheStringAtADecodedNul) {
     EXPECT_EQ(unescaped("a%00b"), "a");
     EXPECT_EQ(unescaped("%00"), "");
 }
 
-TEST(UnescapeUrl, WhatFollowsADecodedNulIsDecodedAsWell) {
+TEST(unescape_url, DecodesTheCharactersAfterADecodedNul) {
     std::array text = std::to_array("a%00b%41%");
     unescape_url(text.data());
     EXPECT_EQ(std::string(text.data(), 6), std::string("a\0bA%\0", 6));
 }
 
-TEST(UnescapeUrl, NullIsLeftAlone) { EXPECT_EQ(unescape_url(nullptr), nullptr); }
+TEST(unescape_url, ReturnsNullForNull) { EXPECT_EQ(unescape_url(nullptr), nullptr); }
 
-TEST(UnescapeUrl, EveryTwoCharactersGiveTheByteOfTheRule) {
+TEST(unescape_url, MatchesTheModelForEveryTwoCharacters) {
     for (int high = 1; high < 256; ++high) {
         for (int low = 1; low < 256; ++low) {
             const char digits[] = {static_cast<char>(high), static_cast<char>(low), '\0'};
             std::array<char, 6> text{'<', '%', digits[0], digits[1], '>', '\0'};
             unescape_url(text.data());
-            const std::string expected = {'<', byte_by_the_rule(digits[0], digits[1]), '>'};
+            const std::string expected = {'<', model_byte(digits[0], digits[1]), '>'};
             ASSERT_STREQ(text.data(), expected.c_str()) << high << ", " << low;
         }
     }
 }
 
-TEST(HexDigits, EveryTwoCharactersGiveTheByteOfTheRule) {
+// --- x2c ---
+
+TEST(x2c, MatchesTheModelForEveryTwoCharacters) {
     for (int high = 1; high < 256; ++high) {
         for (int low = 0; low < 256; ++low) {
             const char digits[] = {static_cast<char>(high), static_cast<char>(low)};
-            ASSERT_EQ(x2c(digits), static_cast<signed char>(byte_by_the_rule(digits[0], digits[1])))
+            ASSERT_EQ(x2c(digits), static_cast<signed char>(model_byte(digits[0], digits[1])))
                 << high << ", " << low;
         }
     }
 }
 
-TEST(HexDigits, EveryByteIsReadInBothCases) {
+TEST(x2c, ReadsEveryByteInBothCases) {
     for (int byte = 0; byte < 256; ++byte) {
         for (const char *letters : {"0123456789abcdef", "0123456789ABCDEF"}) {
             const char digits[] = {letters[byte / 16], letters[byte % 16]};
@@ -858,7 +895,7 @@ TEST(HexDigits, EveryByteIsReadInBothCases) {
     }
 }
 
-TEST(HexDigits, CharactersAbove127CountAsNegative) {
+TEST(x2c, CountsCharactersAbove127AsNegative) {
     EXPECT_EQ(x2c("\xff"
                   "0"),
               static_cast<signed char>(-49 * 16));
@@ -866,20 +903,20 @@ TEST(HexDigits, CharactersAbove127CountAsNegative) {
     EXPECT_EQ(x2c("0\x80"), static_cast<signed char>(-176));
 }
 
-TEST(HexDigits, BehindANulNothingIsRead) {
+TEST(x2c, ReadsNothingAfterANul) {
     GuardedBuffer nothing("");
     EXPECT_EQ(x2c(nothing.text()), static_cast<signed char>(-48 * 17));
     GuardedBuffer one("4");
     EXPECT_EQ(x2c(one.text()), static_cast<signed char>(4 * 16 - 48));
 }
 
-TEST(HexDigits, NullCountsAsTheEmptyText) {
+TEST(x2c, ReadsANullPointerAsTheEmptyString) {
     expect_in_child([] { EXPECT_EQ(x2c(nullptr), static_cast<signed char>(-48 * 17)); });
 }
 
-// ------------------------------------------------------------------------------------- the method
+// --- get_http_methmod ---
 
-TEST(MethodCode, IsOneForPostInWhateverCaseAndElseZero) {
+TEST(get_http_methmod, ReturnsOneForPostInAnyCaseAndOtherwiseZero) {
     for (const char *method : post_spellings)
         EXPECT_EQ(get_http_methmod(method), 1) << method;
     for (const char *method : get_spellings)
@@ -889,60 +926,7 @@ TEST(MethodCode, IsOneForPostInWhateverCaseAndElseZero) {
     EXPECT_EQ(get_http_methmod(nullptr), 0);
 }
 
-int is_normal_post(const std::optional<std::string> &method, std::vector<std::string> arguments,
-                   const char *expected) {
-    const EnvironmentVariable variable("REQUEST_METHOD", method);
-    std::vector<char *> argv;
-    for (std::string &argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    return isnormal_post(static_cast<int>(arguments.size()), argv.data(), expected);
-}
-
-TEST(NormalPost, IsAPostWhoseFirstArgumentIsTheExpectedOne) {
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, "save"), 1);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save", "more"}, "save"), 1);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", ""}, ""), 1);
-}
-
-TEST(NormalPost, MethodMustBePostInUpperCase) {
-    for (const char *method : {"post", "Post", "GET", "", "POSTS", "POS", " POST"})
-        EXPECT_EQ(is_normal_post(method, {"lan.cgi", "save"}, "save"), 0) << method;
-    EXPECT_EQ(is_normal_post(std::nullopt, {"lan.cgi", "save"}, "save"), 0);
-}
-
-TEST(NormalPost, ArgumentMustEqualTheExpectedTextExactly) {
-    for (const char *argument : {"Save", "saved", "sav", "", " save"})
-        EXPECT_EQ(is_normal_post("POST", {"lan.cgi", argument}, "save"), 0) << argument;
-    EXPECT_EQ(is_normal_post("POST", {"save", "lan.cgi"}, "save"), 0);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "more", "save"}, "save"), 0);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, ""), 0);
-}
-
-TEST(NormalPost, NeedsAnArgument) {
-    EXPECT_EQ(is_normal_post("POST", {"save"}, "save"), 0);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi"}, ""), 0);
-    EXPECT_EQ(is_normal_post("POST", {}, ""), 0);
-    const EnvironmentVariable method("REQUEST_METHOD", "POST");
-    EXPECT_EQ(isnormal_post(0, nullptr, "save"), 0);
-    EXPECT_EQ(isnormal_post(-1, nullptr, "save"), 0);
-}
-
-TEST(NormalPost, CountDecidesHowManyArgumentsThereAre) {
-    const EnvironmentVariable method("REQUEST_METHOD", "POST");
-    std::string program = "lan.cgi";
-    std::string argument = "save";
-    std::array<char *, 3> argv{program.data(), argument.data(), nullptr};
-    EXPECT_EQ(isnormal_post(1, argv.data(), "save"), 0);
-    EXPECT_EQ(isnormal_post(2, argv.data(), "save"), 1);
-}
-
-TEST(NormalPost, NullExpectedTextIsTheEmptyText) {
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", ""}, nullptr), 1);
-    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, nullptr), 0);
-}
-
-// ------------------------------------------------------------------------------------------- Ajax
+// --- isajax_get ---
 
 int ajax(const std::optional<std::string> &query,
          const std::optional<std::string> &method = "GET") {
@@ -951,14 +935,14 @@ int ajax(const std::optional<std::string> &query,
     return isajax_get();
 }
 
-TEST(AjaxGet, IsTheNumberInTheFieldAjax) {
+TEST(isajax_get, ReturnsTheNumberInTheFieldAjax) {
     EXPECT_EQ(ajax("Ajax=2&x=1"), 2);
     EXPECT_EQ(ajax("x=1&Ajax=3"), 3);
     EXPECT_EQ(ajax("Ajax=1"), 1);
     EXPECT_EQ(ajax("Ajax=-7"), -7);
 }
 
-TEST(AjaxGet, IsZeroUnlessTheMethodIsGetInWhateverCase) {
+TEST(isajax_get, ReturnsZeroUnlessTheMethodIsGetInAnyCase) {
     for (const char *method : get_spellings)
         EXPECT_EQ(ajax("Ajax=2", method), 2) << method;
     for (const char *method : post_spellings)
@@ -968,14 +952,14 @@ TEST(AjaxGet, IsZeroUnlessTheMethodIsGetInWhateverCase) {
     EXPECT_EQ(ajax("Ajax=2", std::nullopt), 0);
 }
 
-TEST(AjaxGet, IsZeroWithoutTheField) {
+TEST(isajax_get, ReturnsZeroWithoutTheField) {
     EXPECT_EQ(ajax(std::nullopt), 0);
     for (const char *query : {"", "ajax=2", "AJAX=2", "x=Ajax", "Ajaxx=2", "xAjax=2", " Ajax=2",
                               "Aja=2", "x=1&Ajax", "Ajax", "Ajax&x=2", "x=Ajax=2"})
         EXPECT_EQ(ajax(query), 0) << query;
 }
 
-TEST(AjaxGet, IsZeroWhereTheValueIsNotANumber) {
+TEST(isajax_get, ReturnsZeroIfTheValueIsNotANumber) {
     for (const char *query : {"Ajax=", "Ajax=x", "Ajax=x2", "Ajax=--2",
                               "Ajax=%00"
                               "2",
@@ -983,9 +967,9 @@ TEST(AjaxGet, IsZeroWhereTheValueIsNotANumber) {
         EXPECT_EQ(ajax(query), 0) << query;
 }
 
-TEST(AjaxGet, ReadsTheValueAsAtoiDoes) {
+TEST(isajax_get, ReadsTheValueAsAtoiDoes) {
     EXPECT_EQ(ajax("Ajax=2x"), 2);
-    EXPECT_EQ(ajax("Ajax=+2"), 2) << "the plus is a blank";
+    EXPECT_EQ(ajax("Ajax=+2"), 2) << "the plus sign is a space";
     EXPECT_EQ(ajax("Ajax=%2B2"), 2);
     EXPECT_EQ(ajax("Ajax=++%09%0a2"), 2);
     EXPECT_EQ(ajax("Ajax=007"), 7);
@@ -993,7 +977,7 @@ TEST(AjaxGet, ReadsTheValueAsAtoiDoes) {
     EXPECT_EQ(ajax("Ajax=%32"), 2);
 }
 
-TEST(AjaxGet, HoldsTheNumberToTheRangeOfAnInt) {
+TEST(isajax_get, LimitsTheNumberToTheRangeOfAnInt) {
     EXPECT_EQ(ajax("Ajax=2147483647"), INT_MAX);
     EXPECT_EQ(ajax("Ajax=2147483648"), INT_MAX);
     EXPECT_EQ(ajax("Ajax=4294967297"), INT_MAX);
@@ -1002,34 +986,34 @@ TEST(AjaxGet, HoldsTheNumberToTheRangeOfAnInt) {
     EXPECT_EQ(ajax("Ajax=-2147483649"), INT_MIN);
     EXPECT_EQ(ajax("Ajax=-4294967297"), INT_MIN);
     EXPECT_EQ(ajax("Ajax=-99999999999999999999999"), INT_MIN);
-    EXPECT_EQ(ajax("Ajax=" + std::string(300, '0') + "1"), 0) << "cut at 255 characters";
+    EXPECT_EQ(ajax("Ajax=" + std::string(300, '0') + "1"), 0) << "truncated at 255 characters";
     EXPECT_EQ(ajax("Ajax=" + std::string(254, '0') + "1"), 1);
 }
 
-TEST(AjaxGet, DoubleQuotesAroundTheValueAreRemoved) {
+TEST(isajax_get, RemovesOneDoubleQuoteFromEachEndOfTheValue) {
     EXPECT_EQ(ajax("Ajax=\"2\""), 2);
     EXPECT_EQ(ajax("Ajax=%222%22"), 2);
     EXPECT_EQ(ajax("Ajax=\"2"), 2);
     EXPECT_EQ(ajax("Ajax=2\""), 2);
-    EXPECT_EQ(ajax("Ajax=\"\"2\"\""), 0) << "one quote from each end and no more";
+    EXPECT_EQ(ajax("Ajax=\"\"2\"\""), 0) << "one quote from each end only";
     EXPECT_EQ(ajax("Ajax=\""), 0);
 }
 
-TEST(AjaxGet, FirstOfSeveralFieldsCounts) {
+TEST(isajax_get, UsesTheFirstFieldWithTheName) {
     EXPECT_EQ(ajax("Ajax=1&Ajax=2"), 1);
     EXPECT_EQ(ajax("Ajax=&Ajax=2"), 0);
     EXPECT_EQ(ajax("Ajax=x&Ajax=2"), 0);
 }
 
-TEST(AjaxGet, EncodedNameIsTheSameFieldOnceThePlainWordOccursAnywhere) {
+TEST(isajax_get, AcceptsAnEncodedNameIfThePlainWordOccursAnywhere) {
     EXPECT_EQ(ajax("%41jax=2&x=Ajax"), 2);
     EXPECT_EQ(ajax("Ajax%00y=2"), 2);
     EXPECT_EQ(ajax("%41jax=2"), 0);
 }
 
-TEST(AjaxGet, First2048PairsAreLookedAt) {
+TEST(isajax_get, SearchesTheFirst2048Pairs) {
     std::string query;
-    for (int pair = 0; pair < 2047; ++pair)
+    for (int pair = 0; pair < CORVEL_AJAX_PAIRS - 1; ++pair)
         query += "a=" + std::to_string(pair) + "&";
     EXPECT_EQ(ajax(query + "Ajax=5"), 5) << "pair 2048";
     EXPECT_EQ(ajax(query + "Ajax=5&b=1"), 5) << "pair 2048 of 2049";
@@ -1037,7 +1021,7 @@ TEST(AjaxGet, First2048PairsAreLookedAt) {
     EXPECT_EQ(ajax("Ajax=6&" + query + "b=1&Ajax=5"), 6);
 }
 
-TEST(AjaxGet, QueryOf100000PairsNeitherOverrunsNorHangs) {
+TEST(isajax_get, ReadsAQueryOf100000Pairs) {
     std::string query;
     for (int pair = 0; pair < 100000; ++pair)
         query += "name=value&";
@@ -1049,16 +1033,16 @@ TEST(AjaxGet, QueryOf100000PairsNeitherOverrunsNorHangs) {
     EXPECT_EQ(ajax(empty_pairs + "Ajax=5"), 0);
 }
 
-TEST(AjaxGet, LeavesTheEnvironmentAlone) {
-    const Surroundings surroundings({.method = "GET", .query = "Ajax=2&x=%41"});
+TEST(isajax_get, LeavesTheEnvironmentUnchanged) {
+    const RequestEnvironment environment({.method = "GET", .query = "Ajax=2&x=%41"});
     for (int call = 0; call < 2; ++call) {
         EXPECT_EQ(isajax_get(), 2);
         EXPECT_STREQ(std::getenv("QUERY_STRING"), "Ajax=2&x=%41");
-        EXPECT_TRUE(referer_is_there());
+        EXPECT_TRUE(referer_is_set());
     }
 }
 
-TEST(AjaxGet, LeaksNothingWhateverAllocationFails) {
+TEST(isajax_get, LeaksNothingIfAnyAllocationFails) {
     const EnvironmentVariable method("REQUEST_METHOD", "GET");
     const EnvironmentVariable query("QUERY_STRING", "a=1&Ajax=2&b=3");
     for_each_allocation_failure([](AllocationTrial &trial) {
@@ -1070,9 +1054,64 @@ TEST(AjaxGet, LeaksNothingWhateverAllocationFails) {
     });
 }
 
-// -------------------------------------------------------------------------------- the environment
+// --- isnormal_post ---
 
-/** Replaces the whole environment; the entries must outlive the object. */
+int is_normal_post(const std::optional<std::string> &method, std::vector<std::string> arguments,
+                   const char *expected) {
+    const EnvironmentVariable variable("REQUEST_METHOD", method);
+    std::vector<char *> argv;
+    for (std::string &argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    return isnormal_post(static_cast<int>(arguments.size()), argv.data(), expected);
+}
+
+TEST(isnormal_post, AcceptsAPostWhoseFirstArgumentIsTheExpectedOne) {
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, "save"), 1);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save", "more"}, "save"), 1);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", ""}, ""), 1);
+}
+
+TEST(isnormal_post, RequiresPostInUpperCase) {
+    for (const char *method : {"post", "Post", "GET", "", "POSTS", "POS", " POST"})
+        EXPECT_EQ(is_normal_post(method, {"lan.cgi", "save"}, "save"), 0) << method;
+    EXPECT_EQ(is_normal_post(std::nullopt, {"lan.cgi", "save"}, "save"), 0);
+}
+
+TEST(isnormal_post, ComparesTheArgumentExactly) {
+    for (const char *argument : {"Save", "saved", "sav", "", " save"})
+        EXPECT_EQ(is_normal_post("POST", {"lan.cgi", argument}, "save"), 0) << argument;
+    EXPECT_EQ(is_normal_post("POST", {"save", "lan.cgi"}, "save"), 0);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "more", "save"}, "save"), 0);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, ""), 0);
+}
+
+TEST(isnormal_post, RequiresAnArgument) {
+    EXPECT_EQ(is_normal_post("POST", {"save"}, "save"), 0);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi"}, ""), 0);
+    EXPECT_EQ(is_normal_post("POST", {}, ""), 0);
+    const EnvironmentVariable method("REQUEST_METHOD", "POST");
+    EXPECT_EQ(isnormal_post(0, nullptr, "save"), 0);
+    EXPECT_EQ(isnormal_post(-1, nullptr, "save"), 0);
+}
+
+TEST(isnormal_post, ReadsOnlyTheCountedArguments) {
+    const EnvironmentVariable method("REQUEST_METHOD", "POST");
+    std::string program = "lan.cgi";
+    std::string argument = "save";
+    std::array<char *, 3> argv{program.data(), argument.data(), nullptr};
+    EXPECT_EQ(isnormal_post(1, argv.data(), "save"), 0);
+    EXPECT_EQ(isnormal_post(2, argv.data(), "save"), 1);
+}
+
+TEST(isnormal_post, ReadsANullExpectedStringAsEmpty) {
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", ""}, nullptr), 1);
+    EXPECT_EQ(is_normal_post("POST", {"lan.cgi", "save"}, nullptr), 0);
+}
+
+// --- myprintevn ---
+
+/** Replaces the whole environment during its lifetime; the entries must outlive it. */
 class WholeEnvironment {
   public:
     explicit WholeEnvironment(char **entries) : saved_(environ) { environ = entries; }
@@ -1084,67 +1123,59 @@ class WholeEnvironment {
     char **saved_;
 };
 
-struct Printed {
-    std::string output;
-    int result = -1;
-};
-
+/** Calls myprintevn() with an environment of these entries. */
 Printed printed_environment(std::vector<std::string> entries) {
     std::vector<char *> pointers;
     for (std::string &entry : entries)
         pointers.push_back(entry.data());
     pointers.push_back(nullptr);
-    Printed printed;
-    printed.output = capture_stdout([&] {
+    return printed([&] {
         const WholeEnvironment environment(pointers.data());
-        printed.result = myprintevn();
+        return myprintevn();
     });
-    return printed;
 }
 
-TEST(PrintedEnvironment, HasAnEntryALineInTheirOrder) {
-    EXPECT_EQ(printed_environment({"B=2", "A=1", "no equals sign", "", "C=%s%n\\", "B=3"}).output,
+TEST(myprintevn, PrintsOneEntryPerLineInOrder) {
+    EXPECT_EQ(printed_environment({"B=2", "A=1", "no equals sign", "", "C=%s%n\\", "B=3"}).text,
               "B=2\nA=1\nno equals sign\n\nC=%s%n\\\nB=3\n");
 }
 
-TEST(PrintedEnvironment, LongEntriesAreNotCut) {
+TEST(myprintevn, DoesNotTruncateLongEntries) {
     const std::string entry = "QUERY_STRING=" + std::string(200000, 'q');
-    EXPECT_EQ(printed_environment({entry}).output, entry + "\n");
+    EXPECT_EQ(printed_environment({entry}).text, entry + "\n");
 }
 
-TEST(PrintedEnvironment, ResultIsThatOfTheLastPuts) {
+TEST(myprintevn, ReturnsTheResultOfTheLastPuts) {
     int expected = -1;
     const std::string output = capture_stdout([&] { expected = std::puts("LAST=entry"); });
     ASSERT_EQ(output, "LAST=entry\n");
     EXPECT_EQ(printed_environment({"A=1", "LAST=entry"}).result, expected);
 }
 
-TEST(PrintedEnvironment, EmptyEnvironmentPrintsNothingAndGivesZero) {
-    const Printed printed = printed_environment({});
-    EXPECT_EQ(printed.output, "");
-    EXPECT_EQ(printed.result, 0);
+TEST(myprintevn, PrintsNothingAndReturnsZeroForAnEmptyEnvironment) {
+    EXPECT_EQ(printed_environment({}), (Printed{"", 0}));
 
     const WholeEnvironment none(nullptr);
     EXPECT_EQ(myprintevn(), 0);
 }
 
-// ------------------------------------------------------------------------------- a command's line
+// --- get_val_awk ---
 
-TEST(CommandLine, IsTheFirstLineWithItsLineEnd) {
+TEST(get_val_awk, ReturnsTheFirstLineWithItsNewline) {
     EXPECT_STREQ(get_val_awk("echo first; echo second"), "first\n");
     EXPECT_STREQ(get_val_awk("printf 'a\\n'"), "a\n");
     EXPECT_STREQ(get_val_awk("printf '\\nb\\n'"), "\n");
 }
 
-TEST(CommandLine, WithoutALineEndIsReturnedAsItIs) {
+TEST(get_val_awk, ReturnsALineWithoutANewlineUnchanged) {
     EXPECT_STREQ(get_val_awk("printf 'no end'"), "no end");
 }
 
-TEST(CommandLine, IsGivenToTheShellAsItStands) {
+TEST(get_val_awk, PassesTheCommandToTheShellUnchanged) {
     EXPECT_STREQ(get_val_awk("x=3; echo \"$x\" $((x + 1)) | tr 3 5"), "5 4\n");
 }
 
-TEST(CommandLine, OfASilentCommandIsEmpty) {
+TEST(get_val_awk, ReturnsTheEmptyStringWithoutOutput) {
     get_val_awk("echo before");
     EXPECT_STREQ(get_val_awk("true"), "");
     get_val_awk("echo before");
@@ -1155,47 +1186,47 @@ TEST(CommandLine, OfASilentCommandIsEmpty) {
     EXPECT_STREQ(get_val_awk("exec 2>/dev/null; /nonexistent/command"), "");
 }
 
-TEST(CommandLine, DoesNotDependOnTheCommandsExitStatus) {
+TEST(get_val_awk, IgnoresTheExitStatus) {
     EXPECT_STREQ(get_val_awk("echo failing; exit 3"), "failing\n");
 }
 
-TEST(CommandLine, OfMoreThan4095CharactersIsCut) {
+TEST(get_val_awk, TruncatesALineAt4095Characters) {
     const auto command = [](int length) {
         return "head -c " + std::to_string(length) + " /dev/zero | tr '\\0' x; echo";
     };
     EXPECT_EQ(get_val_awk(command(4094).c_str()), std::string(4094, 'x') + "\n");
-    EXPECT_EQ(get_val_awk(command(4095).c_str()), std::string(4095, 'x'));
-    EXPECT_EQ(get_val_awk(command(4096).c_str()), std::string(4095, 'x'));
-    EXPECT_EQ(get_val_awk(command(100000).c_str()), std::string(4095, 'x'));
+    EXPECT_EQ(get_val_awk(command(4095).c_str()), std::string(CORVEL_GET_VAL_AWK_SIZE - 1, 'x'));
+    EXPECT_EQ(get_val_awk(command(4096).c_str()), std::string(CORVEL_GET_VAL_AWK_SIZE - 1, 'x'));
+    EXPECT_EQ(get_val_awk(command(100000).c_str()), std::string(CORVEL_GET_VAL_AWK_SIZE - 1, 'x'));
 }
 
-TEST(CommandLine, OfACommandThatPrintsMuchMoreComesAtOnce) {
+TEST(get_val_awk, DoesNotWaitForFurtherOutput) {
     EXPECT_STREQ(get_val_awk("yes 2>/dev/null"), "y\n");
 }
 
-TEST(CommandLine, NothingOfALongerLineBeforeIsLeft) {
+TEST(get_val_awk, ReturnsNothingOfALongerPrecedingLine) {
     get_val_awk("head -c 4095 /dev/zero | tr '\\0' x");
     EXPECT_STREQ(get_val_awk("echo short"), "short\n");
     EXPECT_STREQ(get_val_awk("true"), "");
 }
 
-TEST(CommandLine, First255BytesAreZeroedForASilentCommand) {
+TEST(get_val_awk, ZeroesTheFirst255BytesWithoutOutput) {
     get_val_awk("head -c 4095 /dev/zero | tr '\\0' x");
-    const std::string_view buffer(get_val_awk("true"), 4096);
+    const std::string_view buffer(get_val_awk("true"), CORVEL_GET_VAL_AWK_SIZE);
     EXPECT_EQ(buffer.substr(0, 255), std::string(255, '\0'));
     EXPECT_EQ(buffer.substr(255), std::string(3840, 'x') + '\0');
 }
 
-TEST(CommandLine, NulByteEndsIt) { EXPECT_STREQ(get_val_awk("printf 'a\\0b\\n'"), "a"); }
+TEST(get_val_awk, EndsTheLineAtANul) { EXPECT_STREQ(get_val_awk("printf 'a\\0b\\n'"), "a"); }
 
-TEST(CommandLine, BufferIsSharedByAllCalls) {
+TEST(get_val_awk, ReturnsTheSameBufferOnEveryCall) {
     char *const first = get_val_awk("echo first");
     char *const second = get_val_awk("echo second");
     EXPECT_EQ(first, second);
     EXPECT_STREQ(first, "second\n");
 }
 
-TEST(CommandLine, OfACommandThatCannotBeStartedIsWhatItWasBefore) {
+TEST(get_val_awk, LeavesTheBufferUnchangedIfTheCommandCannotBeStarted) {
     char *const before = get_val_awk("echo before");
     const FailCall no_process(call_popen, 1, EAGAIN);
     EXPECT_EQ(get_val_awk("echo after"), before);
@@ -1203,14 +1234,10 @@ TEST(CommandLine, OfACommandThatCannotBeStartedIsWhatItWasBefore) {
     EXPECT_EQ(no_process.failures(), 1U);
 }
 
-TEST(CommandLine, LeavesNoProcessAndNoOpenFile) {
-    const auto open_files = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-    };
-    const auto before = open_files();
+TEST(get_val_awk, LeavesNoProcessAndNoOpenFile) {
+    const DescriptorWatch descriptors;
     for (int call = 0; call < 20; ++call)
         get_val_awk("echo line; exit 1");
-    EXPECT_EQ(open_files(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
 }
