@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** Takes one POST from a real client on the loopback interface and keeps its bytes. */
+/** Receives one POST of a real client on the loopback interface. */
 #ifndef CORVEL_TESTS_HTTP_RECEIVER_H
 #define CORVEL_TESTS_HTTP_RECEIVER_H
 
@@ -16,7 +16,7 @@
 
 namespace corvel_test {
 
-/** A request as it came over the wire. */
+/** A request as received. */
 struct ReceivedRequest {
     std::string type; /**< The content type. */
     std::string body;
@@ -43,7 +43,7 @@ class HttpReceiver {
 
     [[nodiscard]] const std::string &port() const { return port_; }
 
-    /** Runs a client through the shell and answers its request. */
+    /** Runs a client with the shell, receives its request and sends a response. */
     [[nodiscard]] ReceivedRequest receive_from(const std::string &command) const {
         std::FILE *const client = popen((command + " 2>&1 </dev/null").c_str(), "r");
         require(client != nullptr, "cannot start the client");
@@ -62,7 +62,7 @@ class HttpReceiver {
     }
 
   private:
-    static constexpr int patience = 20000;
+    static constexpr int timeout_milliseconds = 20000;
 
     static void require(bool done, const char *what) {
         if (!done)
@@ -71,7 +71,7 @@ class HttpReceiver {
 
     static bool readable(int descriptor) {
         pollfd wanted{descriptor, POLLIN, 0};
-        return poll(&wanted, 1, patience) == 1;
+        return poll(&wanted, 1, timeout_milliseconds) == 1;
     }
 
     static bool read_more(int connection, std::string &bytes) {
@@ -82,9 +82,9 @@ class HttpReceiver {
         return length > 0;
     }
 
-    static void say(int connection, std::string_view text) {
+    static void send(int connection, std::string_view text) {
         require(write(connection, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
-                "cannot answer the client");
+                "cannot write the response");
     }
 
     /** The value of a header; its name is given with the colon. */
@@ -109,12 +109,12 @@ class HttpReceiver {
         const std::string headers = bytes.substr(0, end + 2);
         request.type = header(headers, "Content-Type:");
         if (!header(headers, "Expect:").empty())
-            say(connection, "HTTP/1.1 100 Continue\r\n\r\n");
+            send(connection, "HTTP/1.1 100 Continue\r\n\r\n");
         request.body = bytes.substr(end + 4);
         const std::size_t length = std::stoul("0" + header(headers, "Content-Length:"));
         while (request.body.size() < length && read_more(connection, request.body))
             continue;
-        say(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
     }
 
     int listener_;

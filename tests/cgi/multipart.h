@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** Multipart bodies, the requests that carry them, and the files that are cut out of them. */
+/** Multipart bodies, the requests that contain them, and the files that are read from them. */
 #ifndef CORVEL_TESTS_MULTIPART_H
 #define CORVEL_TESTS_MULTIPART_H
 
@@ -21,9 +21,7 @@
 
 namespace corvel_test {
 
-inline constexpr std::size_t most_files = 4;
-
-/** One part of a body: its header lines, without the blank line behind them, and its content. */
+/** One part of a body: its header lines, without the empty line after them, and its content. */
 struct Part {
     std::string headers;
     std::string content;
@@ -49,13 +47,13 @@ inline std::string body_of(std::string_view boundary, const std::vector<Part> &p
     return body + line + "--\r\n";
 }
 
-/** The bytes that are looked at once a body was read: the boundary stands in front and the last
- *  byte is not among them. */
+/** The upload that read_queue_for_upload1() makes of a body: the boundary, a newline, and the body
+ * without its last byte. */
 inline std::string upload_of(std::string_view boundary, std::string_view body) {
     return "--" + std::string(boundary) + "\n" + std::string(body.substr(0, body.size() - 1));
 }
 
-/** A file as it was stored. */
+/** A stored file. */
 struct StoredFile {
     std::string name;
     std::string content;
@@ -72,7 +70,7 @@ struct StoredFile {
 
 using StoredFiles = std::vector<StoredFile>;
 
-/** The records of one upload, whose contents are freed when the object goes. */
+/** The records of one upload; the destructor frees their contents. */
 class FileRecords {
   public:
     FileRecords() = default;
@@ -92,20 +90,20 @@ class FileRecords {
     }
 
   private:
-    std::array<prop_file, most_files> records_{};
+    std::array<prop_file, CORVEL_UPLOAD_FILES> records_{};
 };
 
-/** The files that are cut out of a block. */
+/** The files that process_file() reads from a block. */
 inline StoredFiles files_in(char *block, std::size_t size, const std::string &boundary_text) {
     FileRecords records;
     return records.stored(
         process_file(block, static_cast<int>(size), boundary_text.c_str(), records.data()));
 }
 
-/** The files of a body, cut out of just the bytes that are to be looked at. */
+/** The files that process_file() reads from the upload of a body. */
 inline StoredFiles files_of(std::string_view boundary, std::string_view body) {
     const std::string upload = upload_of(boundary, body);
-    // On the heap, where a sanitizer sees the end of the block.
+    // On the heap, where a sanitizer detects a read after the end of the block.
     const std::unique_ptr<char[]> block(new char[upload.size()]);
     upload.copy(block.get(), upload.size());
     return files_in(block.get(), upload.size(), "--" + std::string(boundary));
@@ -115,7 +113,7 @@ inline StoredFiles files_of(std::string_view boundary, const std::vector<Part> &
     return files_of(boundary, body_of(boundary, parts));
 }
 
-/** What a web server hands over. Without a `length`, CONTENT_LENGTH is that of the body. */
+/** The input from the web server. Without a `length`, CONTENT_LENGTH is that of the body. */
 struct UploadRequest {
     std::optional<std::string> method = "POST";
     std::optional<std::string> type = "multipart/form-data; boundary=b";
@@ -124,11 +122,11 @@ struct UploadRequest {
     bool has_length = true;
 };
 
-/** Puts an upload where a CGI program finds it. Nothing pauses as long as the object lives. */
-class UploadSurroundings {
+/** Provides an upload to a CGI program during its lifetime, in which sleep() returns at once. */
+class UploadEnvironment {
   public:
-    explicit UploadSurroundings(const UploadRequest &request,
-                                StandardInput::Kind kind = StandardInput::Kind::file)
+    explicit UploadEnvironment(const UploadRequest &request,
+                               StandardInput::Kind kind = StandardInput::Kind::file)
         : method_("REQUEST_METHOD", request.method), type_("CONTENT_TYPE", request.type),
           length_("CONTENT_LENGTH", length_of(request)), input_(request.body, kind),
           no_pause_(call_sleep, 1, EINTR, FailCall::from_then_on) {}
@@ -147,12 +145,12 @@ class UploadSurroundings {
     FailCall no_pause_;
 };
 
-/** A heap block that a function handed over. */
+/** A heap block that a function returned. */
 using OwnedText = std::unique_ptr<char, void (*)(void *)>;
 
 inline OwnedText owned(char *block) { return {block, std::free}; }
 
-/** What read_queue_for_upload1() makes of the surroundings. */
+/** The results of read_queue_for_upload1(). */
 struct ReadUpload {
     OwnedText bytes = owned(nullptr);
     OwnedText boundary = owned(nullptr);
@@ -172,10 +170,10 @@ inline ReadUpload read_upload() {
     return upload;
 }
 
-/** A request from its bytes on standard input to the files, as a CGI program handles it. */
+/** The files of a request that is read from standard input, as a CGI program does it. */
 inline StoredFiles files_received(const UploadRequest &request,
                                   StandardInput::Kind kind = StandardInput::Kind::file) {
-    const UploadSurroundings surroundings(request, kind);
+    const UploadEnvironment environment(request, kind);
     const ReadUpload upload = read_upload();
     if (upload.bytes == nullptr)
         return {{"no upload", ""}};

@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: MIT
-"""Multipart bodies as Python's email package writes and reads them.
+"""Writes and reads multipart bodies with Python's email package.
 
-    multipart_peer.py send PORT LAYOUT   posts two files to the loopback interface
-    multipart_peer.py cut FOLDER         cuts every FOLDER/*.body, whose content type is in *.type,
-                                         into *.cut: name, type and length in a line each, content
+    multipart_peer.py send PORT LAYOUT    posts two files to the loopback interface
+    multipart_peer.py parse DIRECTORY     parses every DIRECTORY/*.body, whose content type is in
+                                          *.type, and writes the files to *.parsed: a line each for
+                                          name, type and length, then the content
 """
 
 import email.encoders
@@ -16,11 +17,11 @@ import http.client
 import pathlib
 import sys
 
-MOST_FILES = 4
+MAX_FILES = 4
 
 
 def file_headers_first(content, name):
-    """A part whose disposition stands in front, as browsers have it."""
+    """A part whose first header is the disposition, as browsers send it."""
     part = email.message.Message()
     part.add_header("Content-Disposition", "form-data", name="image", filename=name)
     part["Content-Type"] = "application/octet-stream"
@@ -30,7 +31,7 @@ def file_headers_first(content, name):
 
 
 def package_order(content, name):
-    """A part as the package orders its headers: the type in front of the disposition."""
+    """A part with the package's order of headers: the type before the disposition."""
     part = email.mime.application.MIMEApplication(content)
     part.add_header("Content-Disposition", "form-data", name="image", filename=name)
     return part
@@ -50,26 +51,26 @@ def send(port, layout):
     return 0 if connection.getresponse().status == 200 else 1
 
 
-def cut(body, kind):
+def parse(body, kind):
     message = email.parser.BytesParser(policy=email.policy.compat32).parsebytes(
         b"Content-Type: " + kind + b"\r\n\r\n" + body)
     files = [part for part in message.get_payload() if part.get_filename()]
     lines = b""
-    for part in files[:MOST_FILES]:
+    for part in files[:MAX_FILES]:
         content = part.get_payload(decode=True)
         lines += f"{part.get_filename()}\n{part['Content-Type']}\n{len(content)}\n".encode()
         lines += content
     return lines
 
 
-def cut_all(folder):
-    for body in pathlib.Path(folder).glob("*.body"):
+def parse_all(directory):
+    for body in pathlib.Path(directory).glob("*.body"):
         kind = body.with_suffix(".type").read_bytes()
-        body.with_suffix(".cut").write_bytes(cut(body.read_bytes(), kind))
+        body.with_suffix(".parsed").write_bytes(parse(body.read_bytes(), kind))
     return 0
 
 
 if __name__ == "__main__":
     if sys.argv[1] == "send":
         sys.exit(send(int(sys.argv[2]), sys.argv[3]))
-    sys.exit(cut_all(sys.argv[2]))
+    sys.exit(parse_all(sys.argv[2]))
