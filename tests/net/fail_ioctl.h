@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/** Makes the kernel refuse an ioctl request. One test program may include it: it stands in for the
- *  C library's ioctl() as stand_in_calls.h does for other functions. */
+/** Makes an ioctl request fail. It replaces the C library's ioctl() as stand_in_calls.c does other
+ * functions, so that only one source file of a program may include it. */
 #ifndef CORVEL_TESTS_FAIL_IOCTL_H
 #define CORVEL_TESTS_FAIL_IOCTL_H
 
@@ -11,21 +11,21 @@
 
 namespace corvel_test {
 
-/** Every call with this request fails while the object lives. */
+/** During its lifetime, every call with this request fails with EIO. */
 class FailIoctl {
   public:
-    explicit FailIoctl(int request) { refused = static_cast<unsigned long>(request); }
+    explicit FailIoctl(int request) { failing_request = static_cast<unsigned long>(request); }
     FailIoctl(const FailIoctl &) = delete;
     FailIoctl &operator=(const FailIoctl &) = delete;
-    ~FailIoctl() { refused = 0; }
+    ~FailIoctl() { failing_request = 0; }
 
-    static inline unsigned long refused;
+    static inline unsigned long failing_request;
 };
 
 } // namespace corvel_test
 
-/* C libraries declare ioctl() in different ways, so that here it has another name. The request is
- * an int in some of them, which is passed alike. */
+/* Another name, since C libraries declare ioctl() in different ways. Some declare the request as an
+ * int, which is passed in the same way. */
 extern "C" int stand_in_ioctl(int descriptor, unsigned long request, ...) __asm__("ioctl");
 
 extern "C" inline __attribute__((used)) int stand_in_ioctl(int descriptor, unsigned long request,
@@ -38,7 +38,8 @@ extern "C" inline __attribute__((used)) int stand_in_ioctl(int descriptor, unsig
     va_start(values, request);
     void *const value = va_arg(values, void *);
     va_end(values);
-    if (corvel_test::FailIoctl::refused != 0 && request == corvel_test::FailIoctl::refused) {
+    if (corvel_test::FailIoctl::failing_request != 0 &&
+        request == corvel_test::FailIoctl::failing_request) {
         errno = EIO;
         return -1;
     }

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * In a private root: the network that it has to itself, and what the kernel's tables say of it.
+ * In a private root: sets up its network, and replaces the kernel's tables in /proc/net.
  *
  *     in_private_root([] {
  *         add_cable("eth0", "far0");
  *         ip("address add 192.168.1.1/24 dev eth0");
  *         ...
- *         const OwnTable routes("route");
- *         routes.hold("Iface\tDestination...");
+ *         const ReplacedTable routes("route");
+ *         routes.write("Iface\tDestination...");
  *     });
  */
 #ifndef CORVEL_TESTS_NETWORK_H
@@ -26,48 +26,46 @@
 
 namespace corvel_test {
 
-/** Runs the program ip with these words. */
-inline void ip(const std::string &words) {
-    const std::string command = "PATH=/usr/sbin:/usr/bin:/bin ip " + words;
+/** Runs the program ip with these arguments. */
+inline void ip(const std::string &arguments) {
+    const std::string command = "PATH=/usr/sbin:/usr/bin:/bin ip " + arguments;
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
 }
 
 /**
- * Two Ethernet interfaces, one at each end of a cable, which are on and have no address. Where one
- * would do, too: not every kernel has dummy interfaces.
+ * Adds two connected Ethernet interfaces, which are up and have no address. Also for tests that
+ * need only one, since not every kernel has dummy interfaces.
  */
 inline void add_cable(const std::string &near, const std::string &far) {
     ip("link add " + near + " type veth peer name " + far);
     for (const std::string &name : {near, far}) {
-        // The kernel gives them no link-local address.
+        // So that the kernel assigns no link-local address.
         ip("link set " + name + " addrgenmode none");
         ip("link set " + name + " up");
     }
 }
 
-/** A file of the test's own in the place of one in /proc/net, for this process; all others that it
- *  sees there are gone. */
-class OwnTable {
+/** During its lifetime, /proc/net of this process contains at most one file, which the test writes. */
+class ReplacedTable {
   public:
-    explicit OwnTable(const std::string &name) : path_(folder + ("/" + name)) {
-        std::filesystem::create_directory(folder);
-        if (mount(folder, "/proc/self/net", nullptr, MS_BIND, nullptr) != 0)
+    explicit ReplacedTable(const std::string &name) : path_(directory + ("/" + name)) {
+        std::filesystem::create_directory(directory);
+        if (mount(directory, "/proc/self/net", nullptr, MS_BIND, nullptr) != 0)
             throw std::system_error(errno, std::generic_category(), "mount on /proc/self/net");
     }
-    OwnTable(const OwnTable &) = delete;
-    OwnTable &operator=(const OwnTable &) = delete;
-    ~OwnTable() { umount2("/proc/self/net", MNT_DETACH); }
+    ReplacedTable(const ReplacedTable &) = delete;
+    ReplacedTable &operator=(const ReplacedTable &) = delete;
+    ~ReplacedTable() { umount2("/proc/self/net", MNT_DETACH); }
 
-    void hold(std::string_view text) const { write_file(path_, text); }
-    /** There is no such file. */
-    void be_missing() const { std::filesystem::remove_all(path_); }
-    void be_a_folder() const {
-        be_missing();
+    void write(std::string_view text) const { write_file(path_, text); }
+    void remove() const { std::filesystem::remove_all(path_); }
+    void replace_by_directory() const {
+        remove();
         std::filesystem::create_directory(path_);
     }
 
   private:
-    static constexpr const char *folder = "/tmp/net";
+    static constexpr const char *directory = "/tmp/net";
     std::string path_;
 };
 

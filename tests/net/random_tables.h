@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** Tables as the kernel could print them and as it never would, made at random but the same in
- * every run. */
+/** Random tables, well-formed and malformed, the same in every run. */
 #ifndef CORVEL_TESTS_RANDOM_TABLES_H
 #define CORVEL_TESTS_RANDOM_TABLES_H
 
@@ -25,17 +24,17 @@ class RandomTables {
     /** One of the words. */
     std::string one_of(const Words &words) { return words[number(words.size())]; }
 
-    /** The words, each with up to three blanks or tabs behind it, and a line end. */
+    /** The words, each followed by up to three spaces or tabs, and a newline. */
     std::string line_of(const Words &words) {
         std::string text;
         for (const std::string &word : words) {
-            const char blank = number(3) == 0 ? '\t' : ' ';
-            text += word + std::string(1 + number(3), blank);
+            const char space = number(3) == 0 ? '\t' : ' ';
+            text += word + std::string(1 + number(3), space);
         }
         return text + "\n";
     }
 
-    /** Up to 19 lines of the words that @p next makes for each. */
+    /** Up to 19 lines, for each of which @p next makes the words. */
     std::string table_of(const std::function<Words(RandomTables &)> &next) {
         std::string text;
         for (unsigned lines = number(20); lines != 0; --lines)
@@ -43,7 +42,7 @@ class RandomTables {
         return text;
     }
 
-    /** Lines of any bytes. */
+    /** Ten thousand lines of random bytes. */
     std::string noise() {
         std::string text;
         for (int lines = 0; lines < 10000; ++lines) {
