@@ -4,7 +4,7 @@
 #include "tests/net/network.h"
 #include "tests/net/random_tables.h"
 #include "tests/support/descriptors.h"
-#include "tests/support/fenced.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/private_root.h"
 #include "tests/support/stand_in.h"
@@ -28,6 +28,8 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 
+// --- get_arp_cache ---
+
 struct Record {
     std::string ip;
     std::string hwtype;
@@ -39,14 +41,12 @@ struct Record {
 };
 using Records = std::vector<Record>;
 
-template <std::size_t size> bool is_text(const char (&field)[size]) {
-    return std::memchr(field, '\0', size) != nullptr;
-}
-
-/** Whether nothing follows the text in its field. */
+/** Whether the field contains a string and only NULs after it. */
 template <std::size_t size> bool is_clean(const char (&field)[size]) {
-    return is_text(field) && std::all_of(std::begin(field) + std::strlen(field), std::end(field),
-                                         [](char byte) { return byte == '\0'; });
+    const std::string_view bytes(field, size);
+    const std::size_t length = bytes.find('\0');
+    return length != std::string_view::npos &&
+           bytes.find_first_not_of('\0', length) == std::string_view::npos;
 }
 
 Records records_of(const lease_entry *entry) {
@@ -54,17 +54,18 @@ Records records_of(const lease_entry *entry) {
     for (; entry != nullptr; entry = entry->next) {
         EXPECT_EQ(entry->reserved, 0);
         EXPECT_TRUE(is_clean(entry->ip) && is_clean(entry->hwtype) && is_clean(entry->mac));
-        EXPECT_EQ(std::string_view(entry->expires, sizeof entry->expires), std::string(16, '\0'));
+        EXPECT_EQ(std::string_view(entry->expires, sizeof entry->expires),
+                  std::string(CORVEL_LEASE_EXPIRES_SIZE, '\0'));
         EXPECT_EQ(std::string_view(entry->hostname, sizeof entry->hostname),
-                  std::string(128, '\0'));
+                  std::string(CORVEL_LEASE_HOST_SIZE, '\0'));
         records.push_back({entry->ip, entry->hwtype, entry->mac});
     }
     return records;
 }
 
-/** The neighbours at an interface, or at all. */
+/** The neighbours of an interface, or all if the name is empty. */
 Records neighbours(const std::string &interface = "") {
-    FencedText text;
+    GuardedInput text;
     const char *const ifname = text.hold(interface);
     lease_entry *head = nullptr;
     int count = 0;
@@ -86,7 +87,7 @@ void add_two_interfaces() {
     ip("address add 10.0.0.1/24 dev eth0.1");
 }
 
-TEST(NeighbourCache, ListsWhatTheKernelKnows) {
+TEST(get_arp_cache, ListsTheKernelsNeighbours) {
     in_private_root([] {
         EXPECT_EQ(neighbours(), Records{});
         add_two_interfaces();
@@ -102,7 +103,7 @@ TEST(NeighbourCache, ListsWhatTheKernelKnows) {
     });
 }
 
-TEST(NeighbourCache, ListsThoseOfOneInterface) {
+TEST(get_arp_cache, ListsTheNeighboursOfOneInterface) {
     in_private_root([] {
         add_two_interfaces();
         ip("neighbour add 192.168.1.77 lladdr 02:00:00:00:00:01 dev eth0 nud permanent");
@@ -114,13 +115,13 @@ TEST(NeighbourCache, ListsThoseOfOneInterface) {
     });
 }
 
-TEST(NeighbourCache, ListsNoNeighbourWithoutAHardwareAddress) {
+TEST(get_arp_cache, SkipsNeighboursWithoutAHardwareAddress) {
     in_private_root([] {
         add_two_interfaces();
         ip("neighbour add 192.168.1.7 dev eth0 nud incomplete");
         ip("neighbour add 192.168.1.8 lladdr 02:00:00:00:00:08 dev eth0 nud failed");
         EXPECT_EQ(neighbours(), Records{});
-        // They are in the table.
+        // The table does contain such lines.
         const std::string table = read_file("/proc/net/arp");
         EXPECT_NE(table.find("192.168.1.7 "), std::string::npos);
         ip("neighbour add 192.168.1.9 lladdr 02:00:00:00:00:09 dev eth0 nud permanent");
@@ -128,7 +129,7 @@ TEST(NeighbourCache, ListsNoNeighbourWithoutAHardwareAddress) {
     });
 }
 
-TEST(NeighbourCache, ListsAHardwareAddressOnce) {
+TEST(get_arp_cache, ListsEachHardwareAddressOnce) {
     in_private_root([] {
         add_two_interfaces();
         ip("neighbour add 192.168.1.77 lladdr 02:00:00:00:00:01 dev eth0 nud permanent");
@@ -140,7 +141,7 @@ TEST(NeighbourCache, ListsAHardwareAddressOnce) {
     });
 }
 
-/** A line as the kernel prints it. */
+/** A line as the kernel prints it, with its newline. */
 std::string line(const std::string &address, const std::string &mac,
                  const std::string &device = "eth0", const std::string &flags = "0x2",
                  const std::string &type = "0x1") {
@@ -157,77 +158,77 @@ const std::string mac_2 = "00:11:22:33:44:52";
 const Record record_1 = {"1.1.1.1", "1", "001122334451"};
 const Record record_2 = {"2.2.2.2", "1", "001122334452"};
 
-TEST(NeighbourTable, ListsCompleteNeighboursInTheOrderOfTheTable) {
+TEST(get_arp_cache, ListsCompleteNeighboursInTheOrderOfTheTable) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("2.2.2.2", mac_2) + line("3.3.3.3", mac_1, "eth0", "0x0") +
-                   line("1.1.1.1", mac_1, "eth1", "0x6"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("2.2.2.2", mac_2) + line("3.3.3.3", mac_1, "eth0", "0x0") +
+                    line("1.1.1.1", mac_1, "eth1", "0x6"));
         EXPECT_EQ(neighbours(), (Records{record_2, record_1}));
     });
 }
 
-TEST(NeighbourTable, TellsACompleteNeighbourByOneFlag) {
+TEST(get_arp_cache, TestsOnlyTheFlagOfACompleteNeighbour) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         for (unsigned flags = 0; flags < 256; ++flags) {
             char text[16];
             std::snprintf(text, sizeof text, "0x%x", flags);
-            table.hold(heading + line("1.1.1.1", mac_1, "eth0", text));
+            table.write(heading + line("1.1.1.1", mac_1, "eth0", text));
             EXPECT_EQ(neighbours(), (flags & 2) != 0 ? Records{record_1} : Records{}) << flags;
         }
     });
 }
 
-TEST(NeighbourTable, ListsTheFirstLineOfAHardwareAddress) {
+TEST(get_arp_cache, ListsTheFirstCompleteLineOfAHardwareAddress) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("9.9.9.9", mac_1, "eth0", "0x0") +
-                   line("1.1.1.1", mac_1, "eth0") + line("3.3.3.3", mac_1, "eth1") +
-                   line("2.2.2.2", mac_2, "eth1") + line("4.4.4.4", mac_2, "eth0"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("9.9.9.9", mac_1, "eth0", "0x0") +
+                    line("1.1.1.1", mac_1, "eth0") + line("3.3.3.3", mac_1, "eth1") +
+                    line("2.2.2.2", mac_2, "eth1") + line("4.4.4.4", mac_2, "eth0"));
         EXPECT_EQ(neighbours(), (Records{record_1, record_2}));
         EXPECT_EQ(neighbours("eth0"), (Records{record_1, {"4.4.4.4", "1", "001122334452"}}));
         EXPECT_EQ(neighbours("eth1"), (Records{{"3.3.3.3", "1", "001122334451"}, record_2}));
     });
 }
 
-TEST(NeighbourTable, ComparesHardwareAddressesAsTheyAreListed) {
+TEST(get_arp_cache, ComparesHardwareAddressesInStrippedForm) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("1.1.1.1", "aa:bb:cc:dd:ee:ff") +
-                   line("2.2.2.2", "AA-BB-CC-DD-EE-FF") +
-                   line("3.3.3.3", "aa:bb:cc:dd:ee:ff:00:11"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("1.1.1.1", "aa:bb:cc:dd:ee:ff") +
+                    line("2.2.2.2", "AA-BB-CC-DD-EE-FF") +
+                    line("3.3.3.3", "aa:bb:cc:dd:ee:ff:00:11"));
         EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", "AABBCCDDEEFF"}}));
     });
 }
 
-TEST(NeighbourTable, HoldsItsHardwareTypeInHexadecimal) {
+TEST(get_arp_cache, ListsTheHardwareTypeInHexadecimal) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         for (const std::string type : {"0", "1", "19", "2fb", "abcdef", "fffffff"}) {
-            table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x" + type));
+            table.write(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x" + type));
             EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", type, "001122334451"}}));
         }
-        table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x00ABC"));
+        table.write(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x00ABC"));
         EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "abc", "001122334451"}}));
-        // The field has room for seven digits.
-        table.hold(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x12345678"));
+        // The field is large enough for seven digits.
+        table.write(heading + line("1.1.1.1", mac_1, "eth0", "0x2", "0x12345678"));
         EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1234567", "001122334451"}}));
     });
 }
 
-TEST(NeighbourTable, IsReadBehindItsHeadingWhateverThatIs) {
+TEST(get_arp_cache, SkipsAnyFirstLine) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         for (const std::string &first : {"\n"s, "\0\n"s, "x\n"s, line("9.9.9.9", mac_2)}) {
-            table.hold(first + line("1.1.1.1", mac_1));
+            table.write(first + line("1.1.1.1", mac_1));
             EXPECT_EQ(neighbours(), Records{record_1});
         }
     });
 }
 
-TEST(NeighbourTable, EndsAtALineThatIsNone) {
+TEST(get_arp_cache, StopsAtTheFirstMalformedLine) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         for (const std::string &bad :
              {"\n"s, "  \n"s, "2.2.2.2\n"s, "2.2.2.2 0x1\n"s, "2.2.2.2 0x1 0x2\n"s,
               "2.2.2.2 1 0x2 00:11:22:33:44:52 * eth0\n"s,
@@ -238,19 +239,20 @@ TEST(NeighbourTable, EndsAtALineThatIsNone) {
               "2.2.2.2 0x1 0x2 \0 00:11:22:33:44:52 * eth0\n"s, "\0"s + line("2.2.2.2", mac_2),
               std::string(127, ' ') + "\n", std::string(500, 'x') + "\n",
               std::string(500, '\0') + "\n"}) {
-            table.hold(heading + line("1.1.1.1", mac_1) + bad + line("2.2.2.2", mac_2));
+            table.write(heading + line("1.1.1.1", mac_1) + bad + line("2.2.2.2", mac_2));
             EXPECT_EQ(neighbours(), Records{record_1}) << bad;
-            table.hold(heading + bad + line("2.2.2.2", mac_2));
+            table.write(heading + bad + line("2.2.2.2", mac_2));
             EXPECT_EQ(neighbours(), Records{}) << bad;
         }
     });
 }
 
-TEST(NeighbourTable, MayLackMaskAndDevice) {
+TEST(get_arp_cache, AcceptsLinesWithoutMaskAndDevice) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         for (const char *last : {"", " *"}) {
-            table.hold(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + last + "\n");
+            table.write(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + last +
+                        "\n");
             EXPECT_EQ(neighbours(), (Records{record_2, record_1}));
             EXPECT_EQ(neighbours("eth0"), Records{record_2});
             EXPECT_EQ(neighbours("-"), Records{record_1});
@@ -258,110 +260,111 @@ TEST(NeighbourTable, MayLackMaskAndDevice) {
     });
 }
 
-TEST(NeighbourTable, MayHoldAnyBlanksAndWords) {
+TEST(get_arp_cache, AcceptsAnyWhitespaceAndWords) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + "\t1.1.1.1\t0x1   0x2\v" + mac_1 + "\f*\r eth0 more words\n" +
-                   "%s%n 0x 1 0x +2 \xFF\x80:%n * eth0\n");
+        const ReplacedTable table("arp");
+        table.write(heading + "\t1.1.1.1\t0x1   0x2\v" + mac_1 + "\f*\r eth0 more words\n" +
+                    "%s%n 0x 1 0x +2 \xFF\x80:%n * eth0\n");
         EXPECT_EQ(neighbours("eth0"), (Records{record_1, {"%s%n", "1", "\xFF\x80%N"}}));
     });
 }
 
-/** "%x" takes the zero of a number that has no digits after its prefix. */
-TEST(NeighbourTable, MayHoldAPrefixWithoutDigits) {
+/** As scanf() does for "%x". */
+TEST(get_arp_cache, ReadsAPrefixWithoutDigitsAsZero) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + "9.9.9.9 0x1 0x0x " + mac_2 + "\n" + line("1.1.1.1", mac_1));
+        const ReplacedTable table("arp");
+        table.write(heading + "9.9.9.9 0x1 0x0x " + mac_2 + "\n" + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{record_1});
-        table.hold(heading + "9.9.9.9 0x0x 0x2 " + mac_2 + "\n" + line("1.1.1.1", mac_1));
+        table.write(heading + "9.9.9.9 0x0x 0x2 " + mac_2 + "\n" + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{});
     });
 }
 
-TEST(NeighbourTable, MayHoldShortHardwareAddresses) {
+TEST(get_arp_cache, AcceptsShortHardwareAddresses) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("1.1.1.1", "*") + line("2.2.2.2", "0a:0b:0c:0d") +
-                   line("3.3.3.3", "*"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("1.1.1.1", "*") + line("2.2.2.2", "0a:0b:0c:0d") +
+                    line("3.3.3.3", "*"));
         EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", "*"}, {"2.2.2.2", "1", "0A0B0C0D"}}));
     });
 }
 
-TEST(NeighbourTable, MayHoldLongWords) {
+TEST(get_arp_cache, AcceptsLongWords) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         const std::string rest = " 0x1 0x2 a\n";
         const std::string address(127 - rest.size(), 'i');
-        table.hold(heading + address + rest);
+        table.write(heading + address + rest);
         EXPECT_EQ(neighbours(), (Records{{address, "1", "A"}}));
         const std::string start = "1.1.1.1 0x1 0x2 ";
         const std::string mac(127 - start.size() - 1, 'm');
-        table.hold(heading + start + mac + "\n");
+        table.write(heading + start + mac + "\n");
         EXPECT_EQ(neighbours(), (Records{{"1.1.1.1", "1", std::string(12, 'M')}}));
         const std::string device(127 - start.size() - mac_1.size() - 4, 'd');
-        table.hold(heading + start + mac_1 + " * " + device + "\n");
+        table.write(heading + start + mac_1 + " * " + device + "\n");
         EXPECT_EQ(neighbours(device), Records{record_1});
         EXPECT_EQ(neighbours(device.substr(1)), Records{});
         EXPECT_EQ(neighbours(device + "d"), Records{});
     });
 }
 
-TEST(NeighbourTable, IsReadInPiecesOf127Characters) {
+TEST(get_arp_cache, ReadsTheTableInPiecesOf127Characters) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         const std::string entry = "1.1.1.1 0x1 0x2 " + mac_1 + " * eth0";
-        // The line end, too, counts as a character.
+        // The newline counts as a character.
         for (const std::size_t length : {120U, 125U, 126U}) {
-            table.hold(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
-                       line("2.2.2.2", mac_2));
+            table.write(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
+                        line("2.2.2.2", mac_2));
             EXPECT_EQ(neighbours(), (Records{record_1, record_2})) << length;
         }
-        // What is left of a longer line is a line that is none.
+        // The rest of a longer line is a malformed line.
         for (const std::size_t length : {127U, 128U, 200U}) {
-            table.hold(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
-                       line("2.2.2.2", mac_2));
+            table.write(heading + entry + std::string(length - entry.size(), ' ') + "\n" +
+                        line("2.2.2.2", mac_2));
             EXPECT_EQ(neighbours(), Records{record_1}) << length;
         }
-        // A piece may be a line of its own.
-        table.hold(heading + entry + std::string(127 - entry.size(), ' ') + line("2.2.2.2", mac_2));
+        // The rest of a longer line may be well-formed.
+        table.write(heading + entry + std::string(127 - entry.size(), ' ') +
+                    line("2.2.2.2", mac_2));
         EXPECT_EQ(neighbours(), (Records{record_1, record_2}));
-        // So may what is left of the heading.
-        table.hold(std::string(127, 'x') + line("1.1.1.1", mac_1));
+        // So may the rest of the heading.
+        table.write(std::string(127, 'x') + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{record_1});
-        table.hold(std::string(126, 'x') + "\n" + line("1.1.1.1", mac_1));
+        table.write(std::string(126, 'x') + "\n" + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{record_1});
-        table.hold(std::string(128, 'x') + "\n" + line("1.1.1.1", mac_1));
+        table.write(std::string(128, 'x') + "\n" + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{});
     });
 }
 
-TEST(NeighbourTable, MayEndWithoutALineEnd) {
+TEST(get_arp_cache, AcceptsATableWithoutAFinalNewline) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + " * eth0");
+        const ReplacedTable table("arp");
+        table.write(heading + line("2.2.2.2", mac_2) + "1.1.1.1 0x1 0x2 " + mac_1 + " * eth0");
         EXPECT_EQ(neighbours("eth0"), (Records{record_2, record_1}));
     });
 }
 
-TEST(NeighbourTable, MayBeEmptyMissingAFolderOrUnreadable) {
+TEST(get_arp_cache, ListsNothingIfTheTableIsUnusable) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         const auto expect_none = [] {
             EXPECT_EQ(neighbours(), Records{});
         };
-        table.hold("");
+        table.write("");
         expect_none();
-        table.hold(heading);
+        table.write(heading);
         expect_none();
-        table.hold("no line end");
+        table.write("no newline");
         expect_none();
-        table.be_missing();
+        table.remove();
         EXPECT_EQ(capture_stdout(expect_none), "");
         EXPECT_EQ(capture_stderr(expect_none), "");
-        table.be_a_folder();
+        table.replace_by_directory();
         expect_none();
-        table.be_missing();
-        table.hold(heading + line("1.1.1.1", mac_1));
+        table.remove();
+        table.write(heading + line("1.1.1.1", mac_1));
         EXPECT_EQ(neighbours(), Records{record_1});
         {
             const DescriptorsLeft none(0);
@@ -372,10 +375,10 @@ TEST(NeighbourTable, MayBeEmptyMissingAFolderOrUnreadable) {
     });
 }
 
-TEST(NeighbourTable, IsReadWithoutAWord) {
+TEST(get_arp_cache, PrintsNothing) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("1.1.1.1", mac_1) + "bad\n");
+        const ReplacedTable table("arp");
+        table.write(heading + line("1.1.1.1", mac_1) + "bad\n");
         const auto read = [] {
             EXPECT_EQ(neighbours(), Records{record_1});
         };
@@ -384,11 +387,11 @@ TEST(NeighbourTable, IsReadWithoutAWord) {
     });
 }
 
-TEST(NeighbourTable, GivesWhatWasReadWhenMemoryRanOut) {
+TEST(get_arp_cache, KeepsWhatItListedBeforeMemoryRanOut) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("1.1.1.1", mac_1) + line("9.9.9.9", mac_1) +
-                   line("2.2.2.2", mac_2) + line("3.3.3.3", "00:00:00:00:00:03"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("1.1.1.1", mac_1) + line("9.9.9.9", mac_1) +
+                    line("2.2.2.2", mac_2) + line("3.3.3.3", "00:00:00:00:00:03"));
         const Records all = {record_1, record_2, {"3.3.3.3", "1", "000000000003"}};
         const DescriptorWatch watch;
         EXPECT_EQ(for_each_allocation_failure([&](AllocationTrial &trial) {
@@ -404,19 +407,19 @@ TEST(NeighbourTable, GivesWhatWasReadWhenMemoryRanOut) {
 }
 
 std::string mac_of(unsigned number) {
-    char text[18];
+    char text[CORVEL_MAC_SIZE];
     std::snprintf(text, sizeof text, "02:00:%02x:%02x:%02x:%02x", number >> 24, number >> 16 & 0xFF,
                   number >> 8 & 0xFF, number & 0xFF);
     return text;
 }
 
-TEST(NeighbourTable, MayBeLong) {
+TEST(get_arp_cache, ListsThousandsOfNeighbours) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         std::mt19937 engine(67);
         std::string text = heading;
         Records expected;
-        // More hardware addresses than there can be neighbours, each two times.
+        // More hardware addresses than the kernel keeps by default, each twice.
         std::vector<unsigned> macs;
         for (unsigned number = 0; number < 5000; ++number)
             macs.insert(macs.end(), 2, number * 7919);
@@ -435,25 +438,25 @@ TEST(NeighbourTable, MayBeLong) {
                 expected.push_back({address, "1", mac});
             }
         }
-        table.hold(text);
+        table.write(text);
         EXPECT_EQ(expected.size(), 5000U);
         EXPECT_EQ(neighbours(), expected);
     });
 }
 
-/** Expects each of these hardware addresses, which all differ, to be listed once and in order. The
- * table has each two times. */
-void expect_listed_once(const OwnTable &table, const std::vector<std::string> &macs) {
+/** Expects that these different hardware addresses, each of which is in the table twice, are listed
+ * once and in order. */
+void expect_listed_once(const ReplacedTable &table, const std::vector<std::string> &macs) {
     std::string text = heading;
     for (const std::string &mac : macs)
         text += "1.1.1.1 0x1 0x2 " + mac + "\n";
     for (const std::string &mac : macs)
         text += "2 0x1 0x2 " + mac + "\n";
-    table.hold(text);
+    table.write(text);
     lease_entry *head = nullptr;
     ASSERT_EQ(get_arp_cache("", &head), macs.size());
     const lease_entry *entry = head;
-    char stripped[13];
+    char stripped[CORVEL_MAC_STRIPPED_SIZE];
     for (const std::string &mac : macs) {
         ASSERT_STREQ(entry->mac, mac2hexStrip(mac.c_str(), stripped));
         ASSERT_STREQ(entry->ip, "1.1.1.1");
@@ -463,10 +466,10 @@ void expect_listed_once(const OwnTable &table, const std::vector<std::string> &m
     free_leaselist(&head);
 }
 
-/** So many neighbours that looking through all of them for each would take half an hour. */
-TEST(NeighbourTable, IsReadInTimeWithHundredsOfThousandsOfNeighbours) {
+/** Comparing each neighbour with all others would take half an hour. */
+TEST(get_arp_cache, TakesLinearTimeForHundredsOfThousandsOfNeighbours) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         std::vector<std::string> macs(400000);
         for (unsigned number = 0; number < macs.size(); ++number)
             macs[number] = mac_of(number);
@@ -474,8 +477,8 @@ TEST(NeighbourTable, IsReadInTimeWithHundredsOfThousandsOfNeighbours) {
     });
 }
 
-/** A hardware address of any twelve characters that are neither whitespace nor changed to upper
- * case; empty for other characters. */
+/** A hardware address of twelve characters, or "" if one of them is NUL, whitespace or a lower-case
+ * letter, which would end or change it. */
 std::string mac_of_characters(std::string_view characters) {
     std::string mac;
     for (std::size_t i = 0; i < characters.size(); ++i) {
@@ -491,7 +494,7 @@ std::string mac_of_characters(std::string_view characters) {
     return mac;
 }
 
-/** The number that gives 1 when multiplied by an odd number. */
+/** The multiplicative inverse of an odd number, modulo 2 to the power of 64. */
 std::uint64_t inverse_of(std::uint64_t odd) {
     std::uint64_t inverse = 1;
     for (int doubled = 0; doubled < 6; ++doubled)
@@ -499,10 +502,10 @@ std::uint64_t inverse_of(std::uint64_t odd) {
     return inverse;
 }
 
-/** Addresses that agree in all 64 bits into which the library first mixes their characters. */
-TEST(NeighbourTable, IsReadInTimeWithHardwareAddressesChosenToCollide) {
+/** Addresses that differ only in the last 32 of the 96 bits that index the records. */
+TEST(get_arp_cache, TakesLinearTimeForHardwareAddressesChosenToCollide) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         const std::uint64_t unmixed = 0x123456789ABCDEF0U * inverse_of(0x9E3779B97F4A7C15U);
         std::vector<std::string> macs;
         for (std::uint32_t low = 0x21212121; macs.size() < 200000; ++low) {
@@ -518,7 +521,7 @@ TEST(NeighbourTable, IsReadInTimeWithHardwareAddressesChosenToCollide) {
     });
 }
 
-/** What a reader with scanf() finds. */
+/** What a model based on scanf() finds. */
 Records expected_of(const std::string &path, const std::string &interface) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "r"),
                                                                 std::fclose);
@@ -549,7 +552,7 @@ Records expected_of(const std::string &path, const std::string &interface) {
     return records;
 }
 
-/** The words of a line of the table, some of them missing or something else. */
+/** The words of a line of the table, sometimes of a malformed one. */
 Words words_of_a_line(RandomTables &random) {
     Words words = {
         "10.0.0." + std::to_string(random.number(256)),
@@ -572,9 +575,9 @@ Words words_of_a_line(RandomTables &random) {
     return words;
 }
 
-TEST(NeighbourTable, IsReadAsAFormatReadsIt) {
+TEST(get_arp_cache, AgreesWithScanfOnAnyTable) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         RandomTables random(68);
         for (int round = 0; round < 1500; ++round) {
             std::string text = random.table_of(words_of_a_line);
@@ -582,22 +585,22 @@ TEST(NeighbourTable, IsReadAsAFormatReadsIt) {
                 return character == '\n' && random.number(30) == 0;
             });
             text.insert(0, heading);
-            table.hold(text);
+            table.write(text);
             for (const char *interface : {"", "eth0", "-"})
                 ASSERT_EQ(neighbours(interface), expected_of("/proc/net/arp", interface)) << text;
         }
     });
 }
 
-TEST(NeighbourTable, IsReadToAnEndWhateverItHolds) {
+TEST(get_arp_cache, ReachesTheEndOfAnyTable) {
     in_private_root([] {
-        const OwnTable table("arp");
+        const ReplacedTable table("arp");
         std::mt19937 engine(69);
         for (int round = 0; round < 500; ++round) {
             std::string noise = heading + line("1.1.1.1", mac_1);
             for (unsigned length = static_cast<unsigned>(engine() % 2000); length != 0; --length)
                 noise += "0x12 \n\t:\0f\xFF"[engine() % 11];
-            table.hold(noise);
+            table.write(noise);
             const Records found = neighbours();
             ASSERT_FALSE(found.empty());
             ASSERT_EQ(found.front(), record_1);
@@ -605,7 +608,8 @@ TEST(NeighbourTable, IsReadToAnEndWhateverItHolds) {
     });
 }
 
-/** A record of a list. */
+// --- search_by_mac ---
+
 lease_entry record(const std::string &address, const std::string &mac,
                    const std::string &expires = "") {
     lease_entry entry = {};
@@ -616,11 +620,11 @@ lease_entry record(const std::string &address, const std::string &mac,
 }
 
 int position(const lease_entry *head, const std::string &mac) {
-    static FencedText text;
+    static GuardedInput text;
     return search_by_mac(head, text.hold(mac));
 }
 
-TEST(SearchByMac, GivesThePositionOfTheFirstRecord) {
+TEST(search_by_mac, ReturnsThePositionOfTheFirstMatch) {
     lease_entry third = record("3.3.3.3", "AABBCCDDEEFF");
     lease_entry second = record("2.2.2.2", "AABBCCDDEEFF");
     second.next = &third;
@@ -633,12 +637,12 @@ TEST(SearchByMac, GivesThePositionOfTheFirstRecord) {
     EXPECT_EQ(position(&first, "00:11:22:33:44:56"), 0);
 }
 
-TEST(SearchByMac, FindsNothingInAnEmptyList) {
+TEST(search_by_mac, FindsNothingInAnEmptyList) {
     EXPECT_EQ(position(nullptr, "00:11:22:33:44:55"), 0);
     EXPECT_EQ(position(nullptr, ""), 0);
 }
 
-TEST(SearchByMac, ComparesExactly) {
+TEST(search_by_mac, ComparesExactly) {
     const lease_entry longer = record("1.1.1.1", "0011223344556");
     EXPECT_EQ(position(&longer, "00:11:22:33:44:55"), 0);
     const lease_entry shorter = record("1.1.1.1", "00112233445");
@@ -652,12 +656,12 @@ TEST(SearchByMac, ComparesExactly) {
     EXPECT_EQ(position(&empty, "00:11:22:33:44:55"), 0);
 }
 
-TEST(SearchByMac, FindsNoLeaseRecord) {
+TEST(search_by_mac, DoesNotMatchAColonFormInTheRecord) {
     const lease_entry lease = record("1.1.1.1", "00:11:22:33:44:55");
     EXPECT_EQ(position(&lease, "00:11:22:33:44:55"), 0);
 }
 
-TEST(SearchByMac, ReadsNothingBehindAText) {
+TEST(search_by_mac, ReadsNothingAfterTheTerminator) {
     const lease_entry entry = record("1.1.1.1", "001122334455");
     const std::string mac = "00:11:22:33:44:55";
     for (std::size_t length = 0; length <= mac.size(); ++length)
@@ -665,11 +669,11 @@ TEST(SearchByMac, ReadsNothingBehindAText) {
     EXPECT_EQ(position(&entry, mac + std::string(3000, ':')), 1);
 }
 
-TEST(SearchByMac, FindsEveryRecordOfTheNeighbourTable) {
+TEST(search_by_mac, FindsEveryNeighbourThatGetArpCacheListed) {
     in_private_root([] {
-        const OwnTable table("arp");
-        table.hold(heading + line("1.1.1.1", mac_1) + line("2.2.2.2", mac_2) +
-                   line("3.3.3.3", "fe:dc:ba:98:76:54"));
+        const ReplacedTable table("arp");
+        table.write(heading + line("1.1.1.1", mac_1) + line("2.2.2.2", mac_2) +
+                    line("3.3.3.3", "fe:dc:ba:98:76:54"));
         lease_entry *head = nullptr;
         EXPECT_EQ(get_arp_cache("", &head), 3);
         EXPECT_EQ(position(head, mac_1), 1);
@@ -679,14 +683,16 @@ TEST(SearchByMac, FindsEveryRecordOfTheNeighbourTable) {
     });
 }
 
+// --- dump_macip ---
+
 const std::string first_line = "dump mac ip\n";
 const std::string last_line = "---------------------------\n";
 
-TEST(DumpMacIp, PrintsTheFramingLinesOfAnEmptyList) {
+TEST(dump_macip, PrintsOnlyTheFirstAndLastLineForAnEmptyList) {
     EXPECT_EQ(capture_stdout([] { dump_macip(nullptr); }), first_line + last_line);
 }
 
-TEST(DumpMacIp, PrintsALineForEachRecord) {
+TEST(dump_macip, PrintsALineForEachRecord) {
     lease_entry second = record("fe80::1%s%n", "00:11:22:33:44:56", "-12");
     lease_entry first = record("1.1.1.1", "001122334455");
     first.next = &second;
@@ -697,13 +703,16 @@ TEST(DumpMacIp, PrintsALineForEachRecord) {
                   last_line);
 }
 
-TEST(DumpMacIp, PrintsATextThatFillsItsFieldToTheFieldsEnd) {
-    lease_entry entry = record(std::string(128, 'i'), std::string(32, 'm'), std::string(16, 'e'));
+TEST(dump_macip, PrintsAnUnterminatedFieldUpToItsEnd) {
+    lease_entry entry =
+        record(std::string(CORVEL_LEASE_IP_SIZE, 'i'), std::string(CORVEL_LEASE_MAC_SIZE, 'm'),
+               std::string(CORVEL_LEASE_EXPIRES_SIZE, 'e'));
     std::strcpy(entry.hwtype, "1");
     std::strcpy(entry.hostname, "host");
     EXPECT_EQ(capture_stdout([&] { dump_macip(&entry); }),
-              first_line + std::string(128, 'i') + "\t" + std::string(32, 'm') + "\t" +
-                  std::string(16, 'e') + "\t\n" + last_line);
+              first_line + std::string(CORVEL_LEASE_IP_SIZE, 'i') + "\t" +
+                  std::string(CORVEL_LEASE_MAC_SIZE, 'm') + "\t" +
+                  std::string(CORVEL_LEASE_EXPIRES_SIZE, 'e') + "\t\n" + last_line);
 }
 
 } // namespace
