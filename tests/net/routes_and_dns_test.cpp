@@ -4,7 +4,7 @@
 #include "tests/net/network.h"
 #include "tests/net/random_tables.h"
 #include "tests/support/descriptors.h"
-#include "tests/support/fenced.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/private_root.h"
 #include "tests/support/stand_in.h"
@@ -39,159 +39,16 @@ std::uint32_t number_of(const std::string &quad) {
     return number;
 }
 
-/** The number as the kernel prints it: in the order of this machine. */
+/** The address as the kernel prints it: a number in the byte order of this machine. */
 std::string kernel_hex(const std::string &quad) {
     char text[16];
     std::snprintf(text, sizeof text, "%08X", number_of(quad));
     return text;
 }
 
-/** The gateway that is found, as a dotted quad; "" for none. */
-std::string gateway(const char *ifname) {
-    std::uint32_t found = 0xA5A5A5A5;
-    int result = 0;
-    {
-        const DescriptorWatch watch;
-        result = getDefaultRoute(ifname, &found);
-    }
-    const FencedRoom quad(INET_ADDRSTRLEN);
-    EXPECT_EQ(inet_ntop(AF_INET, &found, quad.start(), INET_ADDRSTRLEN), quad.start());
-    std::string text = quad.start();
+// --- getDefaultRoute and getDefGw ---
 
-    const FencedRoom out(16);
-    {
-        const DescriptorWatch watch;
-        EXPECT_EQ(getDefGw(ifname, out.start()), out.start());
-    }
-    EXPECT_TRUE(out.front_is_intact());
-    EXPECT_EQ(out.start(), result == 0 ? "0.0.0.0" : text);
-    if (result == 0)
-        EXPECT_EQ(found, 0xA5A5A5A5U);
-    else
-        EXPECT_EQ(result, 1);
-    return result == 0 ? "" : text;
-}
-
-std::string gateway(const std::string &ifname) {
-    FencedText text;
-    return gateway(text.hold(ifname));
-}
-
-void add_two_interfaces() {
-    add_cable("eth0", "far0");
-    add_cable("eth0.1", "far1");
-    ip("address add 192.168.1.2/24 dev eth0");
-    ip("address add 10.200.0.2/16 dev eth0.1");
-}
-
-TEST(Gateway, IsThatOfTheDefaultRoute) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0");
-        EXPECT_EQ(gateway("eth0"), "192.168.1.254");
-        std::uint32_t found = 0;
-        EXPECT_EQ(getDefaultRoute("eth0", &found), 1);
-        EXPECT_EQ(std::memcmp(&found, "\xC0\xA8\x01\xFE", 4), 0);
-    });
-}
-
-TEST(Gateway, IsNoneWhereNoRouteHasOne) {
-    in_private_root([] {
-        EXPECT_EQ(gateway("lo"), "");
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0");
-        ip("route add 172.16.0.0/12 dev eth0.1");
-        EXPECT_EQ(gateway("eth0.1"), "");
-        EXPECT_EQ(gateway("far0"), "");
-        EXPECT_EQ(gateway("lo"), "");
-    });
-}
-
-TEST(Gateway, IsThatOfExactlyTheNamedInterface) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 10.200.255.1 dev eth0.1");
-        EXPECT_EQ(gateway("eth0.1"), "10.200.255.1");
-        for (const char *name : {"eth0", "eth0.", "eth0.11", "ETH0.1", "eth", " eth0.1", "", "*"})
-            EXPECT_EQ(gateway(name), "") << name;
-    });
-}
-
-TEST(Gateway, NeedNotBeThatOfTheDefaultRoute) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add 172.16.0.0/12 via 192.168.1.7 dev eth0");
-        EXPECT_EQ(gateway("eth0"), "192.168.1.7");
-    });
-}
-
-TEST(Gateway, IsNotThatOfAHostRoute) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add 1.2.3.4/32 via 192.168.1.7 dev eth0");
-        EXPECT_EQ(gateway("eth0"), "");
-        ip("route add default via 192.168.1.254 dev eth0 metric 5000");
-        EXPECT_EQ(gateway("eth0"), "192.168.1.254");
-    });
-}
-
-TEST(Gateway, IsThatOfTheRouteListedFirst) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0 metric 7");
-        ip("route add 172.16.0.0/12 via 192.168.1.7 dev eth0");
-        ip("route add default via 192.168.1.253 dev eth0 metric 3");
-        // The kernel lists the default routes first, by their metric.
-        EXPECT_EQ(gateway("eth0"), "192.168.1.253");
-    });
-}
-
-TEST(Gateway, IsNoneOfAnInterfaceWithANameThatIsTooLong) {
-    in_private_root([] {
-        const std::string longest = "abcdefghijklmno";
-        add_cable(longest, "far0");
-        ip("address add 192.168.1.2/24 dev " + longest);
-        ip("route add default via 192.168.1.254");
-        EXPECT_EQ(gateway(longest), "192.168.1.254");
-        EXPECT_EQ(gateway(longest + "p"), "");
-        EXPECT_EQ(gateway(longest + std::string(3000, 'p')), "");
-    });
-}
-
-TEST(Gateway, IsNoneWithoutAName) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0");
-        char out[16];
-        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(getDefGw(nullptr, out), out); }), "");
-        EXPECT_STREQ(out, "0.0.0.0");
-    });
-}
-
-TEST(Gateway, IsLeftAloneWithoutAName) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0");
-        std::uint32_t found = 7;
-        EXPECT_EQ(getDefaultRoute(nullptr, &found), 0);
-        EXPECT_EQ(found, 7U);
-    });
-}
-
-TEST(Gateway, IsSoughtWithoutAWord) {
-    in_private_root([] {
-        add_two_interfaces();
-        ip("route add default via 192.168.1.254 dev eth0");
-        const auto seek = [] {
-            EXPECT_EQ(gateway("eth0"), "192.168.1.254");
-            EXPECT_EQ(gateway("eth7"), "");
-        };
-        EXPECT_EQ(capture_stdout(seek), "");
-        EXPECT_EQ(capture_stderr(seek), "");
-    });
-}
-
-/** The table's first line. */
+/** The first line of the table. */
 const std::string heading =
     "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
 
@@ -201,61 +58,226 @@ std::string route(const std::string &interface, const std::string &gateway_quad,
            "\t0\t0\t0\t00000000\t0\t0\t0\n";
 }
 
-TEST(RoutingTable, SaysByThreeFlagsWhatLeadsToAGateway) {
+/** A function that finds the gateway of an interface. */
+struct GatewayFunction {
+    const char *function;
+    /** Expects that it finds this dotted quad, or no gateway if that is "". */
+    void (*expect_found)(const char *ifname, const std::string &quad);
+};
+
+void expect_number(const char *ifname, const std::string &quad) {
+    std::uint32_t found = 0xA5A5A5A5;
+    const DescriptorWatch watch;
+    EXPECT_EQ(getDefaultRoute(ifname, &found), quad.empty() ? 0 : 1);
+    EXPECT_EQ(found, quad.empty() ? 0xA5A5A5A5 : number_of(quad));
+}
+
+void expect_text(const char *ifname, const std::string &quad) {
+    const GuardedOutput out(CORVEL_IPV4_SIZE);
+    const DescriptorWatch watch;
+    EXPECT_EQ(getDefGw(ifname, out.start()), out.start());
+    EXPECT_TRUE(out.preceding_bytes_intact());
+    EXPECT_EQ(out.start(), quad.empty() ? "0.0.0.0" : quad);
+}
+
+std::string function_of(const testing::TestParamInfo<GatewayFunction> &info) {
+    return info.param.function;
+}
+
+class Gateway : public testing::TestWithParam<GatewayFunction> {
+  protected:
+    static void expect(const std::string &ifname, const std::string &quad) {
+        SCOPED_TRACE(ifname);
+        GuardedInput input;
+        GetParam().expect_found(input.hold(ifname), quad);
+    }
+    static void expect_none(const std::string &ifname) { expect(ifname, ""); }
+    /** Expects that these lines contain no gateway, and that a line after them is found. */
+    static void expect_skipped(const ReplacedTable &table, const std::string &lines) {
+        SCOPED_TRACE(lines);
+        table.write(lines);
+        expect_none("eth0");
+        table.write(lines + route("eth0", "9.9.9.9"));
+        expect("eth0", "9.9.9.9");
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(getDefaultRoute, Gateway,
+                         testing::Values(GatewayFunction{"getDefaultRoute", expect_number}),
+                         function_of);
+INSTANTIATE_TEST_SUITE_P(getDefGw, Gateway,
+                         testing::Values(GatewayFunction{"getDefGw", expect_text}), function_of);
+
+void add_two_interfaces() {
+    add_cable("eth0", "far0");
+    add_cable("eth0.1", "far1");
+    ip("address add 192.168.1.2/24 dev eth0");
+    ip("address add 10.200.0.2/16 dev eth0.1");
+}
+
+TEST_P(Gateway, IsThatOfTheDefaultRoute) {
     in_private_root([] {
-        const OwnTable table("route");
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        expect("eth0", "192.168.1.254");
+    });
+}
+
+TEST_P(Gateway, IsNotFoundIfNoRouteHasOne) {
+    in_private_root([] {
+        expect_none("lo");
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        ip("route add 172.16.0.0/12 dev eth0.1");
+        expect_none("eth0.1");
+        expect_none("far0");
+        expect_none("lo");
+    });
+}
+
+TEST_P(Gateway, IsFoundOnlyForTheExactNameOfTheInterface) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 10.200.255.1 dev eth0.1");
+        expect("eth0.1", "10.200.255.1");
+        for (const char *name : {"eth0", "eth0.", "eth0.11", "ETH0.1", "eth", " eth0.1", "", "*"})
+            expect_none(name);
+    });
+}
+
+TEST_P(Gateway, MayBeThatOfAnotherRouteThanTheDefault) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add 172.16.0.0/12 via 192.168.1.7 dev eth0");
+        expect("eth0", "192.168.1.7");
+    });
+}
+
+TEST_P(Gateway, IsNotThatOfAHostRoute) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add 1.2.3.4/32 via 192.168.1.7 dev eth0");
+        expect_none("eth0");
+        ip("route add default via 192.168.1.254 dev eth0 metric 5000");
+        expect("eth0", "192.168.1.254");
+    });
+}
+
+TEST_P(Gateway, IsThatOfTheFirstRouteInTheTable) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0 metric 7");
+        ip("route add 172.16.0.0/12 via 192.168.1.7 dev eth0");
+        ip("route add default via 192.168.1.253 dev eth0 metric 3");
+        // The kernel lists default routes first, in the order of their metrics.
+        expect("eth0", "192.168.1.253");
+    });
+}
+
+TEST_P(Gateway, IsNotFoundForANameThatIsTooLong) {
+    in_private_root([] {
+        const std::string longest = "abcdefghijklmno";
+        add_cable(longest, "far0");
+        ip("address add 192.168.1.2/24 dev " + longest);
+        ip("route add default via 192.168.1.254");
+        expect(longest, "192.168.1.254");
+        expect_none(longest + "p");
+        expect_none(longest + std::string(3000, 'p'));
+    });
+}
+
+TEST(getDefGw, PrintsZerosForANullPointer) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        char out[CORVEL_IPV4_SIZE];
+        EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(getDefGw(nullptr, out), out); }), "");
+        EXPECT_STREQ(out, "0.0.0.0");
+    });
+}
+
+TEST(getDefaultRoute, FindsTheNumberInNetworkByteOrder) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        std::uint32_t found = 0;
+        EXPECT_EQ(getDefaultRoute("eth0", &found), 1);
+        EXPECT_EQ(std::memcmp(&found, "\xC0\xA8\x01\xFE", 4), 0);
+    });
+}
+
+TEST(getDefaultRoute, LeavesTheNumberUnchangedForANullPointer) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        std::uint32_t found = 7;
+        EXPECT_EQ(getDefaultRoute(nullptr, &found), 0);
+        EXPECT_EQ(found, 7U);
+    });
+}
+
+TEST_P(Gateway, IsSoughtWithoutOutput) {
+    in_private_root([] {
+        add_two_interfaces();
+        ip("route add default via 192.168.1.254 dev eth0");
+        const auto seek = [] {
+            expect("eth0", "192.168.1.254");
+            expect_none("eth7");
+        };
+        EXPECT_EQ(capture_stdout(seek), "");
+        EXPECT_EQ(capture_stderr(seek), "");
+    });
+}
+
+TEST_P(Gateway, IsThatOfARouteWithTheFlagsUpAndGatewayButNotHost) {
+    in_private_root([] {
+        const ReplacedTable table("route");
         for (unsigned flags = 0; flags < 64; ++flags) {
+            SCOPED_TRACE(flags);
             char text[16];
             std::snprintf(text, sizeof text, "%04X", flags);
-            table.hold(route("eth0", "1.2.3.4", text));
-            EXPECT_EQ(gateway("eth0"), (flags & 7) == 3 ? "1.2.3.4" : "") << flags;
+            table.write(route("eth0", "1.2.3.4", text));
+            expect("eth0", (flags & 7) == 3 ? "1.2.3.4" : "");
         }
-        table.hold(route("eth0", "1.2.3.4", "80000013"));
-        EXPECT_EQ(gateway("eth0"), "1.2.3.4");
-        table.hold(route("eth0", "1.2.3.4", "FFFFFFF7"));
-        EXPECT_EQ(gateway("eth0"), "");
+        table.write(route("eth0", "1.2.3.4", "80000013"));
+        expect("eth0", "1.2.3.4");
+        table.write(route("eth0", "1.2.3.4", "FFFFFFF7"));
+        expect_none("eth0");
     });
 }
 
-TEST(RoutingTable, GivesEveryAddress) {
+TEST_P(Gateway, MayBeAnyAddress) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         for (const char *quad :
              {"0.0.0.0", "255.255.255.255", "128.0.0.1", "1.0.0.128", "1.2.3.4"}) {
-            table.hold(route("eth0", quad));
-            EXPECT_EQ(gateway("eth0"), quad);
+            table.write(route("eth0", quad));
+            expect("eth0", quad);
         }
     });
 }
 
-TEST(RoutingTable, NeedsTenWordsInALine) {
+TEST_P(Gateway, IsReadFromALineOfAtLeastTenWords) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string last = route("eth0", "9.9.9.9");
         const std::string words[] = {
             "eth0", "00000000", kernel_hex("1.2.3.4"), "0003", "0", "0", "0", "00000000", "0", "0",
             "0",    "more"};
         std::string text;
         for (std::size_t count = 0; count <= std::size(words); ++count) {
-            table.hold(text + "\n" + last);
-            EXPECT_EQ(gateway("eth0"), count < 10 ? "9.9.9.9" : "1.2.3.4") << count;
+            SCOPED_TRACE(count);
+            table.write(text + "\n" + last);
+            expect("eth0", count < 10 ? "9.9.9.9" : "1.2.3.4");
             if (count < std::size(words))
                 text += words[count] + " ";
         }
     });
 }
 
-/** Expects that a line, or several, are passed over. */
-void expect_passed_over(const OwnTable &table, const std::string &bad) {
-    table.hold(bad);
-    EXPECT_EQ(gateway("eth0"), "") << bad;
-    table.hold(bad + route("eth0", "9.9.9.9"));
-    EXPECT_EQ(gateway("eth0"), "9.9.9.9") << bad;
-}
-
-TEST(RoutingTable, IsSearchedBehindALineThatIsNone) {
+TEST_P(Gateway, IsFoundAfterMalformedLines) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string start = "eth0 00000000 " + kernel_hex("1.2.3.4");
         for (const std::string &bad :
              {heading, "\n"s, " \t \n"s, "eth0\n"s, start + " zz 0 0 0 0 0 0 0\n",
@@ -263,155 +285,154 @@ TEST(RoutingTable, IsSearchedBehindALineThatIsNone) {
               start + " 3 0 0 z 0 0 0 0\n", start + " 3 0 0 0 0 z 0 0\n",
               start + " 3 0 0 0 0 0 z 0\n", route(std::string(100, 'e'), "1.2.3.4"),
               std::string(1023, 'x') + "\n", "- - - - - - -\n"s})
-            expect_passed_over(table, bad);
+            expect_skipped(table, bad);
     });
 }
 
-TEST(RoutingTable, MayHoldNumbersOfAnySize) {
+TEST_P(Gateway, IsFoundInALineWithNumbersOfAnySize) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.hold("eth0 00000000 " + kernel_hex("1.2.3.4") +
-                   " 3 -1 +99999999999999999999 -99999999999999999999 00000000 -0 007\n");
-        EXPECT_EQ(gateway("eth0"), "1.2.3.4");
+        const ReplacedTable table("route");
+        table.write("eth0 00000000 " + kernel_hex("1.2.3.4") +
+                    " 3 -1 +99999999999999999999 -99999999999999999999 00000000 -0 007\n");
+        expect("eth0", "1.2.3.4");
     });
 }
 
-TEST(RoutingTable, MayHoldLongWords) {
+TEST_P(Gateway, IsFoundInALineWithLongWords) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string gateway_hex = kernel_hex("1.2.3.4");
         for (const std::size_t length : {16U, 17U, 127U, 128U, 129U, 400U}) {
+            SCOPED_TRACE(length);
             const std::string word(length, '0');
-            table.hold("eth0 " + word + " " + gateway_hex + " 3 0 0 0 " + word + " 0 0 0\n");
-            EXPECT_EQ(gateway("eth0"), "1.2.3.4") << length;
-            table.hold("eth0" + word + " 0 " + gateway_hex + " 3 0 0 0 0 0 0 0\n");
-            EXPECT_EQ(gateway("eth0"), "") << length;
-            EXPECT_EQ(gateway("eth0" + word), "") << length;
+            table.write("eth0 " + word + " " + gateway_hex + " 3 0 0 0 " + word + " 0 0 0\n");
+            expect("eth0", "1.2.3.4");
+            table.write("eth0" + word + " 0 " + gateway_hex + " 3 0 0 0 0 0 0 0\n");
+            expect_none("eth0");
+            expect_none("eth0" + word);
         }
         const std::string sixteen = "abcdefghijklmnop";
-        table.hold(route(sixteen + "q", "1.2.3.4") + route(sixteen, "1.2.3.4"));
-        EXPECT_EQ(gateway(sixteen), "");
-        EXPECT_EQ(gateway(sixteen.substr(0, 15)), "");
+        table.write(route(sixteen + "q", "1.2.3.4") + route(sixteen, "1.2.3.4"));
+        expect_none(sixteen);
+        expect_none(sixteen.substr(0, 15));
     });
 }
 
-TEST(RoutingTable, HoldsGatewaysOf128Characters) {
+TEST_P(Gateway, IsReadFromAtMost128Characters) {
     in_private_root([] {
-        const OwnTable table("route");
-        const auto read = [&table](const std::string &gateway_text) {
-            table.hold("eth0 0 " + gateway_text + " 3 0 0 0 0 0 0 0\n");
-            return gateway("eth0");
+        const ReplacedTable table("route");
+        const auto expect_read = [&table](const std::string &gateway, const std::string &quad) {
+            SCOPED_TRACE(gateway);
+            table.write("eth0 0 " + gateway + " 3 0 0 0 0 0 0 0\n");
+            expect("eth0", quad);
         };
         const std::string zeros(120, '0');
-        EXPECT_EQ(read(zeros + kernel_hex("1.2.3.4")), "1.2.3.4");
-        // The digits behind are cut off, and shift no word.
-        EXPECT_EQ(read(zeros + kernel_hex("1.2.3.4") + "567"), "1.2.3.4");
-        EXPECT_EQ(read(zeros + std::string(8, '0') + kernel_hex("1.2.3.4")), "0.0.0.0");
+        expect_read(zeros + kernel_hex("1.2.3.4"), "1.2.3.4");
+        // The rest of the word is skipped.
+        expect_read(zeros + kernel_hex("1.2.3.4") + "567", "1.2.3.4");
+        expect_read(zeros + std::string(8, '0') + kernel_hex("1.2.3.4"), "0.0.0.0");
     });
 }
 
-TEST(RoutingTable, GivesZeroForAGatewayThatIsNoNumber) {
+TEST_P(Gateway, IsZeroIfTheWordIsNotANumber) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.hold("eth0 00000000 zz 3 0 0 0 00000000 0 0 0\n" + route("eth0", "1.2.3.4"));
-        EXPECT_EQ(gateway("eth0"), "0.0.0.0");
+        const ReplacedTable table("route");
+        table.write("eth0 00000000 zz 3 0 0 0 00000000 0 0 0\n" + route("eth0", "1.2.3.4"));
+        expect("eth0", "0.0.0.0");
     });
 }
 
-TEST(RoutingTable, HoldsNumbersOf32Bits) {
+TEST_P(Gateway, IsConvertedLikeStrtoulTo32Bits) {
     in_private_root([] {
-        const OwnTable table("route");
-        const auto read = [&table](const std::string &gateway_text, const std::string &flags) {
-            table.hold("eth0 00000000 " + gateway_text + " " + flags + " 0 0 0 00000000 0 0 0\n");
-            return gateway("eth0");
+        const ReplacedTable table("route");
+        const auto expect_read = [&table](const std::string &gateway, const std::string &flags,
+                                          const std::string &quad) {
+            SCOPED_TRACE(gateway);
+            table.write("eth0 00000000 " + gateway + " " + flags + " 0 0 0 00000000 0 0 0\n");
+            expect("eth0", quad);
         };
         for (const char *largest :
              {"ffffffff", "1FFFFFFFF", "123456789abcdef0123456789", "-1", "-ffffffff0"})
-            EXPECT_EQ(read(largest, "3"), "255.255.255.255") << largest;
-        EXPECT_EQ(read("-ffffffff", "3"), read("1", "3"));
-        EXPECT_EQ(read("0x" + kernel_hex("1.2.3.4"), "0x3"), "1.2.3.4");
-        EXPECT_EQ(read("+" + kernel_hex("1.2.3.4") + "zz", "0X00000000003"), "1.2.3.4");
-        EXPECT_EQ(read(kernel_hex("1.2.3.4"), "-d"), "1.2.3.4");
-        EXPECT_EQ(read(kernel_hex("1.2.3.4"), "100000003"), "");
+            expect_read(largest, "3", "255.255.255.255");
+        const std::string one = number_of("1.0.0.0") == 1 ? "1.0.0.0" : "0.0.0.1";
+        expect_read("1", "3", one);
+        expect_read("-ffffffff", "3", one);
+        expect_read("0x" + kernel_hex("1.2.3.4"), "0x3", "1.2.3.4");
+        expect_read("+" + kernel_hex("1.2.3.4") + "zz", "0X00000000003", "1.2.3.4");
+        expect_read(kernel_hex("1.2.3.4"), "-d", "1.2.3.4");
+        expect_read(kernel_hex("1.2.3.4"), "100000003", "");
     });
 }
 
-TEST(RoutingTable, IsReadInPiecesOf1023Characters) {
+TEST_P(Gateway, IsReadInPiecesOf1023Characters) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string entry = route("eth0", "1.2.3.4");
         for (const std::size_t length : {1000U, 1021U, 1022U, 1023U, 1024U, 1025U, 2046U, 4096U}) {
-            // The first word of a piece is that of the entry only where nothing is in front of it.
-            table.hold(std::string(length, 'x') + entry);
-            EXPECT_EQ(gateway("eth0"), length % 1023 == 0 ? "1.2.3.4" : "") << length;
-            table.hold("x" + std::string(length - 1, ' ') + entry);
-            EXPECT_EQ(gateway("eth0"), length >= 1023 ? "1.2.3.4" : "") << length;
+            SCOPED_TRACE(length);
+            // Only at the start of a piece is the name of the entry the first word.
+            table.write(std::string(length, 'x') + entry);
+            expect("eth0", length % 1023 == 0 ? "1.2.3.4" : "");
+            table.write("x" + std::string(length - 1, ' ') + entry);
+            expect("eth0", length >= 1023 ? "1.2.3.4" : "");
         }
-        // The tenth word is the last that counts.
+        // The tenth word is the last that is needed.
         const std::string start = "eth0 0 " + kernel_hex("1.2.3.4") + " 3 0 0 0 0 0";
         for (std::size_t length = 1020; length < 1026; ++length) {
-            table.hold(start + std::string(length - start.size(), ' ') + "7\n");
-            EXPECT_EQ(gateway("eth0"), length < 1023 ? "1.2.3.4" : "") << length;
+            SCOPED_TRACE(length);
+            table.write(start + std::string(length - start.size(), ' ') + "7\n");
+            expect("eth0", length < 1023 ? "1.2.3.4" : "");
         }
     });
 }
 
-TEST(RoutingTable, MayEndWithoutALineEnd) {
+TEST_P(Gateway, IsFoundWithoutAFinalNewline) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.hold("eth0 0 " + kernel_hex("1.2.3.4") + " 3 0 0 0 0 0 0");
-        EXPECT_EQ(gateway("eth0"), "1.2.3.4");
+        const ReplacedTable table("route");
+        table.write("eth0 0 " + kernel_hex("1.2.3.4") + " 3 0 0 0 0 0 0");
+        expect("eth0", "1.2.3.4");
     });
 }
 
-TEST(RoutingTable, MayBeEmptyOrUnreadable) {
+TEST_P(Gateway, IsNotFoundInAnEmptyOrUnreadableTable) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.hold("");
-        EXPECT_EQ(capture_stdout([] { EXPECT_EQ(gateway("eth0"), ""); }), "");
-        table.hold(route("eth0", "1.2.3.4"));
+        const ReplacedTable table("route");
+        table.write("");
+        EXPECT_EQ(capture_stdout([] { expect_none("eth0"); }), "");
+        table.write(route("eth0", "1.2.3.4"));
         const FailCall unreadable(call_read, 1, EIO, FailCall::from_then_on);
-        EXPECT_EQ(gateway("eth0"), "");
+        expect_none("eth0");
     });
 }
 
-TEST(RoutingTable, IsMissedAloud) {
+TEST_P(Gateway, IsNotFoundAndPrintsAMessageIfTheTableCannotBeOpened) {
     in_private_root([] {
-        const auto seek = [] {
-            std::uint32_t found = 7;
-            const FailCall no_file(call_open, 1, EMFILE);
-            EXPECT_EQ(getDefaultRoute("eth0", &found), 0);
-            EXPECT_EQ(found, 7U);
-        };
-        EXPECT_EQ(capture_stdout(seek), open_error);
         EXPECT_EQ(capture_stdout([] {
-                      char out[16];
                       const FailCall no_file(call_open, 1, EMFILE);
-                      EXPECT_STREQ(getDefGw("eth0", out), "0.0.0.0");
+                      expect_none("eth0");
                   }),
                   open_error);
     });
 }
 
-TEST(RoutingTable, MustBeThere) {
+TEST_P(Gateway, IsNotFoundAndPrintsAMessageIfThereIsNoTable) {
     in_private_root([] {
-        const OwnTable table("route");
-        // Asked for a number and for a text.
-        const auto ask_twice = [] {
-            EXPECT_EQ(gateway("eth0"), "");
+        const ReplacedTable table("route");
+        const auto seek = [] {
+            expect_none("eth0");
         };
-        table.be_missing();
-        EXPECT_EQ(capture_stdout(ask_twice), open_error + open_error);
-        EXPECT_EQ(capture_stderr([&] { static_cast<void>(capture_stdout(ask_twice)); }), "");
-        table.be_a_folder();
-        EXPECT_EQ(capture_stdout(ask_twice), open_error + open_error);
+        table.remove();
+        EXPECT_EQ(capture_stdout(seek), open_error);
+        EXPECT_EQ(capture_stderr([&] { static_cast<void>(capture_stdout(seek)); }), "");
+        table.replace_by_directory();
+        EXPECT_EQ(capture_stdout(seek), open_error);
     });
 }
 
-TEST(RoutingTable, IsMissedWhateverTheNameIs) {
+TEST(getDefaultRoute, PrintsAMessageForAnyNameIfThereIsNoTable) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.be_missing();
+        const ReplacedTable table("route");
+        table.remove();
         for (const std::string &name : {""s, "no such"s, std::string(100, 'e')})
             EXPECT_EQ(capture_stdout([&] {
                           std::uint32_t found = 7;
@@ -422,38 +443,56 @@ TEST(RoutingTable, IsMissedWhateverTheNameIs) {
     });
 }
 
-TEST(RoutingTable, IsNotOpenedForTheTextOfNoName) {
+TEST(getDefGw, DoesNotOpenTheTableForANullPointer) {
     in_private_root([] {
-        const OwnTable table("route");
-        table.be_missing();
-        char out[16];
+        const ReplacedTable table("route");
+        table.remove();
+        char out[CORVEL_IPV4_SIZE];
         EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(getDefGw(nullptr, out), out); }), "");
         EXPECT_STREQ(out, "0.0.0.0");
     });
 }
 
-TEST(RoutingTable, MayHoldNuls) {
+TEST_P(Gateway, IsFoundInATableWithNuls) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string start = "eth0 00000000 " + kernel_hex("1.2.3.4");
         for (const std::string &bad :
              {start + "\0 3 0 0 0 0 0 0 0\n"s, "\0"s + route("eth0", "1.2.3.4"),
               std::string(5000, '\0') + "\n"})
-            expect_passed_over(table, bad);
-        table.hold(start + " 3 0 0 0 0 0 0\0junk\n"s);
-        EXPECT_EQ(gateway("eth0"), "1.2.3.4");
+            expect_skipped(table, bad);
+        table.write(start + " 3 0 0 0 0 0 0\0junk\n"s);
+        expect("eth0", "1.2.3.4");
     });
 }
 
-TEST(RoutingTable, IsFoundToEndWhateverItHolds) {
+TEST_P(Gateway, IsFoundAfterNoise) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         const std::string noise = RandomTables(64).noise();
-        expect_passed_over(table, noise);
+        expect_skipped(table, noise);
     });
 }
 
-/** What a reader with scanf() finds. */
+TEST(getDefaultRoute, AllocatesNothing) {
+    in_private_root([] {
+        std::uint32_t found = 0;
+        const CountCalls allocations(call_allocation);
+        getDefaultRoute("eth0", &found);
+        EXPECT_EQ(allocations.count(), 0U);
+    });
+}
+
+TEST(getDefGw, AllocatesNothing) {
+    in_private_root([] {
+        char out[CORVEL_IPV4_SIZE];
+        const CountCalls allocations(call_allocation);
+        getDefGw("eth0", out);
+        EXPECT_EQ(allocations.count(), 0U);
+    });
+}
+
+/** What a model based on scanf() finds. */
 std::string expected_of(const std::string &path, const std::string &interface) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "r"),
                                                                 std::fclose);
@@ -475,7 +514,7 @@ std::string expected_of(const std::string &path, const std::string &interface) {
     return "";
 }
 
-/** The words of a line of the table, or of one in which something else is. */
+/** The words of a line of the table, sometimes of a malformed one. */
 Words words_of_a_line(RandomTables &random) {
     const auto hex = [&random] {
         char text[16];
@@ -507,28 +546,31 @@ Words words_of_a_line(RandomTables &random) {
     return words;
 }
 
-TEST(RoutingTable, IsReadAsAFormatReadsIt) {
+TEST_P(Gateway, IsTheOneThatScanfFinds) {
     in_private_root([] {
-        const OwnTable table("route");
+        const ReplacedTable table("route");
         RandomTables random(63);
         for (int round = 0; round < 1000; ++round) {
             const std::string text = random.table_of(words_of_a_line);
-            table.hold(text);
-            ASSERT_EQ(gateway("eth0"), expected_of("/proc/self/net/route", "eth0")) << text;
+            table.write(text);
+            expect("eth0", expected_of("/proc/self/net/route", "eth0"));
+            ASSERT_FALSE(HasFailure()) << text;
         }
     });
 }
 
-/** What becomes of a text to which the name servers of a file are appended: it must have room for
- *  exactly @p expected. */
+// --- get_dns ---
+
+/** The string @p text after the name servers of a file are appended to it, in a buffer of exactly
+ * the size of @p expected. */
 std::string servers(const std::string &file, const std::string &text, const std::string &expected) {
     write_file("/etc/resolv.conf", file);
-    FencedRoom out(expected.size() + 1);
+    GuardedOutput out(expected.size() + 1);
     text.copy(out.start(), text.size());
     out.start()[text.size()] = '\0';
     const DescriptorWatch watch;
     EXPECT_EQ(get_dns(out.start()), out.start());
-    EXPECT_TRUE(out.front_is_intact());
+    EXPECT_TRUE(out.preceding_bytes_intact());
     return out.start();
 }
 
@@ -536,7 +578,7 @@ void expect_servers(const std::string &file, const std::string &expected) {
     EXPECT_EQ(servers(file, "", expected), expected) << file;
 }
 
-TEST(NameServers, AreAppendedInTheOrderOfTheFile) {
+TEST(get_dns, AppendsTheServersInTheOrderOfTheFile) {
     in_private_root([] {
         const std::string file = "nameserver 192.168.1.1\nsearch lan\nnameserver 2001:db8::1\n";
         const std::string both = "192.168.1.1" + gap + "2001:db8::1" + gap;
@@ -545,7 +587,7 @@ TEST(NameServers, AreAppendedInTheOrderOfTheFile) {
     });
 }
 
-TEST(NameServers, AreNotClearedBetweenCalls) {
+TEST(get_dns, AppendsToTheResultOfAnEarlierCall) {
     in_private_root([] {
         write_file("/etc/resolv.conf", "nameserver 1.1.1.1\n");
         char out[128] = "";
@@ -555,14 +597,14 @@ TEST(NameServers, AreNotClearedBetweenCalls) {
     });
 }
 
-TEST(NameServers, MayBeNone) {
+TEST(get_dns, AppendsNothingWithoutAServer) {
     in_private_root([] {
         for (const char *file : {"", "\n", "\n\n", "search lan\n", "# nameserver 1.1.1.1\n"})
             EXPECT_EQ(servers(file, "text", "text"), "text") << file;
     });
 }
 
-TEST(NameServers, AreNamedByExactlyThatWord) {
+TEST(get_dns, RequiresExactlyTheKeyword) {
     in_private_root([] {
         for (const std::string word :
              {"Nameserver", "nameservers", "nameserve", "#nameserver", "nameserver:", "NAMESERVER"})
@@ -571,7 +613,7 @@ TEST(NameServers, AreNamedByExactlyThatWord) {
     });
 }
 
-TEST(NameServers, MayHaveAnyBlanksInFront) {
+TEST(get_dns, AcceptsAnyWhitespaceBetweenTheWords) {
     in_private_root([] {
         expect_servers(" \t nameserver\t\t1.1.1.1 \n", "1.1.1.1" + gap);
         expect_servers("nameserver\v1.1.1.1\r\nnameserver\f2.2.2.2\r\n",
@@ -579,14 +621,14 @@ TEST(NameServers, MayHaveAnyBlanksInFront) {
     });
 }
 
-TEST(NameServers, AreTheSecondWordAsItStands) {
+TEST(get_dns, AppendsTheSecondWordUnchanged) {
     in_private_root([] {
         expect_servers("nameserver 1.1.1.1#53 2.2.2.2\n", "1.1.1.1#53" + gap);
         expect_servers("nameserver <b>%s%n&\xFF\x80\n", "<b>%s%n&\xFF\x80" + gap);
     });
 }
 
-TEST(NameServers, WithoutAnAddressAreTheGapAlone) {
+TEST(get_dns, AppendsTheGapAloneForAServerWithoutAddress) {
     in_private_root([] {
         expect_servers("nameserver\n", gap);
         expect_servers("nameserver", gap);
@@ -595,7 +637,7 @@ TEST(NameServers, WithoutAnAddressAreTheGapAlone) {
     });
 }
 
-TEST(NameServers, AreNotListedTwiceWhereTheFileEnds) {
+TEST(get_dns, AppendsTheLastServerOnce) {
     in_private_root([] {
         expect_servers("nameserver 1.1.1.1", "1.1.1.1" + gap);
         expect_servers("nameserver 1.1.1.1\n", "1.1.1.1" + gap);
@@ -603,7 +645,7 @@ TEST(NameServers, AreNotListedTwiceWhereTheFileEnds) {
     });
 }
 
-TEST(NameServers, AreReadToANul) {
+TEST(get_dns, ReadsALineUpToANul) {
     in_private_root([] {
         expect_servers("nameserver 1.1\0.1.1\nnameserver 2.2.2.2\n"s,
                        "1.1" + gap + "2.2.2.2" + gap);
@@ -612,7 +654,7 @@ TEST(NameServers, AreReadToANul) {
     });
 }
 
-TEST(NameServers, AreTakenFromPiecesOf254Characters) {
+TEST(get_dns, ReadsTheFileInPiecesOf254Characters) {
     in_private_root([] {
         const std::string word = "nameserver ";
         for (const std::size_t length : {242U, 243U, 244U, 253U, 254U, 255U, 300U, 1023U, 5000U}) {
@@ -620,7 +662,7 @@ TEST(NameServers, AreTakenFromPiecesOf254Characters) {
             expect_servers(word + address + "\n", address.substr(0, 254 - word.size()) + gap);
         }
         for (const std::size_t length : {253U, 254U, 255U, 508U}) {
-            // What follows so many characters is in a piece of its own.
+            // After 254 characters, the rest of the line is a piece of its own.
             const bool apart = length >= 254;
             expect_servers("#" + std::string(length - 1, ' ') + "nameserver 1.1.1.1\n",
                            apart ? "1.1.1.1" + gap : "");
@@ -631,7 +673,7 @@ TEST(NameServers, AreTakenFromPiecesOf254Characters) {
     });
 }
 
-TEST(NameServers, MayBeMany) {
+TEST(get_dns, AppendsAnyNumberOfServers) {
     in_private_root([] {
         std::string file;
         std::string expected;
@@ -649,16 +691,17 @@ TEST(NameServers, MayBeMany) {
     });
 }
 
+/** Expects that the result is the gap, not in the buffer, which is unchanged. */
 void expect_no_file() {
     const DescriptorWatch watch;
-    char out[] = "as it was";
+    char out[] = "unchanged";
     const char *const result = get_dns(out);
     EXPECT_NE(result, out);
     EXPECT_EQ(result, gap);
-    EXPECT_STREQ(out, "as it was");
+    EXPECT_STREQ(out, "unchanged");
 }
 
-TEST(NameServers, AreTheGapAloneWhereTheFileCannotBeRead) {
+TEST(get_dns, ReturnsTheGapAloneIfTheFileCannotBeOpened) {
     in_private_root([] {
         expect_no_file();
         std::filesystem::create_directory("/etc/resolv.conf");
@@ -672,12 +715,12 @@ TEST(NameServers, AreTheGapAloneWhereTheFileCannotBeRead) {
             const DescriptorsLeft none(0);
             expect_no_file();
         }
-        const FailCall refused(call_open, 1, EACCES, FailCall::from_then_on);
+        const FailCall failing(call_open, 1, EACCES, FailCall::from_then_on);
         expect_no_file();
     });
 }
 
-TEST(NameServers, AreSoughtWithoutAWord) {
+TEST(get_dns, PrintsNothing) {
     in_private_root([] {
         EXPECT_EQ(capture_stdout(expect_no_file), "");
         EXPECT_EQ(capture_stderr(expect_no_file), "");
@@ -688,7 +731,7 @@ TEST(NameServers, AreSoughtWithoutAWord) {
     });
 }
 
-TEST(NameServers, AreNoneWhereReadingFails) {
+TEST(get_dns, AppendsNothingIfReadingFails) {
     in_private_root([] {
         write_file("/etc/resolv.conf", "nameserver 1.1.1.1\n");
         char out[64] = "text";
@@ -699,7 +742,7 @@ TEST(NameServers, AreNoneWhereReadingFails) {
     });
 }
 
-TEST(NameServers, AreReadThroughALink) {
+TEST(get_dns, FollowsASymbolicLink) {
     in_private_root([] {
         write_file("/tmp/resolv.conf", "nameserver 1.1.1.1\n");
         std::filesystem::create_symlink("/tmp/resolv.conf", "/etc/resolv.conf");
@@ -708,7 +751,7 @@ TEST(NameServers, AreReadThroughALink) {
     });
 }
 
-/** What a reader with scanf() appends. */
+/** What a model based on scanf() appends. */
 std::string expected_servers(const std::string &path) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "r"),
                                                                 std::fclose);
@@ -723,7 +766,7 @@ std::string expected_servers(const std::string &path) {
     return text;
 }
 
-TEST(NameServers, AreReadAsAFormatReadsThem) {
+TEST(get_dns, AgreesWithScanfOnAnyFile) {
     in_private_root([] {
         std::mt19937 engine(65);
         const auto number = [&engine](unsigned below) {
@@ -749,15 +792,12 @@ TEST(NameServers, AreReadAsAFormatReadsThem) {
     });
 }
 
-TEST(RoutesAndDns, AllocateNothing) {
+TEST(get_dns, AllocatesNothing) {
     in_private_root([] {
         write_file("/etc/resolv.conf", "nameserver 1.1.1.1\n");
         char out[64] = "";
-        std::uint32_t found = 0;
         const CountCalls allocations(call_allocation);
         get_dns(out);
-        getDefaultRoute("eth0", &found);
-        getDefGw("eth0", out);
         std::remove("/etc/resolv.conf");
         get_dns(out);
         EXPECT_EQ(allocations.count(), 0U);
