@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/** What the library opens is closed in every program that the process starts meanwhile: each
- * descriptor has the flag that says so from the moment it is there. */
+/** Every descriptor that the library opens has the close-on-exec flag from the start, so that no
+ * program that the process starts meanwhile inherits it. */
 #include <corvel.h>
 
 #include "tests/support/next_definition.h"
@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,10 +25,10 @@
 
 namespace {
 
-/** What is told of a descriptor that a function of the C library returned. */
+/** Called with each descriptor that a function of the C library opens, and a name. */
 std::function<void(int, const char *)> opened;
 
-void tell(int descriptor, const char *name) {
+void report(int descriptor, const char *name) {
     if (opened && descriptor >= 0)
         opened(descriptor, name);
 }
@@ -38,21 +39,21 @@ extern "C" DIR *opendir(const char *path) {
     static auto *const next = corvel_test::next_definition<DIR *(const char *)>("opendir");
     DIR *const directory = next(path);
     if (directory != nullptr)
-        tell(dirfd(directory), path);
+        report(dirfd(directory), path);
     return directory;
 }
 
 extern "C" int socket(int family, int type, int protocol) C_LIBRARY_NOEXCEPT {
     static auto *const next = corvel_test::next_definition<int(int, int, int)>("socket");
     const int descriptor = next(family, type, protocol);
-    tell(descriptor, "socket");
+    report(descriptor, "socket");
     return descriptor;
 }
 
 namespace corvel_test {
 namespace {
 
-/** Expects that a call opens at least so many descriptors, none of which a program inherits. */
+/** Expects that a call opens at least @p least descriptors, all with the close-on-exec flag. */
 void expect_closed_on_exec(std::size_t least, const std::function<void()> &call) {
     std::vector<std::string> closed;
     std::vector<std::string> inherited;
@@ -61,7 +62,7 @@ void expect_closed_on_exec(std::size_t least, const std::function<void()> &call)
             const bool is_closed = (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0;
             (is_closed ? closed : inherited).emplace_back(name);
         });
-        stand_in_opened = tell;
+        stand_in_opened = report;
         call();
         stand_in_opened = nullptr;
     }
@@ -135,10 +136,12 @@ TEST(CloseOnExec, IsSetByConversions) {
 
 TEST(CloseOnExec, IsSetByInterfaceAddressesRoutesAndNeighbours) {
     in_private_root([] {
-        unsigned char address[16] = {};
-        // A socket, and for an IPv6 address the kernel's table.
-        for (const unsigned selector : {0U, 1U, 2U, 3U})
+        unsigned char address[CORVEL_ADDRESS_SIZE] = {};
+        for (const unsigned selector : std::initializer_list<unsigned>{
+                 CORVEL_ADDRESS_IPV4, CORVEL_ADDRESS_NETMASK, 2, CORVEL_ADDRESS_HARDWARE})
             expect_closed_on_exec(1, [&] { getInAddr("lo", selector, address); });
+        // A socket and the kernel's table.
+        expect_closed_on_exec(2, [&] { getInAddr("lo", CORVEL_ADDRESS_IPV6, address); });
         std::uint32_t gateway = 0;
         char text[4096] = "";
         static_cast<void>(capture_stdout([&] {
@@ -173,7 +176,7 @@ TEST(CloseOnExec, IsSetByErrorAndIo) {
 TEST(CloseOnExec, IsSetByTheProcessLookup) {
     in_private_root([] {
         const std::string own_name = read_file("/proc/self/comm");
-        // The directory, and of each process two files at most.
+        // The directory and, of each process, at most two files.
         expect_closed_on_exec(3, [&] {
             std::free(find_pid_by_name(own_name.substr(0, own_name.size() - 1).c_str()));
         });

@@ -1,3 +1,3 @@
 /* SPDX-License-Identifier: MIT */
-/* The public header must compile as C99 with nothing in front of it. */
+/* The public header must compile as C99 with nothing before it. */
 #include <corvel.h>

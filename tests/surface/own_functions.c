@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * A CGI program that has functions of its own under names that the library uses as well. The
- * library's functions must not come to call them: each one here ends the program.
+ * A CGI program that defines functions with the names of library functions. The library must not
+ * call them: each one aborts the program.
  *
- * usage: own_functions FOLDER, with files "conf", "page", "env" and "image" in the folder; standard
- * input is the body of a form and, behind it, that of an upload
+ * usage: own_functions DIRECTORY, which contains the files "conf", "page", "env" and "image";
+ * standard input is the body of a form, followed by that of an upload
  */
 #define _GNU_SOURCE
 #include <corvel.h>
@@ -168,7 +168,7 @@ void print_string_array(const char *title, const unsigned char *data, int len) {
     (void)title, (void)data, (void)len, abort();
 }
 
-/* The C library's functions are another matter: these are stood in for on purpose. */
+/* Replacements of functions of the C library, which the library does call. */
 static const char *environment;
 
 int open(const char *path, int flags, ...) {
@@ -188,7 +188,7 @@ unsigned int sleep(unsigned int seconds) { return (void)seconds, 0; }
 
 void syslog(int priority, const char *format, ...) { (void)priority, (void)format; }
 
-/* Whether a call by name from anywhere in the process arrives in this program. */
+/* Whether the dynamic linker resolves the name to this program's function. */
 static int is_found_first(const char *name, int (*function)(void)) {
     void *found = dlsym(RTLD_DEFAULT, name);
     void *own = NULL;
@@ -273,8 +273,8 @@ static void upgrade(const char *path) {
     save_bootparam();
 }
 
-/* Of what is found here nothing is known but that there is an answer. */
-static void look_at_device(const char *lease_file) {
+/* The results depend on the machine and are not checked. */
+static void read_device_state(const char *lease_file) {
     char text[64];
     unsigned char byte = 0;
     lease_entry *list = NULL;
@@ -310,6 +310,6 @@ int main(int argc, char **argv) {
     snprintf(environment_path, sizeof environment_path, "%s/env", argv[1]);
     environment = environment_path;
     upgrade(path);
-    look_at_device(path);
+    read_device_state(path);
     return 0;
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* What the header warns of: results that are safe for the library and wrong for a careless caller.
+/* What the header warns of: results that are safe for the library but wrong for a careless caller.
  */
 #include <corvel.h>
 
@@ -24,91 +24,100 @@ namespace {
 using namespace corvel_test;
 using namespace std::string_literals;
 
-class SavedEnvironment : public testing::Test {
-  protected:
-    void SetUp() override {
-        folder.write("env", EnvironmentImage({"bootargs=x", "keep=me"}).bytes());
-    }
+/** A file with an environment image, and the calls that load and save it. */
+class SavedEnvironment {
+  public:
+    SavedEnvironment() { write("env", EnvironmentImage({"bootargs=x", "keep=me"}).bytes()); }
 
-    int load(const char *name) {
+    void write(const char *name, std::string_view bytes) const { directory_.write(name, bytes); }
+
+    [[nodiscard]] int load(const char *name) const {
         int result = 0;
-        static_cast<void>(capture_stdout([&] { result = init_env(folder.path(name).c_str()); }));
+        static_cast<void>(
+            capture_stdout([&] { result = init_env(directory_.path(name).c_str()); }));
         return result;
     }
 
-    int save(const char *name, const char *value) {
+    [[nodiscard]] int save(const char *name, const char *value) const {
         int result = 0;
-        static_cast<void>(
-            capture_stdout([&] { result = save_param(folder.path("env").c_str(), name, value); }));
+        static_cast<void>(capture_stdout(
+            [&] { result = save_param(directory_.path("env").c_str(), name, value); }));
         return result;
     }
 
     /** The stored value of a variable; empty if there is none. */
-    std::string stored(const char *name) {
-        EXPECT_EQ(load("env"), 0);
+    [[nodiscard]] std::string stored(const char *name) const {
+        EXPECT_EQ(load("env"), CORVEL_ENV_GOOD);
         const char *const value = get_env(name);
         return value != nullptr ? value : "";
     }
 
-    TemporaryDirectory folder;
-    const std::string large = std::string(70000, 'x');
+  private:
+    TemporaryDirectory directory_;
 };
 
-TEST_F(SavedEnvironment, IsAMixtureAfterAShortFileWasLoaded) {
-    folder.write("short", "\0\0\0\0other=1\0"s);
-    ASSERT_EQ(load("env"), 0);
-    ASSERT_EQ(load("short"), -1);
-    ASSERT_EQ(save("added", "1"), 0);
-    EXPECT_EQ(stored("other"), "1");
-    EXPECT_EQ(stored("bootargs"), "");
+/** Longer than an environment image. */
+const std::string too_long(70000, 'x');
+
+TEST(init_env, MixesAShortFileWithTheCurrentImage) {
+    const SavedEnvironment env;
+    env.write("short", "\0\0\0\0other=1\0"s);
+    ASSERT_EQ(env.load("env"), CORVEL_ENV_GOOD);
+    ASSERT_EQ(env.load("short"), CORVEL_ENV_UNREADABLE);
+    ASSERT_EQ(env.save("added", "1"), 0);
+    EXPECT_EQ(env.stored("other"), "1");
+    EXPECT_EQ(env.stored("bootargs"), "");
 }
 
-TEST_F(SavedEnvironment, BecomesGoodByASaveThoughItsCrcWasBad) {
+TEST(save_param, StoresAGoodCrcEvenIfItWasBad) {
+    const SavedEnvironment env;
     std::string bytes = EnvironmentImage({"bootargs=x"}).bytes();
     bytes.back() ^= 1;
-    folder.write("env", bytes);
-    ASSERT_EQ(load("env"), 1);
-    ASSERT_EQ(save("added", "1"), 0);
-    EXPECT_EQ(stored("bootargs"), "x");
+    env.write("env", bytes);
+    ASSERT_EQ(env.load("env"), CORVEL_ENV_BAD_CRC);
+    ASSERT_EQ(env.save("added", "1"), 0);
+    EXPECT_EQ(env.stored("bootargs"), "x");
 }
 
-TEST_F(SavedEnvironment, IsAsItWasAfterAnOverflow) {
-    ASSERT_EQ(load("env"), 0);
-    EXPECT_EQ(save("keep", large.c_str()), -1);
-    EXPECT_EQ(stored("keep"), "me");
+TEST(save_param, LeavesTheFileUnchangedIfTheImageOverflows) {
+    const SavedEnvironment env;
+    ASSERT_EQ(env.load("env"), CORVEL_ENV_GOOD);
+    EXPECT_EQ(env.save("keep", too_long.c_str()), -1);
+    EXPECT_EQ(env.stored("keep"), "me");
 }
 
-TEST_F(SavedEnvironment, LosesTheVariableByTheNextSaveAfterAnOverflow) {
-    ASSERT_EQ(load("env"), 0);
-    EXPECT_EQ(save("keep", large.c_str()), -1);
-    EXPECT_EQ(save("other", "1"), 0);
-    EXPECT_EQ(stored("keep"), "");
-    EXPECT_EQ(stored("other"), "1");
+TEST(save_param, RemovesTheVariableByTheNextSaveAfterAnOverflow) {
+    const SavedEnvironment env;
+    ASSERT_EQ(env.load("env"), CORVEL_ENV_GOOD);
+    EXPECT_EQ(env.save("keep", too_long.c_str()), -1);
+    EXPECT_EQ(env.save("other", "1"), 0);
+    EXPECT_EQ(env.stored("keep"), "");
+    EXPECT_EQ(env.stored("other"), "1");
 }
 
-TEST(FlashWrite, TakesANegativeOffsetForTheStart) {
-    const TemporaryDirectory folder;
-    folder.write("device", "0123456789");
-    EXPECT_EQ(flash_write(folder.path("device").c_str(), "XX", -5, 2), 1);
-    EXPECT_EQ(folder.read("device"), "XX23456789");
+TEST(flash_write, TreatsANegativeOffsetAsZero) {
+    const TemporaryDirectory directory;
+    directory.write("device", "0123456789");
+    EXPECT_EQ(flash_write(directory.path("device").c_str(), "XX", -5, 2), 1);
+    EXPECT_EQ(directory.read("device"), "XX23456789");
 }
 
-TEST(FileCopy, EmptiesAFileThatIsCopiedOntoItself) {
-    const TemporaryDirectory folder;
-    folder.write("file", "content");
-    std::filesystem::create_hard_link(folder.path("file"), folder.path("second"));
-    EXPECT_EQ(file_copy(folder.path("second").c_str(), folder.path("file").c_str()), 0);
-    EXPECT_EQ(folder.read("file"), "");
-    EXPECT_EQ(folder.read("second"), "");
+TEST(file_copy, EmptiesAFileThatIsCopiedToItself) {
+    const TemporaryDirectory directory;
+    directory.write("file", "content");
+    std::filesystem::create_hard_link(directory.path("file"), directory.path("second"));
+    EXPECT_EQ(file_copy(directory.path("second").c_str(), directory.path("file").c_str()), 0);
+    EXPECT_EQ(directory.read("file"), "");
+    EXPECT_EQ(directory.read("second"), "");
 }
 
-TEST(FileCopy, FollowsALinkAtTheCopy) {
-    const TemporaryDirectory folder;
-    folder.write("file", "content");
-    folder.write("victim", "precious");
-    std::filesystem::create_symlink("victim", folder.path("link"));
-    EXPECT_EQ(file_copy(folder.path("file").c_str(), folder.path("link").c_str()), 0);
-    EXPECT_EQ(folder.read("victim"), "content");
+TEST(file_copy, FollowsASymbolicLinkAtTheDestination) {
+    const TemporaryDirectory directory;
+    directory.write("file", "content");
+    directory.write("victim", "precious");
+    std::filesystem::create_symlink("victim", directory.path("link"));
+    EXPECT_EQ(file_copy(directory.path("file").c_str(), directory.path("link").c_str()), 0);
+    EXPECT_EQ(directory.read("victim"), "content");
 }
 
 int rows_of(const std::string &query) {
@@ -119,41 +128,41 @@ int rows_of(const std::string &query) {
     return count;
 }
 
-/** The most rows that a query of this length takes. */
-int most_rows(std::size_t length) {
+/** The maximum number of rows that a query of this length fills. */
+int maximum_rows(std::size_t length) {
     const std::string characters = "=&a%+";
     std::string query(length, characters.front());
-    int most = rows_of(query);
+    int maximum = rows_of(query);
     for (std::size_t at = 0; at < length;) {
-        // Counts up, the characters being the digits.
+        // The next query, as if the characters were digits of a number.
         const std::size_t digit = (characters.find(query[at]) + 1) % characters.size();
         query[at] = characters[digit];
         at = digit == 0 ? at + 1 : 0;
-        most = std::max(most, rows_of(query));
+        maximum = std::max(maximum, rows_of(query));
     }
-    return most;
+    return maximum;
 }
 
-TEST(ProcessQueryString, FillsAtMostOneRowForTwoBytesAndOneForTheLast) {
+TEST(process_query_string, FillsAtMostHalfAsManyRowsAsBytesRoundedUp) {
     for (std::size_t length = 0; length <= 6; ++length)
-        EXPECT_EQ(most_rows(length), static_cast<int>((length + 1) / 2)) << length;
+        EXPECT_EQ(maximum_rows(length), static_cast<int>((length + 1) / 2)) << length;
 }
 
-TEST(LoadProp, FillsAtMostOneRowForTwoBytes) {
-    const TemporaryDirectory folder;
+TEST(load_prop, FillsAtMostHalfAsManyRowsAsBytes) {
+    const TemporaryDirectory directory;
     std::array<prop_entry, 16> rows{};
-    folder.write("file", "=\n=\n=\n=");
-    const int count = load_prop('=', folder.path("file").c_str(), rows.data());
+    directory.write("file", "=\n=\n=\n=");
+    const int count = load_prop('=', directory.path("file").c_str(), rows.data());
     EXPECT_EQ(count, 3);
     free_prop(rows.data(), count);
 }
 
-/** The write end of a pipe that a handler reports to. */
+/** The write end of the pipe to which the signal handler writes. */
 int reports = -1;
 
 void report(int) { static_cast<void>(write(reports, "s", 1) < 0); }
 
-/** Waits until a child waits for something, or has ended. */
+/** Waits until a child is asleep or has exited. */
 void wait_until_idle(pid_t child) {
     const std::string path = "/proc/" + std::to_string(child) + "/stat";
     std::string status;
@@ -163,10 +172,10 @@ void wait_until_idle(pid_t child) {
 }
 
 /**
- * Whether a body is read that stops half-way until many signals have been handled. A reader that
- * gives up ends, and so do the reports.
+ * Whether read_queue() reads the whole body if the second half arrives only after many signals were
+ * handled. If it fails, the reader exits and the loop ends.
  */
-bool survives_signals(int flags) {
+bool reads_whole_body_despite_signals(int flags) {
     std::array<int, 2> body{};
     std::array<int, 2> reported{};
     EXPECT_EQ(pipe(body.data()), 0);
@@ -196,7 +205,7 @@ bool survives_signals(int flags) {
         wait_until_idle(reader);
         kill(reader, SIGUSR1);
     }
-    EXPECT_EQ(write(body[1], "efgh", 4), 4); // this process has the other end as well
+    EXPECT_EQ(write(body[1], "efgh", 4), 4); // cannot fail: this process has the other end open too
     close(body[1]);
     const bool read_whole = wait_for_child(reader).exit_status == 0;
     close(body[0]);
@@ -204,8 +213,12 @@ bool survives_signals(int flags) {
     return read_whole;
 }
 
-TEST(ReadQueue, RefusesABodyThatASignalInterrupts) { EXPECT_FALSE(survives_signals(0)); }
+TEST(read_queue, FailsIfASignalInterruptsTheRead) {
+    EXPECT_FALSE(reads_whole_body_despite_signals(0));
+}
 
-TEST(ReadQueue, ReadsOnAfterASignalWithRestart) { EXPECT_TRUE(survives_signals(SA_RESTART)); }
+TEST(read_queue, ContinuesAfterASignalWithRestart) {
+    EXPECT_TRUE(reads_whole_body_despite_signals(SA_RESTART));
+}
 
 } // namespace

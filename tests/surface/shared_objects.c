@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * A CGI program that shares the data objects `bootparam` and `env_image_mem` with the library: each
- * sees what the other one writes, whether the program is position-independent or not. It ends
- * with status 1 at the first expectation that does not hold.
+ * reads what the other writes, whether the program is position-independent or not. It exits with
+ * status 1 at the first failed expectation.
  *
- * usage: shared_objects ENVIRONMENT, a file with a good image that says bootparam=1 and ends in 'E'
+ * usage: shared_objects ENVIRONMENT, a file with a valid image that contains bootparam=1 and ends
+ * with 'E'
  */
 #define _GNU_SOURCE
 #include <corvel.h>
@@ -26,7 +27,7 @@
 
 static const char *environment;
 
-/* The library opens the environment's device: here, that is a file. */
+/* Opens a file in place of the device that contains the environment. */
 int open(const char *path, int flags, ...) {
     mode_t mode = 0;
     if ((flags & O_CREAT) != 0) {
@@ -40,11 +41,11 @@ int open(const char *path, int flags, ...) {
     return (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
 }
 
-/* The machine's log is left alone. */
+/* Writes nothing to the machine's log. */
 void syslog(int priority, const char *format, ...);
 void syslog(int priority, const char *format, ...) { (void)priority, (void)format; }
 
-/* What the file's variable says now; the file becomes the current image. */
+/* Loads the file as the current image and returns the value of its variable. */
 static char stored_set(void) {
     const char *value;
     EXPECT(init_env(environment) == 0);
@@ -69,7 +70,7 @@ static void write_what_the_library_reads(void) {
     bootparam = 0;
     EXPECT(save_bootparam() == 0);
     EXPECT(stored_set() == '1');
-    /* set_env() takes the list as the program left it; the CRC covers the byte at the end. */
+    /* The library reads the variables that the program wrote; the CRC covers the last byte. */
     memcpy(env_image_mem + 4, "program=1\0", 11);
     env_image_mem[CORVEL_ENV_SIZE - 1] = 'P';
     EXPECT(strcmp(get_env("program"), "1") == 0);

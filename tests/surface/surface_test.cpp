@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* What the shared library shows to the world, against what the header promises. */
+/* Compares what the shared library exports and needs with the header and the list of names. */
 #include <corvel.h>
 
 #include "tests/firmware/environment_image.h"
@@ -25,7 +25,7 @@ using namespace corvel_test;
 using namespace std::string_literals;
 using Names = std::set<std::string>;
 
-// Fields stand in the documented order without holes, whatever a pointer's size is.
+// Fields are in the documented order, without holes, for both sizes of pointers.
 constexpr std::size_t pointer = sizeof(void *);
 static_assert(pointer == 4 || pointer == 8);
 static_assert(std::is_standard_layout_v<prop_entry> && std::is_trivial_v<prop_entry>);
@@ -91,8 +91,7 @@ static_assert(offsetof(lease_entry, hostname) == 188);
 static_assert(offsetof(lease_entry, next) == (pointer == 8 ? 320 : 316));
 static_assert(sizeof(lease_entry) == (pointer == 8 ? 328 : 320));
 
-// The compiler may make one function of the two, which then has the type of one name alone in the
-// library's description (libcorvel.abi).
+// The compiler may merge the two functions; libcorvel.abi then contains the type of only one name.
 static_assert(std::is_same_v<decltype(str_regular), decltype(add_escape)>);
 
 // The named values are part of the interface: programs are compiled with them.
@@ -170,7 +169,7 @@ static_assert(CORVEL_PASSWORD_COMMAND_FAILED == 121);
 static_assert(CORVEL_PASSWORD_SHELL_FAILED == 122);
 static_assert(CORVEL_PASSWORD_REFUSED == 123);
 
-/* In front of a program that was built with this one; empty where the machine runs it itself. */
+/* The start of the command line of a program for another processor; empty for the machine's own. */
 #ifndef CORVEL_EMULATOR
 #define CORVEL_EMULATOR ""
 #endif
@@ -197,7 +196,7 @@ std::vector<std::string> output_of(const std::string &command) {
     return lines_of(child.out);
 }
 
-/** The dynamic symbols that `nm` finds with some options: the last word of each line. */
+/** The dynamic symbols that `nm` prints with these options: the last word of each line. */
 Names symbols(const std::string &options) {
     Names names;
     for (const std::string &line :
@@ -208,7 +207,7 @@ Names symbols(const std::string &options) {
     return names;
 }
 
-/** What stands in brackets behind a tag of the dynamic section. */
+/** The values in brackets after a tag of the dynamic section. */
 Names dynamic_entries(const std::string &tag) {
     Names values;
     for (const std::string &line : output_of(CORVEL_READELF " -dW '" CORVEL_LIBRARY "'"))
@@ -224,8 +223,8 @@ Names listed() {
     return names;
 }
 
-/** The header with a space in place of each comment. std::regex cannot find them: it recurses once
- * a character. */
+/** The header with each comment replaced by a space. Not with std::regex, which recurses for each
+ * character. */
 std::string header_without_comments() {
     const std::string header = read_file(CORVEL_HEADER);
     std::string text;
@@ -242,7 +241,7 @@ std::string header_without_comments() {
 Names declared() {
     std::string text = header_without_comments();
     text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
-    // The name is the last word in front of the arguments, of an array's size, or of the end.
+    // The name is the last word before the parameters, the size of an array, or the end.
     const std::regex declaration(R"(CORVEL_API\s[^;(\[]*?(\w+)\s*[;(\[])");
     Names names;
     for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
@@ -261,7 +260,7 @@ TEST(Surface, MarksEveryFunctionOfTheHeader) {
     EXPECT_FALSE(std::regex_search(text, unmarked));
 }
 
-TEST(Surface, NeedsTheCLibraryAlone) {
+TEST(Surface, NeedsOnlyTheCLibrary) {
     const std::regex allowed(sanitized ? R"(lib(c|crypt|asan|ubsan|clang_rt\.\w+|m|gcc_s)[.-].*)"
                                        : R"(lib(c|crypt)\..*)");
     const Names needed = dynamic_entries("NEEDED");
@@ -273,10 +272,10 @@ TEST(Surface, NeedsTheCLibraryAlone) {
 TEST(Surface, HasItsSoname) {
     EXPECT_EQ(dynamic_entries("SONAME"), Names{"libcorvel.so.1"});
     namespace fs = std::filesystem;
-    const fs::path folder = fs::path(CORVEL_LIBRARY).parent_path();
-    EXPECT_TRUE(fs::is_symlink(folder / "libcorvel.so"));
-    EXPECT_EQ(fs::canonical(folder / "libcorvel.so.1"), fs::canonical(CORVEL_LIBRARY));
-    EXPECT_EQ(fs::canonical(folder / "libcorvel.so"), fs::canonical(CORVEL_LIBRARY));
+    const fs::path directory = fs::path(CORVEL_LIBRARY).parent_path();
+    EXPECT_TRUE(fs::is_symlink(directory / "libcorvel.so"));
+    EXPECT_EQ(fs::canonical(directory / "libcorvel.so.1"), fs::canonical(CORVEL_LIBRARY));
+    EXPECT_EQ(fs::canonical(directory / "libcorvel.so"), fs::canonical(CORVEL_LIBRARY));
 }
 
 TEST(Surface, NeedsNothingOfTheCxxRuntime) {
@@ -289,51 +288,55 @@ TEST(Surface, NeedsNothingOfTheCxxRuntime) {
     }
 }
 
-TEST(Surface, CallsItsOwnFunctionsWhateverTheProgramDefines) {
-    const TemporaryDirectory folder;
-    folder.write("conf", "A=\"1\"\n");
-    folder.write("page", "<h1>$title</h1>\n");
-    folder.write("env", EnvironmentImage({"bootargs=root=31:2 x", "bootparam=0"}).bytes());
-    folder.write("image", upgrade_image({{.signature = "root", .data = "files"}}));
-    // The body of a form and, behind it, of an upload that is large enough for the pause.
+TEST(Surface, CallsItsOwnFunctionsEvenIfTheProgramDefinesTheirNames) {
+    const TemporaryDirectory directory;
+    directory.write("conf", "A=\"1\"\n");
+    directory.write("page", "<h1>$title</h1>\n");
+    directory.write("env", EnvironmentImage({"bootargs=root=31:2 x", "bootparam=0"}).bytes());
+    directory.write("image", upgrade_image({{.signature = "root", .data = "files"}}));
+    // The body of a form, followed by that of an upload that is large enough for the pause.
     const std::string content(7000, 'c');
-    folder.write("input", "d=4%21--b\r\nContent-Disposition: form-data; name=\"f\"; "
-                          "filename=\"f.bin\"\r\nContent-Type: text/plain\r\n\r\n" +
-                              content + "\r\n--b--\r\n");
-    // Called by a short name: the program looks for itself, and of a command line only the first
-    // characters are seen.
+    directory.write("input", "d=4%21--b\r\nContent-Disposition: form-data; name=\"f\"; "
+                             "filename=\"f.bin\"\r\nContent-Type: text/plain\r\n\r\n" +
+                                 content + "\r\n--b--\r\n");
+    // Started by a short path: the program looks for its own name in its command line, of which
+    // only the first characters are read.
     const std::filesystem::path program = CORVEL_OWN_FUNCTIONS;
     const std::string command = "cd '" + program.parent_path().string() + "' && " +
                                 CORVEL_EMULATOR "'./" + program.filename().string() + "' '" +
-                                folder.path() + "' <'" + folder.path("input") + "'";
+                                directory.path() + "' <'" + directory.path("input") + "'";
     const ChildResult child = run_in_child([&command] { return std::system(command.c_str()); });
     EXPECT_EQ(child.exit_status, 0) << child.err;
     EXPECT_EQ(child.err, "");
-    EXPECT_EQ(folder.read("conf"), "A=\"saved\"\nC=3\n");
-    EXPECT_EQ(folder.read("env"),
+    EXPECT_EQ(directory.read("conf"), "A=\"saved\"\nC=3\n");
+    EXPECT_EQ(directory.read("env"),
               EnvironmentImage({"bootargs=root=31:2 x", "bootparam=1"}).bytes());
     for (const char *part : {"pos=31:2\n", "2 records, code 0\n", "1 file, 7000 bytes\n", "new\n",
                              "\t\"A\":\"new\",\n\t\"B\":\"2\"", "<h1>Page</h1>\n",
                              "\t\"title\":\"Page\",\n\t\"text\":\"Text\"", "\n7\n2 b c!\n1 4!\n"})
-        EXPECT_NE(child.out.find(part), std::string::npos) << part << "\nis not in\n" << child.out;
+        EXPECT_NE(child.out.find(part), std::string::npos) << part << "\nis missing in\n"
+                                                           << child.out;
 }
 
 class SharedObjects : public testing::TestWithParam<const char *> {};
 
-TEST_P(SharedObjects, AreOneForTheProgramAndTheLibrary) {
-    const TemporaryDirectory folder;
+TEST_P(SharedObjects, AreTheSameInTheProgramAndTheLibrary) {
+    const TemporaryDirectory directory;
     std::string data = EnvironmentImage({"bootparam=1"}).data();
     data.back() = 'E';
-    folder.write("env", EnvironmentImage::of_data(data).bytes());
-    const ChildResult child = run_in_child([&folder] {
+    directory.write("env", EnvironmentImage::of_data(data).bytes());
+    const ChildResult child = run_in_child([&directory] {
         return std::system(
-            (CORVEL_EMULATOR "'"s + GetParam() + "' '" + folder.path("env") + "'").c_str());
+            (CORVEL_EMULATOR "'"s + GetParam() + "' '" + directory.path("env") + "'").c_str());
     });
     EXPECT_EQ(child.exit_status, 0) << child.err;
     EXPECT_EQ(child.out, "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Programs, SharedObjects,
-                         testing::Values(CORVEL_SHARED_OBJECTS_PIE, CORVEL_SHARED_OBJECTS_NO_PIE));
+                         testing::Values(CORVEL_SHARED_OBJECTS_PIE, CORVEL_SHARED_OBJECTS_NO_PIE),
+                         [](const auto &program) {
+                             return program.index == 0 ? "PositionIndependent" : "FixedPosition";
+                         });
 
 } // namespace
