@@ -1,25 +1,25 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Writes the golden files of this folder, from the layout of the formats and zlib's CRC alone.
+"""Writes the golden files, only from the layout of the formats and zlib's CRC.
 
-usage: make_golden.py [FOLDER]      the default is the folder of this script
+usage: make_golden.py [DIRECTORY]   by default, the directory of this script
 
-environment.head         the CRC word and the list of an environment image whose free space is
-                         erased flash (0xFF up to byte 65535)
-environment.txt          its variables, as they are listed
-environment-edited.head  the image after "bootdelay" was deleted, "bootargs" and then "bootparam" set
+environment.head         the CRC word and the variables of an environment image; the rest of its 65536
+                         bytes is erased flash (0xFF)
+environment.txt          its variables, one on each line
+environment-edited.head  the image after "bootdelay" was deleted and "bootargs" and "bootparam" were set
 upgrade.img              an upgrade image: boot loader, an unknown section, root file system, kernel,
                          version
-upgrade-set-*.txt        what it asks to be written while set A or set B runs: staging name, offset of
-                         the bytes, length, burn address, block device, its index before the shift
-leases.bin               a binary DHCP lease file with empty slots, its last record cut off
+upgrade-set-*.txt        what must be written if set A or set B is running: staging file, offset of the
+                         bytes, length, burn address, block device, its index in the image
+leases.bin               a binary DHCP lease file with empty slots and an incomplete last record
 leases.txt               its leases: IP address, hardware address, expiry
-leases-every-slot.txt    the same of every whole record, empty slots included
-crc32.bin                bytes of which ranges are summed
-crc32.txt                the ranges and their CRC-32: offset, length, word
-crc32.words              the same words one after another, as the formats store them
+leases-every-slot.txt    the same for every complete record, including empty slots
+crc32.bin                bytes
+crc32.txt                ranges of these bytes and their CRC-32: offset, length, word
+crc32.words              only the words, in big-endian byte order as in the formats
 trap-*-endian.bin        the netlink message that process 0x01020304 sends for the record of bytes
-                         0 to 155, on a processor of either byte order
+                         0 to 155, for each byte order of the processor
 """
 
 import struct
@@ -37,7 +37,7 @@ def environment(entries):
 
 
 def edited(entries):
-    """Setting a variable deletes it and puts it at the end; the bytes left over stay as they are."""
+    """Setting a variable deletes and appends it; the bytes after the list remain unchanged."""
     _, data = environment(entries)
     data = bytearray(data)
     current = list(entries)
@@ -50,14 +50,14 @@ def edited(entries):
         current[:] = [entry for entry in current if entry[0] != name]
         write(current)
 
-    def put(name, value):
+    def set_variable(name, value):
         delete(name)
         current.append((name, value))
         write(current)
 
     delete("bootdelay")
-    put("bootargs", "console=ttyS0,115200 root=31:4 rootfstype=squashfs init=/sbin/init")
-    put("bootparam", "1")
+    set_variable("bootargs", "console=ttyS0,115200 root=31:4 rootfstype=squashfs init=/sbin/init")
+    set_variable("bootparam", "1")
     used = len(bytes(data).rstrip(b"\xff"))
     return struct.pack(">I", zlib.crc32(bytes(data))) + bytes(data[:used])
 
@@ -102,7 +102,7 @@ def record_lines(records, shift):
 
 
 def leases():
-    """A slot is empty where its hardware address is zeros; that is followed by bytes of no meaning."""
+    """A slot is empty if its hardware address is zeros; the bytes after the address are unused."""
     slots = [
         ("00 1a bc ff 0f 09", b"\0" * 10, (192, 168, 1, 10), 3600),
         ("00 00 00 00 00 00", b"\0" * 10, (0, 0, 0, 0), 0),
@@ -155,7 +155,7 @@ def trap_message(byte_order):
 
 
 def main():
-    folder = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent)
+    directory = Path(sys.argv[1] if len(sys.argv) > 1 else Path(__file__).parent)
     entries = [
         ("bootcmd", "bootm 0x9f6a0000"),
         ("bootdelay", "1"),
@@ -165,25 +165,25 @@ def main():
         ("empty", ""),
         ("bootparam", "0"),
     ]
-    (folder / "environment.head").write_bytes(environment(entries)[0])
-    (folder / "environment.txt").write_bytes(
+    (directory / "environment.head").write_bytes(environment(entries)[0])
+    (directory / "environment.txt").write_bytes(
         "".join(f"{name}={value}\n" for name, value in entries).encode("latin-1")
     )
-    (folder / "environment-edited.head").write_bytes(edited(entries))
+    (directory / "environment-edited.head").write_bytes(edited(entries))
     image, records = upgrade()
-    (folder / "upgrade.img").write_bytes(image)
-    (folder / "upgrade-set-a.txt").write_text(record_lines(records, 2))
-    (folder / "upgrade-set-b.txt").write_text(record_lines(records, 0))
+    (directory / "upgrade.img").write_bytes(image)
+    (directory / "upgrade-set-a.txt").write_text(record_lines(records, 2))
+    (directory / "upgrade-set-b.txt").write_text(record_lines(records, 0))
     image, listed, every_slot = leases()
-    (folder / "leases.bin").write_bytes(image)
-    (folder / "leases.txt").write_text(listed)
-    (folder / "leases-every-slot.txt").write_text(every_slot)
+    (directory / "leases.bin").write_bytes(image)
+    (directory / "leases.txt").write_text(listed)
+    (directory / "leases-every-slot.txt").write_text(every_slot)
     data, lines, words = crc_ranges()
-    (folder / "crc32.bin").write_bytes(data)
-    (folder / "crc32.txt").write_text(lines)
-    (folder / "crc32.words").write_bytes(words)
-    (folder / "trap-little-endian.bin").write_bytes(trap_message("<"))
-    (folder / "trap-big-endian.bin").write_bytes(trap_message(">"))
+    (directory / "crc32.bin").write_bytes(data)
+    (directory / "crc32.txt").write_text(lines)
+    (directory / "crc32.words").write_bytes(words)
+    (directory / "trap-little-endian.bin").write_bytes(trap_message("<"))
+    (directory / "trap-big-endian.bin").write_bytes(trap_message(">"))
 
 
 if __name__ == "__main__":
