@@ -25,7 +25,7 @@
 #include "tests/cgi/multipart.h"
 #include "tests/support/child_process.h"
 #include "tests/support/environment.h"
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 #include "tests/support/temporary_directory.h"
@@ -1290,8 +1290,8 @@ TEST(process_file, AcceptsAnUploadTruncatedAnywhere) {
             if (end + 5 <= size)
                 expected.push_back({std::to_string(i), parts[i].content});
         }
-        for (const Fence fence : {Fence::after, Fence::before}) {
-            const GuardedBlock block(upload.substr(0, size), fence);
+        for (const GuardPage guard : {GuardPage::after, GuardPage::before}) {
+            const GuardedBlock block(upload.substr(0, size), guard);
             StoredFiles files;
             ASSERT_EQ(capture_stdout([&] { files = files_in(block.start(), size, "--b"); }), "");
             ASSERT_EQ(files, expected) << "truncated at " << size;
@@ -1306,8 +1306,8 @@ TEST(process_file, AcceptsAnUploadDamagedAnywhere) {
                                      file_part("2", "Content-Type: t\r\n\r\n")}));
     const auto files_of_damaged = [](const std::string &bytes) {
         std::size_t count = 0;
-        for (const Fence fence : {Fence::after, Fence::before}) {
-            const GuardedBlock block(bytes, fence);
+        for (const GuardPage guard : {GuardPage::after, GuardPage::before}) {
+            const GuardedBlock block(bytes, guard);
             static_cast<void>(capture_stdout(
                 [&] { count = files_in(block.start(), block.size(), "--b").size(); }));
         }

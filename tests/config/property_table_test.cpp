@@ -5,7 +5,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/environment.h"
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 #include "tests/support/temporary_directory.h"

@@ -3,7 +3,7 @@
 
 #include "tests/firmware/reference_crc.h"
 #include "tests/support/golden_files.h"
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -72,8 +72,8 @@ TEST(crc32, IsRightForEveryLengthAndAlignment) {
 TEST(crc32, ReadsNothingOutsideItsBytes) {
     const std::string bytes = random_bytes(300);
     for (std::size_t length = 0; length <= bytes.size(); ++length)
-        for (const Fence fence : {Fence::after, Fence::before}) {
-            const GuardedBlock block(bytes.substr(0, length), fence);
+        for (const GuardPage guard : {GuardPage::after, GuardPage::before}) {
+            const GuardedBlock block(bytes.substr(0, length), guard);
             ASSERT_EQ(crc_of(block.bytes()), reference_crc(block.bytes())) << length;
         }
 }

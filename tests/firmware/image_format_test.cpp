@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 
 #include <climits>
 #include <cstdint>

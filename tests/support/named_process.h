@@ -23,7 +23,7 @@
 
 namespace corvel_test {
 
-/** A pipe whose ends no other program inherits. */
+/** A pipe whose ends are closed on exec. */
 class OwnPipe {
   public:
     OwnPipe() {
@@ -50,18 +50,19 @@ class OwnPipe {
     int writing = -1;
 };
 
-/** A process that is `cat` under another name. It runs, with its name and its command line in
- * place, when the object is made, and is gone with it. */
+/** The program `cat` under another name. After construction it is running, with that name and its
+ * command line; the destructor kills it. */
 class NamedProcess {
   public:
     explicit NamedProcess(const std::string &name) : NamedProcess(name, {name}) {}
 
-    /** @param words the command line; the first need not be the name, the others must be "-". */
+    /** @param words the command line; the first may differ from the name, the others must be "-".
+     */
     NamedProcess(const std::string &name, std::vector<std::string> words) {
         // The kernel takes a process's short name from the name of its file.
-        const std::string folder = "/tmp/programs";
-        const std::string program = folder + "/" + name;
-        std::filesystem::create_directories(folder);
+        const std::string directory = "/tmp/programs";
+        const std::string program = directory + "/" + name;
+        std::filesystem::create_directories(directory);
         if (!std::filesystem::exists(program))
             std::filesystem::create_symlink("/bin/cat", program);
         OwnPipe output;
@@ -80,7 +81,7 @@ class NamedProcess {
         }
         OwnPipe::close_end(input_.reading);
         OwnPipe::close_end(output.writing);
-        // What it hands on shows that it runs.
+        // It copies a byte, so it is running.
         char byte = 'x';
         if (write(input_.writing, &byte, 1) != 1 || read(output.reading, &byte, 1) != 1)
             throw std::system_error(errno, std::generic_category(), "starting " + program);
@@ -92,7 +93,8 @@ class NamedProcess {
 
     [[nodiscard]] pid_t id() const { return id_; }
 
-    /** Ends the process and lets nobody know: its short name stays, its command line is gone. */
+    /** Kills the process without waiting for it: its short name remains, its command line is empty.
+     */
     void leave_as_zombie() const {
         siginfo_t ended{};
         kill(id_, SIGKILL);

@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: MIT */
 /**
- * For a test program that replaces one function of the C library by its own:
+ * For a test program that replaces a function of the C library:
  *
  *     extern "C" int kill(pid_t process, int signal) C_LIBRARY_NOEXCEPT {
  *         static auto *const next = next_definition<int(pid_t, int)>("kill");
  *         return instead_of_kill ? instead_of_kill(process, signal) : next(process, signal);
  *     }
  *
- *     const Instead in_place_of_kill(instead_of_kill, [](pid_t, int) { return 0; });
+ *     const Instead replaced_kill(instead_of_kill, [](pid_t, int) { return 0; });
  */
 #ifndef CORVEL_TESTS_NEXT_DEFINITION_H
 #define CORVEL_TESTS_NEXT_DEFINITION_H
@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <utility>
 
-/** How the C library's headers declare that a function throws nothing; not every C library does. */
+/** The exception specification in the headers of those C libraries that have one. */
 #ifdef __THROW
 #define C_LIBRARY_NOEXCEPT __THROW
 #else

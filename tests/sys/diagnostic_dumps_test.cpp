@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/sys/sample_bytes.h"
 
@@ -47,8 +47,8 @@ std::string hex(std::string_view bytes, const std::string &suffix = "") {
 std::string dumped(const std::string &bytes,
                    const std::function<void(const unsigned char *, int)> &dump) {
     std::string text;
-    for (const Fence fence : {Fence::after, Fence::before}) {
-        const GuardedBlock block(bytes, fence);
+    for (const GuardPage guard : {GuardPage::after, GuardPage::before}) {
+        const GuardedBlock block(bytes, guard);
         text = capture_stdout([&] {
             dump(reinterpret_cast<const unsigned char *>(block.start()),
                  static_cast<int>(bytes.size()));
