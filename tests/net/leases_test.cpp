@@ -38,29 +38,29 @@
 
 namespace {
 
-/** What the clock on the wall shows, unless it is 0. */
-std::time_t shown_time;
+/** The result of time(), unless it is 0. */
+std::time_t fixed_time;
 
-/** Takes the signals. */
+/** Called in place of kill(), if set. */
 std::function<int(pid_t, int)> instead_of_kill;
 
-/** What the kernel is asked for directly; the call fails where this says so. */
-std::function<bool(long, long)> refuses_system_call;
+/** Whether syscall() fails for a call and its first argument. */
+std::function<bool(long, long)> fails_system_call;
 
 unsigned long clock_gettime_calls;
 
-/** How often somebody wanted to rest for less than a second. */
-unsigned long short_rests;
+/** The number of calls of usleep() and nanosleep(), which return at once. */
+unsigned long short_sleeps;
 
 } // namespace
 
 extern "C" std::time_t time(std::time_t *out) C_LIBRARY_NOEXCEPT {
     static auto *const next = corvel_test::next_definition<std::time_t(std::time_t *)>("time");
-    if (shown_time == 0)
+    if (fixed_time == 0)
         return next(out);
     if (out != nullptr)
-        *out = shown_time;
-    return shown_time;
+        *out = fixed_time;
+    return fixed_time;
 }
 
 extern "C" int kill(pid_t process, int signal) C_LIBRARY_NOEXCEPT {
@@ -83,7 +83,7 @@ extern "C" long syscall(long call, ...) C_LIBRARY_NOEXCEPT {
     for (long &argument : arguments)
         argument = va_arg(values, long);
     va_end(values);
-    if (refuses_system_call && refuses_system_call(call, arguments[0])) {
+    if (fails_system_call && fails_system_call(call, arguments[0])) {
         errno = ENOSYS;
         return -1;
     }
@@ -92,12 +92,12 @@ extern "C" long syscall(long call, ...) C_LIBRARY_NOEXCEPT {
 }
 
 extern "C" int usleep(useconds_t) {
-    ++short_rests;
+    ++short_sleeps;
     return 0;
 }
 
 extern "C" int nanosleep(const timespec *, timespec *) {
-    ++short_rests;
+    ++short_sleeps;
     return 0;
 }
 
@@ -110,16 +110,16 @@ using namespace std::string_literals;
 
 constexpr std::time_t now = 1699999000;
 
-/** Stops the clock on the wall. */
-class StoppedClock {
+/** During its lifetime, time() returns a fixed time. */
+class FixedTime {
   public:
-    explicit StoppedClock(std::time_t time) { shown_time = time; }
-    ~StoppedClock() { shown_time = 0; }
-    StoppedClock(const StoppedClock &) = delete;
-    StoppedClock &operator=(const StoppedClock &) = delete;
+    explicit FixedTime(std::time_t time) { fixed_time = time; }
+    ~FixedTime() { fixed_time = 0; }
+    FixedTime(const FixedTime &) = delete;
+    FixedTime &operator=(const FixedTime &) = delete;
 };
 
-/** What a record of a list says. */
+/** The strings of a record. */
 struct Lease {
     std::string ip, mac, expires, hostname;
     bool operator==(const Lease &) const = default;
@@ -128,7 +128,7 @@ struct Lease {
     }
 };
 
-/** Takes a list's records and releases it. */
+/** The leases of a list, which is freed. */
 std::vector<Lease> taken(lease_entry *&head) {
     std::vector<Lease> leases;
     for (const lease_entry *entry = head; entry != nullptr; entry = entry->next) {
@@ -143,14 +143,12 @@ std::vector<Lease> taken(lease_entry *&head) {
 
 using Reader = int (*)(lease_entry **, const char *);
 
-constexpr Reader readers[] = {get_udhpd_leases, get_dnsmasq_leases, get_dhcpv6_leases};
-
 /** Reads a file of the given content. */
 std::vector<Lease> read_leases(Reader reader, std::string_view content, int result = 0) {
-    const TemporaryDirectory folder;
-    folder.write("leases", content);
+    const TemporaryDirectory directory;
+    directory.write("leases", content);
     lease_entry *head = nullptr;
-    const std::string path = folder.path("leases");
+    const std::string path = directory.path("leases");
     const std::size_t open_before = open_descriptors().size();
     EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(reader(&head, path.c_str()), result); }), "");
     EXPECT_EQ(open_descriptors().size(), open_before);
@@ -164,18 +162,18 @@ std::string big_endian(std::uint32_t number) {
     return bytes;
 }
 
-/** A record of a binary file; what is missing of the hardware address is '#', and not used. */
+/** A record of a binary file; the unused part of the hardware address contains '#'. */
 std::string record(const std::string &mac, const std::string &ip, std::uint32_t expiry) {
     return mac + std::string(16 - mac.size(), '#') + ip + big_endian(expiry);
 }
 
-/** The n-th of many records, and how it is listed. */
+/** The n-th of many records, and its lease. */
 std::string numbered_record(unsigned n) {
     return record("\x02\xAB"s + big_endian(n), "\x0A"s + big_endian(n).substr(1), n);
 }
 
 Lease numbered_lease(unsigned n) {
-    char mac[18];
+    char mac[CORVEL_MAC_SIZE];
     std::snprintf(mac, sizeof mac, "02:AB:%02X:%02X:%02X:%02X", n >> 24, n >> 16 & 0xFF,
                   n >> 8 & 0xFF, n & 0xFF);
     return {"10." + std::to_string(n >> 16 & 0xFF) + "." + std::to_string(n >> 8 & 0xFF) + "." +
@@ -197,7 +195,7 @@ std::vector<Lease> numbered_leases(unsigned count) {
     return leases;
 }
 
-/** A line of a text file, and how it is listed while the clock stands still. */
+/** A line of a text file, and its lease at the fixed time. */
 std::string numbered_line(unsigned n) {
     const std::string number = std::to_string(n);
     return std::to_string(now + n) + " 0a:bc:" + number + " 10.0." + number + " host" + number +
@@ -216,7 +214,7 @@ std::string numbered_ipv6_line(unsigned n) {
            " 0 128 10.0." + number + "\n";
 }
 
-/** A text file of many lines, and how they are listed. */
+/** A text file of many lines, and their leases. */
 struct TextFile {
     std::string content;
     std::vector<Lease> leases;
@@ -231,7 +229,7 @@ TextFile text_file_of(std::string (*line)(unsigned), unsigned count) {
     return file;
 }
 
-/** The leases of a golden file, one a line. */
+/** The leases of a golden file, one on each line. */
 std::vector<Lease> golden_leases(const std::string &name) {
     std::istringstream lines(golden(name));
     std::vector<Lease> leases;
@@ -240,9 +238,9 @@ std::vector<Lease> golden_leases(const std::string &name) {
     return leases;
 }
 
-// monotonic_time
+// --- monotonic_time ---
 
-TEST(MonotonicTime, IsTheSecondsOfTheMonotonicClock) {
+TEST(monotonic_time, ReturnsTheSecondsOfTheMonotonicClock) {
     timespec before{};
     timespec after{};
     ASSERT_EQ(clock_gettime(CLOCK_MONOTONIC, &before), 0);
@@ -252,9 +250,9 @@ TEST(MonotonicTime, IsTheSecondsOfTheMonotonicClock) {
     EXPECT_LE(seconds, after.tv_sec);
 }
 
-TEST(MonotonicTime, AsksTheKernelDirectly) {
+TEST(monotonic_time, MakesTheSystemCallDirectly) {
     std::vector<long> clocks;
-    const Instead watched(refuses_system_call, [&clocks](long, long clock) {
+    const Instead watched(fails_system_call, [&clocks](long, long clock) {
         clocks.push_back(clock);
         return false;
     });
@@ -265,20 +263,20 @@ TEST(MonotonicTime, AsksTheKernelDirectly) {
     EXPECT_LE(seconds, monotonic_time());
 }
 
-TEST(MonotonicTime, IsZeroWhereTheKernelHasNoSuchCall) {
-    const Instead watched(refuses_system_call, [](long, long) { return true; });
+TEST(monotonic_time, ReturnsZeroIfTheKernelLacksTheCall) {
+    const Instead watched(fails_system_call, [](long, long) { return true; });
     const int seconds = monotonic_time();
     EXPECT_EQ(seconds, 0);
 }
 
-// add_lease
+// --- add_lease ---
 
-TEST(AddLease, FillsTheThreeTextsAndNothingElse) {
+TEST(add_lease, FillsThreeFieldsAndChangesNoOther) {
     lease_entry entry;
     std::memset(&entry, '#', sizeof entry);
     const lease_entry untouched = entry;
     const std::string bytes = record("\x00\x1A\xbC\xFF\x0f\x09"s, "\xC0\xA8\x01\x0A"s, 3600);
-    // Nothing is asked of where the bytes lie.
+    // The record need not be aligned.
     const std::string shifted = "?" + bytes;
     add_lease(&entry, reinterpret_cast<const unsigned char *>(shifted.data()) + 1);
     EXPECT_STREQ(entry.mac, "00:1A:BC:FF:0F:09");
@@ -290,7 +288,7 @@ TEST(AddLease, FillsTheThreeTextsAndNothingElse) {
     EXPECT_EQ(std::memcmp(&entry.next, &untouched.next, sizeof(void *)), 0);
 }
 
-TEST(AddLease, PrintsEveryNumberInFull) {
+TEST(add_lease, PrintsTheSmallestAndLargestNumbers) {
     lease_entry entry{};
     const auto fill = [&entry](const std::string &bytes) {
         add_lease(&entry, reinterpret_cast<const unsigned char *>(bytes.data()));
@@ -299,7 +297,7 @@ TEST(AddLease, PrintsEveryNumberInFull) {
     EXPECT_STREQ(entry.mac, "FF:FF:FF:FF:FF:FF");
     EXPECT_STREQ(entry.ip, "255.255.255.255");
     EXPECT_STREQ(entry.expires, "4294967295");
-    fill(std::string(24, '\0'));
+    fill(std::string(CORVEL_LEASE_RECORD_SIZE, '\0'));
     EXPECT_STREQ(entry.mac, "00:00:00:00:00:00");
     EXPECT_STREQ(entry.ip, "0.0.0.0");
     EXPECT_STREQ(entry.expires, "0");
@@ -307,10 +305,11 @@ TEST(AddLease, PrintsEveryNumberInFull) {
     EXPECT_STREQ(entry.expires, "2147483649");
 }
 
-TEST(AddLease, ReadsTheGoldenRecordsAlike) {
+TEST(add_lease, ReadsTheGoldenRecords) {
     const std::string bytes = golden("leases.bin");
     std::vector<Lease> leases;
-    for (std::size_t at = 0; at + 24 <= bytes.size(); at += 24) {
+    for (std::size_t at = 0; at + CORVEL_LEASE_RECORD_SIZE <= bytes.size();
+         at += CORVEL_LEASE_RECORD_SIZE) {
         lease_entry entry{};
         add_lease(&entry, reinterpret_cast<const unsigned char *>(bytes.data()) + at);
         leases.push_back({entry.ip, entry.mac, entry.expires, entry.hostname});
@@ -318,10 +317,10 @@ TEST(AddLease, ReadsTheGoldenRecordsAlike) {
     EXPECT_EQ(leases, golden_leases("leases-every-slot.txt"));
 }
 
-// get_udhpd_leases
+// --- get_udhpd_leases ---
 
-TEST(GetUdhpdLeases, ListsTheRecordsInTheOrderOfTheFile) {
-    const StoppedClock clock(now);
+TEST(get_udhpd_leases, ListsTheRecordsInTheOrderOfTheFile) {
+    const FixedTime fixed_now(now);
     const std::string content =
         record("\x00\x11\x22\xaa\xbb\xcc"s, "\xC0\xA8\x01\x0A"s, 3600) +
         record("\xFF\x00\x00\x00\x00\x00"s, "\x0A\x00\x00\x01"s, 0) +
@@ -332,10 +331,10 @@ TEST(GetUdhpdLeases, ListsTheRecordsInTheOrderOfTheFile) {
                                   {"192.168.1.10", "00:11:22:AA:BB:CC", "4294967295", ""}}));
 }
 
-TEST(GetUdhpdLeases, IgnoresARecordThatIsCutOff) {
+TEST(get_udhpd_leases, IgnoresAnIncompleteLastRecord) {
     EXPECT_EQ(read_leases(get_udhpd_leases, numbered_records(2) + "??", 2), numbered_leases(2));
     for (unsigned records = 0; records < 3; ++records)
-        for (std::size_t rest = 0; rest < 24; ++rest)
+        for (std::size_t rest = 0; rest < CORVEL_LEASE_RECORD_SIZE; ++rest)
             EXPECT_EQ(read_leases(get_udhpd_leases,
                                   numbered_records(records) + numbered_record(9).substr(0, rest),
                                   static_cast<int>(records)),
@@ -343,7 +342,7 @@ TEST(GetUdhpdLeases, IgnoresARecordThatIsCutOff) {
                 << rest;
 }
 
-TEST(GetUdhpdLeases, ReadsFilesOfEveryLengthAroundItsBlocks) {
+TEST(get_udhpd_leases, ReadsFilesOfLengthsAroundMultiplesOfItsBlockSize) {
     for (const unsigned records : {169U, 170U, 171U, 339U, 340U, 341U, 5000U})
         for (const std::size_t rest : {0U, 1U, 16U, 23U})
             EXPECT_EQ(read_leases(get_udhpd_leases,
@@ -353,8 +352,8 @@ TEST(GetUdhpdLeases, ReadsFilesOfEveryLengthAroundItsBlocks) {
                 << records << " and " << rest;
 }
 
-TEST(GetUdhpdLeases, PassesOverEmptySlots) {
-    const std::string empty(24, '\0');
+TEST(get_udhpd_leases, SkipsEmptySlots) {
+    const std::string empty(CORVEL_LEASE_RECORD_SIZE, '\0');
     const std::string zero_address = record(std::string(7, '\0'), "\x0A\x00\x00\x01"s, 60);
     EXPECT_EQ(read_leases(get_udhpd_leases, empty), std::vector<Lease>{});
     EXPECT_EQ(
@@ -362,7 +361,7 @@ TEST(GetUdhpdLeases, PassesOverEmptySlots) {
                     empty + numbered_record(1) + zero_address + empty + numbered_record(2) + empty,
                     2),
         numbered_leases(2));
-    // An empty slot at the seam of two blocks and a block of nothing else.
+    // Two blocks of only empty slots.
     std::string slots;
     for (int i = 0; i < 170; ++i)
         slots += empty;
@@ -370,9 +369,9 @@ TEST(GetUdhpdLeases, PassesOverEmptySlots) {
               numbered_leases(1));
 }
 
-TEST(GetUdhpdLeases, TakesARecordWithoutAHardwareAddressForAnEmptySlot) {
-    for (std::size_t place = 0; place < 24; ++place) {
-        std::string bytes(24, '\0');
+TEST(get_udhpd_leases, TreatsARecordWithoutAHardwareAddressAsAnEmptySlot) {
+    for (std::size_t place = 0; place < CORVEL_LEASE_RECORD_SIZE; ++place) {
+        std::string bytes(CORVEL_LEASE_RECORD_SIZE, '\0');
         bytes[place] = 1;
         const std::vector<Lease> leases = read_leases(get_udhpd_leases, bytes, place < 6 ? 1 : 0);
         ASSERT_EQ(leases.size(), place < 6 ? 1U : 0U) << place;
@@ -382,21 +381,21 @@ TEST(GetUdhpdLeases, TakesARecordWithoutAHardwareAddressForAnEmptySlot) {
     }
 }
 
-TEST(GetUdhpdLeases, ReadsTheGoldenFileAlike) {
-    const StoppedClock clock(now);
+TEST(get_udhpd_leases, ReadsTheGoldenFile) {
+    const FixedTime fixed_now(now);
     const std::vector<Lease> expected = golden_leases("leases.txt");
     EXPECT_EQ(
         read_leases(get_udhpd_leases, golden("leases.bin"), static_cast<int>(expected.size())),
         expected);
 }
 
-TEST(GetUdhpdLeases, ReadsAnEmptyFile) {
+TEST(get_udhpd_leases, ReadsAnEmptyFile) {
     EXPECT_EQ(read_leases(get_udhpd_leases, ""), std::vector<Lease>{});
 }
 
-TEST(GetUdhpdLeases, WaitsForRecordsThatComeInPieces) {
-    const TemporaryDirectory folder;
-    const std::string path = folder.path("fifo");
+TEST(get_udhpd_leases, ReadsRecordsThatArriveInPieces) {
+    const TemporaryDirectory directory;
+    const std::string path = directory.path("fifo");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     const pid_t writer = fork();
     if (writer == 0) {
@@ -413,11 +412,11 @@ TEST(GetUdhpdLeases, WaitsForRecordsThatComeInPieces) {
     EXPECT_EQ(wait_for_child(writer).exit_status, 0);
 }
 
-TEST(GetUdhpdLeases, KeepsWhatItListedWhereMemoryRunsOut) {
-    const TemporaryDirectory folder;
-    folder.write("leases", numbered_record(1) + std::string(24, '\0') + numbered_record(2) +
-                               numbered_record(3));
-    const std::string path = folder.path("leases");
+TEST(get_udhpd_leases, KeepsWhatItListedBeforeMemoryRanOut) {
+    const TemporaryDirectory directory;
+    directory.write("leases", numbered_record(1) + std::string(CORVEL_LEASE_RECORD_SIZE, '\0') +
+                                  numbered_record(2) + numbered_record(3));
+    const std::string path = directory.path("leases");
     const std::size_t open_before = open_descriptors().size();
     EXPECT_GE(for_each_allocation_failure([&](AllocationTrial &trial) {
                   lease_entry *head = nullptr;
@@ -438,80 +437,83 @@ TEST(GetUdhpdLeases, KeepsWhatItListedWhereMemoryRunsOut) {
     EXPECT_EQ(open_descriptors().size(), open_before);
 }
 
-// What the three readers share
+// --- All three readers ---
 
-TEST(LeaseReaders, TellWhyAFileCannotBeOpened) {
-    for (const Reader reader : readers) {
-        lease_entry *head = nullptr;
-        EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(reader(&head, "/not/there"), 0); }),
-                  "could not open input file: "s + std::strerror(ENOENT) + "\n");
-        EXPECT_EQ(
-            capture_stdout([&] { capture_stderr([&] { reader(&head, "/not/there"); }).clear(); }),
-            "");
-        const FailCall failing(call_open, 1, EMFILE);
-        EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(reader(&head, "/dev/null"), 0); }),
-                  "could not open input file: "s + std::strerror(EMFILE) + "\n");
-        EXPECT_EQ(head, nullptr);
-    }
+struct LeaseReader {
+    const char *function;
+    Reader read;
+};
+
+std::string function_of(const testing::TestParamInfo<LeaseReader> &info) {
+    return info.param.function;
 }
 
-TEST(LeaseReaders, ListNothingOfAFolder) {
-    const TemporaryDirectory folder;
-    const std::size_t open_before = open_descriptors().size();
-    for (const Reader reader : readers) {
+class LeaseFile : public testing::TestWithParam<LeaseReader> {
+  protected:
+    /** Expects that nothing is listed and that this error is reported. */
+    static void expect_error(const std::string &path, int error) {
         lease_entry *head = nullptr;
-        EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(reader(&head, folder.path().c_str()), 0); }),
-                  "could not open input file: "s + std::strerror(EISDIR) + "\n");
+        EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(GetParam().read(&head, path.c_str()), 0); }),
+                  "could not open input file: "s + std::strerror(error) + "\n");
         EXPECT_EQ(head, nullptr);
     }
-    EXPECT_EQ(open_descriptors().size(), open_before);
+};
+
+INSTANTIATE_TEST_SUITE_P(get_udhpd_leases, LeaseFile,
+                         testing::Values(LeaseReader{"get_udhpd_leases", get_udhpd_leases}),
+                         function_of);
+INSTANTIATE_TEST_SUITE_P(get_dnsmasq_leases, LeaseFile,
+                         testing::Values(LeaseReader{"get_dnsmasq_leases", get_dnsmasq_leases}),
+                         function_of);
+INSTANTIATE_TEST_SUITE_P(get_dhcpv6_leases, LeaseFile,
+                         testing::Values(LeaseReader{"get_dhcpv6_leases", get_dhcpv6_leases}),
+                         function_of);
+
+TEST_P(LeaseFile, IsReportedIfItCannotBeOpened) {
+    expect_error("/not/there", ENOENT);
+    EXPECT_EQ(capture_stdout([] { expect_error("/not/there", ENOENT); }), "");
+    const FailCall failing(call_open, 1, EMFILE);
+    expect_error("/dev/null", EMFILE);
 }
 
-TEST(LeaseReaders, EndWhereReadingFails) {
-    const TemporaryDirectory folder;
-    folder.write("binary", numbered_records(200));
-    const StoppedClock clock(now);
-    const TextFile text = text_file_of(numbered_line, 300);
-    ASSERT_GT(text.content.size(), 9000U);
-    folder.write("text", text.content);
+TEST_P(LeaseFile, IsReportedIfItIsADirectory) {
+    const TemporaryDirectory directory;
+    const DescriptorWatch watch;
+    expect_error(directory.path(), EISDIR);
+}
+
+TEST(get_udhpd_leases, KeepsWhatItListedBeforeReadingFailed) {
+    const TemporaryDirectory directory;
+    directory.write("leases", numbered_records(200));
     for (unsigned n = 1; n <= 3; ++n) {
         lease_entry *head = nullptr;
         {
             const FailCall failing(call_read, n);
-            const int count = get_udhpd_leases(&head, folder.path("binary").c_str());
+            const int count = get_udhpd_leases(&head, directory.path("leases").c_str());
             EXPECT_EQ(count, n == 1 ? 0 : n == 2 ? 170 : 200);
         }
         taken(head);
-        {
-            const FailCall failing(call_read, n, EIO, FailCall::from_then_on);
-            EXPECT_EQ(get_dnsmasq_leases(&head, folder.path("text").c_str()), 0);
-        }
-        // A line that the error cuts off is none.
-        const std::vector<Lease> leases = taken(head);
-        ASSERT_LT(leases.size(), text.leases.size());
-        EXPECT_EQ(leases.empty(), n == 1);
-        EXPECT_TRUE(std::equal(leases.begin(), leases.end(), text.leases.begin()));
     }
 }
 
-// get_dnsmasq_leases
+// --- get_dnsmasq_leases ---
 
-/** How the one line is listed. */
+/** The lease of a single line. */
 Lease read_line(const std::string &line) {
-    const StoppedClock clock(now);
+    const FixedTime fixed_now(now);
     const std::vector<Lease> leases = read_leases(get_dnsmasq_leases, line + "\n");
     EXPECT_EQ(leases.size(), 1U);
     return leases.empty() ? Lease{} : leases[0];
 }
 
-TEST(GetDnsmasqLeases, ListsALeaseAsItIsWritten) {
+TEST(get_dnsmasq_leases, ListsTheWordsOfALineUnchanged) {
     EXPECT_EQ(read_line("1700000000 aa:bb:cc:dd:ee:ff 192.168.1.10 laptop 01:aa:bb:cc:dd:ee:ff"),
               (Lease{"192.168.1.10", "aa:bb:cc:dd:ee:ff", "1000", "laptop"}));
     EXPECT_EQ(read_line("1700000000 06-AA:bb:CC:dd:EE:ff 192.168.1.10 * *"),
               (Lease{"192.168.1.10", "06-AA:bb:CC:dd:EE:ff", "1000", "*"}));
 }
 
-TEST(GetDnsmasqLeases, TakesTheTimeThatIsLeftFromTheClockOnTheWall) {
+TEST(get_dnsmasq_leases, ComputesTheTimeLeftFromTheSystemTime) {
     const std::time_t before = std::time(nullptr);
     const std::vector<Lease> leases =
         read_leases(get_dnsmasq_leases, std::to_string(before + 3600) + " m 1.2.3.4 h *\n");
@@ -522,14 +524,14 @@ TEST(GetDnsmasqLeases, TakesTheTimeThatIsLeftFromTheClockOnTheWall) {
     EXPECT_GE(left, before + 3600 - after);
 }
 
-TEST(GetDnsmasqLeases, ListsTheLinesInTheOrderOfTheFile) {
-    const StoppedClock clock(now);
+TEST(get_dnsmasq_leases, ListsTheLinesInTheOrderOfTheFile) {
+    const FixedTime fixed_now(now);
     const TextFile file = text_file_of(numbered_line, 2000);
     EXPECT_EQ(read_leases(get_dnsmasq_leases, file.content), file.leases);
 }
 
-TEST(GetDnsmasqLeases, LeavesALastLineOutThatHasNoLineEnd) {
-    const StoppedClock clock(now);
+TEST(get_dnsmasq_leases, IgnoresALastLineWithoutANewline) {
+    const FixedTime fixed_now(now);
     EXPECT_EQ(read_leases(get_dnsmasq_leases,
                           numbered_line(1) + numbered_line(2) + "1700000000 m 1.2.3.4 h *"),
               (std::vector<Lease>{numbered_text_lease(1), numbered_text_lease(2)}));
@@ -539,17 +541,17 @@ TEST(GetDnsmasqLeases, LeavesALastLineOutThatHasNoLineEnd) {
     EXPECT_EQ(read_leases(get_dnsmasq_leases, ""), std::vector<Lease>{});
 }
 
-TEST(GetDnsmasqLeases, ListsMissingWordsAsEmpty) {
-    const std::string ended = std::to_string(-now);
-    EXPECT_EQ(read_line(""), (Lease{"", "", ended, ""}));
-    EXPECT_EQ(read_line("  \t "), (Lease{"", "", ended, ""}));
+TEST(get_dnsmasq_leases, ListsMissingWordsAsEmptyStrings) {
+    const std::string expired = std::to_string(-now);
+    EXPECT_EQ(read_line(""), (Lease{"", "", expired, ""}));
+    EXPECT_EQ(read_line("  \t "), (Lease{"", "", expired, ""}));
     EXPECT_EQ(read_line("1700000000"), (Lease{"", "", "1000", ""}));
     EXPECT_EQ(read_line("1700000000 m"), (Lease{"", "m", "1000", ""}));
     EXPECT_EQ(read_line("1700000000 m 1.2.3.4"), (Lease{"1.2.3.4", "m", "1000", ""}));
     EXPECT_EQ(read_line("1700000000 m 1.2.3.4 h"), (Lease{"1.2.3.4", "m", "1000", "h"}));
 }
 
-TEST(GetDnsmasqLeases, TakesWordsApartAtAnyBlanksAndIgnoresThoseBehindTheFifth) {
+TEST(get_dnsmasq_leases, SeparatesWordsAtAnyWhitespaceAndIgnoresThoseAfterTheFifth) {
     EXPECT_EQ(read_line(" \t1700000000\v\f m\r1.2.3.4 \t h  * sixth seventh eighth ninth"),
               (Lease{"1.2.3.4", "m", "1000", "h"}));
     EXPECT_EQ(read_line("1700000000 m 1.2.3.4 h\0 *"s), (Lease{"1.2.3.4", "m", "1000", "h"}));
@@ -559,7 +561,7 @@ TEST(GetDnsmasqLeases, TakesWordsApartAtAnyBlanksAndIgnoresThoseBehindTheFifth) 
               (Lease{"1.2.3.4", "m\xC3\xA4", "1000", "h\xFF"}));
 }
 
-TEST(GetDnsmasqLeases, ReadsAnExpiryAsANumberHoweverItLooks) {
+TEST(get_dnsmasq_leases, ConvertsAnyExpiryToANumber) {
     const auto left = [](const std::string &expiry) {
         return read_line(expiry + " m 1.2.3.4 h *").expires;
     };
@@ -571,15 +573,15 @@ TEST(GetDnsmasqLeases, ReadsAnExpiryAsANumberHoweverItLooks) {
     EXPECT_EQ(left("0001700000000"), "1000");
     EXPECT_EQ(left(std::to_string(now)), "0");
     EXPECT_EQ(left(std::to_string(now - 1)), "-1");
-    // Past the year 2038, and past 2106.
+    // After the years 2038 and 2106, and far in the future.
     EXPECT_EQ(left("2147483648"), std::to_string(2147483648 - now));
     EXPECT_EQ(left("4294967296"), std::to_string(4294967296 - now));
     EXPECT_EQ(left("100000000000000"), std::to_string(100000000000000 - now));
 }
 
-TEST(GetDnsmasqLeases, GoesOnTellingTheTimeThatIsLeftPast2038) {
+TEST(get_dnsmasq_leases, ComputesTheTimeLeftAfter2038) {
     const auto left_at = [](std::int64_t time, const std::string &expiry) {
-        const StoppedClock clock(static_cast<std::time_t>(time));
+        const FixedTime fixed(static_cast<std::time_t>(time));
         return read_leases(get_dnsmasq_leases, expiry + " m 1.2.3.4 h *\n").at(0).expires;
     };
     EXPECT_EQ(left_at(INT32_MAX, "2147483747"), "100");
@@ -591,7 +593,7 @@ TEST(GetDnsmasqLeases, GoesOnTellingTheTimeThatIsLeftPast2038) {
     }
 }
 
-TEST(GetDnsmasqLeases, KeepsFifteenCharactersOfTheTimeThatIsLeft) {
+TEST(get_dnsmasq_leases, KeepsFifteenCharactersOfTheTimeLeft) {
     const auto left = [](const std::string &expiry) {
         return read_line(expiry + " m 1.2.3.4 h *").expires;
     };
@@ -600,7 +602,7 @@ TEST(GetDnsmasqLeases, KeepsFifteenCharactersOfTheTimeThatIsLeft) {
     for (const std::int64_t expiry : expiries)
         EXPECT_EQ(left(std::to_string(expiry)), std::to_string(expiry - now).substr(0, 15))
             << expiry;
-    // What no number can hold is far away all the same.
+    // A number that does not fit is still far in the future or in the past.
     for (const std::size_t digits : {19U, 20U, 30U, 31U, 32U, 500U}) {
         EXPECT_EQ(left(std::string(digits, '9')).find_first_not_of("0123456789"),
                   std::string::npos);
@@ -610,7 +612,7 @@ TEST(GetDnsmasqLeases, KeepsFifteenCharactersOfTheTimeThatIsLeft) {
     }
 }
 
-TEST(GetDnsmasqLeases, CutsLongWordsWithoutShiftingThoseBehind) {
+TEST(get_dnsmasq_leases, TruncatesLongWordsWithoutShiftingThoseAfterThem) {
     for (const std::size_t length : {30U, 31U, 32U, 33U, 127U, 128U, 200U}) {
         const std::string word(length, 'w');
         const std::string kept = word.substr(0, 31);
@@ -625,13 +627,13 @@ TEST(GetDnsmasqLeases, CutsLongWordsWithoutShiftingThoseBehind) {
         EXPECT_EQ(read_line(word + " " + word + " " + word + " " + word + " " + word),
                   (Lease{kept, kept, std::to_string(-now), word.substr(0, 127)}));
     }
-    // An expiry is a word like others: behind its 31st character nothing counts.
+    // The expiry is truncated at 31 characters as well.
     EXPECT_EQ(read_line(std::string(21, '0') + "1700000000 m 1.2.3.4 h *").expires, "1000");
     EXPECT_EQ(read_line(std::string(22, '0') + "1700000000 m 1.2.3.4 h *").expires,
               std::to_string(170000000 - now));
 }
 
-TEST(GetDnsmasqLeases, ListsAddressesAndClientIdentifiersOfAnyKind) {
+TEST(get_dnsmasq_leases, ListsAddressesAndClientIdentifiersOfAnyKind) {
     EXPECT_EQ(read_line("1700000000 29097530 fd00::1234:5678 host "
                         "00:01:00:01:2a:3b:4c:5d:6e:7f:80:91:a2:b3:c4:d5:e6:f7:08:19:2a:3b"),
               (Lease{"fd00::1234:5678", "29097530", "1000", "host"}));
@@ -639,9 +641,9 @@ TEST(GetDnsmasqLeases, ListsAddressesAndClientIdentifiersOfAnyKind) {
               (Lease{"", "00:01:00:01:2a:3b:4c:5d:6e:7f:8", std::to_string(-now), ""}));
 }
 
-TEST(GetDnsmasqLeases, TakesLongLinesInPiecesOf1023Characters) {
-    const StoppedClock clock(now);
-    const std::string ended = std::to_string(-now);
+TEST(get_dnsmasq_leases, ReadsLongLinesInPiecesOf1023Characters) {
+    const FixedTime fixed_now(now);
+    const std::string expired = std::to_string(-now);
     const std::string start = "1700000000 m 1.2.3.4 h ";
     const Lease whole = {"1.2.3.4", "m", "1000", "h"};
     const auto line = [&](std::size_t length) {
@@ -652,31 +654,51 @@ TEST(GetDnsmasqLeases, TakesLongLinesInPiecesOf1023Characters) {
     };
     EXPECT_EQ(listed(line(1021) + "\n"), std::vector<Lease>{whole});
     EXPECT_EQ(listed(line(1022) + "\n"), std::vector<Lease>{whole});
-    // What does not fit, be it the line end alone, is a line of its own.
-    EXPECT_EQ(listed(line(1023) + "\n"), (std::vector<Lease>{whole, {"", "", ended, ""}}));
-    EXPECT_EQ(listed(line(1024) + "\n"), (std::vector<Lease>{whole, {"", "", ended, ""}}));
+    // The rest, even if it is only the newline, is a line of its own.
+    EXPECT_EQ(listed(line(1023) + "\n"), (std::vector<Lease>{whole, {"", "", expired, ""}}));
+    EXPECT_EQ(listed(line(1024) + "\n"), (std::vector<Lease>{whole, {"", "", expired, ""}}));
     EXPECT_EQ(listed(line(1023) + " n 5.6.7.8 i\n"),
-              (std::vector<Lease>{whole, {"i", "5.6.7.8", ended, ""}}));
+              (std::vector<Lease>{whole, {"i", "5.6.7.8", expired, ""}}));
     EXPECT_EQ(listed(line(1023) + start + "\n" + start + "\n"),
               (std::vector<Lease>{whole, whole, whole}));
     EXPECT_EQ(listed(line(2046) + "\n").size(), 3U);
-    // The end of the file behind a whole piece is not seen when the piece is read.
+    // A whole piece at the end of the file needs no newline.
     EXPECT_EQ(listed(line(1022)), std::vector<Lease>{});
     EXPECT_EQ(listed(line(1023)), std::vector<Lease>{whole});
     EXPECT_EQ(listed(line(1024)), std::vector<Lease>{whole});
 }
 
-TEST(GetDnsmasqLeases, EndsOnFilesThatAreNoLeaseFiles) {
+TEST(get_dnsmasq_leases, ReachesTheEndOfAnyFile) {
     EXPECT_EQ(read_leases(get_dnsmasq_leases, std::string(100000, '\0')).size(), 97U);
     EXPECT_EQ(read_leases(get_dnsmasq_leases, std::string(100000, 'x')).size(), 97U);
     EXPECT_EQ(read_leases(get_dnsmasq_leases, std::string(1000, '\n')).size(), 1000U);
 }
 
-TEST(GetDnsmasqLeases, KeepsWhatItListedWhereMemoryRunsOut) {
-    const StoppedClock clock(now);
-    const TemporaryDirectory folder;
-    folder.write("leases", numbered_line(1) + numbered_line(2) + numbered_line(3));
-    const std::string path = folder.path("leases");
+TEST(get_dnsmasq_leases, KeepsWhatItListedBeforeReadingFailed) {
+    const TemporaryDirectory directory;
+    const FixedTime fixed_now(now);
+    const TextFile file = text_file_of(numbered_line, 300);
+    ASSERT_GT(file.content.size(), 9000U);
+    directory.write("leases", file.content);
+    for (unsigned n = 1; n <= 3; ++n) {
+        lease_entry *head = nullptr;
+        {
+            const FailCall failing(call_read, n, EIO, FailCall::from_then_on);
+            EXPECT_EQ(get_dnsmasq_leases(&head, directory.path("leases").c_str()), 0);
+        }
+        // An incomplete line before the error is not listed.
+        const std::vector<Lease> leases = taken(head);
+        ASSERT_LT(leases.size(), file.leases.size());
+        EXPECT_EQ(leases.empty(), n == 1);
+        EXPECT_TRUE(std::equal(leases.begin(), leases.end(), file.leases.begin()));
+    }
+}
+
+TEST(get_dnsmasq_leases, KeepsWhatItListedBeforeMemoryRanOut) {
+    const FixedTime fixed_now(now);
+    const TemporaryDirectory directory;
+    directory.write("leases", numbered_line(1) + numbered_line(2) + numbered_line(3));
+    const std::string path = directory.path("leases");
     EXPECT_GE(for_each_allocation_failure([&](AllocationTrial &trial) {
                   lease_entry *head = nullptr;
                   EXPECT_EQ(trial.run([&] { return get_dnsmasq_leases(&head, path.c_str()); }), 0);
@@ -688,33 +710,33 @@ TEST(GetDnsmasqLeases, KeepsWhatItListedWhereMemoryRunsOut) {
               3U);
 }
 
-// get_dhcpv6_leases
+// --- get_dhcpv6_leases ---
 
 Lease read_ipv6_line(const std::string &line) {
-    const StoppedClock clock(now);
+    const FixedTime fixed_now(now);
     const std::vector<Lease> leases = read_leases(get_dhcpv6_leases, line + "\n");
     EXPECT_EQ(leases.size(), 1U);
     return leases.empty() ? Lease{} : leases[0];
 }
 
-TEST(GetDhcpv6Leases, TakesTheSecondFourthFifthAndEighthWord) {
+TEST(get_dhcpv6_leases, ListsTheSecondFourthFifthAndEighthWord) {
     EXPECT_EQ(read_ipv6_line("# 0001000a1b2c 99 laptop 1700000000 7 128 fd00::10 more"),
               (Lease{"fd00::10", "0001000a1b2c", "1000", "laptop"}));
     EXPECT_EQ(read_ipv6_line("one two three four 1700000000 six seven eight"),
               (Lease{"eight", "two", "1000", "four"}));
 }
 
-TEST(GetDhcpv6Leases, ListsMissingWordsAsEmpty) {
-    const std::string ended = std::to_string(-now);
-    EXPECT_EQ(read_ipv6_line(""), (Lease{"", "", ended, ""}));
-    EXPECT_EQ(read_ipv6_line("one"), (Lease{"", "", ended, ""}));
-    EXPECT_EQ(read_ipv6_line("one two three"), (Lease{"", "two", ended, ""}));
-    EXPECT_EQ(read_ipv6_line("one two three four"), (Lease{"", "two", ended, "four"}));
+TEST(get_dhcpv6_leases, ListsMissingWordsAsEmptyStrings) {
+    const std::string expired = std::to_string(-now);
+    EXPECT_EQ(read_ipv6_line(""), (Lease{"", "", expired, ""}));
+    EXPECT_EQ(read_ipv6_line("one"), (Lease{"", "", expired, ""}));
+    EXPECT_EQ(read_ipv6_line("one two three"), (Lease{"", "two", expired, ""}));
+    EXPECT_EQ(read_ipv6_line("one two three four"), (Lease{"", "two", expired, "four"}));
     EXPECT_EQ(read_ipv6_line("one two three four 1700000000 six seven"),
               (Lease{"", "two", "1000", "four"}));
 }
 
-TEST(GetDhcpv6Leases, CutsLongWordsWithoutShiftingThoseBehind) {
+TEST(get_dhcpv6_leases, TruncatesLongWordsWithoutShiftingThoseAfterThem) {
     const std::string word(400, 'w');
     EXPECT_EQ(read_ipv6_line(word + " two " + word + " four 1700000000 six seven eight"),
               (Lease{"eight", "two", "1000", "four"}));
@@ -724,20 +746,20 @@ TEST(GetDhcpv6Leases, CutsLongWordsWithoutShiftingThoseBehind) {
               (Lease{middle.substr(0, 31), middle.substr(0, 31), "1000", middle.substr(0, 127)}));
 }
 
-TEST(GetDhcpv6Leases, LeavesALastLineOutThatHasNoLineEnd) {
-    const StoppedClock clock(now);
+TEST(get_dhcpv6_leases, IgnoresALastLineWithoutANewline) {
+    const FixedTime fixed_now(now);
     const std::string line = "one two three four 1700000000 six seven eight";
     EXPECT_EQ(read_leases(get_dhcpv6_leases, line + "\n" + line),
               (std::vector<Lease>{{"eight", "two", "1000", "four"}}));
 }
 
-TEST(GetDhcpv6Leases, ListsTheLinesInTheOrderOfTheFile) {
-    const StoppedClock clock(now);
+TEST(get_dhcpv6_leases, ListsTheLinesInTheOrderOfTheFile) {
+    const FixedTime fixed_now(now);
     const TextFile file = text_file_of(numbered_ipv6_line, 2000);
     EXPECT_EQ(read_leases(get_dhcpv6_leases, file.content), file.leases);
 }
 
-TEST(GetDhcpv6Leases, CutsEachWordAtItsOwnLength) {
+TEST(get_dhcpv6_leases, TruncatesEachWordAtItsOwnLength) {
     for (const std::size_t length : {30U, 31U, 32U, 126U, 127U, 128U}) {
         const std::string word(length, 'w');
         const std::string kept = word.substr(0, 31);
@@ -755,7 +777,7 @@ TEST(GetDhcpv6Leases, CutsEachWordAtItsOwnLength) {
         std::to_string(170000000 - now));
 }
 
-TEST(GetDhcpv6Leases, ReadsAnExpiryAsANumberHoweverItLooks) {
+TEST(get_dhcpv6_leases, ConvertsAnyExpiryToANumber) {
     const auto left = [](const std::string &expiry) {
         return read_ipv6_line("# m 7 h " + expiry + " 0 128 fd00::10").expires;
     };
@@ -767,8 +789,8 @@ TEST(GetDhcpv6Leases, ReadsAnExpiryAsANumberHoweverItLooks) {
     EXPECT_EQ(left("12345678901234567"), std::to_string(12345678901234567 - now).substr(0, 15));
 }
 
-TEST(GetDhcpv6Leases, TakesLongLinesInPiecesOf1023Characters) {
-    const StoppedClock clock(now);
+TEST(get_dhcpv6_leases, ReadsLongLinesInPiecesOf1023Characters) {
+    const FixedTime fixed_now(now);
     const std::string start = "# m 7 h 1700000000 0 128 fd00::10 ";
     const Lease whole = {"fd00::10", "m", "1000", "h"};
     const Lease empty = {"", "", std::to_string(-now), ""};
@@ -785,12 +807,12 @@ TEST(GetDhcpv6Leases, TakesLongLinesInPiecesOf1023Characters) {
     EXPECT_EQ(listed(line(1023)), std::vector<Lease>{whole});
 }
 
-TEST(GetDhcpv6Leases, KeepsWhatItListedWhereMemoryRunsOut) {
-    const StoppedClock clock(now);
+TEST(get_dhcpv6_leases, KeepsWhatItListedBeforeMemoryRanOut) {
+    const FixedTime fixed_now(now);
     const TextFile file = text_file_of(numbered_ipv6_line, 3);
-    const TemporaryDirectory folder;
-    folder.write("leases", file.content);
-    const std::string path = folder.path("leases");
+    const TemporaryDirectory directory;
+    directory.write("leases", file.content);
+    const std::string path = directory.path("leases");
     EXPECT_EQ(for_each_allocation_failure([&](AllocationTrial &trial) {
                   lease_entry *head = nullptr;
                   EXPECT_EQ(trial.run([&] { return get_dhcpv6_leases(&head, path.c_str()); }), 0);
@@ -801,58 +823,7 @@ TEST(GetDhcpv6Leases, KeepsWhatItListedWhereMemoryRunsOut) {
               3U);
 }
 
-// free_leaselist
-
-TEST(FreeLeaselist, DoesNothingForAnEmptyList) {
-    lease_entry *head = nullptr;
-    free_leaselist(&head);
-    EXPECT_EQ(head, nullptr);
-}
-
-TEST(FreeLeaselist, FreesEveryRecord) {
-    const TemporaryDirectory folder;
-    folder.write("leases", numbered_records(100));
-    lease_entry *head = nullptr;
-    stand_in_start_tracking();
-    get_udhpd_leases(&head, folder.path("leases").c_str());
-    stand_in_pause_tracking();
-    EXPECT_EQ(stand_in_live_blocks(), 100U);
-    free_leaselist(&head);
-    EXPECT_EQ(stand_in_live_blocks(), 0U);
-    stand_in_stop_tracking();
-    EXPECT_EQ(head, nullptr);
-}
-
-/** The bytes of a list's one record that the heap still holds when it was released, but for its
- * first and last 64, which belong to the heap again. The kernel reads them: to the program they are
- * gone. */
-std::string bytes_left_by(void (*release)(lease_entry **)) {
-    constexpr std::size_t margin = 64;
-    // Records in use on both sides keep the heap from joining the free one to other free memory,
-    // and from giving it back to the system.
-    std::vector<lease_entry *> records(32);
-    for (lease_entry *&record : records)
-        record = static_cast<lease_entry *>(get_buffer(sizeof *record));
-    lease_entry *head = std::exchange(records[records.size() / 2], nullptr);
-    std::memset(head, 's', sizeof *head);
-    head->next = nullptr;
-    const iovec there{reinterpret_cast<char *>(head) + margin, sizeof *head - 2 * margin};
-    const StreamFile file;
-    release(&head);
-    EXPECT_EQ(syscall(SYS_writev, file.descriptor(), &there, 1), static_cast<long>(there.iov_len));
-    for (lease_entry *const record : records)
-        std::free(record);
-    return file.text();
-}
-
-TEST(FreeLeaselist, LeavesNothingOfARecordInTheHeap) {
-    const std::size_t size = sizeof(lease_entry) - 128;
-    ASSERT_EQ(bytes_left_by([](lease_entry **head) { std::free(*head); }), std::string(size, 's'))
-        << "this heap clears blocks by itself, so that nothing can be seen here";
-    EXPECT_EQ(bytes_left_by(free_leaselist), std::string(size, '\0'));
-}
-
-// get_leases
+// --- get_leases ---
 
 constexpr const char *pid_file = "/var/run/udhcpd.pid";
 constexpr const char *binary_file = "/var/config/udhcpd.leases";
@@ -863,18 +834,18 @@ void write_both_lease_files() {
     write_file(text_file, numbered_line(3));
 }
 
-/** For where no signal is to be sent, to whomever. */
-int unwanted_signal(pid_t process, int signal) {
-    ADD_FAILURE() << "signal " << signal << " for " << process;
+/** Fails the test; replaces kill() if no signal must be sent. */
+int unexpected_signal(pid_t process, int signal) {
+    ADD_FAILURE() << "signal " << signal << " to " << process;
     return 0;
 }
 
-TEST(GetLeases, ReadsNothingWhereNoServerRuns) {
+TEST(get_leases, ReadsNothingIfNoServerRuns) {
     in_private_root([] {
         write_both_lease_files();
         const NamedProcess other("dnsmasq2");
         const NamedProcess binary_server("udhcpd");
-        const Instead in_place_of_kill(instead_of_kill, unwanted_signal);
+        const Instead replaced_kill(instead_of_kill, unexpected_signal);
         lease_entry *head = nullptr;
         EXPECT_EQ(capture_stderr([&] { EXPECT_EQ(get_leases(&head), 0); }), "");
         EXPECT_EQ(head, nullptr);
@@ -886,12 +857,12 @@ TEST(GetLeases, ReadsNothingWhereNoServerRuns) {
     });
 }
 
-TEST(GetLeases, ReadsTheTextFileWhereThatServerRuns) {
+TEST(get_leases, ReadsTheTextFileIfItsServerRuns) {
     in_private_root([] {
-        const StoppedClock clock(now);
+        const FixedTime fixed_now(now);
         write_both_lease_files();
         const NamedProcess server("dnsmasq");
-        const Instead in_place_of_kill(instead_of_kill, unwanted_signal);
+        const Instead replaced_kill(instead_of_kill, unexpected_signal);
         for (const char *number : {"", "0\n", "-7\n"}) {
             write_file(pid_file, number);
             lease_entry *head = nullptr;
@@ -905,7 +876,7 @@ TEST(GetLeases, ReadsTheTextFileWhereThatServerRuns) {
     });
 }
 
-TEST(GetLeases, PrefersTheServerWithAPidFile) {
+TEST(get_leases, PrefersTheServerWithAPidFile) {
     in_private_root([] {
         write_both_lease_files();
         const NamedProcess text_server("dnsmasq");
@@ -917,24 +888,24 @@ TEST(GetLeases, PrefersTheServerWithAPidFile) {
     });
 }
 
-/** A process that tells of each signal SIGUSR1 that it is sent, by a byte in a pipe. */
+/** A process that writes a byte to a pipe for each signal SIGUSR1. */
 class Server {
   public:
     Server() : id_(fork()) {
         if (id_ == 0) {
-            static int told = told_.writing;
+            static int reports = reports_.writing;
             struct sigaction action {};
             action.sa_handler = [](int signal) {
                 const char byte = signal == SIGUSR1 ? 'u' : '?';
-                static_cast<void>(write(told, &byte, 1) > 0);
+                static_cast<void>(write(reports, &byte, 1) > 0);
             };
             sigaction(SIGUSR1, &action, nullptr);
             const char ready = 'r';
-            static_cast<void>(write(told, &ready, 1) > 0);
+            static_cast<void>(write(reports, &ready, 1) > 0);
             for (;;)
                 pause();
         }
-        EXPECT_EQ(told(), 'r');
+        EXPECT_EQ(next_report(), 'r');
     }
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -945,19 +916,19 @@ class Server {
 
     [[nodiscard]] pid_t id() const { return id_; }
     /** Waits for the next byte. */
-    [[nodiscard]] char told() const {
+    [[nodiscard]] char next_report() const {
         char byte = 0;
-        while (read(told_.reading, &byte, 1) < 0 && errno == EINTR) {
+        while (read(reports_.reading, &byte, 1) < 0 && errno == EINTR) {
         }
         return byte;
     }
 
   private:
-    OwnPipe told_;
+    OwnPipe reports_;
     pid_t id_;
 };
 
-TEST(GetLeases, SignalsTheServerWithAPidFile) {
+TEST(get_leases, SignalsTheServerWithAPidFile) {
     in_private_root([] {
         write_both_lease_files();
         const Server server;
@@ -966,24 +937,24 @@ TEST(GetLeases, SignalsTheServerWithAPidFile) {
             lease_entry *head = nullptr;
             EXPECT_EQ(get_leases(&head), 2);
             EXPECT_EQ(taken(head), numbered_leases(2));
-            EXPECT_EQ(server.told(), 'u');
+            EXPECT_EQ(server.next_report(), 'u');
         }
     });
 }
 
-/** What makes the server write its leases, in the board's numbering where that is in use. */
+/** The signal that makes the server write its leases; on MIPS, SIGUSR1 has the number 16. */
 #ifdef __mips__
 constexpr int writing_signal = 16;
 #else
 constexpr int writing_signal = SIGUSR1;
 #endif
 
-TEST(GetLeases, SendsTheSignalOnceAndBeforeItReads) {
+TEST(get_leases, SendsTheSignalOnceAndBeforeItReads) {
     in_private_root([] {
         const Server server;
         write_file(pid_file, std::to_string(server.id()) + "\n");
         int signals = 0;
-        const Instead in_place_of_kill(instead_of_kill, [&](pid_t process, int signal) {
+        const Instead replaced_kill(instead_of_kill, [&](pid_t process, int signal) {
             EXPECT_EQ(process, server.id());
             EXPECT_EQ(signal, writing_signal);
             ++signals;
@@ -997,13 +968,13 @@ TEST(GetLeases, SendsTheSignalOnceAndBeforeItReads) {
     });
 }
 
-TEST(GetLeases, TakesEveryNumberAboveZeroForAServer) {
+TEST(get_leases, TreatsAnyPositiveNumberAsAServer) {
     in_private_root([] {
         write_both_lease_files();
         for (const int number : {1, 2, 4194304, INT_MAX}) {
             write_file(pid_file, std::to_string(number));
             std::vector<pid_t> signalled;
-            const Instead in_place_of_kill(instead_of_kill, [&signalled](pid_t process, int) {
+            const Instead replaced_kill(instead_of_kill, [&signalled](pid_t process, int) {
                 signalled.push_back(process);
                 return 0;
             });
@@ -1015,23 +986,23 @@ TEST(GetLeases, TakesEveryNumberAboveZeroForAServer) {
     });
 }
 
-TEST(GetLeases, DoesNotWaitForTheServer) {
+TEST(get_leases, DoesNotWaitForTheServer) {
     in_private_root([] {
         write_both_lease_files();
         const Server server;
         write_file(pid_file, std::to_string(server.id()) + "\n");
         ASSERT_EQ(kill(server.id(), SIGSTOP), 0);
         const CountCalls sleeps(call_sleep);
-        const unsigned long rests_before = short_rests;
+        const unsigned long short_sleeps_before = short_sleeps;
         lease_entry *head = nullptr;
         EXPECT_EQ(get_leases(&head), 2);
         EXPECT_EQ(taken(head), numbered_leases(2));
         EXPECT_EQ(sleeps.count(), 0U);
-        EXPECT_EQ(short_rests, rests_before);
+        EXPECT_EQ(short_sleeps, short_sleeps_before);
     });
 }
 
-TEST(GetLeases, ReadsTheBinaryFileEvenIfTheServerIsGone) {
+TEST(get_leases, ReadsTheBinaryFileEvenIfTheServerHasExited) {
     in_private_root([] {
         write_both_lease_files();
         write_file(pid_file, "4194304\n");
@@ -1041,7 +1012,7 @@ TEST(GetLeases, ReadsTheBinaryFileEvenIfTheServerIsGone) {
     });
 }
 
-TEST(GetLeases, TellsOfALeaseFileThatIsMissing) {
+TEST(get_leases, PrintsAnErrorIfTheLeaseFileIsMissing) {
     in_private_root([] {
         const std::string message = "could not open input file: "s + std::strerror(ENOENT) + "\n";
         lease_entry *head = nullptr;
@@ -1055,7 +1026,7 @@ TEST(GetLeases, TellsOfALeaseFileThatIsMissing) {
     });
 }
 
-TEST(GetLeases, LeavesNothingOpen) {
+TEST(get_leases, LeavesNothingOpen) {
     in_private_root([] {
         write_both_lease_files();
         const std::size_t open_before = open_descriptors().size();
@@ -1069,11 +1040,11 @@ TEST(GetLeases, LeavesNothingOpen) {
     });
 }
 
-// A real server and a real client
+// --- get_leases with a real server and a real client ---
 
 void run(const std::string &command) { ASSERT_EQ(std::system(command.c_str()), 0) << command; }
 
-/** Gets an address for the interface "client" of a network namespace of its own. */
+/** Requests an address for the interface "client" in a network namespace of its own. */
 [[noreturn]] void run_client(const OwnPipe &ready, const OwnPipe &connected) {
     char byte = 'x';
     if (unshare(CLONE_NEWNET) != 0 || write(ready.writing, &byte, 1) != 1 ||
@@ -1085,7 +1056,7 @@ void run(const std::string &command) { ASSERT_EQ(std::system(command.c_str()), 0
     _exit(127);
 }
 
-TEST(GetLeases, ListsWhatARealServerGaveToARealClient) {
+TEST(get_leases, ListsWhatARealServerGaveToARealClient) {
     in_private_root([] {
         setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
         write_file("/etc/passwd", "root:x:0:0::/:/bin/sh\n");
@@ -1127,6 +1098,56 @@ TEST(GetLeases, ListsWhatARealServerGaveToARealClient) {
         EXPECT_GT(left, 0);
         EXPECT_LE(left, 3600);
     });
+}
+
+// --- free_leaselist ---
+
+TEST(free_leaselist, DoesNothingForAnEmptyList) {
+    lease_entry *head = nullptr;
+    free_leaselist(&head);
+    EXPECT_EQ(head, nullptr);
+}
+
+TEST(free_leaselist, FreesEveryRecord) {
+    const TemporaryDirectory directory;
+    directory.write("leases", numbered_records(100));
+    lease_entry *head = nullptr;
+    stand_in_start_tracking();
+    get_udhpd_leases(&head, directory.path("leases").c_str());
+    stand_in_pause_tracking();
+    EXPECT_EQ(stand_in_live_blocks(), 100U);
+    free_leaselist(&head);
+    EXPECT_EQ(stand_in_live_blocks(), 0U);
+    stand_in_stop_tracking();
+    EXPECT_EQ(head, nullptr);
+}
+
+/** The bytes of a list's only record after the list is freed, except the first and last 64, which
+ * the heap may use. The kernel reads them, since the program may not. */
+std::string bytes_left_by(void (*release)(lease_entry **)) {
+    constexpr std::size_t margin = 64;
+    // With records in use on both sides, the heap neither joins the freed one to other free memory
+    // nor returns it to the system.
+    std::vector<lease_entry *> records(32);
+    for (lease_entry *&record : records)
+        record = static_cast<lease_entry *>(get_buffer(sizeof *record));
+    lease_entry *head = std::exchange(records[records.size() / 2], nullptr);
+    std::memset(head, 's', sizeof *head);
+    head->next = nullptr;
+    const iovec rest{reinterpret_cast<char *>(head) + margin, sizeof *head - 2 * margin};
+    const StreamFile file;
+    release(&head);
+    EXPECT_EQ(syscall(SYS_writev, file.descriptor(), &rest, 1), static_cast<long>(rest.iov_len));
+    for (lease_entry *const record : records)
+        std::free(record);
+    return file.text();
+}
+
+TEST(free_leaselist, LeavesNothingOfARecordInTheHeap) {
+    const std::size_t size = sizeof(lease_entry) - 128;
+    ASSERT_EQ(bytes_left_by([](lease_entry **head) { std::free(*head); }), std::string(size, 's'))
+        << "this heap clears freed blocks itself, so that the test is meaningless";
+    EXPECT_EQ(bytes_left_by(free_leaselist), std::string(size, '\0'));
 }
 
 } // namespace
