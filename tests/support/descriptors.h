@@ -33,7 +33,8 @@ inline rlimit descriptor_limit() {
  * the limit of the process. */
 inline std::vector<int> open_descriptors() {
     std::array<pollfd, 1024> entries{};
-    const std::size_t count = std::min<rlim_t>(entries.size(), descriptor_limit().rlim_cur);
+    const auto count =
+        static_cast<std::size_t>(std::min<rlim_t>(entries.size(), descriptor_limit().rlim_cur));
     for (std::size_t i = 0; i < count; ++i)
         entries[i].fd = static_cast<int>(i);
     if (poll(entries.data(), count, 0) < 0)
