@@ -45,7 +45,7 @@ inline void add_cable(const std::string &near, const std::string &far) {
     }
 }
 
-/** During its lifetime, /proc/net of this process contains at most one file, which the test writes. */
+/** During its lifetime, /proc/net contains at most one file, which the test writes. */
 class ReplacedTable {
   public:
     explicit ReplacedTable(const std::string &name) : path_(directory + ("/" + name)) {
