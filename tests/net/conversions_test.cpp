@@ -14,6 +14,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <ostream>
 #include <random>
 #include <string>
 #include <string_view>
@@ -773,6 +774,10 @@ struct NameBuilder {
     char *(*build)(int radio, int network, const char *suffix, char *out);
     const char *pattern; /**< The name: %r and %n are the indices, %s is the suffix. */
     const char *example; /**< The name for the indices 1 and 258 and the suffix "SSID". */
+
+    friend std::ostream &operator<<(std::ostream &out, const NameBuilder &parameter) {
+        return out << parameter.function;
+    }
 };
 
 constexpr NameBuilder wlan_name = {"gen_wlan_name",
@@ -815,10 +820,6 @@ constexpr NameBuilder wlan_key0 = {"gen_wlan_key0",
                                    },
                                    "WIFI%r_WLAN%n_%s", "WIFI1_WLAN2_SSID"};
 
-std::string function_of(const testing::TestParamInfo<NameBuilder> &builder) {
-    return builder.param.function;
-}
-
 /** Replaces the mark, if there is one. */
 std::string replaced(std::string text, std::string_view mark, const std::string &value) {
     const std::size_t at = text.find(mark);
@@ -844,17 +845,28 @@ class BuiltName : public testing::TestWithParam<NameBuilder> {
 /** Of the functions that take a suffix. */
 class BuiltKey : public BuiltName {};
 
-INSTANTIATE_TEST_SUITE_P(gen_wlan_name, BuiltName, testing::Values(wlan_name), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_wlan_name0, BuiltName, testing::Values(wlan_name0), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_radio_name, BuiltName, testing::Values(radio_name), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_radio_key, BuiltName, testing::Values(radio_key), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_radio_key0, BuiltName, testing::Values(radio_key0), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_wlan_key, BuiltName, testing::Values(wlan_key), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_wlan_key0, BuiltName, testing::Values(wlan_key0), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_radio_key, BuiltKey, testing::Values(radio_key), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_radio_key0, BuiltKey, testing::Values(radio_key0), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_wlan_key, BuiltKey, testing::Values(wlan_key), function_of);
-INSTANTIATE_TEST_SUITE_P(gen_wlan_key0, BuiltKey, testing::Values(wlan_key0), function_of);
+INSTANTIATE_TEST_SUITE_P(gen_wlan_name, BuiltName, testing::Values(wlan_name),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_wlan_name0, BuiltName, testing::Values(wlan_name0),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_radio_name, BuiltName, testing::Values(radio_name),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_radio_key, BuiltName, testing::Values(radio_key),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_radio_key0, BuiltName, testing::Values(radio_key0),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_wlan_key, BuiltName, testing::Values(wlan_key),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_wlan_key0, BuiltName, testing::Values(wlan_key0),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_radio_key, BuiltKey, testing::Values(radio_key),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_radio_key0, BuiltKey, testing::Values(radio_key0),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_wlan_key, BuiltKey, testing::Values(wlan_key),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(gen_wlan_key0, BuiltKey, testing::Values(wlan_key0),
+                         testing::PrintToStringParamName());
 
 TEST_P(BuiltName, JoinsIndicesAndSuffix) {
     char out[64];

@@ -170,6 +170,10 @@ struct AddressFunction {
     void (*expect_no_address)(const char *ifname);
     /** Calls the function with each selector. */
     void (*call)(const char *ifname);
+
+    friend std::ostream &operator<<(std::ostream &out, const AddressFunction &parameter) {
+        return out << parameter.function;
+    }
 };
 
 constexpr AddressFunction address_functions[] = {
@@ -206,10 +210,6 @@ constexpr AddressFunction address_functions[] = {
              getHWip(ifname, selector, out, sizeof out);
      }}};
 
-std::string function_of(const testing::TestParamInfo<AddressFunction> &info) {
-    return info.param.function;
-}
-
 class AnyAddress : public testing::TestWithParam<AddressFunction> {
   protected:
     static void expect_none(const std::string &ifname) {
@@ -218,11 +218,14 @@ class AnyAddress : public testing::TestWithParam<AddressFunction> {
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(getInAddr, AnyAddress, testing::Values(address_functions[0]), function_of);
-INSTANTIATE_TEST_SUITE_P(getHWaddr, AnyAddress, testing::Values(address_functions[1]), function_of);
+INSTANTIATE_TEST_SUITE_P(getInAddr, AnyAddress, testing::Values(address_functions[0]),
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(getHWaddr, AnyAddress, testing::Values(address_functions[1]),
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(getHWaddr0, AnyAddress, testing::Values(address_functions[2]),
-                         function_of);
-INSTANTIATE_TEST_SUITE_P(getHWip, AnyAddress, testing::Values(address_functions[3]), function_of);
+                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(getHWip, AnyAddress, testing::Values(address_functions[3]),
+                         testing::PrintToStringParamName());
 
 TEST_P(AnyAddress, IsFoundOnlyForTheExactNameOfTheInterface) {
     in_private_root([] {
@@ -628,11 +631,11 @@ struct HardwareFunction {
     const char *function;
     std::string (*address_of)(const char *ifname);
     const char *separator;
-};
 
-std::string hardware_function_of(const testing::TestParamInfo<HardwareFunction> &info) {
-    return info.param.function;
-}
+    friend std::ostream &operator<<(std::ostream &out, const HardwareFunction &parameter) {
+        return out << parameter.function;
+    }
+};
 
 class HardwareAddress : public testing::TestWithParam<HardwareFunction> {
   protected:
@@ -650,10 +653,10 @@ class HardwareAddress : public testing::TestWithParam<HardwareFunction> {
 
 INSTANTIATE_TEST_SUITE_P(getHWaddr, HardwareAddress,
                          testing::Values(HardwareFunction{"getHWaddr", colon_form_of, ":"}),
-                         hardware_function_of);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(getHWaddr0, HardwareAddress,
                          testing::Values(HardwareFunction{"getHWaddr0", stripped_form_of, ""}),
-                         hardware_function_of);
+                         testing::PrintToStringParamName());
 
 TEST_P(HardwareAddress, IsPrintedInUpperCase) {
     in_private_root([] {

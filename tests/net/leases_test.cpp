@@ -442,11 +442,11 @@ TEST(get_udhpd_leases, KeepsWhatItListedBeforeMemoryRanOut) {
 struct LeaseReader {
     const char *function;
     Reader read;
-};
 
-std::string function_of(const testing::TestParamInfo<LeaseReader> &info) {
-    return info.param.function;
-}
+    friend std::ostream &operator<<(std::ostream &out, const LeaseReader &parameter) {
+        return out << parameter.function;
+    }
+};
 
 class LeaseFile : public testing::TestWithParam<LeaseReader> {
   protected:
@@ -461,13 +461,13 @@ class LeaseFile : public testing::TestWithParam<LeaseReader> {
 
 INSTANTIATE_TEST_SUITE_P(get_udhpd_leases, LeaseFile,
                          testing::Values(LeaseReader{"get_udhpd_leases", get_udhpd_leases}),
-                         function_of);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(get_dnsmasq_leases, LeaseFile,
                          testing::Values(LeaseReader{"get_dnsmasq_leases", get_dnsmasq_leases}),
-                         function_of);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(get_dhcpv6_leases, LeaseFile,
                          testing::Values(LeaseReader{"get_dhcpv6_leases", get_dhcpv6_leases}),
-                         function_of);
+                         testing::PrintToStringParamName());
 
 TEST_P(LeaseFile, IsReportedIfItCannotBeOpened) {
     expect_error("/not/there", ENOENT);

@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 
@@ -63,6 +64,10 @@ struct GatewayFunction {
     const char *function;
     /** Expects that it finds this dotted quad, or no gateway if that is "". */
     void (*expect_found)(const char *ifname, const std::string &quad);
+
+    friend std::ostream &operator<<(std::ostream &out, const GatewayFunction &parameter) {
+        return out << parameter.function;
+    }
 };
 
 void expect_number(const char *ifname, const std::string &quad) {
@@ -78,10 +83,6 @@ void expect_text(const char *ifname, const std::string &quad) {
     EXPECT_EQ(getDefGw(ifname, out.start()), out.start());
     EXPECT_TRUE(out.preceding_bytes_intact());
     EXPECT_EQ(out.start(), quad.empty() ? "0.0.0.0" : quad);
-}
-
-std::string function_of(const testing::TestParamInfo<GatewayFunction> &info) {
-    return info.param.function;
 }
 
 class Gateway : public testing::TestWithParam<GatewayFunction> {
@@ -104,9 +105,10 @@ class Gateway : public testing::TestWithParam<GatewayFunction> {
 
 INSTANTIATE_TEST_SUITE_P(getDefaultRoute, Gateway,
                          testing::Values(GatewayFunction{"getDefaultRoute", expect_number}),
-                         function_of);
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(getDefGw, Gateway,
-                         testing::Values(GatewayFunction{"getDefGw", expect_text}), function_of);
+                         testing::Values(GatewayFunction{"getDefGw", expect_text}),
+                         testing::PrintToStringParamName());
 
 void add_two_interfaces() {
     add_cable("eth0", "far0");
