@@ -17,8 +17,7 @@
 #include <vector>
 
 #include "tests/cgi/list_contents.h"
-#include "tests/support/guarded_block.h"
-#include "tests/support/guarded_buffer.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 
@@ -47,9 +46,9 @@ str_node record(std::string_view name, std::string_view value) {
  */
 std::string substituted(std::string_view text, std::string_view name, std::string_view value) {
     const str_node field = record(name, value);
-    GuardedBuffer buffer(text, text.size() - name.size() - 1 + value.size());
+    GuardedString buffer(text, text.size() - name.size() - 1 + value.size());
     EXPECT_EQ(change_keyword(buffer.text(), &field), buffer.text());
-    EXPECT_TRUE(buffer.front_is_intact());
+    EXPECT_TRUE(buffer.preceding_bytes_intact());
     return buffer.text();
 }
 
@@ -281,8 +280,8 @@ TEST(add_str, KeepsOtherMembersIntactIfItTruncates) {
 
 TEST(add_str, ReadsNothingAfterTheTerminators) {
     OwnedList list;
-    GuardedBuffer name("ip");
-    GuardedBuffer value("10.0.0.1");
+    GuardedString name("ip");
+    GuardedString value("10.0.0.1");
     add_str(list.address(), name.text(), value.text());
 
     EXPECT_EQ(contents(list.head()), (Fields{{"ip", "10.0.0.1"}}));
@@ -573,10 +572,10 @@ TEST(find_keyword, DoesNotMatchANullPointerWithANonemptyName) {
 TEST(find_keyword, ReadsNothingAfterTheTerminator) {
     OwnedList list(
         Fields{{"ipaddr", "1"}, {std::string(CORVEL_FIELD_NAME_SIZE - 1, 'i'), "2"}, {"ipa", "3"}});
-    GuardedBuffer text("ip");
+    GuardedString text("ip");
     EXPECT_EQ(find_keyword(text.text(), list.head()), nullptr);
 
-    GuardedBuffer exact("ipa");
+    GuardedString exact("ipa");
     EXPECT_EQ(find_keyword(exact.text(), list.head()), list.head()->next->next);
 }
 
@@ -636,7 +635,7 @@ TEST(change_keyword, ReplacesOnlyTheDollarSignForAnEmptyName) {
 }
 
 TEST(change_keyword, ReplacesOnlyTheMarkerAtTheGivenPosition) {
-    GuardedBuffer buffer("<$ip> <$ip>", 20);
+    GuardedString buffer("<$ip> <$ip>", 20);
     const str_node field = record("ip", "10.0.0.1");
     EXPECT_EQ(change_keyword(buffer.text() + 1, &field), buffer.text() + 1);
 
@@ -649,7 +648,7 @@ TEST(change_keyword, InsertsTheValueUnchanged) {
 
 TEST(change_keyword, LeavesTheRecordUnchanged) {
     const str_node field = record("ab", "12345");
-    GuardedBuffer buffer("$ab tail", 20);
+    GuardedString buffer("$ab tail", 20);
     change_keyword(buffer.text(), &field);
 
     EXPECT_STREQ(field.name, "ab");
@@ -671,7 +670,7 @@ TEST(change_keyword, ReplacesAsManyCharactersAsTheNameHasRegardlessOfTheirValues
 TEST(change_keyword, ReplacesTheWholeStringIfTheNameIsLonger) {
     for (const char *text : {"", "$", "$a", "$abcdefg"}) {
         const str_node field = record("abcdefgh", "12345");
-        GuardedBuffer buffer(text, 8);
+        GuardedString buffer(text, 8);
         EXPECT_EQ(change_keyword(buffer.text(), &field), buffer.text());
         EXPECT_STREQ(buffer.text(), "12345");
     }
@@ -686,7 +685,7 @@ TEST(FieldList, UnterminatedNameEndsAtTheEndOfItsArray) {
     EXPECT_EQ(find_keyword((name + "x").c_str(), &record), &record);
     EXPECT_EQ(find_keyword(name.c_str(), &record), &record);
     EXPECT_EQ(find_keyword(name.substr(1).c_str(), &record), nullptr);
-    GuardedBuffer text("$" + name + "x");
+    GuardedString text("$" + name + "x");
     EXPECT_STREQ(change_keyword(text.text(), &record), "valuex");
     const std::string input = "<input type=\"hidden\" name=\"" + name + "\" value=\"$" + name;
     EXPECT_EQ(capture_stdout([&] { generate_hidder_from_list(&record); }), input + "\">\n");

@@ -20,8 +20,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/environment.h"
-#include "tests/support/guarded_block.h"
-#include "tests/support/guarded_buffer.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 
@@ -704,8 +703,8 @@ void PrintTo(const Word &word, std::ostream *out) {
 /** Calls makeword() with a buffer of exactly the size of the word. */
 Word word_of(const std::string &text, char stop) {
     const std::string::size_type length = std::min(text.find(stop), text.size());
-    GuardedBuffer source(text);
-    GuardedBuffer word(std::string(length, '?'));
+    GuardedString source(text);
+    GuardedString word(std::string(length, '?'));
     char unset = 0;
     char *rest = &unset;
     EXPECT_EQ(makeword(word.text(), source.text(), stop, &rest), word.text());
@@ -749,7 +748,7 @@ TEST(makeword, CopiesAWordOfAnyLength) {
 
 TEST(makeword, ReadsNothingAfterTheStop) {
     const GuardedBlock source("name=");
-    GuardedBuffer word("????");
+    GuardedString word("????");
     char *rest = nullptr;
     EXPECT_STREQ(makeword(word.text(), source.start(), '=', &rest), "name");
     EXPECT_EQ(rest, source.end());
@@ -760,7 +759,7 @@ TEST(makeword, CopiesTheWholeStringForANulAsTheStop) {
 }
 
 TEST(makeword, ReadsANullPointerAsTheEmptyString) {
-    GuardedBuffer word("");
+    GuardedString word("");
     char unset = 0;
     char *rest = &unset;
     EXPECT_EQ(makeword(word.text(), nullptr, '=', &rest), word.text());
@@ -769,7 +768,7 @@ TEST(makeword, ReadsANullPointerAsTheEmptyString) {
 }
 
 TEST(makeword, WorksInPlace) {
-    GuardedBuffer text("name=value");
+    GuardedString text("name=value");
     char *rest = nullptr;
     EXPECT_EQ(makeword(text.text(), text.text(), '=', &rest), text.text());
     EXPECT_STREQ(text.text(), "name");
@@ -795,9 +794,9 @@ TEST(makeword, AcceptsTheRestAsTheNextSource) {
 // --- plustospace ---
 
 std::string without_plus(const std::string &text) {
-    GuardedBuffer buffer(text);
+    GuardedString buffer(text);
     EXPECT_EQ(plustospace(buffer.text()), buffer.text());
-    EXPECT_TRUE(buffer.front_is_intact());
+    EXPECT_TRUE(buffer.preceding_bytes_intact());
     return buffer.text();
 }
 
@@ -813,9 +812,9 @@ TEST(plustospace, ReturnsNullForNull) { EXPECT_EQ(plustospace(nullptr), nullptr)
 // --- unescape_url ---
 
 std::string unescaped(const std::string &text) {
-    GuardedBuffer buffer(text);
+    GuardedString buffer(text);
     EXPECT_EQ(unescape_url(buffer.text()), buffer.text());
-    EXPECT_TRUE(buffer.front_is_intact());
+    EXPECT_TRUE(buffer.preceding_bytes_intact());
     return buffer.text();
 }
 
@@ -904,9 +903,9 @@ TEST(x2c, CountsCharactersAbove127AsNegative) {
 }
 
 TEST(x2c, ReadsNothingAfterANul) {
-    GuardedBuffer nothing("");
+    GuardedString nothing("");
     EXPECT_EQ(x2c(nothing.text()), static_cast<signed char>(-48 * 17));
-    GuardedBuffer one("4");
+    GuardedString one("4");
     EXPECT_EQ(x2c(one.text()), static_cast<signed char>(4 * 16 - 48));
 }
 

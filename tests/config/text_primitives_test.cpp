@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include <corvel.h>
 
-#include "tests/support/guarded_buffer.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
 
@@ -17,31 +17,31 @@ namespace {
 
 using namespace corvel_test;
 
-/** Whether all bytes from an offset on have the value with which a GuardedBuffer is filled. */
-bool untouched_from(GuardedBuffer &buffer, std::size_t offset) {
+/** Whether all bytes from an offset on have the value that fills a GuardedString. */
+bool untouched_from(GuardedString &buffer, std::size_t offset) {
     return std::all_of(buffer.text() + offset, buffer.text() + buffer.size(),
                        [](char byte) { return byte == '\xA5'; });
 }
 
 std::string stripped(std::string_view text, char ch) {
-    GuardedBuffer buffer(text);
+    GuardedString buffer(text);
     return strip(buffer.text(), static_cast<signed char>(ch));
 }
 
 std::string escaped(const std::string &text) {
-    GuardedBuffer buffer("", 2 * text.size());
+    GuardedString buffer("", 2 * text.size());
     EXPECT_EQ(add_escape(text.c_str(), buffer.text()), buffer.text());
     return buffer.text();
 }
 
 std::string unescaped(const std::string &text) {
-    GuardedBuffer buffer("", text.size());
+    GuardedString buffer("", text.size());
     EXPECT_EQ(strip_escape(text.c_str(), buffer.text()), buffer.text());
     return buffer.text();
 }
 
 std::string translated(std::string_view text) {
-    GuardedBuffer buffer(text, CORVEL_ATTRIBUTE_SIZE - 1);
+    GuardedString buffer(text, CORVEL_ATTRIBUTE_SIZE - 1);
     EXPECT_EQ(translate_control_code(buffer.text()), buffer.text());
     return buffer.text();
 }
@@ -104,7 +104,7 @@ TEST(strip, RemovesTheCharacterFromTheEndOnly) { EXPECT_EQ(stripped("x\"", '"'),
 TEST(strip, MakesAStringOfTwoSuchCharactersEmpty) { EXPECT_EQ(stripped("\"\"", '"'), ""); }
 
 TEST(strip, MakesAStringOfOneSuchCharacterEmpty) {
-    GuardedBuffer buffer("\"");
+    GuardedString buffer("\"");
     char *const result = strip(buffer.text(), '"');
     EXPECT_EQ(result, buffer.text() + 1);
     EXPECT_STREQ(result, "");
@@ -112,13 +112,13 @@ TEST(strip, MakesAStringOfOneSuchCharacterEmpty) {
 }
 
 TEST(strip, LeavesTheEmptyStringEmpty) {
-    GuardedBuffer buffer("");
+    GuardedString buffer("");
     EXPECT_EQ(strip(buffer.text(), '"'), buffer.text());
     EXPECT_STREQ(buffer.text(), "");
 }
 
 TEST(strip, LeavesAStringWithoutTheCharacterUnchanged) {
-    GuardedBuffer buffer("abc");
+    GuardedString buffer("abc");
     EXPECT_EQ(strip(buffer.text(), '"'), buffer.text());
     EXPECT_STREQ(buffer.text(), "abc");
 }
@@ -131,7 +131,7 @@ TEST(strip, RemovesAtMostOneCharacterFromEachEnd) {
 TEST(strip, KeepsTheCharacterInside) { EXPECT_EQ(stripped("a\"b\"c", '"'), "a\"b\"c"); }
 
 TEST(strip, WorksInPlaceAndReturnsTheAddressOfTheSecondCharacter) {
-    GuardedBuffer buffer("'x'");
+    GuardedString buffer("'x'");
     EXPECT_EQ(strip(buffer.text(), '\''), buffer.text() + 1);
     EXPECT_EQ(buffer.text()[2], '\0');
 }
@@ -171,20 +171,20 @@ TEST(add_escape, CopiesEveryOtherByteUnchanged) {
 }
 
 TEST(add_escape, TerminatesAnEmptyResult) {
-    GuardedBuffer buffer("rest", 15);
+    GuardedString buffer("rest", 15);
     add_escape("", buffer.text());
     EXPECT_STREQ(buffer.text(), "");
 }
 
 TEST(add_escape, WritesNothingAfterTheTerminator) {
-    GuardedBuffer buffer("", 15);
+    GuardedString buffer("", 15);
     add_escape("a$", buffer.text());
     EXPECT_STREQ(buffer.text(), "a\\$");
     EXPECT_TRUE(untouched_from(buffer, 4));
 }
 
 TEST(add_escape, ReadsANullPointerAsTheEmptyString) {
-    GuardedBuffer buffer("rest", 15);
+    GuardedString buffer("rest", 15);
     EXPECT_EQ(add_escape(nullptr, buffer.text()), buffer.text());
     EXPECT_STREQ(buffer.text(), "");
 }
@@ -195,7 +195,7 @@ TEST(str_regular, ReturnsTheSameAsAddEscape) {
     RandomStrings strings;
     for (int round = 0; round < 2000; ++round) {
         const std::string text = strings.next(100);
-        GuardedBuffer buffer("", 2 * text.size());
+        GuardedString buffer("", 2 * text.size());
         EXPECT_EQ(str_regular(text.c_str(), buffer.text()), buffer.text());
         ASSERT_EQ(std::string(buffer.text()), escaped(text));
     }
@@ -232,13 +232,13 @@ TEST(strip_escape, CopiesAStringWithoutBackslashes) {
 }
 
 TEST(strip_escape, WorksInPlace) {
-    GuardedBuffer buffer("\\\"a\\\\b\\$\\c");
+    GuardedString buffer("\\\"a\\\\b\\$\\c");
     EXPECT_EQ(strip_escape(buffer.text(), buffer.text()), buffer.text());
     EXPECT_STREQ(buffer.text(), "\"a\\b$\\c");
 }
 
 TEST(strip_escape, ReadsANullPointerAsTheEmptyString) {
-    GuardedBuffer buffer("rest", 15);
+    GuardedString buffer("rest", 15);
     EXPECT_EQ(strip_escape(nullptr, buffer.text()), buffer.text());
     EXPECT_STREQ(buffer.text(), "");
 }
@@ -310,7 +310,7 @@ TEST(translate_control_code, NeverSplitsAnEntity) {
 
 TEST(translate_control_code, WritesAtMost200Bytes) {
     for (const std::size_t quotes : {1U, 33U, 34U, 100U, 150U}) {
-        GuardedBuffer buffer(std::string(quotes, '"') + std::string(49, 'x'), 299);
+        GuardedString buffer(std::string(quotes, '"') + std::string(49, 'x'), 299);
         translate_control_code(buffer.text());
         EXPECT_LE(std::strlen(buffer.text()), CORVEL_ATTRIBUTE_SIZE - 1U);
         EXPECT_TRUE(
@@ -340,8 +340,8 @@ TEST(DFPrintf, StoresNothingForAPercentN) {
 // --- All functions ---
 
 TEST(TextPrimitives, AllocateNothing) {
-    GuardedBuffer text("\"say $x\"", 255);
-    GuardedBuffer copy("", 599);
+    GuardedString text("\"say $x\"", 255);
+    GuardedString copy("", 599);
     const CountCalls allocations(call_allocation);
     STRCMP(text.text(), copy.text());
     add_escape(text.text(), copy.text());

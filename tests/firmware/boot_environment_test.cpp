@@ -56,7 +56,7 @@ namespace fs = std::filesystem;
 constexpr const char *bad_crc = "Warning - bad CRC\n";
 constexpr const char *too_short = "Err: envimage size is less then CONFIG_ENV_SIZE(0x10000)\n";
 constexpr std::size_t data_size = EnvironmentImage::data_size;
-constexpr std::array fences = {Fence::after, Fence::before};
+constexpr std::array guards = {GuardPage::after, GuardPage::before};
 
 /** The results of calls before any image is current: the object is initialised before the tests. */
 const struct BeforeAnyImage {
@@ -338,21 +338,21 @@ EnvironmentImage ending_with(const std::string &end) {
 }
 
 TEST(get_env, FindsAnEntryAtTheEndOfTheImage) {
-    for (const Fence fence : fences) {
-        const CurrentImage two_nuls(ending_with("end=v\0\0"s).bytes(), fence);
+    for (const GuardPage guard : guards) {
+        const CurrentImage two_nuls(ending_with("end=v\0\0"s).bytes(), guard);
         EXPECT_EQ(two_nuls.offset_of("end"), data_size - 3);
-        const CurrentImage one_nul(ending_with("end=v\0"s).bytes(), fence);
+        const CurrentImage one_nul(ending_with("end=v\0"s).bytes(), guard);
         EXPECT_EQ(one_nul.offset_of("end"), data_size - 2);
         EXPECT_STREQ(get_env("end"), "v");
-        const CurrentImage empty_value(ending_with("end=\0"s).bytes(), fence);
+        const CurrentImage empty_value(ending_with("end=\0"s).bytes(), guard);
         EXPECT_EQ(empty_value.offset_of("end"), data_size - 1);
     }
 }
 
 TEST(get_env, IgnoresAnUnterminatedEntry) {
-    for (const Fence fence : fences)
+    for (const GuardPage guard : guards)
         for (const std::string end : {"end=v", "end=", "end", "e", "=", "end=vend"}) {
-            const CurrentImage image(ending_with(end).bytes(), fence);
+            const CurrentImage image(ending_with(end).bytes(), guard);
             for (const char *name : {"end", "end=", "e", "", "=", "ende", "end=v", "longer"})
                 EXPECT_EQ(get_env(name), nullptr) << name << " in " << end;
             EXPECT_EQ(image.offset_of("long"), 5U);
@@ -461,9 +461,9 @@ TEST(set_env, SetsAndDeletesTheEmptyName) {
 }
 
 TEST(set_env, FillsTheImageToItsLastByte) {
-    for (const Fence fence : fences) {
+    for (const GuardPage guard : guards) {
         EnvironmentImage model({});
-        const CurrentImage image(model.bytes(), fence);
+        const CurrentImage image(model.bytes(), guard);
         const std::string fitting(data_size - 4, 'v');
         EXPECT_EQ(set("a", fitting.c_str()), (Outcome{model.set("a", fitting), ""}));
         EXPECT_EQ(image.bytes(), model.bytes());
@@ -529,8 +529,8 @@ TEST(set_env, AddsNothingToAnUnterminatedList) {
     for (const std::string &data : {std::string(data_size, '\xFF'), std::string(data_size, 'a'),
                                     ending_with("end=v").data(), ending_with("end=v\0"s).data()}) {
         EnvironmentImage model = EnvironmentImage::of_data(data);
-        for (const Fence fence : fences) {
-            const CurrentImage image(model.bytes(), fence);
+        for (const GuardPage guard : guards) {
+            const CurrentImage image(model.bytes(), guard);
             EXPECT_EQ(set("n", ""), (Outcome{1, overflow("n")}));
             EXPECT_EQ(set("", ""), (Outcome{1, overflow("")}));
             EXPECT_EQ(image.bytes(), model.bytes());
@@ -540,10 +540,10 @@ TEST(set_env, AddsNothingToAnUnterminatedList) {
 
 TEST(set_env, TerminatesAnUnterminatedListOnDeletion) {
     for (const std::string &end : {"end=v"s, "end=v\0"s, "x"s, "\xFF\xFF"s}) {
-        for (const Fence fence : fences) {
+        for (const GuardPage guard : guards) {
             EnvironmentImage model =
                 EnvironmentImage::of_data("a=1\0"s + ending_with(end).data().substr(4));
-            const CurrentImage image(model.bytes(), fence);
+            const CurrentImage image(model.bytes(), guard);
             EXPECT_EQ(set("a", nullptr), (Outcome{model.set("a", std::nullopt), ""}));
             EXPECT_EQ(image.bytes(), model.bytes());
             EXPECT_TRUE(model.end_of_list());
@@ -565,12 +565,12 @@ TEST(set_env, AcceptsAValueThatPointsIntoTheImage) {
 }
 
 TEST(set_env, StaysInsideTheImageIfDeletionMovesTheValue) {
-    for (const Fence fence : fences) {
+    for (const GuardPage guard : guards) {
         for (const char *name : {"a", "b", "c", "new"}) {
             for (std::size_t at = 0; at < 40; ++at) {
                 const CurrentImage image(
                     EnvironmentImage({"a=first value", "b=22", "c=last value"}, '\0').bytes(),
-                    fence);
+                    guard);
                 // Regardless of the value that results, the list and its CRC are valid.
                 EXPECT_EQ(set(name, image.data() + at), (Outcome{0, ""}));
                 EXPECT_NE(get_env(name), nullptr);
@@ -618,13 +618,13 @@ TEST(print_env, ReturnsTheOffsetOfTheEmptyEntry) {
 }
 
 TEST(print_env, StopsAtTheEndOfTheImage) {
-    for (const Fence fence : fences) {
-        const CurrentImage erased(EnvironmentImage::of_data("").bytes(), fence);
+    for (const GuardPage guard : guards) {
+        const CurrentImage erased(EnvironmentImage::of_data("").bytes(), guard);
         EXPECT_EQ(printed(), (Outcome{CORVEL_ENV_DATA_SIZE,
                                       std::string(CORVEL_ENV_DATA_SIZE, '\xFF') + "\n"}));
-        const CurrentImage one_nul(ending_with("end=v\0"s).bytes(), fence);
+        const CurrentImage one_nul(ending_with("end=v\0"s).bytes(), guard);
         EXPECT_EQ(printed().result, CORVEL_ENV_DATA_SIZE);
-        const CurrentImage two_nuls(ending_with("end=v\0\0"s).bytes(), fence);
+        const CurrentImage two_nuls(ending_with("end=v\0\0"s).bytes(), guard);
         EXPECT_EQ(printed().result, CORVEL_ENV_DATA_SIZE - 1);
     }
 }
@@ -705,9 +705,9 @@ TEST(AnyImage, IsSearchedEditedAndPrintedWithinItsBounds) {
                                                                       {"ab", long_value.c_str()}};
     int number = 0;
     for (const std::string &data : contents_of_flash()) {
-        const Fence fence = fences[static_cast<std::size_t>(number) % 2];
+        const GuardPage guard = guards[static_cast<std::size_t>(number) % 2];
         EnvironmentImage model = EnvironmentImage::of_data(data, 0x5A5A5A5A);
-        const CurrentImage image(model.bytes(), fence);
+        const CurrentImage image(model.bytes(), guard);
         EXPECT_EQ(image.load_result(), CORVEL_ENV_BAD_CRC);
         EXPECT_EQ(image.load_output(), bad_crc);
         for (const auto &[name, value] : edits) {
@@ -755,7 +755,7 @@ class RandomEdits : public testing::TestWithParam<unsigned> {};
 TEST_P(RandomEdits, AgreeWithTheModelByteForByte) {
     std::mt19937 random(GetParam());
     EnvironmentImage model({"bootparam=0"}, static_cast<char>(random()));
-    const CurrentImage image(model.bytes(), fences[GetParam() % 2]);
+    const CurrentImage image(model.bytes(), guards[GetParam() % 2]);
     int overflows = 0;
     for (int step = 0; step < 2000; ++step) {
         const auto &[name, value] = random_edit(random);

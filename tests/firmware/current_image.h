@@ -5,7 +5,7 @@
 
 #include <corvel.h>
 
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/output_capture.h"
 
 #include <cstddef>
@@ -23,8 +23,8 @@ inline std::string_view memory_image() {
 /** An environment image next to an inaccessible page, made current with set_env_ptr(). */
 class CurrentImage {
   public:
-    explicit CurrentImage(std::string_view bytes, Fence fence = Fence::after)
-        : block_(bytes, fence) {
+    explicit CurrentImage(std::string_view bytes, GuardPage guard = GuardPage::after)
+        : block_(bytes, guard) {
         load_output_ = capture_stdout([this] { load_result_ = set_env_ptr(block_.start()); });
     }
 

@@ -7,7 +7,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/descriptors.h"
 #include "tests/support/golden_files.h"
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/kill_points.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/stand_in.h"
@@ -67,8 +67,8 @@ Record record_of(const img_info &info, const char *image) {
 }
 
 /** Parses an image that ends or begins at an inaccessible page. */
-Parsed parse(std::string_view image, Fence fence = Fence::after) {
-    const GuardedBlock block(image, fence);
+Parsed parse(std::string_view image, GuardPage guard = GuardPage::after) {
+    const GuardedBlock block(image, guard);
     const std::string untouched(sizeof(img_info), '\x5A');
     const GuardedBlock array(std::string(records_size, '\x5A'));
     auto *const records = static_cast<img_info *>(static_cast<void *>(array.start()));
@@ -122,9 +122,10 @@ std::string text_of(const Parsed &parsed) {
 }
 
 /** Whether the result is that of the model, and all records are inside the image. */
-testing::AssertionResult agrees_with_model(std::string_view image, Fence fence = Fence::after,
+testing::AssertionResult agrees_with_model(std::string_view image,
+                                           GuardPage guard = GuardPage::after,
                                            std::uint32_t shift = 2) {
-    const Parsed parsed = parse(image, fence);
+    const Parsed parsed = parse(image, guard);
     const Expected expected = expected_of(image, shift);
     const int count =
         expected.code == CORVEL_IMAGE_ACCEPTED ? static_cast<int>(expected.records.size()) : 0;
@@ -241,7 +242,7 @@ TEST(parse_firmware, ChoosesTheIdleSet) {
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{4, 5, CORVEL_NOT_WRITTEN}));
         write_environment({"bootparam=1"});
         EXPECT_EQ(devices(image), (std::vector<std::uint32_t>{2, 3, CORVEL_NOT_WRITTEN}));
-        EXPECT_TRUE(agrees_with_model(image, Fence::after, 0));
+        EXPECT_TRUE(agrees_with_model(image, GuardPage::after, 0));
     });
 }
 
@@ -664,7 +665,7 @@ TEST(parse_firmware, AgreesWithTheModelOnImagesOfUpToFortyBytes) {
                     ASSERT_TRUE(agrees_with_model(image));
                     if (size >= 12)
                         image[at_mtd_id + 3] = '\xFF';
-                    ASSERT_TRUE(agrees_with_model(image, Fence::before));
+                    ASSERT_TRUE(agrees_with_model(image, GuardPage::before));
                 }
             }
             ASSERT_TRUE(agrees_with_model(std::string(size, '\xFF')));
@@ -680,7 +681,7 @@ TEST(parse_firmware, AgreesWithTheModelOnAnImageTruncatedAtEveryByte) {
         for (std::size_t size = 0; size < image.size(); ++size) {
             const std::string truncated = image.substr(0, size);
             EXPECT_TRUE(agrees_with_model(truncated)) << size;
-            EXPECT_TRUE(agrees_with_model(truncated, Fence::before)) << size;
+            EXPECT_TRUE(agrees_with_model(truncated, GuardPage::before)) << size;
             covered.add(truncated);
         }
         EXPECT_GT(covered.of(CORVEL_IMAGE_SECTION_PAST_END), 0);
@@ -794,7 +795,8 @@ TEST(parse_firmware, AgreesWithTheModelOnRandomImages) {
                 image += version_section(std::string(random() % 9, 'v'));
             if (image.size() >= 4 && random() % 4 != 0)
                 image = with_crc(image);
-            ASSERT_TRUE(agrees_with_model(image, i % 2 == 0 ? Fence::after : Fence::before)) << i;
+            ASSERT_TRUE(agrees_with_model(image, i % 2 == 0 ? GuardPage::after : GuardPage::before))
+                << i;
             covered.add(image);
         }
         EXPECT_TRUE(covered.all());

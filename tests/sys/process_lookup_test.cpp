@@ -3,7 +3,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/descriptors.h"
-#include "tests/support/guarded_block.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/named_process.h"
 #include "tests/support/next_definition.h"
 #include "tests/support/output_capture.h"
