@@ -19,24 +19,8 @@ namespace {
 using Bytes = std::span<const unsigned char>;
 
 /// The first `length` bytes of a block, or all if there are fewer.
-Bytes first_bytes(Bytes block, std::size_t length) {
-    return block.first(at_most(length, block.size()));
-}
-
-/// The sum of a block's bytes, modulo 256. In runs of a fixed length, the compiler uses vector
-/// instructions where the processor has them: on x86-64 that is five times as fast as one loop over
-/// all bytes. On the board it is as fast, with 6.2 instead of 6.0 instructions a byte.
-unsigned char sum_of(Bytes bytes) {
-    constexpr std::size_t run_length = 64;
-    unsigned int sum = 0;
-    while (bytes.size() >= run_length) {
-        for (const unsigned char byte : bytes.first<run_length>())
-            sum += byte;
-        bytes = bytes.subspan(run_length);
-    }
-    for (const unsigned char byte : bytes)
-        sum += byte;
-    return static_cast<unsigned char>(sum);
+Bytes first_bytes(Bytes block, std::uint64_t length) {
+    return length < block.size() ? block.first(static_cast<std::size_t>(length)) : block;
 }
 
 /// The part of a section that is written to flash: `size` as the header states it, and `bytes`, as
@@ -46,15 +30,9 @@ struct Content {
     Bytes bytes;
 };
 
-/// The size of a stripped section wraps at 32 bits, that of a whole section does not: it would be
-/// less than the size of its own header.
 Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_entry &row) {
-    if (row.strip_header == 1) {
-        const std::uint32_t size = header.len - 1 - header.pad;
-        return {size, first_bytes(section.subspan(header_size), size)};
-    }
-    const std::uint64_t size = std::uint64_t{header.len} + header_size;
-    return {size, size < section.size() ? section.first(static_cast<std::size_t>(size)) : section};
+    const std::uint64_t size = written_size(header.len, header.pad, row);
+    return {size, first_bytes(is_stripped(row) ? section.subspan(header_size) : section, size)};
 }
 
 /// Checks a section's sum and size. Not for sections whose `mtd_id` exempts them.

@@ -10,22 +10,23 @@ namespace {
 
 /// Whether the partitions from the boot loader to ART cover the 16 MiB of flash without gaps.
 constexpr bool partitions_tile_the_flash() {
+    constexpr std::uint32_t flash_size = 0x1000000;
     std::uint32_t offset = 0;
     for (const sign_tbl_entry &row : sign_tbl) {
-        if (row.mtd_id == no_partition)
+        if (is_version(row))
             break;
         if (row.flash_offset != offset)
             return false;
         offset += row.max_size;
     }
-    return offset == 0x1000000;
+    return offset == flash_size;
 }
 
 static_assert(partitions_tile_the_flash());
 
 } // namespace
 
-const sign_tbl_entry *find_partition(const unsigned char *signature) {
+const sign_tbl_entry *find_partition(const void *signature) {
     for (const sign_tbl_entry &row : sign_tbl)
         if (std::memcmp(row.signature, signature, row.sign_len) == 0)
             return &row;

@@ -3,8 +3,10 @@
 
 #include <corvel.h>
 
+#include <cinttypes>
 #include <filesystem>
 
+#include "firmware/image_format.h"
 #include "support/big_endian.h"
 #include "tools/failure.h"
 #include "tools/image_layout.h"
@@ -64,16 +66,14 @@ class Builder {
     void append(const ManifestSection &section) {
         const Bytes content = content_of(section);
         const std::size_t padding = section.padding.value_or(0);
-        // The padding is followed by the checksum or, in a version section, by the CRC.
-        const std::size_t length =
-            content.size() + padding + (is_version(*section.partition) ? crc_size : 1);
-        check_size(section, content.size(), length);
+        const std::size_t length = content.size() + padding + trailer_size(*section.partition);
+        check_size(section, length);
 
         append_header(section, static_cast<std::uint32_t>(length));
         image_.insert(image_.end(), content.begin(), content.end());
         image_.resize(image_.size() + padding);
         if (!is_version(*section.partition))
-            image_.push_back(static_cast<unsigned char>(-sum_of(content)));
+            image_.push_back(checksum_of(content));
     }
 
     [[nodiscard]] Bytes content_of(const ManifestSection &section) {
@@ -91,14 +91,13 @@ class Builder {
         return std::move(file.content);
     }
 
-    /// `content` is the size of the file or text, `length` the size of the whole payload.
-    void check_size(const ManifestSection &section, std::size_t content, std::size_t length) const {
+    /// `length` is the size of the whole payload.
+    void check_size(const ManifestSection &section, std::size_t length) const {
         const sign_tbl_entry &partition = *section.partition;
-        const bool whole = partition.strip_header == 0;
-        const std::size_t size = whole ? header_size + length : content;
+        const std::uint64_t size = written_size(length, section.padding.value_or(0), partition);
         if (size > partition.max_size)
-            refuse(section, format("%zu bytes%s, %zu more than the %u bytes of %s", size,
-                                   whole ? " with header and trailer" : "",
+            refuse(section, format("%" PRIu64 " bytes%s, %" PRIu64 " more than the %u bytes of %s",
+                                   size, is_stripped(partition) ? "" : " with header and trailer",
                                    size - partition.max_size, partition.max_size,
                                    is_version(partition) ? "a version section" : "the partition"));
         if (image_.size() + header_size + length > image_size_limit)
@@ -107,12 +106,11 @@ class Builder {
     }
 
     void append_header(const ManifestSection &section, std::uint32_t length) {
-        const std::string_view signature = section.partition->signature;
-        image_.insert(image_.end(), signature.begin(), signature.end());
-        append_word(section.burn_address.value_or(0));
-        append_word(section.mtd_id.value_or(section.partition->mtd_id));
-        append_word(section.padding.value_or(0));
-        append_word(length);
+        image_.resize(image_.size() + header_size);
+        store_header(std::span(image_).last<header_size>(),
+                     {section.partition->signature, section.burn_address.value_or(0),
+                      section.mtd_id.value_or(section.partition->mtd_id),
+                      section.padding.value_or(0), length});
     }
 
     void append_word(std::uint32_t word) {

@@ -6,6 +6,7 @@
 
 #include "firmware/boot_parameter.h"
 #include "firmware/firmware_parser.h"
+#include "firmware/image_format.h"
 #include "support/big_endian.h"
 #include "tools/image_layout.h"
 #include "tools/text_format.h"
@@ -100,7 +101,8 @@ class Walk {
         ImageSection section{};
         section.number = ++count_;
         section.offset = offset_;
-        section.signature.assign(header.signature, header.signature + CORVEL_SIGNATURE_SIZE);
+        section.signature.assign(static_cast<const char *>(header.signature),
+                                 CORVEL_SIGNATURE_SIZE);
         section.burn_address = header.burnaddr;
         section.mtd_id = header.mtd_id;
         section.padding = header.pad;
@@ -156,7 +158,8 @@ class Walk {
     void check_payload(ImageSection &section, Image payload) {
         const unsigned char sum = sum_of(payload);
         section.checksum = sum == 0 ? ImageSection::Checksum::good : ImageSection::Checksum::bad;
-        const std::uint32_t size = size_of_content(section);
+        const auto size = static_cast<std::uint32_t>(
+            written_size(section.length, section.padding, *section.partition));
         const std::uint32_t most = section.partition->max_size;
         if (sum != 0)
             refuse(CORVEL_IMAGE_BAD_CHECKSUM,
@@ -176,15 +179,8 @@ class Walk {
                                              most, most, section.partition->name, size, size));
     }
 
-    /// The number of bytes written, modulo 2^32 as on the device.
-    static std::uint32_t size_of_content(const ImageSection &section) {
-        return section.partition->strip_header != 0
-                   ? section.length - 1 - section.padding
-                   : section.length + static_cast<std::uint32_t>(header_size);
-    }
-
     static bool padding_is_too_long(const ImageSection &section) {
-        return section.partition->strip_header != 0 && section.padding >= section.length;
+        return is_stripped(*section.partition) && section.padding >= section.length;
     }
 
     static std::string name_of(const ImageSection &section) {

@@ -8,6 +8,7 @@
 // is not part of the result; messages to the system log are discarded.
 #include "bench/firmware/zlib.h"
 #include "bench/harness.h"
+#include "firmware/image_format.h"
 
 #include <corvel.h>
 
@@ -21,52 +22,50 @@ namespace {
 using Image = std::vector<unsigned char>;
 using Bytes = std::span<const unsigned char>;
 
-constexpr std::size_t header_size = 20;
-constexpr std::size_t version_size = 0x5c;
-constexpr std::size_t crc_size = 4;
+constexpr std::size_t crc_size = corvel::crc_size;
+constexpr std::size_t header_size = corvel::header_size;
+constexpr const corvel::sign_tbl_entry &version = corvel::sign_tbl.back();
+constexpr std::size_t version_size = version.max_size;
 
-void append_word(Image &image, std::size_t word) {
-    for (const int shift : {24, 16, 8, 0})
-        image.push_back(static_cast<unsigned char>(word >> shift));
-}
-
-void append_header(Image &image, std::string_view signature, std::size_t mtd_id, std::size_t pad,
+void append_header(Image &image, const corvel::sign_tbl_entry &partition, std::size_t pad,
                    std::size_t length) {
-    image.insert(image.end(), signature.begin(), signature.end());
-    append_word(image, 0);
-    append_word(image, mtd_id);
-    append_word(image, pad);
-    append_word(image, length);
+    image.resize(image.size() + header_size);
+    corvel::store_header(std::span(image).last<header_size>(),
+                         {partition.signature, 0, partition.mtd_id, static_cast<std::uint32_t>(pad),
+                          static_cast<std::uint32_t>(length)});
 }
 
-unsigned char sum_of(Bytes bytes) {
+unsigned char plain_sum(Bytes bytes) {
     unsigned char sum = 0;
     for (const unsigned char byte : bytes)
         sum = static_cast<unsigned char>(sum + byte);
     return sum;
 }
 
-/// A section with random data of the partition's size, padding and a checksum byte.
-void append_section(Image &image, std::string_view signature, std::size_t length,
-                    std::size_t partition_size) {
+/// A section with random data of at most the partition's size, padding and a checksum.
+void append_section(Image &image, const corvel::sign_tbl_entry &partition, std::size_t length) {
     static std::mt19937 generator(1);
-    append_header(image, signature, 0, length - 1 - std::min(length - 1, partition_size), length);
+    const std::size_t filled = length - corvel::checksum_size;
+    append_header(image, partition, filled - std::min<std::size_t>(filled, partition.max_size),
+                  length);
     const std::size_t payload = image.size();
-    while (image.size() < payload + length - 1)
+    while (image.size() < payload + filled)
         image.push_back(static_cast<unsigned char>(generator()));
-    image.push_back(static_cast<unsigned char>(-sum_of(Bytes(image).subspan(payload))));
+    image.push_back(corvel::checksum_of(Bytes(image).subspan(payload)));
 }
 
 Image make_image(std::size_t size) {
     const std::size_t payloads = size - 3 * header_size - version_size;
     const std::size_t root = payloads / 20 * 9;
     Image image;
-    append_section(image, "root", root, 0x650000);
-    append_section(image, "rfs1", root, 0x650000);
-    append_section(image, "kern", payloads - 2 * root, 0x100000);
-    append_header(image, "Ver0", CORVEL_NOT_WRITTEN, 0, version_size - header_size);
+    append_section(image, corvel::sign_tbl[corvel::root_a_row], root);
+    append_section(image, corvel::sign_tbl[corvel::root_b_row], root);
+    append_section(image, corvel::sign_tbl[corvel::kernel_a_row], payloads - 2 * root);
+    append_header(image, version, 0, version_size - header_size);
     image.resize(size - crc_size, '1');
-    append_word(image, bench::zlib_crc32(image));
+    const std::uint32_t crc = bench::zlib_crc32(image);
+    image.resize(size);
+    corvel::store_big_endian(std::span(image).last<crc_size>(), crc);
     return image;
 }
 
@@ -89,7 +88,7 @@ void sum_and_zlib(benchmark::State &state) {
     const Bytes payloads = Bytes(image).first(image.size() - version_size);
     const Bytes checked = Bytes(image).first(image.size() - crc_size);
     bench::measure(state, [payloads, checked] {
-        benchmark::DoNotOptimize(sum_of(payloads));
+        benchmark::DoNotOptimize(plain_sum(payloads));
         benchmark::DoNotOptimize(bench::zlib_crc32(checked));
     });
     state.SetBytesProcessed(state.iterations() * state.range(0) * 1024);
