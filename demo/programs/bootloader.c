@@ -13,9 +13,9 @@
 static void print_with_root(FILE *file, const char *line, unsigned int partition) {
     static const char key[] = "root=";
     const char *root = strstr(line, key);
-    const char *behind = root ? strchrnul(root, ' ') : line;
+    const char *rest = root ? strchrnul(root, ' ') : line;
     const int before = root ? (int)(root - line) : 0;
-    fprintf(file, "%.*s%s31:%u %s\n", before, line, key, partition, behind + (*behind == ' '));
+    fprintf(file, "%.*s%s31:%u %s\n", before, line, key, partition, rest + (*rest == ' '));
 }
 
 int main(void) {

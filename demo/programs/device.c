@@ -132,7 +132,7 @@ static void save(const prop_table *request) {
     save_config();
 }
 
-static void answer_post(void) {
+static void handle_post(void) {
     prop_table request = read_request();
     load();
     if (take(&request) == 0)
@@ -147,7 +147,7 @@ static void answer_post(void) {
     free_table(&request);
 }
 
-static void answer_get(void) {
+static void handle_get(void) {
     load();
     if (isajax_get()) {
         show_json();
@@ -160,8 +160,8 @@ static void answer_get(void) {
 
 int main(void) {
     if (accept_request())
-        answer_post();
+        handle_post();
     else
-        answer_get();
+        handle_get();
     return EXIT_SUCCESS;
 }

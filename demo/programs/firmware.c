@@ -62,6 +62,14 @@ static partition find_partition(unsigned int number) {
     return found;
 }
 
+unsigned int set_partition(int set, unsigned int which) {
+    static const char *const signatures[][2] = {
+        [set_a] = {"root", "kern"},
+        [set_b] = {"rfs1", "knl1"},
+    };
+    return (unsigned int)get_tbl_ids(get_tbl_id((const unsigned char *)signatures[set][which]));
+}
+
 int open_partition(unsigned int number) {
     char path[32];
     snprintf(path, sizeof path, "/dev/mtdblock%u", number);
@@ -127,7 +135,7 @@ boot_state read_boot_state(void) {
 
 /* True if env_image_mem is a list of variables. */
 static int is_variable_list(void) {
-    const unsigned char *entry = env_image_mem + 4;
+    const unsigned char *entry = env_image_mem + CORVEL_ENV_SIZE - CORVEL_ENV_DATA_SIZE;
     const unsigned char *end = env_image_mem + sizeof env_image_mem;
     if (!*entry)
         return 0;

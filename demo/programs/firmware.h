@@ -35,9 +35,7 @@ enum {
 
 /** Returns the number of a set's partition. @p which is 0 for the root file system, 1 for the
  * kernel. */
-static inline unsigned int set_partition(int set, unsigned int which) {
-    return (set == set_a ? 2U : 4U) + which;
-}
+unsigned int set_partition(int set, unsigned int which);
 
 /** Returns a set's letter; an empty string for -1, an unknown set. */
 static inline const char *set_letter(int set) {

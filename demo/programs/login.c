@@ -19,7 +19,7 @@ static void show(const char *status, const char *message, const char *user, cons
     print_page(status, "login", "Log in", &fields);
 }
 
-static const char *page_behind(const prop_table *request) {
+static const char *next_page(const prop_table *request) {
     const char *next = find_field("next", request);
     return next && is_local_path(next) ? next : "/cgi-bin/status";
 }
@@ -32,11 +32,11 @@ static void welcome(const char *user, const char *next) {
     send_trap(text);
 }
 
-static void answer_post(void) {
+static void handle_post(void) {
     setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of the password */
     prop_table request = read_request();
     const char *user = find_field("user", &request);
-    const char *next = page_behind(&request);
+    const char *next = next_page(&request);
     switch (check_password(user, find_field("password", &request), "login refused")) {
     case password_right:
         welcome(user, next);
@@ -55,10 +55,10 @@ static void answer_post(void) {
 
 int main(void) {
     if (accept_stranger()) {
-        answer_post();
+        handle_post();
     } else {
         prop_table request = read_request();
-        show("200 OK", "", "", page_behind(&request));
+        show("200 OK", "", "", next_page(&request));
         free_table(&request);
     }
     return EXIT_SUCCESS;

@@ -386,7 +386,7 @@ bool save(Settings &settings) {
     return good;
 }
 
-void answer_post() {
+void handle_post() {
     const Table request(read_request());
     std::optional<SettingsLock> lock(LOCK_EX);
     Settings settings;
@@ -410,7 +410,7 @@ Settings read_settings() {
     return {};
 }
 
-void answer_get() {
+void handle_get() {
     const Settings settings = read_settings();
     if (isajax_get())
         return show_json(settings);
@@ -422,7 +422,7 @@ void answer_get() {
 
 int main() {
     if (accept_request())
-        answer_post();
+        handle_post();
     else
-        answer_get();
+        handle_get();
 }

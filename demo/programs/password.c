@@ -54,7 +54,7 @@ static int check(form *sent) {
 
 static void change(const form *sent) {
     char text[trap_size];
-    finish_what_is_begun(); /* an interruption could leave a password file, or old sessions */
+    ignore_disconnection(); /* an interruption could leave a password file, or old sessions */
     if (login_chpwd(session_user(), sent->new) != CORVEL_PASSWORD_CHANGED) {
         show("500 Internal Server Error", "The password could not be changed.", sent);
         return;
@@ -83,7 +83,7 @@ static void change_if_right(form *sent) {
     }
 }
 
-static void answer_post(void) {
+static void handle_post(void) {
     setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of a password */
     prop_table request = read_request();
     form sent = {find_field("old", &request),
@@ -103,7 +103,7 @@ static void answer_post(void) {
 
 int main(void) {
     if (accept_request()) {
-        answer_post();
+        handle_post();
     } else {
         const form nothing = {"", "", "", "", "", ""};
         prop_table request = read_request();

@@ -32,15 +32,15 @@ typedef struct session {
 
 /* The files. All names are relative to the directory, and only names that are ids are used. */
 
-static int open_folder(void) {
+static int open_directory(void) {
     return open("/run/sessions", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 /* Only one program at a time creates files or removes those of other sessions. */
-static int lock_folder(void) {
-    const int folder = open_folder();
-    flock(folder, LOCK_EX);
-    return folder;
+static int lock_directory(void) {
+    const int directory = open_directory();
+    flock(directory, LOCK_EX);
+    return directory;
 }
 
 static int is_id(const char *text) {
@@ -67,10 +67,10 @@ static int read_user(int file, char user[user_size]) {
 }
 
 /* Reads a session. Removes its file if it has expired or is invalid. */
-static session read_session(int folder, const char *id) {
+static session read_session(int directory, const char *id) {
     session found = {.id = ""};
     struct stat status;
-    const int file = is_id(id) ? openat(folder, id, O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
+    const int file = is_id(id) ? openat(directory, id, O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
     if (file < 0)
         return found;
     if (fstat(file, &status) == 0 && S_ISREG(status.st_mode) && is_alive(&status) &&
@@ -78,22 +78,22 @@ static session read_session(int folder, const char *id) {
         memcpy(found.id, id, sizeof found.id);
         found.used = status.st_mtim;
     } else {
-        unlinkat(folder, id, 0);
+        unlinkat(directory, id, 0);
     }
     close(file);
     return found;
 }
 
 /* Calls a function for each session. */
-static void visit_sessions(int folder, void (*visit)(int folder, const session *each)) {
-    DIR *files = fdopendir(dup(folder));
+static void visit_sessions(int directory, void (*visit)(int directory, const session *each)) {
+    DIR *files = fdopendir(dup(directory));
     if (!files)
         return;
     rewinddir(files);
     for (const struct dirent *file = readdir(files); file; file = readdir(files)) {
-        const session each = read_session(folder, file->d_name);
+        const session each = read_session(directory, file->d_name);
         if (*each.id)
-            visit(folder, &each);
+            visit(directory, &each);
     }
     closedir(files);
 }
@@ -116,14 +116,14 @@ static void read_cookie(const char *cookie, char id[id_length + 1]) {
 static session find_own(void) {
     session found = {.id = ""};
     const char *at = getenv("HTTP_COOKIE");
-    const int folder = open_folder();
+    const int directory = open_directory();
     for (at = at ? at : ""; *at && !*found.id; at += strcspn(at, ";")) {
         char id[id_length + 1];
         at += strspn(at, "; ");
         read_cookie(at, id);
-        found = read_session(folder, id);
+        found = read_session(directory, id);
     }
-    close(folder);
+    close(directory);
     return found;
 }
 
@@ -139,33 +139,33 @@ static session *own_session(void) {
 const char *session_user(void) { return *own_session()->id ? own_session()->user : NULL; }
 
 void extend_session(void) {
-    const int folder = open_folder();
-    utimensat(folder, own_session()->id, NULL, AT_SYMLINK_NOFOLLOW);
-    close(folder);
+    const int directory = open_directory();
+    utimensat(directory, own_session()->id, NULL, AT_SYMLINK_NOFOLLOW);
+    close(directory);
 }
 
-static void remove_own(int folder) {
+static void remove_own(int directory) {
     if (*own_session()->id)
-        unlinkat(folder, own_session()->id, 0);
+        unlinkat(directory, own_session()->id, 0);
     *own_session()->id = '\0';
 }
 
 void end_session(void) {
-    const int folder = open_folder();
-    remove_own(folder);
-    close(folder);
+    const int directory = open_directory();
+    remove_own(directory);
+    close(directory);
     printf("Set-Cookie: session=; Path=/; HttpOnly; SameSite=Strict; Max-Age=0\r\n");
 }
 
-static void remove_other(int folder, const session *each) {
+static void remove_other(int directory, const session *each) {
     if (STRCMP(each->user, own_session()->user) == 0 && STRCMP(each->id, own_session()->id) != 0)
-        unlinkat(folder, each->id, 0);
+        unlinkat(directory, each->id, 0);
 }
 
 void end_other_sessions(void) {
-    const int folder = lock_folder();
-    visit_sessions(folder, remove_other);
-    close(folder);
+    const int directory = lock_directory();
+    visit_sessions(directory, remove_other);
+    close(directory);
 }
 
 /* A new session. */
@@ -177,18 +177,18 @@ static int is_earlier(struct timespec one, struct timespec other) {
     return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
 }
 
-static void count_session(int folder, const session *each) {
-    (void)folder;
+static void count_session(int directory, const session *each) {
+    (void)directory;
     if (session_count++ == 0 || is_earlier(each->used, oldest.used))
         oldest = *each;
 }
 
 /* Repeated logins do not exhaust memory: the least recently used sessions are removed. */
-static void make_room(int folder) {
+static void make_room(int directory) {
     for (;;) {
         session_count = 0;
-        visit_sessions(folder, count_session);
-        if (session_count < most_sessions || unlinkat(folder, oldest.id, 0) != 0)
+        visit_sessions(directory, count_session);
+        if (session_count < most_sessions || unlinkat(directory, oldest.id, 0) != 0)
             return;
     }
 }
@@ -202,25 +202,26 @@ static int make_id(char id[id_length + 1]) {
     return 1;
 }
 
-static int write_session(int folder, const char *id, const char *user) {
-    const int file = openat(folder, id, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+static int write_session(int directory, const char *id, const char *user) {
+    const int file =
+        openat(directory, id, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0)
         return 0;
     const int whole = dprintf(file, "%s\n", user) == (int)strlen(user) + 1;
     if (!whole)
-        unlinkat(folder, id, 0);
+        unlinkat(directory, id, 0);
     close(file);
     return whole;
 }
 
 void begin_session(const char *user) {
     char id[id_length + 1];
-    const int folder = lock_folder();
-    remove_own(folder);
-    make_room(folder);
-    if (!make_id(id) || !write_session(folder, id, user))
+    const int directory = lock_directory();
+    remove_own(directory);
+    make_room(directory);
+    if (!make_id(id) || !write_session(directory, id, user))
         refuse("503 Service Unavailable", "The session could not be started.");
-    close(folder);
+    close(directory);
     memcpy(own_session()->id, id, sizeof id);
     safe_strncpy(own_session()->user, user, user_size);
     printf("Set-Cookie: session=%s; Path=/; HttpOnly; SameSite=Strict\r\n", id);

@@ -205,11 +205,11 @@ int lock_settings(int operation) {
     if (lock < 0 || flock(lock, operation) != 0)
         refuse("503 Service Unavailable", "The settings could not be locked.");
     if (operation == LOCK_EX)
-        finish_what_is_begun();
+        ignore_disconnection();
     return lock;
 }
 
-void finish_what_is_begun(void) {
+void ignore_disconnection(void) {
     signal(SIGTERM, SIG_IGN);
     signal(SIGPIPE, SIG_IGN);
 }

@@ -22,9 +22,10 @@ enum {
     /** Bytes of a value that get_prop() returns, including the terminating NUL. */
     value_size = CORVEL_GET_PROP_SIZE,
     /**
-     * The longest value that a form may send, in bytes. The request decoder truncates a word to 255
-     * characters before it decodes it. A byte is encoded by at most three characters, so a
-     * truncated word decodes to 85 bytes or more, and a value within this limit was not truncated.
+     * The longest value that a form may send, in bytes. The request decoder truncates a word to
+     * CORVEL_REQUEST_VALUE_SIZE - 1 characters before it decodes it. A byte is encoded by at most
+     * three characters, so a truncated word decodes to at least a third of that, 85 bytes, and a
+     * value within this limit was not truncated.
      */
     longest_value = 80,
     /** The largest form that is accepted, in bytes. */
@@ -105,7 +106,7 @@ void wipe_table(prop_table *table);
  * one request in several files atomic, and a reader never runs between the removal of a file and
  * the renaming of its copy.
  *
- * With LOCK_EX it also calls finish_what_is_begun().
+ * With LOCK_EX it also calls ignore_disconnection().
  *
  * @return the lock to pass to unlock_settings().
  */
@@ -115,7 +116,7 @@ int lock_settings(int operation);
  * Ignores the signals that the web server sends when the browser closes the connection, so that the
  * program completes its work.
  */
-void finish_what_is_begun(void);
+void ignore_disconnection(void);
 
 /** Releases the lock acquired by lock_settings(). */
 void unlock_settings(int lock);

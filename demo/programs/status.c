@@ -42,7 +42,7 @@ static void read_dns(char text[dns_size]) {
 
 static str_node *system_fields(add_field *add) {
     str_node *fields = NULL;
-    char gateway[16];
+    char gateway[CORVEL_IPV4_SIZE];
     char dns[dns_size];
     char uptime[duration_size];
     read_dns(dns);

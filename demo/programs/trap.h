@@ -30,8 +30,8 @@ enum {
 extern "C" {
 #endif
 
-/** Sends a trap: a string, truncated to 155 characters. Failures are ignored, since the reported
- * event has taken place. */
+/** Sends a trap: a string, truncated to trap_size - 1 characters. Failures are ignored, since the
+ * reported event has taken place. */
 void send_trap(const char *text);
 
 #ifdef __cplusplus

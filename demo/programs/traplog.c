@@ -40,7 +40,7 @@ static void take_text(const message *received, char text[trap_size + 1]) {
             *at = '?';
 }
 
-static void write_down(const char *text) {
+static void append_to_log(const char *text) {
     char moment[trap_time_size] = "";
     const time_t now = time(NULL);
     struct tm local;
@@ -68,7 +68,7 @@ int main(void) {
             return EXIT_FAILURE;
         if (is_trap(&received, length)) {
             take_text(&received, text);
-            write_down(text);
+            append_to_log(text);
         }
     }
 }

@@ -338,7 +338,7 @@ static void restart(void) {
         perror("/sbin/reboot");
 }
 
-static void answer_post(void) {
+static void handle_post(void) {
     prop_table request = read_request();
     const char *asked = find_field("action", &request);
     lock_upgrade();
@@ -355,7 +355,7 @@ static void answer_post(void) {
 
 int main(void) {
     if (accept_request())
-        answer_post();
+        handle_post();
     else if (isajax_get())
         show_json();
     else
