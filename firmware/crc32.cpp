@@ -149,5 +149,5 @@ std::uint32_t crc32_of(std::span<const unsigned char> bytes) {
 } // namespace corvel
 
 extern "C" uint32_t crc32(const unsigned char *data, int length) {
-    return corvel::crc32_of({data, length > 0 ? static_cast<std::size_t>(length) : 0});
+    return corvel::crc32_of({data, corvel::size_from(length)});
 }

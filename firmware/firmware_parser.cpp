@@ -153,7 +153,7 @@ int parse_image(Bytes image, std::uint32_t shift, img_info *records, int &count)
     count = recognised.count;
     if (walked != CORVEL_IMAGE_ACCEPTED)
         return walked;
-    log_records({records, static_cast<std::size_t>(count)});
+    log_records({records, size_from(count)});
     // An image without a known section has not been checked at all.
     if (count == 0)
         return CORVEL_IMAGE_BAD_CRC;
@@ -175,7 +175,7 @@ int parse_firmware(const unsigned char *image, unsigned int total, img_info *rec
 }
 
 int dump_img_info(int count, const img_info *records) {
-    log_records({records, count > 0 ? static_cast<std::size_t>(count) : 0});
+    log_records({records, size_from(count)});
     return 0;
 }
 

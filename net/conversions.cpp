@@ -83,8 +83,7 @@ char *hex2ascii(const char *hex, char *out) {
 }
 
 int str2byte(const char *hex, int len, unsigned char *out) {
-    const std::size_t pairs = len > 0 ? static_cast<std::size_t>(len) / 2 : 0;
-    return parse_hex(text_or_empty(hex), pairs, out) ? 0 : -1;
+    return parse_hex(text_or_empty(hex), size_from(len) / 2, out) ? 0 : -1;
 }
 
 unsigned int ascii2mac(const char *text, unsigned char *mac) {
@@ -134,8 +133,8 @@ char *HexStrip2mac(const char *text, char *out) {
 
 char *get_val_from_file(const char *path, char *out, int size) {
     const std::optional<float> number = first_number(path);
-    if (number && size > 0)
-        std::snprintf(out, static_cast<std::size_t>(size), "%f", static_cast<double>(*number));
+    if (number)
+        std::snprintf(out, size_from(size), "%f", static_cast<double>(*number));
     return out;
 }
 

@@ -172,7 +172,7 @@ char *getHWaddr0(const char *ifname, char *out) {
 
 char *getHWip(const char *ifname, unsigned int selector, char *out, int len) {
     if (len > 0)
-        print_address(text_of(ifname), selector, {out, static_cast<std::size_t>(len)});
+        print_address(text_of(ifname), selector, {out, size_from(len)});
     return out;
 }
 

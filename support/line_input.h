@@ -79,7 +79,7 @@ class LineReader {
             length = read(descriptor_, buffer_ + end_, sizeof buffer_ - end_);
         while (length < 0 && errno == EINTR);
         failed_ = length < 0;
-        end_ += length > 0 ? static_cast<std::size_t>(length) : 0;
+        end_ += size_from(length);
         return length > 0;
     }
 

@@ -7,6 +7,7 @@
 #define CORVEL_SUPPORT_TEXT_H
 
 #include <climits>
+#include <concepts>
 #include <cstddef>
 #include <cstring>
 #include <span>
@@ -31,8 +32,8 @@ inline std::string_view text_of(const char *text, std::size_t size) {
     return {text_or_empty(text), strnlen(text_or_empty(text), size)};
 }
 
-/// A length or count of the interface as a size; a negative one is zero.
-constexpr std::size_t size_from(int length) {
+/// A length or count as a size; a negative one, such as the result of a failed read, is zero.
+constexpr std::size_t size_from(std::signed_integral auto length) {
     return length > 0 ? static_cast<std::size_t>(length) : 0;
 }
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "support/hexadecimal.h"
+#include "support/text.h"
 
 namespace corvel {
 namespace {
@@ -18,9 +19,7 @@ constexpr std::size_t shortened_from = 40;
 
 constexpr std::size_t line_bytes = 16;
 
-Bytes bytes_of(const unsigned char *data, int length) {
-    return {data, length > 0 ? static_cast<std::size_t>(length) : 0};
-}
+Bytes bytes_of(const unsigned char *data, int length) { return {data, size_from(length)}; }
 
 void print_hex(Bytes bytes) {
     for (const unsigned char byte : bytes)

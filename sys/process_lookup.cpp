@@ -39,7 +39,7 @@ using Directory = std::unique_ptr<DIR, DirectoryClose>;
 /// Reads the start of a file, as much as fits the block; empty if nothing can be read.
 std::span<char> start_of(const Descriptor &file, std::span<char> block) {
     const ssize_t length = file ? read_fully(file.get(), block.data(), block.size()) : 0;
-    return block.first(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return block.first(size_from(length));
 }
 
 /// The first line, up to its first NUL if it contains one.
@@ -144,9 +144,7 @@ extern "C" {
 using namespace corvel;
 
 void read_cmdline(char *buf, int size, unsigned int pid) {
-    if (size <= 0)
-        return;
-    const std::string_view line = command_line(pid, {buf, static_cast<std::size_t>(size)});
+    const std::string_view line = command_line(pid, {buf, size_from(size)});
     if (!line.empty())
         buf[line.size()] = '\0';
 }
