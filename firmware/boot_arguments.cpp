@@ -29,19 +29,11 @@ HeapBlock<char> copy_argument(const char *arguments, const char *key) {
     return end != nullptr ? copy_of({value, end}) : nullptr;
 }
 
-/// Reads an environment and makes it current, with the messages of get_rootid(). Returns false if
-/// it cannot be read or its CRC is bad.
+/// Reads an environment and makes it current. On failure, prints the reason and returns false; an
+/// environment with a bad CRC becomes current nevertheless.
 bool load_for_root_id(const char *path) {
-    switch (read_environment_image(path)) {
-    case ImageRead::cannot_open:
-        std::printf("Err: can not open file %s\n", text_or_empty(path));
+    if (!read_environment_image(path, "65536"))
         return false;
-    case ImageRead::too_short:
-        std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(%d)\n", CORVEL_ENV_SIZE);
-        return false;
-    case ImageRead::done:
-        break;
-    }
     if (use_environment_image(env_image_mem))
         return true;
     std::puts("Err: invalid image");

@@ -149,13 +149,16 @@ bool append_variable(DataArea &area, std::string_view name, std::string_view val
 
 } // namespace
 
-ImageRead read_environment_image(const char *path) {
+bool read_environment_image(const char *path, const char *size_text) {
     const Descriptor file = open_environment(path, O_RDONLY);
-    if (!file)
-        return ImageRead::cannot_open;
-    const ssize_t length = read(file.get(), env_image_mem, sizeof env_image_mem);
-    return length == static_cast<ssize_t>(sizeof env_image_mem) ? ImageRead::done
-                                                                : ImageRead::too_short;
+    if (!file) {
+        std::printf("Err: can not open file %s\n", text_or_empty(path));
+        return false;
+    }
+    if (read(file.get(), env_image_mem, CORVEL_ENV_SIZE) == CORVEL_ENV_SIZE)
+        return true;
+    std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(%s)\n", size_text);
+    return false;
 }
 
 bool use_environment_image(void *image) {
@@ -167,16 +170,8 @@ bool use_environment_image(void *image) {
 }
 
 int load_environment(const char *path) {
-    switch (read_environment_image(path)) {
-    case ImageRead::cannot_open:
-        std::printf("Err: can not open file %s\n", text_or_empty(path));
+    if (!read_environment_image(path, "0x10000"))
         return CORVEL_ENV_UNREADABLE;
-    case ImageRead::too_short:
-        std::printf("Err: envimage size is less then CONFIG_ENV_SIZE(0x%04x)\n", CORVEL_ENV_SIZE);
-        return CORVEL_ENV_UNREADABLE;
-    case ImageRead::done:
-        break;
-    }
     return use_environment_image(env_image_mem) ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC;
 }
 

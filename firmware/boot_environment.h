@@ -18,10 +18,9 @@ inline Descriptor open_environment(const char *path, int flags) {
     return Descriptor(descriptor > 0 ? descriptor : -1);
 }
 
-enum class ImageRead { done, cannot_open, too_short };
-
-/// Reads the first bytes of a file into env_image_mem. Does not make the image current.
-ImageRead read_environment_image(const char *path);
+/// Reads the first bytes of a file into env_image_mem. Does not make the image current. On failure,
+/// prints the reason, with the size of an image as `size_text`, and returns false.
+bool read_environment_image(const char *path, const char *size_text);
 
 /// Makes an image current, even if its CRC is bad. Returns whether the CRC is good.
 bool use_environment_image(void *image);

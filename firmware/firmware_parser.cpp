@@ -35,7 +35,7 @@ Content content_of(Bytes section, const SectionHeader &header, const sign_tbl_en
     return {size, first_bytes(is_stripped(row) ? section.subspan(header_size) : section, size)};
 }
 
-/// Checks a section's sum and size. Not for sections whose `mtd_id` exempts them.
+/// Checks a section's sum and size.
 int check_section(Bytes section, std::uint64_t offset, const SectionHeader &header,
                   const sign_tbl_entry &row, std::uint64_t size) {
     if (sum_of(first_bytes(section.subspan(header_size), header.len)) != 0) {
@@ -63,7 +63,7 @@ void fill_record(img_info &record, const SectionHeader &header, const sign_tbl_e
     record.burnAddr = row.mtd_id == 0 ? header.burnaddr : 0;
     record.base_mtd_id = row.mtd_id;
     record.mtd_ids = is_in_set_a(row) ? row.mtd_id + shift : row.mtd_id;
-    std::snprintf(record.mtdev, sizeof record.mtdev, "%s%d", "/dev/mtdblock",
+    std::snprintf(record.mtdev, sizeof record.mtdev, "/dev/mtdblock%d",
                   static_cast<int>(record.mtd_ids));
 }
 
@@ -73,7 +73,7 @@ struct Recognised {
     bool last_is_whole = true; ///< the image contains all bytes of the last one
 };
 
-static_assert(most_sections + 1 == CORVEL_IMAGE_RECORDS);
+static_assert(CORVEL_IMAGE_MAX_SECTIONS + 1 == CORVEL_IMAGE_RECORDS);
 
 /// Goes through the sections of an image and fills a record for each one with a known signature.
 /// There are up to CORVEL_IMAGE_RECORDS records: the last one ends the parsing.
@@ -93,14 +93,14 @@ int walk_sections(Bytes image, std::uint32_t shift, img_info *records, Recognise
         if (row != nullptr) {
             syslog(LOG_INFO, "find firmware (%s)\n", row->name);
             const Content content = content_of(section, header, *row);
-            const int checked = header.mtd_id != no_partition
+            const int checked = is_checked(header.mtd_id)
                                     ? check_section(section, offset, header, *row, content.size)
                                     : CORVEL_IMAGE_ACCEPTED;
             if (checked != CORVEL_IMAGE_ACCEPTED)
                 return checked;
             fill_record(records[recognised.count], header, *row, content.bytes, shift);
             recognised.last_is_whole = content.bytes.size() == content.size;
-            if (std::cmp_greater(++recognised.count, most_sections))
+            if (++recognised.count > CORVEL_IMAGE_MAX_SECTIONS)
                 return CORVEL_IMAGE_TOO_MANY_SECTIONS;
         }
         offset += header_size + header.len;

@@ -79,12 +79,8 @@ inline unsigned char checksum_of(std::span<const unsigned char> bytes) {
 /// A section can announce up to this many payload bytes more than the image contains.
 inline constexpr std::size_t length_margin = 4;
 
-/// The sections with a known signature that an image can have, the version section included.
-inline constexpr std::size_t most_sections = CORVEL_IMAGE_MAX_SECTIONS;
-
-/// A section with this `mtd_id` has no payload checksum and no size limit; a partition with it is
-/// not written anywhere.
-inline constexpr std::uint32_t no_partition = CORVEL_NOT_WRITTEN;
+/// Whether a section with this `mtd_id` in its header has a checksum and a size limit.
+constexpr bool is_checked(std::uint32_t mtd_id) { return mtd_id != CORVEL_NOT_WRITTEN; }
 
 /// One partition of the flash, or the version section.
 struct sign_tbl_entry {
@@ -118,12 +114,12 @@ inline constexpr std::array<sign_tbl_entry, CORVEL_PARTITIONS> sign_tbl = {{
     {"log0", "Log", 6, 4, 1, 0xf0000, 0xef0000, 6},
     {"conf", "Config", 7, 4, 0, 0x10000, 0xfe0000, 7},
     {"artp", "ART", 8, 4, 1, 0x10000, 0xff0000, 8},
-    {"Ver0", "Ver0", 9, 4, 0, 0x5c, 0xffffffff, no_partition},
+    {"Ver0", "Ver0", 9, 4, 0, 0x5c, 0xffffffff, CORVEL_NOT_WRITTEN},
 }};
 
 /// The version section states what the image is; it is written nowhere.
 constexpr bool is_version(const sign_tbl_entry &partition) {
-    return partition.mtd_id == no_partition;
+    return partition.mtd_id == CORVEL_NOT_WRITTEN;
 }
 
 /// Whether only the content of a section is written, without its header, padding and checksum.

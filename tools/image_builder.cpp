@@ -58,9 +58,9 @@ class Builder {
             refuse(section, "has both a file and a text");
         if (!section.file && !section.text)
             refuse(section, version ? "has neither a text nor a file" : "has no file");
-        if (version && section.mtd_id && *section.mtd_id != no_partition)
-            refuse(section,
-                   format("mtd-id must be %u: a version section has no checksum", no_partition));
+        if (version && section.mtd_id && is_checked(*section.mtd_id))
+            refuse(section, format("mtd-id must be %d: a version section has no checksum",
+                                   CORVEL_NOT_WRITTEN));
     }
 
     void append(const ManifestSection &section) {

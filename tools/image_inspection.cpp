@@ -121,7 +121,7 @@ class Walk {
 
     void recognise(ImageSection &section) {
         const Image payload = payload_of(section);
-        if (section.mtd_id != no_partition)
+        if (is_checked(section.mtd_id))
             check_payload(section, payload);
         if (result_ == CORVEL_IMAGE_ACCEPTED && ++recognised_ > CORVEL_IMAGE_MAX_SECTIONS)
             refuse(CORVEL_IMAGE_TOO_MANY_SECTIONS,
@@ -301,8 +301,9 @@ class Walk {
         if (is_version(*section.partition))
             return;
         if (section.checksum == ImageSection::Checksum::none)
-            warn_about_section("unchecked", section,
-                               "mtd_id 255: neither checksum nor size is checked");
+            warn_about_section(
+                "unchecked", section,
+                format("mtd_id %d: neither checksum nor size is checked", CORVEL_NOT_WRITTEN));
         if (section.target->size > section.partition->max_size)
             warn_about_section("too-large", section,
                                format("writes %u bytes, and partition %s holds %u",
