@@ -21,7 +21,7 @@ namespace {
 constexpr int most_attempts = 100;
 constexpr long pause_length = 5;
 
-/// O_NONBLOCK: to open a device must not wait.
+/// O_NONBLOCK: opening a device must not block.
 constexpr int open_flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 /// The owner of the file. Between its removal and the renaming of the copy, that is the copy's
@@ -48,8 +48,7 @@ bool owns_directory(uid_t user, std::string_view path) {
     return stat(directory.data(), &status) == 0 && status.st_uid == user;
 }
 
-/// Creates the lock file. One that root creates belongs to the owner of the file, who can then open
-/// it, too.
+/// Creates the lock file. Root gives it to the owner of the file, who can then open it, too.
 Descriptor create(const FileNames &names) {
     Descriptor file(open(names.lock, open_flags | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR));
     uid_t owner = 0;
@@ -69,15 +68,15 @@ Descriptor open_or_create(const FileNames &names) {
         if (file)
             return file;
         if (errno == EACCES)
-            pause_milliseconds(pause_length); // root may be about to give it away
+            pause_milliseconds(pause_length); // root may be about to change its owner
         else if (errno != EEXIST)
             break;
     }
     return Descriptor(-1);
 }
 
-/// Waits for the lock. False if there is none to be had. Where several threads of two processes
-/// save files, the kernel may report a deadlock where there is none.
+/// Waits for the lock. False if it cannot be taken. If several threads of two processes save files,
+/// the kernel may report a deadlock that does not exist.
 bool wait_for_lock(int file) {
     int deadlocks = 0;
     while (lockf(file, F_LOCK, 0) != 0) {
@@ -104,7 +103,7 @@ LockFile::LockFile(const FileNames &names) : path_(names.lock) {
         if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
             !is_trusted(status.st_uid, names))
             return;
-        // With a second name, it is somebody's data as well.
+        // A file with a second name may contain somebody's data.
         if (status.st_nlink == 1)
             static_cast<void>(ftruncate(file.get(), 0) == 0);
         if (!wait_for_lock(file.get()))

@@ -15,9 +15,9 @@ struct FileNames {
     const char *lock;
 };
 
-/// Whether a user's files take part in keeping writers apart: the effective user, root, the owner
-/// of the file and the owner of its directory. Anybody else's files could be locked by them for as
-/// long as they like.
+/// Whether a lock file or a copy of this user counts: the user is the effective user, root, the
+/// owner of the file or the owner of its directory. Any other user could keep a lock on a file of
+/// theirs for ever.
 bool is_trusted(uid_t user, const FileNames &names);
 
 /// The lock that a writer of a configuration file holds while it rewrites the file: a lockf() lock
@@ -28,8 +28,9 @@ bool is_trusted(uid_t user, const FileNames &names);
 class LockFile {
   public:
     /// Takes the lock, waiting as long as another writer holds it. The lock file is created if it
-    /// is missing and emptied if it has no second name. It counts as one that cannot be opened if
-    /// it is not a regular file or its owner is not trusted. The names must outlive the object.
+    /// is missing and emptied if it has no second name. The lock is not held if the lock file
+    /// cannot be opened, is not a regular file or has an owner who is not trusted. The names must
+    /// outlive the object.
     explicit LockFile(const FileNames &names);
     LockFile(const LockFile &) = delete;
     LockFile &operator=(const LockFile &) = delete;
@@ -41,8 +42,8 @@ class LockFile {
     /// Unlocks and closes the lock file.
     void release();
 
-    /// Releases the lock and then removes the lock file, unless another writer has taken it. A
-    /// lock that was not held removes nothing.
+    /// Releases the lock and then removes the lock file, unless another writer has taken it. Does
+    /// nothing if the lock is not held.
     void release_and_remove();
 
   private:

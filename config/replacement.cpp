@@ -30,11 +30,12 @@ bool is_regular(const char *path) {
     return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// A lock that keeps writers apart. Whoever can read the copy can take it.
+/// Takes the lock that excludes other writers. Any process that can read the copy can take it.
 bool lock(const Descriptor &copy) { return flock(copy.get(), LOCK_EX | LOCK_NB) == 0; }
 
-/// A second lock marks a copy as the work of a living writer. Only who can write to it can take it:
-/// its owner, and those who may change the file as well.
+/// Takes a second lock, which marks the copy as the work of a living writer. Only a process that
+/// can write to the copy can take it: one of its owner, or of a user who may change the file as
+/// well.
 void mark(const Descriptor &copy) {
     struct flock all {};
     all.l_type = F_WRLCK;
@@ -60,7 +61,7 @@ bool copy_owner_and_mode(int copy, int original) {
     struct stat status;
     if (fstat(original, &status) != 0)
         return false;
-    // One that the directory gave it would come into force with the mode.
+    // An access control list inherited from the directory would take effect with the mode.
     static_cast<void>(fremovexattr(copy, access_list) == 0);
     mode_t mode = status.st_mode & 07777;
     bool group_is_kept = true;
@@ -85,8 +86,8 @@ Replacement::Replacement(const FileNames &names, bool holds_lock_file) : names_(
         own.release();
 }
 
-/// Creates and locks the copy, unless a file is at its name or another writer takes the new one for
-/// a left copy before it is locked. A file system without such locks excludes nobody.
+/// Creates, marks and locks the copy. Its name is taken if a file has it, or if another writer
+/// locks or removes the new copy first. A file system without such locks excludes no writer.
 Replacement::Creation Replacement::create() {
     copy_ = Descriptor(
         open(names_.copy, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
@@ -105,8 +106,8 @@ Replacement::Creation Replacement::create() {
     return Creation::done;
 }
 
-/// Removes a copy that nobody has locked. It is locked while it is removed, so that two writers
-/// that find it do not remove each other's.
+/// Removes a copy that no process has locked. It is locked while it is removed, so that two writers
+/// that find it do not remove each other's new copies.
 bool Replacement::remove_unlocked_copy() const {
     if (!is_regular(names_.copy))
         return false;
@@ -116,7 +117,7 @@ bool Replacement::remove_unlocked_copy() const {
            exists(names_.file) && unlink(names_.copy) == 0;
 }
 
-/// Removes what is at the copy's name, unless it is the work of a living writer who is trusted.
+/// Removes the file at the copy's name, unless it is the work of a living writer of a trusted user.
 bool Replacement::remove_strangers_copy() const {
     const Descriptor copy(open(names_.copy, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
@@ -154,7 +155,7 @@ void Replacement::remove_copy() const {
 }
 
 bool Replacement::finish(int original) {
-    // The mode comes last: to write to a file clears its set-id bits.
+    // The mode is set last: writing to a file clears its set-id bits.
     const bool whole = std::fflush(stream_.get()) == 0 && std::ferror(stream_.get()) == 0 &&
                        copy_owner_and_mode(copy_.get(), original);
     finished_ = std::fclose(stream_.release()) == 0 && whole;
@@ -165,7 +166,7 @@ void Replacement::take_place() {
     if (!is_at_its_name())
         return; // another writer has replaced it
     const bool removed = unlink(names_.file) == 0;
-    // Once the file is gone, the copy is all there is.
+    // Once the file is removed, the copy is the only one.
     if (std::rename(names_.copy, names_.file) != 0 && !removed && exists(names_.file))
         remove_copy();
 }

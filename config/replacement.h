@@ -13,16 +13,15 @@ namespace corvel {
 /// A new version of a file, written into a companion of the file, the copy, which then takes the
 /// file's place.
 ///
-/// Each copy is a new file, locked by its maker until it has taken the file's place. The lock keeps
-/// apart those writers that the lock file does not: a writer without the lock file never replaces a
-/// copy that somebody has locked. A writer that holds the lock file waits for half a second. If a
-/// writer that is trusted is still at work then, nothing is saved; if the lock is a stranger's, the
-/// copy is replaced.
+/// Each copy is a new file, which its writer locks until it has taken the file's place. The lock
+/// excludes writers that do not hold the lock file: such a writer never replaces a locked copy. A
+/// writer that holds the lock file waits for up to half a second. If a writer of a trusted user is
+/// still at work then, nothing is saved; if another user holds the lock, the copy is replaced.
 class Replacement {
   public:
-    /// Creates the copy; what a writer that died has left at its name, unless it is a directory, is
-    /// removed first. There is no replacement if another writer is at work on one, or if the file
-    /// has disappeared, so that the copy that is there may be the only one left.
+    /// Creates the copy. What a writer that died left at its name, except a directory, is removed
+    /// first. There is no replacement if another writer is at work on one, or if the file is
+    /// missing, since the existing copy may then be the only one.
     Replacement(const FileNames &names, bool holds_lock_file);
     Replacement(const Replacement &) = delete;
     Replacement &operator=(const Replacement &) = delete;

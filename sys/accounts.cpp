@@ -62,7 +62,7 @@ class ShadowEntry {
     bool exists_;
 };
 
-/// Where no hash can be computed, crypt() returns null or, in some C libraries, a string that is no
+/// If no hash can be computed, crypt() returns null or, in some C libraries, a string that is not a
 /// hash: a locked account's hash must match neither.
 bool is_password(const char *password, const char *hash) {
     const char *const result = crypt(password, hash);
@@ -145,7 +145,7 @@ class PasswordFile {
 
   private:
     /// Another process can create a file of this name between unlink() and open(), hence the
-    /// attempts; one that always wins must not keep the call here for ever.
+    /// attempts. Their number is limited: that process could always be first.
     static Descriptor create() {
         for (int attempt = 0; attempt < 16; ++attempt) {
             if (unlink(password_file) != 0 && errno != ENOENT)

@@ -116,7 +116,7 @@ int first_process_but(std::string_view name, int skipped) {
     HeapBlock<int> processes = find_processes(name);
     const int *process = processes.get();
     if (*process < 1) {
-        static_cast<void>(processes.release()); // never freed, as the header says
+        static_cast<void>(processes.release()); // never freed, as documented
         return 0;
     }
     while (*process == skipped)
