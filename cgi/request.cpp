@@ -17,7 +17,7 @@ namespace {
 /// board.
 constexpr int digit_value(char digit) {
     const int code = static_cast<signed char>(digit);
-    return code < 'A' ? code - '0' : (code & ~0x20) - 55;
+    return code < 'A' ? code - '0' : (code & ~0x20) - 'A' + 10;
 }
 
 constexpr signed char byte_of_digits(char high, char low) {
@@ -148,6 +148,9 @@ WipedBlock read_body() {
     return body;
 }
 
+/// Only this much of get_val_awk()'s buffer is zeroed before it is filled again.
+constexpr std::size_t zeroed_size = 255;
+
 void forget_query() {
     unsetenv("QUERY_STRING");
     unsetenv("HTTP_REFERER");
@@ -265,7 +268,7 @@ char *get_val_awk(const char *command) {
     const Pipe pipe(popen(text_or_empty(command), "r"));
     if (!pipe)
         return first_line.data();
-    std::memset(first_line.data(), 0, 255);
+    std::memset(first_line.data(), 0, zeroed_size);
     std::fgets(first_line.data(), first_line.size(), pipe.get());
     return first_line.data();
 }

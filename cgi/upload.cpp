@@ -27,6 +27,8 @@ constexpr std::size_t largest_tail = 21;
 
 constexpr std::size_t dump_size = 32;
 
+constexpr std::size_t line_ending_size = 2;
+
 /// The bytes from one position of the upload to another.
 constexpr std::string_view between(const char *start, const char *end) {
     return {start, static_cast<std::size_t>(end - start)};
@@ -83,7 +85,7 @@ class PartReader {
             return result;
         content = content_after_headers();
         // The next search starts at the line ending before the boundary.
-        rest_ = between(next_boundary_ - 2, end_);
+        rest_ = between(next_boundary_ - line_ending_size, end_);
         return CORVEL_PART_FILE;
     }
 
@@ -155,9 +157,8 @@ class PartReader {
     /// The content: from after the empty line that follows the last header to before the line
     /// ending that precedes the next boundary.
     [[nodiscard]] std::string_view content_after_headers() const {
-        const std::string_view rest = after(between(cursor_, end_), 4);
-        const auto room = next_boundary_ - rest.data();
-        return front(rest, room > 2 ? static_cast<std::size_t>(room - 2) : 0);
+        const std::string_view rest = after(between(cursor_, end_), 2 * line_ending_size);
+        return front(rest, size_from(next_boundary_ - line_ending_size - rest.data()));
     }
 
     void dump_rest() const {
@@ -171,7 +172,7 @@ class PartReader {
     const char *end_;
     const char *cursor_ = nullptr; ///< The part's boundary, then the end of the last header's line.
     const char *next_boundary_ = nullptr;
-    const char *line_end_; ///< No line ends between the last value and here.
+    const char *line_end_; ///< There is no line ending between the last value and here.
 };
 
 /// Stores a copy of the content in a record. False if memory cannot be allocated.

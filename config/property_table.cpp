@@ -15,6 +15,8 @@ namespace {
 /// that byte is always zero, so that a value of the full size is still NUL-terminated.
 constexpr std::size_t value_size = CORVEL_PROP_VALUE_SIZE;
 
+static_assert(line_limit == CORVEL_LINE_SIZE - 1);
+
 constexpr std::string_view line_prefix = "setenv ";
 
 /// The parts of a line, as views into the line.

@@ -33,7 +33,9 @@ constexpr const char *text_server_name = "dnsmasq";
 constexpr const char *text_lease_file = "/var/config/dnsmasq.leases";
 
 constexpr std::size_t record_size = CORVEL_LEASE_RECORD_SIZE;
-constexpr std::size_t records_at_once = 170; // the most that fit in 4 KiB
+constexpr std::size_t records_at_once = 4096 / record_size;
+constexpr std::size_t at_ip = 16;
+constexpr std::size_t at_expiry = 20;
 using Record = std::span<const unsigned char, record_size>;
 
 constexpr std::size_t word_limit = 31;
@@ -50,9 +52,9 @@ Descriptor open_lease_file(const char *path) {
 void fill_from_record(lease_entry &entry, Record record) {
     print_colon_form(record.first<CORVEL_MAC_BYTES>(),
                      std::span(entry.mac).first<CORVEL_MAC_SIZE>());
-    print_dotted_quad(record.data() + 16, std::span(entry.ip).first<INET_ADDRSTRLEN>());
+    print_dotted_quad(record.data() + at_ip, std::span(entry.ip).first<INET_ADDRSTRLEN>());
     std::snprintf(entry.expires, sizeof entry.expires, "%u",
-                  big_endian_word(record.subspan<20, 4>()));
+                  big_endian_word(record.subspan<at_expiry, 4>()));
 }
 
 /// A slot without a lease has a hardware address of zeros.

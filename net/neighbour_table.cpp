@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <net/if_arp.h>
 #include <optional>
 #include <span>
 
@@ -30,7 +31,7 @@ struct Neighbour {
     std::string_view device;
 
     /// Whether its hardware address is known.
-    [[nodiscard]] bool is_complete() const { return (flags & 2) != 0; }
+    [[nodiscard]] bool is_complete() const { return (flags & ATF_COM) != 0; }
 };
 
 /// Parses IP address, hardware type, flags, hardware address, mask and device. Returns no value if

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <net/route.h>
 #include <optional>
 
 #include "net/conversions.h"
@@ -30,7 +31,9 @@ struct Route {
     std::uint32_t flags;
 
     /// Whether the route is up, uses a gateway and does not lead to a single host.
-    [[nodiscard]] bool leads_to_gateway() const { return (flags & 7) == 3; }
+    [[nodiscard]] bool leads_to_gateway() const {
+        return (flags & (RTF_UP | RTF_GATEWAY | RTF_HOST)) == (RTF_UP | RTF_GATEWAY);
+    }
 };
 
 /// Parses interface, destination, gateway, flags, three numbers, mask and two numbers, and ignores
