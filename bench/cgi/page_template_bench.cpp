@@ -129,7 +129,7 @@ template <Order order> void limit(benchmark::State &state) {
     const std::string path = place_page("page.html", page_text(fields, order, "$", ""));
     bench::measure(state, [&path] {
         const bench::File page(std::fopen(path.c_str(), "r"));
-        char line[1024];
+        char line[CORVEL_LINE_SIZE];
         while (std::fgets(line, sizeof line, page.get()) != nullptr)
             std::fputs(line, stdout);
         std::fflush(stdout);

@@ -82,7 +82,7 @@ void corvel(benchmark::State &state) {
 void copy_lines(const std::string &from, const std::string &to) {
     const bench::File source(std::fopen(from.c_str(), "r"));
     const bench::File copy(std::fopen(to.c_str(), "w"));
-    char line[1024];
+    char line[CORVEL_LINE_SIZE];
     while (std::fgets(line, sizeof line, source.get()) != nullptr)
         std::fputs(line, copy.get());
 }

@@ -3,9 +3,10 @@
 //
 // All sides read the same file and store copies of the name and the value of each line. inih stores
 // nothing itself, so its handler stores a row of two heap copies as load_prop() does, but of the
-// strings' lengths, where load_prop() allocates fixed blocks of 258 bytes: the peer's way is
-// cheaper. libconfuse has its own storage; only its free-form mode accepts undeclared names, as
-// load_prop() does (it reports each unknown name to an error function, which is empty here).
+// strings' lengths, where load_prop() allocates fixed blocks of CORVEL_PROP_VALUE_SIZE + 1 bytes:
+// the peer's way is cheaper. libconfuse has its own storage; only its free-form mode accepts
+// undeclared names, as load_prop() does (it reports each unknown name to an error function, which
+// is empty here).
 #include "bench/harness.h"
 
 #include <corvel.h>

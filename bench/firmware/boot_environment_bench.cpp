@@ -3,10 +3,13 @@
 // each in another random order.
 //
 // Setting a variable removes its entry, which moves the following entries, appends the new entry to
-// the list and computes the CRC of all 65,532 bytes, used or not. The limit does the same with the
-// library's crc32() and a precomputed list of moves: the same moves, copies and CRCs, but no search
-// for a name or for the end of the list. Reading is only a search and costs the limit nothing.
+// the list and computes the CRC of the whole data area, used or not. The limit does the same with
+// the library's crc32() and a precomputed list of moves: the same moves, copies and CRCs, but no
+// search for a name or for the end of the list. Reading is only a search and costs the limit
+// nothing.
 #include "bench/harness.h"
+#include "firmware/environment_format.h"
+#include "support/big_endian.h"
 
 #include <corvel.h>
 
@@ -19,7 +22,7 @@ namespace {
 
 using Image = std::vector<unsigned char>;
 
-constexpr std::size_t crc_size = 4;
+constexpr std::size_t crc_size = corvel::environment_crc_size;
 
 /// The length of every entry, including its NUL.
 constexpr std::size_t entry_size = 28;
@@ -60,8 +63,7 @@ std::vector<std::size_t> random_order(std::size_t count, unsigned int seed) {
 void store_crc(Image &image) {
     const std::uint32_t crc =
         crc32(image.data() + crc_size, static_cast<int>(image.size() - crc_size));
-    for (std::size_t i = 0; i < crc_size; ++i)
-        image[i] = static_cast<unsigned char>(crc >> (24 - 8 * i));
+    corvel::store_big_endian(std::span(image).first<crc_size>(), crc);
 }
 
 /// An image with the initial values of all variables.
@@ -69,7 +71,7 @@ Image make_image(std::size_t count) {
     std::string entries;
     for (std::size_t i = 0; i < count; ++i)
         entries += name_of_variable(i) + '=' + value_of_variable("20.0", i) + '\0';
-    bench::require(entries.size() == count * entry_size && entries.size() < CORVEL_ENV_SIZE - 5,
+    bench::require(entries.size() == count * entry_size && entries.size() < CORVEL_ENV_DATA_SIZE,
                    "the variables have the wrong length");
     Image image(CORVEL_ENV_SIZE);
     std::copy(entries.begin(), entries.end(), image.begin() + crc_size);

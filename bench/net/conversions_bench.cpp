@@ -8,18 +8,19 @@
 #include <corvel.h>
 
 #include <array>
+#include <climits>
 #include <random>
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-constexpr std::size_t mac_size = 6;
-constexpr std::size_t colon_form_size = 18;
+constexpr std::size_t mac_size = CORVEL_MAC_BYTES;
+constexpr std::size_t colon_form_size = CORVEL_MAC_SIZE;
 constexpr char digits[] = "0123456789ABCDEF";
 
-constexpr std::array<signed char, 256> values = [] {
-    std::array<signed char, 256> table{};
+constexpr std::array<signed char, UCHAR_MAX + 1> values = [] {
+    std::array<signed char, UCHAR_MAX + 1> table{};
     table.fill(-1);
     for (signed char value = 0; value < 16; ++value) {
         const auto digit = static_cast<unsigned char>(digits[value]);
@@ -169,7 +170,7 @@ constexpr MacFunctions limit_macs = {loop_to_stripped, table_to_mac, table_to_co
 template <const MacFunctions &functions> const char *convert(const std::vector<std::string> &macs) {
     const char *text = "";
     for (const std::string &mac : macs) {
-        std::array<char, 13> stripped;
+        std::array<char, CORVEL_MAC_STRIPPED_SIZE> stripped;
         std::array<unsigned char, mac_size> bytes;
         functions.to_stripped(mac.c_str(), stripped.data());
         benchmark::DoNotOptimize(functions.to_mac(stripped.data(), bytes.data()));

@@ -16,10 +16,10 @@
 
 namespace {
 
-constexpr std::size_t record_size = 24;
+constexpr std::size_t record_size = CORVEL_LEASE_RECORD_SIZE;
 
 std::string mac_of_lease(std::size_t i) {
-    char mac[18];
+    char mac[CORVEL_MAC_SIZE];
     std::snprintf(mac, sizeof mac, "02:1a:2b:%02zx:%02zx:%02zx", i >> 16 & 255, i >> 8 & 255,
                   i & 255);
     return mac;
@@ -82,17 +82,17 @@ template <Place place, Reader read> void corvel(benchmark::State &state) {
 
 /// The fields of one lease as strings.
 struct Texts {
-    char ip[128];
-    char mac[32];
-    char expires[16];
-    char hostname[128];
+    char ip[CORVEL_LEASE_IP_SIZE];
+    char mac[CORVEL_LEASE_MAC_SIZE];
+    char expires[CORVEL_LEASE_EXPIRES_SIZE];
+    char hostname[CORVEL_LEASE_HOST_SIZE];
 };
 
 std::size_t scan_text(const std::string &path) {
     const bench::File file(std::fopen(path.c_str(), "r"));
     const std::time_t now = std::time(nullptr);
     Texts lease;
-    char line[1024];
+    char line[CORVEL_LINE_SIZE];
     char expiry[32];
     char identifier[32];
     std::size_t leases = 0;
