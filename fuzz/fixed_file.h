@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** A stand-in for open() that replaces files whose paths are fixed in the library. */
+/** A replacement for open(), for files whose paths are fixed in the library. */
 #ifndef CORVEL_FUZZ_FIXED_FILE_H
 #define CORVEL_FUZZ_FIXED_FILE_H
 

@@ -217,6 +217,16 @@ std::string lower_case(std::string text) {
     return text;
 }
 
+std::string stripped_mac(std::string_view mac) {
+    std::string text;
+    for (std::size_t i = 0; i < CORVEL_MAC_SIZE - 1 && i < mac.size(); ++i) {
+        const bool lower = mac[i] >= 'a' && mac[i] <= 'z';
+        if (i % 3 != 2)
+            text += lower ? static_cast<char>(mac[i] - 'a' + 'A') : mac[i];
+    }
+    return text;
+}
+
 std::string dotted_quad(std::string_view address) {
     std::string text;
     for (const char c : address)

@@ -4,6 +4,8 @@
 #ifndef CORVEL_FUZZ_HARNESS_H
 #define CORVEL_FUZZ_HARNESS_H
 
+#include <corvel.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -48,7 +50,7 @@ class Input {
     std::string_view left_;
 };
 
-/** The number of repetitions that a byte of the input stands for: 0 to 127, then up to 4096 in
+/** The number of repetitions that a byte of the input represents: 0 to 127, then up to 4096 in
  * steps of 32. Makes strings possible that are longer than the limits of the library. */
 std::size_t run_length(unsigned char byte);
 
@@ -82,6 +84,9 @@ std::string hexadecimal(std::string_view bytes, std::string_view separator = "")
 
 std::string lower_case(std::string text);
 
+/** A hardware address in stripped form, without terminator; shorter for a shorter string. */
+std::string stripped_mac(std::string_view mac);
+
 /** The bytes of an IPv4 address in network byte order as decimal numbers with dots. */
 std::string dotted_quad(std::string_view address);
 
@@ -98,7 +103,7 @@ struct Piece {
 };
 
 /** The results of reading a file line by line, at most @p longest characters at a time. */
-std::vector<Piece> pieces_of(std::string_view file, std::size_t longest = 1023);
+std::vector<Piece> pieces_of(std::string_view file, std::size_t longest = CORVEL_LINE_SIZE - 1);
 
 /** An unnamed file in memory, accessible through a path in /proc. */
 class MemoryFile {

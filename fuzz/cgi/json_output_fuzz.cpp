@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// JSON output against the same bytes put together on std::string.
+// JSON output against the same bytes, concatenated in a std::string.
 //
 // Input: a byte (how many pairs), the section's name NUL, then name NUL value NUL of each pair.
 #include "corvel.h"
@@ -30,7 +30,7 @@ std::string json_of(const Pairs &pairs) {
     return text;
 }
 
-/** The document in which a list prints; an empty list leaves a blank line inside the braces. */
+/** The document with a list; the braces of an empty list contain an empty line. */
 std::string document_of(const std::string &section, const Pairs &pairs) {
     return "{\n\t\"" + section + "\": [\n\t{\n" + json_of(pairs) + "\n\t}\n\t]\n}";
 }
@@ -50,7 +50,7 @@ void check_list(const std::string &section, Pairs pairs) {
     free_list(&list);
 }
 
-/** Rows as a caller may build them: values of any length, in blocks of just their size. */
+/** Rows as a caller may build them: values of any length, in blocks of exactly their size. */
 void check_table(const Pairs &pairs) {
     std::vector<std::unique_ptr<char[]>> names;
     std::vector<std::unique_ptr<char[]>> values;
@@ -69,7 +69,7 @@ void check_table(const Pairs &pairs) {
     check_equal(printed, json_of(stripped), "prop2json");
     check_equal(result, 0, "prop2json returns 0");
     for (std::size_t i = 0; i < pairs.size(); ++i)
-        check_equal(table[i].value, pairs[i].value, "the table is left alone");
+        check_equal(table[i].value, pairs[i].value, "the table is unchanged");
 }
 
 void check_pieces(const std::string &section, std::size_t pairs) {

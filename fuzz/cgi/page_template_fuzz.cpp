@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Page templates against a plain reading of the rules: the bytes printed and the fields left.
+// Page templates against a direct implementation of the rules: the bytes printed and the fields
+// left.
 //
 // Input: a byte (how many fields), name NUL value NUL of each field, then the template.
 #include "corvel.h"
@@ -22,7 +23,7 @@ struct Field {
 
 using Fields = std::vector<Field>;
 
-/** Fills one piece of a line; fields that were used are gone from the list. */
+/** Fills one piece of a line; the fields used are removed from the list. */
 std::string filled(std::string text, Fields &fields) {
     std::size_t from = 0;
     while (from <= text.size()) {
@@ -30,9 +31,9 @@ std::string filled(std::string text, Fields &fields) {
         if (marker == std::string_view::npos)
             break;
         from = marker + 1;
-        const std::string_view behind = std::string_view(text).substr(from);
+        const std::string_view rest = std::string_view(text).substr(from);
         const auto field = std::find_if(fields.begin(), fields.end(), [&](const Field &each) {
-            return behind.starts_with(each.name);
+            return rest.starts_with(each.name);
         });
         if (field == fields.end())
             continue;
@@ -83,7 +84,7 @@ std::string check_page(const char *path, std::string_view page_template, Fields 
     return printed;
 }
 
-/** Without fields a page is its template, piece by piece up to a NUL. */
+/** Without fields a template is copied, each piece up to its first NUL. */
 void check_copy(const char *path, std::string_view page_template) {
     str_node *none = nullptr;
     const std::string printed = output_of([&] { print_html(path, &none); });
@@ -91,7 +92,7 @@ void check_copy(const char *path, std::string_view page_template) {
         check_equal(printed, page_template, "a template without fields is copied");
 }
 
-/** One marker alone: lookup and change in a block of just the size that the text grows to. */
+/** A single marker: look-up, and replacement in a block of exactly the size of the result. */
 void check_marker(std::string_view text, const Fields &fields) {
     str_node *list = list_of(fields);
     const auto source = exact_copy(text);
@@ -99,7 +100,7 @@ void check_marker(std::string_view text, const Fields &fields) {
     const auto expected = std::find_if(fields.begin(), fields.end(), [&](const Field &each) {
         return text.starts_with(each.name);
     });
-    check((found != nullptr) == (expected != fields.end()), "find_keyword finds what is there");
+    check((found != nullptr) == (expected != fields.end()), "find_keyword finds an existing field");
     if (found != nullptr) {
         check_equal(found->name, expected->name, "the first field in list order is found");
         check_equal(found->value, expected->value, "the first field in list order is found");
@@ -115,7 +116,7 @@ void check_removal(Fields fields) {
     str_node *list = list_of(fields);
     const std::string longer_than_any(longest_field_name + 1, 'n');
     delete_string(&list, longer_than_any.c_str());
-    check_same(list, fields, "delete_string leaves other fields alone");
+    check_same(list, fields, "delete_string leaves other fields unchanged");
     while (!fields.empty()) {
         const std::string name = fields[fields.size() / 2].name;
         const auto first = std::find_if(fields.begin(), fields.end(),
@@ -124,7 +125,7 @@ void check_removal(Fields fields) {
         delete_string(&list, name.c_str());
         check_same(list, fields, "delete_string removes the first field of a name");
     }
-    check(list == nullptr, "nothing is left");
+    check(list == nullptr, "the list is empty");
 }
 
 void check_hidden_inputs(const Fields &fields) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Request decoding against a decoder of its own, written on std::string from the documented rules.
+// Request decoding against a decoder on std::string, written from the documented rules.
 //
-// Input: method NUL content length NUL a byte (how often the filler stands in front of the query)
+// Input: method NUL content length NUL a byte (how often the filler is prepended to the query)
 // filler NUL query NUL body. A method "-" and a query "-" are not set; a content length "=" is the
 // size of the body.
 #include "corvel.h"
@@ -41,7 +41,7 @@ using Pairs = std::vector<Pair>;
 
 int digit_of(char c) {
     const int code = static_cast<signed char>(c);
-    return code < 'A' ? code - '0' : (code & ~0x20) - 55;
+    return code < 'A' ? code - '0' : (code & ~0x20) - 'A' + 10;
 }
 
 char byte_of(char high, char low) {
@@ -61,13 +61,13 @@ std::string percent_decoded(std::string_view text) {
     return std::string(as_text(decoded));
 }
 
-std::string with_blanks(std::string text) {
+std::string with_spaces(std::string text) {
     std::replace(text.begin(), text.end(), '+', ' ');
     return text;
 }
 
 std::string word_of(std::string_view raw, std::size_t longest) {
-    return percent_decoded(with_blanks(std::string(cut(raw, longest))));
+    return percent_decoded(with_spaces(std::string(cut(raw, longest))));
 }
 
 Pairs pairs_of(std::string_view source) {
@@ -110,7 +110,7 @@ bool has_body(const Request &request) {
     return length > 0 && static_cast<std::size_t>(length) <= request.body.size();
 }
 
-/** The body as the decoder gets it: as long as the content length says, up to a NUL. */
+/** The body that the decoder reads: as many bytes as the content length states. */
 std::string_view body_of(const Request &request) {
     if (!has_body(request))
         return {};
@@ -145,13 +145,14 @@ std::vector<std::string> environment_of(const Request &request) {
 
 void check_environment(const Request &request, bool consumed) {
     const char *query = std::getenv("QUERY_STRING");
-    check((query != nullptr) == (request.has_query && !consumed), "QUERY_STRING goes or stays");
-    check((std::getenv("HTTP_REFERER") == nullptr) == consumed, "HTTP_REFERER goes or stays");
+    check((query != nullptr) == (request.has_query && !consumed),
+          "QUERY_STRING is removed or kept");
+    check((std::getenv("HTTP_REFERER") == nullptr) == consumed, "HTTP_REFERER is removed or kept");
     if (query != nullptr)
-        check_equal(query, request.query, "the query string is as it was");
+        check_equal(query, request.query, "the query string is unchanged");
 }
 
-/** Decodes into a table with just the rows that are needed. */
+/** Decodes into a table of exactly the rows that are needed. */
 void check_decoder(int (*decode)(prop_entry *), const Pairs &expected) {
     std::vector<prop_entry> table(expected.size(),
                                   {untouched_size, untouched_size, nullptr, nullptr});
@@ -162,7 +163,7 @@ void check_decoder(int (*decode)(prop_entry *), const Pairs &expected) {
         check_equal(table[i].name, expected[i].name, "name of a pair");
         check_equal(table[i].value, expected[i].value, "value of a pair");
         check(table[i].name_size == untouched_size && table[i].value_size == untouched_size,
-              "the size fields are left alone");
+              "the size fields are unchanged");
     }
     check_equal(free_prop(table.data(), count), 1, "free_prop");
 }
@@ -220,9 +221,9 @@ void check_method(const Request &request) {
 }
 
 void check_decoding_in_place(const std::string &text) {
-    const auto blanks = exact_copy(text);
-    check(plustospace(blanks.get()) == blanks.get(), "plustospace returns its text");
-    check_equal(blanks.get(), with_blanks(text), "plustospace");
+    const auto spaces = exact_copy(text);
+    check(plustospace(spaces.get()) == spaces.get(), "plustospace returns its text");
+    check_equal(spaces.get(), with_spaces(text), "plustospace");
     const auto decoded = exact_copy(text);
     check(unescape_url(decoded.get()) == decoded.get(), "unescape_url returns its text");
     check_equal(decoded.get(), percent_decoded(text), "unescape_url");
@@ -236,7 +237,8 @@ void check_decoding_in_place(const std::string &text) {
     check_equal(x2c(none.get()), static_cast<signed char>(byte_of('\0', '\0')), "x2c of a NUL");
 }
 
-/** Cuts a text at a stop character into a word of just the right size, then in its own place. */
+/** Splits a string at a stop character: each word into a block of exactly its size, and the first
+ *  one in place. */
 void check_words(const std::string &text, char stop) {
     const auto source = exact_copy(text);
     std::string joined;
@@ -255,12 +257,12 @@ void check_words(const std::string &text, char stop) {
     char *rest = nullptr;
     makeword(source.get(), source.get(), stop, &rest);
     const std::size_t end = text.find(stop);
-    check_equal(source.get(), std::string_view(text).substr(0, end), "a word in its own place");
+    check_equal(source.get(), std::string_view(text).substr(0, end), "a word in place");
     check(rest == (end == std::string_view::npos ? nullptr : source.get() + end + 1),
-          "the rest behind it");
+          "the rest after the word");
 }
 
-/** Brings queries of thousands of pairs in reach. */
+/** Makes queries of thousands of pairs possible. */
 std::string repeated(const std::string &filler, unsigned char times) {
     std::string whole;
     for (std::size_t i = 0; i < run_length(times) && whole.size() < largest_filler; ++i)

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Cutting of uploads against a cutter of its own, written on positions in a std::string from the
-// documented rules; and uploads that are built from the input, which must come out as they went in.
+// Splitting of uploads against a model on positions in a std::string, written from the documented
+// rules; and uploads built from the input, whose files must be extracted unchanged.
 //
 // Input: content length NUL boundary NUL body. A content length "=" is the size of the body, "-" is
-// not set. The boundary stands in the body with its two dashes in front, as in a request.
+// not set. In the body the boundary is preceded by two dashes, as in a request.
 #include "corvel.h"
 #include "fuzz/harness.h"
 
@@ -32,11 +32,11 @@ constexpr int largest_upload = CORVEL_UPLOAD_MAX;
 constexpr int largest_without_pause = CORVEL_UPLOAD_MAX_UNPAUSED;
 constexpr int largest_length = 1 << 20;
 
-// Longer ones find nothing new and take time.
+// Longer ones find no more defects and take time.
 constexpr std::size_t largest_boundary = 400;
 constexpr std::size_t largest_body = 16384;
 
-// Set while a request is read: what the library does beside reading.
+// Set while a request is read: receives the calls of sleep().
 thread_local std::string *events = nullptr;
 
 struct Request {
@@ -45,7 +45,7 @@ struct Request {
     std::string body;
 };
 
-/** A text of a record: what lies in the field, as far as it is known. */
+/** The strings of a record. */
 struct Texts {
     std::string filename;
     std::string content_type;
@@ -66,18 +66,18 @@ struct File {
 
 // ------------------------------------------------------------------------------------ the model
 
-/** Reads the header that begins with a key in front of a limit; moves the cursor to the line's end,
- *  which is looked for up to so many bytes after the limit. */
+/** Reads the header whose key starts before a limit. Moves the cursor to the end of its line, which
+ *  is searched for up to longest_overrun bytes after the limit. */
 bool read_header(const std::string &bytes, const std::string &key, char separator,
                  std::size_t limit, std::size_t &cursor, std::string &value) {
     const std::size_t place = bytes.find(key, cursor);
-    const std::size_t behind = place + key.size();
-    if (place == std::string::npos || place >= limit || behind >= bytes.size() ||
-        bytes[behind] != separator)
+    const std::size_t end = place + key.size();
+    if (place == std::string::npos || place >= limit || end >= bytes.size() ||
+        bytes[end] != separator)
         return false;
     cursor =
-        std::min({bytes.find_first_of("\r\n", behind + 1), limit + longest_overrun, bytes.size()});
-    value = bytes.substr(behind + 1, cursor - behind - 1);
+        std::min({bytes.find_first_of("\r\n", end + 1), limit + longest_overrun, bytes.size()});
+    value = bytes.substr(end + 1, cursor - end - 1);
     std::erase(value, '"');
     value.resize(std::min(value.size(), longest_value));
     return true;
@@ -129,7 +129,7 @@ std::vector<File> expected_files(const std::string &bytes, const std::string &bo
 
 // --------------------------------------------------------------------------------------- checks
 
-/** A block of just these bytes: there is no terminator behind them. */
+/** A block of exactly these bytes, without a terminator. */
 class Block {
   public:
     explicit Block(std::string_view bytes) : bytes_(new char[bytes.size()]), size_(bytes.size()) {
@@ -143,7 +143,7 @@ class Block {
     std::size_t size_;
 };
 
-/** A field of a record holds a text, which may have NULs inside. */
+/** A field of a record contains a string, which may contain NULs. */
 void check_field(const char *field, const std::string &text, const char *relation) {
     check_equal({field, text.size() + 1}, {text.c_str(), text.size() + 1}, relation);
 }
@@ -170,7 +170,7 @@ void check_parts(const std::string &bytes, const std::string &boundary) {
             getDisposition_file(&data, &size, &cursor, block.end(), boundary.c_str(), &record);
         check_equal(code, expected.code, "code of a part");
         check_equal(cursor - block.start(), static_cast<long long>(expected.cursor),
-                    "cursor behind a part");
+                    "cursor after a part");
         check_texts(record, texts);
         if (code == CORVEL_PART_NO_START || code == CORVEL_PART_NO_END)
             break;
@@ -178,9 +178,9 @@ void check_parts(const std::string &bytes, const std::string &boundary) {
             continue;
         check_equal(size, static_cast<long long>(expected.size), "size of a content");
         check_equal(data - block.start(), static_cast<long long>(expected.start),
-                    "place of a content");
+                    "position of a content");
     }
-    check_equal(end_capture(), expected_output, "what is dumped of parts");
+    check_equal(end_capture(), expected_output, "the dump of parts");
 }
 
 void check_files(const std::string &bytes, const std::string &boundary) {
@@ -191,20 +191,20 @@ void check_files(const std::string &bytes, const std::string &boundary) {
     begin_capture();
     const int count = process_file(block.start(), static_cast<int>(bytes.size()), boundary.c_str(),
                                    records.data());
-    check_equal(end_capture(), expected_output, "what is dumped of an upload");
+    check_equal(end_capture(), expected_output, "the dump of an upload");
     check_equal(count, static_cast<long long>(expected.size()), "count of files");
     for (std::size_t i = 0; i < expected.size(); ++i) {
         check_texts(records[i], expected[i].texts);
         check_equal({records[i].data, records[i].size}, expected[i].content, "content of a file");
     }
-    check_equal({block.start(), bytes.size()}, bytes, "the upload is as it was");
+    check_equal({block.start(), bytes.size()}, bytes, "the upload is unchanged");
     check_equal(free_prop_file(records.data(), count), 1, "free_prop_file");
     check(std::all_of(records.begin(), records.end(),
                       [](const prop_file &record) { return record.data == nullptr; }),
           "no content is left");
 }
 
-/** What a request is answered with: nothing, or the bytes behind the boundary text. */
+/** Whether an upload is accepted and read completely. */
 bool is_taken(const Request &request, int length) {
     return request.length != "-" && length >= 0 && length <= largest_upload &&
            static_cast<std::size_t>(length) <= request.body.size();
@@ -239,7 +239,8 @@ void check_upload_reader(const Request &request, bool own_buffer) {
     check_equal(seen, expected_events(request, length), "pause and log");
     check_equal(boundary, text, "boundary text");
     check_equal(boundary_length, static_cast<long long>(text.size()), "length of the boundary");
-    check((upload != nullptr) == is_taken(request, length), "an upload is read whole or not");
+    check((upload != nullptr) == is_taken(request, length),
+          "an upload is read completely or not at all");
     if (upload != nullptr) {
         std::string whole = text + "\n" + request.body.substr(0, static_cast<std::size_t>(length));
         whole.back() = '\0';
@@ -254,13 +255,13 @@ void check_upload_reader(const Request &request, bool own_buffer) {
 void check_body_reader(const Request &request) {
     const int announced = decimal_value(request.length);
     if (announced > largest_length)
-        return; // refused with the same result, but only once memory for it was there
+        return; // the result is the same, but only after memory was allocated for it
     int length = -1;
     feed_standard_input(request.body);
     char *const body = read_queue_for_upload(&length);
     const bool expected = request.length != "-" && announced >= 0 &&
                           static_cast<std::size_t>(announced) <= request.body.size();
-    check((body != nullptr) == expected, "a body is read whole or not");
+    check((body != nullptr) == expected, "a body is read completely or not at all");
     if (body != nullptr) {
         check_equal(length, announced, "length of a body");
         const std::string whole = request.body.substr(0, static_cast<std::size_t>(length));
@@ -269,7 +270,7 @@ void check_body_reader(const Request &request) {
     std::free(body);
 }
 
-/** A text that can be a file's content and comes out unchanged. */
+/** Makes a string one that is extracted unchanged as a file's content. */
 std::string as_content(std::string text, const std::string &boundary) {
     for (const std::string &part : {boundary, std::string("Content-T")})
         for (std::size_t at = 0; (at = text.find(part)) != std::string::npos;)
@@ -277,9 +278,9 @@ std::string as_content(std::string text, const std::string &boundary) {
     return text;
 }
 
-/** Two files and a field, from a client of its own, come out as they went in. */
+/** Two files of an upload with two files and a field are extracted unchanged. */
 void check_built_upload(const Request &request) {
-    // Without what begins a header's name or a line end, the boundary is nothing but that.
+    // The boundary must contain no character that starts a header's name or a line ending.
     std::string boundary = "--\x01" + request.boundary;
     std::erase_if(boundary, [](char c) { return std::strchr("fC\r\n", c) != nullptr; });
     const std::string line = boundary + "\r\n";
@@ -305,13 +306,13 @@ void check_built_upload(const Request &request) {
 void check_search(const std::string &bytes, const std::string &pattern) {
     const auto length = static_cast<int>(pattern.size());
     const Block block(bytes);
-    // Where a match may run past the end, it still lies in the block.
+    // A match that extends past the end is still in the block.
     const std::size_t end = bytes.size() - std::min(bytes.size(), pattern.size());
     const std::size_t place = pattern.empty() ? std::string::npos : bytes.find(pattern);
     const char *const found =
         hex_search(block.start(), block.start() + end, pattern.data(), length);
     check((found != nullptr) == (place < end), "a pattern is found or not");
-    check(found == nullptr || found == block.start() + place, "place of a pattern");
+    check(found == nullptr || found == block.start() + place, "position of a pattern");
 }
 
 void check_strip(const std::string &text, char one, char other) {
@@ -343,7 +344,7 @@ std::string upload_of(const Request &request) {
     return whole.substr(0, whole.size() - 1);
 }
 
-void pause_really(unsigned int seconds) {
+void wait_for(unsigned int seconds) {
     timespec left{static_cast<time_t>(seconds), 0};
     while (nanosleep(&left, &left) != 0)
         continue;
@@ -353,12 +354,12 @@ void pause_really(unsigned int seconds) {
 
 extern "C" {
 
-/** Stands in for the C library's, which the fuzzer's own threads use as well. */
+/** Replaces the C library's function, which the fuzzer's own threads call as well. */
 unsigned int sleep(unsigned int seconds) {
     if (events != nullptr)
         *events += "sleep(" + std::to_string(seconds) + ") ";
     else
-        pause_really(seconds);
+        wait_for(seconds);
     return 0;
 }
 
@@ -374,7 +375,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
         check_files(upload, text);
         return std::string();
     });
-    // Any bytes for a boundary: also those of a header, or none.
+    // Any bytes as the boundary, even those of a header, or none.
     check_parts(request.body, request.boundary);
     check_files(request.body, request.boundary);
     check_built_upload(request);

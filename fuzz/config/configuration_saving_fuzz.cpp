@@ -30,7 +30,8 @@ char separator_of(char selector) { return selector == '=' || selector == ' ' ? s
 
 std::string quoted(const std::string &value) { return '"' + value + '"'; }
 
-/** What save_prop() makes of one line: its last character is gone, whatever it was. */
+/** The line that save_prop() writes for one line: the last character, even of a piece without a
+ *  newline, is replaced by a newline. */
 std::string saved_line(char separator, std::string line, const Settings &rows) {
     line.pop_back();
     const std::string_view text = as_text(line);
@@ -73,11 +74,11 @@ std::string saved_setting(char separator, std::string_view file, const std::stri
 
 mode_t mode_of(const std::string &path) {
     struct stat status = {};
-    check(stat(path.c_str(), &status) == 0, "the file is there");
+    check(stat(path.c_str(), &status) == 0, "the file exists");
     return status.st_mode & 07777;
 }
 
-/** A fresh file of this content, without companions. */
+/** A new file with this content, without companions. */
 const std::string &settings_file(std::string_view content) {
     static const std::string path = scratch_directory() + "/settings";
     write_file(path, content);
@@ -88,8 +89,8 @@ const std::string &settings_file(std::string_view content) {
 std::string check_saved(const std::string &path, const std::string &expected) {
     std::string content = read_file(path);
     check_equal(content, expected, "the saved file");
-    check_equal(mode_of(path), file_mode, "the mode survives");
-    check(!std::filesystem::exists(path + ".cgi"), "no copy is left behind");
+    check_equal(mode_of(path), file_mode, "the mode is kept");
+    check(!std::filesystem::exists(path + ".cgi"), "no copy is left");
     return content;
 }
 
@@ -107,8 +108,8 @@ std::string check_table_saving(char separator, std::string_view file, const Sett
     check_equal(save_prop(static_cast<signed char>(separator), path.c_str(), table.data(),
                           static_cast<int>(table.size())),
                 1, "save_prop returns 1");
-    check_equal(mode_of(path + ".lck"), 0600, "the lock file stays");
-    check(std::filesystem::remove(path + ".lck"), "the lock file stays");
+    check_equal(mode_of(path + ".lck"), 0600, "the lock file is kept");
+    check(std::filesystem::remove(path + ".lck"), "the lock file is kept");
     return check_saved(path, saved(separator, file, settings));
 }
 
@@ -124,7 +125,8 @@ std::string check_setting_saving(char selector, std::string_view file, const std
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-/** The prefix length, or -1 for numbers so long that their low bits are nobody's concern. */
+/** The prefix length, or -1 for numbers out of the range of an int, whose low bits are undefined.
+ */
 int prefix_length_of(std::string_view mask) {
     int length = 0;
     for (int octet = 0; octet < 4; ++octet) {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Property tables against the rules of a line, written on std::string; and what was set, saved and
-// loaded again.
+// Property tables against a model of a line on std::string; and values set, saved and loaded again.
 //
 // Input: the separator, a name NUL a value NUL, then the file.
 #include "corvel.h"
@@ -31,8 +30,8 @@ using Rows = std::vector<Row>;
 
 char separator_of(char selector) { return selector == '=' || selector == ' ' ? selector : '\t'; }
 
-/** Where a line is cut: at the first separator behind "setenv ", if it stands there. */
-std::size_t cut_of(char separator, std::string_view line) {
+/** The position of the first separator, after "setenv " if the line contains it. */
+std::size_t separator_position(char separator, std::string_view line) {
     const std::size_t set = line.find(prefix);
     return line.find(separator, set == std::string_view::npos ? 0 : set + prefix.size());
 }
@@ -45,7 +44,7 @@ std::string first_word(std::string_view text) {
 std::optional<Row> row_of(char selector, std::string_view line) {
     if (line.starts_with('#'))
         return std::nullopt;
-    const std::size_t position = cut_of(separator_of(selector), line);
+    const std::size_t position = separator_position(separator_of(selector), line);
     if (position == std::string_view::npos)
         return std::nullopt;
     const std::size_t set = line.find(prefix);
@@ -67,7 +66,7 @@ Rows rows_of(char selector, std::string_view file) {
     return rows;
 }
 
-/** A table of just as many rows as the caller needs, released with its texts. */
+/** A table of exactly the rows that the caller needs, released with its strings. */
 class Table {
   public:
     explicit Table(std::size_t capacity) : rows_(capacity) { rows_.shrink_to_fit(); }
@@ -84,7 +83,7 @@ class Table {
     std::vector<prop_entry> rows_;
 };
 
-/** The whole of a value's block, so that what lies behind the text counts as well. */
+/** The whole block of a value, including the bytes after the string. */
 std::string_view block_of(const prop_entry &row) { return {row.value, value_block + 1}; }
 
 std::string padded(std::string value) {
@@ -96,7 +95,7 @@ void check_fresh_row(const prop_entry &row, const Row &expected) {
     check_equal(row.name, expected.name, "name of a row");
     check_equal(row.name_size, static_cast<long long>(expected.name_size), "name_size");
     check_equal(row.value_size, static_cast<long long>(value_block), "value_size");
-    check_equal(block_of(row), padded(expected.value), "value of a row, with zeros behind it");
+    check_equal(block_of(row), padded(expected.value), "value of a row, followed by zeros");
 }
 
 void check_rows(const Table &table, const Rows &expected) {
@@ -109,7 +108,7 @@ void load(char selector, const char *path, Table &table) {
     table.count = load_prop(static_cast<signed char>(selector), path, table.rows());
 }
 
-/** One line alone, in a block of just its size. */
+/** A single line, in a block of exactly its size. */
 void check_line(char selector, std::string_view line) {
     const auto copy = exact_copy(line);
     const std::optional<Row> expected = row_of(selector, line);
@@ -118,13 +117,14 @@ void check_line(char selector, std::string_view line) {
     check_equal(result, expected.has_value(), "get_pr");
     std::string left(line);
     if (expected) {
-        left[cut_of(separator_of(selector), line)] = '\0';
+        left[separator_position(separator_of(selector), line)] = '\0';
         check_fresh_row(row, *expected);
         free_prop(&row, 1);
     } else {
-        check(row.name_size == 7 && row.name == nullptr, "a row that is not filled is as it was");
+        check(row.name_size == 7 && row.name == nullptr, "a row that is not filled is unchanged");
     }
-    check_equal(std::string_view(copy.get(), line.size()), left, "only the separator is cut");
+    check_equal(std::string_view(copy.get(), line.size()), left,
+                "only the separator is overwritten");
 }
 
 std::size_t index_of(const Rows &rows, std::string_view name) {
@@ -137,7 +137,7 @@ void check_lookup(Table &table, const Rows &rows, const std::string &name) {
     const auto found = padded_copy("untouched", longest_read_value + 1);
     const char *result = get_prop(name.c_str(), found.get(), table.rows(), table.count);
     const std::size_t index = index_of(rows, name);
-    check(result == (index < rows.size() ? found.get() : nullptr), "get_prop tells what it found");
+    check(result == (index < rows.size() ? found.get() : nullptr), "get_prop returns dst or null");
     const std::string expected = index < rows.size()
                                      ? without_quotes(cut(rows[index].value, longest_read_value))
                                      : "untouched";
@@ -151,7 +151,7 @@ void check_set(Table &table, Rows &rows, const std::string &name, const std::str
     if (index < rows.size()) {
         rows[index].value = cut(value, longest_set_value);
         check_equal(table[index].value, rows[index].value, "set_prop");
-        check(table[index].value[value_block] == '\0', "the last byte of a block stays zero");
+        check(table[index].value[value_block] == '\0', "the last byte of a block is zero");
     }
     check_lookup(table, rows, name);
 }
@@ -168,14 +168,14 @@ void check_insert(Table &table, Rows &rows, const std::string &name, const std::
     check_lookup(table, rows, name);
 }
 
-/** A row as the request decoder makes it, with a size that permits nothing: set_prop() finds it and
- *  writes nothing. */
+/** A row as a request decoder fills it, with a value_size of 0: set_prop() finds it and writes
+ *  nothing. */
 void check_row_without_size(const std::string &name, const std::string &value) {
     const auto name_text = exact_copy(name);
     const auto value_text = exact_copy(value);
     prop_entry row = {0, 0, name_text.get(), value_text.get()};
     check_equal(set_prop(name.c_str(), "new", &row, 1), 0, "set_prop finds the row");
-    check_equal(value_text.get(), value, "a value of no size is left alone");
+    check_equal(value_text.get(), value, "a value of size 0 is unchanged");
 }
 
 /** Loads, looks up, changes and adds; returns every byte of the table. */
@@ -196,11 +196,11 @@ std::string check_table(char selector, const char *path, Rows rows, const std::s
         bytes.append(table[i].name).append(block_of(table[i]));
     check_equal(free_prop(table.rows(), table.count), 1, "free_prop");
     check(rows.empty() || (table[0].name == nullptr && table[0].value == nullptr),
-          "released texts leave null pointers");
+          "released strings leave null pointers");
     return bytes;
 }
 
-/** The file's rows are the same with other lines in front and behind, if its lines are whole. */
+/** If the file's lines are complete, its rows are the same between other lines. */
 void check_neighbours(char selector, const std::string &file, const Rows &rows) {
     if (!file.ends_with('\n'))
         return;
@@ -214,8 +214,8 @@ void check_neighbours(char selector, const std::string &file, const Rows &rows) 
         check_fresh_row(table[i + 1], rows[i]);
 }
 
-/** A name that comes back from a line of its own, whatever the separator, if it is one of its kind
- *  and the line is read in one piece. */
+/** Whether a name is read back from its own line with any separator: it is a unique word, and the
+ *  line is read in one piece. */
 bool is_plain(const std::string &name, const Rows &rows) {
     const auto same = [&](const Row &row) {
         return row.name == name;
@@ -226,15 +226,15 @@ bool is_plain(const std::string &name, const Rows &rows) {
            std::count_if(rows.begin(), rows.end(), same) == 1;
 }
 
-/** A value that comes back from its line: no line end, no "setenv " that reading would skip to, and
- *  within the 255 characters that get_prop() returns, its quotes among them. */
+/** Makes a value one that is read back from its line: without newlines, without "setenv ", and with
+ *  its quotes no longer than the string that get_prop() returns. */
 std::string plain_value(std::string value) {
     value.erase(std::remove(value.begin(), value.end(), '\n'), value.end());
     value = cut(value, longest_read_value - 2);
     return value.substr(0, value.find(prefix));
 }
 
-/** What was set and saved is what is loaded and looked up: the promise that programs rely on. */
+/** Values that were set and saved are loaded and looked up unchanged. */
 void check_round_trip(char selector, const Rows &rows, const std::string &value) {
     static const std::string path = scratch_directory() + "/settings";
     const char separator = separator_of(selector);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Text primitives on blocks of just the documented size, against the rules written on std::string.
+// Text primitives on blocks of exactly the documented size, against models on std::string.
 //
-// Input: the character to strip, a text NUL another text.
+// Input: the character to strip, a string NUL another string.
 #include "corvel.h"
 #include "fuzz/harness.h"
 
@@ -53,10 +53,10 @@ std::string translated(std::string_view text) {
 void check_comparison(const std::string &a, const std::string &b) {
     const auto left = exact_copy(a);
     const auto right = exact_copy(b);
-    check_equal(STRCMP(left.get(), right.get()), a != b, "STRCMP tells whether texts differ");
+    check_equal(STRCMP(left.get(), right.get()), a != b, "STRCMP returns whether strings differ");
     check_equal(STRCMP(right.get(), left.get()), a != b, "STRCMP the other way round");
-    check_equal(STRCMP(left.get(), left.get()), 0, "a text equals itself");
-    check_equal(STRCMP(left.get(), nullptr), !a.empty(), "null is the empty text");
+    check_equal(STRCMP(left.get(), left.get()), 0, "a string equals itself");
+    check_equal(STRCMP(left.get(), nullptr), !a.empty(), "null is the empty string");
 }
 
 void check_strip(const std::string &text, char stripped) {
@@ -64,15 +64,16 @@ void check_strip(const std::string &text, char stripped) {
     const char *start = strip(copy.get(), static_cast<signed char>(stripped));
     const bool at_front = text.starts_with(stripped);
     const bool at_back = text.ends_with(stripped);
-    check(start == copy.get() + (at_front ? 1 : 0), "strip returns where the text now starts");
+    check(start == copy.get() + (at_front ? 1 : 0),
+          "strip returns the start of the stripped string");
     std::string expected = text;
     if (at_back)
         expected.pop_back();
-    check_equal(copy.get(), expected, "strip ends the text in its place");
+    check_equal(copy.get(), expected, "strip terminates the string in place");
     if (at_front && !expected.empty())
         expected.erase(0, 1);
-    check_equal(start, expected, "strip takes at most one from each end");
-    check(text.size() - std::strlen(start) <= 2, "strip takes at most two characters");
+    check_equal(start, expected, "strip removes at most one character from each end");
+    check(text.size() - std::strlen(start) <= 2, "strip removes at most two characters");
     if (stripped == '"')
         check_equal(start, without_quotes(text), "strip of a double quote");
 }
@@ -83,7 +84,7 @@ void check_escaping(const std::string &text) {
     const auto result = padded_copy("", expected.size() + 1);
     check(add_escape(source.get(), result.get()) == result.get(), "add_escape returns dst");
     check_equal(result.get(), expected, "add_escape");
-    check_equal(source.get(), text, "the source is left alone");
+    check_equal(source.get(), text, "the source is unchanged");
     const auto same = padded_copy("", expected.size() + 1);
     check(str_regular(source.get(), same.get()) == same.get(), "str_regular returns dst");
     check_equal(same.get(), result.get(), "str_regular is add_escape");
@@ -108,7 +109,8 @@ void check_unescaping(const std::string &text) {
 void check_translation(const std::string &text) {
     const std::string expected = translated(text);
     const auto copy = padded_copy(text, expected.size() + 1);
-    check(translate_control_code(copy.get()) == copy.get(), "translation returns its text");
+    check(translate_control_code(copy.get()) == copy.get(),
+          "translate_control_code returns its argument");
     check_equal(copy.get(), expected, "translate_control_code");
     const std::string_view result = copy.get();
     check(result.find('"') == std::string_view::npos, "no double quote is left");

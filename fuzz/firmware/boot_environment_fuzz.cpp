@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Sequences of operations on a boot environment against a model of it: after each one the image has
-// the model's bytes, checksum included, whatever bytes it had at first.
+// the model's bytes, CRC included, regardless of its initial bytes.
 //
-// Input: a byte (flags) front text NUL back text NUL, then operations: a byte that is not zero,
-// name NUL value NUL. In the texts a line end stands for a NUL. The front text begins the data, the
-// back text ends it.
+// Input: a byte (flags) first string NUL last string NUL, then operations: a byte that is not zero,
+// name NUL value NUL. The data starts with the first string and ends with the last one, in which
+// newlines represent NULs.
 #include "corvel.h"
 #include "firmware/environment_format.h"
 #include "fuzz/harness.h"
@@ -35,7 +35,7 @@ struct Start {
     std::string data;
 };
 
-/** What an image should be. */
+/** The expected image. */
 class Model {
   public:
     Model(std::string checksum, std::string data)
@@ -44,10 +44,9 @@ class Model {
     [[nodiscard]] std::string image() const { return checksum_ + data_; }
     [[nodiscard]] bool is_good() const { return checksum_ == word_of(crc_of(data_)); }
 
-    /** Where the value of a variable begins in the data. */
+    /** The position of a variable's value in the data. */
     [[nodiscard]] std::size_t value_of(const std::string &name) const {
-        // A name is compared up to its equals sign; most have none, and theirs comes with the
-        // entry.
+        // A name that contains an equals sign is compared up to and including it.
         const std::string stem = name.substr(0, name.find('=')) + '=';
         const std::size_t entry = entry_of(stem);
         return entry == nowhere ? nowhere : entry + stem.size();
@@ -55,7 +54,7 @@ class Model {
 
     [[nodiscard]] std::string text_at(std::size_t place) const { return data_.c_str() + place; }
 
-    /** Sets or deletes; returns the result and adds to what is printed. */
+    /** Sets or deletes; returns the result and appends the message. */
     int change(const std::string &name, const std::string *value, std::string &output) {
         if (name.find('=') != nowhere) {
             output += "## Error: illegal character '=' in variable name \"" + name + "\"\n";
@@ -72,7 +71,7 @@ class Model {
         return 0;
     }
 
-    /** The entries, one a line; returns where the list stops. */
+    /** The entries, one a line; returns the position of the end of the list. */
     std::size_t print(std::string &output) const {
         std::size_t start = 0;
         while (start < data_size && data_[start] != '\0') {
@@ -112,7 +111,7 @@ class Model {
             put(entry, data_.substr(following, end + 2 - following));
             return;
         }
-        // The data ended in the middle of the list; now there is room for its two NULs.
+        // The list had no end; now there is room for its two NULs.
         std::string rest = data_.substr(following);
         rest += rest.back() == '\0' ? std::string(1, '\0') : std::string(2, '\0');
         put(entry, rest);
@@ -163,10 +162,10 @@ Start start_of(Input &input) {
     while (start.data.size() < data_size)
         start.data += background;
     start.data.resize(data_size);
-    const std::string front = with_nuls(input.text());
-    const std::string back = with_nuls(input.text());
-    start.data.replace(0, front.size(), front);
-    start.data.replace(data_size - back.size(), back.size(), back);
+    const std::string first = with_nuls(input.text());
+    const std::string last = with_nuls(input.text());
+    start.data.replace(0, first.size(), first);
+    start.data.replace(data_size - last.size(), last.size(), last);
     return start;
 }
 
@@ -177,31 +176,32 @@ Model model_of(const Start &start) {
 
 // --------------------------------------------------------------------------------------- checks
 
-/** What making an image current prints. */
+/** The message printed when an image becomes current. */
 std::string warning_of(const Model &model) { return model.is_good() ? "" : "Warning - bad CRC\n"; }
 
 void check_image(const unsigned char *image, const Model &model) {
     check_equal({reinterpret_cast<const char *>(image), CORVEL_ENV_SIZE}, model.image(),
-                "the image is the model's");
+                "the image is that of the model");
 }
 
 void check_value(const unsigned char *image, const Model &model, const std::string &name,
                  const std::string &key) {
     const std::size_t expected = model.value_of(name);
     const char *const value = get_env(exact_copy(name).get());
-    check((value != nullptr) == (expected != nowhere), "a variable is there or not");
+    check((value != nullptr) == (expected != nowhere), "a variable is found or not");
     if (value == nullptr)
         return;
     const auto *const data = reinterpret_cast<const char *>(image) + checksum_size;
-    check_equal(value - data, static_cast<long long>(expected), "place of a value");
-    check(std::memchr(value, '\0', data_size - expected) != nullptr, "a value ends in the image");
+    check_equal(value - data, static_cast<long long>(expected), "position of a value");
+    check(std::memchr(value, '\0', data_size - expected) != nullptr,
+          "a value is terminated in the image");
     check_equal(value, model.text_at(expected), "value");
 
     const std::string text = model.text_at(expected);
     const std::size_t start = text.find(key);
     const std::size_t end = start == nowhere ? nowhere : text.find(' ', start + key.size());
     char *const argument = parse_bootargs_get_val(value, key.c_str());
-    check((argument != nullptr) == (end != nowhere), "an argument is there or not");
+    check((argument != nullptr) == (end != nowhere), "an argument is found or not");
     if (argument != nullptr)
         check_equal(argument, text.substr(start + key.size(), end - start - key.size()),
                     "argument");
@@ -237,7 +237,7 @@ void check_operation(unsigned char operation, unsigned char *image, Model &model
         expected_output = warning_of(model);
         break;
     }
-    check_equal(end_capture(), expected_output, "what an operation prints");
+    check_equal(end_capture(), expected_output, "the output of an operation");
     check_equal(result, expected, "result of an operation");
     check_image(image, model);
 }
@@ -251,7 +251,7 @@ void check_operations(unsigned char *image, Model &model, Input input) {
     }
 }
 
-/** The image is the caller's, in a block of its own. */
+/** The image is in a block of the caller. */
 void check_in_memory(const Start &start, const Input &input) {
     Model model = model_of(start);
     const std::string bytes = model.image();
@@ -259,7 +259,7 @@ void check_in_memory(const Start &start, const Input &input) {
     std::copy(bytes.begin(), bytes.end(), image.get());
     int result = 0;
     check_equal(output_of([&] { result = set_env_ptr(image.get()); }), warning_of(model),
-                "what set_env_ptr prints");
+                "the output of set_env_ptr");
     check_equal(result, model.is_good() ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC, "set_env_ptr");
     check_operations(image.get(), model, input);
 }
@@ -287,7 +287,7 @@ std::string expected_root_output(const Model &model) {
     return end == nowhere ? "" : "pos=" + arguments.substr(key + 5, end - key - 5) + "\n";
 }
 
-/** The image is read from a file into the library's own and written back. */
+/** The image is read from a file into env_image_mem and written back. */
 void check_in_file(const Start &start, const Input &input) {
     static const MemoryFile file;
     if ((start.flags & short_file) != 0)
@@ -296,7 +296,7 @@ void check_in_file(const Start &start, const Input &input) {
     file.fill(model.image() + "and more");
     int result = 0;
     check_equal(output_of([&] { result = init_env(file.path()); }), warning_of(model),
-                "what init_env prints");
+                "the output of init_env");
     check_equal(result, model.is_good() ? CORVEL_ENV_GOOD : CORVEL_ENV_BAD_CRC, "init_env");
     check_operations(env_image_mem, model, input);
 
@@ -304,14 +304,14 @@ void check_in_file(const Start &start, const Input &input) {
     std::string expected_output;
     const int expected = -model.change("last", &value, expected_output);
     check_equal(output_of([&] { result = save_param(file.path(), "last", "saved"); }),
-                expected_output, "what save_param prints");
+                expected_output, "the output of save_param");
     check_equal(result, expected, "save_param");
     check_image(env_image_mem, model);
     if (expected == 0)
-        check_equal(file.content(), model.image(), "the file holds the image");
+        check_equal(file.content(), model.image(), "the file contains the image");
     file.fill(model.image());
     check_equal(output_of([&] { result = static_cast<int>(get_rootid(file.path())); }),
-                expected_root_output(model), "what get_rootid prints");
+                expected_root_output(model), "the output of get_rootid");
     check_equal(result, 0, "get_rootid");
 }
 

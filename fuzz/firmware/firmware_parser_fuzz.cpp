@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Upgrade images against a parser of this target's own, which reads positions of a string with
-// 64-bit sums. Valid images are accepted; with a byte changed they are not, unless the last section
-// is no longer a version section, so that there is no checksum.
+// Upgrade images against a second parser, on positions of a string in 64 bits. Valid images are
+// accepted; an image with a changed byte is not, unless its last section is no longer a version
+// section, so that it has no CRC.
 //
 // Input: a byte (flags) value of "bootparam" NUL, then sections: a byte (kind) a byte (flags) a
-// byte (padding, or what is added to the length) payload NUL; a kind of zero ends them; then
+// byte (padding, or a number added to the length) payload NUL; a kind of zero ends them; then
 // triples of bytes: which byte of the image to change (two bytes), and how.
 #include "corvel.h"
 #include "firmware/environment_format.h"
@@ -135,7 +135,7 @@ const Row *row_of(const std::string &image, std::uint64_t place) {
     return nullptr;
 }
 
-/** The distance to the idle set's partitions; logs which set runs. */
+/** The distance to the idle set's partitions. Logs the running set. */
 std::uint32_t shift_of(const Boot &boot, std::string &log, int &running) {
     if (!boot.loads)
         return 0;
@@ -154,7 +154,7 @@ int sum_of(const std::string &image, std::uint64_t place, std::uint64_t length) 
     return sum % 256;
 }
 
-/** Looks at the section at a place; the result is its code. */
+/** Parses the section at a position. Returns its result code. */
 int parse_section(const std::string &image, std::uint64_t place, std::uint32_t shift,
                   Parsed &parsed) {
     const std::uint32_t burn_address = word_at(image, place + at_burnaddr);
@@ -166,7 +166,7 @@ int parse_section(const std::string &image, std::uint64_t place, std::uint32_t s
         parsed.log +=
             log_line(LOG_ERR, format("Header.len is wrong, headlen(%d) >%d-%d-%d=%d\n",
                                      static_cast<int>(len), static_cast<int>(image.size()),
-                                     static_cast<int>(place), 20, 1));
+                                     static_cast<int>(place), static_cast<int>(header_size), 1));
         return CORVEL_IMAGE_SECTION_PAST_END;
     }
     const Row *const row = row_of(image, place);
@@ -174,7 +174,7 @@ int parse_section(const std::string &image, std::uint64_t place, std::uint32_t s
         return CORVEL_IMAGE_ACCEPTED;
     parsed.log += log_line(LOG_INFO, format("find firmware (%s)\n", row->name));
     const std::uint64_t payload = place + header_size;
-    const std::uint32_t size = row->stripped ? len - 1 - pad : len + 20;
+    const std::uint32_t size = row->stripped ? len - 1 - pad : len + header_size;
     if (mtd_id != CORVEL_NOT_WRITTEN && sum_of(image, payload, len) != 0) {
         parsed.log += log_line(LOG_ERR, format("%s image checksum error at %X!\n", row->signature,
                                                static_cast<unsigned int>(payload)));
@@ -211,7 +211,7 @@ void log_records(Parsed &parsed, std::uint64_t image_size) {
     }
 }
 
-/** Compares the checksum at the end of a version section. */
+/** Compares the CRC at the end of a version section. */
 int check_stored_crc(const std::string &image, const Record &version, Parsed &parsed) {
     const std::uint64_t end = version.start + version.size;
     const std::uint32_t computed =
@@ -256,7 +256,7 @@ void check_record(const img_info &record, const Record &expected, const std::str
     check_equal(record.mtd_ids, expected.mtd_id, "device index of a record");
     check_equal(record.base_mtd_id, expected.base_mtd_id, "index of a record without the shift");
     check_equal(record.data - block, static_cast<long long>(expected.start), "offset of a record");
-    check(record.data + record.len <= block + image.size(), "no record reaches outside");
+    check(record.data + record.len <= block + image.size(), "no record extends outside the image");
     check_equal(record.len,
                 static_cast<long long>(std::min(expected.size, image.size() - expected.start)),
                 "length of a record");
@@ -281,7 +281,7 @@ bool check_image(const std::string &image, const Boot &boot) {
                 "count of records");
     check_equal(expected.whole_log ? std::string_view(logged) : cut(logged, expected.log.size()),
                 expected.log, "system log");
-    check_equal(bootparam, running, "the set that runs");
+    check_equal(bootparam, running, "the running set");
     for (std::size_t i = 0; i < expected.records.size(); ++i)
         check_record(records[i], expected.records[i], image, block.get());
     check_equal({reinterpret_cast<const char *>(block.get()), image.size()}, image,
@@ -289,7 +289,7 @@ bool check_image(const std::string &image, const Boot &boot) {
     return result == CORVEL_IMAGE_ACCEPTED && expected.records.back().mtd_id == CORVEL_NOT_WRITTEN;
 }
 
-/** A changed byte is noticed if a checksum is compared. */
+/** A changed byte is detected if there is a CRC. */
 void check_changes(const std::string &image, const Boot &boot, bool checked, Input &input) {
     const int most = image.size() > large_image ? 2 : most_changes;
     for (int i = 0; i < most; ++i) {
@@ -302,7 +302,7 @@ void check_changes(const std::string &image, const Boot &boot, bool checked, Inp
         const std::size_t place = (high * 256 + low) % image.size();
         changed[place] = static_cast<char>(changed[place] ^ how);
         const bool accepted = check_image(changed, boot);
-        check(!(checked && accepted), "a changed byte changes the checksum");
+        check(!(checked && accepted), "a changed byte changes the CRC");
     }
 }
 
@@ -340,7 +340,7 @@ std::string read_section(unsigned char kind, Input &input) {
                       payload);
 }
 
-/** With the checksum of all of it at the end. */
+/** Appends a version section with the CRC. */
 std::string version_section(const std::string &sections, const std::string &text) {
     const std::string section =
         sections + section_of(rows.back(), CORVEL_NOT_WRITTEN, 0,
@@ -356,7 +356,7 @@ Boot boot_of(unsigned char flags, const std::string &value) {
     return {word_of(good ? crc : crc + 1) + data, good && (flags & no_variable) == 0, value};
 }
 
-/** Valid images are accepted, with any payloads. */
+/** Valid images with any payloads are accepted. */
 void check_built_image(const std::string &payload, const Boot &boot, Input changes) {
     std::string image;
     for (const std::size_t row : {0U, 2U, 3U}) {

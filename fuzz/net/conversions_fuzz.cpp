@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Bytes to hexadecimal text and back, hardware addresses through their three spellings and back,
+// Bytes to hexadecimal digits and back, hardware addresses through their three forms and back,
 // against models on std::string; the names of radios and networks; the number in a file.
 //
-// Input: a length (two bytes) a radio (two bytes) a network (two bytes), a text NUL, then bytes.
+// Input: a length (two bytes) a radio (two bytes) a network (two bytes), a string NUL, then bytes.
 #include "corvel.h"
 #include "fuzz/harness.h"
 
@@ -16,6 +16,8 @@ namespace {
 
 using namespace corvel_fuzz;
 
+constexpr std::size_t stripped_size = CORVEL_MAC_STRIPPED_SIZE;
+constexpr std::size_t digit_count = 2 * CORVEL_MAC_BYTES;
 constexpr std::string_view lower_digits = "0123456789abcdef";
 constexpr std::string_view upper_digits = "0123456789ABCDEF";
 
@@ -23,7 +25,7 @@ const unsigned char *unsigned_bytes(const std::unique_ptr<char[]> &block) {
     return reinterpret_cast<const unsigned char *>(block.get());
 }
 
-/** A block of just these bytes, without a terminator. */
+/** A block of exactly these bytes, without a terminator. */
 std::unique_ptr<char[]> bare_copy(std::string_view bytes) {
     auto copy = std::make_unique<char[]>(bytes.size());
     std::copy(bytes.begin(), bytes.end(), copy.get());
@@ -57,15 +59,10 @@ std::string strictly_decoded(std::string_view text) {
     return bytes;
 }
 
+/** The result of mac2hexStrip(), padded with NULs. */
 std::string stripped(std::string_view mac) {
-    std::string text(13, '\0');
-    for (std::size_t k = 0; k < 6; ++k) {
-        for (const std::size_t i : {3 * k, 3 * k + 1}) {
-            if (i < mac.size())
-                text[i - k] =
-                    mac[i] >= 'a' && mac[i] <= 'z' ? static_cast<char>(mac[i] - 32) : mac[i];
-        }
-    }
+    std::string text = stripped_mac(mac);
+    text.resize(stripped_size);
     return text;
 }
 
@@ -91,7 +88,7 @@ std::string check_to_text(std::string_view bytes) {
           "ascii2hex returns out");
     check_equal(out.get(), expected, "ascii2hex");
     char *const allocated = ascii2hex(unsigned_bytes(source), count, nullptr);
-    check_equal(allocated, expected, "ascii2hex into a block of its own");
+    check_equal(allocated, expected, "ascii2hex into a block that it allocates");
     free_buffer(allocated, static_cast<std::uint32_t>(expected.size()));
     return expected;
 }
@@ -106,7 +103,7 @@ void check_strict(const std::string &text, int length) {
     check_equal(result, bytes.size() == pairs ? 0 : -1, "str2byte");
     std::string expected(pairs, '#');
     expected.replace(0, bytes.size(), bytes);
-    check_equal({out.get(), pairs + 1}, expected + '\0', "what str2byte writes");
+    check_equal({out.get(), pairs + 1}, expected + '\0', "the bytes that str2byte writes");
 }
 
 void check_unchecked(const std::string &text) {
@@ -117,61 +114,62 @@ void check_unchecked(const std::string &text) {
     check_equal({out.get(), expected.size() + 1}, expected + '\0', "hex2ascii");
 }
 
-/** What was printed reads back as the bytes, in either case and by either reader. */
+/** Printed bytes are read back in either case and by either function. */
 void check_there_and_back(const std::string &bytes) {
     const std::string text = check_to_text(bytes);
-    for (const std::string &spelt : {text, lower_case(text)}) {
+    for (const std::string &form : {text, lower_case(text)}) {
         const auto strict = std::make_unique<unsigned char[]>(bytes.size());
-        check_equal(str2byte(spelt.c_str(), static_cast<int>(spelt.size()), strict.get()), 0,
+        check_equal(str2byte(form.c_str(), static_cast<int>(form.size()), strict.get()), 0,
                     "printed bytes are digits");
         check_equal({reinterpret_cast<const char *>(strict.get()), bytes.size()}, bytes,
-                    "bytes come back from their text");
+                    "bytes are read back from their digits");
         const auto unchecked = unterminated_block(bytes.size() + 1);
         unchecked[0] = '\0';
-        hex2ascii(spelt.c_str(), unchecked.get());
-        check_equal({unchecked.get(), bytes.size()}, bytes, "bytes come back without a check");
+        hex2ascii(form.c_str(), unchecked.get());
+        check_equal({unchecked.get(), bytes.size()}, bytes, "bytes are read back without a check");
     }
 }
 
-/** From the bytes through all spellings and back. */
+/** Converts an address from bytes to all forms and back. */
 void check_address(const std::string &bytes) {
     const auto source = bare_copy(bytes);
     const std::string colon_form = iw_pr_ether(unsigned_bytes(source));
     check_equal(colon_form, with_colons(hexadecimal(bytes)), "iw_pr_ether");
-    const auto text = unterminated_block(13);
-    for (const std::string &spelt : {colon_form, lower_case(colon_form)})
-        check_equal(mac2hexStrip(spelt.c_str(), text.get()), hexadecimal(bytes), "mac2hexStrip");
-    const auto again = padded_copy("", 18);
+    const auto text = unterminated_block(stripped_size);
+    for (const std::string &form : {colon_form, lower_case(colon_form)})
+        check_equal(mac2hexStrip(form.c_str(), text.get()), hexadecimal(bytes), "mac2hexStrip");
+    const auto again = padded_copy("", CORVEL_MAC_SIZE);
     check_equal(HexStrip2mac(text.get(), again.get()), colon_form, "HexStrip2mac");
-    std::array<unsigned char, 6> mac{};
-    check_equal(ascii2mac(text.get(), mac.data()), bytes[0] & 1, "ascii2mac tells a group address");
+    std::array<unsigned char, CORVEL_MAC_BYTES> mac{};
+    check_equal(ascii2mac(text.get(), mac.data()), bytes[0] & 1,
+                "ascii2mac returns whether it is a group address");
     check_equal({reinterpret_cast<const char *>(mac.data()), mac.size()}, bytes,
-                "an address comes back from its text");
-    check_equal(mac2hexStrip(again.get(), again.get()), text.get(), "mac2hexStrip in its place");
+                "an address is read back from its stripped form");
+    check_equal(mac2hexStrip(again.get(), again.get()), text.get(), "mac2hexStrip in place");
 }
 
-void check_spellings(const std::string &text) {
-    const auto strip = unterminated_block(13);
+void check_forms(const std::string &text) {
+    const auto strip = unterminated_block(stripped_size);
     check(mac2hexStrip(exact_copy(text).get(), strip.get()) == strip.get(),
           "mac2hexStrip returns out");
-    check_equal({strip.get(), 13}, stripped(text), "mac2hexStrip");
+    check_equal({strip.get(), stripped_size}, stripped(text), "mac2hexStrip");
 
     const std::string colons = with_colons(text);
     const auto out = unterminated_block(colons.size() + 1);
     check(HexStrip2mac(exact_copy(text).get(), out.get()) == out.get(), "HexStrip2mac returns out");
     check_equal({out.get(), colons.size() + 1}, colons + '#', "HexStrip2mac");
 
-    std::array<unsigned char, 6> mac = {'#', '#', '#', '#', '#', '#'};
+    std::array<unsigned char, CORVEL_MAC_BYTES> mac = {'#', '#', '#', '#', '#', '#'};
     std::string expected = "######";
-    if (text.size() == 12) {
-        for (std::size_t i = 0; i < 6; ++i)
+    if (text.size() == digit_count) {
+        for (std::size_t i = 0; i < CORVEL_MAC_BYTES; ++i)
             expected[i] =
                 static_cast<char>(digit_value(text[i * 2]) * 16 | digit_value(text[i * 2 + 1]));
     }
     check_equal(ascii2mac(exact_copy(text).get(), mac.data()),
-                text.size() == 12 ? expected[0] & 1 : 1, "ascii2mac");
+                text.size() == digit_count ? expected[0] & 1 : 1, "ascii2mac");
     check_equal({reinterpret_cast<const char *>(mac.data()), mac.size()}, expected,
-                "what ascii2mac writes");
+                "the bytes that ascii2mac writes");
 }
 
 template <typename Print> void check_name(const std::string &expected, Print print) {
@@ -218,7 +216,7 @@ void check_characters() {
     for (int c = SCHAR_MIN; c <= SCHAR_MAX; ++c) {
         const auto character = static_cast<char>(c);
         check_equal(hex2int(character), digit_value(character), "hex2int");
-        check_equal(chUpcase(static_cast<signed char>(c)), c >= 'a' && c <= 'z' ? c - 32 : c,
+        check_equal(chUpcase(static_cast<signed char>(c)), c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c,
                     "chUpcase");
     }
 }
@@ -241,14 +239,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         check_unchecked(text);
         check_strict(text, length);
         check_strict(text, static_cast<int>(text.size()));
-        check_spellings(text);
+        check_forms(text);
         check_names(radio, network, text);
         check_file(bytes, length % 64);
         return check_to_text(bytes);
     });
     check_there_and_back(bytes);
     std::string address = bytes;
-    address.resize(6);
+    address.resize(CORVEL_MAC_BYTES);
     check_address(address);
     check_characters();
     return 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** Lists of lease records, and what they should hold. */
+/** Lists of lease records, and their expected contents. */
 #ifndef CORVEL_FUZZ_NET_LEASE_LIST_H
 #define CORVEL_FUZZ_NET_LEASE_LIST_H
 
@@ -13,7 +13,7 @@
 
 namespace corvel_fuzz {
 
-/** The texts of a record, perhaps longer than their fields. */
+/** The strings of a record, perhaps longer than their fields. */
 struct Record {
     std::string ip{};
     std::string hardware_type{};
@@ -32,13 +32,13 @@ class List {
     List &operator=(const List &) = delete;
     ~List() {
         free_leaselist(&head);
-        check(head == nullptr, "a list that is released is empty");
+        check(head == nullptr, "a released list is empty");
     }
 
     lease_entry *head = nullptr;
 };
 
-/** The text, cut to fit, and zeros up to the field's end. */
+/** The string, truncated to fit, and zeros to the end of the field. */
 template <std::size_t size>
 void check_field(const char (&field)[size], std::string_view text, const char *relation) {
     std::string expected(cut(text, size - 1));
@@ -55,7 +55,7 @@ inline void check_record(const lease_entry &entry, const Record &expected) {
     check_field(entry.hostname, expected.hostname, "hostname");
 }
 
-/** Just these records, in this order. */
+/** The list contains exactly these records, in this order. */
 inline void check_list(const lease_entry *entry, const Records &expected) {
     for (const Record &record : expected) {
         check(entry != nullptr, "no record is missing");
@@ -65,7 +65,7 @@ inline void check_list(const lease_entry *entry, const Records &expected) {
     check(entry == nullptr, "there is no other record");
 }
 
-/** Every byte of a list's records but their links. */
+/** Every byte of a list's records except their links. */
 inline std::string bytes_of(const lease_entry *entry) {
     std::string bytes;
     for (; entry != nullptr; entry = entry->next)

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Lease files of all three formats, the same bytes read as each, against the words and bytes that
-// they are made of; and the reader that finds out which server runs, where that is the binary one.
+// The same bytes as a lease file of each of the three formats, against the words and bytes of the
+// file; and the function that determines which server runs, if it is the one with binary leases.
 //
-// Input: the present time (four bytes), the pid file's text NUL, then the lease file.
+// Input: the present time (four bytes), the pid file's content NUL, then the lease file.
 #include "corvel.h"
 #include "fuzz/fixed_file.h"
 #include "fuzz/net/lease_list.h"
@@ -39,14 +39,14 @@ Record binary_record(std::string_view bytes) {
     for (const char c : bytes.substr(20, 4))
         expiry = expiry * 256 + static_cast<unsigned char>(c);
     return {.ip = dotted_quad(bytes.substr(16, 4)),
-            .mac = hexadecimal(bytes.substr(0, 6), ":"),
+            .mac = hexadecimal(bytes.substr(0, CORVEL_MAC_BYTES), ":"),
             .expires = std::to_string(expiry)};
 }
 
 Records binary_records(std::string_view file) {
     Records records;
     for (; file.size() >= record_size; file.remove_prefix(record_size)) {
-        if (file.substr(0, 6).find_first_not_of('\0') != std::string_view::npos)
+        if (file.substr(0, CORVEL_MAC_BYTES).find_first_not_of('\0') != std::string_view::npos)
             records.push_back(binary_record(file.substr(0, record_size)));
     }
     return records;
@@ -57,7 +57,7 @@ std::vector<std::string> words_of(std::string_view line) {
     std::vector<std::string> words;
     for (std::string word; stream >> word;)
         words.push_back(word);
-    words.resize(std::max<std::size_t>(words.size(), 8)); // a missing word is an empty one
+    words.resize(std::max<std::size_t>(words.size(), 8)); // a missing word is empty
     return words;
 }
 
@@ -102,12 +102,13 @@ std::string check_binary_file(const char *path, const Records &expected) {
 
 std::string check_text_file(const char *path, const Format &format, const Records &expected) {
     List list;
-    check_equal(format.read(&list.head, path), 0, "a reader of text returns 0");
+    check_equal(format.read(&list.head, path), 0, "a function that reads text returns 0");
     check_list(list.head, expected);
     return bytes_of(list.head);
 }
 
-/** Each record alone, into a record that is not empty: only three of its texts are written. */
+/** Each record separately, into a record that is not empty: only three of its strings are written.
+ */
 void check_single_records(std::string_view file) {
     for (; file.size() >= record_size; file.remove_prefix(record_size)) {
         const auto bytes = std::make_unique<unsigned char[]>(record_size);
@@ -117,19 +118,19 @@ void check_single_records(std::string_view file) {
         Record expected = binary_record(file);
         expected.hardware_type = "ff";
         expected.hostname = "host";
-        check_equal(entry.reserved, 7, "add_lease leaves the rest alone");
+        check_equal(entry.reserved, 7, "add_lease leaves the rest unchanged");
         entry.reserved = 0;
         check_record(entry, expected);
     }
 }
 
-/** Whole lines list the same records between two others. */
+/** Complete lines yield the same records between two other lines. */
 void check_neighbours(const std::string &file, const Format &format, const Records &records) {
     if (!file.empty() && !file.ends_with('\n'))
         return;
     static const MemoryFile surrounded;
     const std::string line = "1 2 3 4 5 6 7 8 9\n";
-    surrounded.fill(line + file + line + "1 cut off");
+    surrounded.fill(line + file + line + "1 incomplete");
     Records expected = text_records(line, format);
     expected.insert(expected.end(), records.begin(), records.end());
     expected.push_back(expected.front());
@@ -138,19 +139,19 @@ void check_neighbours(const std::string &file, const Format &format, const Recor
 
 void check_missing_file(int (*read)(lease_entry **, const char *)) {
     List list;
-    check_equal(read(&list.head, unopened), 0, "a file that can't be opened has no leases");
-    check(list.head == nullptr, "a list that is not read stays empty");
+    check_equal(read(&list.head, unopened), 0, "a file that cannot be opened has no leases");
+    check(list.head == nullptr, "a list that is not read is empty");
 }
 
-/** The binary server is asked for its leases, which are read. */
+/** The server is signalled to write its leases, which are read. */
 void check_server(int process, const Records &records) {
     signals.clear();
     List list;
     check_equal(get_leases(&list.head), static_cast<long long>(records.size()), "get_leases");
     check_list(list.head, records);
     check_equal(static_cast<long long>(signals.size()), 1, "one signal is sent");
-    check_equal(signals[0].process, process, "to the server");
-    check_equal(signals[0].number, SIGUSR1, "that it is to write its leases");
+    check_equal(signals[0].process, process, "the signal is sent to the server");
+    check_equal(signals[0].number, SIGUSR1, "the signal makes the server write its leases");
 }
 
 void check_pid_file(FixedFile &pid_file, const std::string &text, const Records &records) {
@@ -160,7 +161,7 @@ void check_pid_file(FixedFile &pid_file, const std::string &text, const Records 
     if (process > 0)
         check_server(process, records);
     pid_file.remove();
-    check_equal(getPid("/var/run/udhcpd.pid"), -1, "getPid of no file");
+    check_equal(getPid("/var/run/udhcpd.pid"), -1, "getPid of a missing file");
 }
 
 } // namespace
@@ -205,7 +206,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
             check_missing_file(read);
         return true;
     }();
-    check(checked, "files that can't be opened");
+    check(checked, "files that cannot be opened");
     return 0;
 }
 

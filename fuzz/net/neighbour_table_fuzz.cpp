@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// The kernel's neighbour table: any bytes in its place, against the conversions of sscanf(); and
+// The kernel's neighbour table: any bytes instead of it, against the conversions of sscanf(); and
 // tables as the kernel prints them, against the numbers that they were printed from.
 //
-// Input: a byte (flags) an interface NUL a hardware address NUL, then the table's lines or, where
-// the flags say so, groups of six bytes for one neighbour each.
+// Input: a byte (flags) an interface NUL a hardware address NUL, then the table's lines or,
+// depending on the flags, a group of six bytes for each neighbour.
 #include "corvel.h"
 #include "fuzz/fixed_file.h"
 #include "fuzz/net/lease_list.h"
@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstdio>
 
 namespace {
@@ -26,7 +27,7 @@ constexpr unsigned char from_the_kernel = 0x01;
 
 constexpr std::array interfaces = {"eth0", "eth0.1", "br-lan", "wlan0", "fifteen-letters"};
 
-/** A record with the device that its neighbour is at. */
+/** A record, and the device through which its neighbour is connected. */
 struct Neighbour {
     Record record;
     std::string device;
@@ -39,23 +40,13 @@ struct Table {
     Neighbours complete; /**< Those with a hardware address, in the table's order. */
 };
 
-std::string stripped(std::string_view mac) {
-    std::string text;
-    for (std::size_t i = 0; i < 17 && i < mac.size(); ++i) {
-        const bool lower = mac[i] >= 'a' && mac[i] <= 'z';
-        if (i % 3 != 2)
-            text += lower ? static_cast<char>(mac[i] - 32) : mac[i];
-    }
-    return text;
-}
-
 std::string hexadecimal(std::uint32_t number) {
     std::array<char, 9> text{};
     std::snprintf(text.data(), text.size(), "%x", number);
     return text.data();
 }
 
-/** The neighbours of any table, read by the format of its lines up to the first that has none. */
+/** The neighbours of any table, up to the first malformed line. */
 Neighbours scanned(std::string_view table) {
     Neighbours neighbours;
     std::vector<Piece> pieces = pieces_of(table, longest_line);
@@ -71,13 +62,13 @@ Neighbours scanned(std::string_view table) {
         const std::string device = line.word();
         if ((*flags & 2) != 0)
             neighbours.push_back(
-                {{.ip = ip, .hardware_type = hexadecimal(*type), .mac = stripped(mac)},
+                {{.ip = ip, .hardware_type = hexadecimal(*type), .mac = stripped_mac(mac)},
                  device.empty() ? "-" : device});
     }
     return neighbours;
 }
 
-/** A table of as many neighbours as the input has groups of bytes. */
+/** A table of one neighbour for each group of bytes of the input. */
 Table printed(Input input) {
     Table table{std::string(heading), {}};
     const std::string bytes = input.rest();
@@ -87,9 +78,9 @@ Table printed(Input input) {
                        [](char c) { return static_cast<unsigned char>(c); });
         const std::string ip =
             "10." + std::to_string(number[0]) + "." + std::to_string(number[1]) + ".255";
-        const unsigned type = number[2] > 127 ? number[2] * 0x01010101U : number[2];
+        const unsigned type = number[2] > SCHAR_MAX ? number[2] * 0x01010101U : number[2];
         const char *device = interfaces[number[5] % interfaces.size()];
-        std::array<char, 18> mac{};
+        std::array<char, CORVEL_MAC_SIZE> mac{};
         std::snprintf(mac.data(), mac.size(), "0a:bc:de:f0:%02x:%02x", number[4] % 4, number[4]);
         std::array<char, 160> line{};
         std::snprintf(line.data(), line.size(), "%-16s 0x%-10x0x%-10x%s     *        %s\n",
@@ -97,13 +88,14 @@ Table printed(Input input) {
         table.text += line.data();
         if ((number[3] & 2) != 0)
             table.complete.push_back(
-                {{.ip = ip, .hardware_type = hexadecimal(type), .mac = stripped(mac.data())},
+                {{.ip = ip, .hardware_type = hexadecimal(type), .mac = stripped_mac(mac.data())},
                  device});
     }
     return table;
 }
 
-/** The neighbours at one interface, or at all: of those with one hardware address the first. */
+/** The neighbours at one interface, or at all if it is empty; of those with equal hardware
+ * addresses the first. */
 Records wanted(const Neighbours &neighbours, const std::string &interface) {
     Records records;
     for (const auto &[record, device] : neighbours) {
@@ -136,10 +128,10 @@ std::string dump_of(const Records &records) {
     return text + "---------------------------\n";
 }
 
-/** Every record is found at its place, by its own address in another spelling. */
+/** Every record is found at its position, by its address in colon form with other separators. */
 void check_search(const lease_entry *head, const Records &records, const std::string &mac) {
     check_equal(search_by_mac(head, exact_copy(mac).get()),
-                position_of(records, as_text(stripped(mac))), "search_by_mac");
+                position_of(records, as_text(stripped_mac(mac))), "search_by_mac");
     check_equal(search_by_mac(nullptr, exact_copy(mac).get()), 0, "an empty list has no address");
     for (const Record &record : records)
         check_equal(search_by_mac(head, exact_copy(with_separators(record.mac)).get()),

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-// The kernel's routing table and the resolver's configuration. Any bytes stand for both, against
-// the conversions of sscanf(); tables as the kernel prints them stand against the numbers that they
+// The kernel's routing table and the resolver's configuration: any bytes instead of both, against
+// the conversions of sscanf(); and tables as the kernel prints them, against the numbers that they
 // were printed from.
 //
-// Input: a byte (flags) an interface NUL a text that is there already NUL, then the files' lines
-// or, where the flags say so, groups of six bytes for one route each.
+// Input: a byte (flags) an interface NUL the string to append to NUL, then the files' lines or,
+// depending on the flags, a group of six bytes for each route.
 #include "corvel.h"
 #include "fuzz/fixed_file.h"
 #include "fuzz/net/scanned_line.h"
@@ -40,7 +40,7 @@ struct Table {
     std::vector<Route> routes;
 };
 
-/** The route of a line, if it has at least ten words of the right kind. */
+/** The route of a line; empty unless its first ten words are well-formed. */
 std::optional<Route> route_of(std::string_view text) {
     ScannedLine line(text);
     Route route{line.word(), 0, 0};
@@ -68,7 +68,7 @@ std::vector<Route> scanned(std::string_view table) {
     return routes;
 }
 
-/** A table of as many routes as the input has groups of bytes. */
+/** A table of one route for each group of bytes of the input. */
 Table printed(Input input) {
     const auto add_line = [](std::string &text, const char *line) {
         std::array<char, 160> padded{};
@@ -123,7 +123,7 @@ std::string check_gateway(const std::vector<Route> &routes, const std::string &i
     std::uint32_t gateway = 0x12345678;
     int found = 0;
     check_equal(output_of([&] { found = getDefaultRoute(exact_copy(interface).get(), &gateway); }),
-                message, "what getDefaultRoute prints");
+                message, "the output of getDefaultRoute");
     check_equal(found, expected.has_value(), "getDefaultRoute");
     check_equal(gateway, expected.value_or(0x12345678), "the gateway");
 
@@ -134,10 +134,10 @@ std::string check_gateway(const std::vector<Route> &routes, const std::string &i
                     check(getDefGw(exact_copy(interface).get(), out.get()) == out.get(),
                           "getDefGw returns out");
                 }),
-                message, "what getDefGw prints");
+                message, "the output of getDefGw");
     check_equal(out.get(), text, "getDefGw");
     getDefGw(nullptr, out.get());
-    check_equal(out.get(), "0.0.0.0", "no interface has no gateway");
+    check_equal(out.get(), "0.0.0.0", "a null pointer as interface has no gateway");
     return text;
 }
 
@@ -149,7 +149,7 @@ std::string check_name_servers(std::string_view file, const std::string &before)
     return expected;
 }
 
-/** Each resolver file's servers come in the file's order: those of two are those of both. */
+/** The servers are in the file's order, also between two other lines. */
 void check_order(FixedFile &resolver, const std::string &file) {
     if (!file.empty() && !file.ends_with('\n'))
         return;
@@ -158,7 +158,7 @@ void check_order(FixedFile &resolver, const std::string &file) {
         "first" + std::string(gap) + name_servers(file) + "last" + std::string(gap);
     const auto out = block_to_append_to("", expected.size() + 1);
     get_dns(out.get());
-    check_equal(out.get(), expected, "a file's order is the order of its servers");
+    check_equal(out.get(), expected, "the servers are in the file's order");
 }
 
 void check_missing_files(FixedFile &table, FixedFile &resolver, const std::string &interface,
@@ -168,9 +168,9 @@ void check_missing_files(FixedFile &table, FixedFile &resolver, const std::strin
     check_gateway({}, interface, "Open /proc/net/route file error.\n");
     const auto out = exact_copy(before);
     const char *const result = get_dns(out.get());
-    check(result != out.get(), "get_dns returns a text of its own");
+    check(result != out.get(), "get_dns returns its own string");
     check_equal(result, gap, "get_dns without a file");
-    check_equal(out.get(), before, "out stays as it is");
+    check_equal(out.get(), before, "out is unchanged");
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/** The conversions of sscanf(), one by one, over the C library's own number readers. */
+/** The conversions of sscanf(), one by one, with strtoull() and strtoll() of the C library. */
 #ifndef CORVEL_FUZZ_NET_SCANNED_LINE_H
 #define CORVEL_FUZZ_NET_SCANNED_LINE_H
 
@@ -15,26 +15,26 @@ class ScannedLine {
   public:
     explicit ScannedLine(std::string_view text) : rest_(text) {}
 
-    /** "%s", of any length; empty at the end of the text. */
+    /** "%s", of any length; empty at the end of the string. */
     std::string word() {
-        skip_blanks();
-        std::string word = rest_.substr(0, rest_.find_first_of(blanks));
+        skip_spaces();
+        std::string word = rest_.substr(0, rest_.find_first_of(spaces));
         rest_.erase(0, word.size());
         return word;
     }
 
-    /** Characters that must follow, behind blanks. */
+    /** Characters that must follow, after whitespace. */
     bool literal(std::string_view text) {
-        skip_blanks();
+        skip_spaces();
         if (rest_.compare(0, text.size(), text) != 0)
             return false;
         rest_.erase(0, text.size());
         return true;
     }
 
-    /** "%x" where numbers have 32 bits: a larger one becomes the largest. */
+    /** "%x" in 32 bits: a larger number becomes the largest. */
     std::optional<std::uint32_t> hexadecimal() {
-        skip_blanks();
+        skip_spaces();
         const bool negative = rest_.compare(0, 1, "-") == 0;
         char *end = nullptr;
         const unsigned long long value = std::strtoull(rest_.c_str(), &end, 16);
@@ -46,7 +46,7 @@ class ScannedLine {
         return static_cast<std::uint32_t>(negative ? 0 - magnitude : magnitude);
     }
 
-    /** "%d", whatever the number. */
+    /** "%d", with any number. */
     bool decimal() {
         char *end = nullptr;
         static_cast<void>(std::strtoll(rest_.c_str(), &end, 10));
@@ -54,11 +54,11 @@ class ScannedLine {
     }
 
   private:
-    static constexpr const char *blanks = " \t\n\v\f\r";
+    static constexpr const char *spaces = " \t\n\v\f\r";
 
-    void skip_blanks() { rest_.erase(0, rest_.find_first_not_of(blanks)); }
+    void skip_spaces() { rest_.erase(0, rest_.find_first_not_of(spaces)); }
 
-    /** Whether a number was read up to there. */
+    /** Removes the characters up to @p end. Returns whether there are any. */
     bool take(const char *end) {
         const auto size = static_cast<std::size_t>(end - rest_.c_str());
         rest_.erase(0, size);

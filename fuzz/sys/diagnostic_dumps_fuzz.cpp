@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Dumps of any bytes against models on std::string, and what was dumped read back.
+// Dumps of any bytes against models on std::string, and the dumps read back.
 //
-// Input: a title NUL a text that is there already NUL, then the bytes.
+// Input: a title NUL the string to append to NUL, then the bytes.
 #include "corvel.h"
 #include "fuzz/harness.h"
 
@@ -67,15 +67,15 @@ std::string digits_of(std::string_view text) {
 
 // ----------------------------------------------------------------------------------- the checks
 
-/** The digits of a dump are the bytes that it shows. */
+/** The digits of a dump are those of its bytes. */
 void check_read_back(std::string_view text, const std::string &bytes) {
     const std::string digits = digits_of(text);
     const auto back = std::make_unique<unsigned char[]>(bytes.size());
-    check(digits.size() == 2 * bytes.size(), "a whole dump shows every byte");
+    check(digits.size() == 2 * bytes.size(), "a complete dump shows every byte");
     check_equal(str2byte(digits.c_str(), static_cast<int>(digits.size()), back.get()), 0,
-                "a whole dump is of digits");
+                "a complete dump consists of digits");
     check_equal({reinterpret_cast<const char *>(back.get()), bytes.size()}, bytes,
-                "bytes come back from their dump");
+                "bytes are read back from their dump");
 }
 
 std::string dump_of(Dump dump, Bytes bytes) {

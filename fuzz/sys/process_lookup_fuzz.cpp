@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Looking for processes in a /proc of three, whose status files and command lines are any bytes,
-// against the rules written on std::string.
+// Look-up of processes in a /proc of three processes, whose status files and command lines are any
+// bytes, against a model on std::string.
 //
 // Input: a name NUL, a size (a byte), then for each process flags (a byte) a status file NUL a
-// command line NUL, whose words end in bytes of 1.
+// command line NUL, in which bytes of 1 represent NULs.
 #include "corvel.h"
 #include "fuzz/fixed_file.h"
 
@@ -55,7 +55,7 @@ class Process {
 
     [[nodiscard]] int id() const { return id_; }
 
-    /** So many bytes of the command line as one line. */
+    /** The first bytes of the command line as one line. */
     [[nodiscard]] std::string command_line(std::size_t size) const {
         std::string line(cut(command_line_, size));
         for (char &c : line)
@@ -91,8 +91,8 @@ class Process {
 
 using Processes = std::array<Process, 3>;
 
-/** Stands for /proc: the processes, one that has gone, and what is no process. */
-const std::string &folder() {
+/** Replaces /proc: the processes, one that has ended, and entries that are not processes. */
+const std::string &proc_directory() {
     static const std::string path = [] {
         std::string made = scratch_directory() + "/proc";
         for (const char *entry : {"41", "42", "43", "44", "self", "net", "x41"})
@@ -102,7 +102,7 @@ const std::string &folder() {
     return path;
 }
 
-/** The processes that have a name, in the order of the folder. */
+/** The processes that have a name, in the order of the directory. */
 std::vector<int> named(const Processes &processes, const std::string &name) {
     std::vector<int> ids;
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir("/proc"), closedir);
@@ -124,7 +124,7 @@ void check_lookup(const Processes &processes, const std::string &name) {
         check_equal(found.get()[i], expected[i], "a process is found");
     check_equal(found.get()[expected.size()], expected.empty() ? -1 : 0, "the end of the list");
 
-    const __lsan::ScopedDisabler where_there_is_none_the_result_is_not_freed;
+    const __lsan::ScopedDisabler if_no_process_is_found_the_result_is_not_freed;
     check_equal(app_isrun(text.get()), expected.empty() ? 0 : expected.front(), "app_isrun");
     const auto other =
         std::find_if(expected.begin(), expected.end(), [](int id) { return id != own_process; });
@@ -147,9 +147,9 @@ std::string check_command_line(const Process &process, std::size_t size) {
 
 extern "C" {
 
-/** The fuzzer's own folders are opened as they are. */
+/** Other directories, which the fuzzer uses, are opened unchanged. */
 DIR *opendir(const char *name) {
-    const char *const path = std::string_view(name) == "/proc" ? folder().c_str() : name;
+    const char *const path = std::string_view(name) == "/proc" ? proc_directory().c_str() : name;
     const int descriptor = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return descriptor >= 0 ? fdopendir(descriptor) : nullptr;
 }
@@ -158,7 +158,7 @@ pid_t getpid() noexcept { return own_process; }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     static Processes processes = {Process(41), Process(42), Process(43)};
-    static FixedFile gone("/proc/44/status");
+    static FixedFile ended("/proc/44/status");
     Input input(data, size);
     const std::string name = input.text();
     const std::size_t line_size = input.byte() % 64 + 1U;
