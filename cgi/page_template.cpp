@@ -212,7 +212,7 @@ void fill_line(std::string_view line, PageFields &fields, Output &out) {
             continue;
         out.put(front(text, marker));
         pending.drop(marker + 1 + name_of(*field).size());
-        // Without memory to search the value for markers, it is written as it is.
+        // Without memory to search the value for markers, it is written unchanged.
         const std::string_view value = value_of(*field);
         if (pending.prepend(value)) {
             position = 1;

@@ -56,7 +56,7 @@ bool leads_to(const char *path, const Descriptor &file) {
 }
 
 /// Replaces a file with a new version of it. `write_lines(lines, copy)` reads the lines of the
-/// original and writes the copy. On any failure the original stays and the copy is removed.
+/// original and writes the copy. On any failure the original is kept and the copy is removed.
 template <typename WriteLines>
 void rewrite(const LockFile &lock, const FileNames &names, WriteLines write_lines) {
     Descriptor original = open_regular(names.file);

@@ -60,7 +60,7 @@ Descriptor create(const FileNames &names) {
 /// Opens the lock file, which other writers may create and remove at the same time.
 Descriptor open_or_create(const FileNames &names) {
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
-        // Without O_CREAT first: with it, the kernel may refuse to open somebody else's file in a
+        // Without O_CREAT first: with it, the kernel may refuse to open another user's file in a
         // directory that everybody can write to.
         Descriptor file(open(names.lock, open_flags));
         if (!file && errno == ENOENT)
@@ -103,7 +103,7 @@ LockFile::LockFile(const FileNames &names) : path_(names.lock) {
         if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
             !is_trusted(status.st_uid, names))
             return;
-        // A file with a second name may contain somebody's data.
+        // A file with a second name may contain data.
         if (status.st_nlink == 1)
             static_cast<void>(ftruncate(file.get(), 0) == 0);
         if (!wait_for_lock(file.get()))

@@ -16,8 +16,8 @@ struct FileNames {
 };
 
 /// Whether a lock file or a copy of this user counts: the user is the effective user, root, the
-/// owner of the file or the owner of its directory. Any other user could keep a lock on a file of
-/// theirs for ever.
+/// owner of the file or the owner of its directory. Any other user could keep their own file locked
+/// indefinitely.
 bool is_trusted(uid_t user, const FileNames &names);
 
 /// The lock that a writer of a configuration file holds while it rewrites the file: a lockf() lock

@@ -214,8 +214,8 @@ CORVEL_API void DFPrintf(FILE *stream, const char *fmt, ...) CORVEL_PRINTF_LIKE(
  *  - A last line without a newline is not read, unless it is a whole piece of 1023 characters.
  *  - A NUL ends the line; the rest of the line is skipped.
  *
- * Therefore a value that contains "setenv " is not read back under its name, but as whatever
- * follows that string. A program that saves values from a request must refuse such a value, and one
+ * Therefore a value that contains "setenv " is not read back under its name: the line is read from
+ * after that string. A program that saves values from a request must refuse such a value, and one
  * with a newline, which would become a line of its own.
  *
  * Names are compared byte by byte. If several rows have the same name, the first one counts.
@@ -1765,7 +1765,7 @@ CORVEL_API int save_param(const char *path, const char *name, const char *value)
 #define CORVEL_SIGNATURE_SIZE 4
 /** The result of get_tbl_id() for a signature that no row has. */
 #define CORVEL_NO_PARTITION 255
-/** The block-device index that is none: what has it must not be written anywhere. */
+/** Not the index of a block device: a section or partition with it must not be written anywhere. */
 #define CORVEL_NOT_WRITTEN 255
 
 /**

@@ -53,7 +53,7 @@ constexpr std::string_view after(std::string_view text, std::size_t length) {
 }
 
 /// Stores a string in a field, truncated to fit and NUL-terminated. The two may overlap. Returns
-/// the number of characters stored. A field of size 0 is left alone.
+/// the number of characters stored. A field of size 0 is unchanged.
 ///
 /// Not inlined: where the compiler knows a bound of the length, it copies byte by byte.
 [[gnu::noinline]] inline std::size_t store(std::span<char> field, std::string_view text) {

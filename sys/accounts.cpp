@@ -121,7 +121,8 @@ Descriptor take_change_lock() {
 }
 
 /// The file that chpasswd reads. It is always a new file: no other process has it open, only root
-/// can read it, and it is not the target of somebody's symbolic link. The destructor removes it.
+/// can read it, and it is not the target of another user's symbolic link. The destructor removes
+/// it.
 class PasswordFile {
   public:
     PasswordFile() : descriptor_(create()), exists_(descriptor_) {}

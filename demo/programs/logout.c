@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Ends the session. Only a form's button does this: programs that follow links log nobody out. */
+/* Ends the session. Only a form's button does this: programs that follow links do not end it. */
 #include "session.h"
 
 #include <stdlib.h>

@@ -53,9 +53,9 @@ function toLogin() {
 }
 
 async function fetchJson(url) {
-  const answer = await fetch(url).catch(() => null);
-  if (answer?.status === 401) toLogin();
-  return answer?.ok ? answer.json() : null;
+  const response = await fetch(url).catch(() => null);
+  if (response?.status === 401) toLogin();
+  return response?.ok ? response.json() : null;
 }
 
 // Shows records in the rows of a table, column by column. Existing rows are reused.
