@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <syslog.h>
-#include <utility>
 
 #include "firmware/boot_parameter.h"
 #include "firmware/crc32.h"

@@ -17,7 +17,7 @@ namespace {
 using namespace corvel_fuzz;
 
 constexpr std::size_t stripped_size = CORVEL_MAC_STRIPPED_SIZE;
-constexpr std::size_t digit_count = 2 * CORVEL_MAC_BYTES;
+constexpr std::size_t digit_count = CORVEL_MAC_STRIPPED_SIZE - 1;
 constexpr std::string_view lower_digits = "0123456789abcdef";
 constexpr std::string_view upper_digits = "0123456789ABCDEF";
 
