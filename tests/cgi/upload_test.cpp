@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -1368,10 +1367,7 @@ std::string listed(const StoredFiles &files) {
     return list;
 }
 
-std::string python_peer() {
-    return "python3 '" +
-           (std::filesystem::path(__FILE__).parent_path() / "multipart_peer.py").string() + "'";
-}
+std::string python_peer() { return "python3 '" CORVEL_SOURCE_DIR "/tests/cgi/multipart_peer.py'"; }
 
 TEST(process_file, AgreesWithPythonsEmailPackage) {
     constexpr int bodies = 500;
