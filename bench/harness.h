@@ -4,8 +4,8 @@
 //
 // A job has several sides: "corvel", its peers, and "limit", the minimum cost of the job with the C
 // library alone. The machine's speed may change from second to second, so all sides of a job run
-// one after the other, and this is repeated for several rounds in one process; report.py compares
-// the sides within each round.
+// one after the other, and this is repeated for several rounds in one process;
+// bench/compare compares the sides within each round.
 #pragma once
 
 #include <benchmark/benchmark.h>
