@@ -1,8 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Tests of docs/make-manual-pages: of the pages that an installation holds, and of its own rules.
-
-CORVEL_PREFIX names the directory into which the library is installed with its manual pages.
-"""
+"""Tests of docs/make-manual-pages: of the pages that an installation holds, and of its own rules."""
 import os
 import re
 import subprocess
@@ -11,8 +8,10 @@ import unittest
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
+from build_tree import INSTALLED
+from build_tree import SOURCE as ROOT
+
 HERE = Path(__file__).resolve().parent
-ROOT = HERE.parent.parent
 EXAMPLE = HERE / "example.h"
 
 
@@ -54,7 +53,7 @@ def lint(pages):
 class InstalledPages(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.manual = Path(os.environ["CORVEL_PREFIX"]) / "share" / "man"
+        cls.manual = INSTALLED / "share" / "man"
         cls.pages = sorted((cls.manual / "man3").iterdir())
 
     def test_each_export_record_and_group_has_a_page_and_nothing_else(self):
@@ -230,7 +229,3 @@ class Build(unittest.TestCase):
     def test_a_plain_build_makes_pages(self):
         status, output, value = self.configure()
         self.assertEqual((status, value), (0, "ON"), output)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Runs the walks of browser.js, and installs the packages that they need."""
+"""Runs the walks of browser.js."""
 
 import json
 import os
@@ -9,28 +9,8 @@ import signal
 import subprocess
 import tempfile
 
-from device import FACTORY_PASSWORD, SOURCE
-
-HERE = pathlib.Path(__file__).resolve().parent
-DIRECTORY = SOURCE / "build" / "end-to-end"
-
-
-def install():
-    """Installs the locked packages unless they are installed."""
-    installed = DIRECTORY / "package-lock.json"
-    locked = HERE / "package-lock.json"
-    if installed.exists() and installed.read_bytes() == locked.read_bytes():
-        return
-    if not shutil.which("npm"):
-        raise SystemExit("npm is not installed: apt-get install npm")
-    shutil.rmtree(DIRECTORY, ignore_errors=True)
-    DIRECTORY.mkdir(parents=True)
-    shutil.copy(HERE / "package.json", DIRECTORY)
-    # The lock file is copied last: its presence shows that the installation is complete.
-    shutil.copy(locked, DIRECTORY / "npm-shrinkwrap.json")
-    subprocess.run(["npm", "ci", "--ignore-scripts", "--no-audit", "--no-fund"], cwd=DIRECTORY,
-                   check=True, stdin=subprocess.DEVNULL)
-    shutil.copy(locked, installed)
+from browser_packages import HERE, MODULES
+from device import FACTORY_PASSWORD
 
 
 class Walk:
@@ -43,7 +23,7 @@ class Walk:
         self.process = subprocess.Popen(
             [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True, start_new_session=True,
-            env={**os.environ, "NODE_PATH": str(DIRECTORY / "node_modules"), "HOME": str(self.directory),
+            env={**os.environ, "NODE_PATH": str(MODULES), "HOME": str(self.directory),
                  "SESSION": demo.session if logged_in else "", "PASSWORD": FACTORY_PASSWORD,
                  **environment})
 

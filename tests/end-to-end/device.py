@@ -18,8 +18,9 @@ import tempfile
 import time
 import urllib.parse
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
-BUILD = SOURCE / "build" / "demo"
+from build_tree import BUILD, SOURCE
+
+IMAGE = BUILD / "device"
 NETWORK = "/cgi-bin/network"
 DEVICE = "/cgi-bin/device"
 UPGRADE = "/cgi-bin/upgrade"
@@ -53,13 +54,9 @@ def wait_until(condition, seconds=10):
     return True
 
 
-_port_share = (0, 1)
-
-
-def take_ports_of(number, count):
-    """Restricts this process to its share of the ports; it is one of several processes."""
-    global _port_share
-    _port_share = (number, count)
+# Each of several processes has its share of the ports.
+_port_share = (int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw")),
+               int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1")))
 
 
 def free_port():
@@ -71,12 +68,6 @@ def free_port():
         # The kernel assigns even ports to bind() and odd ones to connect().
         if port // 2 % count == number:
             return port
-
-
-def build():
-    """Builds the demo by starting it once, as a user does."""
-    with Demo(no_build=False):
-        pass
 
 
 def shared_demo():
@@ -127,8 +118,8 @@ def descendants(pid):
 class Demo:
     """A running demo with its own state directory, and a client that is logged in to it."""
 
-    def __init__(self, *arguments, state=None, password=FACTORY_PASSWORD, no_build=True,
-                 script=SOURCE / "demo" / "run", build_directory=None, command=()):
+    def __init__(self, *arguments, state=None, password=FACTORY_PASSWORD, image=IMAGE,
+                 script=(SOURCE / "demo" / "serve",), command=()):
         self.own_directory = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
         self.state = state or self.own_directory / "state"
         self.port = free_port()
@@ -136,10 +127,9 @@ class Demo:
         self.session = None
         _running.add(self)
         # The demo ends if this process is killed.
-        command = [*command, "setpriv", "--pdeathsig", "TERM", script,
+        command = [*command, "setpriv", "--pdeathsig", "TERM", *script,
                    "--port", str(self.port), "--state", self.state,
-                   "--build", build_directory or BUILD, *(["--no-build"] if no_build else []),
-                   *arguments]
+                   *(["--image", image] if image else []), *arguments]
         self.process = subprocess.Popen(
             [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, start_new_session=True)

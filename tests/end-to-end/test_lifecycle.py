@@ -22,9 +22,14 @@ class Lifecycle(Case):
         self.directory = self.make_directory()
         self.state = self.directory / "state"
 
-    def run_script(self, *arguments, script=SOURCE / "demo" / "run"):
-        return subprocess.run([script, "--no-build", "--build", device.BUILD, "--state", self.state,
-                               *arguments], capture_output=True, text=True, timeout=60)
+    def run_script(self, *arguments):
+        return subprocess.run([SOURCE / "demo" / "serve", "--image", device.IMAGE,
+                               "--state", self.state, *arguments],
+                              capture_output=True, text=True, timeout=60)
+
+    def test_dev_demo_builds_and_serves_it(self):
+        with Demo(state=self.state, script=[SOURCE / "dev", "demo"], image=None) as demo:
+            self.assertEqual(demo.json(NETWORK)["WLAN_SSID"], "Corvel Home")
 
     def test_settings_survive_a_restart_and_a_reset_undoes_them(self):
         with Demo(state=self.state) as demo:
@@ -132,19 +137,16 @@ class Lifecycle(Case):
         self.assertIn("Usage", self.run_script("--help").stdout)
 
     def test_it_runs_as_an_ordinary_user(self):
-        copy = self.directory / "demo"
-        copy.mkdir()
-        shutil.copy(SOURCE / "demo" / "run", copy)
-        shutil.copy(SOURCE / "demo" / "packages", copy)
-        shutil.copytree(device.BUILD / "device", self.directory / "build" / "device", symlinks=True)
+        script = shutil.copy(SOURCE / "demo" / "serve", self.directory)
+        image = self.directory / "image"
+        shutil.copytree(device.IMAGE, image, symlinks=True)
         command = ()
         if os.geteuid() == 0:
             subprocess.run(["chown", "-R", f"{NOBODY}:{NOBODY}", self.directory], check=True)
             command = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
                        "--inh-caps=-all")
         try:
-            demo = Demo(state=self.state, script=copy / "run", build_directory=self.directory / "build",
-                        command=command)
+            demo = Demo(state=self.state, script=[script], image=image, command=command)
         except RuntimeError as problem:
             self.fail(f"an ordinary user cannot run the demo here (user namespaces?): {problem}")
         with demo:

@@ -78,7 +78,7 @@ class Strangers(LoginTest):
 
     def test_every_program_of_the_build_is_tested(self):
         built = {f"/cgi-bin/{each.name}"
-                 for each in (device.BUILD / "device/www/cgi-bin").iterdir()}
+                 for each in (device.IMAGE / "www/cgi-bin").iterdir()}
         self.assertEqual(built - {LOGIN}, set(self.paths))
         self.assertLessEqual({*device.PAGES, UPLOAD, LOGOUT}, built)
 

@@ -246,9 +246,9 @@ class Upgrades(UpgradeTest):
 
     def test_an_upload_needs_little_more_memory_than_the_body_and_the_image(self):
         """Runs the program under one that records its maximum memory use."""
-        build = self.directory / "build"
-        shutil.copytree(device.BUILD / "device", build / "device", symlinks=True)
-        program = build / "device/www/cgi-bin/upload"
+        image = self.directory / "image"
+        shutil.copytree(device.IMAGE, image, symlinks=True)
+        program = image / "www/cgi-bin/upload"
         program.rename(program.with_name("upload.real"))
         program.write_text(
             "#!/usr/bin/python3\nimport resource, subprocess\n"
@@ -258,7 +258,7 @@ class Upgrades(UpgradeTest):
         program.chmod(0o755)
         body = multipart(part(large_image(
             "Corvel R1 2.0.0", LARGEST - len(multipart(part(b""))))[1]))
-        with Demo("--no-pause", build_directory=build) as demo:
+        with Demo("--no-pause", image=image) as demo:
             start = time.monotonic()
             response = demo.request("POST", UPLOAD, body, {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
@@ -583,17 +583,14 @@ class ReadOnlyFlash(UpgradeTest):
     """A device with a partition that cannot be written."""
 
     def setUp(self):
-        directory = self.make_directory()
-        (directory / "demo").mkdir()
-        script = directory / "demo" / "run"
-        shutil.copy(SOURCE / "demo" / "packages", directory / "demo")
-        text = (SOURCE / "demo" / "run").read_text()
+        script = self.make_directory() / "serve"
+        text = (SOURCE / "demo" / "serve").read_text()
         end = "    # On the device every program runs as root"
         self.assertIn(end, text)
         script.write_text(text.replace(
             end, '    device_root+=(--ro-bind "$state/flash/mtdblock5" /dev/mtdblock5)\n' + end))
         script.chmod(0o755)
-        self.options = {"script": script}
+        self.options = {"script": [script]}
         super().setUp()
 
     def test_a_set_that_cannot_be_written_does_not_boot(self):

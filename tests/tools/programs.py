@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
-"""Builds the tools and runs them."""
+"""Runs the tools."""
 
-import os
 import pathlib
 import resource
 import shutil
@@ -9,17 +8,7 @@ import subprocess
 import tempfile
 import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
-BUILD = SOURCE / "build" / "tools"
-
-
-def build():
-    configure = ["cmake", "-S", SOURCE, "-B", BUILD]
-    if not (BUILD / "CMakeCache.txt").exists():
-        configure += ["-DCMAKE_BUILD_TYPE=Release", "-DCORVEL_WERROR=ON"]
-    configure += ["-DBUILD_TESTING=OFF", "-DCORVEL_TOOLS=ON"]
-    for command in (configure, ["cmake", "--build", BUILD, "--parallel", str(os.cpu_count())]):
-        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+from build_tree import BUILD
 
 
 class Done:

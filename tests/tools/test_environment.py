@@ -5,7 +5,6 @@ import os
 import random
 import re
 import stat
-import unittest
 
 import environment_model as model
 from environment_model import DATA_SIZE, SIZE, entries_of, image, with_crc
@@ -372,7 +371,3 @@ class BadImages(EnvironmentTest):
                 self.assertEqual(after, content)
                 self.assertRegex(done.errors, r"^corvel-env: 'a' does not fit: it takes 13 bytes")
                 self.assertTrue(end > DATA_SIZE - 13)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,7 +7,7 @@ import sys
 import tempfile
 import unittest
 
-from programs import SOURCE
+from build_tree import SOURCE
 
 GOLDEN = SOURCE / "tests/golden"
 

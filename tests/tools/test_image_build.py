@@ -4,7 +4,6 @@
 import os
 import random
 import stat
-import unittest
 
 import image_model as model
 from image_model import image, partition, version
@@ -332,7 +331,3 @@ class Build(ToolTest):
             lines += ["[Ver0]", f"text = {text}"]
             self.assert_builds("\n".join(lines), image(*sections, version(text.encode())))
             self.assertEqual(run("corvel-image", "verify", self.target).status, 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

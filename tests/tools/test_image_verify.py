@@ -4,7 +4,6 @@
 import random
 import struct
 import subprocess
-import unittest
 
 import environment_model
 import image_model as model
@@ -336,7 +335,3 @@ def random_image():
         data = with_crc(data + version(random.randbytes(random.randrange(8)),
                                        pad=random.choice((0, 7))))
     return data + bytes(random.choice((0,) * 10 + (1, 19, 21)))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,14 +1,16 @@
 # SPDX-License-Identifier: MIT
 """Faults of images that a device accepts: warnings, or errors with --strict."""
 
+import pathlib
 import random
 import subprocess
-import unittest
+import tempfile
 
+from build_tree import SOURCE
 import image_model as model
 import programs
 from image_model import image, partition, section, version
-from programs import SOURCE, ToolTest, run
+from programs import ToolTest, run
 
 ROOT, KERNEL = partition(b"root", b"root"), partition(b"kern", b"kern")
 ROOT_B, KERNEL_B = partition(b"rfs1", b"root"), partition(b"knl1", b"kern")
@@ -138,8 +140,10 @@ int main(void)
 
     @classmethod
     def setUpClass(cls):
-        cls.program = programs.BUILD / "upload"
-        source = programs.BUILD / "upload.c"
+        directory = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(directory.cleanup)
+        cls.program = pathlib.Path(directory.name) / "upload"
+        source = cls.program.with_suffix(".c")
         source.write_text(cls.SOURCE)
         subprocess.run(["g++", "-x", "c++", "-I", SOURCE / "include", source, "-x", "none",
                         programs.BUILD / "libcorvel.a", "-lcrypt", "-o", cls.program], check=True)
@@ -268,7 +272,3 @@ class Strict(ToolTest):
         data = bytearray(image(ROOT, version()))
         data[-1] ^= 1
         self.assertEqual(run("corvel-image", "verify", "--strict", "-", input=data).status, 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@
 
 import json
 import struct
-import unittest
 
 import environment_model
 from environment_model import with_crc
@@ -157,7 +156,3 @@ class Environments(JsonTest):
         found = self.parsed(self.list(with_crc(data)))["variables"]
         self.assertEqual(found, [{"name": "a", "value": "1"},
                                  {"name": "\xff" * (len(data) - 4), "value": None}])
-
-
-if __name__ == "__main__":
-    unittest.main()

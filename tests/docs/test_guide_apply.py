@@ -9,7 +9,9 @@ LIBRARIES = [["--symlink", os.readlink(f"/{name}"), f"/{name}"]
              for name in ("bin", "lib", "lib32", "lib64") if os.path.islink(f"/{name}")]
 
 
-def fault_of(directory, variables):
+def test_the_response_ends_before_the_client(program, variables):
+    apply = program("apply")
+    directory = apply.parent
     client = directory / "configclient"
     client.write_text(CLIENT)
     client.chmod(0o755)
@@ -18,23 +20,21 @@ def fault_of(directory, variables):
     root = ["bwrap", "--ro-bind", "/usr", "/usr", *sum(LIBRARIES, []), "--dev", "/dev",
             "--ro-bind", client, "/sbin/configclient", "--bind", directory, "/pages",
             "--ro-bind", library, "/library", "--setenv", "LD_LIBRARY_PATH", "/library"]
-    program = subprocess.Popen([*root, "/pages/apply"], stdin=subprocess.DEVNULL,
+    process = subprocess.Popen([*root, "/pages/apply"], stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    output = None
     try:
-        output = program.communicate(timeout=30)[0]
-        fault = None if output.startswith(b"Status: 303 ") else str(output)
+        output = process.communicate(timeout=30)[0]
     except subprocess.TimeoutExpired:
-        fault = "the client holds the response open"
-    # The client ends when it reads a line. Checks that a client was started at all.
+        pass
+    # The client ends when it reads a line.
     go = os.open(directory / "go", os.O_RDWR)
     os.write(go, b"applied\n")
     end = time.monotonic() + 30
     while not (directory / "done").exists() and time.monotonic() < end:
         time.sleep(0.01)
     os.close(go)
-    program.communicate()
-    return fault or (None if (directory / "done").exists() else "the client was not started")
-
-
-def check(tally, directory, variables):
-    tally.add("apply: the response ends before the client", fault_of(directory, variables))
+    process.communicate()
+    assert output is not None, "the client holds the response open"
+    assert output.startswith(b"Status: 303 ")
+    assert (directory / "done").exists(), "the client was not started"

@@ -8,6 +8,8 @@ import os
 import subprocess
 import time
 
+import pytest
+
 CONFIGURATION = """
 {user}
 daemon off;
@@ -70,27 +72,43 @@ def post(socket, path, body, content_type="application/x-www-form-urlencoded"):
     return (int(head[1]) if len(head) > 1 else 0), done.stdout
 
 
-def fault_of_status(status, expected):
-    return None if status == expected else f"status {status}, not {expected}"
-
-
-def check(tally, directory, scratch, variables):
+@pytest.fixture(scope="module")
+def site(program, scratch, variables):
+    """The path of the socket on which nginx serves the programs."""
+    for name in ("save_lan", "files"):
+        directory = program(name).parent
     with server(directory, scratch, variables) as socket:
-        for size in (70_000, 3_000_000, 20_000_000):
-            status, _ = post(socket, "/save_lan", b"x" * size)
-            tally.add(f"nginx: a form of {size} bytes is refused", fault_of_status(status, 413))
-        status, _ = post(socket, "/save_lan", b"IPADDR=10.0.0.1")
-        tally.add("nginx: a form is accepted", fault_of_status(status, 303))
-        kind = "multipart/form-data; boundary=b"
-        for size in (70_000, 20_000_000):
-            status, _ = post(socket, "/files", b"x" * size, "multipart/form-data")
-            tally.add(f"nginx: an upload of {size} bytes without a boundary is refused",
-                      fault_of_status(status, 400))
-        status, _ = post(socket, "/files", b"x" * 20_000_000, kind)
-        tally.add("nginx: an upload of more than 16 MiB is refused", fault_of_status(status, 400))
-        status, response = post(
-            socket, "/files", b"--b\r\nContent-Disposition: form-data; name=\"f\"\r\n\r\n"
-            b"filename=x\r\n\r\n<script>alert(1)</script>\r\n--b--\r\n", kind)
-        tally.add("nginx: the response contains no part of a field",
-                  fault_of_status(status, 200) or (response.decode() if b"script" in response else
-                                                   None))
+        yield socket
+
+
+def status(*request):
+    return post(*request)[0]
+
+
+@pytest.mark.parametrize("size", (70_000, 3_000_000, 20_000_000))
+def test_a_large_form_is_refused(site, size):
+    assert status(site, "/save_lan", b"x" * size) == 413
+
+
+def test_a_form_is_accepted(site):
+    assert status(site, "/save_lan", b"IPADDR=10.0.0.1") == 303
+
+
+@pytest.mark.parametrize("size", (70_000, 20_000_000))
+def test_an_upload_without_a_boundary_is_refused(site, size):
+    assert status(site, "/files", b"x" * size, "multipart/form-data") == 400
+
+
+UPLOAD = "multipart/form-data; boundary=b"
+
+
+def test_an_upload_of_more_than_16_mib_is_refused(site):
+    assert status(site, "/files", b"x" * 20_000_000, UPLOAD) == 400
+
+
+def test_the_response_contains_no_part_of_a_field(site):
+    body = (b"--b\r\nContent-Disposition: form-data; name=\"f\"\r\n\r\n"
+            b"filename=x\r\n\r\n<script>alert(1)</script>\r\n--b--\r\n")
+    result, response = post(site, "/files", body, UPLOAD)
+    assert result == 200
+    assert b"script" not in response

@@ -1,26 +1,16 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Reports on the build for the board after its tests: the footprint and its limits, C programs with
-the shared and with the static library, and the limits of the emulator.
-
-usage: target/report JUNIT        the results of the tests, as written by ctest
-
-The last line is "N passed, N failed": the tests, and one check per limit and program.
+"""Tests C programs for the board with the shared and with the static library, and the footprint of
+the library, which is written into the file `footprint` of the build.
 """
 import re
 import subprocess
-import sys
-import tempfile
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(ROOT / "tests"))
-sys.dont_write_bytecode = True
+import pytest
 
-import results  # noqa: E402
+from build_tree import BUILD, SOURCE
 
-BUILD = ROOT / "build/mips"
-SYSROOT = ROOT / "build/mips-sysroot"
+SYSROOT = SOURCE / "build" / "mips-sysroot"
 EMULATOR = ["qemu-mips", "-L", SYSROOT]
 
 LIBRARY_LIMIT = 64 * 1024
@@ -34,16 +24,6 @@ PAGE = b'Content-Type: text/html\r\n\r\n<input name="IPADDR" value="192.168.1.1"
 def tool(name, *arguments):
     return subprocess.run([SYSROOT / f"bin/mips-linux-musl-{name}", *arguments], check=True,
                           stdout=subprocess.PIPE, text=True).stdout
-
-
-class Tally:
-    def __init__(self, passed, failed):
-        self.passed, self.failed = passed, failed
-
-    def add(self, title, holds, fault=""):
-        self.passed += holds
-        self.failed += not holds
-        print("ok    " if holds else "FAILED", title, "" if holds else fault)
 
 
 def sections(library):
@@ -98,49 +78,50 @@ def resident_memory(program, directory):
     return total, own
 
 
-def check_programs(tally, directory):
-    for name in ("page", "page_static", "page_alone"):
-        done = subprocess.run([*EMULATOR, BUILD / "tests" / name, directory],
-                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT)
-        tally.add(f"{name} prints its page", done.returncode == 0 and done.stdout == PAGE,
-                  f"status {done.returncode}, {done.stdout}")
+@pytest.fixture(scope="module")
+def directory(tmp_path_factory):
+    made = tmp_path_factory.mktemp("pages")
+    (made / "lan.conf").write_text(CONFIGURATION)
+    (made / "lan.html").write_text(TEMPLATE)
+    return made
 
 
-def footprint(tally, directory):
-    library = Path(directory) / "libcorvel.so"
-    tool("strip", "-o", library, BUILD / "libcorvel.so")
-    size, writable = library.stat().st_size, writable_memory(library)
+@pytest.fixture(scope="module")
+def library(directory):
+    """The stripped library."""
+    stripped = directory / "libcorvel.so"
+    tool("strip", "-o", stripped, BUILD / "libcorvel.so")
+    return stripped
+
+
+@pytest.mark.parametrize("name", ("page", "page_static", "page_alone"))
+def test_a_program_prints_its_page(name, directory):
+    done = subprocess.run([*EMULATOR, BUILD / "tests" / name, directory], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    assert (done.returncode, done.stdout) == (0, PAGE)
+
+
+def test_size_of_the_library_is_within_its_limit(library):
+    assert library.stat().st_size <= LIBRARY_LIMIT
+
+
+def test_writable_memory_is_within_its_limit(library):
+    assert writable_memory(library) <= WRITABLE_LIMIT
+
+
+def test_the_footprint_is_written(library, directory):
     part = sections(library)
-    print()
-    print(f"libcorvel.so, stripped            {size:7} bytes  (limit {LIBRARY_LIMIT})")
-    print(f"  code                            {part['.text']:7}")
-    print(f"  constant data                   {part['.rodata']:7}")
-    print(f"writable memory                   {writable:7} bytes  (limit {WRITABLE_LIMIT})")
-    print(f"dynamic relocations               {dynamic_relocations(library):7}")
-    programs = (("page_alone", "without the library"), ("page", "with the library"))
-    for name, title in programs:
+    lines = [
+        f"libcorvel.so, stripped            {library.stat().st_size:7} bytes"
+        f"  (limit {LIBRARY_LIMIT})",
+        f"  code                            {part['.text']:7}",
+        f"  constant data                   {part['.rodata']:7}",
+        f"writable memory                   {writable_memory(library):7} bytes"
+        f"  (limit {WRITABLE_LIMIT})",
+        f"dynamic relocations               {dynamic_relocations(library):7}"]
+    for name, title in (("page_alone", "without the library"), ("page", "with the library")):
         total, own = resident_memory(BUILD / "tests" / name, directory)
         calls = system_calls(BUILD / "tests" / name, directory)
-        print(f"a page {title:26} {calls:7} system calls, "
-              f"{total} KiB resident, {own} of them private")
-    print()
-    tally.add("size of libcorvel.so within its limit", size <= LIBRARY_LIMIT, f"{size} bytes")
-    tally.add("writable memory within its limit", writable <= WRITABLE_LIMIT, f"{writable} bytes")
-
-
-def main():
-    tally = Tally(*results.count(sys.argv[1]))
-    with tempfile.TemporaryDirectory() as directory:
-        (Path(directory) / "lan.conf").write_text(CONFIGURATION)
-        (Path(directory) / "lan.html").write_text(TEMPLATE)
-        check_programs(tally, directory)
-        footprint(tally, directory)
-    print()
-    print((ROOT / "target/emulator-limits").read_text())
-    print(f"{tally.passed} passed, {tally.failed} failed")
-    return 0 if tally.passed and not tally.failed else 1
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+        lines.append(f"a page {title:26} {calls:7} system calls, "
+                     f"{total} KiB resident, {own} of them private")
+    (BUILD / "footprint").write_text("\n".join(lines) + "\n")

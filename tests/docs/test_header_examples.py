@@ -8,8 +8,14 @@ the command before it, and other lines are the output of the command before them
 commands is run once and prints nothing.
 """
 import re
-import shlex
 import subprocess
+
+import pytest
+
+from build_tree import INSTALLED, SOURCE
+from documents import WARNINGS
+
+HEADER = SOURCE / "include" / "corvel.h"
 
 CODE = re.compile(r"^ \* @code\n(.*?)^ \* @endcode\n", re.MULTILINE | re.DOTALL)
 DECLARED = re.compile(r"CORVEL_API[^;(\[]*?(\w+)\s*[;(\[]")
@@ -23,19 +29,18 @@ INCLUDES = """#include <assert.h>
 #include <syslog.h>
 #include <unistd.h>
 """
-LANGUAGES = [["gcc", "-xc", "-std=c99", "-Wno-unused-parameter"],
-             ["g++", "-xc++", "-std=c++17", "-Wno-unused-parameter"]]
+COMPILERS = ("gcc -xc -std=c99", "g++ -xc++ -std=c++17")
 LEAST_EXAMPLES = 30
 
 
 def examples(header):
-    """Yields, for each example, the name that is declared after it, its code and its commands."""
+    """Yields, for each example, its code and its commands. Its name is declared after it."""
     for match in CODE.finditer(header):
         after = header.index(COMMENT_END, match.end()) + len(COMMENT_END)
         name = DECLARED.search(header, after)[1]
         lines = [line[3:].rstrip("\n") for line in match[1].splitlines()]
         start = next((i for i, line in enumerate(lines) if line.startswith("// $ ")), len(lines))
-        yield name, "\n".join(lines[:start]) + "\n", commands_of(lines[start:])
+        yield pytest.param("\n".join(lines[:start]) + "\n", commands_of(lines[start:]), id=name)
 
 
 def commands_of(lines):
@@ -58,38 +63,25 @@ def run(command, directory, variables, **options):
     return done.returncode, done.stdout
 
 
-def compile_example(compiler, warnings, code, prefix, directory, variables):
-    """Returns what is wrong, or None."""
-    source = directory / "example.source"
+EXAMPLES = list(examples(HEADER.read_text()))
+
+
+@pytest.mark.parametrize("compiler", COMPILERS)
+@pytest.mark.parametrize("code, commands", EXAMPLES)
+def test_example(code, commands, compiler, new_directory, variables):
+    source = new_directory / "example.source"
     source.write_text(f"{INCLUDES}\nint main(int argc, char **argv)\n{{\n{code}}}\n")
-    status, output = run([*compiler, *warnings, "-D_DEFAULT_SOURCE", f"-I{prefix}/include", source,
-                          "-o", "example", f"-L{next(prefix.glob('lib*/**/libcorvel.so')).parent}",
-                          "-xnone", "-lcorvel"], directory, variables)
-    return f"{code}{output}" if status != 0 else None
-
-
-def run_example(commands, directory, variables):
-    """Returns what differs from the transcript, or None."""
+    status, output = run([*compiler.split(), *WARNINGS, "-Wno-unused-parameter",
+                          "-D_DEFAULT_SOURCE", f"-I{INSTALLED}/include", source, "-o", "example",
+                          f"-L{variables['LD_LIBRARY_PATH']}", "-xnone", "-lcorvel"],
+                         new_directory, variables)
+    assert status == 0, output
     for command, expected in commands:
-        status, output = run(["bash", "-c", command], directory, variables)
+        status, output = run(["bash", "-c", command], new_directory, variables)
         # A transcript does not show whether the last line has a newline.
         output += "\n" if output and not output.endswith("\n") else ""
-        if status != 0 or output != expected:
-            return f"$ {command}\nstatus {status}, expected:\n{expected}got:\n{output}"
-    return None
+        assert (status, output) == (0, expected), command
 
 
-def check(tally, header, warnings, prefix, scratch, variables):
-    """Adds a check per example and language."""
-    count = 0
-    for name, code, commands in examples(header.read_text()):
-        count += 1
-        for compiler in LANGUAGES:
-            directory = scratch / f"{name}-{compiler[0]}"
-            directory.mkdir(parents=True)
-            fault = compile_example(compiler, warnings, code, prefix, directory, variables)
-            if fault is None:
-                fault = run_example(commands, directory, variables)
-            tally.add(f"{header.name}: {name}() {shlex.join(compiler)}", fault)
-    missing = f"only {count} examples" if count < LEAST_EXAMPLES else None
-    tally.add(f"{header.name} has at least {LEAST_EXAMPLES} examples", missing)
+def test_there_are_enough_examples():
+    assert len(EXAMPLES) >= LEAST_EXAMPLES

@@ -6,8 +6,8 @@ import shutil
 import struct
 import subprocess
 
-COMPILE = ("cc -O2 -static hosts.c -o hosts.static "
-           "$(pkg-config --cflags --libs-only-L corvel) -l:libcorvel.a -lcrypt")
+import pytest
+
 HOST = bytes.fromhex("aabbccddee01"), bytes([192, 168, 1, 10])
 KNOWN = HOST[0].ljust(16, b"\0") + HOST[1] + struct.pack(">I", 3600)
 ROW = {"ip": "192.168.1.10", "mac": "AA:BB:CC:DD:EE:01", "name": "", "left": "3600"}
@@ -30,12 +30,10 @@ CASES = {
 }
 
 
-def rows(directory, process, leases):
-    root = directory / "lessor"
-    shutil.rmtree(root, ignore_errors=True)
+def rows(root, program, process, leases):
     (root / "var/run").mkdir(parents=True)
     (root / "var/config").mkdir()
-    shutil.copy(directory / "hosts.static", root / "hosts")
+    shutil.copy(program, root / "hosts")
     (root / "var/run/udhcpd.pid").write_text(process)
     (root / "var/config/udhcpd.leases").write_bytes(leases)
     # In its own process namespace the program cannot signal any other process.
@@ -45,12 +43,6 @@ def rows(directory, process, leases):
     return json.loads(done.stdout.partition("\n\n")[2])
 
 
-def check(tally, directory, variables):
-    done = subprocess.run(["bash", "-c", COMPILE], cwd=directory, env=variables,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    tally.add("leases: compilation", done.stdout if done.returncode else None)
-    if done.returncode:
-        return
-    for name, (process, leases, expected) in CASES.items():
-        found = rows(directory, process, leases)
-        tally.add(f"leases: {name}", None if found == expected else str(found))
+@pytest.mark.parametrize("process, leases, expected", CASES.values(), ids=CASES)
+def test_leases(process, leases, expected, new_directory, static_program):
+    assert rows(new_directory, static_program("hosts"), process, leases) == expected

@@ -13,10 +13,10 @@ import struct
 import subprocess
 import zlib
 
+import pytest
+
 UPGRADED, REFUSED, NOT_WRITTEN = range(3)
 WORDS = ("upgraded", "refused", "not written")
-COMPILE = ("cc -O2 -static upgrade.c -o upgrade.static "
-           "$(pkg-config --cflags --libs-only-L corvel) -l:libcorvel.a -lcrypt")
 ROOT_SIZE, KERNEL_SIZE, PAGE = 0x650000, 0x100000, 4096
 
 
@@ -56,12 +56,12 @@ def line(partition, rest=""):
 class Device:
     """A flash whose running set has the version "old"; the other set is erased."""
 
-    def __init__(self, directory, running, environment_image, command_line):
+    def __init__(self, directory, program, running, environment_image, command_line):
         self.root = directory / "device"
         shutil.rmtree(self.root, ignore_errors=True)
         (self.root / "dev").mkdir(parents=True)
         (self.root / "proc").mkdir()
-        shutil.copy(directory / "upgrade.static", self.root / "upgrade")
+        shutil.copy(program, self.root / "upgrade")
         (self.root / "dev/null").touch()
         for number in range(9):
             self.partition(number).write_bytes(b"\xff" * PAGE)
@@ -168,75 +168,61 @@ CASES = {
 }
 
 
-def fault_of(directory, case):
+@pytest.fixture
+def device(new_directory, static_program):
+    """A function that returns a new device, instead of the one before."""
+    return lambda *arguments: Device(new_directory, static_program("upgrade"), *arguments)
+
+
+@pytest.mark.parametrize("case", CASES.values(), ids=CASES)
+def test_upgrade(case, device):
     running, environment_image, image_bytes, command_line, outcome, boots = case
-    device = Device(directory, running, environment_image, command_line)
-    expected = boots or device.booted()
-    status = device.upgrade(image_bytes)
-    if status != outcome:
-        return f"status {status}, not {WORDS[outcome]}"
-    if outcome == REFUSED and device.contents() != device.before:
-        return "the flash has changed"
-    if device.booted() != expected:
-        return f"set {device.booted()[0]} boots, version {device.booted()[1]}"
-    return None
+    upgraded = device(running, environment_image, command_line)
+    expected = boots or upgraded.booted()
+    assert WORDS[upgraded.upgrade(image_bytes)] == WORDS[outcome]
+    if outcome == REFUSED:
+        assert upgraded.contents() == upgraded.before
+    assert upgraded.booted() == expected
 
 
-def fault_of_full_flash(directory):
-    """If a partition cannot be written, the running set still boots."""
-    device = Device(directory, A, A_BOOTS, line(2))
-    device.partition(5).unlink()
-    device.partition(5).symlink_to("/dev/missing")
-    status = device.upgrade(NEW)
-    return None if (status, device.booted()) == (NOT_WRITTEN, ("A", "old")) else f"status {status}"
+def test_the_running_set_boots_if_a_partition_cannot_be_written(device):
+    upgraded = device(A, A_BOOTS, line(2))
+    upgraded.partition(5).unlink()
+    upgraded.partition(5).symlink_to("/dev/missing")
+    assert (upgraded.upgrade(NEW), upgraded.booted()) == (NOT_WRITTEN, ("A", "old"))
 
 
-def fault_of_second(directory):
-    """A second upgrade before the restart is refused: it would overwrite the running set."""
-    device = Device(directory, A, A_BOOTS, line(2))
-    statuses = device.upgrade(NEW), device.upgrade(NEW)
-    return None if statuses == (UPGRADED, REFUSED) and device.booted() == STARTS_NEW_B else (
-        f"statuses {statuses}")
+def test_a_second_upgrade_before_the_restart_is_refused(device):
+    """It would overwrite the running set."""
+    upgraded = device(A, A_BOOTS, line(2))
+    assert (upgraded.upgrade(NEW), upgraded.upgrade(NEW)) == (UPGRADED, REFUSED)
+    assert upgraded.booted() == STARTS_NEW_B
 
 
-def fault_of_two_at_once(directory):
-    """An upgrade is refused while another one holds the lock."""
-    device = Device(directory, A, A_BOOTS, line(2))
-    status = device.upgrade(NEW, ["flock", device.partition(1)])
-    return None if status == REFUSED and device.contents() == device.before else f"status {status}"
+def test_an_upgrade_is_refused_while_another_one_holds_the_lock(device):
+    upgraded = device(A, A_BOOTS, line(2))
+    assert upgraded.upgrade(NEW, ["flock", upgraded.partition(1)]) == REFUSED
+    assert upgraded.contents() == upgraded.before
 
 
-def fault_of_kills(directory, running, environment_image, call):
-    """Kills the program at each call of one kind. Returns the first fault of the flash, or None."""
+KILLED = {"A is running": (A, A_BOOTS), "B is running": (B, B_BOOTS),
+          "A is running, a wrong CRC": (A, DAMAGED_A),
+          "B is running, a wrong CRC": (B, DAMAGED_B),
+          "B is running, no bootparam": (B, WITHOUT)}
+
+
+@pytest.mark.parametrize("call", ("openat", "write"))
+@pytest.mark.parametrize("running, environment_image", KILLED.values(), ids=KILLED)
+def test_a_complete_set_boots_after_a_kill_at_any_call(running, environment_image, call, device):
     for number in range(1, 1000):
-        device = Device(directory, running, environment_image, line(2 + 2 * running))
-        booted_before = device.booted()[1] is not None
-        status = device.upgrade(NEW, ["strace", "-f", "-qq", "-o", os.devnull, "-e",
-                                      f"inject={call}:signal=KILL:when={number}"])
-        touched = device.contents()[2:6] != device.before[2:6]
-        if device.booted()[1] is None and (booted_before or touched):
-            return f"killed at {call} {number}: set {device.booted()[0]} is incomplete"
+        upgraded = device(running, environment_image, line(2 + 2 * running))
+        booted_before = upgraded.booted()[1] is not None
+        status = upgraded.upgrade(NEW, ["strace", "-f", "-qq", "-o", os.devnull, "-e",
+                                        f"inject={call}:signal=KILL:when={number}"])
+        touched = upgraded.contents()[2:6] != upgraded.before[2:6]
+        if booted_before or touched:
+            assert upgraded.booted()[1] is not None, f"killed at {call} {number}"
         if status == UPGRADED:
-            return None if number > 2 else f"only {number - 1} calls of {call}"
-    return f"more calls of {call} than expected"
-
-
-def check(tally, directory, variables):
-    done = subprocess.run(["bash", "-c", COMPILE], cwd=directory, env=variables,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    tally.add("upgrade: compilation", done.stdout if done.returncode else None)
-    if done.returncode:
-        return
-    for name, case in CASES.items():
-        tally.add(f"upgrade: {name}", fault_of(directory, case))
-    tally.add("upgrade: a partition that cannot be written", fault_of_full_flash(directory))
-    tally.add("upgrade: a second one before the restart", fault_of_second(directory))
-    tally.add("upgrade: two at the same time", fault_of_two_at_once(directory))
-    for name, running, environment_image in (
-            ("A is running", A, A_BOOTS), ("B is running", B, B_BOOTS),
-            ("A is running, a wrong CRC", A, DAMAGED_A),
-            ("B is running, a wrong CRC", B, DAMAGED_B),
-            ("B is running, no bootparam", B, WITHOUT)):
-        for call in ("openat", "write"):
-            tally.add(f"upgrade: killed at each {call}, {name}",
-                      fault_of_kills(directory, running, environment_image, call))
+            assert number > 2, f"only {number - 1} calls"
+            return
+    pytest.fail("more calls than expected")

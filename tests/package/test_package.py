@@ -1,0 +1,203 @@
+# SPDX-License-Identifier: MIT
+"""Tests the build and the installation: the header alone in each language, the plain build and its
+files, the installed package, and a sanitized shared library in a sanitized program.
+"""
+import functools
+import os
+import re
+import subprocess
+import tempfile
+from pathlib import Path
+
+import pytest
+
+from build_tree import SOURCE, user_environment
+
+# Allocates in the library and frees there; the exit status is 0 if the value is read back.
+PROGRAM = r"""
+#include <corvel.h>
+
+int main(void)
+{
+    prop_entry row[1];
+    char value[256];
+    int count = ins_prop("name", "\"value\"", row, 0);
+    int differs = !get_prop("name", value, row, count) || STRCMP(value, "value");
+    free_prop(row, count);
+    return differs;
+}
+"""
+
+# Overruns a small buffer, in the library.
+OVERRUN = r"""
+#include <corvel.h>
+
+#include <stdlib.h>
+
+int main(void)
+{
+    char *small = malloc(3);
+    add_escape("long text", small);
+    free(small);
+    return 0;
+}
+"""
+
+CONSUMER = """
+cmake_minimum_required(VERSION 3.20)
+project(consumer LANGUAGES C)
+find_package(corvel 1.0 REQUIRED)
+foreach(library IN ITEMS corvel corvel_static)
+  add_executable(with_${library} program.c)
+  target_link_libraries(with_${library} PRIVATE corvel::${library})
+endforeach()
+"""
+
+
+def run(*command, **options):
+    """Runs a command, which must succeed, and returns its output."""
+    done = subprocess.run(command, cwd=SOURCE, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, **options)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def build_preset(preset):
+    """Builds the library and returns the directory."""
+    run("cmake", "--preset", preset)
+    run("cmake", "--build", "--preset", preset, "--target", "corvel")
+    return SOURCE / "build" / preset
+
+
+@pytest.fixture
+def directory():
+    with tempfile.TemporaryDirectory(prefix="corvel-package-") as made:
+        yield Path(made)
+
+
+# --- The header alone ---------------------------------------------------------------------------
+
+COMMON = ("-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wundef "
+          "-Wredundant-decls ")
+GCC_C = COMMON + "-Wstrict-prototypes -Wmissing-prototypes -Wc++-compat"
+GCC_CXX = COMMON + "-Wold-style-cast -Wuseless-cast -Wzero-as-null-pointer-constant"
+# The layout of the records contains padding, and compatibility with C++98 is not required.
+CLANG_C = "-Weverything -Wno-padded"
+CLANG_CXX = CLANG_C + " -Wno-c++98-compat -Wno-c++98-compat-pedantic"
+
+
+@pytest.mark.parametrize("compiler, warnings", (
+    ("gcc -xc -std=c99", GCC_C), ("gcc -xc -std=c11", GCC_C),
+    ("clang -xc -std=c99", CLANG_C), ("clang -xc -std=c11", CLANG_C),
+    ("g++ -xc++ -std=c++17", GCC_CXX), ("g++ -xc++ -std=c++20", GCC_CXX),
+    ("clang++ -xc++ -std=c++17", CLANG_CXX), ("clang++ -xc++ -std=c++20", CLANG_CXX)),
+    ids=lambda words: words if "-std" in words else "")
+def test_header_alone(compiler, warnings, directory):
+    source = directory / "header"
+    source.write_text("#include <corvel.h>\n")
+    run(*compiler.split(), *warnings.split(), "-Werror", "-fsyntax-only", "-I", "include", source)
+
+
+# --- The plain build and the installed package --------------------------------------------------
+
+@pytest.fixture(scope="module")
+def plain():
+    """The directory of a build with the README's commands."""
+    build = SOURCE / "build" / "package"
+    run("cmake", "-S", ".", "-B", build, "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF")
+    run("cmake", "--build", build, "--target", "corvel")
+    return build
+
+
+@pytest.fixture(scope="module")
+def prefix(plain):
+    """A prefix that was moved after the installation."""
+    with tempfile.TemporaryDirectory(prefix="corvel-package-") as directory:
+        staged, moved = Path(directory) / "staged", Path(directory) / "prefix"
+        run("cmake", "--install", plain, "--prefix", staged)
+        staged.rename(moved)
+        yield moved
+
+
+in_one_process = pytest.mark.xdist_group("plain")
+
+
+@in_one_process
+def test_the_shared_library_is_a_link_to_the_versioned_file(plain):
+    library = plain / "libcorvel.so"
+    assert library.is_symlink() and library.is_file()
+
+
+@in_one_process
+def test_soname(plain):
+    dynamic = run("readelf", "--dynamic", "--wide", plain / "libcorvel.so")
+    assert "Library soname: [libcorvel.so.1]" in dynamic
+
+
+@in_one_process
+def test_the_static_library_is_built(plain):
+    assert (plain / "libcorvel.a").is_file()
+
+
+@in_one_process
+def test_a_program_with_pkg_config(prefix, directory):
+    (directory / "program.c").write_text(PROGRAM)
+    variables = user_environment(prefix)
+    run("bash", "-c", 'cc "$0/program.c" -o "$0/program" $(pkg-config --cflags --libs corvel)',
+        directory, env=variables)
+    run(directory / "program", env=variables)
+    assert run("pkg-config", "--modversion", "corvel", env=variables).startswith("1.")
+
+
+@in_one_process
+@pytest.mark.parametrize("library", ("corvel", "corvel_static"))
+def test_a_program_with_find_package(library, prefix, directory):
+    (directory / "program.c").write_text(PROGRAM)
+    (directory / "CMakeLists.txt").write_text(CONSUMER)
+    run("cmake", "-S", directory, "-B", directory, f"-DCMAKE_PREFIX_PATH={prefix}")
+    run("cmake", "--build", directory, "--target", f"with_{library}")
+    run(directory / f"with_{library}")
+
+
+def test_the_smallest_build():
+    build_preset("size")
+
+
+# --- Sanitizers ---------------------------------------------------------------------------------
+
+SANITIZED = {"sanitize": "gcc", "sanitize-flags": "gcc",
+             "sanitize-clang": "clang", "sanitize-flags-clang": "clang"}
+
+
+@pytest.fixture(scope="module")
+def sanitized():
+    """A function that builds a preset once and returns the directory."""
+    return functools.cache(build_preset)
+
+
+def compile_sanitized(compiler, code, library, directory):
+    (directory / "program.c").write_text(code)
+    run(compiler, "-fsanitize=address,undefined", "-I", "include", directory / "program.c", "-o",
+        directory / "program", "-L", library, "-lcorvel")
+    return directory / "program", {**os.environ, "LD_LIBRARY_PATH": str(library)}
+
+
+EACH_PRESET = pytest.mark.parametrize("preset, compiler", [
+    pytest.param(preset, compiler, id=preset, marks=pytest.mark.xdist_group(preset))
+    for preset, compiler in SANITIZED.items()])
+
+
+@EACH_PRESET
+def test_a_sanitized_library_is_loaded(preset, compiler, sanitized, directory):
+    program, variables = compile_sanitized(compiler, PROGRAM, sanitized(preset), directory)
+    run(program, env=variables)
+
+
+@EACH_PRESET
+def test_an_overrun_in_a_sanitized_library_is_found(preset, compiler, sanitized, directory):
+    program, variables = compile_sanitized(compiler, OVERRUN, sanitized(preset), directory)
+    done = subprocess.run([program], env=variables, stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode != 0
+    assert "heap-buffer-overflow" in done.stdout
+    assert re.search("SUMMARY.*escape", done.stdout)
