@@ -80,7 +80,7 @@ def suite(tmp_path_factory, monkeypatch):
                 write(directory / "ctest.xml", *tests)
             return [["sh", "-c", script]]
         monkeypatch.setattr(run_suites, "commands", commands)
-        monkeypatch.setattr(run_suites, "SUITE_LIMIT", limit)
+        monkeypatch.setattr(run_suites, "COMMAND_LIMIT", limit)
         return run_suites.run_suite("suite", "preset", "target", "label", False)
 
     return run
