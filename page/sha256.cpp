@@ -55,7 +55,7 @@ void Sha256::process(const unsigned char block[64]) {
 
 void Sha256::update(std::string_view bytes) {
     while (!bytes.empty()) {
-        const std::size_t used = size_ % block_size;
+        const auto used = static_cast<std::size_t>(size_ % block_size);
         const std::size_t room = block_size - used;
         const std::size_t taken = bytes.size() < room ? bytes.size() : room;
         std::memcpy(block_ + used, bytes.data(), taken);
@@ -69,7 +69,8 @@ void Sha256::update(std::string_view bytes) {
 void Sha256::digest(unsigned char result[digest_size]) {
     constexpr char padding[block_size] = {'\x80'};
     const std::uint64_t bits = size_ * 8;
-    update({padding, (119 - size_ % block_size) % block_size + 1});
+    const auto used = static_cast<std::size_t>(size_ % block_size);
+    update({padding, (119 - used) % block_size + 1});
     char length[8];
     for (std::size_t i = 0; i < 8; ++i)
         length[i] = static_cast<char>(bits >> (56 - 8 * i));
