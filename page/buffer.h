@@ -3,7 +3,6 @@
 #define CORVEL_PAGE_BUFFER_H
 
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 namespace corvel {
@@ -17,14 +16,7 @@ class Buffer {
     Buffer &operator=(const Buffer &) = delete;
     ~Buffer() { std::free(start_); }
 
-    bool append(std::string_view bytes) {
-        if (failed_ || !reserve(bytes.size()))
-            return false;
-        if (!bytes.empty())
-            std::memcpy(start_ + size_, bytes.data(), bytes.size());
-        size_ += bytes.size();
-        return true;
-    }
+    bool append(std::string_view bytes);
     bool append(char byte) { return append(std::string_view(&byte, 1)); }
 
     /// Removes the content and forgets a failure.
@@ -39,24 +31,7 @@ class Buffer {
     [[nodiscard]] std::string_view bytes() const { return {start_, size_}; }
 
   private:
-    /// Makes room for further bytes. The capacity doubles, so that the time is linear in the size.
-    bool reserve(std::size_t more) {
-        if (more <= capacity_ - size_)
-            return true;
-        failed_ = more > limit_ - size_;
-        if (failed_)
-            return false;
-        std::size_t capacity = capacity_ < 256 ? 256 : capacity_;
-        while (capacity - size_ < more)
-            capacity = capacity > limit_ / 2 ? limit_ : capacity * 2;
-        auto *const larger = static_cast<char *>(std::realloc(start_, capacity));
-        failed_ = larger == nullptr;
-        if (failed_)
-            return false;
-        start_ = larger;
-        capacity_ = capacity;
-        return true;
-    }
+    bool reserve(std::size_t more);
 
     std::size_t limit_;
     char *start_ = nullptr;
