@@ -183,87 +183,458 @@ CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *c
 
 /**
  * @defgroup page_answer Answers
- * @brief The answer to a request: status, headers, body. Source: page/answer.cpp.
+ * @brief The answer to a request: status, header fields, body. Source: page/answer.cpp.
+ *
+ * An answer is kept in memory until it is sent, so that it can still become an error page. Whatever
+ * goes wrong before that, the browser gets a complete answer: if memory is exhausted, if the body
+ * is longer than #CORVEL_ANSWER_MAX, or if a function was misused (a header field with a newline,
+ * JSON that is not closed, a malformed template), corvel_answer_send() sends an error page of
+ * status 500 instead, and the system log contains the reason. No function that fills an answer
+ * therefore returns a failure.
+ *
+ * @code
+ * static const corvel_site site = {.templates = "/www/templates", .error_template = "error"};
+ * corvel_request *const request = corvel_request_begin();
+ * corvel_answer *const answer = corvel_answer_new(request, &site);
+ * corvel_data *const data = corvel_data_new();
+ * corvel_data_set(data, "name", "<Router>");
+ * corvel_answer_template(answer, "status", data);
+ * corvel_answer_send(answer);
+ * corvel_data_free(data);
+ * corvel_answer_free(answer);
+ * corvel_request_free(request);
+ * @endcode
  * @{
  */
-/** An answer; its body is kept in memory until it is sent. */
+/** An answer. */
 typedef struct corvel_answer corvel_answer;
 
-/** What the answers of a site have in common. A null member has the default stated here. */
+/** Values for a template: names with strings, and names with repeated sections. */
+typedef struct corvel_data corvel_data;
+
+/**
+ * What the answers of a site have in common. A null member has the default stated here. The strings
+ * are not copied: they must stay valid until the answer is freed.
+ */
 typedef struct corvel_site {
-    const char *templates;      /**< Directory of the templates. Default: the working directory. */
-    const char *error_template; /**< Template of error pages. Default: a plain page of the kit. */
-    const char *content_security_policy; /**< Default: "default-src 'self'" and stricter rules. */
+    /** Directory of the templates. Only root may be able to write there: symbolic links are
+     * followed. Default: the working directory. */
+    const char *templates;
+    /** Name of the template of error pages, see corvel_answer_error(). Default: a plain page that
+     * needs no file. */
+    const char *error_template;
+    /** The field Content-Security-Policy of every answer; an empty string omits it. Default:
+     * "default-src 'self'; base-uri 'none'; form-action 'self'; frame-ancestors 'none'; object-src
+     * 'none'". */
+    const char *content_security_policy;
 } corvel_site;
 
-/** Body bytes that an answer keeps at most; a longer one is answered by status 500. */
+/** Bytes of an answer's body at most; a longer one is answered by status 500. */
 #define CORVEL_ANSWER_MAX 4194304
 
+/** Characters of a local path at most, see corvel_is_local_path(). */
+#define CORVEL_LOCAL_PATH_MAX 2048
+
+/**
+ * Creates an answer: status 200, an empty body, and the fields
+ *  - `Content-Type: text/html; charset=utf-8`
+ *  - `Cache-Control: no-store`
+ *  - `X-Content-Type-Options: nosniff`
+ *  - `X-Frame-Options: DENY`
+ *  - `Referrer-Policy: same-origin`
+ *  - `Content-Security-Policy`, see corvel_site
+ *
+ * @param request the request. Null if corvel_request_begin() failed: the answer then has its body
+ *                even if the method is HEAD. Must stay valid until the answer is freed.
+ * @param site    what the site's answers have in common; null for all defaults. It is copied, but
+ *                not its strings.
+ * @return the answer, for corvel_answer_free(); null if memory is exhausted. All functions accept
+ *         null, and corvel_answer_send() then sends a plain answer of status 503.
+ */
 CORVEL_PAGE_API corvel_answer *corvel_answer_new(const corvel_request *request,
                                                  const corvel_site *site);
+
+/**
+ * Releases an answer. If it was not sent, nothing is sent.
+ *
+ * @param answer the answer; null is ignored.
+ */
 CORVEL_PAGE_API void corvel_answer_free(corvel_answer *answer);
+
+/**
+ * States values that every template of the answer can use, error pages too: the user's name, the
+ * device's model. A name is looked up there last.
+ *
+ * @param answer the answer.
+ * @param values the values; null, the result of a corvel_data_new() that failed, is a misuse. They
+ *               are not copied and must stay valid until the answer is freed.
+ */
+CORVEL_PAGE_API void corvel_answer_values(corvel_answer *answer, const corvel_data *values);
+
+/**
+ * Sets the status. Ignored after corvel_answer_error() and corvel_answer_redirect().
+ *
+ * @param answer the answer.
+ * @param status the status, 200 to 599; any other is a misuse. An answer of status 204 or 304 is
+ *               sent without a body.
+ */
 CORVEL_PAGE_API void corvel_answer_status(corvel_answer *answer, int status);
-/** Sets the content type. Default: "text/html; charset=utf-8". */
+
+/**
+ * Sets the content type. Ignored after corvel_answer_error() and corvel_answer_redirect().
+ *
+ * @param answer the answer.
+ * @param type   the type, such as "text/csv; charset=utf-8". A null pointer, an empty string or one
+ *               with control characters is a misuse.
+ */
 CORVEL_PAGE_API void corvel_answer_type(corvel_answer *answer, const char *type);
-/** Sets a header field, instead of a default of that name; a null value removes it. */
+
+/**
+ * Sets a header field. It replaces a default or earlier field of that name in any case of letters.
+ * Effective for an error page or redirection too if called after the function that makes it:
+ *
+ * @code
+ * corvel_answer *const answer = corvel_answer_new(NULL, NULL);
+ * corvel_answer_error(answer, CORVEL_HTTP_TOO_MANY_REQUESTS, "Please wait for a minute.");
+ * corvel_answer_header(answer, "Retry-After", "60");
+ * corvel_answer_send(answer);
+ * corvel_answer_free(answer);
+ * @endcode
+ *
+ * @param answer the answer.
+ * @param name   the name: letters, digits and any of "!#$%&'*+-.^_`|~". Any other name is a misuse,
+ *               and so are the names that other functions set: Status, Content-Type,
+ *               Content-Length, Transfer-Encoding and Set-Cookie.
+ * @param value  the value; a null pointer or an empty string removes the field. A value with a
+ *               control character, such as a newline, is a misuse. All fields together can have
+ *               16,384 bytes.
+ */
 CORVEL_PAGE_API void corvel_answer_header(corvel_answer *answer, const char *name,
                                           const char *value);
-/** Adds a Set-Cookie header field: HttpOnly, SameSite=Strict, Path=/, and Secure if TLS is used. */
+
+/**
+ * Sets a cookie with the attributes `Path=/`, `HttpOnly` and `SameSite=Strict`, and `Secure` if the
+ * request arrived by TLS. It replaces an earlier cookie of the answer that has the same name. An
+ * error page or redirection keeps the cookies that were set before. All cookies together can have
+ * 16,384 bytes.
+ *
+ * @param answer  the answer.
+ * @param name    the name: letters, digits and any of "!#$%&'*+-.^_`|~". Any other is a misuse.
+ * @param value   the value: printable ASCII characters except the space, `"`, `,`, `;` and the
+ *                backslash; any other character is a misuse. A null pointer removes the cookie from
+ *                the browser.
+ * @param max_age seconds until the browser removes the cookie, 0 to remove it at once; a negative
+ *                number keeps it until the browser is closed.
+ */
 CORVEL_PAGE_API void corvel_answer_cookie(corvel_answer *answer, const char *name,
                                           const char *value, long max_age);
-/** Appends bytes as they are. */
+
+/**
+ * Appends bytes to the body as they are, NUL bytes included. Nothing is escaped: for text in HTML
+ * use corvel_answer_html(). Ignored after corvel_answer_error() and corvel_answer_redirect(); a
+ * misuse in a JSON body.
+ *
+ * @param answer the answer.
+ * @param bytes  the bytes; null appends nothing.
+ * @param size   the number of bytes.
+ */
 CORVEL_PAGE_API void corvel_answer_write(corvel_answer *answer, const void *bytes, size_t size);
-/** Appends a string escaped for HTML text and quoted attributes; malformed UTF-8 becomes U+FFFD. */
+
+/**
+ * Appends a string to the body, escaped for the text of an HTML element and for an attribute in
+ * either kind of quotes. Not for an attribute without quotes, nor for a script or style element.
+ *
+ * `&`, `<`, `>`, `"` and `'` become character references. Each byte that is not part of a
+ * well-formed UTF-8 character, and each control character except tab, newline, form feed and
+ * carriage return, becomes U+FFFD. Ignored after corvel_answer_error() and
+ * corvel_answer_redirect(); a misuse in a JSON body.
+ *
+ * @param answer the answer.
+ * @param text   the string.
+ */
 CORVEL_PAGE_API void corvel_answer_html(corvel_answer *answer, const char *text);
-/** Replaces the answer by a redirection (303) to a path of this site. */
+
+/**
+ * Replaces the answer by a redirection of status 303: the browser requests the path by GET. The
+ * body becomes empty and the header fields become the defaults again; only cookies are kept. What
+ * is appended afterwards is ignored.
+ *
+ * @param answer the answer.
+ * @param path   a path of this site, with a query if needed. One that corvel_is_local_path() does
+ *               not accept is a misuse, so that a path out of a request cannot lead to another
+ *               site.
+ */
 CORVEL_PAGE_API void corvel_answer_redirect(corvel_answer *answer, const char *path);
-/** Replaces the answer by an error page in the site's design. */
+
+/**
+ * Replaces the answer by an error page. The header fields become the defaults again; only cookies
+ * are kept. What is appended afterwards is ignored.
+ *
+ * The page is the site's error template, filled with the values `status` ("404"), `title` ("Not
+ * Found") and `reason`, and with those of corvel_answer_values(). If it cannot be filled, the log
+ * contains the reason, and the page is a plain one of the kit. If memory is exhausted, it is empty.
+ *
+ * @param answer the answer.
+ * @param status the status, 400 to 599; any other is a misuse.
+ * @param reason a sentence for the user, which is escaped; null if there is none.
+ */
 CORVEL_PAGE_API void corvel_answer_error(corvel_answer *answer, int status, const char *reason);
-/** Adds an ETag, so that the answer is a 304 if the browser has this body already. */
+
+/**
+ * Makes the answer conditional, for data that a page polls: if the browser has the same body
+ * already, the answer is a 304 without a body. The browser may store the answer for that:
+ * Cache-Control becomes "private, no-cache".
+ *
+ * The entity tag (ETag) is the SHA-256 of the body, computed by corvel_answer_send(). It is
+ * compared with those of If-None-Match, in which weak tags count as strong ones and `*` matches any
+ * body. There is no condition if the method is not GET or HEAD, or if the status is not 200.
+ * Ignored after corvel_answer_error() and corvel_answer_redirect().
+ *
+ * @param answer the answer.
+ */
 CORVEL_PAGE_API void corvel_answer_conditional(corvel_answer *answer);
-/** Sends the answer on standard output, once. @return false if not all of it could be written. */
+
+/**
+ * Sends the answer on standard output, with its Content-Length, and without its body if the method
+ * is HEAD. It can be sent once. What was printed to `stdout` before and is still in the stream's
+ * buffer follows the answer: a page prints nothing itself.
+ *
+ * If nobody reads standard output any more, as after the browser has closed the connection, the
+ * result is false; SIGPIPE does not end the program. Writing ends also if the reader accepts
+ * nothing for 60 seconds.
+ *
+ * @param answer the answer. For a null pointer, a plain answer of status 503 is sent.
+ * @return true if an answer was written completely, the page's own or the one of status 500 that
+ *         replaces it; false if not all of it could be written, if @p answer is null, or if it was
+ *         sent already.
+ */
 CORVEL_PAGE_API bool corvel_answer_send(corvel_answer *answer);
-/** True if a path is one of this site: it starts with one `/`, and needs no escaping. */
+
+/**
+ * Checks if a string is a path of this site that needs no escaping in a header field: it starts
+ * with one `/`, not two, consists of letters, digits and "/-._~?&=%+,:@#", and has at most
+ * #CORVEL_LOCAL_PATH_MAX characters.
+ *
+ * @param path the path, with a query and a fragment if it has them.
+ * @return true if it is; false for null.
+ */
 CORVEL_PAGE_API bool corvel_is_local_path(const char *path);
 /** @} */
 
 /**
  * @defgroup page_json JSON
- * @brief A JSON body, written in order; always valid. Source: page/json.cpp.
+ * @brief A JSON text, written value by value; always valid. Source: page/json.cpp.
  *
- * @p name is the member's name in an object and null in an array and at the top.
+ * The values are appended to the body of an answer. If the body is empty before the first one, the
+ * whole body is one JSON value, and the content type becomes "application/json" unless the page has
+ * set another. Otherwise each value is embedded in what was appended before, such as a script
+ * element of type "application/json": `<` is escaped, so that no string ends the element.
+ *
+ * @code
+ * corvel_answer *const answer = corvel_answer_new(NULL, NULL);
+ * corvel_json_open_object(answer, NULL);
+ * corvel_json_string(answer, "name", "Router \"A\"");
+ * corvel_json_open_array(answer, "ports");
+ * for (int port = 1; port <= 4; port++)
+ *     corvel_json_integer(answer, NULL, port);
+ * corvel_json_close(answer);
+ * corvel_json_close(answer);
+ * corvel_answer_send(answer);
+ * corvel_answer_free(answer);
+ * @endcode
+ *
+ * In all these functions, @p name is the name of a member if the innermost open value is an object,
+ * and null in an array and outside. Names and strings may contain any bytes: a byte that is not
+ * part of a well-formed UTF-8 character becomes U+FFFD. Two members of an object may have the same
+ * name, although readers do not expect that.
+ *
+ * A misuse is answered by status 500 (see @ref page_answer): a name that is missing or superfluous,
+ * a close without an open, a value that is not closed when the answer is sent, a second value in a
+ * body that is JSON as a whole, other text in such a body or in an open value, and more than 32
+ * arrays and objects in one another. After corvel_answer_error() and corvel_answer_redirect() all
+ * values are ignored.
  * @{
  */
+/**
+ * Opens an object.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ */
 CORVEL_PAGE_API void corvel_json_open_object(corvel_answer *answer, const char *name);
+
+/**
+ * Opens an array.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ */
 CORVEL_PAGE_API void corvel_json_open_array(corvel_answer *answer, const char *name);
+
+/**
+ * Closes the innermost open object or array.
+ *
+ * @param answer the answer.
+ */
 CORVEL_PAGE_API void corvel_json_close(corvel_answer *answer);
+
+/**
+ * Appends a string.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ * @param value  the string; a null pointer is written as `null`.
+ */
 CORVEL_PAGE_API void corvel_json_string(corvel_answer *answer, const char *name, const char *value);
+
+/**
+ * Appends an integer, exactly. JavaScript reads those beyond 2 to the power of 53 with a rounding
+ * error.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ * @param value  the number.
+ */
 CORVEL_PAGE_API void corvel_json_integer(corvel_answer *answer, const char *name, long long value);
+
+/**
+ * Appends a number with a decimal point in any locale, and with as many digits, 15 to 17, as are
+ * needed to read the same number again.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ * @param value  the number; NaN and infinity, which JSON does not have, are written as `null`.
+ */
 CORVEL_PAGE_API void corvel_json_decimal(corvel_answer *answer, const char *name, double value);
+
+/**
+ * Appends `true` or `false`.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ * @param value  the value.
+ */
 CORVEL_PAGE_API void corvel_json_boolean(corvel_answer *answer, const char *name, bool value);
+
+/**
+ * Appends `null`.
+ *
+ * @param answer the answer.
+ * @param name   the name of the member; null outside an object.
+ */
 CORVEL_PAGE_API void corvel_json_null(corvel_answer *answer, const char *name);
 /** @} */
 
 /**
  * @defgroup page_template Templates
- * @brief HTML templates whose values are escaped. Source: page/template.cpp.
+ * @brief HTML templates whose values are escaped. Sources: page/template.cpp, page/data.cpp.
  *
- * `{{name}}` inserts a value escaped for HTML text and quoted attributes, `{{&name}}` one that is
- * HTML already; `{{#name}}...{{/name}}` is repeated for each corvel_data_add() of that name,
- * `{{^name}}...{{/name}}` is kept if there is none, `{{>name}}` inserts another template, and
- * `{{! ... }}` is a comment. What was inserted is never scanned again. An unknown name is empty.
+ * A template is the file NAME.html in the site's directory of templates. It is copied, except for
+ * its tags:
+ *
+ * | tag                     | result                                                            |
+ * | ----------------------- | ----------------------------------------------------------------- |
+ * | `{{name}}`              | The value, escaped as by corvel_answer_html().                    |
+ * | `{{&name}}`             | The value as it is: it must be HTML already.                      |
+ * | `{{#name}}...{{/name}}` | Once for each corvel_data_add() of that name. If there is none:   |
+ * |                         | once if the name has a value that is not empty, otherwise nothing.|
+ * | `{{^name}}...{{/name}}` | Once if `{{#name}}` results in nothing, otherwise nothing.        |
+ * | `{{>name}}`             | Another template, filled with the same values.                    |
+ * | `{{! comment }}`        | Nothing. The comment ends at the first `}}`.                      |
+ *
+ * A name is 1 to 64 letters, digits, hyphens and underscores, and is compared exactly; spaces and
+ * tabs around it are ignored. It is looked up in the values of the innermost repetition, then in
+ * those around it, then in those of corvel_answer_values(); the first that has the name, with a
+ * value or as a section, is used. A name that is not found has an empty value.
+ *
+ * What was inserted is never scanned again: a value that contains a tag is printed. The time is
+ * linear in the size of the templates and of the result. A literal `{{` is written as
+ * `&#123;&#123;`.
+ *
+ * A malformed template is answered by status 500, and the log contains the line and the reason: a
+ * tag or section that is not closed, a tag without a valid name, sections that overlap, more than
+ * 16 sections in one another, more than 8 templates in one another, or more than 1,048,576 tags
+ * and repetitions carried out.
+ *
+ * @code
+ * corvel_answer *const answer = corvel_answer_new(NULL, NULL);
+ * corvel_data *const data = corvel_data_new();
+ * for (int port = 1; port <= 4; port++) {
+ *     // <ul>{{#ports}}<li>Port {{number}}{{/ports}}</ul>
+ *     corvel_data *const row = corvel_data_add(data, "ports");
+ *     corvel_data_set_integer(row, "number", port);
+ * }
+ * corvel_answer_template(answer, "ports", data);
+ * corvel_answer_send(answer);
+ * corvel_data_free(data);
+ * corvel_answer_free(answer);
+ * @endcode
  * @{
  */
-/** Values for a template: names with strings, and names with repeated sections. */
-typedef struct corvel_data corvel_data;
+/** Bytes of a template at most. */
+#define CORVEL_TEMPLATE_MAX 262144
+
+/** Bytes of memory that the values for a template can take, their names included. */
+#define CORVEL_DATA_MAX 4194304
+
+/**
+ * Creates an empty set of values.
+ *
+ * @return the values, for corvel_data_free(); null if memory is exhausted. All functions accept
+ *         null, and a template that is to be filled with it is answered by status 500.
+ */
 CORVEL_PAGE_API corvel_data *corvel_data_new(void);
+
+/**
+ * Releases values and all repetitions that were added to them.
+ *
+ * @param data the result of corvel_data_new(); null and a result of corvel_data_add() are ignored.
+ */
 CORVEL_PAGE_API void corvel_data_free(corvel_data *data);
-/** Sets a value; it is copied. */
+
+/**
+ * Sets a value, which replaces an earlier one of that name. If that fails, because memory or
+ * #CORVEL_DATA_MAX is exhausted or the name is malformed, every template that is to be filled with
+ * these values is answered by status 500: a page never silently lacks a value.
+ *
+ * @param data  the values.
+ * @param name  the name, copied. It is the page's own: many names out of a request could be chosen
+ *              such that looking them up takes long.
+ * @param value the value, copied; null sets an empty one.
+ */
 CORVEL_PAGE_API void corvel_data_set(corvel_data *data, const char *name, const char *value);
+
+/**
+ * Sets a value to a number in decimal digits, as corvel_data_set() does.
+ *
+ * @param data  the values.
+ * @param name  the name, copied.
+ * @param value the number.
+ */
 CORVEL_PAGE_API void corvel_data_set_integer(corvel_data *data, const char *name, long long value);
-/** Adds one repetition of a section and returns its values; they belong to @p data. */
+
+/**
+ * Adds one repetition of a section, after those added before. It fails as corvel_data_set() does.
+ *
+ * @param data    the values, of the whole template or of a repetition.
+ * @param section the name of the section, copied.
+ * @return the values of the repetition, which are released together with @p data; null if that
+ *         failed.
+ */
 CORVEL_PAGE_API corvel_data *corvel_data_add(corvel_data *data, const char *section);
-/** Appends a filled template of the site to an answer. */
+
+/**
+ * Appends a filled template to the body. If that fails, the answer is sent with status 500 and the
+ * log contains the reason. Ignored after corvel_answer_error() and corvel_answer_redirect(); a
+ * misuse in a JSON body.
+ *
+ * @param answer the answer.
+ * @param name   the name of the template, without directory and without ".html"; a name that could
+ *               not be that of a tag is a misuse, so that no name leaves the directory. The file
+ *               can have #CORVEL_TEMPLATE_MAX bytes.
+ * @param data   the values, of corvel_data_new() or corvel_data_add(). Null, the result of a call
+ *               that failed, is a misuse: a template without values takes an empty set.
+ */
 CORVEL_PAGE_API void corvel_answer_template(corvel_answer *answer, const char *name,
                                             const corvel_data *data);
 /** @} */

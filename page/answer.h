@@ -2,39 +2,63 @@
 #ifndef CORVEL_PAGE_ANSWER_H
 #define CORVEL_PAGE_ANSWER_H
 
-#include <string_view>
+#include <cstddef>
+#include <cstdint>
 
 #include <corvel_page.h>
 
 #include "page/buffer.h"
+#include "page/escape.h"
 
 namespace corvel {
 
-/// What the modules of the kit use of an answer beyond the public functions. All accept null.
-
-/// The body so far, which further bytes are appended to; null for a null answer.
-Buffer *body_of(corvel_answer *answer);
-
-/// Records that the page misused a function: corvel_answer_send() sends status 500 and the log gets
-/// the reason, a string literal.
-void misuse(corvel_answer *answer, const char *reason);
-
-/// The site of the answer, with every default filled in.
-const corvel_site &site_of(const corvel_answer *answer);
-
-/// Appends a string to a buffer, escaped for HTML text and quoted attributes.
-void append_html(Buffer &buffer, std::string_view text);
-
-/// Where the JSON writer is: one bit for each level, set in an object, and whether a comma is due.
+/// Where the JSON writer is.
 struct JsonState {
-    unsigned depth = 0;
-    unsigned objects = 0;
+    static constexpr unsigned depth_max = 32;
+
+    unsigned depth = 0;        ///< Arrays and objects that are open.
+    std::uint32_t objects = 0; ///< One bit for each of them, the outermost first: it is an object.
     bool needs_comma = false;
-    bool is_complete = false;
+    bool is_body = false; ///< The whole body is one JSON value.
 };
 
-/// The state of the JSON writer of an answer, which must not be null.
-JsonState &json_state(corvel_answer *answer);
+/// Bytes of the header fields of an answer, and of its cookies.
+inline constexpr std::size_t header_max = 16384;
+
+} // namespace corvel
+
+struct corvel_answer {
+    corvel_answer(const corvel_request *of, const corvel_site &common)
+        : request(of), site(common) {}
+
+    const corvel_request *request;
+    corvel_site site; ///< Every default filled in.
+    const corvel_data *values = nullptr;
+    corvel::Buffer body{CORVEL_ANSWER_MAX};
+    /// Lines of the header, "Name: value\r\n". A line replaces earlier lines of that name; a line
+    /// without a value, "Name:\r\n", only removes them.
+    corvel::Buffer fields{corvel::header_max};
+    /// Lines "name=value; attributes\r\n" of cookies. A line replaces earlier lines of that name.
+    corvel::Buffer cookies{corvel::header_max};
+    corvel::JsonState json;
+    int status = CORVEL_HTTP_OK;
+    bool has_type = false;
+    bool is_conditional = false;
+    bool is_final = false; ///< The body is that of an error or a redirection: nothing is added.
+    bool is_misused = false;
+    bool is_sent = false;
+};
+
+namespace corvel {
+
+/// The body, which text of any kind can be appended to. Null for a null answer and after
+/// corvel_answer_error() or corvel_answer_redirect(). A JSON body cannot be appended to either:
+/// that is a misuse.
+Buffer *body_of(corvel_answer *answer);
+
+/// Records that the page misused a function: corvel_answer_send() sends status 500 instead of the
+/// answer. Only the first misuse of an answer is written to the log. Accepts null.
+void misuse(corvel_answer *answer, const char *reason);
 
 } // namespace corvel
 

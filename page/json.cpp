@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: MIT
+#include <cstdint>
+#include <cstdio>
+
+#include "page/answer.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+bool is_in_object(const JsonState &json) {
+    return json.depth != 0 && (json.objects >> (json.depth - 1) & 1) != 0;
+}
+
+/// Returns why a value with this name, which may be null, cannot be written here; null if it can.
+const char *fault_of_value(const JsonState &json, const char *name) {
+    if (is_in_object(json) && name == nullptr)
+        return "A member of a JSON object has no name.";
+    if (!is_in_object(json) && name != nullptr)
+        return "A JSON value that is not a member of an object has a name.";
+    if (json.depth == 0 && json.is_body)
+        return "A JSON body has more than one value.";
+    return nullptr;
+}
+
+/// The first value in an empty body makes the answer a JSON answer.
+void begin_json(corvel_answer &answer) {
+    if (answer.json.depth != 0 || answer.body.size() != 0)
+        return;
+    answer.json.is_body = true;
+    if (!answer.has_type)
+        corvel_answer_type(&answer, "application/json");
+}
+
+/// Appends what precedes a value. Returns the body; null if the value cannot be written here.
+Buffer *begin_value(corvel_answer *answer, const char *name) {
+    if (answer == nullptr || answer->is_final)
+        return nullptr;
+    JsonState &json = answer->json;
+    const char *const fault = fault_of_value(json, name);
+    if (fault != nullptr) {
+        misuse(answer, fault);
+        return nullptr;
+    }
+    begin_json(*answer);
+    if (json.needs_comma)
+        answer->body.append(',');
+    if (name != nullptr) {
+        append_json_string(answer->body, name);
+        answer->body.append(':');
+    }
+    json.needs_comma = json.depth != 0;
+    return &answer->body;
+}
+
+void append_value(corvel_answer *answer, const char *name, std::string_view value) {
+    Buffer *const body = begin_value(answer, name);
+    if (body != nullptr)
+        body->append(value);
+}
+
+/// Opens an array or object; @p is_object is 1 for an object.
+void open_level(corvel_answer *answer, const char *name, std::uint32_t is_object) {
+    if (answer != nullptr && answer->json.depth == JsonState::depth_max) {
+        misuse(answer, "JSON arrays and objects are nested too deeply.");
+        return;
+    }
+    Buffer *const body = begin_value(answer, name);
+    if (body == nullptr)
+        return;
+    body->append(is_object != 0 ? '{' : '[');
+    JsonState &json = answer->json;
+    const std::uint32_t level = std::uint32_t{1} << json.depth;
+    json.objects = is_object != 0 ? json.objects | level : json.objects & ~level;
+    ++json.depth;
+    json.needs_comma = false;
+}
+
+/// Room for any double in 17 digits, with a decimal point of several bytes.
+constexpr std::size_t decimal_size = 40;
+
+std::uint64_t bits_of(double value) {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+}
+
+/// By the bits, since a comparison would need code for floating point on a board without it.
+bool is_finite(double value) { return (bits_of(value) >> 52 & 0x7FF) != 0x7FF; }
+
+bool is_same(double one, double other) { return bits_of(one) == bits_of(other); }
+
+/// Formats a finite number with as many digits as are needed to read the same number again. The
+/// locale's decimal point, which can have several bytes, becomes a point.
+std::size_t format_decimal(double value, char text[decimal_size]) {
+    int digits = 15;
+    do
+        std::snprintf(text, decimal_size, "%.*g", digits, value);
+    while (!is_same(std::strtod(text, nullptr), value) && ++digits <= 17);
+
+    std::size_t length = 0;
+    bool after_number = true;
+    for (const char *at = text; *at != '\0'; ++at) {
+        const bool is_number = is_digit(*at) || *at == '-' || *at == '+' || *at == 'e';
+        if (is_number)
+            text[length++] = *at;
+        else if (after_number)
+            text[length++] = '.';
+        after_number = is_number;
+    }
+    return length;
+}
+
+} // namespace
+} // namespace corvel
+
+using namespace corvel;
+
+extern "C" {
+
+void corvel_json_open_object(corvel_answer *answer, const char *name) {
+    open_level(answer, name, 1);
+}
+
+void corvel_json_open_array(corvel_answer *answer, const char *name) {
+    open_level(answer, name, 0);
+}
+
+void corvel_json_close(corvel_answer *answer) {
+    if (answer == nullptr || answer->is_final)
+        return;
+    JsonState &json = answer->json;
+    if (json.depth == 0) {
+        misuse(answer, "No JSON array or object is open.");
+        return;
+    }
+    answer->body.append(is_in_object(json) ? '}' : ']');
+    --json.depth;
+    json.needs_comma = json.depth != 0;
+}
+
+void corvel_json_string(corvel_answer *answer, const char *name, const char *value) {
+    if (value == nullptr) {
+        corvel_json_null(answer, name);
+        return;
+    }
+    Buffer *const body = begin_value(answer, name);
+    if (body != nullptr)
+        append_json_string(*body, value);
+}
+
+void corvel_json_integer(corvel_answer *answer, const char *name, long long value) {
+    char text[24];
+    const int length = std::snprintf(text, sizeof text, "%lld", value);
+    append_value(answer, name, {text, size_from(length)});
+}
+
+void corvel_json_decimal(corvel_answer *answer, const char *name, double value) {
+    char text[decimal_size];
+    if (is_finite(value))
+        append_value(answer, name, {text, format_decimal(value, text)});
+    else
+        corvel_json_null(answer, name);
+}
+
+void corvel_json_boolean(corvel_answer *answer, const char *name, bool value) {
+    append_value(answer, name, value ? "true" : "false");
+}
+
+void corvel_json_null(corvel_answer *answer, const char *name) {
+    append_value(answer, name, "null");
+}
+
+} // extern "C"
