@@ -58,10 +58,13 @@ TEST(corvel_data_set, CopiesNameAndValue) {
 
 TEST(corvel_data_set, ReplacesAnEarlierValue) {
     const Data data;
-    for (const char *value : {"first", "a longer second value", "3", "", "fifth"}) {
-        corvel_data_set(data.get(), "a", value);
-        corvel_data_set(data.get(), "b", "other");
-        EXPECT_EQ(filled("{{a}},{{b}}", data.get()).body, std::string(value) + ",other");
+    corvel_data_set(data.get(), "a", "0");
+    corvel_data_set(data.get(), "b", "other");
+    const std::string longer(300, 'x');
+    for (const std::string &value :
+         {std::string("first"), longer, std::string("3"), std::string(), longer + "y"}) {
+        corvel_data_set(data.get(), "a", value.c_str());
+        EXPECT_EQ(filled("{{a}},{{b}}", data.get()).body, value + ",other");
     }
 }
 
@@ -99,6 +102,15 @@ TEST(corvel_data_set, WithinItsLimitAcceptsALongValue) {
     corvel_data_set(data.get(), "a", value.c_str());
     EXPECT_EQ(filled("{{a}}", data.get()).body, value);
     corvel_data_set(data.get(), "b", value.c_str());
+    const RecordSyslog log;
+    EXPECT_EQ(filled("", data.get()).status(), "500 Internal Server Error");
+}
+
+TEST(corvel_data_set, LeavesTheValuesIncompleteOnceItFailed) {
+    const Data data;
+    corvel_data_set(data.get(), "a", std::string(CORVEL_DATA_MAX, 'x').c_str());
+    for (int i = 0; i < 1000; ++i)
+        corvel_data_set_integer(data.get(), ("n" + std::to_string(i)).c_str(), i);
     const RecordSyslog log;
     EXPECT_EQ(filled("", data.get()).status(), "500 Internal Server Error");
 }

@@ -253,6 +253,15 @@ TEST_F(corvel_answer_template, EndsWhenTooManyTagsAreCarriedOut) {
     expect_refused("page", "The page has too many tags.", fill);
 }
 
+TEST_F(corvel_answer_template, EndsWhenTooManyEmptyRepetitionsAreCarriedOut) {
+    write("page", "{{#a}}{{#a}}{{/a}}{{/a}}");
+    const auto fill = [](corvel_data *data) {
+        for (int i = 0; i < 1025; ++i)
+            corvel_data_add(data, "a");
+    };
+    expect_refused("page", "The page has too many tags.", fill);
+}
+
 TEST_F(corvel_answer_template, CarriesOutAMillionTags) {
     write("page", "{{#a}}{{#b}}{{c}}{{/b}}{{/a}}x");
     const auto fill = [](corvel_data *data) {
@@ -392,6 +401,15 @@ TEST_F(corvel_answer_template, RefusesAFileThatCannotBeReadWhole) {
         EXPECT_EQ(answer.send().status(), "500 Internal Server Error");
         corvel_data_free(data);
     }
+}
+
+TEST_F(corvel_answer_template, RefusesAFileThatIsShorterThanItsSize) {
+    const char *const shorter = "/sys/devices/system/cpu/online";
+    struct stat status {};
+    if (stat(shorter, &status) != 0 || status.st_size < 1024)
+        GTEST_SKIP() << "no file that states a larger size than it has";
+    std::filesystem::create_symlink(shorter, path_ + "/page.html");
+    expect_refused("page", "Template page" + unreadable);
 }
 
 TEST_F(corvel_answer_template, ClosesItsFilesAndDoesNotPassThemOn) {
