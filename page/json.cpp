@@ -156,11 +156,13 @@ void corvel_json_integer(corvel_answer *answer, const char *name, long long valu
 }
 
 void corvel_json_decimal(corvel_answer *answer, const char *name, double value) {
-    char text[decimal_size];
-    if (is_finite(value))
-        append_value(answer, name, {text, format_decimal(value, text)});
-    else
+    if (!is_finite(value)) {
         corvel_json_null(answer, name);
+        return;
+    }
+    char text[decimal_size] = "";
+    const std::size_t length = format_decimal(value, text);
+    append_value(answer, name, {text, length});
 }
 
 void corvel_json_boolean(corvel_answer *answer, const char *name, bool value) {

@@ -25,6 +25,7 @@ class PipeSignalBlocked {
 /// the time to wait for the reader is bounded. After a failure nothing more is written.
 class StandardOutput {
   public:
+    StandardOutput() {}
     void put(std::string_view bytes);
     /// Writes what is left. False if not everything was written.
     bool finish();

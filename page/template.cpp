@@ -171,7 +171,7 @@ class Parser {
     std::string_view text_;
     std::string_view rest_;
     Tag *tag_;
-    Tag *open_[sections_max];
+    Tag *open_[sections_max] = {};
     std::size_t depth_ = 0;
 };
 
