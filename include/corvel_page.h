@@ -56,6 +56,14 @@ extern "C" {
 /**
  * @defgroup page_request Requests
  * @brief Reading a request: what a page accepts, and the decoded fields. Source: page/request.cpp.
+ *
+ * corvel_request_begin() copies what identifies a request: the method, the path, the client's
+ * address, the cookies. A page can therefore look for a session before it reads anything else.
+ * corvel_request_read() then checks the request by the page's rules, reads its body and decodes it.
+ *
+ * Everything else in the environment is read with getenv() when it is needed, and so the page must
+ * not change the variables of CGI. A page that uses the kit does not call functions of corvel.h
+ * that read requests, such as process_queue(): they remove variables, and they read the same body.
  * @{
  */
 
@@ -75,10 +83,10 @@ enum {
     CORVEL_FORM = 1,      /**< application/x-www-form-urlencoded */
     CORVEL_MULTIPART = 2, /**< multipart/form-data, read by corvel_upload_read() */
     CORVEL_JSON_TEXT = 4, /**< application/json, returned by corvel_request_body() */
-    CORVEL_ANY_TYPE = 8   /**< Any other type, returned by corvel_request_body() */
+    CORVEL_ANY_TYPE = 8   /**< Every type not combined with it, returned by corvel_request_body() */
 };
 
-/** HTTP statuses that the kit itself produces. */
+/** Statuses of HTTP that the pages of a device need. */
 enum {
     CORVEL_HTTP_OK = 200,
     CORVEL_HTTP_SEE_OTHER = 303,
@@ -100,83 +108,364 @@ enum {
 
 /** What a page accepts. A member that is 0 has the default stated here. */
 typedef struct corvel_request_rules {
-    unsigned methods;         /**< CORVEL_GET... Default: CORVEL_GET. */
-    unsigned types;           /**< CORVEL_FORM... of a body. Default: CORVEL_FORM. */
-    size_t body_max;          /**< Bytes of a body. Default: 65,536. */
-    size_t pairs_max;         /**< Pairs of the query, and of the form. Default: 1,024. */
-    size_t memory_max;        /**< Bytes allocated for the request. Default: 262,144. */
-    unsigned body_seconds;    /**< Time for the body to arrive. Default: 30. */
-    bool accept_other_sites;  /**< Accept a POST, PUT or DELETE that a page of another site sent. */
-    const char *const *hosts; /**< Names in `Host`, ended by a null pointer; null accepts any. */
+    unsigned methods; /**< CORVEL_GET and others. Default: CORVEL_GET. */
+    unsigned types;   /**< CORVEL_FORM and others, for a body. Default: CORVEL_FORM. */
+    /**
+     * Bytes of a body. Default: 65,536. It does not count for multipart/form-data, which has limits
+     * of its own: see #corvel_upload_limits.
+     */
+    size_t body_max;
+    size_t pairs_max; /**< Pairs of the query, and of the form. Default: 1,024. */
+    /**
+     * Bytes that are allocated for the body, the query and the form together. Default: twice
+     * `body_max` and 131,072 more, enough for any body of that size with 1,024 pairs.
+     */
+    size_t memory_max;
+    /**
+     * Seconds to wait for the body, at most 86,400. Default: 30. A longer body has this time for
+     * each 65,536 bytes. A body that is discarded has ten times as long.
+     */
+    unsigned body_seconds;
+    bool accept_other_sites; /**< Accept a POST, PUT or DELETE that a page of another site sent. */
+    /**
+     * The names of this device, ended by a null pointer; null accepts any name. Without them, a
+     * page of another site that makes its own name lead to this device (DNS rebinding) can read
+     * this device's pages as if they were its own. The names are compared regardless of case,
+     * without the port. A request to an address, such as 192.168.1.1, is always accepted.
+     */
+    const char *const *hosts;
 } corvel_request_rules;
 
-/** Begins a request: reads the environment, not the body. @return null if memory is exhausted. */
+/**
+ * Begins a request: reads the environment, not the body.
+ *
+ * @return the request, to be released with corvel_request_free(); null if memory is exhausted. A
+ *         null request can be passed on: corvel_request_read() then returns
+ *         CORVEL_HTTP_SERVICE_UNAVAILABLE.
+ */
 CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
 
 /**
- * Checks the request and reads its body. If the request is refused, the body is read to its end and
- * discarded, so that the web server delivers the answer.
+ * Checks the request, reads its body and decodes the query and the form.
  *
- * @return CORVEL_HTTP_OK, or the status to answer with.
+ * The body of a refused request, and that of a GET, is read to its end and discarded: some web
+ * servers deliver no answer of a program that leaves a part of the body unread. No byte after the
+ * announced length is read. Without CONTENT_LENGTH, a request with HTTP_TRANSFER_ENCODING has a
+ * body that ends with the input, and any other request has none.
+ *
+ * A POST, PUT or DELETE changes something and is refused if a page of another site sent it. The
+ * browser tells: by Sec-Fetch-Site, which must be `same-origin` or `none`; if that is missing by
+ * Origin, and else by Referer, which must have the host and port of Host, and https if the request
+ * arrived by TLS. An Origin of `null` is that of another site. A request without any of the three
+ * was not sent by a browser and is accepted. A page must therefore not set the referrer policy
+ * `no-referrer`, which makes browsers send an Origin of `null`.
+ *
+ * The query of every request is decoded, and the body of CORVEL_FORM: `+` is a space, and `%` with
+ * two hexadecimal digits a byte; any other `%` is kept. A pair without `=` has an empty value.
+ * Pairs with an empty name and pairs with the same name are kept. The strings are not checked to be
+ * UTF-8: see corvel_check_text().
+ *
+ * Only the first call for a request reads; a later one returns the same result.
+ *
+ * @param[in,out] request the request.
+ * @param[in]     rules   what the page accepts; null for all defaults.
+ *
+ * @retval CORVEL_HTTP_OK                     the request is accepted.
+ * @retval CORVEL_HTTP_BAD_REQUEST            the length of the body is malformed, the body ends
+ *                                            early, PATH_INFO contains a control character, or a
+ *                                            field contains a NUL.
+ * @retval CORVEL_HTTP_FORBIDDEN              a page of another site sent the request, or the
+ * request was sent to a name that is not in `hosts`.
+ * @retval CORVEL_HTTP_METHOD_NOT_ALLOWED     the method is not in `methods`.
+ * @retval CORVEL_HTTP_REQUEST_TIMEOUT        the body did not arrive in `body_seconds`.
+ * @retval CORVEL_HTTP_CONTENT_TOO_LARGE      the body, the pairs or the memory for them exceed
+ *                                            `body_max`, `pairs_max` or `memory_max`.
+ * @retval CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE there is a body, and its type is not in `types`.
+ * @retval CORVEL_HTTP_SERVICE_UNAVAILABLE    memory is exhausted.
+ *
+ * @see corvel_request_complaint(), corvel_dispatch()
  */
 CORVEL_PAGE_API int corvel_request_read(corvel_request *request, const corvel_request_rules *rules);
 
-/** Returns the reason for the last refusal, a sentence for the user; empty if there is none. */
+/**
+ * Returns why corvel_request_read() refused the request.
+ *
+ * @param[in] request the request.
+ * @return a sentence for the user, a string literal; empty if the request was not refused. For a
+ *         null request, that memory is exhausted.
+ */
 CORVEL_PAGE_API const char *corvel_request_complaint(const corvel_request *request);
 
-/** Releases the request; values of a form are overwritten first, since they can be passwords. */
+/**
+ * Releases a request. Its body and fields are overwritten first, since they can be passwords.
+ *
+ * @param[in] request the request; null is ignored.
+ */
 CORVEL_PAGE_API void corvel_request_free(corvel_request *request);
 
-/** Returns CORVEL_GET, CORVEL_POST..., or 0 for any other method. */
+/**
+ * Returns the method of a request.
+ *
+ * @param[in] request the request.
+ * @return CORVEL_GET for GET and HEAD, CORVEL_POST, CORVEL_PUT or CORVEL_DELETE; 0 for any other
+ *         method, and for one that is not in upper case.
+ */
 CORVEL_PAGE_API unsigned corvel_method(const corvel_request *request);
-/** Returns PATH_INFO, decoded; empty if there is none or if it contains control characters. */
+
+/**
+ * Returns the path after the name of the program (PATH_INFO), which the web server has decoded.
+ *
+ * @param[in] request the request.
+ * @return the path; empty if there is none or if it contains control characters. It is not checked
+ *         otherwise: it can contain `..` and malformed UTF-8.
+ * @see corvel_dispatch()
+ */
 CORVEL_PAGE_API const char *corvel_path(const corvel_request *request);
-/** Returns the value of a cookie, or null. @p index selects one of several with the same name. */
+
+/**
+ * Returns the value of a cookie.
+ *
+ * Another server on the same host, even on another port, can set cookies of the same name, and the
+ * browser may send them first. Try each index until the value is one that this device has made.
+ *
+ * @param[in] request the request.
+ * @param[in] name    the name, compared exactly.
+ * @param[in] index   0 for the first cookie of that name, in the order of the request.
+ * @return the value without the double quotes around it, if any; null if there are fewer cookies of
+ *         that name.
+ */
 CORVEL_PAGE_API const char *corvel_cookie(const corvel_request *request, const char *name,
                                           size_t index);
-/** Returns the client's address as text; empty if the server gives none. */
+
+/**
+ * Returns the address of the client (REMOTE_ADDR). What a proxy states in a header field is not
+ * considered, since any client can send such a field.
+ *
+ * @param[in] request the request.
+ * @return the address as the web server writes it; empty if the server gives none.
+ */
 CORVEL_PAGE_API const char *corvel_client_address(const corvel_request *request);
-/** True if the request arrived by TLS. */
+
+/**
+ * Returns whether the request arrived by TLS.
+ *
+ * @param[in] request the request.
+ * @return true if the variable HTTPS is set and neither empty nor `off`.
+ */
 CORVEL_PAGE_API bool corvel_is_secure(const corvel_request *request);
-/** Returns the body of a request that is not a form, and its size. */
+
+/**
+ * Returns the body of an accepted request that is neither a form nor an upload.
+ *
+ * @param[in]  request the request.
+ * @param[out] size    receives the number of bytes, without the NUL after them; may be null.
+ * @return the bytes, which can contain NULs, and a NUL after them. Empty if there is no such body.
+ */
 CORVEL_PAGE_API const char *corvel_request_body(const corvel_request *request, size_t *size);
 /** @} */
 
 /**
  * @defgroup page_field Fields
  * @brief The fields of a form or query, and checks of their values. Source: page/field.cpp.
+ *
+ * A field is missing if the form has no pair of its name: a check box that is not checked, or a
+ * request that another program made. The fields of a refused request are all missing.
+ *
+ * Each check returns null if the value is valid, and otherwise a message for the user, a string
+ * literal. A null pointer is never valid, so that the value of corvel_field() can be passed on, and
+ * an empty value only where that is stated. Results are stored only if the value is valid; a null
+ * pointer receives none. What is accepted has one spelling, without spaces at its ends, and can be
+ * stored as it is.
+ *
+ * @code
+ * corvel_request *const request = corvel_request_begin();
+ * const char *complaint = NULL;
+ * unsigned port = 0;
+ * if (corvel_request_read(request, NULL) != CORVEL_HTTP_OK)
+ *     complaint = corvel_request_complaint(request);
+ * else
+ *     complaint = corvel_check_port(corvel_field(request, "port"), &port);
+ * if (complaint)
+ *     printf("%s\n", complaint);
+ * else
+ *     printf("port %u\n", port);
+ * corvel_request_free(request);
+ * // $ REQUEST_METHOD=GET QUERY_STRING='port=8080' ./example
+ * // port 8080
+ * // $ REQUEST_METHOD=GET QUERY_STRING='port=' ./example
+ * // Enter a value.
+ * // $ REQUEST_METHOD=GET ./example
+ * // This field is missing.
+ * @endcode
  * @{
  */
-/** Returns the first value of a form's field (of the query's, for a GET); null if it is missing. */
+
+/**
+ * Returns the first value of a field: of the form, or for a GET of the query.
+ *
+ * @param[in] request the request.
+ * @param[in] name    the name, compared exactly.
+ * @return the value, valid until the request is freed; null if the field is missing.
+ */
 CORVEL_PAGE_API const char *corvel_field(const corvel_request *request, const char *name);
-/** Returns a value of the query, for any method; null if it is missing. */
+
+/**
+ * Returns the first value of a name in the query, for any method.
+ *
+ * @param[in] request the request.
+ * @param[in] name    the name, compared exactly.
+ * @return the value, valid until the request is freed; null if it is missing.
+ */
 CORVEL_PAGE_API const char *corvel_query(const corvel_request *request, const char *name);
-/** Returns the value with an index among those of a name, such as of check boxes; else null. */
+
+/**
+ * Returns one of several values of a field, such as of check boxes.
+ *
+ * @param[in] request the request.
+ * @param[in] name    the name, compared exactly.
+ * @param[in] index   0 for the first value, in the order of the form.
+ * @return the value, valid until the request is freed; null if the field has fewer values.
+ */
 CORVEL_PAGE_API const char *corvel_field_at(const corvel_request *request, const char *name,
                                             size_t index);
-/** Returns the number of pairs of the form. */
+
+/**
+ * Returns the number of pairs of the form, or for a GET of the query.
+ *
+ * @param[in] request the request.
+ * @return the number of pairs.
+ */
 CORVEL_PAGE_API size_t corvel_field_count(const corvel_request *request);
-/** Returns the name and the value of a pair by its position; false after the last one. */
+
+/**
+ * Returns a pair of the form, or for a GET of the query.
+ *
+ * @param[in]  request  the request.
+ * @param[in]  position 0 for the first pair, in the order of the form.
+ * @param[out] name     receives the name, valid until the request is freed; may be null.
+ * @param[out] value    receives the value, valid until the request is freed; may be null.
+ * @retval true  the pair is stored.
+ * @retval false there are fewer pairs; nothing is stored.
+ */
 CORVEL_PAGE_API bool corvel_field_pair(const corvel_request *request, size_t position,
                                        const char **name, const char **value);
 
-/*
- * Checks. Each returns null if the value is valid, and otherwise a message for the user, a string
- * literal. A null pointer and an empty value are never valid.
+/**
+ * Checks a text: UTF-8 without control characters, so that it ends neither a line nor a string in a
+ * file.
+ *
+ * @param[in] value the value; an empty one is valid if @p min is 0.
+ * @param[in] min   the shortest length, in bytes.
+ * @param[in] max   the greatest length, in bytes.
+ * @return null if the value is valid, otherwise a message.
  */
 CORVEL_PAGE_API const char *corvel_check_text(const char *value, size_t min, size_t max);
+
+/**
+ * Checks a decimal number: digits without leading zeros, which other programs would read as an
+ * octal number, and with a minus sign before them if it is negative.
+ *
+ * @param[in]  value  the value.
+ * @param[in]  min    the smallest number.
+ * @param[in]  max    the greatest number.
+ * @param[out] number receives the number; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_integer(const char *value, long min, long max,
                                                  long *number);
+
+/**
+ * Checks an IPv4 address: four decimal numbers from 0 to 255 without leading zeros.
+ *
+ * @param[in]  value   the value.
+ * @param[out] address receives the address in the host's byte order: 0xC0A80101 for 192.168.1.1;
+ *                     may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_ipv4(const char *value, uint32_t *address);
+
+/**
+ * Checks an IPv6 address without a zone.
+ *
+ * @param[in]  value   the value. This is the only check that accepts several spellings of a value.
+ * @param[out] address receives the 16 bytes of the address; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_ipv6(const char *value, unsigned char address[16]);
+
+/**
+ * Checks an IPv4 netmask, from 0.0.0.0 to 255.255.255.255.
+ *
+ * @param[in]  value  the value.
+ * @param[out] prefix receives the length of the prefix, 0 to 32: 24 for 255.255.255.0; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_netmask(const char *value, unsigned *prefix);
+
+/**
+ * Checks an IPv4 network with the length of its prefix, such as 192.168.1.0/24. The bits after the
+ * prefix must be 0.
+ *
+ * @param[in]  value   the value.
+ * @param[out] network receives the address in the host's byte order; may be null.
+ * @param[out] prefix  receives the length of the prefix, 0 to 32; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_prefix(const char *value, uint32_t *network,
                                                 unsigned *prefix);
+
+/**
+ * Checks a range of IPv4 addresses, such as those that a DHCP server gives away: it must be within
+ * a network, without the network's first and last address if it has more than two. It can contain
+ * @p address.
+ *
+ * @param[in] first   the first address of the range.
+ * @param[in] last    the last address of the range.
+ * @param[in] address any address of the network, such as that of the device.
+ * @param[in] netmask the netmask of the network.
+ * @return null if the range is valid, otherwise a message, which is about the first of the four
+ *         values that is not valid by itself, or about the range.
+ */
 CORVEL_PAGE_API const char *corvel_check_range(const char *first, const char *last,
                                                const char *address, const char *netmask);
+
+/**
+ * Checks a MAC address: six pairs of hexadecimal digits of either case, separated by colons.
+ *
+ * @param[in]  value the value.
+ * @param[out] mac   receives the 6 bytes of the address; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_mac(const char *value, unsigned char mac[6]);
+
+/**
+ * Checks a host name: up to 253 letters of ASCII, digits and hyphens, in parts separated by dots. A
+ * part has up to 63 characters and no hyphen at its ends. The last part does not consist of digits,
+ * so that the name is not taken for an address.
+ *
+ * @param[in] value the value.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_host_name(const char *value);
+
+/**
+ * Checks a port of TCP or UDP: a decimal number from 1 to 65535 without leading zeros.
+ *
+ * @param[in]  value the value.
+ * @param[out] port  receives the port; may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_port(const char *value, unsigned *port);
+
+/**
+ * Checks that a value is one of a list.
+ *
+ * @param[in]  value   the value; an empty one is valid if the list contains it.
+ * @param[in]  choices the list, ended by a null pointer; null is an empty list.
+ * @param[out] index   receives the position of the first string of the list that equals the value;
+ *                     may be null.
+ * @return null if the value is valid, otherwise a message.
+ */
 CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *const choices[],
                                                 size_t *index);
 /** @} */
@@ -820,20 +1109,45 @@ CORVEL_PAGE_API corvel_login_result corvel_login(const corvel_request *request,
  * @brief The rest that pages need. Sources: page/routing.cpp, page/dates.cpp, page/log.cpp.
  * @{
  */
-/** A path of the program and the function that answers it. */
+/** A path of a program, and the function that answers its requests. */
 typedef struct corvel_route {
-    const char *path; /**< Such as "/clients/" followed by `*`, which matches one component. */
-    corvel_request_rules rules;
+    /**
+     * The path, as corvel_path() returns it, such as "/clients/{}". A component that is `{}`
+     * matches any one component that is not empty, `.` or `..`. A path that ends with a slash is
+     * another one than that without it.
+     */
+    const char *path;
+    corvel_request_rules rules; /**< What corvel_request_read() accepts. */
+    /** Answers the request, which is accepted. A route with a null pointer is skipped. */
     void (*answer)(corvel_request *request, corvel_answer *answer, void *context);
 } corvel_route;
 
 /**
- * Selects the route of the request's path and method, reads the request by the route's rules, and
- * calls its function, or answers 404, 405 or what corvel_request_read() returned.
+ * Selects the first route that has the request's path and method, reads the request by its rules,
+ * and calls its function. If there is no such route, or if the request is refused, it makes the
+ * answer: CORVEL_HTTP_NOT_FOUND if no route has the path, CORVEL_HTTP_METHOD_NOT_ALLOWED with the
+ * methods of the path's routes in the header field Allow, or what corvel_request_read() returns. In
+ * any case the page sends the answer. Call it once for a request.
+ *
+ * @param[in,out] request the request. If it has no path, the path is "/".
+ * @param[in,out] answer  the answer.
+ * @param[in]     routes  the routes.
+ * @param[in]     count   the number of routes.
+ * @param[in]     context is passed to the function.
+ *
+ * @see corvel_path_part()
  */
 CORVEL_PAGE_API void corvel_dispatch(corvel_request *request, corvel_answer *answer,
                                      const corvel_route routes[], size_t count, void *context);
-/** Returns the component of the path that matched the index-th `*`; null if there is none. */
+
+/**
+ * Returns a component of the path that a `{}` of the selected route has matched.
+ *
+ * @param[in] request the request.
+ * @param[in] index   0 for the first `{}`.
+ * @return the component, which contains no slash and is not empty, `.` or `..`; null if the route
+ *         has fewer, or if corvel_dispatch() has selected none.
+ */
 CORVEL_PAGE_API const char *corvel_path_part(const corvel_request *request, size_t index);
 
 /** Bytes of a date as HTTP writes it, with the NUL: "Sun, 06 Nov 1994 08:49:37 GMT". */

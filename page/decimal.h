@@ -9,9 +9,9 @@
 
 namespace corvel {
 
-/// Reads a string that consists of decimal digits. False for any other string, and for a number
-/// with more than 19 digits after leading zeros, the most that cannot overflow. Not inlined, to
-/// keep the code small.
+/// Reads a string that consists of decimal digits; false for any other string. A number of more
+/// than 19 digits, the most that cannot overflow, becomes UINT64_MAX. Not inlined, to keep the code
+/// small.
 [[gnu::noinline]] inline bool parse_digits(std::string_view text, std::uint64_t &number) {
     bool is_number = !text.empty();
     while (text.size() > 1 && text[0] == '0')
@@ -21,8 +21,8 @@ namespace corvel {
         is_number = is_number && is_digit(character);
         sum = sum * 10 + static_cast<unsigned char>(character - '0');
     }
-    number = sum;
-    return is_number && text.size() <= 19;
+    number = text.size() <= 19 ? sum : UINT64_MAX;
+    return is_number;
 }
 
 } // namespace corvel

@@ -111,6 +111,8 @@ Pairs::Added Pairs::add(std::string_view name, std::string_view value) {
 }
 
 Pairs::Added Pairs::add_encoded(std::string_view form) {
+    if (form.empty())
+        return Added::stored;
     const auto separators = static_cast<std::size_t>(std::count(form.begin(), form.end(), '&'));
     const std::size_t pairs = std::min(separators + 1, pairs_max_ - count_);
     const Added added = make_room(pairs, form.size() + 2 * pairs);

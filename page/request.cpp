@@ -20,6 +20,7 @@ struct corvel_request {
     const char *complaint = "";
     unsigned method = 0;
     unsigned type = 0;
+    bool has_valid_path = true;
     bool has_valid_length = true;
     bool is_secure = false;
     HeapBlock<char> path;
@@ -44,9 +45,6 @@ constexpr std::size_t default_pairs_max = 1024;
 constexpr unsigned default_seconds = 30;
 /// Added to twice the largest body.
 constexpr std::size_t default_memory = 131072;
-
-constexpr const char *no_memory_complaint =
-    "The device has not enough free memory. Try again later.";
 
 struct RequestRelease {
     void operator()(corvel_request *request) const {
@@ -104,7 +102,7 @@ bool add_cookies(Pairs &cookies, std::string_view header) {
 Body announced_body(bool &is_valid) {
     const std::string_view length = variable("CONTENT_LENGTH");
     std::uint64_t bytes = 0;
-    is_valid = length.empty() || parse_digits(length, bytes);
+    is_valid = length.empty() || (parse_digits(length, bytes) && bytes != Body::unknown_length);
     const bool is_unknown =
         !is_valid || (length.empty() && !variable("HTTP_TRANSFER_ENCODING").empty());
     return {is_unknown ? Body::unknown_length : bytes, default_seconds};
@@ -112,12 +110,12 @@ Body announced_body(bool &is_valid) {
 
 bool begin(corvel_request &request) {
     const std::string_view path = variable("PATH_INFO");
-    const bool is_clean = std::none_of(path.begin(), path.end(), is_control_character);
     const std::string_view https = variable("HTTPS");
     request.method = method_named(variable("REQUEST_METHOD"));
     request.is_secure = !https.empty() && !equal_ignoring_case(https, "off");
+    request.has_valid_path = std::none_of(path.begin(), path.end(), is_control_character);
     request.body = announced_body(request.has_valid_length);
-    request.path = copy_of(is_clean ? path : "");
+    request.path = copy_of(request.has_valid_path ? path : "");
     request.client_address = copy_of(variable("REMOTE_ADDR"));
     return request.path && request.client_address &&
            add_cookies(request.cookies, variable("HTTP_COOKIE"));
@@ -219,6 +217,9 @@ int check(corvel_request &request, const corvel_request_rules &rules) {
     if ((request.method & rules.methods) == 0)
         return refuse(request, CORVEL_HTTP_METHOD_NOT_ALLOWED,
                       "This page does not support the request's method.");
+    if (!request.has_valid_path)
+        return refuse(request, CORVEL_HTTP_BAD_REQUEST,
+                      "The address of this page contains a control character.");
     if (!request.has_valid_length)
         return refuse(request, CORVEL_HTTP_BAD_REQUEST, "The request's length is malformed.");
     if (rules.hosts != nullptr && !is_own_host(rules.hosts))
@@ -389,6 +390,10 @@ const Pairs *query_of(const corvel_request *request) {
     return is_accepted(request) ? &request->query : nullptr;
 }
 
+const Pairs *path_parts_of(const corvel_request *request) {
+    return request != nullptr ? &request->path_parts : nullptr;
+}
+
 bool add_path_part(corvel_request *request, std::string_view component) {
     return request != nullptr && request->path_parts.add(component, "") == Pairs::Added::stored;
 }
@@ -431,10 +436,6 @@ unsigned corvel_method(const corvel_request *request) {
 
 const char *corvel_path(const corvel_request *request) {
     return request != nullptr ? request->path.get() : "";
-}
-
-const char *corvel_path_part(const corvel_request *request, size_t index) {
-    return request != nullptr ? request->path_parts.name(index) : nullptr;
 }
 
 const char *corvel_cookie(const corvel_request *request, const char *name, size_t index) {
