@@ -57,13 +57,14 @@ extern "C" {
  * @defgroup page_request Requests
  * @brief Reading a request: what a page accepts, and the decoded fields. Source: page/request.cpp.
  *
- * corvel_request_begin() copies what identifies a request: the method, the path, the client's
- * address, the cookies. A page can therefore look for a session before it reads anything else.
- * corvel_request_read() then checks the request by the page's rules, reads its body and decodes it.
+ * corvel_request_begin() copies the method and the cookies, so that a page can look for a session
+ * before it reads anything else. corvel_request_read() then checks the request by the page's rules,
+ * reads its body and decodes it.
  *
- * Everything else in the environment is read with getenv() when it is needed, and so the page must
- * not change the variables of CGI. A page that uses the kit does not call functions of corvel.h
- * that read requests, such as process_queue(): they remove variables, and they read the same body.
+ * Everything else in the environment is read with getenv() when it is needed, and the strings are
+ * those of the environment: a page must not change the variables of CGI while it has a request. It
+ * does not call functions of corvel.h that read requests, such as process_queue(): they remove
+ * variables, and they read the same body.
  * @{
  */
 

@@ -30,6 +30,8 @@ class Body {
           state_(length == 0 ? State::complete : State::open) {
         set_patience(seconds);
     }
+    /// An empty body.
+    Body() = default;
 
     /// Changes the permitted time; what has been waited so far no longer counts.
     void set_patience(unsigned seconds);
@@ -49,9 +51,9 @@ class Body {
     bool wait();
     std::size_t received(std::size_t count);
 
-    std::uint64_t left_;
-    bool ends_with_input_;
-    State state_;
+    std::uint64_t left_ = 0;
+    bool ends_with_input_ = false;
+    State state_ = State::complete;
     std::size_t block_ = 0;      ///< Bytes received of the 65,536 that share a permitted time.
     std::int64_t permitted_ = 0; ///< Nanoseconds for each 65,536 bytes.
     std::int64_t patience_ = 0;  ///< Nanoseconds left for these.

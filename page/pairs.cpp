@@ -38,6 +38,8 @@ struct Pairs::Chunk {
     std::size_t size; ///< Including this head.
 };
 
+Pairs::Pairs() = default;
+
 Pairs::~Pairs() {
     while (chunks_ != nullptr) {
         Chunk *const chunk = chunks_;
@@ -98,7 +100,7 @@ void Pairs::commit(char *end) {
 }
 
 Pairs::Added Pairs::add(std::string_view name, std::string_view value) {
-    if (name.find('\0') != name.npos || value.find('\0') != value.npos)
+    if (name.find('\0') != std::string_view::npos || value.find('\0') != std::string_view::npos)
         return Added::contains_nul;
     const Added added = make_room(1, name.size() + value.size() + 2);
     if (added != Added::stored)

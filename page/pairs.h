@@ -15,13 +15,12 @@ class Pairs {
   public:
     enum class Added { stored, too_many, too_large, no_memory, contains_nul };
 
-    explicit Pairs(std::size_t pairs_max = SIZE_MAX, std::size_t memory_max = SIZE_MAX)
-        : pairs_max_(pairs_max), memory_max_(memory_max) {}
+    Pairs();
     Pairs(const Pairs &) = delete;
     Pairs &operator=(const Pairs &) = delete;
     ~Pairs();
 
-    /// Changes the limits, before the first pair is added.
+    /// Sets the limits, before the first pair is added. Without them, memory is the limit.
     void limit(std::size_t pairs_max, std::size_t memory_max) {
         pairs_max_ = pairs_max;
         memory_max_ = memory_max;
@@ -61,8 +60,8 @@ class Pairs {
     void sift_down(std::size_t top, std::size_t count) const;
     void sort() const;
 
-    std::size_t pairs_max_;
-    std::size_t memory_max_;
+    std::size_t pairs_max_ = SIZE_MAX;
+    std::size_t memory_max_ = SIZE_MAX;
     std::size_t memory_ = 0;
     Chunk *chunks_ = nullptr;
     char *next_ = nullptr; ///< The unused bytes of the last chunk.

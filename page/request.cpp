@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "page/request.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
+#include <span>
+#include <string_view>
 #include <strings.h>
 
 #include "page/decimal.h"
@@ -15,16 +15,74 @@
 
 using namespace corvel;
 
+namespace corvel {
+namespace {
+
+/// Why a request is refused. The first ones have the values of Pairs::Added.
+enum class Refusal : unsigned char {
+    none,
+    too_many_pairs,
+    too_large,
+    no_memory,
+    contains_nul,
+    method,
+    path,
+    length,
+    host,
+    site,
+    type,
+    incomplete,
+    timeout
+};
+
+constexpr std::uint16_t statuses[] = {CORVEL_HTTP_OK,
+                                      CORVEL_HTTP_CONTENT_TOO_LARGE,
+                                      CORVEL_HTTP_CONTENT_TOO_LARGE,
+                                      CORVEL_HTTP_SERVICE_UNAVAILABLE,
+                                      CORVEL_HTTP_BAD_REQUEST,
+                                      CORVEL_HTTP_METHOD_NOT_ALLOWED,
+                                      CORVEL_HTTP_BAD_REQUEST,
+                                      CORVEL_HTTP_BAD_REQUEST,
+                                      CORVEL_HTTP_FORBIDDEN,
+                                      CORVEL_HTTP_FORBIDDEN,
+                                      CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE,
+                                      CORVEL_HTTP_BAD_REQUEST,
+                                      CORVEL_HTTP_REQUEST_TIMEOUT};
+
+/// One string, since an array of pointers would need a relocation for each.
+constexpr char complaints[] = "\0"
+                              "The request contains too many fields.\0"
+                              "The request is too large.\0"
+                              "The device has not enough free memory. Try again later.\0"
+                              "A field contains a NUL character.\0"
+                              "This page does not support the request's method.\0"
+                              "The address of this page contains a control character.\0"
+                              "The request's length is malformed.\0"
+                              "The address of this page contains a name that is not this "
+                              "device's.\0"
+                              "The request was sent by a page of another site.\0"
+                              "This page does not accept data of this type.\0"
+                              "The request is incomplete.\0"
+                              "The request did not arrive in time.";
+
+const char *complaint_of(Refusal refusal) {
+    const char *complaint = complaints;
+    for (auto left = static_cast<unsigned>(refusal); left != 0; --left)
+        complaint += std::strlen(complaint) + 1;
+    return complaint;
+}
+
+Refusal refusal_of(Pairs::Added added) { return static_cast<Refusal>(added); }
+
+} // namespace
+} // namespace corvel
+
 struct corvel_request {
     int status = 0; ///< The result of corvel_request_read(); 0 before.
-    const char *complaint = "";
+    Refusal refusal = Refusal::none;
+    bool has_valid_length = false;
     unsigned method = 0;
     unsigned type = 0;
-    bool has_valid_path = true;
-    bool has_valid_length = true;
-    bool is_secure = false;
-    HeapBlock<char> path;
-    HeapBlock<char> client_address;
     Pairs cookies;
     Pairs path_parts;
     Pairs query;
@@ -32,7 +90,7 @@ struct corvel_request {
     char *raw_body = nullptr; ///< The body of a request that is not a form, NUL-terminated.
     std::size_t raw_size = 0;
     /// A stream, whose position is no part of what the request is.
-    mutable Body body{0, 0};
+    mutable Body body;
 
     ~corvel_request() { wipe_and_free(raw_body, raw_size); }
 };
@@ -46,17 +104,37 @@ constexpr unsigned default_seconds = 30;
 /// Added to twice the largest body.
 constexpr std::size_t default_memory = 131072;
 
-struct RequestRelease {
-    void operator()(corvel_request *request) const {
-        request->~corvel_request();
-        std::free(request);
-    }
+const char *variable(const char *name) { return text_or_empty(std::getenv(name)); }
+
+bool equals_ignoring_case(const char *text, std::size_t length, const char *expected) {
+    return std::strlen(expected) == length && strncasecmp(text, expected, length) == 0;
+}
+
+bool has_control_character(const char *text) {
+    for (; *text != '\0'; ++text)
+        if (static_cast<unsigned char>(*text) < ' ' || *text == '\x7F')
+            return true;
+    return false;
+}
+
+// What begins a request.
+
+struct NamedMethod {
+    char name[7];
+    unsigned char method;
 };
 
-std::string_view variable(const char *name) { return text_of(std::getenv(name)); }
+constexpr NamedMethod named_methods[] = {{"GET", CORVEL_GET},
+                                         {"HEAD", CORVEL_GET},
+                                         {"POST", CORVEL_POST},
+                                         {"PUT", CORVEL_PUT},
+                                         {"DELETE", CORVEL_DELETE}};
 
-bool equal_ignoring_case(std::string_view one, std::string_view other) {
-    return one.size() == other.size() && strncasecmp(one.data(), other.data(), one.size()) == 0;
+unsigned method_named(const char *name) {
+    for (const NamedMethod &each : named_methods)
+        if (std::strcmp(name, each.name) == 0)
+            return each.method;
+    return 0;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -66,143 +144,121 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
-bool is_control_character(char character) {
-    return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
-}
-
-// What begins a request.
-
-unsigned method_named(std::string_view name) {
-    if (name == "GET" || name == "HEAD")
-        return CORVEL_GET;
-    if (name == "POST")
-        return CORVEL_POST;
-    if (name == "PUT")
-        return CORVEL_PUT;
-    return name == "DELETE" ? CORVEL_DELETE : 0;
-}
-
 /// Cookies are separated by semicolons. One without `=` has no name and is skipped.
 bool add_cookies(Pairs &cookies, std::string_view header) {
     while (!header.empty()) {
         const std::string_view cookie = front(header, header.find(';'));
         header = after(header, cookie.size() + 1);
         const std::string_view name = front(cookie, cookie.find('='));
+        if (name.size() == cookie.size())
+            continue;
         std::string_view value = trimmed(after(cookie, name.size() + 1));
-        if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"'))
+        if (value.size() > 1 && value.front() == '"' && value.back() == '"')
             value = stripped(value, '"');
-        if (name.size() < cookie.size() &&
-            cookies.add(trimmed(name), value) != Pairs::Added::stored)
+        if (cookies.add(trimmed(name), value) != Pairs::Added::stored)
             return false;
     }
     return true;
 }
 
-/// The body that the web server announces. One of a chunked request ends with the input.
-Body announced_body(bool &is_valid) {
-    const std::string_view length = variable("CONTENT_LENGTH");
+/// Announces the body as the web server does. One of a chunked request ends with the input. False
+/// if the length is malformed; then the body is what the input contains.
+bool announce(Body &body) {
+    const char *const length = variable("CONTENT_LENGTH");
     std::uint64_t bytes = 0;
-    is_valid = length.empty() || (parse_digits(length, bytes) && bytes != Body::unknown_length);
-    const bool is_unknown =
-        !is_valid || (length.empty() && !variable("HTTP_TRANSFER_ENCODING").empty());
-    return {is_unknown ? Body::unknown_length : bytes, default_seconds};
-}
-
-bool begin(corvel_request &request) {
-    const std::string_view path = variable("PATH_INFO");
-    const std::string_view https = variable("HTTPS");
-    request.method = method_named(variable("REQUEST_METHOD"));
-    request.is_secure = !https.empty() && !equal_ignoring_case(https, "off");
-    request.has_valid_path = std::none_of(path.begin(), path.end(), is_control_character);
-    request.body = announced_body(request.has_valid_length);
-    request.path = copy_of(request.has_valid_path ? path : "");
-    request.client_address = copy_of(variable("REMOTE_ADDR"));
-    return request.path && request.client_address &&
-           add_cookies(request.cookies, variable("HTTP_COOKIE"));
+    const bool is_given = *length != '\0';
+    const bool is_valid =
+        !is_given || (parse_digits(length, bytes) && bytes != Body::unknown_length);
+    if (!is_valid || (!is_given && *variable("HTTP_TRANSFER_ENCODING") != '\0'))
+        bytes = Body::unknown_length;
+    body = Body(bytes, default_seconds);
+    return is_valid;
 }
 
 // Where a request comes from.
 
-/// Whether a host of a URL is an address. No name leads to it, so it cannot be made to lead to
+/// Whether the host of a URL is an address. No name leads to it, so it cannot be made to lead to
 /// another device.
-bool is_address(std::string_view host) {
+bool is_address(const char *host, std::size_t length) {
     char text[INET6_ADDRSTRLEN];
     unsigned char address[16];
-    if (host.size() >= sizeof text + 2)
+    const bool is_bracketed = length > 1 && host[0] == '[' && host[length - 1] == ']';
+    if (is_bracketed) {
+        ++host;
+        length -= 2;
+    }
+    if (length >= sizeof text)
         return false;
-    const bool is_bracketed = host.starts_with('[') && host.ends_with(']');
-    if (is_bracketed)
-        host = after(front(host, host.size() - 1), 1);
-    store(text, host);
+    std::memcpy(text, host, length);
+    text[length] = '\0';
     return inet_pton(is_bracketed ? AF_INET6 : AF_INET, text, address) == 1;
 }
 
-/// The host of an authority, without the port.
-std::string_view host_of(std::string_view authority) {
-    std::string_view host = authority;
-    while (!host.empty() && is_digit(host.back()))
-        host.remove_suffix(1);
-    return host.ends_with(':') ? front(host, host.size() - 1) : authority;
+/// The length of an authority without the port.
+std::size_t host_length(const char *authority) {
+    const std::size_t length = std::strlen(authority);
+    std::size_t end = length;
+    while (end != 0 && is_digit(authority[end - 1]))
+        --end;
+    return end != 0 && authority[end - 1] == ':' ? end - 1 : length;
 }
 
 /// Whether the request was sent to this device by one of its names. A page of another site cannot
 /// change the Host that a browser sends, but it can make its own name lead to this device.
 bool is_own_host(const char *const *hosts) {
-    const std::string_view host = host_of(variable("HTTP_HOST"));
-    for (; *hosts != nullptr; ++hosts)
-        if (!host.empty() && equal_ignoring_case(host, *hosts))
+    const char *const host = variable("HTTP_HOST");
+    const std::size_t length = host_length(host);
+    for (; length != 0 && *hosts != nullptr; ++hosts)
+        if (equals_ignoring_case(host, length, *hosts))
             return true;
-    return is_address(host);
+    return is_address(host, length);
 }
 
-std::string_view without_suffix(std::string_view text, std::string_view suffix) {
-    return text.ends_with(suffix) ? front(text, text.size() - suffix.size()) : text;
+/// The length of an authority without a port of this name, which includes the colon.
+std::size_t length_without(const char *authority, std::size_t length, const char *port) {
+    const std::size_t size = std::strlen(port);
+    const bool has_port = length >= size && std::memcmp(authority + length - size, port, size) == 0;
+    return has_port ? length - size : length;
 }
 
 /// Whether a URL starts with a scheme and then names this request's host.
-bool is_own_url(std::string_view url, std::string_view scheme, std::string_view default_port) {
-    if (!url.starts_with(scheme))
+bool is_own_url(const char *url, const char *scheme, const char *default_port) {
+    const std::size_t start = std::strlen(scheme);
+    if (std::strncmp(url, scheme, start) != 0)
         return false;
-    url = after(url, scheme.size());
-    const std::string_view authority = front(url, url.find_first_of("/?#"));
-    const std::string_view host = without_suffix(variable("HTTP_HOST"), default_port);
-    return !host.empty() && equal_ignoring_case(without_suffix(authority, default_port), host);
-}
-
-/// Behind a proxy that ends TLS, the request arrives without it, and the URL is one with https.
-bool is_own_url(const corvel_request &request, std::string_view url) {
-    return is_own_url(url, "https://", ":443") ||
-           (!request.is_secure && is_own_url(url, "http://", ":80"));
+    const char *const authority = url + start;
+    const char *const host = variable("HTTP_HOST");
+    const std::size_t length = length_without(host, std::strlen(host), default_port);
+    return length != 0 &&
+           length == length_without(authority, std::strcspn(authority, "/?#"), default_port) &&
+           strncasecmp(authority, host, length) == 0;
 }
 
 /// A browser states where a request that changes something comes from. The page that sends it has
 /// no influence on these header fields, except that it can suppress the Referer and make the Origin
 /// "null". Who states nothing is no browser.
 bool is_from_own_site(const corvel_request &request) {
-    const char *const site = std::getenv("HTTP_SEC_FETCH_SITE");
-    if (site != nullptr)
-        return text_of(site) == "same-origin" || text_of(site) == "none";
-    const char *const origin = std::getenv("HTTP_ORIGIN");
-    const char *const referer = std::getenv("HTTP_REFERER");
-    if (origin != nullptr || referer != nullptr)
-        return is_own_url(request, text_of(origin != nullptr ? origin : referer));
-    return true;
+    if (const char *const site = std::getenv("HTTP_SEC_FETCH_SITE"))
+        return std::strcmp(site, "same-origin") == 0 || std::strcmp(site, "none") == 0;
+    const char *source = std::getenv("HTTP_ORIGIN");
+    if (source == nullptr)
+        source = std::getenv("HTTP_REFERER");
+    // Behind a proxy that ends TLS, the request arrives without it, and the URL is one with https.
+    return source == nullptr || is_own_url(source, "https://", ":443") ||
+           (!corvel_is_secure(&request) && is_own_url(source, "http://", ":80"));
 }
 
 // What is accepted.
 
-int refuse(corvel_request &request, int status, const char *complaint) {
-    request.complaint = complaint;
-    return status;
-}
-
-unsigned type_named(std::string_view type) {
-    type = trimmed(front(type, type.find(';')));
-    if (equal_ignoring_case(type, "application/x-www-form-urlencoded"))
+unsigned type_named(const char *type) {
+    type += std::strspn(type, " \t");
+    const std::size_t length = std::strcspn(type, "; \t");
+    if (equals_ignoring_case(type, length, "application/x-www-form-urlencoded"))
         return CORVEL_FORM;
-    if (equal_ignoring_case(type, "multipart/form-data"))
+    if (equals_ignoring_case(type, length, "multipart/form-data"))
         return CORVEL_MULTIPART;
-    return equal_ignoring_case(type, "application/json") ? CORVEL_JSON_TEXT : CORVEL_ANY_TYPE;
+    return equals_ignoring_case(type, length, "application/json") ? CORVEL_JSON_TEXT
+                                                                  : CORVEL_ANY_TYPE;
 }
 
 /// The type as which the body is read; 0 if the rules do not permit it.
@@ -213,109 +269,88 @@ unsigned accepted_type(unsigned types) {
 
 bool has_body(const corvel_request &request) { return request.body.left() != 0; }
 
-int check(corvel_request &request, const corvel_request_rules &rules) {
+Refusal check(corvel_request &request, const corvel_request_rules &rules) {
     if ((request.method & rules.methods) == 0)
-        return refuse(request, CORVEL_HTTP_METHOD_NOT_ALLOWED,
-                      "This page does not support the request's method.");
-    if (!request.has_valid_path)
-        return refuse(request, CORVEL_HTTP_BAD_REQUEST,
-                      "The address of this page contains a control character.");
+        return Refusal::method;
+    if (has_control_character(variable("PATH_INFO")))
+        return Refusal::path;
     if (!request.has_valid_length)
-        return refuse(request, CORVEL_HTTP_BAD_REQUEST, "The request's length is malformed.");
+        return Refusal::length;
     if (rules.hosts != nullptr && !is_own_host(rules.hosts))
-        return refuse(request, CORVEL_HTTP_FORBIDDEN,
-                      "The address of this page contains a name that is not this device's.");
+        return Refusal::host;
     if (request.method == CORVEL_GET)
-        return CORVEL_HTTP_OK;
+        return Refusal::none;
     if (!rules.accept_other_sites && !is_from_own_site(request))
-        return refuse(request, CORVEL_HTTP_FORBIDDEN,
-                      "The request was sent by a page of another site.");
-    if (has_body(request) && (request.type = accepted_type(rules.types)) == 0)
-        return refuse(request, CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE,
-                      "This page does not accept data of this type.");
-    return CORVEL_HTTP_OK;
+        return Refusal::site;
+    request.type = accepted_type(rules.types);
+    return has_body(request) && request.type == 0 ? Refusal::type : Refusal::none;
 }
 
 // Reading.
 
-int too_large(corvel_request &request) {
-    return refuse(request, CORVEL_HTTP_CONTENT_TOO_LARGE, "The request is too large.");
-}
-
-int no_memory(corvel_request &request) {
-    return refuse(request, CORVEL_HTTP_SERVICE_UNAVAILABLE, no_memory_complaint);
-}
-
-int status_of(corvel_request &request, Pairs::Added added) {
-    switch (added) {
-    case Pairs::Added::stored:
-        return CORVEL_HTTP_OK;
-    case Pairs::Added::contains_nul:
-        return refuse(request, CORVEL_HTTP_BAD_REQUEST, "A field contains a NUL character.");
-    case Pairs::Added::too_many:
-        return refuse(request, CORVEL_HTTP_CONTENT_TOO_LARGE,
-                      "The request contains too many fields.");
-    case Pairs::Added::too_large:
-        return too_large(request);
-    default:
-        return no_memory(request);
-    }
-}
-
 /// Reads all of the body, which is not longer than the room, or is too large if its length is
-/// unknown.
-int receive(corvel_request &request, std::span<char> room, std::size_t &size) {
+/// unknown. Returns the number of bytes.
+std::size_t receive(Body &body, std::span<char> room) {
+    std::size_t size = 0;
     std::size_t count = 0;
     do {
-        count = request.body.read(room.data() + size, room.size() - size);
+        count = body.read(room.data() + size, room.size() - size);
         size += count;
     } while (count != 0);
-    switch (request.body.state()) {
+    return size;
+}
+
+Refusal refusal_of(Body::State state) {
+    switch (state) {
     case Body::State::complete:
-        return CORVEL_HTTP_OK;
+        return Refusal::none;
     case Body::State::truncated:
-        return refuse(request, CORVEL_HTTP_BAD_REQUEST, "The request is incomplete.");
+        return Refusal::incomplete;
     case Body::State::timed_out:
-        return refuse(request, CORVEL_HTTP_REQUEST_TIMEOUT, "The request did not arrive in time.");
+        return Refusal::timeout;
     default:
-        return too_large(request);
+        return Refusal::too_large;
     }
 }
 
-int read_body(corvel_request &request, const corvel_request_rules &rules) {
+Refusal read_body(corvel_request &request, const corvel_request_rules &rules) {
     const std::size_t memory = rules.memory_max - request.query.memory();
     request.form.limit(rules.pairs_max, memory);
     if (request.type == CORVEL_MULTIPART)
-        return CORVEL_HTTP_OK;
+        return Refusal::none;
     const std::uint64_t length = request.body.left();
     const bool is_unknown = length == Body::unknown_length;
-    if (!is_unknown && length > rules.body_max)
-        return too_large(request);
     // Room for a terminating NUL, or for a byte that is too many.
     const std::size_t room = (is_unknown ? rules.body_max : static_cast<std::size_t>(length)) + 1;
-    if (room > memory)
-        return too_large(request);
+    if ((!is_unknown && length > rules.body_max) || room > memory)
+        return Refusal::too_large;
     WipedBlock block(room);
     if (!block)
-        return no_memory(request);
-    std::size_t size = 0;
-    const int status = receive(request, block.bytes(), size);
+        return Refusal::no_memory;
+    const std::size_t size = receive(request.body, block.bytes());
     block.wipe_only(size);
-    if (status != CORVEL_HTTP_OK)
-        return status;
+    const Refusal refusal = refusal_of(request.body.state());
+    if (refusal != Refusal::none)
+        return refusal;
     if (request.type == CORVEL_FORM) {
         request.form.limit(rules.pairs_max, memory - room);
-        return status_of(request, request.form.add_encoded({block.get(), size}));
+        return refusal_of(request.form.add_encoded({block.get(), size}));
     }
     block.get()[size] = '\0';
     request.raw_body = block.release();
     request.raw_size = size;
-    return CORVEL_HTTP_OK;
+    return Refusal::none;
 }
 
-int read_query(corvel_request &request, const corvel_request_rules &rules) {
+Refusal read_all(corvel_request &request, const corvel_request_rules &rules) {
+    Refusal refusal = check(request, rules);
+    if (refusal != Refusal::none)
+        return refusal;
     request.query.limit(rules.pairs_max, rules.memory_max);
-    return status_of(request, request.query.add_encoded(variable("QUERY_STRING")));
+    refusal = refusal_of(request.query.add_encoded(variable("QUERY_STRING")));
+    if (refusal != Refusal::none || request.method == CORVEL_GET || !has_body(request))
+        return refusal;
+    return read_body(request, rules);
 }
 
 template <typename Value> void set_default(Value &value, Value standard) {
@@ -339,14 +374,10 @@ corvel_request_rules with_defaults(const corvel_request_rules *given) {
 
 int read(corvel_request &request, const corvel_request_rules &rules) {
     request.body.set_patience(rules.body_seconds);
-    int status = check(request, rules);
-    if (status == CORVEL_HTTP_OK)
-        status = read_query(request, rules);
-    if (status == CORVEL_HTTP_OK && request.method != CORVEL_GET && has_body(request))
-        status = read_body(request, rules);
-    if (status != CORVEL_HTTP_OK || request.method == CORVEL_GET)
+    request.refusal = read_all(request, rules);
+    if (request.refusal != Refusal::none || request.method == CORVEL_GET)
         request.body.discard();
-    return status;
+    return statuses[static_cast<unsigned>(request.refusal)];
 }
 
 bool is_accepted(const corvel_request *request) {
@@ -377,7 +408,8 @@ void discard_body(const corvel_request *request) {
 int add_field(corvel_request *request, std::string_view name, std::string_view value) {
     if (!is_accepted(request))
         return CORVEL_HTTP_INTERNAL_SERVER_ERROR;
-    return status_of(*request, request->form.add(name, value));
+    request->refusal = refusal_of(request->form.add(name, value));
+    return statuses[static_cast<unsigned>(request->refusal)];
 }
 
 const Pairs *fields_of(const corvel_request *request) {
@@ -394,8 +426,11 @@ const Pairs *path_parts_of(const corvel_request *request) {
     return request != nullptr ? &request->path_parts : nullptr;
 }
 
-bool add_path_part(corvel_request *request, std::string_view component) {
-    return request != nullptr && request->path_parts.add(component, "") == Pairs::Added::stored;
+void add_path_part(corvel_request *request, std::string_view component) {
+    if (request == nullptr || request->path_parts.add(component, "") == Pairs::Added::stored)
+        return;
+    request->refusal = Refusal::no_memory;
+    request->status = CORVEL_HTTP_SERVICE_UNAVAILABLE;
 }
 
 } // namespace corvel
@@ -406,14 +441,20 @@ corvel_request *corvel_request_begin(void) {
     void *const memory = std::malloc(sizeof(corvel_request));
     if (memory == nullptr)
         return nullptr;
-    std::unique_ptr<corvel_request, RequestRelease> request(new (memory) corvel_request);
-    return begin(*request) ? request.release() : nullptr;
+    auto *const request = new (memory) corvel_request;
+    request->method = method_named(variable("REQUEST_METHOD"));
+    request->has_valid_length = announce(request->body);
+    if (add_cookies(request->cookies, variable("HTTP_COOKIE")))
+        return request;
+    corvel_request_free(request);
+    return nullptr;
 }
 
 int corvel_request_read(corvel_request *request, const corvel_request_rules *rules) {
     if (request == nullptr) {
-        bool is_valid = false;
-        announced_body(is_valid).discard();
+        Body body;
+        announce(body);
+        body.discard();
         return CORVEL_HTTP_SERVICE_UNAVAILABLE;
     }
     if (request->status == 0)
@@ -422,12 +463,14 @@ int corvel_request_read(corvel_request *request, const corvel_request_rules *rul
 }
 
 const char *corvel_request_complaint(const corvel_request *request) {
-    return request != nullptr ? request->complaint : no_memory_complaint;
+    return complaint_of(request != nullptr ? request->refusal : Refusal::no_memory);
 }
 
 void corvel_request_free(corvel_request *request) {
-    if (request != nullptr)
-        RequestRelease()(request);
+    if (request == nullptr)
+        return;
+    request->~corvel_request();
+    std::free(request);
 }
 
 unsigned corvel_method(const corvel_request *request) {
@@ -435,7 +478,8 @@ unsigned corvel_method(const corvel_request *request) {
 }
 
 const char *corvel_path(const corvel_request *request) {
-    return request != nullptr ? request->path.get() : "";
+    const char *const path = text_or_empty(environment(request, "PATH_INFO"));
+    return has_control_character(path) ? "" : path;
 }
 
 const char *corvel_cookie(const corvel_request *request, const char *name, size_t index) {
@@ -443,11 +487,12 @@ const char *corvel_cookie(const corvel_request *request, const char *name, size_
 }
 
 const char *corvel_client_address(const corvel_request *request) {
-    return request != nullptr ? request->client_address.get() : "";
+    return text_or_empty(environment(request, "REMOTE_ADDR"));
 }
 
 bool corvel_is_secure(const corvel_request *request) {
-    return request != nullptr && request->is_secure;
+    const char *const https = text_or_empty(environment(request, "HTTPS"));
+    return *https != '\0' && strcasecmp(https, "off") != 0;
 }
 
 const char *corvel_request_body(const corvel_request *request, size_t *size) {

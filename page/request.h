@@ -11,10 +11,6 @@
 
 namespace corvel {
 
-/// The complaint of each function that has no memory.
-inline constexpr const char *no_memory_complaint =
-    "The device has not enough free memory. Try again later.";
-
 /// What the modules of the kit use of a request beyond the public functions. All accept null.
 
 /// A variable of the CGI environment, such as "HTTP_IF_NONE_MATCH"; null if it is not set. Read at
@@ -45,8 +41,9 @@ const Pairs *query_of(const corvel_request *request);
 /// The components of the path that a route has selected, as names; null for a null request.
 const Pairs *path_parts_of(const corvel_request *request);
 
-/// Stores a component of the path for corvel_path_part(). False if memory is exhausted.
-bool add_path_part(corvel_request *request, std::string_view component);
+/// Stores a component of the path for corvel_path_part(). If memory is exhausted, the request is
+/// refused.
+void add_path_part(corvel_request *request, std::string_view component);
 
 } // namespace corvel
 

@@ -1,4 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include <cstring>
+#include <span>
+#include <string_view>
+
 #include "page/pairs.h"
 #include "page/request.h"
 #include "support/text.h"
@@ -7,86 +11,91 @@ namespace corvel {
 namespace {
 
 struct NamedMethod {
-    unsigned method;
-    const char *names;
+    char names[12];
+    unsigned char method;
 };
 
-constexpr NamedMethod named_methods[] = {{CORVEL_GET, ", GET, HEAD"},
-                                         {CORVEL_POST, ", POST"},
-                                         {CORVEL_PUT, ", PUT"},
-                                         {CORVEL_DELETE, ", DELETE"}};
+constexpr NamedMethod named_methods[] = {{", GET, HEAD", CORVEL_GET},
+                                         {", POST", CORVEL_POST},
+                                         {", PUT", CORVEL_PUT},
+                                         {", DELETE", CORVEL_DELETE}};
 
 constexpr std::size_t allow_size = sizeof ", GET, HEAD, POST, PUT, DELETE";
 
-/// Removes the first component of a path, and the slash before it. Returns both.
-std::string_view take_component(std::string_view &path) {
-    const std::string_view component = front(path, path.find('/', 1));
-    path = after(path, component.size());
-    return component;
+/// The length of the first component of a path, with the slash before it; 0 if there is none.
+std::size_t component_length(const char *path) {
+    return *path != '\0' ? 1 + std::strcspn(path + 1, "/") : 0;
 }
 
-bool is_any(std::string_view component) { return component == "/{}"; }
+bool equals(const char *component, std::size_t length, const char *expected) {
+    return std::strlen(expected) == length && std::memcmp(component, expected, length) == 0;
+}
+
+bool is_any(const char *component, std::size_t length) { return equals(component, length, "/{}"); }
 
 /// Whether `{}` matches a component: not if, as a part of a file's path, it names another
 /// directory.
-bool is_name(std::string_view component) {
-    return component != "/" && component != "/." && component != "/..";
+bool is_name(const char *component, std::size_t length) {
+    return *component == '/' && length > 1 && !equals(component, length, "/.") &&
+           !equals(component, length, "/..");
 }
 
-bool matches(std::string_view route, std::string_view path) {
-    while (!route.empty() && !path.empty()) {
-        const std::string_view expected = take_component(route);
-        const std::string_view component = take_component(path);
-        if (is_any(expected) ? !is_name(component) : component != expected)
+bool matches(const char *route, const char *path) {
+    while (*route != '\0' && *path != '\0') {
+        const std::size_t expected = component_length(route);
+        const std::size_t length = component_length(path);
+        const bool is_same = expected == length && std::memcmp(route, path, length) == 0;
+        if (is_any(route, expected) ? !is_name(path, length) : !is_same)
             return false;
+        route += expected;
+        path += length;
     }
-    return route.empty() && path.empty();
+    return *route == *path;
 }
 
-/// Stores the components of a path that match a route's `{}`. False if memory is exhausted.
-bool store_parts(corvel_request *request, std::string_view route, std::string_view path) {
-    while (!route.empty()) {
-        const std::string_view component = take_component(path);
-        if (is_any(take_component(route)) && !add_path_part(request, after(component, 1)))
-            return false;
+/// Stores the components of a path that match a route's `{}`.
+void store_parts(corvel_request *request, const char *route, const char *path) {
+    while (*route != '\0') {
+        const std::size_t expected = component_length(route);
+        const std::size_t length = component_length(path);
+        if (is_any(route, expected))
+            add_path_part(request, {path + 1, length - 1});
+        route += expected;
+        path += length;
     }
-    return true;
 }
 
-unsigned methods_of(const corvel_route &route) {
-    return route.rules.methods != 0 ? route.rules.methods : unsigned{CORVEL_GET};
+/// The routes of a path: the first that permits the method, else the last, and the methods of all.
+struct Selection {
+    const corvel_route *route = nullptr;
+    bool has_method = false;
+    unsigned methods = 0;
+};
+
+Selection select(const char *path, unsigned method, std::span<const corvel_route> routes) {
+    Selection selection;
+    for (const corvel_route &route : routes) {
+        if (route.answer == nullptr || !matches(text_or_empty(route.path), path))
+            continue;
+        const unsigned methods =
+            route.rules.methods != 0 ? route.rules.methods : unsigned{CORVEL_GET};
+        selection.route = &route;
+        selection.methods |= methods;
+        selection.has_method = (methods & method) != 0;
+        if (selection.has_method)
+            break;
+    }
+    return selection;
 }
 
-/// Answers a request that no route accepts, with the methods of the routes of its path.
-void refuse(const corvel_request *request, corvel_answer *answer, unsigned methods) {
-    discard_body(request);
-    if (methods == 0) {
-        corvel_answer_error(answer, CORVEL_HTTP_NOT_FOUND, "There is no page at this address.");
-        return;
-    }
-    char allow[allow_size] = "";
+/// States the methods of a path's routes.
+void allow(corvel_answer *answer, unsigned methods) {
+    char text[allow_size] = ", ";
     std::size_t used = 0;
     for (const NamedMethod &each : named_methods)
         if ((methods & each.method) != 0)
-            used += store(std::span(allow).subspan(used), each.names);
-    corvel_answer_error(answer, CORVEL_HTTP_METHOD_NOT_ALLOWED,
-                        "This page does not support the request's method.");
-    corvel_answer_header(answer, "Allow", used != 0 ? allow + 2 : allow);
-}
-
-/// Answers that memory is exhausted.
-void give_up(const corvel_request *request, corvel_answer *answer) {
-    discard_body(request);
-    corvel_answer_error(answer, CORVEL_HTTP_SERVICE_UNAVAILABLE, no_memory_complaint);
-}
-
-void follow(corvel_request *request, corvel_answer *answer, const corvel_route &route,
-            void *context) {
-    const int status = corvel_request_read(request, &route.rules);
-    if (status == CORVEL_HTTP_OK)
-        route.answer(request, answer, context);
-    else
-        corvel_answer_error(answer, status, corvel_request_complaint(request));
+            used += store(std::span(text).subspan(used), each.names);
+    corvel_answer_header(answer, "Allow", text + 2);
 }
 
 } // namespace
@@ -98,28 +107,30 @@ extern "C" {
 
 void corvel_dispatch(corvel_request *request, corvel_answer *answer, const corvel_route routes[],
                      size_t count, void *context) {
-    if (request == nullptr) {
-        follow(request, answer, {}, context);
-        return;
-    }
-    std::string_view path = corvel_path(request);
-    if (path.empty())
+    const char *path = corvel_path(request);
+    if (*path == '\0')
         path = "/";
-    unsigned methods = 0;
-    for (size_t i = 0; routes != nullptr && i < count; ++i) {
-        const std::string_view route = text_of(routes[i].path);
-        if (routes[i].answer == nullptr || !matches(route, path))
-            continue;
-        methods |= methods_of(routes[i]);
-        if ((corvel_method(request) & methods_of(routes[i])) == 0)
-            continue;
-        if (store_parts(request, route, path))
-            follow(request, answer, routes[i], context);
-        else
-            give_up(request, answer);
+    const Selection selection =
+        select(path, corvel_method(request), {routes, routes != nullptr ? count : 0});
+    const corvel_route *const route = selection.route;
+    int status = CORVEL_HTTP_NOT_FOUND;
+    const char *complaint = "There is no page at this address.";
+    if (selection.has_method)
+        store_parts(request, route->path, path);
+    if (request == nullptr || route != nullptr) {
+        status = corvel_request_read(request, route != nullptr ? &route->rules : nullptr);
+        complaint = corvel_request_complaint(request);
+    }
+    if (status == CORVEL_HTTP_OK && selection.has_method) {
+        route->answer(request, answer, context);
         return;
     }
-    refuse(request, answer, methods);
+    if (status == CORVEL_HTTP_OK) // by other rules, before this call
+        status = CORVEL_HTTP_METHOD_NOT_ALLOWED;
+    discard_body(request);
+    corvel_answer_error(answer, status, complaint);
+    if (status == CORVEL_HTTP_METHOD_NOT_ALLOWED)
+        allow(answer, selection.methods);
 }
 
 const char *corvel_path_part(const corvel_request *request, size_t index) {

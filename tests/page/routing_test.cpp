@@ -91,8 +91,9 @@ TEST(corvel_dispatch, MatchesOneComponentWithBraces) {
 }
 
 TEST(corvel_dispatch, MatchesNoEmptyComponentAndNoOtherDirectoryWithBraces) {
-    for (const char *path : {"//x/two", "/one/x/", "/./x/two", "/../x/two", "/one/x/..", "/one/x/.",
-                             "/clients/.", "/clients/..", "/clients//"}) {
+    for (const char *path :
+         {"//x/two", "/one/x/", "/./x/two", "/../x/two", "/one/x/..", "one/x/two", "xx/x/two",
+          "/one/x/.", "/clients/.", "/clients/..", "/clients//"}) {
         EXPECT_EQ(called(path), "") << path;
     }
 }
@@ -168,6 +169,17 @@ TEST(corvel_dispatch, AnswersThatMemoryIsExhausted) {
         corvel_answer_free(made);
     });
     EXPECT_GE(failures, 4U); // two for the part of the path, two for the query
+}
+
+TEST(corvel_dispatch, CallsNoFunctionForAnotherMethodThatWasReadBefore) {
+    const PageRequest request(post("a=1").with("PATH_INFO", "/clients"));
+    corvel_answer *const made = corvel_answer_new(request, nullptr);
+    Calls calls;
+    EXPECT_EQ(request.read(), CORVEL_HTTP_OK);
+    corvel_dispatch(request, made, routes, std::size(routes), &calls);
+    EXPECT_EQ(calls, "");
+    EXPECT_TRUE(contains(capture_stdout([&] { corvel_answer_send(made); }), "Status: 405"));
+    corvel_answer_free(made);
 }
 
 TEST(corvel_dispatch, AnswersANullRequest) {
