@@ -164,6 +164,27 @@ TEST(BodyTime, BeginsAgainForEach64KiB) {
     }
 }
 
+TEST(BodyTime, CountsBlocksFromTheStartOfTheBody) {
+    const Rules rules = {.methods = CORVEL_POST, .types = CORVEL_ANY_TYPE, .body_max = 1'000'000};
+    const PageRequest request(announced("196608"));
+    SlowClient client;
+    // The third piece completes the second block, although it is shorter than a block.
+    const std::array<int, 4> times = {10'000, 10'000, 20'000, 20'000};
+    std::size_t piece = 0;
+    int left = times[0];
+    while_waiting = [&](int timeout) {
+        const int step = std::min(left, timeout);
+        left -= step;
+        if (left == 0) {
+            client.send(std::string(49152, 'x'));
+            left = ++piece < times.size() ? times.at(piece) : 1'000'000;
+        }
+        return step;
+    };
+    EXPECT_EQ(request.read(rules), CORVEL_HTTP_OK);
+    EXPECT_EQ(passed, 60'000);
+}
+
 TEST(BodyTime, DoesNotBeginAgainForLess) {
     const Rules rules = {.methods = CORVEL_POST, .types = CORVEL_ANY_TYPE, .body_max = 1'000'000};
     const PageRequest request(announced("655360"));

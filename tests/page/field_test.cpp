@@ -5,6 +5,8 @@
 #include <array>
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 namespace corvel_test {
@@ -74,6 +76,18 @@ TEST(FormDecoding, KeepsAMalformedPercentSign) {
     EXPECT_EQ(decoded("a=%%41"), (FieldPairs{{"a", "%A"}}));
     EXPECT_EQ(decoded("a=%4%41"), (FieldPairs{{"a", "%4A"}}));
     EXPECT_EQ(decoded("a=%+41"), (FieldPairs{{"a", "% 41"}}));
+}
+
+/** What is in the memory after the body, often what was freed before, is not a part of it. */
+TEST(FormDecoding, KeepsAPercentSignThatTheEndOfTheBodyCutsShort) {
+    const std::string name(999, 'n');
+    for (const char *end : {"%", "%4"}) {
+        const std::string body = name + "=" + end;
+        const PageRequest request(post(body));
+        std::free(std::memset(std::malloc(body.size() + 1), '1', body.size() + 1));
+        ASSERT_EQ(request.read(), CORVEL_HTTP_OK);
+        EXPECT_STREQ(corvel_field(request, name.c_str()), end);
+    }
 }
 
 TEST(FormDecoding, KeepsLongNamesAndValues) {

@@ -553,6 +553,21 @@ TEST(corvel_request_read, AcceptsTheDevicesNamesAndEveryAddress) {
     EXPECT_EQ(status_of(get(), rules), CORVEL_HTTP_FORBIDDEN);
 }
 
+TEST(corvel_request_read, RefusesHostsOfEveryLengthThatAreNoAddresses) {
+    const char *const names[] = {nullptr};
+    for (std::size_t length = 1; length < 100; ++length)
+        for (const std::string &host :
+             {std::string(length, '1'), "[" + std::string(length, ':') + "x]",
+              "[" + std::string(length, '1') + "]"}) {
+            EXPECT_EQ(status_of(get().with("HTTP_HOST", host), {.hosts = names}),
+                      CORVEL_HTTP_FORBIDDEN)
+                << host;
+        }
+    EXPECT_EQ(status_of(get().with("HTTP_HOST", "[1111:2222:3333:4444:5555:6666:123.123.123.123]"),
+                        {.hosts = names}),
+              CORVEL_HTTP_OK);
+}
+
 TEST(corvel_request_read, AcceptsEveryNameWithoutAList) {
     EXPECT_EQ(status_of(get().with("HTTP_HOST", "evil.example"), {}), CORVEL_HTTP_OK);
 }
@@ -618,6 +633,8 @@ TEST(corvel_request_read, RefusesWhatNeedsMoreThanMemoryMax) {
         EXPECT_EQ(CgiSurroundings::unread_input(), "");
     }
     EXPECT_EQ(status_of(post("a=" + std::string(1000, 'x')), rules), CORVEL_HTTP_OK);
+    // Body and form each have room, but not both.
+    EXPECT_EQ(status_of(post("a=" + std::string(2500, 'x')), rules), CORVEL_HTTP_CONTENT_TOO_LARGE);
     // The query leaves too little for the body.
     EXPECT_EQ(
         status_of(
@@ -760,11 +777,15 @@ void feed_secret(std::string_view before, std::string_view rest) {
     close(ends[1]);
 }
 
+/** What is around the secret: the C library overwrites the start of a block that is freed. */
+const std::string secret_start = "a=" + std::string(3000, 'x') + "&password=";
+const std::string secret_end = "&b=" + std::string(3000, 'x');
+
 /** What is found of the secret while the request exists and after it has been freed. */
 void expect_wiped(const CgiRequest &cgi, int status, std::size_t least) {
     expect_in_child([&] {
         const CgiSurroundings surroundings(cgi);
-        feed_secret("a=1&password=", "&b=2");
+        feed_secret(secret_start, secret_end);
         corvel_request *const request = corvel_request_begin();
         const corvel_request_rules rules =
             Rules{.methods = CORVEL_POST, .types = CORVEL_FORM | CORVEL_JSON_TEXT}.value();
@@ -776,13 +797,14 @@ void expect_wiped(const CgiRequest &cgi, int status, std::size_t least) {
 }
 
 TEST(corvel_request_free, OverwritesTheBodyAndTheFields) {
-    const std::string length = std::to_string(changed_secret.size() + 17);
+    const std::string length =
+        std::to_string(secret_start.size() + changed_secret.size() + secret_end.size());
     const CgiRequest form = post("").with("CONTENT_LENGTH", length);
     expect_wiped(form, CORVEL_HTTP_OK, 1);
     expect_wiped(form.with("CONTENT_TYPE", "application/json"), CORVEL_HTTP_OK, 1);
     expect_wiped(chunked_post(""), CORVEL_HTTP_OK, 1);
     expect_wiped(form.with("CONTENT_TYPE", "text/plain"), CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE, 0);
-    expect_wiped(form.with("CONTENT_LENGTH", "1000"), CORVEL_HTTP_BAD_REQUEST, 0);
+    expect_wiped(form.with("CONTENT_LENGTH", "10000"), CORVEL_HTTP_BAD_REQUEST, 0);
 }
 
 } // namespace
