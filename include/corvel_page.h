@@ -1153,25 +1153,71 @@ CORVEL_PAGE_API const char *corvel_path_part(const corvel_request *request, size
 
 /** Bytes of a date as HTTP writes it, with the NUL: "Sun, 06 Nov 1994 08:49:37 GMT". */
 #define CORVEL_HTTP_DATE_SIZE 30
+
+/**
+ * Formats a time as HTTP does, in any locale and time zone. Source: page/dates.cpp.
+ *
+ * @param time seconds since 1970-01-01 UTC; an earlier time is formatted as 0, a time after the
+ *             year 9999 as its last second.
+ * @param text receives the date.
+ * @return @p text.
+ */
 CORVEL_PAGE_API char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_SIZE]);
-/** Reads a date in any of the three forms of HTTP; false if it is malformed. */
+
+/**
+ * Reads a date in any of the three forms that HTTP permits: "Sun, 06 Nov 1994 08:49:37 GMT",
+ * "Sunday, 06-Nov-94 08:49:37 GMT" and "Sun Nov  6 08:49:37 1994". The day of the week is not
+ * compared with the date. A year of two digits that would be more than 50 years ahead is 100 years
+ * earlier.
+ *
+ * @param text the date, without surrounding whitespace.
+ * @param time receives the seconds since 1970-01-01 UTC, negative for the years 1601 to 1969;
+ *             unchanged if the date is malformed.
+ * @return false if the date is malformed, does not exist or is before 1601.
+ */
 CORVEL_PAGE_API bool corvel_parse_http_date(const char *text, time_t *time);
-/** Bytes of a duration or date for people, with the NUL. */
+
+/** Bytes of a duration or a date for people, with the NUL. */
 #define CORVEL_TIME_TEXT_SIZE 40
-/** Formats a duration as "3 d 04:05:06". */
+
+/**
+ * Formats a duration for people: "04:05:06", or "3 d 04:05:06" from one day on.
+ *
+ * @param seconds the duration; a negative one is formatted as 0.
+ * @param text    receives the duration.
+ * @return @p text.
+ */
 CORVEL_PAGE_API char *corvel_duration_text(long long seconds, char text[CORVEL_TIME_TEXT_SIZE]);
-/** Formats a local date and time as "2026-11-22 09:30:00". */
+
+/**
+ * Formats a time for people, in local time: "2026-11-22 09:30:00".
+ *
+ * @param time seconds since 1970-01-01 UTC.
+ * @param text receives the date; empty if its year has more digits than a C `int` can count.
+ * @return @p text.
+ */
 CORVEL_PAGE_API char *corvel_date_text(time_t time, char text[CORVEL_TIME_TEXT_SIZE]);
 
-/** Levels of a log message; those of syslog. */
+/** Levels of a log message; the values are those of syslog(). */
 typedef enum corvel_log_level {
-    CORVEL_LOG_ERROR = 3,
-    CORVEL_LOG_WARNING = 4,
-    CORVEL_LOG_NOTICE = 5,
-    CORVEL_LOG_INFO = 6,
-    CORVEL_LOG_DEBUG = 7
+    CORVEL_LOG_ERROR = 3,   /**< The page could not do its work. */
+    CORVEL_LOG_WARNING = 4, /**< Something is wrong that did not stop the page. */
+    CORVEL_LOG_NOTICE = 5,  /**< Something that the owner may want to know, such as a login. */
+    CORVEL_LOG_INFO = 6,    /**< Normal operation. */
+    CORVEL_LOG_DEBUG = 7    /**< For developers. */
 } corvel_log_level;
-/** Writes one line to the system log; control characters are escaped, so that it stays one line. */
+
+/**
+ * Writes one line to the system log, facility "daemon". Source: page/log.cpp.
+ *
+ * Control characters and bytes that are not UTF-8 are written as `\\xHH`, so that a stranger's text
+ * neither starts a line of its own nor controls a terminal that shows the log. The line is
+ * truncated to 1,023 bytes, after a whole character. If no logging daemon runs, the message is
+ * lost.
+ *
+ * @param level  the level, with which the daemon can filter.
+ * @param format a format as for printf(), without a newline.
+ */
 CORVEL_PAGE_API void corvel_log(corvel_log_level level, const char *format, ...)
     __attribute__((__format__(__printf__, 2, 3)));
 /** @} */
