@@ -978,58 +978,103 @@ CORVEL_PAGE_API corvel_settings_result corvel_settings_recover(const char *path,
  * @brief Multipart forms of any size, read as a stream. Source: page/upload.cpp.
  * @{
  */
-/** A part of a multipart form. */
+/** A part of a multipart form. Its strings are valid until the function that received it returns.
+ */
 typedef struct corvel_part {
-    const char *name;     /**< The field's name. */
-    const char *filename; /**< The file's name, without directories; null for a field. */
+    const char *name;     /**< The field's name, as sent; browsers send `"` in it as `%22`. */
+    const char *filename; /**< The file's name, without directories; null for a field. Empty if the
+                               browser sent a file field in which no file was selected. */
     const char *type;     /**< The content type; "text/plain" if the part has none. */
 } corvel_part;
 
 /** What an upload may contain. A member that is 0 has the default stated here. */
 typedef struct corvel_upload_limits {
-    size_t parts_max;      /**< Parts. Default: 64. */
-    size_t header_max;     /**< Bytes of a part's header lines. Default: 8,192. */
-    size_t field_max;      /**< Bytes of a field. Default: 65,536. */
-    uint64_t file_max;     /**< Bytes of a file. Default: 16 MiB. */
-    uint64_t total_max;    /**< Bytes of the body. Default: 16 MiB and 64 KiB. */
-    unsigned body_seconds; /**< Longest pause between two bytes. Default: 30. */
+    size_t parts_max;   /**< Parts, fields and files together. Default: 64. */
+    size_t header_max;  /**< Bytes of a part's header lines. Default: 8,192. */
+    size_t field_max;   /**< Bytes of a field's value. Default: 16,384. */
+    uint64_t file_max;  /**< Bytes of a file. Default: 16 MiB. */
+    uint64_t total_max; /**< Bytes of the body. Default: 16 MiB and 64 KiB. */
 } corvel_upload_limits;
 
-/** Where the files of an upload go. A function that returns false ends the upload. */
+/**
+ * Where the files of an upload go. The functions are called for one file after the other: once
+ * `begin`, `data` for each piece of at most 16,384 bytes, once `end`. Each may be null. One that
+ * returns false ends the upload; `end` is not called for a file that is not complete.
+ */
 typedef struct corvel_upload_sink {
-    void *context;
+    void *context; /**< Passed to each function. */
     bool (*begin)(void *context, const corvel_part *part);
     bool (*data)(void *context, const void *bytes, size_t size);
     bool (*end)(void *context);
 } corvel_upload_sink;
 
+/** The results of reading an upload. */
 typedef enum corvel_upload_result {
-    CORVEL_UPLOAD_DONE = 0,
-    CORVEL_UPLOAD_NOT_MULTIPART = -1,
-    CORVEL_UPLOAD_BAD_BOUNDARY = -2,
-    CORVEL_UPLOAD_MALFORMED = -3,  /**< A part without header, name or end. */
-    CORVEL_UPLOAD_INCOMPLETE = -4, /**< The body ends before the last boundary. */
-    CORVEL_UPLOAD_TOO_MANY_PARTS = -5,
-    CORVEL_UPLOAD_HEADER_TOO_LARGE = -6,
-    CORVEL_UPLOAD_FIELD_TOO_LARGE = -7,
-    CORVEL_UPLOAD_FILE_TOO_LARGE = -8,
-    CORVEL_UPLOAD_TOO_LARGE = -9,
-    CORVEL_UPLOAD_STOPPED = -10, /**< The sink returned false. */
-    CORVEL_UPLOAD_TIMEOUT = -11,
-    CORVEL_UPLOAD_NO_MEMORY = -12,
-    CORVEL_UPLOAD_NO_SPACE = -13, /**< The file could not be written. */
-    CORVEL_UPLOAD_NO_FILE = -14   /**< The form has no file of that name. */
+    CORVEL_UPLOAD_DONE = 0,              /**< All parts have been read. */
+    CORVEL_UPLOAD_NOT_MULTIPART = -1,    /**< The request was not accepted as multipart/form-data,
+                                              or its body has been read before. */
+    CORVEL_UPLOAD_BAD_BOUNDARY = -2,     /**< The content type has no boundary, or one of more than
+                                              200 characters. */
+    CORVEL_UPLOAD_MALFORMED = -3,        /**< A part has no name, its header is malformed, a field
+                                              contains a NUL, or a part is encoded in another way
+                                              than 7bit, 8bit or binary. */
+    CORVEL_UPLOAD_INCOMPLETE = -4,       /**< The body ends before the last boundary. */
+    CORVEL_UPLOAD_TOO_MANY_PARTS = -5,   /**< There are more than parts_max parts. */
+    CORVEL_UPLOAD_HEADER_TOO_LARGE = -6, /**< A part's header lines exceed header_max. */
+    CORVEL_UPLOAD_FIELD_TOO_LARGE = -7,  /**< A field exceeds field_max, or all fields together the
+                                              limits of the request. */
+    CORVEL_UPLOAD_FILE_TOO_LARGE = -8,   /**< A file exceeds file_max. */
+    CORVEL_UPLOAD_TOO_LARGE = -9,        /**< The body exceeds total_max. */
+    CORVEL_UPLOAD_STOPPED = -10,         /**< A function of the sink returned false. */
+    CORVEL_UPLOAD_TIMEOUT = -11,         /**< Nothing arrived for the time that the request's rules
+                                              permit. */
+    CORVEL_UPLOAD_NO_MEMORY = -12,       /**< Memory is exhausted. */
+    CORVEL_UPLOAD_NO_SPACE = -13,        /**< The file could not be created or written. */
+    CORVEL_UPLOAD_NO_FILE = -14          /**< No file was sent in that field. */
 } corvel_upload_result;
 
-/** Reads the body of an accepted request; fields become the request's, files go to the sink. */
+/**
+ * Reads the body of a request that was accepted with CORVEL_MULTIPART (RFC 7578).
+ *
+ * Fields become fields of the request, for corvel_field(); files go to the sink, each byte as it
+ * was sent. Parts may have any order, any or no content type and further header lines; names may be
+ * in quotes or not, and `filename*` is preferred to `filename`. Lines that end with LF alone are
+ * accepted if the first boundary's line does. The functions allocate at most 48 KiB beyond what the
+ * request holds, however large the upload is.
+ *
+ * Regardless of the result, the body has been read to its end. On a failure, parts that came before
+ * it have been stored and passed on.
+ *
+ * @param request the request.
+ * @param limits  null for the defaults.
+ * @param sink    null to discard the files.
+ * @return the result; corvel_upload_status() has the answer for it.
+ */
 CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
                                                         const corvel_upload_limits *limits,
                                                         const corvel_upload_sink *sink);
-/** As corvel_upload_read(), with the file of one field written into a new file. */
+
+/**
+ * As corvel_upload_read(), with the file of one field written into a new file of mode 0600. Other
+ * files are discarded, also further ones of the same field. On any failure there is no new file.
+ *
+ * @param request the request.
+ * @param limits  null for the defaults.
+ * @param field   the name of the field.
+ * @param path    the new file; it must not exist.
+ * @return the result; CORVEL_UPLOAD_NO_FILE if the field is missing or no file was selected in it.
+ */
 CORVEL_PAGE_API corvel_upload_result corvel_upload_save(corvel_request *request,
                                                         const corvel_upload_limits *limits,
                                                         const char *field, const char *path);
-/** Returns the HTTP status that belongs to a result, and a sentence for the user. */
+
+/**
+ * Returns the HTTP status to answer a result with.
+ *
+ * @param result    what corvel_upload_read() or corvel_upload_save() returned.
+ * @param complaint receives a sentence for the user, a string literal, empty for
+ *                  CORVEL_UPLOAD_DONE; may be null.
+ */
 CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char **complaint);
 /** @} */
 
