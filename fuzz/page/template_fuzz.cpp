@@ -56,13 +56,14 @@ std::optional<std::vector<Tag>> tags_of(std::string_view text) {
             return {};
         std::string_view content = text.substr(0, end);
         text.remove_prefix(end + 2);
-        if (!content.empty() && std::string_view("&#^/>!").find(content[0]) != content.npos) {
+        if (!content.empty() &&
+            std::string_view("&#^/>!").find(content[0]) != std::string_view::npos) {
             tag.kind = content[0];
             content.remove_prefix(1);
         }
         if (tag.kind != '!') {
             const std::size_t first = content.find_first_not_of(" \t");
-            if (first == content.npos)
+            if (first == std::string_view::npos)
                 return {};
             tag.name = content.substr(first, content.find_last_not_of(" \t") - first + 1);
             if (!is_name(tag.name))

@@ -136,11 +136,11 @@ TEST(corvel_answer_status, OfUnknownNumberHasTheNameOfItsClass) {
                                                              {499, "499 Bad Request"},
                                                              {507, "507 Insufficient Storage"},
                                                              {599, "599 Internal Server Error"}}};
-    for (const auto &[status, line] : cases)
+    for (const auto &each : cases)
         EXPECT_EQ(answer_of([&](corvel_answer *answer) {
-                      corvel_answer_status(answer, status);
+                      corvel_answer_status(answer, each.first);
                   }).status(),
-                  line);
+                  each.second);
 }
 
 TEST(corvel_answer_status, OutsideTheRangeIsAMisuse) {
@@ -815,12 +815,12 @@ TEST(corvel_answer_send, SendsStatus500ForAMisuseBeforeOrAfterAnErrorOrARedirect
         corvel_answer_redirect(answer, "/");
     };
     using Page = std::function<void(corvel_answer *)>;
-    for (const auto &[first, second] : std::vector<std::pair<Page, Page>>{
+    for (const auto &pages : std::vector<std::pair<Page, Page>>{
              {misused, error}, {error, misused}, {misused, redirection}, {redirection, misused}})
         expect_misuse(
             [&](corvel_answer *answer) {
-                first(answer);
-                second(answer);
+                pages.first(answer);
+                pages.second(answer);
             },
             invalid_field);
 }

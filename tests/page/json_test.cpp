@@ -266,7 +266,7 @@ TEST(corvel_json_string, EscapesWhatJsonOrHtmlNeeds) {
     EXPECT_EQ(string_of("</script>"), R"("\u003c/script>")");
     EXPECT_EQ(string_of("\b\t\n\f\r\x01\x1F\x7F"), R"("\u0008\u0009\u000A\u000C\u000D\u0001\u001F)"
                                                    "\x7F\"");
-    EXPECT_EQ(string_of("a\u2028b\u2029c\u202A"), "\"a\\u2028b\\u2029c\u202A\"");
+    EXPECT_EQ(string_of("a\u2028b\u2029c\u202F"), "\"a\\u2028b\\u2029c\u202F\"");
     EXPECT_EQ(string_of(""), "\"\"");
 }
 
