@@ -689,6 +689,9 @@ CORVEL_PAGE_API void corvel_answer_conditional(corvel_answer *answer);
  * is HEAD. It can be sent once. What was printed to `stdout` before and is still in the stream's
  * buffer follows the answer: a page prints nothing itself.
  *
+ * What is left of the request's body is read and discarded before: some web servers deliver no
+ * answer of a program that has not read all of it.
+ *
  * If nobody reads standard output any more, as after the browser has closed the connection, the
  * result is false; SIGPIPE does not end the program. Writing ends also if the reader accepts
  * nothing for 60 seconds.
@@ -1253,7 +1256,8 @@ typedef enum corvel_log_level {
 } corvel_log_level;
 
 /**
- * Writes one line to the system log, facility "daemon". Source: page/log.cpp.
+ * Writes one line to the system log, with the facility and the name that the page has given to
+ * openlog(), if any. Source: page/log.cpp.
  *
  * Control characters and bytes that are not UTF-8 are written as `\\xHH`, so that a stranger's text
  * neither starts a line of its own nor controls a terminal that shows the log. The line is

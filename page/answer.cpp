@@ -6,7 +6,6 @@
 #include <iterator>
 #include <new>
 #include <strings.h>
-#include <syslog.h>
 
 #include "page/output.h"
 #include "page/request.h"
@@ -354,7 +353,7 @@ Buffer *body_of(corvel_answer *answer) {
 void misuse(corvel_answer *answer, const char *reason) {
     if (answer == nullptr || answer->is_misused)
         return;
-    syslog(LOG_ERR, "%s", reason);
+    corvel_log(CORVEL_LOG_ERROR, "%s", reason);
     answer->is_misused = true;
 }
 
@@ -496,6 +495,7 @@ bool corvel_answer_send(corvel_answer *answer) {
     apply_condition(*answer);
     replace_if_failed(*answer);
     answer->is_sent = true;
+    discard_body(answer->request);
     return send(*answer);
 }
 

@@ -55,5 +55,5 @@ void corvel_log(corvel_log_level level, const char *format, ...) {
     char line[corvel::line_size];
     corvel::escape_controls(message, line);
     // LOG_NDELAY is not set: a program that logs nothing opens no socket.
-    syslog(LOG_DAEMON | static_cast<int>(level), "%s", line);
+    syslog(static_cast<int>(level), "%s", line);
 }

@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include "page/answer.h"
 #include "page/arena.h"
@@ -207,7 +206,8 @@ class Filler {
 
   private:
     static bool fail(std::string_view name, const char *reason) {
-        syslog(LOG_ERR, "Template %.*s: %s.", static_cast<int>(name.size()), name.data(), reason);
+        corvel_log(CORVEL_LOG_ERROR, "Template %.*s: %s.", static_cast<int>(name.size()),
+                   name.data(), reason);
         return false;
     }
 
@@ -230,8 +230,8 @@ class Filler {
         Parser parser(text, tags);
         const char *const fault = parser.parse();
         if (fault != nullptr) {
-            syslog(LOG_ERR, "Template %.*s, line %zu: %s.", static_cast<int>(name.size()),
-                   name.data(), parser.line(), fault);
+            corvel_log(CORVEL_LOG_ERROR, "Template %.*s, line %zu: %s.",
+                       static_cast<int>(name.size()), name.data(), parser.line(), fault);
             return nullptr;
         }
         templates_ = new (memory) Template{templates_, name, tags};
@@ -252,7 +252,7 @@ class Filler {
     bool count_step() {
         if (++steps_ <= steps_max)
             return true;
-        syslog(LOG_ERR, "The page has too many tags.");
+        corvel_log(CORVEL_LOG_ERROR, "The page has too many tags.");
         return false;
     }
 
@@ -318,7 +318,8 @@ bool fill_template(Buffer &out, const char *directory, const char *name, const c
                    const corvel_data *common) {
     if (!is_template_name(text_of(name)) || !is_complete(data) ||
         (common != nullptr && !is_complete(common))) {
-        syslog(LOG_ERR, "The name or the values of a template are invalid or incomplete.");
+        corvel_log(CORVEL_LOG_ERROR,
+                   "The name or the values of a template are invalid or incomplete.");
         return false;
     }
     const Level outer{common, nullptr};

@@ -788,6 +788,17 @@ TEST(corvel_answer_send, OmitsTheBodyForHead) {
     EXPECT_EQ(answer_of(page, "head").body, "text");
 }
 
+TEST(corvel_answer_send, ReadsABodyThatThePageHasNotReadToItsEnd) {
+    const std::string body(100000, 'x');
+    const EnvironmentVariable length("CONTENT_LENGTH", std::to_string(body.size()));
+    const StandardInput input(body);
+    const PageAnswer answer(nullptr, "POST");
+    corvel_answer_redirect(answer.get(), "/login");
+    EXPECT_EQ(answer.send().status(), "303 See Other");
+    char byte = 0;
+    EXPECT_EQ(read(STDIN_FILENO, &byte, 1), 0);
+}
+
 TEST(corvel_answer_send, SendsOnce) {
     const PageAnswer answer;
     EXPECT_EQ(answer.send().status(), "200 OK");

@@ -50,15 +50,15 @@ std::string logged(const std::string &text) {
     return start == std::string::npos ? message : message.substr(start);
 }
 
-TEST(corvel_log, SendsTheLevelWithTheFacilityOfDaemons) {
+TEST(corvel_log, SendsTheLevelWithTheFacilityOfThePage) {
     in_private_root([] {
         SystemLog log;
         corvel_log(CORVEL_LOG_ERROR, "one %d", 1);
         corvel_log(CORVEL_LOG_DEBUG, "two");
         const std::string first = log.message();
-        EXPECT_EQ(first.substr(0, 4), "<27>");
+        EXPECT_EQ(first.substr(0, 4), "<11>");
         EXPECT_NE(first.find(": one 1"), std::string::npos) << first;
-        EXPECT_EQ(log.message().substr(0, 4), "<31>");
+        EXPECT_EQ(log.message().substr(0, 4), "<15>");
     });
 }
 

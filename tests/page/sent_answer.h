@@ -6,7 +6,6 @@
 #include <corvel_page.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <stdexcept>
@@ -88,8 +87,7 @@ inline SentAnswer answer_of(const std::function<void(corvel_answer *)> &page,
 
 /** The output of tests/page/validator.py, run by the system's Python, which has the packages. */
 inline std::string validated(const std::string &arguments) {
-    const std::string script =
-        (std::filesystem::path(__FILE__).parent_path() / "validator.py").string();
+    const std::string script = CORVEL_SOURCE_DIR "/tests/page/validator.py";
     std::FILE *const peer =
         popen(("PATH=/usr/bin:$PATH python3 '" + script + "' " + arguments + " 2>&1").c_str(), "r");
     if (peer == nullptr)
