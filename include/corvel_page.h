@@ -1085,64 +1085,306 @@ CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char
  * @defgroup page_session Sessions and login
  * @brief Who a request is from, and slowing down guesses. Sources: page/session.cpp,
  * page/login.cpp.
+ *
+ * A session is a random identifier of 256 bits that the browser keeps in a cookie, and a file in a
+ * directory on the device. The file is named by the SHA-256 of the identifier and contains the user
+ * and the time of the login: nobody can take a session over by reading the directory. Its
+ * modification time is the time of the session's last use.
+ *
+ * All times count from the start of the device and are not affected if the clock is set. A restart
+ * of the device ends all sessions, and all delays of logins, even if the files survive it.
+ *
+ * The functions of this group need /proc, where they read the identifier of the device's start;
+ * without it nobody can log in. The kernel must be Linux 3.17 or later.
+ *
+ * A page that only a logged-in user may use:
+ *
+ * @code
+ * corvel_request *const request = corvel_request_begin();
+ * const corvel_request_rules rules = {.methods = CORVEL_GET | CORVEL_POST};
+ * corvel_answer *const answer = corvel_answer_new(request, NULL);
+ * const int status = corvel_request_read(request, &rules);
+ * corvel_session *const session = corvel_session_find(request, NULL);
+ * if (status != CORVEL_HTTP_OK)
+ *     corvel_answer_error(answer, status, corvel_request_complaint(request));
+ * else if (session == NULL)
+ *     corvel_answer_redirect(answer, "/login");
+ * else if (corvel_method(request) == CORVEL_POST &&
+ *          !corvel_session_check(session, corvel_field(request, "token")))
+ *     corvel_answer_error(answer, CORVEL_HTTP_FORBIDDEN, "Reload the page and try again.");
+ * else if (corvel_session_touch(session))
+ *     corvel_answer_html(answer, corvel_session_user(session));
+ * corvel_answer_send(answer);
+ * corvel_session_free(session);
+ * corvel_answer_free(answer);
+ * corvel_request_free(request);
+ * @endcode
  * @{
  */
-/** How a site keeps its sessions. A member that is 0 has the default stated here. */
+/** The longest name of a user, and the longest password, in bytes. */
+#define CORVEL_USER_MAX 255
+
+/** Sessions that one directory holds at most, those of all users together. */
+#define CORVEL_SESSIONS_MAX 128
+
+/**
+ * How a site keeps its sessions. A member that is 0 or null has the default stated here. All pages
+ * of a site must use the same rules: a login removes the files of the sessions that have expired
+ * by its own.
+ */
 typedef struct corvel_session_rules {
-    const char *directory;     /**< Files of the sessions, mode 0700. Default: "/run/sessions". */
-    const char *cookie;        /**< Name of the cookie. Default: "session". */
-    unsigned idle_seconds;     /**< A session ends after this time without a request: 900. */
-    unsigned lifetime_seconds; /**< A session ends after this time in any case: 43,200. */
-    unsigned sessions_max;     /**< Sessions of one user; the oldest is replaced. Default: 8. */
+    /**
+     * The directory of the sessions' files. Default: "/run/sessions". It is created, with mode
+     * 0700, by the first login. An existing one must belong to the effective user and have no
+     * permissions for others, and it must not be a symbolic link: otherwise no session is found or
+     * started. It should be in memory, and must not contain anything else whose name has 64
+     * characters.
+     */
+    const char *directory;
+    /** The name of the cookie, at most 63 characters. Default: "session". */
+    const char *cookie;
+    /** A session ends if it is not used for this time. Default: 900, 15 minutes. */
+    unsigned idle_seconds;
+    /** A session ends this time after the login in any case. Default: 43,200, 12 hours. */
+    unsigned lifetime_seconds;
+    /** The number of sessions of one user. Default: 8. */
+    unsigned sessions_max;
+    /**
+     * Whether a user still exists; if not, the sessions end. Default: whether the user is in the
+     * system's account database, with a line of at most 1,024 bytes.
+     */
+    bool (*user_exists)(const char *user);
 } corvel_session_rules;
 
 /** The session of a request. */
 typedef struct corvel_session corvel_session;
 
-/** Finds the request's session; null if it has none that is valid. */
+/**
+ * Finds the session of a request.
+ *
+ * Servers at other ports of the same host can set cookies of the same name. They are skipped: the
+ * first cookie that names a valid session counts. The session does not count as used: call
+ * corvel_session_touch(), but not for requests that a page repeats by itself.
+ *
+ * @param request the request. It need not have been read.
+ * @param rules   the rules; a null pointer for the defaults. They are not needed afterwards.
+ * @return the session, to be released by corvel_session_free(); null if the request has no valid
+ *         session, if memory is exhausted, or if the directory or a file cannot be read.
+ */
 CORVEL_PAGE_API corvel_session *corvel_session_find(const corvel_request *request,
                                                     const corvel_session_rules *rules);
+
+/**
+ * Releases what belongs to the handle. The session itself goes on.
+ *
+ * @param session the session; null is ignored.
+ */
 CORVEL_PAGE_API void corvel_session_free(corvel_session *session);
+
+/**
+ * Returns the user of a session.
+ *
+ * @param session the session.
+ * @return the name; null after corvel_session_end(), and for a null pointer.
+ */
 CORVEL_PAGE_API const char *corvel_session_user(const corvel_session *session);
-/** Returns the token for the forms of this session. */
+
+/**
+ * Returns the token for the forms of a session, for a hidden field. A page of another site cannot
+ * know it. It is the same for all forms until corvel_session_renew().
+ *
+ * @param session the session.
+ * @return 64 hexadecimal digits; null after corvel_session_end(), and for a null pointer.
+ */
 CORVEL_PAGE_API const char *corvel_session_token(const corvel_session *session);
-/** True if a form's token is that of the session. */
+
+/**
+ * Compares the token of a form with that of the session, in constant time.
+ *
+ * @param session the session.
+ * @param token   the token that was received; a null pointer is never right.
+ * @return true if it is the session's; false also after corvel_session_end().
+ */
 CORVEL_PAGE_API bool corvel_session_check(const corvel_session *session, const char *token);
-/** Sets the time of the last request to now. */
+
+/**
+ * Sets the time of a session's last use to now.
+ *
+ * @param session the session.
+ * @return false if that failed, as it does if the session has been ended in the meantime.
+ */
 CORVEL_PAGE_API bool corvel_session_touch(corvel_session *session);
-/** Starts a session and sets its cookie; the request's former session ends. */
+
+/**
+ * Starts a session after a login and sets its cookie, which the browser keeps until it is closed.
+ * The session that the request had so far ends; if the call fails, it may have ended, too.
+ *
+ * If the user has ::corvel_session_rules.sessions_max sessions, the one that was not used for the
+ * longest time ends. Sessions of other users never end by this: if the directory is full and the
+ * user has none in it, the call fails. A call waits for others for at most five seconds.
+ *
+ * @param request the request.
+ * @param answer  receives the cookie.
+ * @param rules   the rules; a null pointer for the defaults. They are not needed afterwards.
+ * @param user    the user: a name of at most #CORVEL_USER_MAX bytes.
+ * @return the session, to be released by corvel_session_free(); null if the user does not exist, if
+ *         memory is exhausted, if a file or the directory cannot be used, or if the kernel has no
+ *         random bytes yet. A page answers that with status 503.
+ */
 CORVEL_PAGE_API corvel_session *corvel_session_start(const corvel_request *request,
                                                      corvel_answer *answer,
                                                      const corvel_session_rules *rules,
                                                      const char *user);
-/** Gives the session a new identifier, as after a change of password. */
+
+/**
+ * Gives a session another identifier and token, and sets its cookie. The former identifier is no
+ * longer valid. Call it after a change of password. The session's lifetime still counts from the
+ * login.
+ *
+ * @param session the session.
+ * @param answer  receives the cookie.
+ * @return false if that failed, as it does if the session has been ended in the meantime; the
+ *         session is unchanged then.
+ */
 CORVEL_PAGE_API bool corvel_session_renew(corvel_session *session, corvel_answer *answer);
-/** Ends the session and removes its cookie. */
+
+/**
+ * Ends a session and removes its cookie from the browser.
+ *
+ * @param session the session. It has no user and no token afterwards, and must still be released.
+ * @param answer  receives the removal of the cookie; may be null.
+ * @return false if the session could not be ended; the cookie stays then.
+ */
 CORVEL_PAGE_API bool corvel_session_end(corvel_session *session, corvel_answer *answer);
-/** Ends all sessions of a user but @p kept, which may be null. @return the number of them, or -1.
+
+/**
+ * Ends all sessions of a user, such as after a change of password:
+ *
+ * @code
+ * corvel_request *const request = corvel_request_begin();
+ * corvel_answer *const answer = corvel_answer_new(request, NULL);
+ * corvel_session *const session = corvel_session_find(request, NULL);
+ * if (login_chpwd(corvel_session_user(session), "new password") == CORVEL_PASSWORD_CHANGED) {
+ *     corvel_session_end_all(NULL, corvel_session_user(session), session);
+ *     corvel_session_renew(session, answer);
+ * }
+ * corvel_session_free(session);
+ * corvel_answer_free(answer);
+ * corvel_request_free(request);
+ * @endcode
+ *
+ * @note A login that has checked the former password but not yet started its session is not ended.
+ *
+ * @param rules the rules; a null pointer for the defaults.
+ * @param user  the user.
+ * @param kept  a session that does not end; may be null.
+ * @return the number of sessions that ended; -1 if the user is null or if not all of them could be
+ *         ended.
  */
 CORVEL_PAGE_API int corvel_session_end_all(const corvel_session_rules *rules, const char *user,
                                            const corvel_session *kept);
 
-/** How wrong passwords are slowed down. A member that is 0 has the default stated here. */
+/** How wrong passwords are slowed down. A member that is 0 or null has the default stated here. */
 typedef struct corvel_login_rules {
-    const char *record;       /**< File of the attempts. Default: "/run/logins". */
-    unsigned free_attempts;   /**< Wrong passwords of an address without a delay. Default: 3. */
-    unsigned longest_seconds; /**< The longest delay of an address. Default: 60. */
-    bool (*check)(const char *user, const char *password); /**< Default: login_auth(). */
+    /**
+     * The file of the attempts, 16,432 bytes. Default: "/run/logins". It is created with mode 0600.
+     * An existing one must be such a file or empty, belong to the effective user, have no
+     * permissions for others and no second name, and must not be a symbolic link: otherwise every
+     * login fails.
+     */
+    const char *record;
+    /** Wrong passwords in a row that have no delay. Default: 3. */
+    unsigned free_attempts;
+    /** The longest delay, in seconds, at most 86,400. Default: 60. */
+    unsigned longest_seconds;
+    /**
+     * Checks a password. Neither parameter is null, the user is not empty, and neither is longer
+     * than #CORVEL_USER_MAX or contains control characters. Default: login_auth(), and the same
+     * effort for a user that does not exist.
+     */
+    bool (*check)(const char *user, const char *password);
 } corvel_login_rules;
 
-typedef enum corvel_login_result {
-    CORVEL_LOGIN_RIGHT = 0,
-    CORVEL_LOGIN_WRONG = -1, /**< Wrong name or password. */
-    CORVEL_LOGIN_WAIT = -2,  /**< The address has to wait; nothing was checked. */
+/** The results of corvel_login(). */
+typedef enum corvel_login_verdict {
+    CORVEL_LOGIN_RIGHT = 0,  /**< The password is right. */
+    CORVEL_LOGIN_WRONG = -1, /**< The user does not exist, or the password is wrong. */
+    CORVEL_LOGIN_WAIT = -2,  /**< The client has to wait; nothing was checked. */
     CORVEL_LOGIN_FAILED = -3 /**< The attempt could not be recorded; nothing was checked. */
-} corvel_login_result;
+} corvel_login_verdict;
 
-/** Checks a password for the request's address. @p seconds receives how long it has to wait. */
-CORVEL_PAGE_API corvel_login_result corvel_login(const corvel_request *request,
-                                                 const corvel_login_rules *rules, const char *user,
-                                                 const char *password, unsigned *seconds);
+/**
+ * Checks a password for the client of a request. Wrong passwords slow their client down, not
+ * others.
+ *
+ * A client is an IPv4 address or the first 64 bits of an IPv6 address. After the free attempts,
+ * each wrong password in a row doubles the time until the client may try again: 1, 2, 4 seconds and
+ * so on, or up to a second more. Until then the result is CORVEL_LOGIN_WAIT, at once, whatever the
+ * password. An attempt counts as wrong until the password has proved right, so that closing the
+ * connection gains nothing, and of several requests of a client at once only one is checked. A
+ * right password forgets the wrong ones; so do 15 minutes after the time when the client may try
+ * again.
+ *
+ * At most two checks run at once, and one more for clients that have logged in since the device's
+ * start. Others wait up to ten seconds for their turn. The attempts of 1,024 clients are recorded.
+ * If there are more, those that may try again for the longest time are forgotten first, and
+ * clients that have logged in last. Whoever has thousands of addresses can therefore guess as often
+ * as two checks at once permit: only a good password helps against that.
+ *
+ * The time does not reveal whether a user exists if the hashes of all users are made by the same
+ * method. Behind a proxy, the web server must set the address of the actual client.
+ *
+ * @code
+ * corvel_request *const request = corvel_request_begin();
+ * corvel_answer *const answer = corvel_answer_new(request, NULL);
+ * unsigned seconds = 0;
+ * if (corvel_request_read(request, &(corvel_request_rules){.methods = CORVEL_POST}) ==
+ *     CORVEL_HTTP_OK) {
+ *     const char *const user = corvel_field(request, "user");
+ *     char text[16];
+ *     switch (corvel_login(request, NULL, user, corvel_field(request, "password"), &seconds)) {
+ *     case CORVEL_LOGIN_RIGHT:
+ *         corvel_session_free(corvel_session_start(request, answer, NULL, user));
+ *         corvel_answer_redirect(answer, "/");
+ *         break;
+ *     case CORVEL_LOGIN_WAIT:
+ *         corvel_answer_error(answer, CORVEL_HTTP_TOO_MANY_REQUESTS, "Try again later.");
+ *         snprintf(text, sizeof text, "%u", seconds);
+ *         corvel_answer_header(answer, "Retry-After", text);
+ *         break;
+ *     case CORVEL_LOGIN_WRONG:
+ *         corvel_answer_error(answer, CORVEL_HTTP_FORBIDDEN, "Wrong user or password.");
+ *         break;
+ *     default:
+ *         corvel_answer_error(answer, CORVEL_HTTP_SERVICE_UNAVAILABLE, "Try again later.");
+ *     }
+ * }
+ * corvel_answer_send(answer);
+ * corvel_answer_free(answer);
+ * corvel_request_free(request);
+ * @endcode
+ *
+ * @note With the default check, only one thread at a time may call this: login_auth() is not safe
+ *       for several.
+ *
+ * @param      request  the request.
+ * @param      rules    the rules; a null pointer for the defaults.
+ * @param      user     the user as received. A null pointer, an empty name, control characters or
+ *                      more than #CORVEL_USER_MAX bytes count as wrong, without a check.
+ * @param      password the password as received; counts as wrong like the user, except that it may
+ *                      be empty.
+ * @param[out] seconds  receives the time until the client may try again, rounded up; 0 if it may at
+ *                      once. May be null.
+ * @retval CORVEL_LOGIN_RIGHT  the password is right.
+ * @retval CORVEL_LOGIN_WRONG  the user does not exist, or the password is wrong.
+ * @retval CORVEL_LOGIN_WAIT   the client has to wait; nothing was checked. A page answers with
+ *                             CORVEL_HTTP_TOO_MANY_REQUESTS and the header field Retry-After.
+ * @retval CORVEL_LOGIN_FAILED the request is null, or the file could not be used; nothing was
+ *                             checked.
+ */
+CORVEL_PAGE_API corvel_login_verdict corvel_login(const corvel_request *request,
+                                                  const corvel_login_rules *rules, const char *user,
+                                                  const char *password, unsigned *seconds);
 /** @} */
 
 /**
