@@ -53,9 +53,9 @@ struct Digests {
 
 struct corvel_session {
     Descriptor directory{-1};
-    Digests digests;
-    char cookie[cookie_size];
-    Record record; ///< Its user is empty if the session has ended.
+    Digests digests{};
+    char cookie[cookie_size]{};
+    Record record{}; ///< Its user is empty if the session has ended.
 
     corvel_session() = default;
     corvel_session(const corvel_session &) = delete;
@@ -146,7 +146,7 @@ class Identifier {
         wipe(&sum, sizeof sum);
     }
 
-    char text_[Sha256::text_size];
+    char text_[Sha256::text_size]{};
 };
 
 // The directory.
@@ -296,8 +296,8 @@ class Listing {
     [[nodiscard]] bool failed() const { return failed_; }
 
     // The session that next() found.
-    char name[Sha256::text_size];
-    Record record;
+    char name[Sha256::text_size]{};
+    Record record{};
     std::uint32_t used = 0;
 
   private:
@@ -468,7 +468,6 @@ corvel_session *corvel_session_start(const corvel_request *request, corvel_answe
     Session session = allocate_session(rules);
     if (session == nullptr)
         return nullptr;
-    session->record = {};
     store(session->record.user, name);
     session->digests = identifier.digests();
     if (!create(*session, request, rules))

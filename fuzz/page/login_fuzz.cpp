@@ -111,12 +111,12 @@ void damage(const std::string &path, Input &input) {
 
 } // namespace
 
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
-    if (clock == CLOCK_BOOTTIME) {
-        *time = {static_cast<std::time_t>(now), 0};
+extern "C" int clock_gettime(clockid_t clock_id, timespec *tp) noexcept {
+    if (clock_id == CLOCK_BOOTTIME) {
+        *tp = {static_cast<std::time_t>(now), 0};
         return 0;
     }
-    return timespec_get(time, TIME_UTC) == TIME_UTC ? 0 : -1;
+    return timespec_get(tp, TIME_UTC) == TIME_UTC ? 0 : -1;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {

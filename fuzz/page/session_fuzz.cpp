@@ -126,12 +126,12 @@ std::string user_in(const std::string &file, const Known &known, std::uint32_t a
 
 } // namespace
 
-extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept {
-    if (clock == CLOCK_BOOTTIME) {
-        *time = {now, 0};
+extern "C" int clock_gettime(clockid_t clock_id, timespec *tp) noexcept {
+    if (clock_id == CLOCK_BOOTTIME) {
+        *tp = {now, 0};
         return 0;
     }
-    return timespec_get(time, TIME_UTC) == TIME_UTC ? 0 : -1;
+    return timespec_get(tp, TIME_UTC) == TIME_UTC ? 0 : -1;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
@@ -146,7 +146,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         file.resize(file.size() - (cut - 250));
     const std::uint32_t age = input.byte() * 16U;
     std::string cookies = input.rest();
-    cookies = cookies.substr(0, cookies.find('\0'));
+    cookies.erase(std::min(cookies.find('\0'), cookies.size()));
     // An identifier cannot be guessed.
     for (std::size_t at = cookies.find('@'); at != std::string::npos; at = cookies.find('@'))
         cookies.replace(at, 1, known.id);

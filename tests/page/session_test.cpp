@@ -149,7 +149,7 @@ TEST(corvel_session_start, SetsACookieThatScriptsAndOtherSitesDoNotGet) {
 
 TEST(corvel_session_start, SetsACookieForTlsOnlyIfItIsUsed) {
     Site site;
-    const Visit visit({.uses_tls = true});
+    const Visit visit({.cookies = "", .uses_tls = true});
     const Session session(corvel_session_start(visit.request, visit.answer, &site.rules, "admin"));
     EXPECT_TRUE(visit.cookie().ends_with("; Secure"));
 }

@@ -20,7 +20,7 @@ namespace corvel_test {
 
 /** What the web server passes to the program. */
 struct Client {
-    std::string cookies = "";
+    std::string cookies;
     std::string address = "192.168.1.2";
     bool uses_tls = false;
 };
@@ -31,7 +31,7 @@ class Visit {
         : cookies_("HTTP_COOKIE", client.cookies), address_("REMOTE_ADDR", client.address),
           https_("HTTPS", client.uses_tls ? "on" : "off"), method_("REQUEST_METHOD", "GET"),
           request(corvel_request_begin()), answer(corvel_answer_new(request, nullptr)) {}
-    Visit() : Visit(Client{}) {}
+    Visit() : Visit({.cookies = ""}) {}
     Visit(const Visit &) = delete;
     Visit &operator=(const Visit &) = delete;
     ~Visit() {
