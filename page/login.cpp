@@ -133,28 +133,26 @@ class Record {
         return false;
     }
 
-    /// Finds the slot of a client, or the one to use for it: a free one, otherwise that of the
-    /// client that may try again for the longest time, and one that has logged in before only if
-    /// all have. Returns the position of the slot; 0 if the file cannot be read.
-    [[nodiscard]] std::uint32_t find(std::uint64_t client, Slot &found) const {
-        std::uint32_t position = 0;
-        std::uint32_t at = sizeof(Header);
-        Slot slots[64];
-        for (std::size_t i = 0; i < slot_count; i += std::size(slots)) {
-            if (!read(at, slots, sizeof slots))
+    /// Finds and locks the slot of a client, or the one to use for it: a free one, otherwise that
+    /// of the client that may try again for the longest time, and one that has logged in before
+    /// only if all have. Slots that are locked are not taken from their clients. Returns the
+    /// position of the slot; 0 if the file cannot be read or the client's slot is locked, which
+    /// `slot` tells.
+    [[nodiscard]] std::uint32_t claim(std::uint64_t client, Slot &slot) const {
+        slot.client = 0;
+        for (std::uint32_t at = sizeof(Header); at < file_size; at += sizeof slot) {
+            at = find(client, at, slot);
+            if (at == 0)
                 return 0;
-            for (const Slot &slot : slots) {
-                if (position == 0 || slot.client == client || is_better(slot, found)) {
-                    found = slot;
-                    position = at;
-                }
-                if (slot.client == client)
-                    return position;
-                at += sizeof slot;
+            if (lock(at)) {
+                if (slot.client != client)
+                    slot = {client, 0, 0, 0};
+                return at;
             }
+            if (slot.client == client)
+                return 0;
         }
-        found = {client, 0, 0, 0};
-        return position;
+        return 0;
     }
 
     [[nodiscard]] bool write(std::uint32_t position, const Slot &slot) const {
@@ -172,6 +170,26 @@ class Record {
         if (slot.is_known != other.is_known)
             return slot.is_known < other.is_known;
         return slot.until < other.until;
+    }
+
+    /// The position of the client's slot, or of the best one for it, at a position or after it.
+    [[nodiscard]] std::uint32_t find(std::uint64_t client, std::uint32_t at, Slot &found) const {
+        std::uint32_t position = 0;
+        Slot slots[64];
+        while (at < file_size) {
+            const std::size_t size = at_most(file_size - at, sizeof slots);
+            if (!read(at, slots, size))
+                return 0;
+            for (std::size_t i = 0; i < size / sizeof(Slot); ++i, at += sizeof(Slot)) {
+                if (position != 0 && slots[i].client != client && !is_better(slots[i], found))
+                    continue;
+                found = slots[i];
+                position = at;
+                if (found.client == client)
+                    return position;
+            }
+        }
+        return position;
     }
 
     bool set_lock(std::uint32_t byte, short type) const {
@@ -322,12 +340,11 @@ corvel_login_verdict attempt(const corvel_login_rules &rules, std::uint64_t clie
     Slot slot;
     if (!record.prepare())
         return CORVEL_LOGIN_FAILED;
-    const std::uint32_t position = record.find(client, slot);
+    const std::uint32_t position = record.claim(client, slot);
+    if (position == 0 && slot.client == client) // another of its attempts is being checked
+        return wait(seconds, 1);
     if (position == 0)
         return CORVEL_LOGIN_FAILED;
-    // Another request of this client is being checked.
-    if (!record.lock(position))
-        return wait(seconds, 1);
     const std::uint32_t now = boot_seconds();
     const Slot before = at_present(slot, now, rules);
     if (before.until > now)

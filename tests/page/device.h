@@ -29,6 +29,7 @@ namespace corvel_test {
 
 struct Device {
     std::time_t passed = 0;      ///< Seconds that have passed in addition to the actual ones.
+    std::time_t stopped_at = 0;  ///< If set, the time since the device's start stays there.
     std::time_t clock_error = 0; ///< Seconds that the wall clock is wrong by.
     unsigned pauses = 0;
     std::function<void()> while_pausing; ///< If set, called instead of a pause.
@@ -97,6 +98,8 @@ extern "C" int clock_gettime(clockid_t clock, timespec *time) C_LIBRARY_NOEXCEPT
     const int result = next(clock, time);
     if (clock == CLOCK_BOOTTIME)
         time->tv_sec += corvel_test::device.passed;
+    if (clock == CLOCK_BOOTTIME && corvel_test::device.stopped_at != 0)
+        *time = {corvel_test::device.stopped_at, 0};
     if (clock == CLOCK_REALTIME)
         time->tv_sec += corvel_test::device.clock_error;
     return result;

@@ -326,6 +326,20 @@ TEST(corvel_login, RemembersTheClientsThatMatterMost) {
     EXPECT_EQ(fs::file_size(site.path()), file_size);
 }
 
+TEST(corvel_login, ReplacesNoClientWhoseAttemptIsBeingChecked) {
+    Site site;
+    device.stopped_at = 1000;
+    during_check = [&] {
+        for (unsigned i = 1; i < 1024; ++i)
+            EXPECT_EQ(site.log_in(wrong, address_of(i)), CORVEL_LOGIN_WRONG) << i;
+        EXPECT_EQ(site.log_in(right, "192.168.1.2"), CORVEL_LOGIN_RIGHT);
+    };
+    EXPECT_EQ(site.log_in(wrong, address_of(0)), CORVEL_LOGIN_WRONG);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_FALSE(site.is_slowed_down(address_of(0)));
+    EXPECT_TRUE(site.is_slowed_down(address_of(0)));
+}
+
 TEST(corvel_login, RefusesNamesAndPasswordsThatCannotBe) {
     Site site;
     const std::string longest(CORVEL_USER_MAX, 'x');
