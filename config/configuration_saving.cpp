@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "config/companion_files.h"
 #include "config/lock_file.h"
 #include "config/property_table.h"
 #include "config/replacement.h"
@@ -21,31 +22,6 @@
 
 namespace corvel {
 namespace {
-
-constexpr std::string_view copy_suffix = ".cgi";
-constexpr std::string_view lock_suffix = ".lck";
-
-/// Builds the path of a file's companion: the path with a suffix. False if the path is empty or the
-/// result does not fit the buffer.
-template <std::size_t size>
-bool build_companion_path(std::array<char, size> &companion, std::string_view path,
-                          std::string_view suffix) {
-    if (path.empty() || path.size() + suffix.size() >= size)
-        return false;
-    const std::size_t length = store(companion, path);
-    store(std::span(companion).subspan(length), suffix);
-    return true;
-}
-
-/// Opens a regular file for reading. Other files cannot be read: a FIFO could block the writer, and
-/// a device could supply bytes without end.
-Descriptor open_regular(const char *path) {
-    Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat status;
-    if (file && (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)))
-        return Descriptor(-1);
-    return file;
-}
 
 /// Whether a path still names an open file. Symbolic links are followed.
 bool leads_to(const char *path, const Descriptor &file) {

@@ -17,28 +17,6 @@ constexpr std::size_t value_size = CORVEL_PROP_VALUE_SIZE;
 
 static_assert(line_limit == CORVEL_LINE_SIZE - 1);
 
-constexpr std::string_view line_prefix = "setenv ";
-
-/// The parts of a line, as views into the line.
-struct Setting {
-    std::string_view name_area; ///< Everything before the separator; the name is its first word.
-    std::string_view value;
-};
-
-/// Splits a line. False if it is a comment or has no separator.
-bool parse_line(std::string_view line, char separator, Setting &setting) {
-    if (line.starts_with('#'))
-        return false;
-    const std::size_t prefix = line.find(line_prefix);
-    if (prefix != std::string_view::npos)
-        line.remove_prefix(prefix + line_prefix.size());
-    const std::size_t split = line.find(separator);
-    if (split == std::string_view::npos)
-        return false;
-    setting = {front(line, split), after(line, split + 1)};
-    return true;
-}
-
 /// Allocates a row's two blocks and fills them. False, with the row unchanged, if memory cannot be
 /// allocated.
 bool fill_row(prop_entry &row, std::string_view name, std::size_t name_size,

@@ -33,19 +33,11 @@ bool is_regular(const char *path) {
 /// Takes the lock that excludes other writers. Any process that can read the copy can take it.
 bool lock(const Descriptor &copy) { return flock(copy.get(), LOCK_EX | LOCK_NB) == 0; }
 
-/// Takes a second lock, which marks the copy as the work of a living writer. Only a process that
-/// can write to the copy can take it: one of its owner, or of a user who may change the file as
-/// well.
+/// See is_marked().
 void mark(const Descriptor &copy) {
     struct flock all {};
     all.l_type = F_WRLCK;
     static_cast<void>(fcntl(copy.get(), F_OFD_SETLK, &all) == 0);
-}
-
-bool is_marked(const Descriptor &copy) {
-    struct flock all {};
-    all.l_type = F_RDLCK;
-    return fcntl(copy.get(), F_OFD_GETLK, &all) == 0 && all.l_type != F_UNLCK;
 }
 
 /// Reduces the group's permissions to those of others.

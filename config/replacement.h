@@ -2,6 +2,7 @@
 #ifndef CORVEL_CONFIG_REPLACEMENT_H
 #define CORVEL_CONFIG_REPLACEMENT_H
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "config/lock_file.h"
@@ -9,6 +10,14 @@
 #include "support/handles.h"
 
 namespace corvel {
+
+/// Whether a copy is the work of a living writer, which a second lock marks it as. Only who can
+/// write to the copy can take that lock: its owner, and those who may change the file as well.
+inline bool is_marked(const Descriptor &copy) {
+    struct flock all {};
+    all.l_type = F_RDLCK;
+    return fcntl(copy.get(), F_OFD_GETLK, &all) == 0 && all.l_type != F_UNLCK;
+}
 
 /// A new version of a file, written into a companion of the file, the copy, which then takes the
 /// file's place.
@@ -30,6 +39,8 @@ class Replacement {
 
     explicit operator bool() const { return stream_ != nullptr; }
     [[nodiscard]] std::FILE *stream() const { return stream_.get(); }
+    /// The copy; negative if none was created.
+    [[nodiscard]] int descriptor() const { return copy_.get(); }
 
     /// Gives the copy the owner, group and mode of the original and closes it. False if it is not
     /// whole.
@@ -38,15 +49,19 @@ class Replacement {
     /// Removes the file and gives its name to the finished copy.
     void take_place();
 
+    /// Whether the copy has not been replaced by another writer.
+    [[nodiscard]] bool is_at_its_name() const { return is_at(status_, names_.copy); }
+
+    /// Removes the copy, even if it is finished.
+    void remove_copy() const;
+
   private:
     enum class Creation { done, taken, failed };
 
-    [[nodiscard]] bool is_at_its_name() const { return is_at(status_, names_.copy); }
     Creation create();
     bool create_in_turn(bool holds_lock_file);
     [[nodiscard]] bool remove_unlocked_copy() const;
     [[nodiscard]] bool remove_strangers_copy() const;
-    void remove_copy() const;
 
     FileNames names_;
     /// Holds the lock until the copy has taken the file's place.
