@@ -937,43 +937,229 @@ CORVEL_PAGE_API void corvel_answer_template(corvel_answer *answer, const char *n
  * @brief Settings files: load, change, save, recover. Source: page/settings.cpp.
  * @{
  */
-/** The settings of one file, as loaded, with the changes made since. */
+/**
+ * The settings of one file, as loaded, with the changes made since.
+ *
+ * The file is one that load_prop() reads and save_prop() writes. The kit's programs and those that
+ * use these functions can work on the same files at the same time: they exclude each other by the
+ * same lock file. Three companions of a file have fixed names: `FILE.lck` is the lock file,
+ * `FILE.cgi` the next version while it is written, and `FILE.kept` the last version that is known
+ * to be whole, for corvel_settings_recover(). (`FILE.kept~` is the next kept version while it is
+ * written.)
+ *
+ * @code
+ * corvel_settings *const lan = corvel_settings_load("lan.conf", '=', NULL);
+ * const char *complaint = corvel_setting_set(lan, "HOSTNAME", "router $1");
+ * if (!complaint)
+ *     corvel_settings_status(corvel_settings_save(&lan, 1), &complaint);
+ * assert(!*complaint); // the file contains HOSTNAME="router \$1"
+ * corvel_settings_free(lan);
+ * @endcode
+ */
 typedef struct corvel_settings corvel_settings;
 
 /** Bytes of a file's version as text, with the NUL: hexadecimal SHA-256. */
 #define CORVEL_SETTINGS_VERSION_SIZE 65
 
+/** Bytes of a settings file at most. A larger one cannot be read. */
+#define CORVEL_SETTINGS_MAX 262144
+
+/** Results of the functions for settings files. Negative ones are failures. */
 typedef enum corvel_settings_result {
     CORVEL_SETTINGS_SAVED = 0,       /**< The new content is on the device. */
-    CORVEL_SETTINGS_UNCHANGED = 1,   /**< There was nothing to write. */
+    CORVEL_SETTINGS_UNCHANGED = 1,   /**< There was nothing to write or to restore. */
+    CORVEL_SETTINGS_RESTORED = 2,    /**< The file was missing or damaged and was restored. */
     CORVEL_SETTINGS_OUTDATED = -1,   /**< A file changed since its version was taken. */
-    CORVEL_SETTINGS_BUSY = -2,       /**< Another writer kept its lock for too long. */
-    CORVEL_SETTINGS_UNREADABLE = -3, /**< A file cannot be read. */
+    CORVEL_SETTINGS_BUSY = -2,       /**< Another writer was at work for too long. */
+    CORVEL_SETTINGS_UNREADABLE = -3, /**< A file is missing or cannot be read. */
     CORVEL_SETTINGS_UNWRITABLE = -4, /**< A file cannot be written: no space, no permission. */
-    CORVEL_SETTINGS_NO_MEMORY = -5
+    CORVEL_SETTINGS_NO_MEMORY = -5,  /**< Memory is exhausted. */
+    CORVEL_SETTINGS_DAMAGED = -6     /**< The file is damaged and there is nothing to restore. */
 } corvel_settings_result;
 
+/**
+ * Loads a settings file.
+ *
+ * If the file is missing, a writer may be between removing the old version and renaming the new
+ * one, as save_prop() does: the function waits until it has finished (five seconds at most), or, if
+ * it has died, restores the file as corvel_settings_recover() does. A file that is there is not
+ * checked for damage.
+ *
+ * @param[in]  path      the file; at most 1,017 bytes.
+ * @param[in]  separator `=` or a space, between names and values; any other character is a tab.
+ * @param[out] result    CORVEL_SETTINGS_UNCHANGED, CORVEL_SETTINGS_RESTORED if the file had to be
+ *                       restored, or the reason for the failure: CORVEL_SETTINGS_UNREADABLE, also
+ *                       if the file is larger than CORVEL_SETTINGS_MAX or not a regular file,
+ *                       CORVEL_SETTINGS_NO_MEMORY, or any failure of corvel_settings_recover(); may
+ *                       be null.
+ * @return the settings, to be released with corvel_settings_free(); null on failure. Every function
+ *         accepts the null pointer.
+ */
 CORVEL_PAGE_API corvel_settings *corvel_settings_load(const char *path, char separator,
                                                       corvel_settings_result *result);
+
+/** Releases the settings. Their memory is overwritten first, since they can contain passwords. */
 CORVEL_PAGE_API void corvel_settings_free(corvel_settings *settings);
-/** Returns a setting without the file's quotes and escaping; null if it is missing. */
+
+/**
+ * Finds a setting.
+ *
+ * It is what get_prop() returns for the name after load_prop(), without the escaping that
+ * strip_escape() removes: the first line with the name counts, a value is truncated to 255
+ * characters before its quotes are removed, and a last line without a newline does not count.
+ *
+ * @param[in] settings the settings.
+ * @param[in] name     the name.
+ * @return the value, valid until the settings are changed or freed; null if there is no such
+ *         setting.
+ */
 CORVEL_PAGE_API const char *corvel_setting(const corvel_settings *settings, const char *name);
-/** Sets a setting in memory. @return null, or why the file cannot hold it, for the user. */
+
+/**
+ * Sets a setting in memory; corvel_settings_save() writes it.
+ *
+ * The value is escaped with add_escape() and written in double quotes, on every line with the name
+ * or, if there is none, on a new line at the end of the file. Everything else stays as it is, byte
+ * by byte: other lines, comments, their order, and what precedes the separator on a changed line. A
+ * last line without a newline gets one. A setting that has the value already is not touched.
+ *
+ * The file would not hold a value that
+ *  - contains a control character, such as a newline;
+ *  - has more than 253 bytes, where each `"`, `\`, `$` and `` ` `` counts as two;
+ *  - contains "setenv ", unless the line starts with it: load_prop() ignores all up to there.
+ *
+ * Nor can it be changed on a line with other words before the separator than the name and "setenv".
+ *
+ * @param[in,out] settings the settings.
+ * @param[in]     name     the name: ASCII letters, digits and `_-.:/@+[]`.
+ * @param[in]     value    the value. A null pointer, a missing field, is refused.
+ * @return null, or a message for the user: why the file cannot hold the value, or that memory is
+ *         exhausted. The settings are then as before.
+ */
 CORVEL_PAGE_API const char *corvel_setting_set(corvel_settings *settings, const char *name,
                                                const char *value);
-CORVEL_PAGE_API void corvel_setting_remove(corvel_settings *settings, const char *name);
-/** Returns the name and value at a position; false after the last one. */
+
+/**
+ * Removes every line of a setting in memory. A missing setting is no failure.
+ *
+ * @param[in,out] settings the settings.
+ * @param[in]     name     the name.
+ * @return null, or a message for the user as for corvel_setting_set(); the settings are then as
+ *         before.
+ */
+CORVEL_PAGE_API const char *corvel_setting_remove(corvel_settings *settings, const char *name);
+
+/**
+ * Returns the setting at a position. Settings have the order of their lines; of several lines with
+ * one name, each is a setting.
+ *
+ * @param[in]  settings the settings.
+ * @param[in]  position the position, from 0.
+ * @param[out] name     receives the name; may be null.
+ * @param[out] value    receives the value, as for corvel_setting(); may be null.
+ * @return false, with nothing stored, if there are at most @p position settings.
+ */
 CORVEL_PAGE_API bool corvel_setting_pair(const corvel_settings *settings, size_t position,
                                          const char **name, const char **value);
-/** Returns the version of the file's content as loaded, for a form's hidden field. */
+
+/**
+ * Returns the version of the file that was loaded or last saved, for a hidden field of the form:
+ * the SHA-256 of the file's content. It is as good as the content for somebody who guesses the rest
+ * of it, so it is for those who may change the settings.
+ *
+ * @return CORVEL_SETTINGS_VERSION_SIZE bytes; the empty string for a null pointer.
+ */
 CORVEL_PAGE_API const char *corvel_settings_version(const corvel_settings *settings);
-/** States the version that the form was made from; saving fails if the file has another. */
+
+/**
+ * States the version that the user's form was made from. The next save fails if the file has
+ * another one, so that it does not undo a change that the user has not seen.
+ *
+ * @param[in,out] settings the settings.
+ * @param[in]     version  the form's field. A null pointer, a missing field, is never the file's
+ *                         version.
+ */
 CORVEL_PAGE_API void corvel_settings_expect(corvel_settings *settings, const char *version);
-/** Saves the changed files of a list, all of them locked, in sorted order. */
+
+/**
+ * Saves the changed files of a list. The others are checked like these, but not written.
+ *
+ * The files are locked in the order of their paths. If each still has the content that it was
+ * loaded with, regardless of the program that may have changed it, and the version stated by
+ * corvel_settings_expect(), all new versions are written next to the files, with owner, group and
+ * mode of these (an access control list is not copied, and never grants more), and flushed to the
+ * device. Only then they are renamed over the files one after the other: a file is never missing,
+ * and whoever reads it gets the old version or the new one, never a part. If the program dies or
+ * power is lost in between, some files are new and some are old, each of them whole. Each file's
+ * kept version is replaced together with it.
+ *
+ * A writer that keeps the lock is waited for, five seconds for each file; one that has no access to
+ * the lock file, half a second.
+ *
+ * @param[in,out] files the settings. A null pointer among them fails the save. The same settings
+ *                      may occur twice, but not two settings of the same path.
+ * @param[in]     count their number.
+ * @return
+ *  - CORVEL_SETTINGS_SAVED: all files are on the device. Their versions are the new ones.
+ *  - CORVEL_SETTINGS_UNCHANGED: no setting differs from the files.
+ *  - CORVEL_SETTINGS_OUTDATED: a file has another version, or two settings have the same path.
+ *  - CORVEL_SETTINGS_BUSY: another writer was at work for too long.
+ *  - CORVEL_SETTINGS_UNREADABLE: a file is missing or cannot be read, or was not loaded.
+ *  - CORVEL_SETTINGS_UNWRITABLE, CORVEL_SETTINGS_NO_MEMORY.
+ *
+ * On failure no file is changed, unless a rename or the flushing of a directory fails: then, with
+ * CORVEL_SETTINGS_UNWRITABLE, some files may be new.
+ */
 CORVEL_PAGE_API corvel_settings_result corvel_settings_save(corvel_settings *const files[],
                                                             size_t count);
-/** Restores a file whose writer was interrupted. Call it for each file at the device's start. */
+
+/**
+ * Restores a file whose writer was interrupted. To be called for each file at the device's start,
+ * before the first program that uses it; the command `corvel-settings recover` does so.
+ *
+ * save_prop() and save_global_conf() write the new version as `FILE.cgi`, close it, remove the
+ * file, and rename the new version. Nothing is flushed. Therefore:
+ *  - A writer that was killed leaves the file, or a complete `FILE.cgi` without the file: it was
+ *    closed before the file was removed.
+ *  - A power loss can leave either with only its first bytes, or with zeros instead of some.
+ *
+ * The file is damaged if it is empty, contains a NUL byte, does not end with a newline, or has
+ * fewer lines than `FILE.kept` while each of them has the same name as the line at its place there:
+ * those writers neither remove nor reorder lines. A file that equals `FILE.kept` is whole. A
+ * missing or damaged file is replaced by `FILE.cgi` if that is not damaged, otherwise by
+ * `FILE.kept`. Then the file's content becomes `FILE.kept`.
+ *
+ * What cannot be known: if there is no kept version, as at the first start, a file of which only
+ * whole lines were lost counts as whole. A line appended by save_global_conf() since the file was
+ * kept can be lost unnoticed. And a program that removes the last lines of a file, or the file,
+ * without this library must remove `FILE.kept` first, or they come back.
+ *
+ * Writers are excluded as by corvel_settings_save(), so that it may be called at any time.
+ *
+ * @param[in] path      the file; at most 1,017 bytes.
+ * @param[in] separator as for corvel_settings_load().
+ * @return
+ *  - CORVEL_SETTINGS_UNCHANGED: the file is whole.
+ *  - CORVEL_SETTINGS_RESTORED: it is whole again.
+ *  - CORVEL_SETTINGS_DAMAGED: it is damaged, and there is no other version. It stays as it is.
+ *  - CORVEL_SETTINGS_UNREADABLE: it is missing and there is no other version, or it cannot be read,
+ *    is larger than CORVEL_SETTINGS_MAX or not a regular file.
+ *  - CORVEL_SETTINGS_BUSY: another writer was at work for too long. Nothing was changed.
+ *  - CORVEL_SETTINGS_UNWRITABLE: the file or its kept version could not be written.
+ *  - CORVEL_SETTINGS_NO_MEMORY: memory is exhausted.
+ */
 CORVEL_PAGE_API corvel_settings_result corvel_settings_recover(const char *path, char separator);
+
+/**
+ * Returns the HTTP status that belongs to a result, and a sentence for the user.
+ *
+ * @param[in]  result    a result of corvel_settings_load() or corvel_settings_save().
+ * @param[out] complaint receives the sentence, a string literal, empty for a success; may be null.
+ * @return CORVEL_HTTP_OK for a success, CORVEL_HTTP_CONFLICT for CORVEL_SETTINGS_OUTDATED,
+ *         CORVEL_HTTP_SERVICE_UNAVAILABLE for CORVEL_SETTINGS_BUSY and CORVEL_SETTINGS_NO_MEMORY,
+ *         and CORVEL_HTTP_INTERNAL_SERVER_ERROR for the other failures.
+ */
+CORVEL_PAGE_API int corvel_settings_status(corvel_settings_result result, const char **complaint);
 /** @} */
 
 /**

@@ -1,0 +1,455 @@
+// SPDX-License-Identifier: MIT
+#include <corvel.h>
+#include <corvel_page.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "config/companion_files.h"
+#include "config/property_table.h"
+#include "page/settings_file.h"
+#include "page/settings_recovery.h"
+#include "page/settings_text.h"
+#include "page/sha256.h"
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+/// The version of a content, as text.
+struct Version {
+    char text[CORVEL_SETTINGS_VERSION_SIZE] = "";
+
+    Version() = default;
+    explicit Version(std::string_view content) {
+        Sha256 hash;
+        hash.update(content);
+        hash.digest_text(text);
+    }
+    bool operator==(const Version &other) const { return std::strcmp(text, other.text) == 0; }
+};
+static_assert(CORVEL_SETTINGS_VERSION_SIZE == Sha256::text_size);
+
+/// A value longer than this, escaped, does not fit get_prop()'s buffer together with its quotes.
+constexpr std::size_t longest_escaped_value = CORVEL_GET_PROP_SIZE - 1 - 2;
+
+/// A value as it is written: escaped and in quotes.
+class RawValue {
+  public:
+    explicit RawValue(const char *value) {
+        if (std::strlen(value) > longest_escaped_value)
+            return;
+        text_[0] = '"';
+        add_escape(value, text_ + 1);
+        length_ = std::strlen(text_ + 1) + 2;
+        text_[length_ - 1] = '"';
+    }
+    ~RawValue() { wipe(text_, sizeof text_); }
+    RawValue(const RawValue &) = delete;
+    RawValue &operator=(const RawValue &) = delete;
+
+    [[nodiscard]] bool fits() const { return length_ != 0 && length_ <= longest_escaped_value + 2; }
+    [[nodiscard]] std::string_view view() const { return {text_, length_}; }
+
+  private:
+    char text_[1 + 2 * longest_escaped_value + 2];
+    std::size_t length_ = 0;
+};
+
+constexpr bool is_letter(char character) {
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
+}
+
+/// A name is one word without characters that a shell or the file's syntax treats specially.
+bool is_valid_name(std::string_view name) {
+    for (const char character : name)
+        if (!is_letter(character) && !is_digit(character) &&
+            std::string_view("_-.:/@+[]").find(character) == std::string_view::npos)
+            return false;
+    return !name.empty();
+}
+
+std::ptrdiff_t count_lines(std::string_view content) {
+    return std::count(content.begin(), content.end(), '\n');
+}
+
+bool is_control_character(char character) {
+    return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
+}
+
+} // namespace
+} // namespace corvel
+
+using namespace corvel;
+
+struct corvel_settings {
+    SettingsPaths paths;
+    char separator = '\0';
+    SettingsText::Pointer text;
+    Version loaded;
+    /// The version that the form was made from, if one was stated.
+    Version expected;
+    bool is_expecting = false;
+
+    // While the files of a list are saved:
+    corvel_settings *next = nullptr;
+    Version current;
+    std::optional<SettingsLock> lock;
+    std::optional<NewVersion> version;
+    std::optional<NewVersion> kept;
+    bool has_fewer_lines = false;
+};
+
+namespace corvel {
+namespace {
+
+struct SettingsRelease {
+    void operator()(corvel_settings *settings) const {
+        settings->~corvel_settings();
+        std::free(settings);
+    }
+};
+using SettingsPointer = std::unique_ptr<corvel_settings, SettingsRelease>;
+
+SettingsPointer new_settings() {
+    void *const block = std::malloc(sizeof(corvel_settings));
+    return SettingsPointer(block != nullptr ? new (block) corvel_settings : nullptr);
+}
+
+/// Opens the file. If it is missing, the writer that removed it is waited for, and if it has died,
+/// the file is restored.
+corvel_settings_result open_or_restore(const SettingsPaths &paths, char separator,
+                                       Descriptor &file) {
+    bool missing = false;
+    file = open_file(paths.file(), missing);
+    if (!missing)
+        return CORVEL_SETTINGS_UNCHANGED;
+    const SettingsRecovery recovery(paths, separator);
+    const corvel_settings_result result = recovery.restore();
+    file = open_regular(paths.file());
+    return result;
+}
+
+corvel_settings_result load(const char *path, char separator, SettingsPointer &loaded) {
+    SettingsPointer settings = new_settings();
+    if (!settings)
+        return CORVEL_SETTINGS_NO_MEMORY;
+    if (!settings->paths.build(path))
+        return CORVEL_SETTINGS_UNREADABLE;
+    settings->separator = separator_of(static_cast<signed char>(separator));
+    Descriptor file(-1);
+    const corvel_settings_result opened =
+        open_or_restore(settings->paths, settings->separator, file);
+    if (opened < 0)
+        return opened;
+    Bytes content;
+    const corvel_settings_result read = read_content(file, content);
+    if (read != CORVEL_SETTINGS_SAVED)
+        return read;
+    settings->text = SettingsText::parse(content.view(), settings->separator);
+    if (!settings->text)
+        return CORVEL_SETTINGS_NO_MEMORY;
+    settings->loaded = Version(content.view());
+    loaded = std::move(settings);
+    return opened;
+}
+
+/// Whether all settings of a name have a value.
+bool has_value(const SettingsText &text, std::string_view name, std::string_view value) {
+    bool found = false;
+    for (const SettingsText::Row &row : text.rows()) {
+        if (row.name != name)
+            continue;
+        if (row.value != value)
+            return false;
+        found = true;
+    }
+    return found;
+}
+
+/// Applies a change, unless the file would not be read as @p value afterwards.
+const char *apply(corvel_settings &settings, const SettingsChange &change, const char *value) {
+    Bytes content;
+    SettingsText::Pointer text;
+    if (change_content(settings.text->content(), change, content)) {
+        if (content.view().size() > CORVEL_SETTINGS_MAX)
+            return "The file is too large.";
+        text = SettingsText::parse(content.view(), change.separator);
+    }
+    if (!text)
+        return "There is not enough memory.";
+    const char *const found = text->find(change.name);
+    if (value == nullptr ? found != nullptr : found == nullptr || std::string_view(found) != value)
+        return "The settings file cannot store this.";
+    settings.text = std::move(text);
+    return nullptr;
+}
+
+/// The saving of the files of a list. Each step is taken for all files before the next one is taken
+/// for any.
+class Saving {
+  public:
+    Saving() = default;
+    Saving(const Saving &) = delete;
+    Saving &operator=(const Saving &) = delete;
+    /// Removes the new versions that did not take their places, and releases the locks.
+    ~Saving();
+
+    corvel_settings_result run(corvel_settings *const files[], std::size_t count);
+
+  private:
+    corvel_settings_result add(corvel_settings *settings);
+    template <typename Step> corvel_settings_result for_each(Step step);
+    static bool is_changed(const corvel_settings &settings) {
+        return !(settings.current == settings.loaded);
+    }
+    static corvel_settings_result lock(corvel_settings &settings);
+    static corvel_settings_result create(corvel_settings &settings);
+    static corvel_settings_result check(corvel_settings &settings);
+    static corvel_settings_result write(corvel_settings &settings);
+    static corvel_settings_result place(corvel_settings &settings);
+
+    /// In the order of the paths, so that two programs that save the same files do not wait for
+    /// each other.
+    corvel_settings *first_ = nullptr;
+};
+
+Saving::~Saving() {
+    while (first_ != nullptr) {
+        corvel_settings &settings = *std::exchange(first_, first_->next);
+        settings.next = nullptr;
+        settings.version.reset();
+        settings.kept.reset();
+        settings.lock.reset();
+    }
+}
+
+corvel_settings_result Saving::add(corvel_settings *settings) {
+    if (settings == nullptr)
+        return CORVEL_SETTINGS_UNREADABLE;
+    corvel_settings **place = &first_;
+    while (*place != nullptr && std::strcmp((*place)->paths.file(), settings->paths.file()) < 0)
+        place = &(*place)->next;
+    if (*place == settings)
+        return CORVEL_SETTINGS_SAVED;
+    // Two handles of one file: one would save what the other was not loaded from.
+    if (*place != nullptr && std::strcmp((*place)->paths.file(), settings->paths.file()) == 0)
+        return CORVEL_SETTINGS_OUTDATED;
+    settings->next = std::exchange(*place, settings);
+    settings->current = Version(settings->text->content());
+    return CORVEL_SETTINGS_SAVED;
+}
+
+/// Stops at the first failure.
+template <typename Step> corvel_settings_result Saving::for_each(Step step) {
+    for (corvel_settings *settings = first_; settings != nullptr; settings = settings->next) {
+        const corvel_settings_result result = step(*settings);
+        if (result < 0)
+            return result;
+    }
+    return CORVEL_SETTINGS_SAVED;
+}
+
+corvel_settings_result Saving::lock(corvel_settings &settings) {
+    settings.lock.emplace(settings.paths.names());
+    return settings.lock->busy() ? CORVEL_SETTINGS_BUSY : CORVEL_SETTINGS_SAVED;
+}
+
+corvel_settings_result Saving::create(corvel_settings &settings) {
+    if (!is_changed(settings))
+        return CORVEL_SETTINGS_SAVED;
+    settings.version.emplace(settings.paths.names(), settings.lock->held());
+    if (settings.version->created() != CORVEL_SETTINGS_SAVED)
+        return settings.version->created();
+    settings.kept.emplace(settings.paths.kept_names(), settings.lock->held());
+    return settings.kept->created();
+}
+
+/// Checks that the file is the one that was loaded. While its copy is locked, nobody replaces it,
+/// not even a writer without the lock file.
+corvel_settings_result Saving::check(corvel_settings &settings) {
+    Bytes content;
+    const corvel_settings_result read = read_content(open_regular(settings.paths.file()), content);
+    if (read != CORVEL_SETTINGS_SAVED)
+        return read;
+    const Version version(content.view());
+    if (!(version == settings.loaded))
+        return CORVEL_SETTINGS_OUTDATED;
+    if (settings.is_expecting && !(version == settings.expected))
+        return CORVEL_SETTINGS_OUTDATED;
+    settings.has_fewer_lines = count_lines(settings.text->content()) < count_lines(content.view());
+    return CORVEL_SETTINGS_SAVED;
+}
+
+corvel_settings_result Saving::write(corvel_settings &settings) {
+    if (!is_changed(settings))
+        return CORVEL_SETTINGS_SAVED;
+    const Descriptor file = open_regular(settings.paths.file());
+    const std::string_view content = settings.text->content();
+    return file && settings.version->write(content, file.get()) &&
+                   settings.kept->write(content, file.get())
+               ? CORVEL_SETTINGS_SAVED
+               : CORVEL_SETTINGS_UNWRITABLE;
+}
+
+/// If the writer dies between the two renames, the file has as many lines as the kept version or
+/// more, so that the recovery never takes it for a truncated one.
+corvel_settings_result Saving::place(corvel_settings &settings) {
+    if (!is_changed(settings))
+        return CORVEL_SETTINGS_SAVED;
+    const SettingsPaths &paths = settings.paths;
+    if (settings.has_fewer_lines && !settings.kept->take_place(paths.kept(), paths))
+        return CORVEL_SETTINGS_UNWRITABLE;
+    if (!settings.version->take_place(paths.file(), paths))
+        return CORVEL_SETTINGS_UNWRITABLE;
+    settings.loaded = settings.current;
+    settings.is_expecting = false;
+    if (!settings.has_fewer_lines && !settings.kept->take_place(paths.kept(), paths))
+        return CORVEL_SETTINGS_UNWRITABLE;
+    return CORVEL_SETTINGS_SAVED;
+}
+
+corvel_settings_result Saving::run(corvel_settings *const files[], std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const corvel_settings_result added = add(files[i]);
+        if (added < 0)
+            return added;
+    }
+    bool changed = false;
+    for (const corvel_settings *settings = first_; settings != nullptr; settings = settings->next)
+        changed = changed || is_changed(*settings);
+    for (const auto step : {lock, create, check, write, place}) {
+        const corvel_settings_result result = for_each(step);
+        if (result < 0)
+            return result;
+    }
+    return changed ? CORVEL_SETTINGS_SAVED : CORVEL_SETTINGS_UNCHANGED;
+}
+
+const char *complaint_about(corvel_settings_result result) {
+    switch (result) {
+    case CORVEL_SETTINGS_OUTDATED:
+        return "The settings were changed in the meantime. Load the page again.";
+    case CORVEL_SETTINGS_BUSY:
+        return "The settings are being saved by another program. Try again.";
+    case CORVEL_SETTINGS_UNREADABLE:
+        return "The settings cannot be read.";
+    case CORVEL_SETTINGS_UNWRITABLE:
+        return "The settings cannot be written.";
+    case CORVEL_SETTINGS_NO_MEMORY:
+        return "There is not enough memory.";
+    case CORVEL_SETTINGS_DAMAGED:
+        return "The settings are damaged.";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+} // namespace corvel
+
+extern "C" {
+
+corvel_settings *corvel_settings_load(const char *path, char separator,
+                                      corvel_settings_result *result) {
+    SettingsPointer settings;
+    const corvel_settings_result loaded = load(path, separator, settings);
+    if (result != nullptr)
+        *result = loaded;
+    return settings.release();
+}
+
+void corvel_settings_free(corvel_settings *settings) { SettingsPointer(settings).reset(); }
+
+const char *corvel_setting(const corvel_settings *settings, const char *name) {
+    return settings != nullptr && name != nullptr ? settings->text->find(name) : nullptr;
+}
+
+const char *corvel_setting_set(corvel_settings *settings, const char *name, const char *value) {
+    if (settings == nullptr)
+        return "The settings cannot be read.";
+    if (!is_valid_name(text_of(name)))
+        return "This name cannot be stored.";
+    if (value == nullptr)
+        return "This is missing.";
+    const std::string_view text = value;
+    if (std::any_of(text.begin(), text.end(), is_control_character))
+        return "This contains a character that cannot be stored.";
+    const RawValue raw_value(value);
+    if (!raw_value.fits())
+        return "This is too long.";
+    if (has_value(*settings->text, name, value))
+        return nullptr;
+    return apply(*settings, {name, raw_value.view(), settings->separator}, value);
+}
+
+const char *corvel_setting_remove(corvel_settings *settings, const char *name) {
+    if (settings == nullptr)
+        return "The settings cannot be read.";
+    if (corvel_setting(settings, name) == nullptr)
+        return nullptr;
+    return apply(*settings, {name, {}, settings->separator}, nullptr);
+}
+
+bool corvel_setting_pair(const corvel_settings *settings, size_t position, const char **name,
+                         const char **value) {
+    if (settings == nullptr || position >= settings->text->rows().size())
+        return false;
+    const SettingsText::Row &row = settings->text->rows()[position];
+    if (name != nullptr)
+        *name = row.name;
+    if (value != nullptr)
+        *value = row.value;
+    return true;
+}
+
+const char *corvel_settings_version(const corvel_settings *settings) {
+    return settings != nullptr ? settings->loaded.text : "";
+}
+
+void corvel_settings_expect(corvel_settings *settings, const char *version) {
+    if (settings == nullptr)
+        return;
+    settings->is_expecting = true;
+    // One that is too long is no version; truncated, it must not become one.
+    const std::string_view text = text_of(version);
+    store(settings->expected.text, text.size() < sizeof settings->expected.text ? text : "");
+}
+
+corvel_settings_result corvel_settings_save(corvel_settings *const files[], size_t count) {
+    return Saving().run(files, files != nullptr ? count : 0);
+}
+
+corvel_settings_result corvel_settings_recover(const char *path, char separator) {
+    SettingsPaths paths;
+    if (!paths.build(path))
+        return CORVEL_SETTINGS_UNREADABLE;
+    const SettingsRecovery recovery(paths, separator_of(static_cast<signed char>(separator)));
+    const corvel_settings_result restored = recovery.restore();
+    if (restored < 0)
+        return restored;
+    const corvel_settings_result kept = recovery.keep();
+    return kept < 0 ? kept : restored;
+}
+
+int corvel_settings_status(corvel_settings_result result, const char **complaint) {
+    if (complaint != nullptr)
+        *complaint = complaint_about(result);
+    switch (result) {
+    case CORVEL_SETTINGS_OUTDATED:
+        return CORVEL_HTTP_CONFLICT;
+    case CORVEL_SETTINGS_BUSY:
+    case CORVEL_SETTINGS_NO_MEMORY:
+        return CORVEL_HTTP_SERVICE_UNAVAILABLE;
+    default:
+        return result < 0 ? CORVEL_HTTP_INTERNAL_SERVER_ERROR : CORVEL_HTTP_OK;
+    }
+}
+
+} // extern "C"
