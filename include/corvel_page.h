@@ -1575,10 +1575,332 @@ CORVEL_PAGE_API corvel_login_verdict corvel_login(const corvel_request *request,
 
 /**
  * @defgroup page_upgrade Upgrades
- * @brief Firmware upgrades that leave a system that runs. Source: page/upgrade.cpp.
+ * @brief Firmware upgrades after which one of the two sets always boots. Sources: page/upgrade.cpp,
+ * page/upgrade_image.cpp, page/flash.cpp.
+ *
+ * The flash has two sets of a root file system and a kernel: set A on the block devices
+ * "/dev/mtdblock2" and "/dev/mtdblock3", set B on "/dev/mtdblock4" and "/dev/mtdblock5". The boot
+ * environment on "/dev/mtdblock1" names the set that boots. An upgrade writes the set that does not
+ * run, in this order, and waits for the device after each step:
+ *
+ *  1. If the environment names no set, it is made to name the running one.
+ *  2. The first 4 KiB of both partitions are erased, which marks the set as incomplete.
+ *  3. Both partitions are written but for their first 64 KiB (an erase block); then these, the
+ *     kernel's last.
+ *  4. The partitions are read and compared with the image, and the image is checked again.
+ *  5. The environment is written once: with the set that boots, and with the SHA-256 of the content
+ *     of both sets in the variables "firmware_a" and "firmware_b".
+ *
+ * The running set is never written. If the device loses power or the process is killed before step
+ * 5, the running set boots; if that happens during step 5, either set boots and both are complete:
+ * the boot loader starts set A if the CRC of the environment is wrong. A set whose content is not
+ * the one recorded in the environment is incomplete, also after a restart, and
+ * corvel_boot_select() does not select it.
+ *
+ * @code
+ * corvel_upgrade_report report;
+ * const corvel_upgrade_result result = corvel_upgrade_check(NULL, "/tmp/image.bin", &report);
+ * if (result != CORVEL_UPGRADE_DONE)
+ *     printf("%s %s\n", report.failed, corvel_upgrade_complaint(result));
+ * else if (corvel_upgrade_start(NULL, "/tmp/image.bin", NULL, NULL) == CORVEL_UPGRADE_DONE)
+ *     puts("The set is being written.");
+ * @endcode
+ *
+ * @note These functions use the environment of libcorvel: they replace the content of
+ *       `env_image_mem` and make it the current image. Only one thread of a process may call them.
+ *       They print nothing. The functions of libcorvel that write the flash do not know the lock of
+ *       these functions: do not use both on one device.
  * @{
  */
-/* Declared by the module's own section. */
+
+/** The two sets of a root file system and a kernel; the values are those of `bootparam`. */
+typedef enum corvel_firmware {
+    CORVEL_FIRMWARE_UNKNOWN = -1, /**< No set is named. */
+    CORVEL_FIRMWARE_A = 0,        /**< Block devices 2 and 3. */
+    CORVEL_FIRMWARE_B = 1         /**< Block devices 4 and 5. */
+} corvel_firmware;
+
+/** Where a device keeps what an upgrade needs. A null member has the default stated here. */
+typedef struct corvel_upgrade_rules {
+    const char *command_line; /**< The kernel's command line. Default: "/proc/cmdline". */
+    /**
+     * File of the progress, and the lock of everything that writes the flash; created with mode
+     * 0600. It must be in a directory that only root can write to and that is empty after a
+     * restart. Default: "/run/upgrade".
+     */
+    const char *record;
+} corvel_upgrade_rules;
+
+/** Which set runs and which one boots. */
+typedef struct corvel_boot {
+    /**
+     * The running set, a value of ::corvel_firmware: the one whose root file system is the
+     * kernel's `root=` ("31:2", "/dev/mtdblock2" or "1f02" for set A, with 4 for set B). If the
+     * command line names no set: the one that ran when the record file was last written; if there
+     * is no record, @p next.
+     */
+    int running;
+    /** The set that the environment names; unknown if its CRC is wrong or it names none. */
+    int next;
+    /**
+     * True if the environment can be changed: it is a list of `name=value`. The CRC may be wrong,
+     * except that of an empty list; an upgrade that starts then makes all its variables effective
+     * again.
+     */
+    bool can_change;
+} corvel_boot;
+
+/** What is known of the content of a set. */
+typedef enum corvel_firmware_state {
+    CORVEL_FIRMWARE_COMPLETE = 0,   /**< The content is what the last upgrade recorded. */
+    CORVEL_FIRMWARE_INCOMPLETE = 1, /**< Half written, damaged, erased, or written by others. */
+    CORVEL_FIRMWARE_UNRECORDED = 2  /**< Nothing is recorded, as on a new device. */
+} corvel_firmware_state;
+
+/** Bytes of a version, with the NUL. */
+#define CORVEL_FIRMWARE_VERSION_SIZE 64
+
+/** The results of checking and writing an upgrade; see corvel_upgrade_complaint(). */
+typedef enum corvel_upgrade_result {
+    CORVEL_UPGRADE_DONE = 0, /**< The image is accepted, the set is written, or is selected. */
+
+    /* The device is not ready. */
+    CORVEL_UPGRADE_NO_RUNNING_SET = -1,   /**< Nothing names the running set. */
+    CORVEL_UPGRADE_NO_ENVIRONMENT = -2,   /**< The boot environment cannot be read or changed. */
+    CORVEL_UPGRADE_ENVIRONMENT_FULL = -3, /**< It has less than 165 bytes of room. */
+    CORVEL_UPGRADE_RESTART_FIRST = -4,    /**< The set that boots next is not the running one. */
+    CORVEL_UPGRADE_BUSY = -5,             /**< Another process writes the flash. */
+    CORVEL_UPGRADE_NO_RECORD = -6,        /**< The record file cannot be created or written. */
+    CORVEL_UPGRADE_NO_PROCESS = -7,       /**< The process that writes could not be started. */
+
+    /* The image is refused. */
+    CORVEL_UPGRADE_NO_IMAGE = -8,         /**< No file, empty, above 16 MiB, or no known section. */
+    CORVEL_UPGRADE_TRUNCATED = -9,        /**< A section extends past the end of the file. */
+    CORVEL_UPGRADE_SECTION_DAMAGED = -10, /**< The sum or the padding of a section is wrong. */
+    CORVEL_UPGRADE_TOO_LARGE = -11,       /**< A section is larger than its partition. */
+    CORVEL_UPGRADE_EMPTY = -12,           /**< A section is empty or starts with erased flash. */
+    CORVEL_UPGRADE_TWICE = -13,           /**< Two sections are for one partition. */
+    CORVEL_UPGRADE_RUNNING_SET = -14,     /**< A section is for the running set. */
+    CORVEL_UPGRADE_OTHER_PARTITION = -15, /**< A section is for a partition of no set. */
+    CORVEL_UPGRADE_NO_VERSION = -16,      /**< The image does not end with a version section. */
+    CORVEL_UPGRADE_BAD_CRC = -17,         /**< The CRC at the end of the image is wrong. */
+    CORVEL_UPGRADE_HALF_A_SET = -18,      /**< The root file system or the kernel is missing. */
+
+    /* Writing failed, or the set cannot be selected. */
+    CORVEL_UPGRADE_UNREADABLE = -19,    /**< A partition cannot be read. */
+    CORVEL_UPGRADE_UNWRITABLE = -20,    /**< A partition cannot be written. */
+    CORVEL_UPGRADE_UNVERIFIED = -21,    /**< A partition does not contain what was written. */
+    CORVEL_UPGRADE_CANCELLED = -22,     /**< The progress function or another request ended it. */
+    CORVEL_UPGRADE_NOT_SWITCHED = -23,  /**< The boot environment could not be written. */
+    CORVEL_UPGRADE_SET_INCOMPLETE = -24 /**< The set to select is not ::CORVEL_FIRMWARE_COMPLETE. */
+} corvel_upgrade_result;
+
+/** A section of an image that is written to the flash. */
+typedef struct corvel_upgrade_section {
+    const char *name;    /**< Its name in the image, such as "Rootfs". */
+    const char *target;  /**< The name of its partition, such as "Rootfs-1". */
+    unsigned int device; /**< The number of its block device: 4 for "/dev/mtdblock4". */
+    uint32_t size;       /**< Bytes that are written. */
+} corvel_upgrade_section;
+
+/** What corvel_upgrade_check() has found, up to the first fault. */
+typedef struct corvel_upgrade_report {
+    int set;            /**< The set that the image would be written to, or unknown. */
+    size_t count;       /**< Sections found, 0 to 2. */
+    const char *failed; /**< The name of the section that is refused; empty if none is. */
+    corvel_upgrade_section sections[2];         /**< The root file system first. */
+    char version[CORVEL_FIRMWARE_VERSION_SIZE]; /**< UTF-8 text without controls; may be empty. */
+} corvel_upgrade_report;
+
+/** The states of an upgrade. */
+typedef enum corvel_upgrade_state {
+    CORVEL_UPGRADE_IDLE = 0,       /**< No upgrade since the start of the device. */
+    CORVEL_UPGRADE_WRITING = 1,    /**< The set is being written. */
+    CORVEL_UPGRADE_WRITTEN = 2,    /**< The set is complete and boots next. */
+    CORVEL_UPGRADE_FAILED = 3,     /**< The upgrade ended early. */
+    CORVEL_UPGRADE_INTERRUPTED = 4 /**< The process that wrote the set was killed. */
+} corvel_upgrade_state;
+
+/** The progress of an upgrade. */
+typedef struct corvel_upgrade_status {
+    corvel_upgrade_state state;   /**< What is happening. */
+    corvel_upgrade_result result; /**< Why it failed, in the state CORVEL_UPGRADE_FAILED. */
+    int set;                      /**< The set that is written, a value of ::corvel_firmware. */
+    const char *section; /**< The name of the partition that is written; empty before the first. */
+    uint32_t written;    /**< Bytes that are on the device. */
+    uint32_t total;      /**< Bytes to write. */
+} corvel_upgrade_status;
+
+/**
+ * A function that an upgrade calls after each 64 KiB, before it writes the boot environment, and
+ * once at its end with a state other than CORVEL_UPGRADE_WRITING.
+ *
+ * @param[in,out] context what was passed with the function.
+ * @param[in]     status  the progress; valid during the call.
+ * @return false to cancel the upgrade. Ignored at the end.
+ */
+typedef bool corvel_upgrade_progress(void *context, const corvel_upgrade_status *status);
+
+/**
+ * Determines which set runs and which one boots. Nothing is written.
+ *
+ * Between an upgrade and the restart these are different sets.
+ *
+ * @param[in]  rules the device; null for all defaults.
+ * @param[out] boot  the sets.
+ */
+CORVEL_PAGE_API void corvel_boot_read(const corvel_upgrade_rules *rules, corvel_boot *boot);
+
+/**
+ * Selects the set that boots next.
+ *
+ * The running set can always be selected, which takes an upgrade back before the restart. The other
+ * set must be complete: its content is read and compared with the hash in the environment, which
+ * takes some seconds on a small device. If the environment names the set already, nothing is
+ * written.
+ *
+ * @param[in] rules the device; null for all defaults.
+ * @param[in] set   a value of ::corvel_firmware.
+ * @return a value of ::corvel_upgrade_result.
+ * @retval CORVEL_UPGRADE_DONE             the set boots next.
+ * @retval CORVEL_UPGRADE_NO_RUNNING_SET   nothing names the running set.
+ * @retval CORVEL_UPGRADE_NO_ENVIRONMENT   the environment cannot be read or changed.
+ * @retval CORVEL_UPGRADE_ENVIRONMENT_FULL the environment has no room.
+ * @retval CORVEL_UPGRADE_BUSY             an upgrade is in progress.
+ * @retval CORVEL_UPGRADE_NO_RECORD        the record file cannot be created or written.
+ * @retval CORVEL_UPGRADE_SET_INCOMPLETE   the set is not known to be complete, or is no set.
+ * @retval CORVEL_UPGRADE_NOT_SWITCHED     the environment could not be written.
+ */
+CORVEL_PAGE_API corvel_upgrade_result corvel_boot_select(const corvel_upgrade_rules *rules,
+                                                         int set);
+
+/**
+ * Determines whether a set is complete: its content is read and compared with the hash in the
+ * environment, unless the set is marked as incomplete.
+ *
+ * The running set can be ::CORVEL_FIRMWARE_UNRECORDED: the first upgrade records it.
+ *
+ * @param[in] set a value of ::corvel_firmware.
+ * @return what is known of the set.
+ * @retval CORVEL_FIRMWARE_COMPLETE   it contains what was recorded.
+ * @retval CORVEL_FIRMWARE_INCOMPLETE it is marked as incomplete, contains something else, or cannot
+ *                                    be read.
+ * @retval CORVEL_FIRMWARE_UNRECORDED nothing is recorded, the CRC of the environment is wrong, or
+ *                                    @p set is no set.
+ */
+CORVEL_PAGE_API corvel_firmware_state corvel_firmware_check(int set);
+
+/**
+ * Reads the version of a set: the first line of its root file system, if that is UTF-8 text of at
+ * most 63 bytes without control characters.
+ *
+ * @param[in]  set     a value of ::corvel_firmware.
+ * @param[out] version the version; empty if there is none.
+ * @return @p version.
+ */
+CORVEL_PAGE_API char *corvel_firmware_version(int set, char version[CORVEL_FIRMWARE_VERSION_SIZE]);
+
+/**
+ * Checks whether an upgrade with an image is safe. Nothing is written.
+ *
+ * An image is accepted if it consists of a root file system and a kernel for the set that does not
+ * run, of sections with unknown signatures, which are skipped, and of a version section at its end
+ * with the right CRC. Each section must fit its partition and have the right sum; a section that
+ * states that its sum is not to be verified is protected by the CRC alone. The CRC detects damage;
+ * it does not show who made the image.
+ *
+ * The image is mapped into memory, not copied.
+ *
+ * @param[in]  rules  the device; null for all defaults.
+ * @param[in]  path   the image, a regular file; a symbolic link is not followed.
+ * @param[out] report what was found, even if the image is refused; may be null.
+ * @return a value of ::corvel_upgrade_result.
+ * @retval CORVEL_UPGRADE_DONE       the image can be written.
+ * @retval CORVEL_UPGRADE_UNREADABLE a partition of the other set cannot be opened.
+ * @retval others                    the device is not ready, or the image is refused.
+ */
+CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_check(const corvel_upgrade_rules *rules,
+                                                           const char *path,
+                                                           corvel_upgrade_report *report);
+
+/**
+ * Checks an image and writes it to the set that does not run, which then boots next. Returns when
+ * that is done.
+ *
+ * What happens is recorded for corvel_upgrade_read(), and one line is written to the system log. If
+ * a check fails, neither flash nor record change. If writing fails, the running set still boots;
+ * the upgrade can be repeated. After CORVEL_UPGRADE_NOT_SWITCHED, corvel_boot_read() shows which
+ * set boots.
+ *
+ * @warning Do not write to the file of the image before the function returns: the process is killed
+ *          if the file becomes shorter. It may be removed or replaced by another file of its name.
+ *
+ * @param[in]     rules    the device; null for all defaults.
+ * @param[in]     path     the image, a regular file; a symbolic link is not followed.
+ * @param[in]     progress called after each 64 KiB and at the end; may be null.
+ * @param[in,out] context  passed to @p progress.
+ * @return a value of ::corvel_upgrade_result.
+ * @retval CORVEL_UPGRADE_DONE      the set is written and verified, and boots next.
+ * @retval CORVEL_UPGRADE_CANCELLED the upgrade was cancelled.
+ * @retval others                   the device is not ready, the image is refused, or writing
+ * failed.
+ * @see corvel_upgrade_check(), corvel_upgrade_start()
+ */
+CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_write(const corvel_upgrade_rules *rules,
+                                                           const char *path,
+                                                           corvel_upgrade_progress *progress,
+                                                           void *context);
+
+/**
+ * As corvel_upgrade_write(), in a process of its own that continues after the request. Returns when
+ * the image has been checked and the process has been started.
+ *
+ * The process is a child with a session of its own and with its standard streams on "/dev/null". It
+ * keeps other open files of the caller, and locks on them, until it ends.
+ *
+ * @param[in]     rules    the device; null for all defaults.
+ * @param[in]     path     the image, a regular file; a symbolic link is not followed.
+ * @param[in]     progress called in the child after each 64 KiB and at the end, when it may remove
+ *                         the image; may be null.
+ * @param[in,out] context  passed to @p progress.
+ * @return a value of ::corvel_upgrade_result.
+ * @retval CORVEL_UPGRADE_DONE       the set is being written; see corvel_upgrade_read().
+ * @retval CORVEL_UPGRADE_NO_PROCESS the process could not be started.
+ * @retval others                    the device is not ready, or the image is refused.
+ */
+CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_start(const corvel_upgrade_rules *rules,
+                                                           const char *path,
+                                                           corvel_upgrade_progress *progress,
+                                                           void *context);
+
+/**
+ * Reads the progress of the upgrade that is in progress, or of the last one since the start of the
+ * device. Any process may do that at any time.
+ *
+ * @param[in]  rules  the device; null for all defaults.
+ * @param[out] status the progress; CORVEL_UPGRADE_IDLE and zeros if there is no record.
+ */
+CORVEL_PAGE_API void corvel_upgrade_read(const corvel_upgrade_rules *rules,
+                                         corvel_upgrade_status *status);
+
+/**
+ * Requests the end of the upgrade in progress, which notices that after the next 64 KiB. It is then
+ * CORVEL_UPGRADE_FAILED with CORVEL_UPGRADE_CANCELLED. An upgrade that has begun to write the boot
+ * environment is completed.
+ *
+ * @param[in] rules the device; null for all defaults.
+ * @return false if no upgrade is in progress.
+ */
+CORVEL_PAGE_API bool corvel_upgrade_cancel(const corvel_upgrade_rules *rules);
+
+/**
+ * Returns a result as a sentence for the user.
+ *
+ * @param[in] result a value of ::corvel_upgrade_result.
+ * @return a string literal; empty for CORVEL_UPGRADE_DONE. If it begins with "This section", it is
+ *         about the section that corvel_upgrade_report::failed names.
+ */
+CORVEL_PAGE_API const char *corvel_upgrade_complaint(corvel_upgrade_result result);
 /** @} */
 
 /**
