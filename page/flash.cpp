@@ -54,7 +54,7 @@ class PartitionReader {
   private:
     Descriptor device_;
     std::size_t left_;
-    unsigned char piece_[piece_size];
+    unsigned char piece_[piece_size] = {};
 };
 
 bool is_marked_incomplete(unsigned partition) {

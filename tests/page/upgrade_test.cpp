@@ -99,9 +99,8 @@ Section root_section(const std::string &signature = "root") { return {signature,
 Section kernel_section(const std::string &signature = "kern") { return {signature, new_kernel()}; }
 std::string new_image() { return upgrade_image({root_section(), kernel_section()}); }
 
-std::string in_partition(std::string data, std::size_t size) {
-    data.resize(size, '\xFF');
-    return data;
+std::string in_partition(const std::string &data, std::size_t size) {
+    return data + std::string(size - data.size(), '\xFF');
 }
 
 std::string command_line(int set) {
@@ -142,7 +141,7 @@ std::optional<std::string> variable(const std::string &environment, const std::s
         environment.substr(0, 4) != stored(reference_crc(environment.substr(4))))
         return std::nullopt;
     for (std::size_t at = 4; environment[at] != '\0';) {
-        const std::string entry(environment.c_str() + at);
+        const std::string entry = &environment[at];
         if (entry.starts_with(name + "="))
             return entry.substr(name.size() + 1);
         at += entry.size() + 1;
@@ -630,6 +629,7 @@ TEST(corvel_upgrade_write, WritesTheOtherSetWhichThenBoots) {
     for (const Device &device : {Device{}, running_b()}) {
         on(device, [&device] {
             const Contents before = flash();
+            const RecordSyslog no_socket;
             const DescriptorWatch watch;
             EXPECT_EQ(capture_stdout([] { EXPECT_EQ(upgrade(), CORVEL_UPGRADE_DONE); }), "");
             const Contents after = flash();
@@ -981,9 +981,8 @@ TEST(corvel_upgrade_write, MayBeKilledAtEachSystemCall) {
 bool upgrade_torn(unsigned long n, std::size_t (*arrives)(std::size_t)) {
     const pid_t child = fork();
     if (child == 0) {
-        unsigned long writes = 0;
-        instead_of_pwrite = [&writes, n, arrives](int file, const void *bytes, std::size_t size,
-                                                  off_t offset) {
+        instead_of_pwrite = [writes = 0UL, n, arrives](int file, const void *bytes,
+                                                       std::size_t size, off_t offset) mutable {
             static auto *const next =
                 next_definition<ssize_t(int, const void *, std::size_t, off_t)>("pwrite");
             if (size < 100 || ++writes != n)
@@ -1042,6 +1041,7 @@ TEST(corvel_upgrade_write, MayFailAtEachFileOperation) {
                     // Most operations are reads of one piece after another.
                     for (unsigned long n = 1;; n += n < 20 ? 1 : 5) {
                         install(device);
+                        const RecordSyslog no_socket;
                         const DescriptorWatch watch;
                         corvel_upgrade_result result = CORVEL_UPGRADE_DONE;
                         unsigned long failures = 0;
@@ -1237,6 +1237,7 @@ TEST(corvel_upgrade_start, ReportsIfNoProcessCanBeStarted) {
         }
         EXPECT_EQ(status().state, CORVEL_UPGRADE_IDLE);
         fork_fails = true;
+        const RecordSyslog no_socket;
         const DescriptorWatch watch;
         EXPECT_EQ(corvel_upgrade_start(&rules, image_path, nullptr, nullptr),
                   CORVEL_UPGRADE_NO_PROCESS);
