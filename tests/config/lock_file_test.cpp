@@ -432,7 +432,9 @@ TEST(save_global_conf, KeepsALockFileOfAnotherWriterIfPausedAtAnySystemCall) {
             const pid_t process = fork();
             if (process == 0) {
                 const HeldLock held(lock);
-                directory.write("holder", std::to_string(getpid()));
+                // Renamed, so that nobody reads it before it is complete.
+                directory.write("holder~", std::to_string(getpid()));
+                fs::rename(directory.path("holder~"), directory.path("holder"));
                 pause();
             }
             while (!directory.exists("holder"))
