@@ -15,8 +15,8 @@
 
 namespace corvel {
 
-inline constexpr std::string_view copy_suffix = ".cgi";
-inline constexpr std::string_view lock_suffix = ".lck";
+constexpr std::string_view copy_suffix = ".cgi";
+constexpr std::string_view lock_suffix = ".lck";
 
 /// Builds the path of a file's companion: the path with a suffix. False if the path is empty or the
 /// result does not fit the buffer.

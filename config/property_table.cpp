@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "config/property_line.h"
 #include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/line_input.h"

@@ -154,7 +154,7 @@ bool Replacement::finish(int original) {
     return finished_;
 }
 
-void Replacement::take_place() {
+void Replacement::take_place() const {
     if (!is_at_its_name())
         return; // another writer has replaced it
     const bool removed = unlink(names_.file) == 0;

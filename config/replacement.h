@@ -47,7 +47,7 @@ class Replacement {
     bool finish(int original);
 
     /// Removes the file and gives its name to the finished copy.
-    void take_place();
+    void take_place() const;
 
     /// Whether the copy has not been replaced by another writer.
     [[nodiscard]] bool is_at_its_name() const { return is_at(status_, names_.copy); }

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include "config/companion_files.h"
-#include "config/property_table.h"
 #include "support/pause.h"
 #include "support/text.h"
 
@@ -33,7 +32,7 @@ bool is_same_setting(std::string_view one, std::string_view other, char separato
         return true;
     Setting of_one;
     Setting of_other;
-    return parse_line(one, separator, of_one) && parse_line(other, separator, of_other) &&
+    return split_line(one, separator, of_one) && split_line(other, separator, of_other) &&
            take_word(of_one.name_area) == take_word(of_other.name_area);
 }
 

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/property_table.h"
 #include "support/line_input.h"
 #include "support/text.h"
 
@@ -94,7 +93,7 @@ void put_changed(Sink &sink, std::string_view content, const SettingsChange &cha
     while (pieces.next(piece)) {
         const std::string_view line = piece.text();
         Setting setting;
-        if (!parse_line(line, change.separator, setting) ||
+        if (!split_line(line, change.separator, setting) ||
             !is_line_of(change.name, line, setting)) {
             sink.put(piece.bytes);
             continue;
@@ -125,6 +124,10 @@ char *put_value(char *place, std::string_view raw_value) {
 
 } // namespace
 
+bool split_line(std::string_view line, char separator, Setting &setting) {
+    return parse_line(line, separator, setting);
+}
+
 SettingsText::Pointer SettingsText::parse(std::string_view content, char separator) {
     std::size_t count = 0;
     Pieces::Piece piece;
@@ -147,7 +150,7 @@ SettingsText::Pointer SettingsText::parse(std::string_view content, char separat
     std::size_t used = 0;
     for (Pieces pieces(content); pieces.next(piece);) {
         Setting setting;
-        if (piece.unterminated || !parse_line(piece.text(), separator, setting))
+        if (piece.unterminated || !split_line(piece.text(), separator, setting))
             continue;
         rows[used].name = end;
         const std::string_view name = take_word(setting.name_area);

@@ -8,6 +8,7 @@
 #include <span>
 #include <string_view>
 
+#include "config/property_line.h"
 #include "support/handles.h"
 
 namespace corvel {
@@ -60,6 +61,9 @@ class SettingsText {
     std::string_view content_;
     std::span<Row> rows_;
 };
+
+/// Splits a line as load_prop() does. False if it is a comment or has no separator.
+bool split_line(std::string_view line, char separator, Setting &setting);
 
 /// A change of the lines of one setting.
 struct SettingsChange {

@@ -10,13 +10,6 @@
 namespace corvel {
 namespace {
 
-unsigned char sum_of(FlashBytes bytes) {
-    unsigned sum = 0;
-    for (const unsigned char byte : bytes)
-        sum += byte;
-    return static_cast<unsigned char>(sum);
-}
-
 /// The printable characters at the start of the version section.
 std::string_view printable_start(FlashBytes bytes) {
     const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
@@ -61,7 +54,7 @@ corvel_upgrade_result take_half(const SectionHeader &header, const sign_tbl_entr
 /// Checks the version section, which ends the image with its CRC.
 corvel_upgrade_result take_version(FlashBytes bytes, const SectionHeader &header,
                                    FlashBytes payload, UpgradeImage &image) {
-    if (payload.size() < crc_size || header.mtd_id != no_partition ||
+    if (payload.size() < crc_size || is_checked(header.mtd_id) ||
         payload.data() + payload.size() != bytes.data() + bytes.size())
         return CORVEL_UPGRADE_NO_VERSION;
     image.version = printable_start(payload.first(payload.size() - crc_size));
@@ -84,7 +77,7 @@ corvel_upgrade_result inspect_image(FlashBytes bytes, int set, const PartitionSi
     while (rest.size() > header_size) {
         const SectionHeader header = read_header(rest.first<header_size>());
         rest = rest.subspan(header_size);
-        const std::uint32_t row = get_tbl_id(header.signature);
+        const std::uint32_t row = get_tbl_id(static_cast<const unsigned char *>(header.signature));
         is_recognised = is_recognised || row != CORVEL_NO_PARTITION;
         if (header.len > rest.size())
             return is_recognised ? CORVEL_UPGRADE_TRUNCATED : CORVEL_UPGRADE_NO_IMAGE;
@@ -95,7 +88,7 @@ corvel_upgrade_result inspect_image(FlashBytes bytes, int set, const PartitionSi
         if (is_version(sign_tbl[row]))
             return take_version(bytes, header, payload, image);
         image.failed = sign_tbl[row].name; // unless it passes
-        if (header.mtd_id != no_partition && sum_of(payload) != 0)
+        if (is_checked(header.mtd_id) && sum_of(payload) != 0)
             return CORVEL_UPGRADE_SECTION_DAMAGED;
         const corvel_upgrade_result result =
             take_half(header, sign_tbl[row], payload, sizes, image);

@@ -627,7 +627,7 @@ TEST_F(corvel_settings_save, LeavesAWholeFileWhereverItIsKilled) {
                 EXPECT_EQ(directory_.names(), all_names) << n;
             });
         EXPECT_TRUE(was_new);
-        EXPECT_GE(points, 50U);
+        EXPECT_GE(points, 40U); // fewer where only the library's own calls count
     }
 }
 

@@ -4,7 +4,7 @@
 #include "tests/config/writers.h"
 #include "tests/support/child_process.h"
 #include "tests/support/descriptors.h"
-#include "tests/support/guarded_buffer.h"
+#include "tests/support/guarded_memory.h"
 #include "tests/support/stand_in.h"
 #include "tests/support/temporary_directory.h"
 
@@ -338,8 +338,8 @@ TEST_F(corvel_setting_set, AcceptsTheLongestValues) {
 TEST_F(corvel_setting_set, ReadsNothingAfterItsStrings) {
     write("A=1\n");
     const Settings settings(path());
-    GuardedBuffer name("A");
-    GuardedBuffer value(std::string(253, 'v'));
+    GuardedString name("A");
+    GuardedString value(std::string(253, 'v'));
     EXPECT_EQ(::corvel_setting_set(settings.get(), name.text(), value.text()), nullptr);
     EXPECT_STREQ(::corvel_setting(settings.get(), name.text()), value.text());
 }
