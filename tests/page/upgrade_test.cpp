@@ -162,6 +162,7 @@ struct Device {
     std::string line = command_line(A);
     std::string other_set = "erased";
     std::string image = new_image();
+    bool is_recorded = false; /**< An earlier upgrade has written the other set. */
 };
 
 Device running_b() {
@@ -917,13 +918,31 @@ std::vector<Device> interrupted_devices() {
     a.other_set = b.other_set = "old";
     Device damaged_a = a;
     Device damaged_b = b;
+    a.is_recorded = b.is_recorded = true;
     damaged_a.environment =
         EnvironmentImage::of_data(EnvironmentImage({"bootparam=0"}).data(), 1).bytes();
     damaged_b.environment =
         EnvironmentImage::of_data(EnvironmentImage({"bootparam=1"}).data(), 1).bytes();
-    Device nothing_b = b;
+    Device nothing_b = damaged_b;
     nothing_b.environment = EnvironmentImage({"bootdelay=1"}).bytes();
     return {a, b, damaged_a, damaged_b, nothing_b};
+}
+
+/** Runs a piece of a test on such a device, with the records of the earlier upgrade. */
+void on_interrupted(const Device &given, const std::function<void(const Device &)> &body) {
+    on(given, [&] {
+        Device device = given;
+        if (given.is_recorded) {
+            write_file(image_path, upgrade_image({{"root", content("root old", 130'000)},
+                                                  {"kern", content("kernel old", 68'000)}}));
+            ASSERT_EQ(upgrade(), CORVEL_UPGRADE_DONE);
+            ASSERT_EQ(corvel_boot_select(&rules, given.running), CORVEL_UPGRADE_DONE);
+            device.environment = read_file(environment_device);
+            install(device);
+            ASSERT_EQ(corvel_firmware_check(other(given.running)), CORVEL_FIRMWARE_COMPLETE);
+        }
+        body(device);
+    });
 }
 
 /**
@@ -957,18 +976,16 @@ void expect_repeatable(const Device &device, const std::string &where) {
 
 TEST(corvel_upgrade_write, MayBeKilledAtEachSystemCall) {
     const QuickFlush quick;
-    for (const Device &device : interrupted_devices()) {
-        on(device, [&device] {
-            Device small = device;
-            small.image = new_image();
+    for (const Device &given : interrupted_devices()) {
+        on_interrupted(given, [&](const Device &device) {
             const unsigned long points =
-                for_each_kill_point([&] { install(small); }, [] { upgrade(); },
+                for_each_kill_point([&] { install(device); }, [] { upgrade(); },
                                     [&](unsigned long n) {
                                         const std::string where = "call " + std::to_string(n);
-                                        expect_whole(small, where);
+                                        expect_whole(device, where);
                                         EXPECT_NE(status().state, CORVEL_UPGRADE_FAILED) << where;
                                         if (n % 8 == 0)
-                                            expect_repeatable(small, where);
+                                            expect_repeatable(device, where);
                                     });
             EXPECT_GT(points, 80U);
         });
@@ -1009,8 +1026,8 @@ TEST(corvel_upgrade_write, MayLosePowerWithinEachWrite) {
         [](std::size_t size) { return size / 2; },  [](std::size_t size) { return size - 1; },
         [](std::size_t size) { return size; },
     };
-    for (const Device &device : interrupted_devices()) {
-        on(device, [&] {
+    for (const Device &given : interrupted_devices()) {
+        on_interrupted(given, [&](const Device &device) {
             for (const auto &part : parts) {
                 unsigned long n = 1;
                 for (;; ++n) {
@@ -1034,8 +1051,8 @@ TEST(corvel_upgrade_write, MayLosePowerWithinEachWrite) {
 
 TEST(corvel_upgrade_write, MayFailAtEachFileOperation) {
     const QuickFlush quick;
-    for (const Device &device : interrupted_devices()) {
-        on(device, [&device] {
+    for (const Device &given : interrupted_devices()) {
+        on_interrupted(given, [&](const Device &device) {
             for (const stand_in_call call : {call_open, call_read, call_lseek, call_fstat}) {
                 for (const FailCall::Duration duration : {FailCall::once, FailCall::from_then_on}) {
                     // Most operations are reads of one piece after another.
@@ -1070,8 +1087,8 @@ TEST(corvel_upgrade_write, MayFailAtEachFileOperation) {
 
 TEST(corvel_upgrade_write, MayFailOrStopShortAtEachWriteAndFlush) {
     const QuickFlush quick;
-    for (const Device &device : interrupted_devices()) {
-        on(device, [&device] {
+    for (const Device &given : interrupted_devices()) {
+        on_interrupted(given, [&](const Device &device) {
             static auto *const next =
                 next_definition<ssize_t(int, const void *, std::size_t, off_t)>("pwrite");
             // A short write is continued, an interrupted one repeated; others fail.
