@@ -893,7 +893,7 @@ TEST(corvel_upgrade_write, LogsTheResult) {
         ASSERT_EQ(upgrade(), CORVEL_UPGRADE_DONE);
         ASSERT_EQ(RecordSyslog::messages().size(), 1U);
         EXPECT_EQ(RecordSyslog::messages()[0].text, "firmware upgrade of set B: written");
-        EXPECT_EQ(RecordSyslog::messages()[0].priority, 24 | CORVEL_LOG_NOTICE);
+        EXPECT_EQ(RecordSyslog::messages()[0].priority, CORVEL_LOG_NOTICE);
     });
 }
 

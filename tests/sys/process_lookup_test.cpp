@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <sys/mount.h>
@@ -564,7 +565,17 @@ TEST(is_runing, SkipsTheCallerAtAnyPosition) {
 
 // --- All three lookups ---
 
-class AnyLookup : public testing::TestWithParam<void (*)(const char *)> {};
+/** A function that looks a process up by its name, for calls that do not return. */
+struct Lookup {
+    const char *name;
+    void (*call)(const char *name);
+
+    friend std::ostream &operator<<(std::ostream &out, const Lookup &lookup) {
+        return out << lookup.name;
+    }
+};
+
+class AnyLookup : public testing::TestWithParam<Lookup> {};
 
 TEST_P(AnyLookup, DiesIfProcCannotBeOpened) {
     in_private_root([] {
@@ -572,7 +583,7 @@ TEST_P(AnyLookup, DiesIfProcCannotBeOpened) {
             EXPECT_EQ(chroot("/mnt"), 0);
             // A sanitizer would search for /proc at the exit.
             std::atexit([] { _exit(55); });
-            GetParam()("server");
+            GetParam().call("server");
         });
         EXPECT_EQ(without_proc.err, "unknown app: Cannot open /proc\n");
         EXPECT_EQ(without_proc.out, "");
@@ -581,7 +592,7 @@ TEST_P(AnyLookup, DiesIfProcCannotBeOpened) {
             const ChildResult refused = run_in_child([status] {
                 opendir_error = EMFILE;
                 bb_default_error_retval = status;
-                GetParam()("server");
+                GetParam().call("server");
             });
             EXPECT_EQ(refused.err, "unknown app: Cannot open /proc\n");
             EXPECT_EQ(refused.exit_status, status);
@@ -589,13 +600,24 @@ TEST_P(AnyLookup, DiesIfProcCannotBeOpened) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(find_pid_by_name, AnyLookup, testing::Values([](const char *name) {
-                             std::free(find_pid_by_name(name));
-                         }));
+INSTANTIATE_TEST_SUITE_P(find_pid_by_name, AnyLookup,
+                         testing::Values(Lookup{"Pids",
+                                                [](const char *name) {
+                                                    std::free(find_pid_by_name(name));
+                                                }}),
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(app_isrun, AnyLookup,
-                         testing::Values([](const char *name) { app_isrun(name); }));
+                         testing::Values(Lookup{"Running",
+                                                [](const char *name) {
+                                                    app_isrun(name);
+                                                }}),
+                         testing::PrintToStringParamName());
 INSTANTIATE_TEST_SUITE_P(is_runing, AnyLookup,
-                         testing::Values([](const char *name) { is_runing(name); }));
+                         testing::Values(Lookup{"Running",
+                                                [](const char *name) {
+                                                    is_runing(name);
+                                                }}),
+                         testing::PrintToStringParamName());
 
 // --- getPid ---
 
