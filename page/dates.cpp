@@ -2,6 +2,7 @@
 #include <corvel_page.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -178,11 +179,12 @@ bool corvel_parse_http_date(const char *text, time_t *time) {
 char *corvel_duration_text(long long seconds, char text[CORVEL_TIME_TEXT_SIZE]) {
     if (seconds < 0)
         seconds = 0;
-    const long long days = seconds / seconds_per_day;
-    const int clock = static_cast<int>(seconds % seconds_per_day);
+    // The operators would link 4 KiB of the compiler's own division on a 32-bit processor.
+    const lldiv_t days = lldiv(seconds, seconds_per_day);
+    const int clock = static_cast<int>(days.rem);
     int used = 0;
-    if (days > 0)
-        used = std::snprintf(text, CORVEL_TIME_TEXT_SIZE, "%lld d ", days);
+    if (days.quot > 0)
+        used = std::snprintf(text, CORVEL_TIME_TEXT_SIZE, "%lld d ", days.quot);
     std::snprintf(text + used, CORVEL_TIME_TEXT_SIZE - static_cast<std::size_t>(used),
                   "%02d:%02d:%02d", clock / 3600, clock / 60 % 60, clock % 60);
     return text;
