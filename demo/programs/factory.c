@@ -1,12 +1,14 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Initialises a device whose flash is erased: writes set A and a boot environment. If the partition
- * of the boot environment is not erased, nothing is written.
+ * Initialises a device without a boot environment: writes set A and a boot environment. A partition
+ * that is not erased is left unchanged; if that of the boot environment is not erased, so are all
+ * others.
  */
 #include "firmware.h"
 
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 static int is_erased(const unsigned char *bytes, size_t size) {
     for (size_t i = 0; i < size; i++)
@@ -15,7 +17,25 @@ static int is_erased(const unsigned char *bytes, size_t size) {
     return 1;
 }
 
-static int write_text(const char *device, const char *text) {
+static int is_partition_erased(unsigned int number) {
+    unsigned char bytes[4096];
+    ssize_t length;
+    int erased = 1;
+    const int device = open_partition(number);
+    if (device < 0)
+        return 0;
+    while (erased && (length = read(device, bytes, sizeof bytes)) != 0)
+        erased = length > 0 && is_erased(bytes, (size_t)length);
+    close(device);
+    return erased;
+}
+
+/* Writes the first contents of a partition, if it is erased. */
+static int fill(unsigned int number, const char *text) {
+    char device[32];
+    if (!is_partition_erased(number))
+        return 1;
+    snprintf(device, sizeof device, "/dev/mtdblock%u", number);
     return flash_write(device, text, 0, (unsigned int)strlen(text));
 }
 
@@ -34,9 +54,9 @@ int main(void) {
         return EXIT_FAILURE;
     if (!is_erased(env_image_mem, sizeof env_image_mem))
         return EXIT_SUCCESS;
-    return write_text("/dev/mtdblock0", "Corvel R1 boot loader\n") &&
-                   write_text("/dev/mtdblock2", "Corvel R1 1.0.0\n") &&
-                   write_text("/dev/mtdblock3", "Corvel R1 kernel 1.0.0\n") && write_environment()
+    return fill(0, "Corvel R1 boot loader\n") &&
+                   fill(set_partition(set_a, 0), "Corvel R1 1.0.0\n") &&
+                   fill(set_partition(set_a, 1), "Corvel R1 kernel 1.0.0\n") && write_environment()
                ? EXIT_SUCCESS
                : EXIT_FAILURE;
 }

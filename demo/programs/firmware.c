@@ -167,9 +167,24 @@ int make_boot(int set) {
     return read_next_set() == set;
 }
 
+/* Returns the offset of the version in a root file system: it is the first line or, if the root
+ * file system is a squashfs, the line that follows it. The size of a squashfs is at offset 40 of
+ * its header, in little-endian order; the partition has less than 4 GiB. */
+static off_t version_offset(int device) {
+    enum { size_at = 40, size_bytes = 4 };
+    unsigned char header[size_at + size_bytes];
+    off_t offset = 0;
+    if (pread(device, header, sizeof header, 0) != (ssize_t)sizeof header ||
+        memcmp(header, "hsqs", 4) != 0)
+        return 0;
+    for (size_t i = sizeof header; i-- > size_at;)
+        offset = offset << 8 | header[i];
+    return offset;
+}
+
 void read_version(int set, char version[version_size]) {
     const int device = open_partition(set_partition(set, 0));
-    const ssize_t length = read(device, version, version_size - 1);
+    const ssize_t length = pread(device, version, version_size - 1, version_offset(device));
     close(device);
     version[length > 0 ? length : 0] = '\0';
     char *end = strchr(version, '\n');

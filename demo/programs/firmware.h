@@ -53,7 +53,8 @@ boot_state read_boot_state(void);
 /** Stores the set that boots next, and reads it again. @return true if the set will boot. */
 int make_boot(int set);
 
-/** Reads a set's version, the first line of its root file system; empty if there is none. */
+/** Reads a set's version, the first line of its root file system, or the line that follows it if
+ * the root file system is a squashfs; empty if there is none. */
 void read_version(int set, char version[version_size]);
 
 /** Opens the partition "/dev/mtdblock" with this number for reading. */
