@@ -1,0 +1,194 @@
+# SPDX-License-Identifier: MIT
+"""The emulated board: its images, its boot loader, which is a program of the host, and the machine."""
+import contextlib
+import hashlib
+import http.client
+import os
+import socket
+import struct
+import subprocess
+import time
+import zlib
+
+from flash import BY_NAME, ENVIRONMENT, ROOT, SETS
+
+SYSTEM = ROOT / "build/board-system"
+KERNELS = SYSTEM / "kernels"
+CACHE = os.path.realpath(os.environ.get("CORVEL_BOARD_CACHE") or SYSTEM / "cache")
+
+# Address of the board in the network of its first card; the host is the gateway.
+ADDRESS = "203.0.113.2"
+
+# --- The contents of the partitions ---------------------------------------------------------------
+
+# The kernel does not fit into its partition. A stub is there instead: a line with the kernel's hash,
+# and as much of the compressed kernel as a kernel that fits would have. The boot loader compares the
+# stub and takes the kernel itself from the host.
+STUB_SIZE = 1000 * 1000
+# A squashfs starts with a magic number. Its size is at an offset, in little-endian order.
+SQUASHFS_MAGIC = b"hsqs"
+SQUASHFS_SIZE_AT = 40
+
+
+def make_kernel_stub():
+    """Returns the stub of the kernel that has been built, which the boot loader then knows."""
+    kernel = open(f"{CACHE}/kernel/vmlinux", "rb").read()
+    name = hashlib.sha256(kernel).hexdigest()
+    stub = f"Corvel board kernel {name}\n".encode()
+    stub += open(f"{CACHE}/kernel/vmlinuz", "rb").read()[:STUB_SIZE - len(stub)]
+    directory = KERNELS / name
+    if not (directory / "stub").exists():
+        directory.mkdir(parents=True, exist_ok=True)
+        (directory / "vmlinux").write_bytes(kernel)
+        (directory / "stub").write_bytes(stub)
+    return stub
+
+
+def make_root(version):
+    """Returns the root file system, followed by a line with its version and a line with its CRC."""
+    image = (SYSTEM / "root.squashfs").read_bytes()
+    (size,) = struct.unpack_from("<Q", image, SQUASHFS_SIZE_AT)
+    image = image[:size] + version.encode() + b"\n"
+    return image + f"crc32 {zlib.crc32(image):08x}\n".encode()
+
+
+# --- The boot loader ------------------------------------------------------------------------------
+
+
+def environment(image):
+    """Returns the variables of an environment image; None if its CRC is wrong."""
+    (stored,) = struct.unpack(">I", image[:4])
+    if stored != zlib.crc32(image[4:]):
+        return None
+    listed, _, _ = image[4:].partition(b"\0\0")
+    return dict(entry.partition(b"=")[::2] for entry in listed.split(b"\0"))
+
+
+def preferred_set(flash):
+    """Returns the set that the environment selects. Without a valid environment, that is set A."""
+    variables = environment(flash.read(ENVIRONMENT)) or {}
+    try:
+        return int(variables.get(b"bootparam", b"0")) % 2
+    except ValueError:
+        return 0
+
+
+def find_kernel(content):
+    """Returns the kernel whose stub is in the partition; None if there is none."""
+    for stub in KERNELS.glob("*/stub"):
+        if content.startswith(stub.read_bytes()):
+            return stub.parent / "vmlinux"
+    return None
+
+
+def is_root_intact(content):
+    if not content.startswith(SQUASHFS_MAGIC):
+        return False
+    (size,) = struct.unpack_from("<Q", content, SQUASHFS_SIZE_AT)
+    end = content.find(b"\n", size) + 1
+    crc = f"crc32 {zlib.crc32(content[:end]):08x}\n".encode()
+    return 0 < size < end and content.startswith(crc, end)
+
+
+class NothingBootsError(Exception):
+    pass
+
+
+def select_set(flash):
+    """Returns the number of the set to start, and its kernel: the one that the environment selects,
+    or the other one if that one is damaged."""
+    first = preferred_set(flash)
+    for number in (first, 1 - first):
+        root, kernel = (flash.read(name) for name in SETS[number])
+        found = find_kernel(kernel)
+        if found and is_root_intact(root):
+            return number, found
+    raise NothingBootsError("neither set has an intact kernel and root file system")
+
+
+# --- The machine ----------------------------------------------------------------------------------
+
+
+SERIAL_TO_TERMINAL = ("-chardev", "stdio,id=console,mux=on,signal=off", "-serial", "chardev:console",
+                      "-mon", "chardev=console")
+
+
+def serial_to_file(path):
+    return "-serial", f"file:{path}"
+
+
+class Machine:
+    """A machine that runs the set that the boot loader selects. Its process ends when the system
+    restarts or switches the machine off."""
+
+    def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, extra=()):
+        """`options` are added to the kernel's command line. The system can mount the directory `share`
+        of the host, and write to it."""
+        self.set, kernel = select_set(flash)
+        root = BY_NAME[SETS[self.set][0]].number
+        network = "user,id=wan,net=203.0.113.0/24,host=203.0.113.1,restrict=on"
+        if port is not None:
+            network += f",hostfwd=tcp:127.0.0.1:{port}-{ADDRESS}:80"
+        self._control, theirs = socket.socketpair()
+        line = ["qemu-system-mips", "-machine", "malta", "-cpu", "24Kf", "-m", str(memory),
+                "-nodefaults", "-display", "none", "-no-reboot", "-kernel", kernel,
+                "-append", f"root=31:{root} {options}".strip(),
+                "-drive", f"if=pflash,format=raw,file={flash.nor}",
+                "-drive", f"if=none,id=flash,format=raw,file={flash.disk}",
+                "-device", "virtio-blk-pci,drive=flash",
+                "-netdev", network, "-device", "virtio-net-pci,netdev=wan,romfile=",
+                "-device", "virtio-rng-pci",
+                "-chardev", f"socket,id=control,fd={theirs.fileno()}",
+                "-mon", "chardev=control,mode=control", *console, *extra]
+        if share is not None:
+            line += ["-virtfs", f"local,path={share},mount_tag=host,security_model=none"]
+        terminal = None if console is SERIAL_TO_TERMINAL else subprocess.DEVNULL
+        self._process = subprocess.Popen([str(word) for word in line], stdin=terminal,
+                                         pass_fds=[theirs.fileno()])
+        theirs.close()
+        self._control.sendall(b'{"execute": "qmp_capabilities"}')
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+    def kill(self):
+        """Cuts the power."""
+        self._process.kill()
+        self._process.wait()
+        self._control.close()
+
+    def is_running(self):
+        return self._process.poll() is None
+
+    def wait(self, seconds=None):
+        """Waits for the end. Returns whether the system restarted: False if it was switched off."""
+        self._process.wait(seconds)
+        events = b""
+        while chunk := self._control.recv(65536):
+            events += chunk
+        return b'"guest-reset"' in events
+
+    def wait_for_site(self, port, seconds=120):
+        """Waits for the login page. Returns the seconds that it took."""
+        start = time.monotonic()
+        while self.is_running():
+            with contextlib.suppress(OSError, http.client.HTTPException):
+                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
+                connection.request("GET", "/cgi-bin/login")
+                if connection.getresponse().status == 200:
+                    return time.monotonic() - start
+            if time.monotonic() > start + seconds:
+                raise TimeoutError("the site does not respond")
+            time.sleep(0.1)
+        raise RuntimeError("the machine has ended")
+
+
+def fill_factory_set(flash, version):
+    """Writes set A of a new board."""
+    flash.erase()
+    root, kernel = SETS[0]
+    flash.write(root, make_root(version))
+    flash.write(kernel, make_kernel_stub())

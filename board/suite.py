@@ -1,0 +1,109 @@
+# SPDX-License-Identifier: MIT
+"""Runs the tests inside the machine, and compares them by name with the run in single emulated
+processes."""
+import fnmatch
+import json
+import re
+import subprocess
+import time
+import xml.etree.ElementTree as ElementTree
+
+import machine
+from flash import Flash, ROOT
+
+RESULTS = machine.SYSTEM / "results"
+STATE = machine.SYSTEM / "test-state"
+LEFT_OUT = ROOT / "board/left-out"
+SINGLE = ROOT / "build/mips"
+MINUTES = 60
+
+
+def left_out():
+    """Returns the tests that one of the runs leaves out, by the run: patterns of the tests' program
+    and filter, each with the reason."""
+    patterns = {"board": {}, "single": {}}
+    for line in LEFT_OUT.read_text().splitlines():
+        if line.strip() and not line.startswith("#"):
+            run, test, reason = re.fullmatch(r"(board|single)  (\S+ \S+)  (.+)", line).groups()
+            patterns[run][test] = reason
+    return patterns
+
+
+def matching(tests, patterns):
+    return {test for test in tests if any(fnmatch.fnmatchcase(test, each) for each in patterns)}
+
+
+def single_process_tests():
+    """Returns the tests that passed in single emulated processes: program and filter."""
+    listed = json.loads(subprocess.run(["ctest", "--preset", "mips", "--show-only=json-v1"], cwd=ROOT,
+                                       check=True, stdout=subprocess.PIPE).stdout)["tests"]
+    status = {case.get("name"): case.get("status")
+              for case in ElementTree.parse(SINGLE / "junit.xml").getroot().iter("testcase")}
+    tests = set()
+    for test in listed:
+        words = [word for word in test["command"] if word.startswith("--gtest_filter=")]
+        program = next(word for word in test["command"] if word.endswith("_test"))
+        if words and status.get(test["name"]) == "run":
+            tests.add(f"{program.rpartition('/')[2]} {words[0].partition('=')[2]}")
+    return tests
+
+
+def read(name):
+    """Returns the tests in a file of results, with their time in seconds."""
+    path = RESULTS / name
+    lines = path.read_text().splitlines() if path.exists() else []
+    return {test: int(time) / 100 for test, _, time in (line.rpartition(" ") for line in lines)}
+
+
+def run_inside(programs):
+    """Runs the tests in a new machine. Returns whether it came to the end."""
+    flash = Flash(STATE)
+    machine.fill_factory_set(flash, "test")
+    subprocess.run(["rm", "-rf", RESULTS], check=True)
+    RESULTS.mkdir(parents=True)
+    options = f"quiet host_script=board/suite project={ROOT} programs={programs}"
+    with machine.Machine(flash, machine.serial_to_file(machine.SYSTEM / "suite.log"), memory=512,
+                         options=options, share=ROOT) as board:
+        board.wait(MINUTES * 60)
+    return (RESULTS / "complete").exists()
+
+
+def run(programs):
+    start = time.monotonic()
+    complete = run_inside(programs)
+    passed, failed = read("passed"), read("failed")
+    if failed:
+        print((RESULTS / "output").read_text(errors="replace"))
+    print(f"inside the machine: {len(passed)} passed, {len(failed)} failed, "
+          f"{time.monotonic() - start:.0f} s")
+    faults = len(failed) + (not complete)
+    if not complete:
+        print("FAILED: the machine ended before the last test; its console is in suite.log")
+    faults += compare(set(passed) | set(failed), programs)
+    print(f"{len(passed)} passed, {faults} failed")
+    return 0 if passed and not faults else 1
+
+
+def compare(inside, programs):
+    """Compares the tests by name with the other run, and both with the list of tests that are left
+    out. Returns the number of differences that the list does not explain."""
+    if not (SINGLE / "junit.xml").exists():
+        print("no run in single processes to compare with; ./dev target makes it")
+        return 1
+    single = {test for test in single_process_tests()
+              if fnmatch.fnmatchcase(test.partition(" ")[0], programs)}
+    patterns = left_out()
+    only_single, only_inside = single - inside, inside - single
+    explained = matching(only_single, patterns["board"]) | matching(only_inside, patterns["single"])
+    unexplained = (only_single | only_inside) - explained
+    for test in sorted(unexplained):
+        print("FAILED: only", "in single processes:" if test in single else "inside the machine:", test)
+    wrong = {each for each in patterns["board"] if matching(inside, [each])}
+    if programs == "*":
+        wrong |= {each for each in patterns["board"] if not matching(single, [each])}
+        wrong |= {each for each in patterns["single"] if not matching(inside, [each])}
+    for each in sorted(wrong):
+        print("FAILED: the list of tests left out is wrong:", each)
+    print(f"in single processes: {len(single)}; in both: {len(single & inside)}; only in single "
+          f"processes: {len(only_single)}; only inside the machine: {len(only_inside)}")
+    return len(unexplained) + len(wrong)
