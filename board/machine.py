@@ -3,6 +3,7 @@
 import contextlib
 import hashlib
 import http.client
+import json
 import os
 import socket
 import struct
@@ -121,32 +122,40 @@ class Machine:
     """A machine that runs the set that the boot loader selects. Its process ends when the system
     restarts or switches the machine off."""
 
-    def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, extra=()):
+    def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, drives=None,
+                 snapshot=None):
         """`options` are added to the kernel's command line. The system can mount the directory `share`
-        of the host, and write to it."""
+        of the host, and write to it. `drives` serve the flash instead of its files. A machine that
+        continues a snapshot is stopped at first."""
         self.set, kernel = select_set(flash)
         root = BY_NAME[SETS[self.set][0]].number
         network = "user,id=wan,net=203.0.113.0/24,host=203.0.113.1,restrict=on"
         if port is not None:
             network += f",hostfwd=tcp:127.0.0.1:{port}-{ADDRESS}:80"
+        drives = drives or {"nor": flash.nor, "disk": flash.disk}
+        self._restarted, self._input = False, b""
         self._control, theirs = socket.socketpair()
         line = ["qemu-system-mips", "-machine", "malta", "-cpu", "24Kf", "-m", str(memory),
                 "-nodefaults", "-display", "none", "-no-reboot", "-kernel", kernel,
                 "-append", f"root=31:{root} {options}".strip(),
-                "-drive", f"if=pflash,format=raw,file={flash.nor}",
-                "-drive", f"if=none,id=flash,format=raw,file={flash.disk}",
+                "-drive", f"if=pflash,format=raw,file={drives['nor']}",
+                "-drive", f"if=none,id=flash,format=raw,file={drives['disk']}",
                 "-device", "virtio-blk-pci,drive=flash",
                 "-netdev", network, "-device", "virtio-net-pci,netdev=wan,romfile=",
                 "-device", "virtio-rng-pci",
                 "-chardev", f"socket,id=control,fd={theirs.fileno()}",
-                "-mon", "chardev=control,mode=control", *console, *extra]
+                "-mon", "chardev=control,mode=control", *console]
+        if snapshot is not None:
+            line += ["-incoming", f"exec:cat {snapshot}", "-S"]
         if share is not None:
             line += ["-virtfs", f"local,path={share},mount_tag=host,security_model=none"]
         terminal = None if console is SERIAL_TO_TERMINAL else subprocess.DEVNULL
         self._process = subprocess.Popen([str(word) for word in line], stdin=terminal,
                                          pass_fds=[theirs.fileno()])
         theirs.close()
-        self._control.sendall(b'{"execute": "qmp_capabilities"}')
+        self._control.settimeout(60)
+        self._message()
+        self.command("qmp_capabilities")
 
     def __enter__(self):
         return self
@@ -163,13 +172,53 @@ class Machine:
     def is_running(self):
         return self._process.poll() is None
 
+    def _message(self):
+        """Returns QEMU's next message; None at the end."""
+        while b"\n" not in self._input:
+            chunk = self._control.recv(65536)
+            if not chunk:
+                return None
+            self._input += chunk
+        line, _, self._input = self._input.partition(b"\n")
+        message = json.loads(line)
+        if message.get("data", {}).get("reason") == "guest-reset":
+            self._restarted = True
+        return message
+
+    def command(self, name, **arguments):
+        """Gives QEMU a command, and returns its result."""
+        self._control.sendall(json.dumps({"execute": name, "arguments": arguments}).encode())
+        while message := self._message():
+            if "return" in message:
+                return message["return"]
+            if "error" in message:
+                raise RuntimeError(f"{name}: {message['error']['desc']}")
+        raise RuntimeError(f"{name}: QEMU has ended")
+
+    def save(self, path):
+        """Stops the machine, and saves everything but its flash."""
+        self.command("stop")
+        self.command("migrate", uri=f"exec:cat >{path}")
+        self._wait_for_status("query-migrate", "completed")
+
+    def resume(self):
+        """Starts a machine that continues a snapshot."""
+        self._wait_for_status("query-status", "paused")
+        self.command("cont")
+
+    def _wait_for_status(self, query, status, seconds=60):
+        end = time.monotonic() + seconds
+        while (found := self.command(query)["status"]) != status:
+            if time.monotonic() > end or found == "failed":
+                raise RuntimeError(f"{query}: {found} instead of {status}")
+            time.sleep(0.05)
+
     def wait(self, seconds=None):
         """Waits for the end. Returns whether the system restarted: False if it was switched off."""
         self._process.wait(seconds)
-        events = b""
-        while chunk := self._control.recv(65536):
-            events += chunk
-        return b'"guest-reset"' in events
+        while self._message():
+            pass
+        return self._restarted
 
     def wait_for_site(self, port, seconds=120):
         """Waits for the login page. Returns the seconds that it took."""
