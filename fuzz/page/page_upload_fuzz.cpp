@@ -105,8 +105,10 @@ void try_parts(Input &input) {
     for (const auto &[content, is_file] : parts) {
         if ((ending + content).find(ending + "--b") != std::string::npos || content.size() > 16384)
             return;
-        body += "--b" + ending + "Content-Disposition: form-data; name=x" +
-                (is_file ? "; filename=y" : "") + ending + ending + content + ending;
+        for (const std::string &piece :
+             {std::string("--b"), ending, std::string("Content-Disposition: form-data; name=x"),
+              std::string(is_file ? "; filename=y" : ""), ending, ending, content, ending})
+            body += piece;
         (is_file ? files : fields).push_back(content);
     }
     Received received;
