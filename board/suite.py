@@ -38,7 +38,7 @@ def single_process_tests():
     listed = json.loads(subprocess.run(["ctest", "--preset", "mips", "--show-only=json-v1"], cwd=ROOT,
                                        check=True, stdout=subprocess.PIPE).stdout)["tests"]
     status = {case.get("name"): case.get("status")
-              for case in ElementTree.parse(SINGLE / "junit.xml").getroot().iter("testcase")}
+              for case in ElementTree.parse(SINGLE / "results" / "ctest.xml").getroot().iter("testcase")}
     tests = set()
     for test in listed:
         words = [word for word in test["command"] if word.startswith("--gtest_filter=")]
@@ -92,7 +92,7 @@ def run(programs):
 def compare(inside, programs):
     """Compares the tests by name with the other run, and both with the list of tests that are left
     out. Returns the number of differences that the list does not explain."""
-    if not (SINGLE / "junit.xml").exists():
+    if not (SINGLE / "results" / "ctest.xml").exists():
         print("no run in single processes to compare with; ./dev target makes it")
         return 1
     single = {test for test in single_process_tests()

@@ -51,6 +51,11 @@ bool is_valid(const Date &date) {
            date.minute <= 59 && date.second <= 60;
 }
 
+/// One of the names in a string of names of three letters, and all that follow it.
+const char *name_at(const char *names, int index) {
+    return names + 3 * static_cast<std::size_t>(index);
+}
+
 /// Reads a string from its start to its end; each function is false where something else follows.
 class DateReader {
   public:
@@ -158,7 +163,7 @@ char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_SIZE]) {
     // Only values that fit are printed; the compiler cannot know that.
     char formatted[96];
     std::snprintf(formatted, sizeof formatted, "%.3s, %02d %.3s %04d %02d:%02d:%02d GMT",
-                  &day_names[3 * utc.tm_wday], utc.tm_mday, &month_names[3 * utc.tm_mon],
+                  name_at(day_names, utc.tm_wday), utc.tm_mday, name_at(month_names, utc.tm_mon),
                   utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
     store({text, CORVEL_HTTP_DATE_SIZE}, formatted);
     return text;
