@@ -3,8 +3,6 @@
  * The login page. A correct login starts a session and redirects to the requested page. A failed
  * login gives the same message regardless of the reason.
  */
-#include "attempt.h"
-#include "session.h"
 #include "trap.h"
 
 #include <stdlib.h>
@@ -21,15 +19,19 @@ static void show(const char *status, const char *message, const char *user, cons
 
 static const char *next_page(const prop_table *request) {
     const char *next = find_field("next", request);
-    return next && is_local_path(next) ? next : "/cgi-bin/status";
+    return next && corvel_is_local_path(next) ? next : "/cgi-bin/status";
 }
 
 static void welcome(const char *user, const char *next) {
     char text[trap_size];
-    begin_session(user);
-    print_redirect(next);
+    corvel_answer *answer = corvel_answer_new(own_request(), NULL);
+    corvel_session *session = corvel_session_start(own_request(), answer, NULL, user);
+    if (!session)
+        refuse("503 Service Unavailable", "The session could not be started.");
+    corvel_session_free(session);
     snprintf(text, sizeof text, "login: %s", user);
-    send_trap(text);
+    send_trap(text); /* the web server can end this program when it has the answer */
+    redirect(answer, next);
 }
 
 static void handle_post(void) {
@@ -37,18 +39,22 @@ static void handle_post(void) {
     prop_table request = read_request();
     const char *user = find_field("user", &request);
     const char *next = next_page(&request);
-    switch (check_password(user, find_field("password", &request), "login refused")) {
-    case password_right:
+    unsigned seconds = 0;
+    switch (corvel_login(own_request(), NULL, user, find_field("password", &request), &seconds)) {
+    case CORVEL_LOGIN_RIGHT:
         welcome(user, next);
         break;
-    case password_wrong:
+    case CORVEL_LOGIN_WRONG:
+        send_trap("login refused");
         show("403 Forbidden", "The user name or the password is wrong.", user, next);
         break;
-    case too_many_attempts:
-        printf("Retry-After: 8\r\n");
+    case CORVEL_LOGIN_WAIT:
+        print_retry_after(seconds);
         show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", user,
              next);
         break;
+    default:
+        show("503 Service Unavailable", "The attempt could not be recorded.", user, next);
     }
     wipe_table(&request);
 }

@@ -1,7 +1,5 @@
 /* SPDX-License-Identifier: MIT */
 /* The password page: users change their own passwords. A change ends the user's other sessions. */
-#include "attempt.h"
-#include "session.h"
 #include "trap.h"
 
 #include <ctype.h>
@@ -20,11 +18,13 @@ typedef struct form {
     const char *again_error;
 } form;
 
+static const char *user(void) { return corvel_session_user(own_session()); }
+
 static void show(const char *status, const char *message, const form *sent) {
     str_node *fields = NULL;
     add_html(&fields, "message", message);
-    add_html(&fields, "name", session_user());
-    add_html(&fields, "user", session_user());
+    add_html(&fields, "name", user());
+    add_html(&fields, "user", user());
     add_html(&fields, "error_old", sent->old_error);
     add_html(&fields, "error_new", sent->new_error);
     add_html(&fields, "error_again", sent->again_error);
@@ -55,31 +55,35 @@ static int check(form *sent) {
 static void change(const form *sent) {
     char text[trap_size];
     ignore_disconnection(); /* an interruption could leave a password file, or old sessions */
-    if (login_chpwd(session_user(), sent->new) != CORVEL_PASSWORD_CHANGED) {
+    if (login_chpwd(user(), sent->new) != CORVEL_PASSWORD_CHANGED) {
         show("500 Internal Server Error", "The password could not be changed.", sent);
         return;
     }
-    end_other_sessions();
-    renew_session();
-    snprintf(text, sizeof text, "password changed: %s", session_user());
+    corvel_answer *answer = corvel_answer_new(own_request(), NULL);
+    corvel_session_end_all(NULL, user(), own_session());
+    corvel_session_renew(own_session(), answer);
+    snprintf(text, sizeof text, "password changed: %s", user());
     send_trap(text);
-    print_redirect("/cgi-bin/password?saved=1");
+    redirect(answer, "/cgi-bin/password?saved=1");
 }
 
 /* Guessing the old password at an unattended browser is slowed down as at the login. */
 static void change_if_right(form *sent) {
-    switch (check_password(session_user(), sent->old, NULL)) {
-    case password_right:
+    unsigned seconds = 0;
+    switch (corvel_login(own_request(), NULL, user(), sent->old, &seconds)) {
+    case CORVEL_LOGIN_RIGHT:
         change(sent);
         break;
-    case password_wrong:
+    case CORVEL_LOGIN_WRONG:
         sent->old_error = "This is not your password.";
         show("403 Forbidden", "The password has not been changed. See below.", sent);
         break;
-    case too_many_attempts:
-        printf("Retry-After: 8\r\n");
+    case CORVEL_LOGIN_WAIT:
+        print_retry_after(seconds);
         show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", sent);
         break;
+    default:
+        show("503 Service Unavailable", "The attempt could not be recorded.", sent);
     }
 }
 

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 #define _GNU_SOURCE
 #include "site.h"
-#include "session.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -44,6 +43,30 @@ void refuse(const char *status, const char *reason) {
 
 /* Requests: accepting and decoding. */
 
+corvel_request *own_request(void) {
+    static corvel_request *request;
+    if (!request)
+        request = corvel_request_begin();
+    return request;
+}
+
+corvel_session *own_session(void) {
+    static corvel_session *session;
+    static int is_known;
+    if (!is_known)
+        session = corvel_session_find(own_request(), NULL);
+    is_known = 1;
+    return session;
+}
+
+void redirect(corvel_answer *answer, const char *path) {
+    corvel_answer_redirect(answer, path);
+    corvel_answer_send(answer);
+    corvel_answer_free(answer);
+}
+
+void print_retry_after(unsigned seconds) { printf("Retry-After: %u\r\n", seconds); }
+
 /* True if a URL has the host and port that this request was sent to. */
 static int is_own_url(const char *url) {
     const char *host = environment("HTTP_HOST");
@@ -72,10 +95,10 @@ static int is_get(void) {
     return STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0;
 }
 
-/* Prints a path that is_local_path() accepts as a value of a URL's query. */
+/* Prints a path that corvel_is_local_path() accepts as a value of a URL's query. */
 static void print_query_value(const char *text) {
     for (; *text; text++)
-        printf(strchr("?&=", *text) ? "%%%02X" : "%c", (unsigned)*text);
+        printf(strchr("?&=%+#", *text) ? "%%%02X" : "%c", (unsigned)*text);
 }
 
 /* After the login the requested page is shown; a submitted form is lost. */
@@ -85,7 +108,7 @@ static void send_to_login(void) {
     const int length =
         snprintf(page, sizeof page, "%s%s%s", environment("SCRIPT_NAME"), *query ? "?" : "", query);
     printf("Status: 303 See Other\r\nCache-Control: no-store\r\nLocation: /cgi-bin/login");
-    if (is_get() && length < (int)sizeof page && is_local_path(page)) {
+    if (is_get() && length < (int)sizeof page && corvel_is_local_path(page)) {
         printf("?next=");
         print_query_value(page);
     }
@@ -95,9 +118,9 @@ static void send_to_login(void) {
 /* This is the first check of a request, before its body is read. */
 static void require_login(void) {
     const int is_refreshing = isajax_get();
-    if (session_user() && !is_refreshing)
-        extend_session();
-    if (session_user())
+    if (own_session() && !is_refreshing)
+        corvel_session_touch(own_session());
+    if (own_session())
         return;
     if (is_refreshing) {
         print_head("401 Unauthorized", "application/json");
@@ -378,7 +401,7 @@ static void print_navigation(const char *page) {
     str_node *fields = NULL;
     for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
         add_str(&fields, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
-    add_html(&fields, "user", session_user());
+    add_html(&fields, "user", corvel_session_user(own_session()));
     print_template("frame-pages", &fields);
     free_list(&fields);
 }
@@ -394,7 +417,7 @@ void print_page_start(const char *status, const char *page, const char *head, co
 
     print_head(status, "text/html");
     print_template("frame-top", &fields);
-    if (session_user())
+    if (own_session())
         print_navigation(page);
     print_template("frame-content", &fields);
     free_list(&fields);

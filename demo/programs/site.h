@@ -12,6 +12,7 @@
 #define SITE_H
 
 #include <corvel.h>
+#include <corvel_page.h>
 #include <stddef.h>
 
 #ifdef __cplusplus
@@ -71,6 +72,18 @@ int accept_stranger(void);
  * who is logged in. Responds to any other request and ends the program.
  */
 void accept_upload(void);
+
+/** Returns the request, whose body is not read by the kit. */
+corvel_request *own_request(void);
+
+/** Returns the session of the request; null if it has none. */
+corvel_session *own_session(void);
+
+/** Sends an answer that consists of a redirection, and of the cookies that it already has. */
+void redirect(corvel_answer *answer, const char *path);
+
+/** Prints the header line for a client that has to wait before it tries another password. */
+void print_retry_after(unsigned seconds);
 
 /** Prints a page that gives the reason why the request was refused, and ends the program. */
 void refuse(const char *status, const char *reason) __attribute__((__noreturn__));

@@ -2,6 +2,7 @@
 """Starts and stops the demo, and sends requests to its pages as a browser does."""
 
 import contextlib
+import hashlib
 import html.parser
 import http.client
 import json
@@ -220,6 +221,11 @@ class Demo:
         """Returns the path of a flash partition's file."""
         return self.state / "flash" / f"mtdblock{number}"
 
+    @staticmethod
+    def file_name(session):
+        """Returns the name of a session's file."""
+        return hashlib.sha256(session.encode()).hexdigest()
+
     def sessions(self):
         """Returns the files of the sessions by name."""
         return {path.name: path for path in (self.root() / "run/sessions").iterdir()}
@@ -279,11 +285,13 @@ class Demo:
 
     # Requests.
 
-    def request(self, method, path, body=None, headers=None, timeout=20):
-        """Sends a request. A Cookie header, which may be None, replaces the session's cookie."""
+    def request(self, method, path, body=None, headers=None, timeout=20, source="127.0.0.1"):
+        """Sends a request from an address of the machine. A Cookie header, which may be None,
+        replaces the session's cookie."""
         own = {"Cookie": self.session and f"session={self.session}"}
         sent = {name: value for name, value in (own | (headers or {})).items() if value is not None}
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout,
+                                                source_address=(source, 0))
         try:
             connection.request(method, path, body, sent)
             response = connection.getresponse()
@@ -294,14 +302,22 @@ class Demo:
     def get(self, path, **headers):
         return self.request("GET", path, headers=headers)
 
-    def try_log_in(self, user=USER, password=FACTORY_PASSWORD, **fields):
+    def try_log_in(self, user=USER, password=FACTORY_PASSWORD, source="127.0.0.1", **fields):
         """Sends the login form as a client that is not logged in."""
-        # The long timeout covers the delays after wrong passwords.
-        return self.post(LOGIN, {"user": user, "password": password, **fields}, STRANGER, 120)
+        return self.post(LOGIN, {"user": user, "password": password, **fields}, STRANGER,
+                         source=source)
 
     def log_in(self, user=USER, password=FACTORY_PASSWORD):
         """Logs in and returns the new session. Requests do not use it yet."""
-        response = self.try_log_in(user, password)
+        responses = []
+
+        def is_checked():
+            """After wrong passwords a client has to wait."""
+            responses.append(self.try_log_in(user, password))
+            return responses[-1].status != 429
+
+        wait_until(is_checked, 120)
+        response = responses[-1]
         if response.status != 303:
             raise AssertionError(f"login failed: {response.status}")
         return response.session()
@@ -309,11 +325,11 @@ class Demo:
     def is_logged_in(self, session):
         return self.get(NETWORK, Cookie=f"session={session}").status == 200
 
-    def post(self, path, fields, headers=None, timeout=20):
+    def post(self, path, fields, headers=None, timeout=20, source="127.0.0.1"):
         body = fields if isinstance(fields, (bytes, str)) else urllib.parse.urlencode(fields)
         return self.request("POST", path, body, {
             "Content-Type": "application/x-www-form-urlencoded",
-            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})}, timeout)
+            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})}, timeout, source)
 
     def page(self, path):
         return Page(self.get(path).text)

@@ -102,9 +102,9 @@ class Change(PasswordTest):
         self.assertEqual(self.send(FACTORY_PASSWORD, "another one").status, 303)
         for session in others:
             self.assertFalse(self.demo.is_logged_in(session))
-            self.assertNotIn(session, self.demo.sessions())
+            self.assertNotIn(self.demo.file_name(session), self.demo.sessions())
         self.assertTrue(self.demo.is_logged_in(self.demo.session))
-        self.assertEqual(set(self.demo.sessions()), {self.demo.session})
+        self.assertEqual(set(self.demo.sessions()), {self.demo.file_name(self.demo.session)})
 
     def test_a_refused_change_ends_no_session(self):
         other = self.demo.log_in()
@@ -136,7 +136,7 @@ class Change(PasswordTest):
             response = self.demo.post(PASSWORD, body)
             self.assertIn(response.status, (400, 403, 422), body[:30])
             self.assertEqual(self.path.read_bytes(), self.accounts)
-            self.demo.log_in()
+            self.demo.session = self.demo.log_in()
 
     def test_requests_without_a_session_or_of_another_site_change_nothing(self):
         response = self.send(FACTORY_PASSWORD, "another one", **STRANGER)

@@ -140,7 +140,7 @@ class Status(SharedDemoTest):
         self.demo.ip("address", "add", "198.51.100.99/25", "dev", "wlan0")
         self.demo.ip("link", "set", "wlan0", "address", "02:0a:ff:00:9b:c2")
         self.assertEqual(walk.line(), "changed")
-        self.demo.sessions()[self.demo.session].unlink()
+        self.demo.sessions()[self.demo.file_name(self.demo.session)].unlink()
         seen = walk.result()
         kernels = self.kernels()
         rows = {row["name"]: row for row in seen["rows"]}
