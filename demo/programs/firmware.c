@@ -6,6 +6,8 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 static const settings_file mtd_file = {"/etc/mtd", ' '};
@@ -195,6 +197,18 @@ void read_version(int set, char version[version_size]) {
 }
 
 /* Checking an image. */
+
+const unsigned char *map_image(size_t *size) {
+    const int file = open(STAGED_IMAGE, O_RDONLY | O_CLOEXEC);
+    struct stat status;
+    void *image = MAP_FAILED;
+    if (file >= 0 && fstat(file, &status) == 0 && status.st_size > 0) {
+        *size = (size_t)status.st_size;
+        image = mmap(NULL, *size, PROT_READ, MAP_PRIVATE, file, 0);
+    }
+    close(file);
+    return image == MAP_FAILED ? NULL : image;
+}
 
 char *section_name(const img_info *section, char name[32]) {
     const char *start = strrchr(section->name, '/');

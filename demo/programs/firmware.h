@@ -60,6 +60,9 @@ void read_version(int set, char version[version_size]);
 /** Opens the partition "/dev/mtdblock" with this number for reading. */
 int open_partition(unsigned int number);
 
+/** Maps the staged image until the process ends. @return null if there is none or it is empty. */
+const unsigned char *map_image(size_t *size);
+
 /** The results of checking an image. */
 typedef struct image_report {
     img_info sections[record_count]; /**< They point into the image. */

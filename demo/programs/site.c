@@ -41,6 +41,12 @@ void refuse(const char *status, const char *reason) {
     exit(EXIT_SUCCESS);
 }
 
+void refuse_status(int status, const char *reason) {
+    char text[16];
+    snprintf(text, sizeof text, "%d", status);
+    refuse(text, reason);
+}
+
 /* Requests: accepting and decoding. */
 
 corvel_request *own_request(void) {
@@ -156,16 +162,11 @@ int accept_stranger(void) {
 }
 
 void accept_upload(void) {
+    const corvel_request_rules rules = {.methods = CORVEL_POST, .types = CORVEL_MULTIPART};
     require_login();
-    if (!get_http_methmod(environment("REQUEST_METHOD")))
-        refuse("405 Method Not Allowed", "This address only accepts image uploads.");
-    accept_post("multipart/form-data");
-    const char *boundary = strstr(environment("CONTENT_TYPE"), "boundary=");
-    if (!boundary || !boundary[strlen("boundary=")])
-        refuse("400 Bad Request", "The upload has no multipart boundary.");
-    if (atoll(environment("CONTENT_LENGTH")) > longest_upload)
-        refuse("413 Content Too Large",
-               "The upload is larger than 16 MiB, including the form data.");
+    const int status = corvel_request_read(own_request(), &rules);
+    if (status != CORVEL_HTTP_OK)
+        refuse_status(status, corvel_request_complaint(own_request()));
 }
 
 prop_table new_table(size_t capacity) {

@@ -31,7 +31,7 @@ enum {
     longest_value = 80,
     /** The largest form that is accepted, in bytes. */
     longest_body = 65536,
-    /** The largest upload that the library accepts, in bytes. */
+    /** The largest upload that is accepted, in bytes. */
     longest_upload = CORVEL_UPLOAD_MAX,
     /** Bytes of a formatted duration, including the terminating NUL. */
     duration_size = 40
@@ -68,8 +68,8 @@ int accept_request(void);
 int accept_stranger(void);
 
 /**
- * Accepts an upload of at most longest_upload bytes that was sent by a page of this site for a user
- * who is logged in. Responds to any other request and ends the program.
+ * Accepts an upload that was sent by a page of this site for a user who is logged in. Responds to
+ * any other request and ends the program. corvel_upload_read() reads the body.
  */
 void accept_upload(void);
 
@@ -87,6 +87,9 @@ void print_retry_after(unsigned seconds);
 
 /** Prints a page that gives the reason why the request was refused, and ends the program. */
 void refuse(const char *status, const char *reason) __attribute__((__noreturn__));
+
+/** As refuse(), for a status of the page kit. */
+void refuse_status(int status, const char *reason) __attribute__((__noreturn__));
 
 /** Decodes the pairs of a POST's body or of a GET's query. */
 prop_table read_request(void);

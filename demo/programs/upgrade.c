@@ -14,8 +14,6 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -32,19 +30,6 @@ enum {
 void sync(void) {
     const struct timespec block = {0, 10000000};
     nanosleep(&block, NULL);
-}
-
-/* Maps the staged image until the process ends. Returns null if there is none. */
-static const unsigned char *map_image(size_t *size) {
-    const int file = open(STAGED_IMAGE, O_RDONLY | O_CLOEXEC);
-    struct stat status;
-    void *image = MAP_FAILED;
-    if (file >= 0 && fstat(file, &status) == 0 && status.st_size > 0) {
-        *size = (size_t)status.st_size;
-        image = mmap(NULL, *size, PROT_READ, MAP_PRIVATE, file, 0);
-    }
-    close(file);
-    return image == MAP_FAILED ? NULL : image;
 }
 
 /* Writing. Each step returns the reason of its failure, or null. */

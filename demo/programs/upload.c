@@ -5,77 +5,61 @@
  */
 #include "firmware.h"
 
-#include <errno.h>
-#include <signal.h>
+#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
 
-/*
- * Replaces the C library's function. libcorvel calls it before it reads a large upload, so that the
- * device can settle. With UPLOAD_PAUSE=no it returns at once, for tests of the simulated device.
- */
-unsigned int sleep(unsigned int seconds) {
-    const char *pause = getenv("UPLOAD_PAUSE");
-    struct timespec left = {(time_t)seconds, 0};
-    if (pause && STRCMP(pause, "no") == 0)
-        return 0;
-    while (nanosleep(&left, &left) != 0 && errno == EINTR)
-        continue;
-    return 0;
-}
+/* The file that is being received. */
+typedef struct intake {
+    FILE *file;
+    upgrade_record record;
+    const char *complaint; /* of a refused part; null if no part was refused */
+} intake;
 
-/* Returns the number of files, or -1 if the upload is incomplete. Frees the upload itself, which is
- * as large as the files. */
-static int receive(prop_file files[CORVEL_UPLOAD_FILES]) {
-    int length = 0;
-    int boundary_length = 0;
-    char *boundary = NULL;
-    const int output = mute_output(); /* process_file() prints bytes of a part without a type */
-    char *upload = read_queue_for_upload1(&length, &boundary, &boundary_length);
-    const int count = upload ? process_file(upload, length, boundary, files) : 0;
-    unmute_output(output);
-    free(upload);
-    free(boundary);
-    return upload ? count : -1;
-}
-
-static const char *file_complaint(int count) {
-    if (count < 0)
-        return "The upload is incomplete.";
-    if (count == 0)
-        return "The form contained no file. Choose an image first.";
-    return count > 1 ? "The form contained several files. Choose one image." : NULL;
-}
-
-/* The client chooses the name. Its directories are removed, and a name that cannot be stored in a
- * property file is replaced. */
-static void take_name(const char *path, char *name, size_t size) {
-    const char *start = path;
-    for (const char *at = path; *at; at++)
-        if (*at == '/' || *at == '\\')
-            start = at + 1;
-    snprintf(name, size, "%s", text_complaint(start) ? "image" : start);
-}
-
-static int write_image(const prop_file *image) {
+/* The client chooses the name. One that cannot be stored in a property file is replaced. */
+static bool begin(void *context, const corvel_part *part) {
+    intake *in = context;
+    if (in->file)
+        in->complaint = "The form contained several files. Choose one image.";
+    if (in->complaint || strcmp(part->name, "image") != 0)
+        return !in->complaint;
+    snprintf(in->record.file, sizeof in->record.file, "%s",
+             text_complaint(part->filename) ? "image" : part->filename);
+    if (!*part->filename)
+        return true; /* no file was selected */
     mkdir("/tmp/firmware", 0700);
-    FILE *file = fopen(STAGED_IMAGE, "wb");
-    if (!file)
-        return 0;
-    const int whole = fwrite(image->data, 1, image->size, file) == image->size;
-    return fclose(file) == 0 && whole;
+    in->file = fopen(STAGED_IMAGE, "wb");
+    return in->file != NULL;
 }
 
-static int stage(const prop_file *image) {
-    upgrade_record record = {.state = "staged"};
-    take_name(image->filename, record.file, sizeof record.file);
-    if (write_image(image) && save_upgrade(&record))
-        return 1;
-    remove(STAGED_IMAGE);
-    return 0;
+static bool take_data(void *context, const void *bytes, size_t size) {
+    const intake *in = context;
+    return !in->file || fwrite(bytes, 1, size, in->file) == size;
+}
+
+/* Receives the image into its file. Returns the status; if it is not 200, there is no file. */
+static int receive(intake *in) {
+    const corvel_upload_limits limits = {.file_max = longest_upload, .total_max = longest_upload};
+    const corvel_upload_sink sink = {in, begin, take_data, NULL};
+    const char *complaint = NULL;
+    int status =
+        corvel_upload_status(corvel_upload_read(own_request(), &limits, &sink), &complaint);
+    const bool is_whole = in->file && fclose(in->file) == 0;
+    if (status == CORVEL_HTTP_OK && !in->file) {
+        status = CORVEL_HTTP_BAD_REQUEST;
+        complaint = "The form contained no file. Choose an image first.";
+    } else if (status == CORVEL_HTTP_OK && !is_whole) {
+        status = CORVEL_HTTP_SERVICE_UNAVAILABLE;
+        complaint = "The device does not have enough memory for the image.";
+    }
+    if (in->complaint)
+        status = CORVEL_HTTP_BAD_REQUEST;
+    else
+        in->complaint = complaint;
+    if (status != CORVEL_HTTP_OK)
+        remove(STAGED_IMAGE);
+    return status;
 }
 
 /* Discards the previous image before the new one is received. */
@@ -85,10 +69,8 @@ static void forget_staged(void) {
     save_upgrade(&nothing);
 }
 
-static void show_refusal(const prop_file *image, const image_report *report) {
-    char name[96];
+static void show_refusal(const char *name, const image_report *report) {
     str_node *fields = NULL;
-    take_name(image->filename, name, sizeof name);
     add_message(&fields, "", 0);
     add_html(&fields, "file", name);
     add_html(&fields, "complaint", report->complaint);
@@ -98,19 +80,25 @@ static void show_refusal(const prop_file *image, const image_report *report) {
     print_upgrade_page("422 Unprocessable Content", "upgrade-refused", "", &fields);
 }
 
-static void take(const prop_file *image) {
+static void take(intake *in) {
     image_report report;
-    check_image((const unsigned char *)image->data, image->size, &report);
-    if (*report.complaint)
-        show_refusal(image, &report);
-    else if (stage(image))
+    size_t size = 0;
+    const unsigned char *image = map_image(&size);
+    check_image(image, size, &report);
+    snprintf(in->record.state, sizeof in->record.state, "staged");
+    if (*report.complaint) {
+        remove(STAGED_IMAGE);
+        show_refusal(in->record.file, &report);
+    } else if (save_upgrade(&in->record)) {
         print_redirect("/cgi-bin/upgrade");
-    else
-        refuse("507 Insufficient Storage", "The device does not have enough memory for the image.");
+    } else {
+        remove(STAGED_IMAGE);
+        refuse("503 Service Unavailable", "The upload could not be recorded.");
+    }
 }
 
 int main(void) {
-    signal(SIGPIPE, SIG_IGN); /* a response to a client that has disconnected is lost */
+    ignore_disconnection(); /* an incomplete image would stay in memory */
     accept_upload();
     lock_upgrade();
     const boot_state boot = read_boot_state();
@@ -118,12 +106,10 @@ int main(void) {
         refuse("409 Conflict", "Restart the router to complete the last upgrade first.");
 
     forget_staged();
-    prop_file files[CORVEL_UPLOAD_FILES] = {0};
-    const int count = receive(files);
-    const char *complaint = file_complaint(count);
-    if (complaint)
-        refuse("400 Bad Request", complaint);
-    take(&files[0]);
-    free_prop_file(files, count);
+    intake in = {.file = NULL};
+    const int status = receive(&in);
+    if (status != CORVEL_HTTP_OK)
+        refuse_status(status, in.complaint);
+    take(&in);
     return EXIT_SUCCESS;
 }

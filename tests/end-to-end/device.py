@@ -74,7 +74,7 @@ def free_port():
 def shared_demo():
     """Returns a running demo for tests that restore its state. stop_all() stops it."""
     if not _shared:
-        _shared.append(Demo("--no-pause"))
+        _shared.append(Demo())
     return _shared[0]
 
 

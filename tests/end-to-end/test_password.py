@@ -12,8 +12,6 @@ SHORTEST, LONGEST = 8, 63
 
 
 class PasswordTest(OwnDemoTest):
-    arguments = ("--no-pause",)
-
     @classmethod
     def setUpClass(cls):
         super().setUpClass()

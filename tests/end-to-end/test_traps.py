@@ -25,8 +25,6 @@ while True:
 
 
 class Traps(OwnDemoTest):
-    arguments = ("--no-pause",)
-
     def setUp(self):
         self.demo.session = self.demo.log_in()
         self.listener = subprocess.Popen(

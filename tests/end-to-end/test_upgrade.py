@@ -55,13 +55,11 @@ def environment(*entries):
 class UpgradeTest(DemoTest):
     """Tests that each start with a device in the factory's state."""
 
-    pause = "--no-pause"
     options = {}
 
     def setUp(self):
         self.directory = self.make_directory()
-        self.demo = Demo(*([self.pause] if self.pause else []), state=self.directory / "state",
-                         **self.options)
+        self.demo = Demo(state=self.directory / "state", **self.options)
         self.addCleanup(self.demo.stop)
         self.factory = self.flash()
 
@@ -130,7 +128,7 @@ class UpgradeTest(DemoTest):
 
     def start_again(self):
         self.demo.stop()
-        self.demo = Demo(self.pause, state=self.directory / "state", **self.options)
+        self.demo = Demo(state=self.directory / "state", **self.options)
         self.addCleanup(self.demo.stop)
 
     def assert_set(self, running, following, version):
@@ -230,7 +228,9 @@ class Upgrades(UpgradeTest):
         self.assertEqual(self.state()["STATE"], "staged")
         self.perform("discard")
 
-        response = self.send(multipart(part(largest + b"\0")))
+        # The line ending after the last boundary does not count.
+        self.assertEqual(self.send(multipart(part(largest + bytes(2)))).status, 422)
+        response = self.send(multipart(part(largest + bytes(3))))
         self.assertEqual(response.status, 413)
         self.assert_page(response.text)
         status, text = self.upload(bytes(LARGEST + 5000))
@@ -244,7 +244,7 @@ class Upgrades(UpgradeTest):
             self.assertEqual(response.status, 413, path)
             self.assert_page(response.text)
 
-    def test_an_upload_needs_little_more_memory_than_the_body_and_the_image(self):
+    def test_an_upload_needs_little_more_memory_than_the_image(self):
         """Runs the program under one that records its maximum memory use."""
         image = self.directory / "image"
         shutil.copytree(device.IMAGE, image, symlinks=True)
@@ -258,7 +258,7 @@ class Upgrades(UpgradeTest):
         program.chmod(0o755)
         body = multipart(part(large_image(
             "Corvel R1 2.0.0", LARGEST - len(multipart(part(b""))))[1]))
-        with Demo("--no-pause", image=image) as demo:
+        with Demo(image=image) as demo:
             start = time.monotonic()
             response = demo.request("POST", UPLOAD, body, {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
@@ -266,8 +266,8 @@ class Upgrades(UpgradeTest):
             self.assertEqual(response.status, 303)
             peak = int((demo.state / "var/log/peak").read_text())
         print(f"16 MiB in {seconds:.3f} s with {peak} KiB ...", end=" ", flush=True)
-        self.assertGreater(peak, 2 * LARGEST // 1024 - 100)
-        self.assertLess(peak, 2 * LARGEST // 1024 + 4096)
+        self.assertGreater(peak, LARGEST // 1024 - 100, "the check maps the image")
+        self.assertLess(peak, LARGEST // 1024 + 4096)
 
     def test_actions_in_the_wrong_order_are_refused(self):
         self.assertEqual(self.perform("write"), 409)
@@ -365,16 +365,15 @@ class Refusals(UpgradeTest):
                 ("another boundary", multipart(part(good), boundary=b"other"), usual, 400),
                 ("no boundary", multipart(part(good)), "multipart/form-data", 400),
                 ("an empty boundary", multipart(part(good)), "multipart/form-data; boundary=", 400),
-                ("a boundary followed by a parameter", multipart(part(good)), usual + "; x=y", 400),
                 ("no file", multipart(part(b"x", filename=None)), usual, 400),
                 ("no file chosen", multipart(part(b"", filename="")), usual, 400),
-                ("no type", multipart(part(good, kind=None)), usual, 400),
+                ("another field", multipart(part(good, name="x")), usual, 400),
                 ("two files", multipart(part(good), part(good)), usual, 400),
                 ("five files", multipart(*[part(good)] * 5), usual, 400),
                 ("no closing boundary", b"--xYzZY\r\n" + part(good), usual, 400),
-                ("no body", b"", usual, 400),
+                ("no body", b"", usual, 415),
                 ("a boundary only", b"--xYzZY--\r\n", usual, 400),
-                ("boundaries only", b"--xYzZY\r\n" * 1000, usual, 400),
+                ("boundaries only", b"--xYzZY\r\n" * 1000, usual, 413),
                 ("NULs", bytes(7000), usual, 400),
                 ("a form", b"image=x", "application/x-www-form-urlencoded", 415),
                 ("no kind", good, "", 415)):
@@ -383,6 +382,23 @@ class Refusals(UpgradeTest):
                 self.assertEqual(response.status, status)
                 self.assert_page(response.text)
                 self.assertEqual(self.demo.crashes(), [])
+        self.assert_unchanged()
+
+    def test_the_form_of_the_upload_does_not_matter(self):
+        """An image is received whole, even if it contains what looks like the header of a part."""
+        image = Image("Corvel R1 2.0.0\r\n\r\nContent-Type: text/html\r\n\r\n").bytes()
+        usual = "multipart/form-data; boundary=xYzZY"
+        more = b"Content-Transfer-Encoding: binary\r\nX-More: x\r\n"
+        for name, body, kind in (
+                ("a boundary followed by a parameter", multipart(part(image)), usual + "; x=y"),
+                ("a boundary in quotes", multipart(part(image)), usual.replace("xYzZY", '"xYzZY"')),
+                ("no type", multipart(part(image, kind=None)), usual),
+                ("more header lines", multipart(more + part(image)), usual)):
+            with self.subTest(name):
+                self.assertEqual(self.send(body, kind).status, 303)
+                staged = self.demo.root() / "tmp/firmware/image.bin"
+                self.assertEqual(staged.read_bytes(), image)
+                self.perform("discard")
         self.assert_unchanged()
 
     def test_fields_before_and_after_the_file_are_ignored(self):
@@ -406,9 +422,11 @@ class Refusals(UpgradeTest):
                 f"Cookie: session={self.demo.session}\r\n"
                 "Content-Type: multipart/form-data; boundary=xYzZY\r\n"
                 f"Content-Length: {len(body)}\r\n\r\n").encode()
-        for length in (0, 10, len(body) // 2, len(body) - 1):
+        for length in (0, 10, len(body) // 2, len(body) - 5):
             response = self.demo.raw(head + body[:length], half_close=True)
             self.assertNotIn(b" 303 ", response)
+            self.assertTrue(wait_until(lambda: not self.demo.programs("/www/cgi-bin/upload")))
+            self.assertNotEqual(self.state()["STATE"], "staged")
         self.assert_unchanged()
 
     def refuse(self, image, message, result=0):
@@ -605,38 +623,26 @@ class ReadOnlyFlash(UpgradeTest):
 
 
 class AtOnce(UpgradeTest):
-    pause = ""
-
-    def test_one_upload_at_a_time_with_a_pause_before_a_large_one(self):
-        times = []
-
+    def test_one_upload_at_a_time(self):
         large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
-
-        def first():
-            start = time.monotonic()
-            result = self.send(large)
-            times.append((result.status, time.monotonic() - start))
-
         small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))
-        start = time.monotonic()
-        self.assertEqual(self.send(small).status, 303)
-        self.assertLess(time.monotonic() - start, 3)
-
-        client = threading.Thread(target=first)
-        client.start()
-        self.assertTrue(wait_until(lambda: self.demo.programs("/www/cgi-bin/upload")))
+        connection = http.client.HTTPConnection("127.0.0.1", self.demo.port, timeout=20)
+        self.addCleanup(connection.close)
+        connection.putrequest("POST", UPLOAD)
+        for name, value in (("Content-Type", "multipart/form-data; boundary=xYzZY"),
+                            ("Cookie", f"session={self.demo.session}"),
+                            ("Content-Length", str(len(large)))):
+            connection.putheader(name, value)
+        connection.endheaders(large[:len(large) // 2])
         self.assertTrue(wait_until(lambda: "being received" in self.curl(UPGRADE)[1], 5))
-        start = time.monotonic()
+
         response = self.send(small)
         self.assertEqual(response.status, 409)
         self.assert_page(response.text)
         for action in ("write", "discard", "restart"):
             self.assertEqual(self.perform(action), 409)
-        self.assertLess(time.monotonic() - start, 5)
-        client.join()
-        (status, seconds), = times
-        self.assertEqual(status, 303)
-        self.assertGreaterEqual(seconds, 10)
+        connection.send(large[len(large) // 2:])
+        self.assertEqual(connection.getresponse().status, 303)
         self.assertEqual(self.state()["STATE"], "staged")
 
     def test_simultaneous_small_uploads(self):

@@ -163,7 +163,7 @@ function sendImage(form) {
   const controls = form.querySelectorAll('input, button');
   const request = new XMLHttpRequest();
   const uploading = (percent) => showProgress(bar, label,
-    `Uploading: ${percent} %. The router waits ten seconds before it reads a large image.`, percent);
+    `Uploading: ${percent} %.`, percent);
   request.upload.addEventListener('progress', (event) =>
     uploading(Math.floor(100 * event.loaded / event.total)));
   request.upload.addEventListener('load', () => showProgress(bar, label, 'Checking the image.'));
