@@ -158,15 +158,13 @@ static int is_descending;
 
 /* The query contains a column's name, preceded by a hyphen for descending order. */
 static void choose_order(void) {
-    prop_table request = read_request();
-    const char *asked = find_field("sort", &request);
+    const char *asked = find_field("sort");
     const int hyphen = asked && *asked == '-';
     for (int i = 0; asked && i < column_count; i++)
         if (STRCMP(asked + hyphen, columns[i].name) == 0) {
             sorted = &columns[i];
             is_descending = hyphen;
         }
-    free_table(&request);
 }
 
 static int compare(const void *one, const void *other) {

@@ -99,10 +99,10 @@ static void show_json(void) {
 }
 
 /* Changes the settings that the request contains. Returns their number. */
-static int take(const prop_table *request) {
+static int take(void) {
     int taken = 0;
     for (int i = 0; i < setting_count; i++) {
-        const char *sent = find_field(settings[i].name, request);
+        const char *sent = find_field(settings[i].name);
         if (!sent)
             continue;
         snprintf(settings[i].value, sizeof settings[i].value, "%s", sent);
@@ -119,11 +119,11 @@ static int has_errors(void) {
     return 0;
 }
 
-static void save(const prop_table *request) {
+static void save(void) {
     const int lock = lock_settings(LOCK_EX);
     prop_table stored = load_settings(&global_file);
     for (int i = 0; i < setting_count; i++) {
-        const char *sent = find_field(settings[i].name, request);
+        const char *sent = find_field(settings[i].name);
         if (sent)
             save_global(settings[i].name, sent, &stored);
     }
@@ -133,18 +133,16 @@ static void save(const prop_table *request) {
 }
 
 static void handle_post(void) {
-    prop_table request = read_request();
     load();
-    if (take(&request) == 0)
+    if (take() == 0)
         show("400 Bad Request", "The request contains no setting of this page.");
     else if (has_errors())
         show("422 Unprocessable Content", "The settings have not been saved. See below.");
     else {
-        save(&request);
+        save();
         print_redirect("/cgi-bin/device?saved=1");
         send_trap("settings saved: device");
     }
-    free_table(&request);
 }
 
 static void handle_get(void) {
@@ -153,9 +151,7 @@ static void handle_get(void) {
         show_json();
         return;
     }
-    prop_table request = read_request();
-    show("200 OK", find_field("saved", &request) ? "Saved." : "");
-    free_table(&request);
+    show("200 OK", find_field("saved") ? "Saved." : "");
 }
 
 int main(void) {

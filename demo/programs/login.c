@@ -17,8 +17,8 @@ static void show(const char *status, const char *message, const char *user, cons
     print_page(status, "login", "Log in", &fields);
 }
 
-static const char *next_page(const prop_table *request) {
-    const char *next = find_field("next", request);
+static const char *next_page(void) {
+    const char *next = find_field("next");
     return next && corvel_is_local_path(next) ? next : "/cgi-bin/status";
 }
 
@@ -35,12 +35,10 @@ static void welcome(const char *user, const char *next) {
 }
 
 static void handle_post(void) {
-    setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of the password */
-    prop_table request = read_request();
-    const char *user = find_field("user", &request);
-    const char *next = next_page(&request);
+    const char *user = find_field("user");
+    const char *next = next_page();
     unsigned seconds = 0;
-    switch (corvel_login(own_request(), NULL, user, find_field("password", &request), &seconds)) {
+    switch (corvel_login(own_request(), NULL, user, find_field("password"), &seconds)) {
     case CORVEL_LOGIN_RIGHT:
         welcome(user, next);
         break;
@@ -56,16 +54,14 @@ static void handle_post(void) {
     default:
         show("503 Service Unavailable", "The attempt could not be recorded.", user, next);
     }
-    wipe_table(&request);
+    corvel_request_free(own_request()); /* wipes the password */
 }
 
 int main(void) {
     if (accept_stranger()) {
         handle_post();
     } else {
-        prop_table request = read_request();
-        show("200 OK", "", "", next_page(&request));
-        free_table(&request);
+        show("200 OK", "", "", next_page());
     }
     return EXIT_SUCCESS;
 }

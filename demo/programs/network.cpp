@@ -40,8 +40,6 @@ class Table {
         std::array<char, value_size> value{};
         return get_setting(name, value.data(), &table);
     }
-    /// The value of a form's field; null if there is no such field.
-    [[nodiscard]] const char *field(const char *name) const { return find_field(name, &table); }
     void insert(const char *name, const std::string &value) {
         table.count = ins_prop(name, value.c_str(), table.rows, table.count);
     }
@@ -202,10 +200,10 @@ class Settings {
 
     /// Changes the settings that the request contains.
     /// @return true if it contains any.
-    bool take(const Table &request) {
+    bool take() {
         bool any = false;
         for (auto &setting : all)
-            if (const char *sent = request.field(setting.name)) {
+            if (const char *sent = find_field(setting.name)) {
                 any = true;
                 setting.changed = setting.value != sent;
                 setting.value = sent;
@@ -387,10 +385,9 @@ bool save(Settings &settings) {
 }
 
 void handle_post() {
-    const Table request(read_request());
     std::optional<SettingsLock> lock(LOCK_EX);
     Settings settings;
-    const bool any = settings.take(request);
+    const bool any = settings.take();
     const bool saved = any && save(settings);
     lock.reset();
 
@@ -414,8 +411,7 @@ void handle_get() {
     const Settings settings = read_settings();
     if (isajax_get())
         return show_json(settings);
-    const Table request(read_request());
-    show("200 OK", settings, request.field("saved") ? "Saved." : "");
+    show("200 OK", settings, find_field("saved") ? "Saved." : "");
 }
 
 } // namespace

@@ -88,21 +88,14 @@ static void change_if_right(form *sent) {
 }
 
 static void handle_post(void) {
-    setvbuf(stdin, NULL, _IONBF, 0); /* a stdio buffer would keep a copy of a password */
-    prop_table request = read_request();
-    form sent = {find_field("old", &request),
-                 find_field("new", &request),
-                 find_field("again", &request),
-                 "",
-                 "",
-                 ""};
+    form sent = {find_field("old"), find_field("new"), find_field("again"), "", "", ""};
     if (!sent.old || !sent.new || !sent.again)
         show("400 Bad Request", "The request does not contain the fields of this form.", &sent);
     else if (!check(&sent))
         show("422 Unprocessable Content", "The password has not been changed. See below.", &sent);
     else
         change_if_right(&sent);
-    wipe_table(&request);
+    corvel_request_free(own_request()); /* wipes the password */
 }
 
 int main(void) {
@@ -110,13 +103,10 @@ int main(void) {
         handle_post();
     } else {
         const form nothing = {"", "", "", "", "", ""};
-        prop_table request = read_request();
         show("200 OK",
-             find_field("saved", &request)
-                 ? "Password changed. All your other sessions have been logged out."
-                 : "",
+             find_field("saved") ? "Password changed. All your other sessions have been logged out."
+                                 : "",
              &nothing);
-        free_table(&request);
     }
     return EXIT_SUCCESS;
 }

@@ -25,10 +25,6 @@ static const char *environment(const char *name) {
     return value ? value : "";
 }
 
-static int starts_with(const char *text, const char *start) {
-    return strncmp(text, start, strlen(start)) == 0;
-}
-
 static void print_head(const char *status, const char *type) {
     printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n\r\n",
            status, type);
@@ -73,29 +69,6 @@ void redirect(corvel_answer *answer, const char *path) {
 
 void print_retry_after(unsigned seconds) { printf("Retry-After: %u\r\n", seconds); }
 
-/* True if a URL has the host and port that this request was sent to. */
-static int is_own_url(const char *url) {
-    const char *host = environment("HTTP_HOST");
-    const char *authority = strstr(url, "://");
-    if (!authority || !*host)
-        return 0;
-    authority += strlen("://");
-    return starts_with(authority, host) && strchr("/", authority[strlen(host)]) != NULL;
-}
-
-/*
- * A browser names the origin of the page that sends a POST. Without this check, a page of another
- * site could change the router's settings through the browser of its visitor. A request that names
- * no origin was not sent by a browser and is accepted.
- */
-static int is_from_this_site(void) {
-    if (getenv("HTTP_ORIGIN"))
-        return is_own_url(environment("HTTP_ORIGIN"));
-    if (getenv("HTTP_REFERER"))
-        return is_own_url(environment("HTTP_REFERER"));
-    return 1;
-}
-
 static int is_get(void) {
     const char *method = environment("REQUEST_METHOD");
     return STRCMP(method, "GET") == 0 || STRCMP(method, "HEAD") == 0;
@@ -137,28 +110,29 @@ static void require_login(void) {
     exit(EXIT_SUCCESS);
 }
 
-/* The checks of a POST that forms and uploads share. */
-static void accept_post(const char *type) {
-    if (!is_from_this_site())
-        refuse("403 Forbidden", "The form was sent by a page of another site.");
-    if (!starts_with(environment("CONTENT_TYPE"), type))
-        refuse("415 Unsupported Media Type", "This page only accepts its own form.");
+int accept_stranger(void) {
+    /* The largest form may consist of pairs of two bytes, `=` and `&`. */
+    const corvel_request_rules rules = {.methods = CORVEL_GET | CORVEL_POST,
+                                        .body_max = longest_body,
+                                        .pairs_max = longest_body,
+                                        .memory_max = 4194304};
+    const int status = corvel_request_read(own_request(), &rules);
+    if (status != CORVEL_HTTP_OK)
+        refuse_status(status, corvel_request_complaint(own_request()));
+    return corvel_method(own_request()) == CORVEL_POST;
+}
+
+static void check_token(const char *token) {
+    if (!corvel_session_check(own_session(), token))
+        refuse("403 Forbidden", "The form is outdated. Reload the page and try again.");
 }
 
 int accept_request(void) {
     require_login();
-    return accept_stranger();
-}
-
-int accept_stranger(void) {
-    if (is_get())
-        return 0;
-    if (!get_http_methmod(environment("REQUEST_METHOD")))
-        refuse("405 Method Not Allowed", "This page only supports viewing and saving.");
-    accept_post("application/x-www-form-urlencoded");
-    if (atoll(environment("CONTENT_LENGTH")) > longest_body)
-        refuse("413 Content Too Large", "The form data is too large.");
-    return 1;
+    const int is_post = accept_stranger();
+    if (is_post)
+        check_token(find_field("token"));
+    return is_post;
 }
 
 void accept_upload(void) {
@@ -167,7 +141,10 @@ void accept_upload(void) {
     const int status = corvel_request_read(own_request(), &rules);
     if (status != CORVEL_HTTP_OK)
         refuse_status(status, corvel_request_complaint(own_request()));
+    check_token(corvel_query(own_request(), "token"));
 }
+
+const char *find_field(const char *name) { return corvel_field(own_request(), name); }
 
 prop_table new_table(size_t capacity) {
     prop_table table = {calloc(capacity, sizeof(prop_entry)), 0};
@@ -182,33 +159,6 @@ void free_table(prop_table *table) {
     free_prop(table->rows, table->count);
     free(table->rows);
     *table = (prop_table){NULL, 0};
-}
-
-void wipe_table(prop_table *table) {
-    for (int i = 0; i < table->count; i++)
-        explicit_bzero(table->rows[i].value, strlen(table->rows[i].value));
-    free_table(table);
-}
-
-/*
- * The decoder stores every pair of the request, so the table must have room for all of them. Every
- * pair but the last takes at least two characters, `=` and `&`.
- */
-prop_table read_request(void) {
-    const long long length = atoll(environment("CONTENT_LENGTH"));
-    const size_t body = length > 0 ? (size_t)length : 0;
-    const size_t query = strlen(environment("QUERY_STRING"));
-    prop_table request = new_table(body / 2 + query / 2 + 2);
-    request.count = get_http_methmod(getenv("REQUEST_METHOD")) ? process_queue(request.rows)
-                                                               : process_queue_get(request.rows);
-    return request;
-}
-
-const char *find_field(const char *name, const prop_table *request) {
-    for (int i = 0; i < request->count; i++)
-        if (STRCMP(request->rows[i].name, name) == 0)
-            return request->rows[i].value;
-    return NULL;
 }
 
 /* Settings: load, find, save, and their lock. */
@@ -296,17 +246,10 @@ static int is_control(char character) {
 }
 
 const char *text_complaint(const char *value) {
-    if (strlen(value) > longest_value)
-        return "This is too long.";
-    for (const char *at = value; *at;) {
-        const size_t length = utf8_length(at);
-        if (length == 0 || is_control(*at))
-            return "This contains a character that cannot be stored.";
-        at += length;
-    }
-    if (strstr(value, "setenv "))
-        return "The word setenv followed by a space cannot be stored.";
-    return NULL;
+    const char *complaint = corvel_check_text(value, 0, longest_value);
+    if (!complaint && strstr(value, "setenv "))
+        complaint = "The word setenv followed by a space cannot be stored.";
+    return complaint;
 }
 
 /* Returns the string that replaces the character, or null to keep it. */
@@ -397,12 +340,19 @@ void print_template(const char *name, str_node **fields) {
     print_html(path, fields);
 }
 
+/* Adds the field for the forms of a user who is logged in. */
+static void add_token(str_node **fields) {
+    if (own_session())
+        add_str(fields, "token", corvel_session_token(own_session()));
+}
+
 /* The navigation is shown only to users who are logged in. */
 static void print_navigation(const char *page) {
     str_node *fields = NULL;
     for (size_t i = 0; i < sizeof navigation / sizeof *navigation; i++)
         add_str(&fields, navigation[i], STRCMP(page, navigation[i]) ? "" : "aria-current=\"page\"");
     add_html(&fields, "user", corvel_session_user(own_session()));
+    add_token(&fields);
     print_template("frame-pages", &fields);
     free_list(&fields);
 }
@@ -432,6 +382,7 @@ void print_page(const char *status, const char *page, const char *title, str_nod
 
 void print_page_part(const char *status, const char *page, const char *part, const char *head,
                      const char *title, str_node **fields) {
+    add_token(fields);
     print_page_start(status, page, head, title);
     print_template(page, fields);
     if (part)

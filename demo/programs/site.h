@@ -22,12 +22,7 @@ extern "C" {
 enum {
     /** Bytes of a value that get_prop() returns, including the terminating NUL. */
     value_size = CORVEL_GET_PROP_SIZE,
-    /**
-     * The longest value that a form may send, in bytes. The request decoder truncates a word to
-     * CORVEL_REQUEST_VALUE_SIZE - 1 characters before it decodes it. A byte is encoded by at most
-     * three characters, so a truncated word decodes to at least a third of that, 85 bytes, and a
-     * value within this limit was not truncated.
-     */
+    /** The longest value that is stored, in bytes. */
     longest_value = 80,
     /** The largest form that is accepted, in bytes. */
     longest_body = 65536,
@@ -57,8 +52,9 @@ typedef struct prop_table {
 
 /**
  * Accepts a request from a user who is logged in: a GET, a HEAD, or a POST of a form of at most
- * longest_body bytes that was sent by a page of this site. Responds to any other request and ends
- * the program. A GET with `?Ajax=1` is a page's automatic refresh: it does not extend the session.
+ * longest_body bytes that was sent by a page of this site and has the token of the session.
+ * Responds to any other request and ends the program. A GET with `?Ajax=1` is a page's automatic
+ * refresh: it does not extend the session.
  *
  * @return 1 for a POST, 0 for a GET.
  */
@@ -68,12 +64,13 @@ int accept_request(void);
 int accept_stranger(void);
 
 /**
- * Accepts an upload that was sent by a page of this site for a user who is logged in. Responds to
- * any other request and ends the program. corvel_upload_read() reads the body.
+ * Accepts an upload that was sent by a page of this site for a user who is logged in, and that has
+ * the token of the session in its query. Responds to any other request and ends the program.
+ * corvel_upload_read() reads the body.
  */
 void accept_upload(void);
 
-/** Returns the request, whose body is not read by the kit. */
+/** Returns the request. */
 corvel_request *own_request(void);
 
 /** Returns the session of the request; null if it has none. */
@@ -91,17 +88,8 @@ void refuse(const char *status, const char *reason) __attribute__((__noreturn__)
 /** As refuse(), for a status of the page kit. */
 void refuse_status(int status, const char *reason) __attribute__((__noreturn__));
 
-/** Decodes the pairs of a POST's body or of a GET's query. */
-prop_table read_request(void);
-
-/**
- * Finds a form's field. Unlike get_prop(), which is for values of files, it does not remove quotes
- * that the user has typed.
- *
- * @return the field's value, valid until the request's table is freed; null if there is no such
- *         field.
- */
-const char *find_field(const char *name, const prop_table *request);
+/** Returns a field of the form, or of a GET's query; null if there is no such field. */
+const char *find_field(const char *name);
 
 /** Loads a settings file with any number of lines. */
 prop_table load_settings(const settings_file *file);
@@ -111,9 +99,6 @@ prop_table new_table(size_t capacity);
 
 /** Frees a table and the strings in it. */
 void free_table(prop_table *table);
-
-/** As free_table(), for a request that contains a password: wipes the values first. */
-void wipe_table(prop_table *table);
 
 /**
  * Locks all settings, for reading (LOCK_SH) or for changing (LOCK_EX).

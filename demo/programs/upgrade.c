@@ -324,8 +324,7 @@ static void restart(void) {
 }
 
 static void handle_post(void) {
-    prop_table request = read_request();
-    const char *asked = find_field("action", &request);
+    const char *asked = find_field("action");
     lock_upgrade();
     if (asked && STRCMP(asked, "write") == 0)
         begin_writing();
@@ -335,7 +334,6 @@ static void handle_post(void) {
         restart();
     else
         refuse("400 Bad Request", "The request contains no action of this page.");
-    free_table(&request);
 }
 
 int main(void) {

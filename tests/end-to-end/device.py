@@ -126,6 +126,7 @@ class Demo:
         self.port = free_port()
         self.output = ""
         self.session = None
+        self._tokens = {}
         _running.add(self)
         # The demo ends if this process is killed.
         command = [*command, "setpriv", "--pdeathsig", "TERM", *script,
@@ -325,8 +326,23 @@ class Demo:
     def is_logged_in(self, session):
         return self.get(NETWORK, Cookie=f"session={session}").status == 200
 
+    def token(self, session=None):
+        """Returns the token of a session's forms, as the pages have it; empty if it is over."""
+        session = session or self.session
+        if not self._tokens.get(session):
+            page = self.get(NETWORK, Cookie=f"session={session}").text
+            found = re.search(r'name="token" value="([0-9a-f]{64})"', page)
+            self._tokens[session] = found.group(1) if found else ""
+        return self._tokens[session]
+
     def post(self, path, fields, headers=None, timeout=20, source="127.0.0.1"):
+        """Sends a form with the token of its session."""
         body = fields if isinstance(fields, (bytes, str)) else urllib.parse.urlencode(fields)
+        cookie = (headers or {}).get("Cookie", f"session={self.session}")
+        if path != LOGIN and cookie and b"token=" not in (
+                body if isinstance(body, bytes) else body.encode()):
+            ending = "&token=" + self.token(cookie.removeprefix("session="))
+            body += ending.encode() if isinstance(body, bytes) else ending
         return self.request("POST", path, body, {
             "Content-Type": "application/x-www-form-urlencoded",
             "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})}, timeout, source)

@@ -6,7 +6,7 @@ import time
 import urllib.parse
 
 from demo_test import OwnDemoTest
-from device import DEVICE, NETWORK
+from device import DEVICE, LOGOUT, NETWORK, PASSWORD, UPGRADE, UPLOAD
 
 FORM = "application/x-www-form-urlencoded"
 
@@ -52,15 +52,29 @@ class BadRequests(OwnDemoTest):
             self.assertEqual(self.demo.post(NETWORK, "WLAN_SSID=x", headers).status, 403, headers)
         for referer in ("http://evil.example/", f"http://evil.example/?http://{own}/",
                         f"http://{own}@evil.example/"):
-            response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
+            response = self.demo.request("POST", NETWORK, f"WLAN_SSID=x&token={self.demo.token()}", {
                 "Content-Type": FORM, "Referer": referer})
             self.assertEqual(response.status, 403, referer)
+        self.assert_unchanged()
+
+    def test_a_form_without_the_token_of_its_session_is_refused(self):
+        other = self.demo.token(self.demo.log_in())
+        for token in ("", "&token", "&token=", "&token=x", "&token=" + "0" * 64, "&token=" + other,
+                      f"&token={self.demo.token()}0", f"&Token={self.demo.token()}",
+                      f"&token={self.demo.session}"):
+            for path, field in ((NETWORK, "WLAN_SSID=x"), (DEVICE, "CONTACT=x"),
+                                (UPGRADE, "action=restart"), (PASSWORD, "old=corvel"), (LOGOUT, "")):
+                response = self.demo.request("POST", path, field + token, {"Content-Type": FORM})
+                self.assertEqual(response.status, 403, path + token)
+        upload = self.demo.request("POST", f"{UPLOAD}?token={other}", b"",
+                                   {"Content-Type": "multipart/form-data; boundary=x"})
+        self.assertEqual(upload.status, 403)
         self.assert_unchanged()
 
     def test_forms_of_this_site_and_of_programs_are_accepted(self):
         own = f"http://127.0.0.1:{self.demo.port}"
         for headers in ({}, {"Origin": own}, {"Referer": own + NETWORK}, {"Referer": own}):
-            response = self.demo.request("POST", NETWORK, "WLAN_SSID=x", {
+            response = self.demo.request("POST", NETWORK, f"WLAN_SSID=x&token={self.demo.token()}", {
                 "Content-Type": FORM, **headers})
             self.assertEqual(response.status, 303, headers)
 
@@ -85,7 +99,7 @@ class BadRequests(OwnDemoTest):
         self.assert_unchanged()
 
     def test_the_largest_body_is_accepted(self):
-        ending = "&WLAN_SSID=Full"
+        ending = f"&WLAN_SSID=Full&token={self.demo.token()}"
         body = "a=&" * 21000 + "a="
         body += "z" * (65536 - len(body) - len(ending)) + ending
         self.assertEqual(len(body), 65536)
@@ -100,7 +114,7 @@ class BadRequests(OwnDemoTest):
         body = "&".join(f"WLAN_SSID={i}" for i in range(4000))
         self.assertEqual(self.demo.post(NETWORK, body).status, 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "0", "the first field is used")
-        self.assertEqual(self.demo.post(DEVICE, "=&" * 32768).status, 400)
+        self.assertEqual(self.demo.post(DEVICE, "=&" * 32700).status, 400)
 
     def test_long_queries_get_a_complete_response(self):
         for query in ("=&" * 2048 + "Ajax=1", "=&" * 2047 + "Ajax=1", "a&" * 2000, "Ajax=" + "9" * 3000,
@@ -115,7 +129,7 @@ class BadRequests(OwnDemoTest):
             self.assertIn(status, (200, 400, 414, 431))
 
     def test_a_post_without_known_settings_is_refused(self):
-        for body in ("", "a=b", "WLAN_SSID", "=", "&", "wlan_ssid=x", "=WLAN_SSID=x", "&WLAN_SSID=x",
+        for body in ("", "a=b", "WLAN_SSID", "=", "&", "wlan_ssid=x", "=WLAN_SSID=x",
                      "WLAN_SSID%3Dx"):
             # A last word without `=` is a field with an empty value, and an empty SSID is invalid.
             expected = 422 if body == "WLAN_SSID" else 400
@@ -130,7 +144,8 @@ class BadRequests(OwnDemoTest):
         self.assert_unchanged()
 
     def test_a_chunked_body_is_accepted(self):
-        chunks = b"5\r\nWLAN_\r\n8\r\nSSID=abc\r\n0\r\n\r\n"
+        token = f"&token={self.demo.token()}".encode()
+        chunks = b"5\r\nWLAN_\r\n8\r\nSSID=abc\r\n%x\r\n%s\r\n0\r\n\r\n" % (len(token), token)
         headers = f"Content-Type: {FORM}\r\nTransfer-Encoding: chunked\r\n"
         self.assertEqual(self.raw_post(headers, chunks), 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "abc")
@@ -150,8 +165,9 @@ class BadRequests(OwnDemoTest):
         self.assert_unchanged()
 
     def test_bytes_after_the_content_length_are_ignored(self):
-        headers = f"Content-Type: {FORM}\r\nContent-Length: 11\r\n"
-        self.assertEqual(self.raw_post(headers, b"WLAN_SSID=abGARBAGE"), 303)
+        body = f"token={self.demo.token()}&WLAN_SSID=a".encode()
+        headers = f"Content-Type: {FORM}\r\nContent-Length: {len(body)}\r\n"
+        self.assertEqual(self.raw_post(headers, body + b"bGARBAGE"), 303)
         self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "a")
 
     def test_random_bodies_are_refused(self):
@@ -163,7 +179,8 @@ class BadRequests(OwnDemoTest):
 
     def test_damaged_forms_leave_the_files_well_formed(self):
         chance = random.Random(2)
-        good = urllib.parse.urlencode(self.demo.page(NETWORK).fields).encode()
+        fields = [each for each in self.demo.page(NETWORK).fields if each[0] != "token"]
+        good = urllib.parse.urlencode(fields).encode()
         for _ in range(300):
             body = bytearray(good)
             for _ in range(chance.randint(1, 6)):
@@ -181,11 +198,13 @@ class BadRequests(OwnDemoTest):
                              [line.replace(b"=", b" ").split()[0] for line in old])
         self.assertEqual(self.demo.get(NETWORK).status, 200)
 
-    def test_malformed_percent_encodings_are_kept_and_a_nul_ends_a_value(self):
+    def test_malformed_encodings_are_kept_and_a_nul_is_refused(self):
         for body, value in (("WLAN_SSID=100%", "100%"), ("WLAN_SSID=a%4", "a%4"),
-                            ("WLAN_SSID=ab%00cd", "ab"), ("WLAN_SSID=%41%", "A%")):
+                            ("&&WLAN_SSID=b&", "b"), ("WLAN_SSID=%41%", "A%")):
             self.assertEqual(self.demo.post(NETWORK, body).status, 303, body)
             self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], value)
+        self.assertEqual(self.demo.post(NETWORK, "WLAN_SSID=ab%00cd").status, 400)
+        self.assertEqual(self.demo.json(NETWORK)["WLAN_SSID"], "A%")
 
     def test_a_value_that_the_decoder_truncates_is_refused(self):
         for value in ("%41" * 81, "%41" * 85, "%41" * 86, "a" * 254 + "%4", "%E6%97%A5" * 40):

@@ -98,7 +98,7 @@ class Traps(OwnDemoTest):
         self.assert_reported(f"login: {USER}")
 
     def test_written_firmware_sends_a_trap(self):
-        response = self.demo.request("POST", UPLOAD, multipart(part(
+        response = self.demo.request("POST", f"{UPLOAD}?token={self.demo.token()}", multipart(part(
             Image("Corvel R1 2.0.0", 1000, 1000).bytes())), {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
         self.assertEqual(response.status, 303)

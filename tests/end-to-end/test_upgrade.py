@@ -79,13 +79,13 @@ class UpgradeTest(DemoTest):
     def upload(self, image):
         file = self.directory / "image.bin"
         file.write_bytes(image)
-        return self.curl(UPLOAD, "--form", f"image=@{file}")
+        return self.curl(f"{UPLOAD}?token={self.demo.token()}", "--form", f"image=@{file}")
 
     def send(self, body, content_type="multipart/form-data; boundary=xYzZY", **headers):
-        return self.demo.request("POST", UPLOAD, body, {"Content-Type": content_type, **headers})
+        return self.demo.request("POST", f"{UPLOAD}?token={self.demo.token()}", body, {"Content-Type": content_type, **headers})
 
     def perform(self, action):
-        return self.curl(UPGRADE, "--data", f"action={action}")[0]
+        return self.curl(UPGRADE, "--data", f"action={action}&token={self.demo.token()}")[0]
 
     def state(self):
         return self.demo.json(UPGRADE, "upgrade")
@@ -260,7 +260,7 @@ class Upgrades(UpgradeTest):
             "Corvel R1 2.0.0", LARGEST - len(multipart(part(b""))))[1]))
         with Demo(image=image) as demo:
             start = time.monotonic()
-            response = demo.request("POST", UPLOAD, body, {
+            response = demo.request("POST", f"{UPLOAD}?token={demo.token()}", body, {
                 "Content-Type": "multipart/form-data; boundary=xYzZY"})
             seconds = time.monotonic() - start
             self.assertEqual(response.status, 303)
@@ -272,7 +272,7 @@ class Upgrades(UpgradeTest):
     def test_actions_in_the_wrong_order_are_refused(self):
         self.assertEqual(self.perform("write"), 409)
         self.assertEqual(self.perform("format"), 400)
-        self.assertEqual(self.curl(UPGRADE, "--data", "x=y")[0], 400)
+        self.assertEqual(self.curl(UPGRADE, "--data", f"x=y&token={self.demo.token()}")[0], 400)
         self.assert_unchanged()
         image = Image("Corvel R1 2.0.0").bytes()
         self.upload(image)
@@ -418,7 +418,7 @@ class Refusals(UpgradeTest):
 
     def test_an_incomplete_upload_changes_nothing(self):
         body = multipart(part(Image("Corvel R1 2.0.0").bytes()))
-        head = (f"POST {UPLOAD} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
+        head = (f"POST {UPLOAD}?token={self.demo.token()} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n"
                 f"Cookie: session={self.demo.session}\r\n"
                 "Content-Type: multipart/form-data; boundary=xYzZY\r\n"
                 f"Content-Length: {len(body)}\r\n\r\n").encode()
@@ -628,7 +628,7 @@ class AtOnce(UpgradeTest):
         small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))
         connection = http.client.HTTPConnection("127.0.0.1", self.demo.port, timeout=20)
         self.addCleanup(connection.close)
-        connection.putrequest("POST", UPLOAD)
+        connection.putrequest("POST", f"{UPLOAD}?token={self.demo.token()}")
         for name, value in (("Content-Type", "multipart/form-data; boundary=xYzZY"),
                             ("Cookie", f"session={self.demo.session}"),
                             ("Content-Length", str(len(large)))):
