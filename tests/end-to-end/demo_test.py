@@ -41,10 +41,8 @@ class SharedDemoTest(DemoTest):
         cls.demo = shared_demo()
 
     def setUp(self):
-        # A successful login resets the failures of previous tests. Of sessions that were used in the
-        # same second, any one could make room for a new one.
-        for path in self.demo.sessions().values():
-            path.unlink()
+        # A successful login resets the failures of previous tests.
+        self.demo.end_sessions()
         self.demo.session = self.demo.log_in()
 
 

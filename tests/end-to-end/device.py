@@ -231,6 +231,12 @@ class Demo:
         """Returns the files of the sessions by name."""
         return {path.name: path for path in (self.root() / "run/sessions").iterdir()}
 
+    def end_sessions(self):
+        """Ends all sessions. A user has eight; of those that were used in the same second, any one
+        makes room for a new one."""
+        for path in self.sessions().values():
+            path.unlink()
+
     def programs(self, path):
         """Returns the processes of the device that run a program."""
         found = []

@@ -21,6 +21,7 @@ class PasswordTest(OwnDemoTest):
     def setUp(self):
         """Restores the factory's password and resets the failures."""
         self.path.write_bytes(self.accounts)
+        self.demo.end_sessions()
         self.demo.session = self.demo.log_in()
 
     def tearDown(self):

@@ -26,6 +26,7 @@ while True:
 
 class Traps(OwnDemoTest):
     def setUp(self):
+        self.demo.end_sessions()
         self.demo.session = self.demo.log_in()
         self.listener = subprocess.Popen(
             self.demo.inside(sys.executable, "-c", LISTENER), stdin=subprocess.DEVNULL,
