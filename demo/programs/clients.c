@@ -25,7 +25,7 @@ typedef struct client {
     char ip[sizeof(((lease_entry *)0)->ip)];
     char stripped[stripped_size]; /* the hardware address without colons; empty if unknown */
     char interface[IF_NAMESIZE];
-    char expires[duration_size];
+    char expires[CORVEL_TIME_TEXT_SIZE];
     long left; /* seconds */
 } client;
 
@@ -51,7 +51,7 @@ static void take_expiry(client *taken, const char *seconds) {
     else if (taken->left < 0)
         snprintf(taken->expires, sizeof taken->expires, "expired");
     else
-        format_duration(taken->left, taken->expires);
+        corvel_duration_text(taken->left, taken->expires);
     if (taken->left < never)
         taken->left = -never;
 }

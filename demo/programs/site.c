@@ -411,17 +411,6 @@ void print_redirect(const char *path) {
     printf("Status: 303 See Other\r\nLocation: %s\r\nCache-Control: no-store\r\n\r\n", path);
 }
 
-char *format_duration(long seconds, char text[duration_size]) {
-    const long days = seconds / 86400;
-    const int clock = (int)(seconds % 86400);
-    int used = 0;
-    if (days > 0)
-        used = snprintf(text, duration_size, "%ld d ", days);
-    snprintf(text + used, duration_size - (size_t)used, "%02d:%02d:%02d", clock / 3600,
-             clock / 60 % 60, clock % 60);
-    return text;
-}
-
 int mute_output(void) {
     fflush(stdout);
     const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

@@ -27,9 +27,7 @@ enum {
     /** The largest form that is accepted, in bytes. */
     longest_body = 65536,
     /** The largest upload that is accepted, in bytes. */
-    longest_upload = CORVEL_UPLOAD_MAX,
-    /** Bytes of a formatted duration, including the terminating NUL. */
-    duration_size = 40
+    longest_upload = CORVEL_UPLOAD_MAX
 };
 
 /** A property file of the device, and the separator between its names and values. */
@@ -212,9 +210,6 @@ void print_redirect(const char *path);
 
 /** A function that adds a field to a list: add_html() or add_json(). */
 typedef void add_field(str_node **fields, const char *name, const char *value);
-
-/** Formats a duration as "HH:MM:SS", preceded by the days, as "2 d ", if it is a day or more. */
-char *format_duration(long seconds, char text[duration_size]);
 
 /**
  * Discards standard output, which is the response, while library functions print to it.

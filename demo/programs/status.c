@@ -44,7 +44,7 @@ static str_node *system_fields(add_field *add) {
     str_node *fields = NULL;
     char gateway[CORVEL_IPV4_SIZE];
     char dns[dns_size];
-    char uptime[duration_size];
+    char uptime[CORVEL_TIME_TEXT_SIZE];
     read_dns(dns);
     const int output = mute_output(); /* getDefGw() prints if it cannot read the routes */
     getDefGw("wan0", gateway);
@@ -55,7 +55,7 @@ static str_node *system_fields(add_field *add) {
     add(&fields, "gateway", or_nothing(gateway, "0.0.0.0"));
     add(&fields, "dns", dns);
     add(&fields, "bootset", set_letter(read_boot_state().running));
-    add(&fields, "uptime", format_duration(monotonic_time(), uptime));
+    add(&fields, "uptime", corvel_duration_text(monotonic_time(), uptime));
     return fields;
 }
 
