@@ -1,11 +1,13 @@
 # SPDX-License-Identifier: MIT
 """The contents of the pages and of the JSON documents."""
 
+import html
 import json
 import re
+import urllib.parse
 
 from demo_test import OwnDemoTest
-from device import DEVICE, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD
+from device import DEVICE, LOGIN, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD, Page
 
 LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLED": "0",
        "DHCP_FIRST": "10.20.28.10", "DHCP_LAST": "10.20.29.200", "DHCP_LEASE": "72"}
@@ -13,6 +15,7 @@ WIRELESS = {"WLAN_ENABLED": "1", "WLAN_SSID": "Caf\u00e9 <b> & 'co'", "WLAN_HIDD
             "WLAN_PASSPHRASE": "correct horse", "WLAN_CHANNEL": "11"}
 GLOBAL = {"HOST_NAME": "attic", "DESCRIPTION": "Under the roof", "CONTACT": "Ann, 2nd floor",
           "DOMAIN": "home.arpa", "COUNTRY": "JP"}
+CHOICES = ("DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN", "WLAN_CHANNEL", "COUNTRY")
 NETWORK_SETTINGS = {**LAN, **WIRELESS, "DOMAIN": GLOBAL["DOMAIN"], "COUNTRY": GLOBAL["COUNTRY"]}
 DEVICE_SETTINGS = {name: GLOBAL[name] for name in ("HOST_NAME", "DESCRIPTION", "CONTACT")}
 
@@ -57,6 +60,27 @@ class Pages(OwnDemoTest):
             text = self.demo.get(path).text
             self.assertIsNone(re.search(r"\$\w", text))
             self.assertTrue(text.endswith("</html>\n"))
+
+    def test_values_of_a_form_are_shown_escaped(self):
+        """A value is shown as it was sent, even if it looks like a marker of a template."""
+        forms = {NETWORK: NETWORK_SETTINGS, DEVICE: DEVICE_SETTINGS, LOGIN: {"user": "", "next": ""}}
+        for sent in ("x$token", "{{token}}", '"><script>', "{{&token}}$message'"):
+            for path, names in forms.items():
+                with self.subTest(f"{path} {sent}"):
+                    response = self.demo.post(path, dict.fromkeys(names, sent) | {"password": sent})
+                    self.assertIn(response.status, (403, 422, 429))
+                    page = Page(response.text)
+                    for name in names:
+                        if name in page.shown and name not in CHOICES:
+                            self.assertEqual(page.shown[name], sent, name)
+                    self.assertNotIn("<script>", response.text)
+                    self.assertNotIn("x" + self.demo.token(), response.text)
+            for path in PAGES:
+                text = self.demo.get(f"{path}?" + urllib.parse.urlencode(
+                    {name: sent for name in ("sort", "saved", "next", "user", "message")})).text
+                self.assertNotIn("<script>", text)
+                self.assertNotIn(sent, html.unescape(text))
+        self.demo.session = self.demo.log_in()
 
     def test_the_navigation_marks_the_current_page(self):
         for path in PAGES:
