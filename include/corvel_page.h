@@ -45,8 +45,17 @@
 #if defined(__GNUC__)
 /** Marks what the shared library exports; everything else in it is hidden. */
 #define CORVEL_PAGE_API __attribute__((__visibility__("default")))
+/**
+ * Makes the compiler check the calls of a function like printf().
+ *
+ * @param format the position of the format among the function's parameters, from 1.
+ * @param first  the position of the first value to print.
+ */
+#define CORVEL_PAGE_PRINTF_LIKE(format, first)                                                     \
+    __attribute__((__format__(__printf__, format, first)))
 #else
 #define CORVEL_PAGE_API
+#define CORVEL_PAGE_PRINTF_LIKE(format, first)
 #endif
 
 #ifdef __cplusplus
@@ -2018,7 +2027,7 @@ typedef enum corvel_log_level {
  * @param format a format as for printf(), without a newline.
  */
 CORVEL_PAGE_API void corvel_log(corvel_log_level level, const char *format, ...)
-    __attribute__((__format__(__printf__, 2, 3)));
+    CORVEL_PAGE_PRINTF_LIKE(2, 3);
 /** @} */
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Tests the build and the installation: the header alone in each language, the plain build and its
+"""Tests the build and the installation: the headers alone in each language, the plain build and its
 files, the installed package, and a sanitized shared library in a sanitized program.
 """
 import functools
@@ -75,7 +75,7 @@ def directory():
         yield Path(made)
 
 
-# --- The header alone ---------------------------------------------------------------------------
+# --- The headers alone --------------------------------------------------------------------------
 
 COMMON = ("-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wundef "
           "-Wredundant-decls ")
@@ -92,9 +92,11 @@ CLANG_CXX = CLANG_C + " -Wno-c++98-compat -Wno-c++98-compat-pedantic"
     ("g++ -xc++ -std=c++17", GCC_CXX), ("g++ -xc++ -std=c++20", GCC_CXX),
     ("clang++ -xc++ -std=c++17", CLANG_CXX), ("clang++ -xc++ -std=c++20", CLANG_CXX)),
     ids=lambda words: words if "-std" in words else "")
-def test_header_alone(compiler, warnings, directory):
+@pytest.mark.parametrize("headers", (
+    "corvel.h", "corvel_page.h", "corvel.h corvel_page.h", "corvel_page.h corvel.h"))
+def test_headers_alone_and_together(headers, compiler, warnings, directory):
     source = directory / "header"
-    source.write_text("#include <corvel.h>\n")
+    source.write_text("".join(f"#include <{header}>\n" for header in headers.split()))
     run(*compiler.split(), *warnings.split(), "-Werror", "-fsyntax-only", "-I", "include", source)
 
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: MIT */
-/* Compares what the shared library exports and needs with the header and the list of names. */
+/* Compares what each shared library exports and needs with its header and its list of names. */
 #include <corvel.h>
 
 #include "tests/firmware/environment_image.h"
@@ -196,11 +196,30 @@ std::vector<std::string> output_of(const std::string &command) {
     return lines_of(child.out);
 }
 
+/** A shared library, and what it is compared with. */
+struct Library {
+    const char *name;
+    const char *path;
+    const char *header;
+    const char *mark;    ///< what the header puts before each exported declaration
+    const char *exports; ///< the file with the names of the exports, one in each line
+    const char *needed;  ///< a pattern for the names of the libraries that it may need
+};
+
+/** Names the library in the output of a test. */
+void PrintTo(const Library &library, std::ostream *out) { *out << library.name; }
+
+constexpr Library libraries[] = {
+    {"corvel", CORVEL_LIBRARY, CORVEL_HEADER, "CORVEL_API", CORVEL_EXPORTS, "c|crypt"},
+    {"corvel_page", CORVEL_PAGE_LIBRARY, CORVEL_PAGE_HEADER, "CORVEL_PAGE_API", CORVEL_PAGE_EXPORTS,
+     "c|corvel"},
+};
+
 /** The dynamic symbols that `nm` prints with these options: the last word of each line. */
-Names symbols(const std::string &options) {
+Names symbols(const Library &library, const std::string &options) {
     Names names;
     for (const std::string &line :
-         output_of(CORVEL_NM " -D " + options + " '" CORVEL_LIBRARY "'")) {
+         output_of(CORVEL_NM " -D " + options + " '" + library.path + "'")) {
         const std::string name = line.substr(line.find_last_of(' ') + 1);
         names.insert(name.substr(0, name.find('@')));
     }
@@ -208,16 +227,16 @@ Names symbols(const std::string &options) {
 }
 
 /** The values in brackets after a tag of the dynamic section. */
-Names dynamic_entries(const std::string &tag) {
+Names dynamic_entries(const Library &library, const std::string &tag) {
     Names values;
-    for (const std::string &line : output_of(CORVEL_READELF " -dW '" CORVEL_LIBRARY "'"))
+    for (const std::string &line : output_of(CORVEL_READELF " -dW '"s + library.path + "'"))
         if (line.find("(" + tag + ")") != std::string::npos)
             values.insert(line.substr(line.find('[') + 1, line.rfind(']') - line.find('[') - 1));
     return values;
 }
 
-Names listed() {
-    const std::vector<std::string> lines = lines_of(read_file(CORVEL_EXPORTS));
+Names listed(const Library &library) {
+    const std::vector<std::string> lines = lines_of(read_file(library.exports));
     Names names(lines.begin(), lines.end());
     EXPECT_EQ(names.size(), lines.size()) << "a name is listed twice";
     return names;
@@ -225,8 +244,8 @@ Names listed() {
 
 /** The header with each comment replaced by a space. Not with std::regex, which recurses for each
  * character. */
-std::string header_without_comments() {
-    const std::string header = read_file(CORVEL_HEADER);
+std::string header_without_comments(const Library &library) {
+    const std::string header = read_file(library.header);
     std::string text;
     std::size_t start = 0;
     for (std::size_t comment = header.find("/*"); comment != std::string::npos;
@@ -237,12 +256,12 @@ std::string header_without_comments() {
     return text + header.substr(start);
 }
 
-/** The names that the header declares with CORVEL_API. */
-Names declared() {
-    std::string text = header_without_comments();
+/** The names that the header declares with the library's mark. */
+Names declared(const Library &library) {
+    std::string text = header_without_comments(library);
     text = std::regex_replace(text, std::regex(R"(#[^\n]*)"), " ");
     // The name is the last word before the parameters, the size of an array, or the end.
-    const std::regex declaration(R"(CORVEL_API\s[^;(\[]*?(\w+)\s*[;(\[])");
+    const std::regex declaration("\\b"s + library.mark + R"(\s[^;(\[]*?(\w+)\s*[;(\[])");
     Names names;
     for (std::sregex_iterator match(text.begin(), text.end(), declaration), end; match != end;
          ++match)
@@ -250,36 +269,44 @@ Names declared() {
     return names;
 }
 
-TEST(Surface, DeclaresExactlyWhatIsListed) { EXPECT_EQ(declared(), listed()); }
+class Surface : public testing::TestWithParam<Library> {};
 
-TEST(Surface, ExportsExactlyWhatIsListed) { EXPECT_EQ(symbols("--defined-only"), listed()); }
+TEST_P(Surface, DeclaresExactlyWhatIsListed) {
+    EXPECT_EQ(declared(GetParam()), listed(GetParam()));
+}
 
-TEST(Surface, MarksEveryFunctionOfTheHeader) {
-    const std::string text = header_without_comments();
-    const std::regex unmarked(R"(\n(?!CORVEL_API|typedef|#| )[^\n]*\w\()");
+TEST_P(Surface, ExportsExactlyWhatIsListed) {
+    EXPECT_EQ(symbols(GetParam(), "--defined-only"), listed(GetParam()));
+}
+
+TEST_P(Surface, MarksEveryFunctionOfTheHeader) {
+    const std::string text = header_without_comments(GetParam());
+    const std::regex unmarked("\\n(?!"s + GetParam().mark + R"(|typedef|#| )[^\n]*\w\()");
     EXPECT_FALSE(std::regex_search(text, unmarked));
 }
 
-TEST(Surface, NeedsOnlyTheCLibrary) {
-    const std::regex allowed(sanitized ? R"(lib(c|crypt|asan|ubsan|clang_rt\.\w+|m|gcc_s)[.-].*)"
-                                       : R"(lib(c|crypt)\..*)");
-    const Names needed = dynamic_entries("NEEDED");
+TEST_P(Surface, NeedsOnlyTheCLibraryAndWhatItIsBuiltOn) {
+    const std::regex allowed(
+        "lib("s + GetParam().needed +
+        (sanitized ? R"(|asan|ubsan|clang_rt\.\w+|m|gcc_s)[.-].*)" : R"()\..*)"));
+    const Names needed = dynamic_entries(GetParam(), "NEEDED");
     EXPECT_FALSE(needed.empty());
     for (const std::string &library : needed)
         EXPECT_TRUE(std::regex_match(library, allowed)) << library;
 }
 
-TEST(Surface, HasItsSoname) {
-    EXPECT_EQ(dynamic_entries("SONAME"), Names{"libcorvel.so.1"});
+TEST_P(Surface, HasItsSoname) {
+    const std::string file = "lib"s + GetParam().name + ".so";
+    EXPECT_EQ(dynamic_entries(GetParam(), "SONAME"), Names{file + ".1"});
     namespace fs = std::filesystem;
-    const fs::path directory = fs::path(CORVEL_LIBRARY).parent_path();
-    EXPECT_TRUE(fs::is_symlink(directory / "libcorvel.so"));
-    EXPECT_EQ(fs::canonical(directory / "libcorvel.so.1"), fs::canonical(CORVEL_LIBRARY));
-    EXPECT_EQ(fs::canonical(directory / "libcorvel.so"), fs::canonical(CORVEL_LIBRARY));
+    const fs::path directory = fs::path(GetParam().path).parent_path();
+    EXPECT_TRUE(fs::is_symlink(directory / file));
+    EXPECT_EQ(fs::canonical(directory / (file + ".1")), fs::canonical(GetParam().path));
+    EXPECT_EQ(fs::canonical(directory / file), fs::canonical(GetParam().path));
 }
 
-TEST(Surface, NeedsNothingOfTheCxxRuntime) {
-    for (const std::string &name : symbols("--undefined-only")) {
+TEST_P(Surface, NeedsNothingOfTheCxxRuntime) {
+    for (const std::string &name : symbols(GetParam(), "--undefined-only")) {
         // The C start-up files of every shared object refer to this one.
         if (name == "__cxa_finalize")
             continue;
@@ -288,7 +315,15 @@ TEST(Surface, NeedsNothingOfTheCxxRuntime) {
     }
 }
 
-TEST(Surface, CallsItsOwnFunctionsEvenIfTheProgramDefinesTheirNames) {
+INSTANTIATE_TEST_SUITE_P(Libraries, Surface, testing::ValuesIn(libraries),
+                         [](const auto &library) { return std::string(library.param.name); });
+
+TEST(PageKit, ExportsOnlyNamesWithThePrefix) {
+    for (const std::string &name : symbols(libraries[1], "--defined-only"))
+        EXPECT_TRUE(name.starts_with("corvel_")) << name;
+}
+
+TEST(OwnFunctions, AreCalledEvenIfTheProgramDefinesTheirNames) {
     const TemporaryDirectory directory;
     directory.write("conf", "A=\"1\"\n");
     directory.write("page", "<h1>$title</h1>\n");
