@@ -7,9 +7,10 @@
  * its fields, reads or saves settings, and sends one answer:
  *
  * @code
+ * static corvel_request_rules rules; // zeroed: every member has its default
  * corvel_request *const request = corvel_request_begin();
- * const corvel_request_rules rules = {.methods = CORVEL_GET | CORVEL_POST};
  * corvel_answer *const answer = corvel_answer_new(request, NULL);
+ * rules.methods = CORVEL_GET | CORVEL_POST;
  * const int status = corvel_request_read(request, &rules);
  * if (status != CORVEL_HTTP_OK)
  *     corvel_answer_error(answer, status, corvel_request_complaint(request));
@@ -18,6 +19,10 @@
  * corvel_answer_send(answer);
  * corvel_answer_free(answer);
  * corvel_request_free(request);
+ * // $ REQUEST_METHOD=GET QUERY_STRING=name=%3CRouter%3E ./example | tail -n 1
+ * // &lt;Router&gt;
+ * // $ REQUEST_METHOD=TRACE ./example | head -n 1 | tr -d '\r'
+ * // Status: 405 Method Not Allowed
  * @endcode
  *
  * These conventions hold for every function, unless its own description says otherwise:
@@ -26,13 +31,16 @@
  *    nothing.
  *  - A function that takes a handle accepts a null pointer: it does nothing and returns its failure
  *    value. The result of a `..._new`, `..._begin` or `..._load` function can be passed on
- * unchecked.
+ *    unchecked.
  *  - A string that a function returns belongs to the handle that it was read from and is valid
- * until that handle is changed or freed.
+ *    until that handle is changed or freed.
  *  - Everything allocated is released by the handle's `..._free` function. There is no global
- * state.
+ *    state.
  *  - Sizes are in bytes. A size includes the terminating NUL, a length does not.
  *  - Several threads may use the kit at once if each has its own handles.
+ *
+ * The examples are bodies of main(), each compiled and run by the project's tests. Where an example
+ * ends with lines that begin with `$`, these are the shell commands that run it, with their output.
  */
 #ifndef CORVEL_PAGE_H
 #define CORVEL_PAGE_H
@@ -82,10 +90,10 @@ typedef struct corvel_request corvel_request;
 
 /** Methods of a request, combined by bitwise or. */
 enum {
-    CORVEL_GET = 1, /**< GET, and HEAD, whose answer is sent without its body. */
-    CORVEL_POST = 2,
-    CORVEL_PUT = 4,
-    CORVEL_DELETE = 8
+    CORVEL_GET = 1,   /**< GET, and HEAD, whose answer is sent without its body. */
+    CORVEL_POST = 2,  /**< POST */
+    CORVEL_PUT = 4,   /**< PUT */
+    CORVEL_DELETE = 8 /**< DELETE */
 };
 
 /** Content types of a request's body, combined by bitwise or. */
@@ -98,22 +106,22 @@ enum {
 
 /** Statuses of HTTP that the pages of a device need. */
 enum {
-    CORVEL_HTTP_OK = 200,
-    CORVEL_HTTP_SEE_OTHER = 303,
-    CORVEL_HTTP_NOT_MODIFIED = 304,
-    CORVEL_HTTP_BAD_REQUEST = 400,
-    CORVEL_HTTP_FORBIDDEN = 403,
-    CORVEL_HTTP_NOT_FOUND = 404,
-    CORVEL_HTTP_METHOD_NOT_ALLOWED = 405,
-    CORVEL_HTTP_REQUEST_TIMEOUT = 408,
-    CORVEL_HTTP_CONFLICT = 409,
-    CORVEL_HTTP_LENGTH_REQUIRED = 411,
-    CORVEL_HTTP_CONTENT_TOO_LARGE = 413,
-    CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE = 415,
-    CORVEL_HTTP_UNPROCESSABLE_CONTENT = 422,
-    CORVEL_HTTP_TOO_MANY_REQUESTS = 429,
-    CORVEL_HTTP_INTERNAL_SERVER_ERROR = 500,
-    CORVEL_HTTP_SERVICE_UNAVAILABLE = 503
+    CORVEL_HTTP_OK = 200,                     /**< OK */
+    CORVEL_HTTP_SEE_OTHER = 303,              /**< See Other */
+    CORVEL_HTTP_NOT_MODIFIED = 304,           /**< Not Modified */
+    CORVEL_HTTP_BAD_REQUEST = 400,            /**< Bad Request */
+    CORVEL_HTTP_FORBIDDEN = 403,              /**< Forbidden */
+    CORVEL_HTTP_NOT_FOUND = 404,              /**< Not Found */
+    CORVEL_HTTP_METHOD_NOT_ALLOWED = 405,     /**< Method Not Allowed */
+    CORVEL_HTTP_REQUEST_TIMEOUT = 408,        /**< Request Timeout */
+    CORVEL_HTTP_CONFLICT = 409,               /**< Conflict */
+    CORVEL_HTTP_LENGTH_REQUIRED = 411,        /**< Length Required */
+    CORVEL_HTTP_CONTENT_TOO_LARGE = 413,      /**< Content Too Large */
+    CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE = 415, /**< Unsupported Media Type */
+    CORVEL_HTTP_UNPROCESSABLE_CONTENT = 422,  /**< Unprocessable Content */
+    CORVEL_HTTP_TOO_MANY_REQUESTS = 429,      /**< Too Many Requests */
+    CORVEL_HTTP_INTERNAL_SERVER_ERROR = 500,  /**< Internal Server Error */
+    CORVEL_HTTP_SERVICE_UNAVAILABLE = 503     /**< Service Unavailable */
 };
 
 /** What a page accepts. A member that is 0 has the default stated here. */
@@ -152,6 +160,7 @@ typedef struct corvel_request_rules {
  * @return the request, to be released with corvel_request_free(); null if memory is exhausted. A
  *         null request can be passed on: corvel_request_read() then returns
  *         CORVEL_HTTP_SERVICE_UNAVAILABLE.
+ * @see corvel_request_read(), corvel_request_free()
  */
 CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
 
@@ -184,8 +193,8 @@ CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
  * @retval CORVEL_HTTP_BAD_REQUEST            the length of the body is malformed, the body ends
  *                                            early, PATH_INFO contains a control character, or a
  *                                            field contains a NUL.
- * @retval CORVEL_HTTP_FORBIDDEN              a page of another site sent the request, or the
- * request was sent to a name that is not in `hosts`.
+ * @retval CORVEL_HTTP_FORBIDDEN              a page of another site sent the request, or it was
+ *                                            sent to a name that is not in `hosts`.
  * @retval CORVEL_HTTP_METHOD_NOT_ALLOWED     the method is not in `methods`.
  * @retval CORVEL_HTTP_REQUEST_TIMEOUT        the body did not arrive in `body_seconds`.
  * @retval CORVEL_HTTP_CONTENT_TOO_LARGE      the body, the pairs or the memory for them exceed
@@ -203,6 +212,7 @@ CORVEL_PAGE_API int corvel_request_read(corvel_request *request, const corvel_re
  * @param[in] request the request.
  * @return a sentence for the user, a string literal; empty if the request was not refused. For a
  *         null request, that memory is exhausted.
+ * @see corvel_answer_error()
  */
 CORVEL_PAGE_API const char *corvel_request_complaint(const corvel_request *request);
 
@@ -210,6 +220,7 @@ CORVEL_PAGE_API const char *corvel_request_complaint(const corvel_request *reque
  * Releases a request. Its body and fields are overwritten first, since they can be passwords.
  *
  * @param[in] request the request; null is ignored.
+ * @see corvel_request_begin()
  */
 CORVEL_PAGE_API void corvel_request_free(corvel_request *request);
 
@@ -219,6 +230,7 @@ CORVEL_PAGE_API void corvel_request_free(corvel_request *request);
  * @param[in] request the request.
  * @return CORVEL_GET for GET and HEAD, CORVEL_POST, CORVEL_PUT or CORVEL_DELETE; 0 for any other
  *         method, and for one that is not in upper case.
+ * @see ::corvel_request_rules
  */
 CORVEL_PAGE_API unsigned corvel_method(const corvel_request *request);
 
@@ -243,6 +255,7 @@ CORVEL_PAGE_API const char *corvel_path(const corvel_request *request);
  * @param[in] index   0 for the first cookie of that name, in the order of the request.
  * @return the value without the double quotes around it, if any; null if there are fewer cookies of
  *         that name.
+ * @see corvel_answer_cookie(), corvel_session_find()
  */
 CORVEL_PAGE_API const char *corvel_cookie(const corvel_request *request, const char *name,
                                           size_t index);
@@ -253,6 +266,7 @@ CORVEL_PAGE_API const char *corvel_cookie(const corvel_request *request, const c
  *
  * @param[in] request the request.
  * @return the address as the web server writes it; empty if the server gives none.
+ * @see corvel_login()
  */
 CORVEL_PAGE_API const char *corvel_client_address(const corvel_request *request);
 
@@ -261,6 +275,7 @@ CORVEL_PAGE_API const char *corvel_client_address(const corvel_request *request)
  *
  * @param[in] request the request.
  * @return true if the variable HTTPS is set and neither empty nor `off`.
+ * @see corvel_answer_cookie()
  */
 CORVEL_PAGE_API bool corvel_is_secure(const corvel_request *request);
 
@@ -270,6 +285,7 @@ CORVEL_PAGE_API bool corvel_is_secure(const corvel_request *request);
  * @param[in]  request the request.
  * @param[out] size    receives the number of bytes, without the NUL after them; may be null.
  * @return the bytes, which can contain NULs, and a NUL after them. Empty if there is no such body.
+ * @see corvel_request_read()
  */
 CORVEL_PAGE_API const char *corvel_request_body(const corvel_request *request, size_t *size);
 /** @} */
@@ -316,6 +332,7 @@ CORVEL_PAGE_API const char *corvel_request_body(const corvel_request *request, s
  * @param[in] request the request.
  * @param[in] name    the name, compared exactly.
  * @return the value, valid until the request is freed; null if the field is missing.
+ * @see corvel_field_at(), corvel_query(), corvel_check_text()
  */
 CORVEL_PAGE_API const char *corvel_field(const corvel_request *request, const char *name);
 
@@ -325,6 +342,7 @@ CORVEL_PAGE_API const char *corvel_field(const corvel_request *request, const ch
  * @param[in] request the request.
  * @param[in] name    the name, compared exactly.
  * @return the value, valid until the request is freed; null if it is missing.
+ * @see corvel_field()
  */
 CORVEL_PAGE_API const char *corvel_query(const corvel_request *request, const char *name);
 
@@ -335,6 +353,7 @@ CORVEL_PAGE_API const char *corvel_query(const corvel_request *request, const ch
  * @param[in] name    the name, compared exactly.
  * @param[in] index   0 for the first value, in the order of the form.
  * @return the value, valid until the request is freed; null if the field has fewer values.
+ * @see corvel_field(), corvel_field_count()
  */
 CORVEL_PAGE_API const char *corvel_field_at(const corvel_request *request, const char *name,
                                             size_t index);
@@ -344,6 +363,7 @@ CORVEL_PAGE_API const char *corvel_field_at(const corvel_request *request, const
  *
  * @param[in] request the request.
  * @return the number of pairs.
+ * @see corvel_field_pair()
  */
 CORVEL_PAGE_API size_t corvel_field_count(const corvel_request *request);
 
@@ -356,6 +376,7 @@ CORVEL_PAGE_API size_t corvel_field_count(const corvel_request *request);
  * @param[out] value    receives the value, valid until the request is freed; may be null.
  * @retval true  the pair is stored.
  * @retval false there are fewer pairs; nothing is stored.
+ * @see corvel_field_count(), corvel_field()
  */
 CORVEL_PAGE_API bool corvel_field_pair(const corvel_request *request, size_t position,
                                        const char **name, const char **value);
@@ -368,6 +389,7 @@ CORVEL_PAGE_API bool corvel_field_pair(const corvel_request *request, size_t pos
  * @param[in] min   the shortest length, in bytes.
  * @param[in] max   the greatest length, in bytes.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_choice(), corvel_setting_set()
  */
 CORVEL_PAGE_API const char *corvel_check_text(const char *value, size_t min, size_t max);
 
@@ -380,6 +402,7 @@ CORVEL_PAGE_API const char *corvel_check_text(const char *value, size_t min, siz
  * @param[in]  max    the greatest number.
  * @param[out] number receives the number; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_port()
  */
 CORVEL_PAGE_API const char *corvel_check_integer(const char *value, long min, long max,
                                                  long *number);
@@ -391,6 +414,7 @@ CORVEL_PAGE_API const char *corvel_check_integer(const char *value, long min, lo
  * @param[out] address receives the address in the host's byte order: 0xC0A80101 for 192.168.1.1;
  *                     may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_netmask(), corvel_check_range()
  */
 CORVEL_PAGE_API const char *corvel_check_ipv4(const char *value, uint32_t *address);
 
@@ -400,6 +424,7 @@ CORVEL_PAGE_API const char *corvel_check_ipv4(const char *value, uint32_t *addre
  * @param[in]  value   the value. This is the only check that accepts several spellings of a value.
  * @param[out] address receives the 16 bytes of the address; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_ipv4()
  */
 CORVEL_PAGE_API const char *corvel_check_ipv6(const char *value, unsigned char address[16]);
 
@@ -409,6 +434,7 @@ CORVEL_PAGE_API const char *corvel_check_ipv6(const char *value, unsigned char a
  * @param[in]  value  the value.
  * @param[out] prefix receives the length of the prefix, 0 to 32: 24 for 255.255.255.0; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_prefix()
  */
 CORVEL_PAGE_API const char *corvel_check_netmask(const char *value, unsigned *prefix);
 
@@ -420,6 +446,7 @@ CORVEL_PAGE_API const char *corvel_check_netmask(const char *value, unsigned *pr
  * @param[out] network receives the address in the host's byte order; may be null.
  * @param[out] prefix  receives the length of the prefix, 0 to 32; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_ipv4(), corvel_check_netmask()
  */
 CORVEL_PAGE_API const char *corvel_check_prefix(const char *value, uint32_t *network,
                                                 unsigned *prefix);
@@ -435,6 +462,7 @@ CORVEL_PAGE_API const char *corvel_check_prefix(const char *value, uint32_t *net
  * @param[in] netmask the netmask of the network.
  * @return null if the range is valid, otherwise a message, which is about the first of the four
  *         values that is not valid by itself, or about the range.
+ * @see corvel_check_ipv4(), corvel_check_netmask()
  */
 CORVEL_PAGE_API const char *corvel_check_range(const char *first, const char *last,
                                                const char *address, const char *netmask);
@@ -445,6 +473,7 @@ CORVEL_PAGE_API const char *corvel_check_range(const char *first, const char *la
  * @param[in]  value the value.
  * @param[out] mac   receives the 6 bytes of the address; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_host_name()
  */
 CORVEL_PAGE_API const char *corvel_check_mac(const char *value, unsigned char mac[6]);
 
@@ -455,6 +484,7 @@ CORVEL_PAGE_API const char *corvel_check_mac(const char *value, unsigned char ma
  *
  * @param[in] value the value.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_ipv4(), corvel_check_ipv6()
  */
 CORVEL_PAGE_API const char *corvel_check_host_name(const char *value);
 
@@ -464,6 +494,7 @@ CORVEL_PAGE_API const char *corvel_check_host_name(const char *value);
  * @param[in]  value the value.
  * @param[out] port  receives the port; may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_integer()
  */
 CORVEL_PAGE_API const char *corvel_check_port(const char *value, unsigned *port);
 
@@ -475,6 +506,7 @@ CORVEL_PAGE_API const char *corvel_check_port(const char *value, unsigned *port)
  * @param[out] index   receives the position of the first string of the list that equals the value;
  *                     may be null.
  * @return null if the value is valid, otherwise a message.
+ * @see corvel_check_text()
  */
 CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *const choices[],
                                                 size_t *index);
@@ -492,7 +524,8 @@ CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *c
  * therefore returns a failure.
  *
  * @code
- * static const corvel_site site = {.templates = "/www/templates", .error_template = "error"};
+ * static corvel_site site;
+ * site.templates = "templates";
  * corvel_request *const request = corvel_request_begin();
  * corvel_answer *const answer = corvel_answer_new(request, &site);
  * corvel_data *const data = corvel_data_new();
@@ -502,6 +535,9 @@ CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *c
  * corvel_data_free(data);
  * corvel_answer_free(answer);
  * corvel_request_free(request);
+ * // $ mkdir templates && echo '<h1>{{name}}</h1>' > templates/status.html
+ * // $ REQUEST_METHOD=GET ./example | tail -n 1
+ * // <h1>&lt;Router&gt;</h1>
  * @endcode
  * @{
  */
@@ -543,12 +579,13 @@ typedef struct corvel_site {
  *  - `Referrer-Policy: same-origin`
  *  - `Content-Security-Policy`, see corvel_site
  *
- * @param request the request. Null if corvel_request_begin() failed: the answer then has its body
- *                even if the method is HEAD. Must stay valid until the answer is freed.
- * @param site    what the site's answers have in common; null for all defaults. It is copied, but
- *                not its strings.
+ * @param[in] request the request. Null if corvel_request_begin() failed: the answer then has its
+ *                    body even if the method is HEAD. Must stay valid until the answer is freed.
+ * @param[in] site    what the site's answers have in common; null for all defaults. It is copied,
+ *                    but not its strings.
  * @return the answer, for corvel_answer_free(); null if memory is exhausted. All functions accept
  *         null, and corvel_answer_send() then sends a plain answer of status 503.
+ * @see corvel_answer_send(), corvel_answer_free()
  */
 CORVEL_PAGE_API corvel_answer *corvel_answer_new(const corvel_request *request,
                                                  const corvel_site *site);
@@ -556,7 +593,8 @@ CORVEL_PAGE_API corvel_answer *corvel_answer_new(const corvel_request *request,
 /**
  * Releases an answer. If it was not sent, nothing is sent.
  *
- * @param answer the answer; null is ignored.
+ * @param[in] answer the answer; null is ignored.
+ * @see corvel_answer_new()
  */
 CORVEL_PAGE_API void corvel_answer_free(corvel_answer *answer);
 
@@ -564,27 +602,30 @@ CORVEL_PAGE_API void corvel_answer_free(corvel_answer *answer);
  * States values that every template of the answer can use, error pages too: the user's name, the
  * device's model. A name is looked up there last.
  *
- * @param answer the answer.
- * @param values the values; null, the result of a corvel_data_new() that failed, is a misuse. They
- *               are not copied and must stay valid until the answer is freed.
+ * @param[in,out] answer the answer.
+ * @param[in]     values the values; null, the result of a corvel_data_new() that failed, is a
+ *                       misuse. They are not copied and must stay valid until the answer is freed.
+ * @see corvel_data_new(), corvel_answer_template()
  */
 CORVEL_PAGE_API void corvel_answer_values(corvel_answer *answer, const corvel_data *values);
 
 /**
  * Sets the status. Ignored after corvel_answer_error() and corvel_answer_redirect().
  *
- * @param answer the answer.
- * @param status the status, 200 to 599; any other is a misuse. An answer of status 204 or 304 is
- *               sent without a body.
+ * @param[in,out] answer the answer.
+ * @param[in]     status the status, 200 to 599; any other is a misuse. An answer of status 204 or
+ *                       304 is sent without a body.
+ * @see corvel_answer_error()
  */
 CORVEL_PAGE_API void corvel_answer_status(corvel_answer *answer, int status);
 
 /**
  * Sets the content type. Ignored after corvel_answer_error() and corvel_answer_redirect().
  *
- * @param answer the answer.
- * @param type   the type, such as "text/csv; charset=utf-8". A null pointer, an empty string or one
- *               with control characters is a misuse.
+ * @param[in,out] answer the answer.
+ * @param[in]     type   the type, such as "text/csv; charset=utf-8". A null pointer, an empty
+ *                       string or one with control characters is a misuse.
+ * @see corvel_answer_write()
  */
 CORVEL_PAGE_API void corvel_answer_type(corvel_answer *answer, const char *type);
 
@@ -598,15 +639,18 @@ CORVEL_PAGE_API void corvel_answer_type(corvel_answer *answer, const char *type)
  * corvel_answer_header(answer, "Retry-After", "60");
  * corvel_answer_send(answer);
  * corvel_answer_free(answer);
+ * // $ ./example | grep Retry | tr -d '\r'
+ * // Retry-After: 60
  * @endcode
  *
- * @param answer the answer.
- * @param name   the name: letters, digits and any of "!#$%&'*+-.^_`|~". Any other name is a misuse,
- *               and so are the names that other functions set: Status, Content-Type,
- *               Content-Length, Transfer-Encoding and Set-Cookie.
- * @param value  the value; a null pointer or an empty string removes the field. A value with a
- *               control character, such as a newline, is a misuse. All fields together can have
- *               16,384 bytes.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name: letters, digits, the backquote and any of `!#$%&'*+-.^_|~`. Any
+ *                       other name is a misuse, and so are the names that other functions set:
+ *                       Status, Content-Type, Content-Length, Transfer-Encoding and Set-Cookie.
+ * @param[in]     value  the value; a null pointer or an empty string removes the field. A value
+ *                       with a control character, such as a newline, is a misuse. All fields
+ *                       together can have 16,384 bytes.
+ * @see corvel_answer_type(), corvel_answer_cookie()
  */
 CORVEL_PAGE_API void corvel_answer_header(corvel_answer *answer, const char *name,
                                           const char *value);
@@ -617,13 +661,15 @@ CORVEL_PAGE_API void corvel_answer_header(corvel_answer *answer, const char *nam
  * error page or redirection keeps the cookies that were set before. All cookies together can have
  * 16,384 bytes.
  *
- * @param answer  the answer.
- * @param name    the name: letters, digits and any of "!#$%&'*+-.^_`|~". Any other is a misuse.
- * @param value   the value: printable ASCII characters except the space, `"`, `,`, `;` and the
- *                backslash; any other character is a misuse. A null pointer removes the cookie from
- *                the browser.
- * @param max_age seconds until the browser removes the cookie, 0 to remove it at once; a negative
- *                number keeps it until the browser is closed.
+ * @param[in,out] answer  the answer.
+ * @param[in]     name    the name: letters, digits, the backquote and any of `!#$%&'*+-.^_|~`. Any
+ *                        other is a misuse.
+ * @param[in]     value   the value: printable ASCII characters except the space, `"`, `,`, `;` and
+ *                        the backslash; any other character is a misuse. A null pointer removes the
+ *                        cookie from the browser.
+ * @param[in]     max_age seconds until the browser removes the cookie, 0 to remove it at once; a
+ *                        negative number keeps it until the browser is closed.
+ * @see corvel_cookie(), corvel_session_start()
  */
 CORVEL_PAGE_API void corvel_answer_cookie(corvel_answer *answer, const char *name,
                                           const char *value, long max_age);
@@ -633,9 +679,10 @@ CORVEL_PAGE_API void corvel_answer_cookie(corvel_answer *answer, const char *nam
  * use corvel_answer_html(). Ignored after corvel_answer_error() and corvel_answer_redirect(); a
  * misuse in a JSON body.
  *
- * @param answer the answer.
- * @param bytes  the bytes; null appends nothing.
- * @param size   the number of bytes.
+ * @param[in,out] answer the answer.
+ * @param[in]     bytes  the bytes; null appends nothing.
+ * @param[in]     size   the number of bytes.
+ * @see corvel_answer_html(), corvel_answer_type()
  */
 CORVEL_PAGE_API void corvel_answer_write(corvel_answer *answer, const void *bytes, size_t size);
 
@@ -648,8 +695,9 @@ CORVEL_PAGE_API void corvel_answer_write(corvel_answer *answer, const void *byte
  * carriage return, becomes U+FFFD. Ignored after corvel_answer_error() and
  * corvel_answer_redirect(); a misuse in a JSON body.
  *
- * @param answer the answer.
- * @param text   the string.
+ * @param[in,out] answer the answer.
+ * @param[in]     text   the string.
+ * @see corvel_answer_template(), corvel_answer_write()
  */
 CORVEL_PAGE_API void corvel_answer_html(corvel_answer *answer, const char *text);
 
@@ -658,10 +706,11 @@ CORVEL_PAGE_API void corvel_answer_html(corvel_answer *answer, const char *text)
  * body becomes empty and the header fields become the defaults again; only cookies are kept. What
  * is appended afterwards is ignored.
  *
- * @param answer the answer.
- * @param path   a path of this site, with a query if needed. One that corvel_is_local_path() does
- *               not accept is a misuse, so that a path out of a request cannot lead to another
- *               site.
+ * @param[in,out] answer the answer.
+ * @param[in]     path   a path of this site, with a query if needed. One that
+ *                       corvel_is_local_path() does not accept is a misuse, so that a path out of a
+ *                       request cannot lead to another site.
+ * @see corvel_is_local_path()
  */
 CORVEL_PAGE_API void corvel_answer_redirect(corvel_answer *answer, const char *path);
 
@@ -673,9 +722,10 @@ CORVEL_PAGE_API void corvel_answer_redirect(corvel_answer *answer, const char *p
  * Found") and `reason`, and with those of corvel_answer_values(). If it cannot be filled, the log
  * contains the reason, and the page is a plain one of the kit. If memory is exhausted, it is empty.
  *
- * @param answer the answer.
- * @param status the status, 400 to 599; any other is a misuse.
- * @param reason a sentence for the user, which is escaped; null if there is none.
+ * @param[in,out] answer the answer.
+ * @param[in]     status the status, 400 to 599; any other is a misuse.
+ * @param[in]     reason a sentence for the user, which is escaped; null if there is none.
+ * @see corvel_request_complaint()
  */
 CORVEL_PAGE_API void corvel_answer_error(corvel_answer *answer, int status, const char *reason);
 
@@ -689,7 +739,8 @@ CORVEL_PAGE_API void corvel_answer_error(corvel_answer *answer, int status, cons
  * body. There is no condition if the method is not GET or HEAD, or if the status is not 200.
  * Ignored after corvel_answer_error() and corvel_answer_redirect().
  *
- * @param answer the answer.
+ * @param[in,out] answer the answer.
+ * @see corvel_answer_header()
  */
 CORVEL_PAGE_API void corvel_answer_conditional(corvel_answer *answer);
 
@@ -705,10 +756,11 @@ CORVEL_PAGE_API void corvel_answer_conditional(corvel_answer *answer);
  * result is false; SIGPIPE does not end the program. Writing ends also if the reader accepts
  * nothing for 60 seconds.
  *
- * @param answer the answer. For a null pointer, a plain answer of status 503 is sent.
+ * @param[in,out] answer the answer. For a null pointer, a plain answer of status 503 is sent.
  * @return true if an answer was written completely, the page's own or the one of status 500 that
  *         replaces it; false if not all of it could be written, if @p answer is null, or if it was
  *         sent already.
+ * @see corvel_answer_new()
  */
 CORVEL_PAGE_API bool corvel_answer_send(corvel_answer *answer);
 
@@ -717,8 +769,9 @@ CORVEL_PAGE_API bool corvel_answer_send(corvel_answer *answer);
  * with one `/`, not two, consists of letters, digits and "/-._~?&=%+,:@#", and has at most
  * #CORVEL_LOCAL_PATH_MAX characters.
  *
- * @param path the path, with a query and a fragment if it has them.
+ * @param[in] path the path, with a query and a fragment if it has them.
  * @return true if it is; false for null.
+ * @see corvel_answer_redirect()
  */
 CORVEL_PAGE_API bool corvel_is_local_path(const char *path);
 /** @} */
@@ -743,6 +796,8 @@ CORVEL_PAGE_API bool corvel_is_local_path(const char *path);
  * corvel_json_close(answer);
  * corvel_answer_send(answer);
  * corvel_answer_free(answer);
+ * // $ ./example | tail -n 1
+ * // {"name":"Router \"A\"","ports":[1,2,3,4]}
  * @endcode
  *
  * In all these functions, @p name is the name of a member if the innermost open value is an object,
@@ -760,32 +815,36 @@ CORVEL_PAGE_API bool corvel_is_local_path(const char *path);
 /**
  * Opens an object.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @see corvel_json_close(), corvel_json_string()
  */
 CORVEL_PAGE_API void corvel_json_open_object(corvel_answer *answer, const char *name);
 
 /**
  * Opens an array.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @see corvel_json_close(), corvel_json_string()
  */
 CORVEL_PAGE_API void corvel_json_open_array(corvel_answer *answer, const char *name);
 
 /**
  * Closes the innermost open object or array.
  *
- * @param answer the answer.
+ * @param[in,out] answer the answer.
+ * @see corvel_json_open_object(), corvel_json_open_array()
  */
 CORVEL_PAGE_API void corvel_json_close(corvel_answer *answer);
 
 /**
  * Appends a string.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
- * @param value  the string; a null pointer is written as `null`.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @param[in]     value  the string; a null pointer is written as `null`.
+ * @see corvel_json_open_object(), corvel_json_null()
  */
 CORVEL_PAGE_API void corvel_json_string(corvel_answer *answer, const char *name, const char *value);
 
@@ -793,9 +852,10 @@ CORVEL_PAGE_API void corvel_json_string(corvel_answer *answer, const char *name,
  * Appends an integer, exactly. JavaScript reads those beyond 2 to the power of 53 with a rounding
  * error.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
- * @param value  the number.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @param[in]     value  the number.
+ * @see corvel_json_decimal()
  */
 CORVEL_PAGE_API void corvel_json_integer(corvel_answer *answer, const char *name, long long value);
 
@@ -803,32 +863,36 @@ CORVEL_PAGE_API void corvel_json_integer(corvel_answer *answer, const char *name
  * Appends a number with a decimal point in any locale, and with as many digits, 15 to 17, as are
  * needed to read the same number again.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
- * @param value  the number; NaN and infinity, which JSON does not have, are written as `null`.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @param[in]     value  the number; NaN and infinity, which JSON does not have, are written as
+ *                       `null`.
+ * @see corvel_json_integer()
  */
 CORVEL_PAGE_API void corvel_json_decimal(corvel_answer *answer, const char *name, double value);
 
 /**
  * Appends `true` or `false`.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
- * @param value  the value.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @param[in]     value  the value.
+ * @see corvel_json_null()
  */
 CORVEL_PAGE_API void corvel_json_boolean(corvel_answer *answer, const char *name, bool value);
 
 /**
  * Appends `null`.
  *
- * @param answer the answer.
- * @param name   the name of the member; null outside an object.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the member; null outside an object.
+ * @see corvel_json_string()
  */
 CORVEL_PAGE_API void corvel_json_null(corvel_answer *answer, const char *name);
 /** @} */
 
 /**
- * @defgroup page_template Templates
+ * @defgroup page_html HTML templates
  * @brief HTML templates whose values are escaped. Sources: page/template.cpp, page/data.cpp.
  *
  * A template is the file NAME.html in the site's directory of templates. It is copied, except for
@@ -862,7 +926,6 @@ CORVEL_PAGE_API void corvel_json_null(corvel_answer *answer, const char *name);
  * corvel_answer *const answer = corvel_answer_new(NULL, NULL);
  * corvel_data *const data = corvel_data_new();
  * for (int port = 1; port <= 4; port++) {
- *     // <ul>{{#ports}}<li>Port {{number}}{{/ports}}</ul>
  *     corvel_data *const row = corvel_data_add(data, "ports");
  *     corvel_data_set_integer(row, "number", port);
  * }
@@ -870,6 +933,9 @@ CORVEL_PAGE_API void corvel_json_null(corvel_answer *answer, const char *name);
  * corvel_answer_send(answer);
  * corvel_data_free(data);
  * corvel_answer_free(answer);
+ * // $ echo '<ul>{{#ports}}<li>Port {{number}}{{/ports}}</ul>' > ports.html
+ * // $ ./example | tail -n 1
+ * // <ul><li>Port 1<li>Port 2<li>Port 3<li>Port 4</ul>
  * @endcode
  * @{
  */
@@ -884,13 +950,16 @@ CORVEL_PAGE_API void corvel_json_null(corvel_answer *answer, const char *name);
  *
  * @return the values, for corvel_data_free(); null if memory is exhausted. All functions accept
  *         null, and a template that is to be filled with it is answered by status 500.
+ * @see corvel_data_set(), corvel_data_free()
  */
 CORVEL_PAGE_API corvel_data *corvel_data_new(void);
 
 /**
  * Releases values and all repetitions that were added to them.
  *
- * @param data the result of corvel_data_new(); null and a result of corvel_data_add() are ignored.
+ * @param[in] data the result of corvel_data_new(); null and a result of corvel_data_add() are
+ *                 ignored.
+ * @see corvel_data_new()
  */
 CORVEL_PAGE_API void corvel_data_free(corvel_data *data);
 
@@ -899,29 +968,32 @@ CORVEL_PAGE_API void corvel_data_free(corvel_data *data);
  * #CORVEL_DATA_MAX is exhausted or the name is malformed, every template that is to be filled with
  * these values is answered by status 500: a page never silently lacks a value.
  *
- * @param data  the values.
- * @param name  the name, copied. It is the page's own: many names out of a request could be chosen
- *              such that looking them up takes long.
- * @param value the value, copied; null sets an empty one.
+ * @param[in,out] data  the values.
+ * @param[in]     name  the name, copied. It is the page's own: many names out of a request could be
+ *                      chosen such that looking them up takes long.
+ * @param[in]     value the value, copied; null sets an empty one.
+ * @see corvel_data_add(), corvel_answer_template()
  */
 CORVEL_PAGE_API void corvel_data_set(corvel_data *data, const char *name, const char *value);
 
 /**
  * Sets a value to a number in decimal digits, as corvel_data_set() does.
  *
- * @param data  the values.
- * @param name  the name, copied.
- * @param value the number.
+ * @param[in,out] data  the values.
+ * @param[in]     name  the name, copied.
+ * @param[in]     value the number.
+ * @see corvel_data_set()
  */
 CORVEL_PAGE_API void corvel_data_set_integer(corvel_data *data, const char *name, long long value);
 
 /**
  * Adds one repetition of a section, after those added before. It fails as corvel_data_set() does.
  *
- * @param data    the values, of the whole template or of a repetition.
- * @param section the name of the section, copied.
+ * @param[in,out] data    the values, of the whole template or of a repetition.
+ * @param[in]     section the name of the section, copied.
  * @return the values of the repetition, which are released together with @p data; null if that
  *         failed.
+ * @see corvel_data_set(), corvel_answer_template()
  */
 CORVEL_PAGE_API corvel_data *corvel_data_add(corvel_data *data, const char *section);
 
@@ -930,12 +1002,14 @@ CORVEL_PAGE_API corvel_data *corvel_data_add(corvel_data *data, const char *sect
  * log contains the reason. Ignored after corvel_answer_error() and corvel_answer_redirect(); a
  * misuse in a JSON body.
  *
- * @param answer the answer.
- * @param name   the name of the template, without directory and without ".html"; a name that could
- *               not be that of a tag is a misuse, so that no name leaves the directory. The file
- *               can have #CORVEL_TEMPLATE_MAX bytes.
- * @param data   the values, of corvel_data_new() or corvel_data_add(). Null, the result of a call
- *               that failed, is a misuse: a template without values takes an empty set.
+ * @param[in,out] answer the answer.
+ * @param[in]     name   the name of the template, without directory and without ".html"; a name
+ *                       that could not be that of a tag is a misuse, so that no name leaves the
+ *                       directory. The file can have #CORVEL_TEMPLATE_MAX bytes.
+ * @param[in]     data   the values, of corvel_data_new() or corvel_data_add(). Null, the result of
+ *                       a call that failed, is a misuse: a template without values takes an empty
+ *                       set.
+ * @see corvel_data_new(), corvel_answer_values()
  */
 CORVEL_PAGE_API void corvel_answer_template(corvel_answer *answer, const char *name,
                                             const corvel_data *data);
@@ -961,8 +1035,12 @@ CORVEL_PAGE_API void corvel_answer_template(corvel_answer *answer, const char *n
  * const char *complaint = corvel_setting_set(lan, "HOSTNAME", "router $1");
  * if (!complaint)
  *     corvel_settings_status(corvel_settings_save(&lan, 1), &complaint);
- * assert(!*complaint); // the file contains HOSTNAME="router \$1"
+ * puts(*complaint ? complaint : "saved");
  * corvel_settings_free(lan);
+ * // $ echo 'HOSTNAME="old"' > lan.conf
+ * // $ ./example && cat lan.conf
+ * // saved
+ * // HOSTNAME="router \$1"
  * @endcode
  */
 typedef struct corvel_settings corvel_settings;
@@ -1003,11 +1081,17 @@ typedef enum corvel_settings_result {
  *                       be null.
  * @return the settings, to be released with corvel_settings_free(); null on failure. Every function
  *         accepts the null pointer.
+ * @see corvel_setting(), corvel_settings_save(), corvel_settings_status()
  */
 CORVEL_PAGE_API corvel_settings *corvel_settings_load(const char *path, char separator,
                                                       corvel_settings_result *result);
 
-/** Releases the settings. Their memory is overwritten first, since they can contain passwords. */
+/**
+ * Releases the settings. Their memory is overwritten first, since they can contain passwords.
+ *
+ * @param[in] settings the settings; null is ignored.
+ * @see corvel_settings_load()
+ */
 CORVEL_PAGE_API void corvel_settings_free(corvel_settings *settings);
 
 /**
@@ -1021,6 +1105,7 @@ CORVEL_PAGE_API void corvel_settings_free(corvel_settings *settings);
  * @param[in] name     the name.
  * @return the value, valid until the settings are changed or freed; null if there is no such
  *         setting.
+ * @see corvel_setting_pair(), corvel_setting_set()
  */
 CORVEL_PAGE_API const char *corvel_setting(const corvel_settings *settings, const char *name);
 
@@ -1044,6 +1129,7 @@ CORVEL_PAGE_API const char *corvel_setting(const corvel_settings *settings, cons
  * @param[in]     value    the value. A null pointer, a missing field, is refused.
  * @return null, or a message for the user: why the file cannot hold the value, or that memory is
  *         exhausted. The settings are then as before.
+ * @see corvel_setting_remove(), corvel_settings_save()
  */
 CORVEL_PAGE_API const char *corvel_setting_set(corvel_settings *settings, const char *name,
                                                const char *value);
@@ -1055,6 +1141,7 @@ CORVEL_PAGE_API const char *corvel_setting_set(corvel_settings *settings, const 
  * @param[in]     name     the name.
  * @return null, or a message for the user as for corvel_setting_set(); the settings are then as
  *         before.
+ * @see corvel_setting_set()
  */
 CORVEL_PAGE_API const char *corvel_setting_remove(corvel_settings *settings, const char *name);
 
@@ -1067,6 +1154,7 @@ CORVEL_PAGE_API const char *corvel_setting_remove(corvel_settings *settings, con
  * @param[out] name     receives the name; may be null.
  * @param[out] value    receives the value, as for corvel_setting(); may be null.
  * @return false, with nothing stored, if there are at most @p position settings.
+ * @see corvel_setting()
  */
 CORVEL_PAGE_API bool corvel_setting_pair(const corvel_settings *settings, size_t position,
                                          const char **name, const char **value);
@@ -1076,7 +1164,9 @@ CORVEL_PAGE_API bool corvel_setting_pair(const corvel_settings *settings, size_t
  * the SHA-256 of the file's content. It is as good as the content for somebody who guesses the rest
  * of it, so it is for those who may change the settings.
  *
+ * @param[in] settings the settings.
  * @return CORVEL_SETTINGS_VERSION_SIZE bytes; the empty string for a null pointer.
+ * @see corvel_settings_expect()
  */
 CORVEL_PAGE_API const char *corvel_settings_version(const corvel_settings *settings);
 
@@ -1087,6 +1177,7 @@ CORVEL_PAGE_API const char *corvel_settings_version(const corvel_settings *setti
  * @param[in,out] settings the settings.
  * @param[in]     version  the form's field. A null pointer, a missing field, is never the file's
  *                         version.
+ * @see corvel_settings_version(), corvel_settings_save()
  */
 CORVEL_PAGE_API void corvel_settings_expect(corvel_settings *settings, const char *version);
 
@@ -1118,6 +1209,7 @@ CORVEL_PAGE_API void corvel_settings_expect(corvel_settings *settings, const cha
  *
  * On failure no file is changed, unless a rename or the flushing of a directory fails: then, with
  * CORVEL_SETTINGS_UNWRITABLE, some files may be new.
+ * @see corvel_settings_expect(), corvel_settings_status()
  */
 CORVEL_PAGE_API corvel_settings_result corvel_settings_save(corvel_settings *const files[],
                                                             size_t count);
@@ -1156,6 +1248,7 @@ CORVEL_PAGE_API corvel_settings_result corvel_settings_save(corvel_settings *con
  *  - CORVEL_SETTINGS_BUSY: another writer was at work for too long. Nothing was changed.
  *  - CORVEL_SETTINGS_UNWRITABLE: the file or its kept version could not be written.
  *  - CORVEL_SETTINGS_NO_MEMORY: memory is exhausted.
+ * @see corvel_settings_load()
  */
 CORVEL_PAGE_API corvel_settings_result corvel_settings_recover(const char *path, char separator);
 
@@ -1167,6 +1260,7 @@ CORVEL_PAGE_API corvel_settings_result corvel_settings_recover(const char *path,
  * @return CORVEL_HTTP_OK for a success, CORVEL_HTTP_CONFLICT for CORVEL_SETTINGS_OUTDATED,
  *         CORVEL_HTTP_SERVICE_UNAVAILABLE for CORVEL_SETTINGS_BUSY and CORVEL_SETTINGS_NO_MEMORY,
  *         and CORVEL_HTTP_INTERNAL_SERVER_ERROR for the other failures.
+ * @see corvel_answer_error()
  */
 CORVEL_PAGE_API int corvel_settings_status(corvel_settings_result result, const char **complaint);
 /** @} */
@@ -1201,8 +1295,11 @@ typedef struct corvel_upload_limits {
  */
 typedef struct corvel_upload_sink {
     void *context; /**< Passed to each function. */
+    /** A file begins. The strings of the part are valid during the call. */
     bool (*begin)(void *context, const corvel_part *part);
+    /** A piece of the file. */
     bool (*data)(void *context, const void *bytes, size_t size);
+    /** The file is complete. */
     bool (*end)(void *context);
 } corvel_upload_sink;
 
@@ -1243,10 +1340,11 @@ typedef enum corvel_upload_result {
  * Regardless of the result, the body has been read to its end. On a failure, parts that came before
  * it have been stored and passed on.
  *
- * @param request the request.
- * @param limits  null for the defaults.
- * @param sink    null to discard the files.
+ * @param[in,out] request the request.
+ * @param[in]     limits  null for the defaults.
+ * @param[in]     sink    null to discard the files.
  * @return the result; corvel_upload_status() has the answer for it.
+ * @see corvel_upload_save(), corvel_upload_status()
  */
 CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
                                                         const corvel_upload_limits *limits,
@@ -1256,11 +1354,32 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
  * As corvel_upload_read(), with the file of one field written into a new file of mode 0600. Other
  * files are discarded, also further ones of the same field. On any failure there is no new file.
  *
- * @param request the request.
- * @param limits  null for the defaults.
- * @param field   the name of the field.
- * @param path    the new file; it must not exist.
+ * @code
+ * static corvel_request_rules rules;
+ * rules.methods = CORVEL_POST;
+ * rules.types = CORVEL_MULTIPART;
+ * corvel_request *const request = corvel_request_begin();
+ * const char *complaint = NULL;
+ * if (corvel_request_read(request, &rules) != CORVEL_HTTP_OK)
+ *     complaint = corvel_request_complaint(request);
+ * else
+ *     corvel_upload_status(corvel_upload_save(request, NULL, "file", "received"), &complaint);
+ * puts(*complaint ? complaint : corvel_field(request, "note"));
+ * corvel_request_free(request);
+ * // $ printf '%s\r\n' --b 'Content-Disposition: form-data; name="note"' '' greeting --b \
+ * //   'Content-Disposition: form-data; name="file"; filename="a.txt"' '' hello --b-- > body
+ * // $ REQUEST_METHOD=POST CONTENT_TYPE='multipart/form-data; boundary=b' \
+ * //   CONTENT_LENGTH=$(wc -c < body) ./example < body && cat received
+ * // greeting
+ * // hello
+ * @endcode
+ *
+ * @param[in,out] request the request.
+ * @param[in]     limits  null for the defaults.
+ * @param[in]     field   the name of the field.
+ * @param[in]     path    the new file; it must not exist.
  * @return the result; CORVEL_UPLOAD_NO_FILE if the field is missing or no file was selected in it.
+ * @see corvel_upload_read(), corvel_upload_status()
  */
 CORVEL_PAGE_API corvel_upload_result corvel_upload_save(corvel_request *request,
                                                         const corvel_upload_limits *limits,
@@ -1269,9 +1388,16 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_save(corvel_request *request,
 /**
  * Returns the HTTP status to answer a result with.
  *
- * @param result    what corvel_upload_read() or corvel_upload_save() returned.
- * @param complaint receives a sentence for the user, a string literal, empty for
- *                  CORVEL_UPLOAD_DONE; may be null.
+ * @param[in] result    what corvel_upload_read() or corvel_upload_save() returned.
+ * @param[in] complaint receives a sentence for the user, a string literal, empty for
+ *                      CORVEL_UPLOAD_DONE; may be null.
+ * @return CORVEL_HTTP_OK for CORVEL_UPLOAD_DONE; CORVEL_HTTP_CONTENT_TOO_LARGE if a limit is
+ *         exceeded; CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE for CORVEL_UPLOAD_NOT_MULTIPART;
+ *         CORVEL_HTTP_REQUEST_TIMEOUT for CORVEL_UPLOAD_TIMEOUT; CORVEL_HTTP_SERVICE_UNAVAILABLE
+ *         for CORVEL_UPLOAD_NO_MEMORY and CORVEL_UPLOAD_NO_SPACE;
+ *         CORVEL_HTTP_INTERNAL_SERVER_ERROR for CORVEL_UPLOAD_STOPPED; CORVEL_HTTP_BAD_REQUEST for
+ *         the other failures.
+ * @see corvel_answer_error()
  */
 CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char **complaint);
 /** @} */
@@ -1295,8 +1421,9 @@ CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char
  * A page that only a logged-in user may use:
  *
  * @code
+ * static corvel_request_rules rules;
+ * rules.methods = CORVEL_GET | CORVEL_POST;
  * corvel_request *const request = corvel_request_begin();
- * const corvel_request_rules rules = {.methods = CORVEL_GET | CORVEL_POST};
  * corvel_answer *const answer = corvel_answer_new(request, NULL);
  * const int status = corvel_request_read(request, &rules);
  * corvel_session *const session = corvel_session_find(request, NULL);
@@ -1313,6 +1440,8 @@ CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char
  * corvel_session_free(session);
  * corvel_answer_free(answer);
  * corvel_request_free(request);
+ * // $ REQUEST_METHOD=GET ./example | grep Location | tr -d '\r'
+ * // Location: /login
  * @endcode
  * @{
  */
@@ -1361,10 +1490,11 @@ typedef struct corvel_session corvel_session;
  * first cookie that names a valid session counts. The session does not count as used: call
  * corvel_session_touch(), but not for requests that a page repeats by itself.
  *
- * @param request the request. It need not have been read.
- * @param rules   the rules; a null pointer for the defaults. They are not needed afterwards.
+ * @param[in] request the request. It need not have been read.
+ * @param[in] rules   the rules; a null pointer for the defaults. They are not needed afterwards.
  * @return the session, to be released by corvel_session_free(); null if the request has no valid
  *         session, if memory is exhausted, or if the directory or a file cannot be read.
+ * @see corvel_session_touch(), corvel_session_check(), corvel_session_start()
  */
 CORVEL_PAGE_API corvel_session *corvel_session_find(const corvel_request *request,
                                                     const corvel_session_rules *rules);
@@ -1372,15 +1502,17 @@ CORVEL_PAGE_API corvel_session *corvel_session_find(const corvel_request *reques
 /**
  * Releases what belongs to the handle. The session itself goes on.
  *
- * @param session the session; null is ignored.
+ * @param[in] session the session; null is ignored.
+ * @see corvel_session_end()
  */
 CORVEL_PAGE_API void corvel_session_free(corvel_session *session);
 
 /**
  * Returns the user of a session.
  *
- * @param session the session.
+ * @param[in] session the session.
  * @return the name; null after corvel_session_end(), and for a null pointer.
+ * @see corvel_session_find()
  */
 CORVEL_PAGE_API const char *corvel_session_user(const corvel_session *session);
 
@@ -1388,25 +1520,28 @@ CORVEL_PAGE_API const char *corvel_session_user(const corvel_session *session);
  * Returns the token for the forms of a session, for a hidden field. A page of another site cannot
  * know it. It is the same for all forms until corvel_session_renew().
  *
- * @param session the session.
+ * @param[in] session the session.
  * @return 64 hexadecimal digits; null after corvel_session_end(), and for a null pointer.
+ * @see corvel_session_check()
  */
 CORVEL_PAGE_API const char *corvel_session_token(const corvel_session *session);
 
 /**
  * Compares the token of a form with that of the session, in constant time.
  *
- * @param session the session.
- * @param token   the token that was received; a null pointer is never right.
+ * @param[in] session the session.
+ * @param[in] token   the token that was received; a null pointer is never right.
  * @return true if it is the session's; false also after corvel_session_end().
+ * @see corvel_session_token()
  */
 CORVEL_PAGE_API bool corvel_session_check(const corvel_session *session, const char *token);
 
 /**
  * Sets the time of a session's last use to now.
  *
- * @param session the session.
+ * @param[in,out] session the session.
  * @return false if that failed, as it does if the session has been ended in the meantime.
+ * @see corvel_session_find()
  */
 CORVEL_PAGE_API bool corvel_session_touch(corvel_session *session);
 
@@ -1418,13 +1553,15 @@ CORVEL_PAGE_API bool corvel_session_touch(corvel_session *session);
  * longest time ends. Sessions of other users never end by this: if the directory is full and the
  * user has none in it, the call fails. A call waits for others for at most five seconds.
  *
- * @param request the request.
- * @param answer  receives the cookie.
- * @param rules   the rules; a null pointer for the defaults. They are not needed afterwards.
- * @param user    the user: a name of at most #CORVEL_USER_MAX bytes.
+ * @param[in]     request the request.
+ * @param[in,out] answer  receives the cookie.
+ * @param[in]     rules   the rules; a null pointer for the defaults. They are not needed
+ *                        afterwards.
+ * @param[in]     user    the user: a name of at most #CORVEL_USER_MAX bytes.
  * @return the session, to be released by corvel_session_free(); null if the user does not exist, if
  *         memory is exhausted, if a file or the directory cannot be used, or if the kernel has no
  *         random bytes yet. A page answers that with status 503.
+ * @see corvel_login(), corvel_session_renew()
  */
 CORVEL_PAGE_API corvel_session *corvel_session_start(const corvel_request *request,
                                                      corvel_answer *answer,
@@ -1436,19 +1573,22 @@ CORVEL_PAGE_API corvel_session *corvel_session_start(const corvel_request *reque
  * longer valid. Call it after a change of password. The session's lifetime still counts from the
  * login.
  *
- * @param session the session.
- * @param answer  receives the cookie.
+ * @param[in,out] session the session.
+ * @param[in,out] answer  receives the cookie.
  * @return false if that failed, as it does if the session has been ended in the meantime; the
  *         session is unchanged then.
+ * @see corvel_session_end_all()
  */
 CORVEL_PAGE_API bool corvel_session_renew(corvel_session *session, corvel_answer *answer);
 
 /**
  * Ends a session and removes its cookie from the browser.
  *
- * @param session the session. It has no user and no token afterwards, and must still be released.
- * @param answer  receives the removal of the cookie; may be null.
+ * @param[in,out] session the session. It has no user and no token afterwards, and must still be
+ *                        released.
+ * @param[in,out] answer  receives the removal of the cookie; may be null.
  * @return false if the session could not be ended; the cookie stays then.
+ * @see corvel_session_end_all()
  */
 CORVEL_PAGE_API bool corvel_session_end(corvel_session *session, corvel_answer *answer);
 
@@ -1459,7 +1599,8 @@ CORVEL_PAGE_API bool corvel_session_end(corvel_session *session, corvel_answer *
  * corvel_request *const request = corvel_request_begin();
  * corvel_answer *const answer = corvel_answer_new(request, NULL);
  * corvel_session *const session = corvel_session_find(request, NULL);
- * if (login_chpwd(corvel_session_user(session), "new password") == CORVEL_PASSWORD_CHANGED) {
+ * if (session != NULL &&
+ *     login_chpwd(corvel_session_user(session), "new password") == CORVEL_PASSWORD_CHANGED) {
  *     corvel_session_end_all(NULL, corvel_session_user(session), session);
  *     corvel_session_renew(session, answer);
  * }
@@ -1470,11 +1611,12 @@ CORVEL_PAGE_API bool corvel_session_end(corvel_session *session, corvel_answer *
  *
  * @note A login that has checked the former password but not yet started its session is not ended.
  *
- * @param rules the rules; a null pointer for the defaults.
- * @param user  the user.
- * @param kept  a session that does not end; may be null.
+ * @param[in] rules the rules; a null pointer for the defaults.
+ * @param[in] user  the user.
+ * @param[in] kept  a session that does not end; may be null.
  * @return the number of sessions that ended; -1 if the user is null or if not all of them could be
  *         ended.
+ * @see corvel_session_renew()
  */
 CORVEL_PAGE_API int corvel_session_end_all(const corvel_session_rules *rules, const char *user,
                                            const corvel_session *kept);
@@ -1530,11 +1672,15 @@ typedef enum corvel_login_verdict {
  * method. Behind a proxy, the web server must set the address of the actual client.
  *
  * @code
+ * static corvel_request_rules rules;
+ * rules.methods = CORVEL_POST;
  * corvel_request *const request = corvel_request_begin();
  * corvel_answer *const answer = corvel_answer_new(request, NULL);
+ * const int status = corvel_request_read(request, &rules);
  * unsigned seconds = 0;
- * if (corvel_request_read(request, &(corvel_request_rules){.methods = CORVEL_POST}) ==
- *     CORVEL_HTTP_OK) {
+ * if (status != CORVEL_HTTP_OK) {
+ *     corvel_answer_error(answer, status, corvel_request_complaint(request));
+ * } else {
  *     const char *const user = corvel_field(request, "user");
  *     char text[16];
  *     switch (corvel_login(request, NULL, user, corvel_field(request, "password"), &seconds)) {
@@ -1557,16 +1703,18 @@ typedef enum corvel_login_verdict {
  * corvel_answer_send(answer);
  * corvel_answer_free(answer);
  * corvel_request_free(request);
+ * // $ REQUEST_METHOD=GET ./example | head -n 1 | tr -d '\r'
+ * // Status: 405 Method Not Allowed
  * @endcode
  *
  * @note With the default check, only one thread at a time may call this: login_auth() is not safe
  *       for several.
  *
- * @param      request  the request.
- * @param      rules    the rules; a null pointer for the defaults.
- * @param      user     the user as received. A null pointer, an empty name, control characters or
+ * @param[in]  request  the request.
+ * @param[in]  rules    the rules; a null pointer for the defaults.
+ * @param[in]  user     the user as received. A null pointer, an empty name, control characters or
  *                      more than #CORVEL_USER_MAX bytes count as wrong, without a check.
- * @param      password the password as received; counts as wrong like the user, except that it may
+ * @param[in]  password the password as received; counts as wrong like the user, except that it may
  *                      be empty.
  * @param[out] seconds  receives the time until the client may try again, rounded up; 0 if it may at
  *                      once. May be null.
@@ -1576,6 +1724,7 @@ typedef enum corvel_login_verdict {
  *                             CORVEL_HTTP_TOO_MANY_REQUESTS and the header field Retry-After.
  * @retval CORVEL_LOGIN_FAILED the request is null, or the file could not be used; nothing was
  *                             checked.
+ * @see corvel_session_start()
  */
 CORVEL_PAGE_API corvel_login_verdict corvel_login(const corvel_request *request,
                                                   const corvel_login_rules *rules, const char *user,
@@ -1610,9 +1759,9 @@ CORVEL_PAGE_API corvel_login_verdict corvel_login(const corvel_request *request,
  * corvel_upgrade_report report;
  * const corvel_upgrade_result result = corvel_upgrade_check(NULL, "/tmp/image.bin", &report);
  * if (result != CORVEL_UPGRADE_DONE)
- *     printf("%s %s\n", report.failed, corvel_upgrade_complaint(result));
+ *     corvel_log(CORVEL_LOG_ERROR, "%s %s", report.failed, corvel_upgrade_complaint(result));
  * else if (corvel_upgrade_start(NULL, "/tmp/image.bin", NULL, NULL) == CORVEL_UPGRADE_DONE)
- *     puts("The set is being written.");
+ *     corvel_log(CORVEL_LOG_NOTICE, "writing version %s", report.version);
  * @endcode
  *
  * @note These functions use the environment of libcorvel: they replace the content of
@@ -1757,6 +1906,7 @@ typedef bool corvel_upgrade_progress(void *context, const corvel_upgrade_status 
  *
  * @param[in]  rules the device; null for all defaults.
  * @param[out] boot  the sets.
+ * @see corvel_boot_select()
  */
 CORVEL_PAGE_API void corvel_boot_read(const corvel_upgrade_rules *rules, corvel_boot *boot);
 
@@ -1779,6 +1929,7 @@ CORVEL_PAGE_API void corvel_boot_read(const corvel_upgrade_rules *rules, corvel_
  * @retval CORVEL_UPGRADE_NO_RECORD        the record file cannot be created or written.
  * @retval CORVEL_UPGRADE_SET_INCOMPLETE   the set is not known to be complete, or is no set.
  * @retval CORVEL_UPGRADE_NOT_SWITCHED     the environment could not be written.
+ * @see corvel_boot_read(), corvel_firmware_check()
  */
 CORVEL_PAGE_API corvel_upgrade_result corvel_boot_select(const corvel_upgrade_rules *rules,
                                                          int set);
@@ -1796,6 +1947,7 @@ CORVEL_PAGE_API corvel_upgrade_result corvel_boot_select(const corvel_upgrade_ru
  *                                    be read.
  * @retval CORVEL_FIRMWARE_UNRECORDED nothing is recorded, the CRC of the environment is wrong, or
  *                                    @p set is no set.
+ * @see corvel_upgrade_check()
  */
 CORVEL_PAGE_API corvel_firmware_state corvel_firmware_check(int set);
 
@@ -1806,6 +1958,7 @@ CORVEL_PAGE_API corvel_firmware_state corvel_firmware_check(int set);
  * @param[in]  set     a value of ::corvel_firmware.
  * @param[out] version the version; empty if there is none.
  * @return @p version.
+ * @see corvel_boot_read()
  */
 CORVEL_PAGE_API char *corvel_firmware_version(int set, char version[CORVEL_FIRMWARE_VERSION_SIZE]);
 
@@ -1827,6 +1980,7 @@ CORVEL_PAGE_API char *corvel_firmware_version(int set, char version[CORVEL_FIRMW
  * @retval CORVEL_UPGRADE_DONE       the image can be written.
  * @retval CORVEL_UPGRADE_UNREADABLE a partition of the other set cannot be opened.
  * @retval others                    the device is not ready, or the image is refused.
+ * @see corvel_upgrade_write(), corvel_upgrade_complaint()
  */
 CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_check(const corvel_upgrade_rules *rules,
                                                            const char *path,
@@ -1852,7 +2006,7 @@ CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_check(const corvel_upgrade_
  * @retval CORVEL_UPGRADE_DONE      the set is written and verified, and boots next.
  * @retval CORVEL_UPGRADE_CANCELLED the upgrade was cancelled.
  * @retval others                   the device is not ready, the image is refused, or writing
- * failed.
+ *                                  failed.
  * @see corvel_upgrade_check(), corvel_upgrade_start()
  */
 CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_write(const corvel_upgrade_rules *rules,
@@ -1876,6 +2030,7 @@ CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_write(const corvel_upgrade_
  * @retval CORVEL_UPGRADE_DONE       the set is being written; see corvel_upgrade_read().
  * @retval CORVEL_UPGRADE_NO_PROCESS the process could not be started.
  * @retval others                    the device is not ready, or the image is refused.
+ * @see corvel_upgrade_write(), corvel_upgrade_read(), corvel_upgrade_cancel()
  */
 CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_start(const corvel_upgrade_rules *rules,
                                                            const char *path,
@@ -1888,6 +2043,7 @@ CORVEL_PAGE_API corvel_upgrade_result corvel_upgrade_start(const corvel_upgrade_
  *
  * @param[in]  rules  the device; null for all defaults.
  * @param[out] status the progress; CORVEL_UPGRADE_IDLE and zeros if there is no record.
+ * @see corvel_upgrade_start()
  */
 CORVEL_PAGE_API void corvel_upgrade_read(const corvel_upgrade_rules *rules,
                                          corvel_upgrade_status *status);
@@ -1899,6 +2055,7 @@ CORVEL_PAGE_API void corvel_upgrade_read(const corvel_upgrade_rules *rules,
  *
  * @param[in] rules the device; null for all defaults.
  * @return false if no upgrade is in progress.
+ * @see corvel_upgrade_start()
  */
 CORVEL_PAGE_API bool corvel_upgrade_cancel(const corvel_upgrade_rules *rules);
 
@@ -1908,6 +2065,7 @@ CORVEL_PAGE_API bool corvel_upgrade_cancel(const corvel_upgrade_rules *rules);
  * @param[in] result a value of ::corvel_upgrade_result.
  * @return a string literal; empty for CORVEL_UPGRADE_DONE. If it begins with "This section", it is
  *         about the section that corvel_upgrade_report::failed names.
+ * @see corvel_upgrade_check()
  */
 CORVEL_PAGE_API const char *corvel_upgrade_complaint(corvel_upgrade_result result);
 /** @} */
@@ -1955,6 +2113,7 @@ CORVEL_PAGE_API void corvel_dispatch(corvel_request *request, corvel_answer *ans
  * @param[in] index   0 for the first `{}`.
  * @return the component, which contains no slash and is not empty, `.` or `..`; null if the route
  *         has fewer, or if corvel_dispatch() has selected none.
+ * @see corvel_dispatch()
  */
 CORVEL_PAGE_API const char *corvel_path_part(const corvel_request *request, size_t index);
 
@@ -1964,10 +2123,11 @@ CORVEL_PAGE_API const char *corvel_path_part(const corvel_request *request, size
 /**
  * Formats a time as HTTP does, in any locale and time zone. Source: page/dates.cpp.
  *
- * @param time seconds since 1970-01-01 UTC; an earlier time is formatted as 0, a time after the
- *             year 9999 as its last second.
- * @param text receives the date.
+ * @param[in]  time seconds since 1970-01-01 UTC; an earlier time is formatted as 0, a time after
+ *                  the year 9999 as its last second.
+ * @param[out] text receives the date.
  * @return @p text.
+ * @see corvel_parse_http_date()
  */
 CORVEL_PAGE_API char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_SIZE]);
 
@@ -1977,10 +2137,11 @@ CORVEL_PAGE_API char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_S
  * compared with the date. A year of two digits that would be more than 50 years ahead is 100 years
  * earlier.
  *
- * @param text the date, without surrounding whitespace.
- * @param time receives the seconds since 1970-01-01 UTC, negative for the years 1601 to 1969;
- *             unchanged if the date is malformed.
+ * @param[in]  text the date, without surrounding whitespace.
+ * @param[out] time receives the seconds since 1970-01-01 UTC, negative for the years 1601 to 1969;
+ *                  unchanged if the date is malformed.
  * @return false if the date is malformed, does not exist or is before 1601.
+ * @see corvel_http_date()
  */
 CORVEL_PAGE_API bool corvel_parse_http_date(const char *text, time_t *time);
 
@@ -1990,18 +2151,20 @@ CORVEL_PAGE_API bool corvel_parse_http_date(const char *text, time_t *time);
 /**
  * Formats a duration for people: "04:05:06", or "3 d 04:05:06" from one day on.
  *
- * @param seconds the duration; a negative one is formatted as 0.
- * @param text    receives the duration.
+ * @param[in]  seconds the duration; a negative one is formatted as 0.
+ * @param[out] text    receives the duration.
  * @return @p text.
+ * @see corvel_date_text()
  */
 CORVEL_PAGE_API char *corvel_duration_text(long long seconds, char text[CORVEL_TIME_TEXT_SIZE]);
 
 /**
  * Formats a time for people, in local time: "2026-11-22 09:30:00".
  *
- * @param time seconds since 1970-01-01 UTC.
- * @param text receives the date; empty if its year has more digits than a C `int` can count.
+ * @param[in]  time seconds since 1970-01-01 UTC.
+ * @param[out] text receives the date; empty if its year has more digits than a C `int` can count.
  * @return @p text.
+ * @see corvel_http_date(), corvel_duration_text()
  */
 CORVEL_PAGE_API char *corvel_date_text(time_t time, char text[CORVEL_TIME_TEXT_SIZE]);
 
@@ -2023,8 +2186,9 @@ typedef enum corvel_log_level {
  * truncated to 1,023 bytes, after a whole character. If no logging daemon runs, the message is
  * lost.
  *
- * @param level  the level, with which the daemon can filter.
- * @param format a format as for printf(), without a newline.
+ * @param[in] level  the level, with which the daemon can filter.
+ * @param[in] format a format as for printf(), without a newline.
+ * @see ::corvel_log_level
  */
 CORVEL_PAGE_API void corvel_log(corvel_log_level level, const char *format, ...)
     CORVEL_PAGE_PRINTF_LIKE(2, 3);
