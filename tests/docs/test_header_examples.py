@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Compiles and runs the examples of the public header.
+"""Compiles and runs the examples of the public headers.
 
 An example is an @code block: the body of main(). It is compiled as C99 and as C++17, every warning
 an error, and each program is run in a directory of its own. An example may end with the shell
@@ -15,14 +15,15 @@ import pytest
 from build_tree import INSTALLED, SOURCE
 from documents import WARNINGS
 
-HEADER = SOURCE / "include" / "corvel.h"
+HEADERS = [SOURCE / "include" / name for name in ("corvel.h", "corvel_page.h")]
 
 CODE = re.compile(r"^ \* @code\n(.*?)^ \* @endcode\n", re.MULTILINE | re.DOTALL)
-DECLARED = re.compile(r"CORVEL_API[^;(\[]*?(\w+)\s*[;(\[]")
+DECLARED = re.compile(r"^CORVEL(?:_PAGE)?_API[^;(\[]*?(\w+)\s*[;(\[]", re.MULTILINE)
 COMMENT_END = " */\n"
 
 INCLUDES = """#include <assert.h>
 #include <corvel.h>
+#include <corvel_page.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -30,7 +31,7 @@ INCLUDES = """#include <assert.h>
 #include <unistd.h>
 """
 COMPILERS = ("gcc -xc -std=c99", "g++ -xc++ -std=c++17")
-LEAST_EXAMPLES = 30
+LEAST_EXAMPLES = {"corvel.h": 30, "corvel_page.h": 12}
 
 
 def examples(header):
@@ -63,17 +64,18 @@ def run(command, directory, variables, **options):
     return done.returncode, done.stdout
 
 
-EXAMPLES = list(examples(HEADER.read_text()))
+EXAMPLES = {header.name: list(examples(header.read_text())) for header in HEADERS}
 
 
 @pytest.mark.parametrize("compiler", COMPILERS)
-@pytest.mark.parametrize("code, commands", EXAMPLES)
+@pytest.mark.parametrize("code, commands", sum(EXAMPLES.values(), []))
 def test_example(code, commands, compiler, new_directory, variables):
     source = new_directory / "example.source"
     source.write_text(f"{INCLUDES}\nint main(int argc, char **argv)\n{{\n{code}}}\n")
     status, output = run([*compiler.split(), *WARNINGS, "-Wno-unused-parameter",
                           "-D_DEFAULT_SOURCE", f"-I{INSTALLED}/include", source, "-o", "example",
-                          f"-L{variables['LD_LIBRARY_PATH']}", "-xnone", "-lcorvel"],
+                          f"-L{variables['LD_LIBRARY_PATH']}", "-xnone", "-lcorvel_page",
+                          "-lcorvel"],
                          new_directory, variables)
     assert status == 0, output
     for command, expected in commands:
@@ -83,5 +85,6 @@ def test_example(code, commands, compiler, new_directory, variables):
         assert (status, output) == (0, expected), command
 
 
-def test_there_are_enough_examples():
-    assert len(EXAMPLES) >= LEAST_EXAMPLES
+@pytest.mark.parametrize("header", LEAST_EXAMPLES)
+def test_there_are_enough_examples(header):
+    assert len(EXAMPLES[header]) >= LEAST_EXAMPLES[header]

@@ -22,6 +22,21 @@ def run(command, **options):
     return done.returncode, done.stdout
 
 
+# Each header, the list of its exports, and the macro before each of its declarations.
+LIBRARIES = {
+    "corvel": ("exports.txt", "CORVEL_API"),
+    "corvel_page": ("page_exports.txt", "CORVEL_PAGE_API"),
+}
+
+
+def header_of(library):
+    return (ROOT / "include" / f"{library}.h").read_text()
+
+
+def exports_of(library):
+    return (ROOT / "tests" / "surface" / LIBRARIES[library][0]).read_text().split()
+
+
 def make_pages(header, directory):
     """Makes the pages of a header, dated 2001-09-09."""
     return run([ROOT / "docs" / "make-manual-pages", "--header", header, "--release", "1.2.3",
@@ -57,11 +72,12 @@ class InstalledPages(unittest.TestCase):
         cls.pages = sorted((cls.manual / "man3").iterdir())
 
     def test_each_export_record_and_group_has_a_page_and_nothing_else(self):
-        header = (ROOT / "include" / "corvel.h").read_text()
-        expected = {"corvel"}
-        expected |= set((ROOT / "tests" / "surface" / "exports.txt").read_text().split())
-        expected |= set(re.findall(r"^typedef struct (\w+) \{", header, re.MULTILINE))
-        expected |= {f"corvel_{name}" for name in re.findall(r"@defgroup (\w+)", header)}
+        expected = set(LIBRARIES)
+        for library in LIBRARIES:
+            header = header_of(library)
+            expected |= set(exports_of(library))
+            expected |= set(re.findall(r"^typedef struct (\w+) \{", header, re.MULTILINE))
+            expected |= {f"corvel_{name}" for name in re.findall(r"@defgroup (\w+)", header)}
         self.assertEqual({page.name for page in self.pages}, {f"{name}.3" for name in expected})
 
     def test_no_page_makes_man_or_mandoc_warn(self):
@@ -78,19 +94,25 @@ class InstalledPages(unittest.TestCase):
             self.assertRegex(output, rf'(?m)^{re.escape(str(page))}: "{page.stem} - .{{5,}}')
 
     def test_each_synopsis_is_the_declaration_in_the_header(self):
-        declared = set(re.findall(r"CORVEL_API ([^;#]*?)(?: CORVEL_PRINTF_LIKE\(\d, \d\))?;",
-                                  plain((ROOT / "include" / "corvel.h").read_text())))
-        shown = set()
-        for name in (ROOT / "tests" / "surface" / "exports.txt").read_text().split():
-            source = plain((self.manual / "man3" / f"{name}.3").read_text())
-            shown.add(re.search(r"#include <corvel\.h> \.PP (?:extern )?(.*?); \.fi", source)[1])
-        self.assertEqual(shown, declared)
+        for library, (_, mark) in LIBRARIES.items():
+            declared = set(re.findall(mark + r" ([^;#]*?)(?: CORVEL\w*_PRINTF_LIKE\(\d, \d\))?;",
+                                      plain(header_of(library))))
+            shown = set()
+            for name in exports_of(library):
+                source = plain((self.manual / "man3" / f"{name}.3").read_text())
+                shown.add(re.search(rf"#include <{library}\.h> \.PP (?:extern )?(.*?); \.fi",
+                                    source)[1])
+            self.assertEqual(shown, declared)
 
-    def test_each_page_names_the_version_of_the_library(self):
-        header = (ROOT / "include" / "corvel.h").read_text()
-        version = ".".join(re.findall(r"^#define CORVEL_VERSION_\w+ (\d+)$", header, re.MULTILINE))
+    def test_each_page_names_its_library_and_the_version(self):
+        version = ".".join(re.findall(r"^#define CORVEL_VERSION_\w+ (\d+)$", header_of("corvel"),
+                                      re.MULTILINE))
         for page in self.pages:
-            self.assertRegex(page.read_text(), rf'(?m)^\.TH \S+ 3 [\d-]+ "libcorvel {version}" ')
+            source = page.read_text()
+            library = re.search(r"(?m)^\.TH \S+ 3 [\d-]+ \"lib(\w+) " + re.escape(version) + '" ',
+                                source)[1]
+            self.assertIn(rf"#include <{library}.h>", source)
+            self.assertIn(f"lib{library} (\\fI\\-l{library}\\fR)", source)
 
 
 class Rendering(unittest.TestCase):
@@ -113,7 +135,7 @@ class Rendering(unittest.TestCase):
 
     def test_the_pages_are_those_of_the_header(self):
         self.assertEqual({page.name for page in self.directory.iterdir()},
-                         {"corvel.3", "corvel_shelf.3", "book.3", "shelf_in_use.3", "shelve.3",
+                         {"example.3", "corvel_shelf.3", "book.3", "shelf_in_use.3", "shelve.3",
                           "unshelve.3", "find_shelf.3"})
 
     def test_a_function(self):
@@ -132,7 +154,7 @@ class Rendering(unittest.TestCase):
         self.assert_shown_as_expected("corvel_shelf")
 
     def test_the_overview(self):
-        self.assert_shown_as_expected("corvel")
+        self.assert_shown_as_expected("example")
 
     def test_fonts_tell_names_from_text(self):
         source = (self.directory / "shelve.3").read_text()
@@ -148,6 +170,28 @@ class Rendering(unittest.TestCase):
         (self.directory / "gone.3").write_text("")
         make_pages(EXAMPLE, self.directory)
         self.assertFalse((self.directory / "gone.3").exists())
+
+
+class TwoHeaders(unittest.TestCase):
+    """The pages of several headers are in one directory."""
+
+    def make(self, second):
+        """The status, the output, and the names of the pages of example.h and a second header."""
+        with tempfile.TemporaryDirectory() as scratch:
+            header, directory = Path(scratch) / "second.h", Path(scratch) / "pages"
+            header.write_text(f"/** @file\n * A file. */\n/** Text. */\n{second}\n")
+            status, output = run([ROOT / "docs" / "make-manual-pages", "--header", EXAMPLE,
+                                  "--header", header, "--release", "1.2.3", directory])
+            return status, output, {page.name for page in directory.glob("*")}
+
+    def test_each_header_has_its_pages(self):
+        status, output, pages = self.make("void function(void);")
+        self.assertEqual((status, output), (0, ""))
+        self.assertLessEqual({"example.3", "shelve.3", "second.3", "function.3"}, pages)
+
+    def test_a_name_in_two_headers_is_an_error(self):
+        status, output, pages = self.make("int unshelve(void);")
+        self.assertEqual((status, output, pages), (1, "unshelve.3: in two headers\n", set()))
 
 
 class Faults(unittest.TestCase):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The header has what the reference needs: every warning of doxygen is an error."""
+"""The headers have what the reference needs: every warning of doxygen is an error."""
 import subprocess
 
 from build_tree import SOURCE
