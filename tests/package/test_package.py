@@ -28,6 +28,30 @@ int main(void)
 }
 """
 
+# A page of the kit that also calls libcorvel, in the common subset of C99 and C++17.
+PAGE = r"""
+#include <corvel.h>
+#include <corvel_page.h>
+
+int main(void)
+{
+    corvel_request *const request = corvel_request_begin();
+    corvel_answer *const answer = corvel_answer_new(request, NULL);
+    const int status = corvel_request_read(request, NULL);
+    const char *const name = corvel_field(request, "name");
+    if (status != CORVEL_HTTP_OK || name == NULL || STRCMP(name, "") == 0)
+        corvel_answer_error(answer, CORVEL_HTTP_BAD_REQUEST, corvel_request_complaint(request));
+    else
+        corvel_json_string(answer, NULL, name);
+    corvel_answer_send(answer);
+    corvel_answer_free(answer);
+    corvel_request_free(request);
+    return 0;
+}
+"""
+REQUEST = {"REQUEST_METHOD": "GET", "QUERY_STRING": "name=a%22b"}
+LANGUAGES = {"c": "cc -std=c99", "cpp": "c++ -std=c++17"}
+
 # Overruns a small buffer, in the library.
 OVERRUN = r"""
 #include <corvel.h>
@@ -45,10 +69,11 @@ int main(void)
 
 CONSUMER = """
 cmake_minimum_required(VERSION 3.20)
-project(consumer LANGUAGES C)
+project(consumer LANGUAGES C CXX)
 find_package(corvel 1.0 REQUIRED)
-foreach(library IN ITEMS corvel corvel_static)
-  add_executable(with_${library} program.c)
+file(GLOB source program.*)
+foreach(library IN ITEMS corvel corvel_static corvel_page corvel_page_static)
+  add_executable(with_${library} EXCLUDE_FROM_ALL ${source})
   target_link_libraries(with_${library} PRIVATE corvel::${library})
 endforeach()
 """
@@ -124,21 +149,27 @@ def prefix(plain):
 in_one_process = pytest.mark.xdist_group("plain")
 
 
+each_library = pytest.mark.parametrize("name", ("libcorvel", "libcorvel_page"))
+
+
 @in_one_process
-def test_the_shared_library_is_a_link_to_the_versioned_file(plain):
-    library = plain / "libcorvel.so"
+@each_library
+def test_the_shared_library_is_a_link_to_the_versioned_file(name, plain):
+    library = plain / f"{name}.so"
     assert library.is_symlink() and library.is_file()
 
 
 @in_one_process
-def test_soname(plain):
-    dynamic = run("readelf", "--dynamic", "--wide", plain / "libcorvel.so")
-    assert "Library soname: [libcorvel.so.1]" in dynamic
+@each_library
+def test_soname(name, plain):
+    dynamic = run("readelf", "--dynamic", "--wide", plain / f"{name}.so")
+    assert f"Library soname: [{name}.so.1]" in dynamic
 
 
 @in_one_process
-def test_the_static_library_is_built(plain):
-    assert (plain / "libcorvel.a").is_file()
+@each_library
+def test_the_static_library_is_built(name, plain):
+    assert (plain / f"{name}.a").is_file()
 
 
 @in_one_process
@@ -159,6 +190,38 @@ def test_a_program_with_find_package(library, prefix, directory):
     run("cmake", "-S", directory, "-B", directory, f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", directory, "--target", f"with_{library}")
     run(directory / f"with_{library}")
+
+
+def assert_answers(program, **options):
+    """Runs PAGE, which must send the field of REQUEST as JSON."""
+    answer = run(program, **options)
+    assert answer.startswith("Status: 200 OK\n") and answer.endswith('\n\n"a\\"b"'), answer
+
+
+@in_one_process
+@pytest.mark.parametrize("libraries", (
+    "$(pkg-config --cflags --libs corvel_page)",
+    "$(pkg-config --cflags --libs-only-L corvel_page) -l:libcorvel_page.a -l:libcorvel.a -lcrypt"),
+    ids=("shared", "static"))
+@pytest.mark.parametrize("suffix", LANGUAGES)
+def test_a_page_with_pkg_config(suffix, libraries, prefix, directory):
+    (directory / f"program.{suffix}").write_text(PAGE)
+    variables = user_environment(prefix)
+    run("bash", "-c", f'{LANGUAGES[suffix]} "$0/program.{suffix}" -o "$0/program" {libraries}',
+        directory, env=variables)
+    assert_answers(directory / "program", env={**variables, **REQUEST})
+    assert run("pkg-config", "--modversion", "corvel_page", env=variables).startswith("1.")
+
+
+@in_one_process
+@pytest.mark.parametrize("library", ("corvel_page", "corvel_page_static"))
+@pytest.mark.parametrize("suffix", LANGUAGES)
+def test_a_page_with_find_package(suffix, library, prefix, directory):
+    (directory / f"program.{suffix}").write_text(PAGE)
+    (directory / "CMakeLists.txt").write_text(CONSUMER)
+    run("cmake", "-S", directory, "-B", directory, f"-DCMAKE_PREFIX_PATH={prefix}")
+    run("cmake", "--build", directory, "--target", f"with_{library}")
+    assert_answers(directory / f"with_{library}", env={**os.environ, **REQUEST})
 
 
 def test_the_smallest_build():
