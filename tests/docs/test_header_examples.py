@@ -7,12 +7,14 @@ commands that run it, in lines that begin with "// $ "; a line that begins with 
 the command before it, and other lines are the output of the command before them. An example without
 commands is run once and prints nothing.
 """
+import contextlib
+import fcntl
 import re
 import subprocess
 
 import pytest
 
-from build_tree import INSTALLED, SOURCE
+from build_tree import BUILD, INSTALLED, SOURCE
 from documents import WARNINGS
 
 HEADERS = [SOURCE / "include" / name for name in ("corvel.h", "corvel_page.h")]
@@ -64,6 +66,14 @@ def run(command, directory, variables, **options):
     return done.returncode, done.stdout
 
 
+@contextlib.contextmanager
+def alone():
+    """Lets one example run at a time: that of is_runing() looks for others of its name."""
+    with open(BUILD / "example.lock", "w", encoding="utf-8") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        yield
+
+
 EXAMPLES = {header.name: list(examples(header.read_text())) for header in HEADERS}
 
 
@@ -79,7 +89,8 @@ def test_example(code, commands, compiler, new_directory, variables):
                          new_directory, variables)
     assert status == 0, output
     for command, expected in commands:
-        status, output = run(["bash", "-c", command], new_directory, variables)
+        with alone():
+            status, output = run(["bash", "-c", command], new_directory, variables)
         # A transcript does not show whether the last line has a newline.
         output += "\n" if output and not output.endswith("\n") else ""
         assert (status, output) == (0, expected), command
