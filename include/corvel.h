@@ -757,6 +757,9 @@ CORVEL_API char *change_keyword(char *text, const str_node *record);
  * trailing `&`, or of an empty query) is not stored. `+` becomes a space; then `%` and the two
  * characters after it, hexadecimal digits or not, become one byte; a `%` with fewer than two
  * characters after it is kept. A decoded NUL ends the string.
+ *
+ * A program that responds without having read the body must read the rest of it first: otherwise
+ * some web servers, such as nginx with fcgiwrap, send an error (502) in place of the response.
  * @{
  */
 
@@ -1258,7 +1261,9 @@ CORVEL_API int prop2json(const prop_entry *table, int count);
  *
  * A multipart upload is read whole, preceded by its boundary so that the first part is found like
  * every other one, and then split into its files. Header names are matched case-sensitively,
- * anywhere between two boundaries: "Content-Type:" inside a content is taken for a header, too.
+ * anywhere between two boundaries: a content that contains "Content-Type:" loses its start, that
+ * line included. A part without that header, as some clients send a file, is skipped, and the
+ * content of a part with further headers after it begins within these.
  *
  * getDisposition_file() and process_file() print bytes that the client chose, even for a form
  * without a file: keep standard output out of the response while they run.
@@ -2967,6 +2972,7 @@ enum corvel_password_result {
  * The password field of the password file must not be empty, and not begin with `!` or `*`; the
  * hash is that of the shadow file, whose line must fit 256 bytes.
  *
+ * @note An expired account passes: only the password is compared, not the dates of the shadow file.
  * @note It takes longer for a user that exists, and does not slow down someone who guesses
  *       passwords: the program has to do that.
  *
