@@ -118,8 +118,8 @@ char *decode_extended(char *value, std::size_t &size) {
     const std::string_view text(value, size);
     const std::size_t charset = text.find('\'');
     const std::size_t language =
-        after(text, charset == text.npos ? text.size() : charset + 1).find('\'');
-    if (language == text.npos || !is_named(front(text, charset), "UTF-8"))
+        after(text, charset == std::string_view::npos ? text.size() : charset + 1).find('\'');
+    if (language == std::string_view::npos || !is_named(front(text, charset), "UTF-8"))
         return nullptr;
     const std::size_t start = charset + 1 + language + 1;
     size = decode_percent(value + start, size - start);

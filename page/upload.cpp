@@ -100,7 +100,7 @@ UploadReader::Next UploadReader::skip_preamble() {
     for (;;) {
         const std::string_view held = window_.held();
         const std::size_t found = held.find(separator);
-        if (found != held.npos) {
+        if (found != std::string_view::npos) {
             window_.skip(found + separator.size());
             return next_after_delimiter();
         }
@@ -142,14 +142,15 @@ bool UploadReader::read_header() {
     for (;;) {
         const std::string_view held = window_.held();
         const std::size_t newline = held.find('\n');
-        const std::string_view taken = front(held, newline == held.npos ? newline : newline + 1);
+        const std::string_view taken =
+            front(held, newline == std::string_view::npos ? newline : newline + 1);
         if (taken.size() > limits_.header_max - lines.size())
             return fail(CORVEL_UPLOAD_HEADER_TOO_LARGE);
         if (!lines.append(taken))
             return fail(CORVEL_UPLOAD_NO_MEMORY);
         line_size += taken.size();
         window_.skip(taken.size());
-        if (newline != held.npos) {
+        if (newline != std::string_view::npos) {
             const std::string_view line = after(lines.bytes(), lines.size() - line_size);
             if (line == "\n" || line == "\r\n")
                 return header_.parse() || fail(CORVEL_UPLOAD_MALFORMED);
@@ -213,7 +214,7 @@ bool UploadReader::read_content() {
     for (;;) {
         const std::string_view held = window_.held();
         const std::size_t found = held.find(separator_);
-        if (found == held.npos) {
+        if (found == std::string_view::npos) {
             if (!emit(held.size() - at_most(held.size(), separator_.size() - 1)))
                 return false;
             if (!window_.fill())
