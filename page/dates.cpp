@@ -158,7 +158,10 @@ char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_SIZE]) {
     tm utc{};
     // Independent of the locale, which strftime() is not. HTTP has no years of five digits.
     constexpr time_t last_second = 253402300799;
-    time = time < 0 ? 0 : time > last_second ? last_second : time;
+    if (time < 0)
+        time = 0;
+    else if (time > last_second)
+        time = last_second;
     gmtime_r(&time, &utc);
     // Only values that fit are printed; the compiler cannot know that.
     char formatted[96];
