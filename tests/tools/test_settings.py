@@ -5,7 +5,8 @@ import os
 import re
 import subprocess
 
-from programs import BUILD, SOURCE, Done, ToolTest
+from build_tree import BUILD, SOURCE
+from programs import Done, ToolTest
 
 
 class Settings(ToolTest):
