@@ -123,21 +123,26 @@ class Demo:
                  script=(SOURCE / "demo" / "serve",), command=()):
         self.own_directory = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
         self.state = state or self.own_directory / "state"
-        self.port = free_port()
-        self.output = ""
         self.session = None
         self._tokens = {}
-        _running.add(self)
-        # The demo ends if this process is killed.
-        command = [*command, "setpriv", "--pdeathsig", "TERM", *script,
-                   "--port", str(self.port), "--state", self.state,
-                   *(["--image", image] if image else []), *arguments]
-        self.process = subprocess.Popen(
-            [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, start_new_session=True)
         self.namespaces = set()
         self.members = []
-        if not self._wait_for_url():
+        _running.add(self)
+        # Another test's client can take the port between the choice and the start.
+        for _ in range(5):
+            self.port = free_port()
+            self.output = ""
+            # The demo ends if this process is killed.
+            words = [*command, "setpriv", "--pdeathsig", "TERM", *script,
+                     "--port", str(self.port), "--state", self.state,
+                     *(["--image", image] if image else []), *arguments]
+            self.process = subprocess.Popen(
+                [str(word) for word in words], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT, start_new_session=True)
+            if self._wait_for_url() or "Address already in use" not in self.output:
+                break
+            self.process.stdout.close()
+        if "\nServing " not in f"\n{self.output}":
             self.stop()
             raise RuntimeError(f"the demo did not start:\n{self.output}")
         self.members = descendants(self.process.pid)
