@@ -350,10 +350,12 @@ std::string version_section(const std::string &sections, const std::string &text
 
 Boot boot_of(unsigned char flags, const std::string &value) {
     std::string data = (flags & no_variable) != 0 ? "other=1" : "bootparam=" + value;
+    // A variable that fills the environment has no terminator and is not found.
+    const bool is_found = (flags & no_variable) == 0 && data.size() < corvel::environment_data_size;
     data.resize(corvel::environment_data_size);
     const std::uint32_t crc = crc_of(data);
     const bool good = (flags & bad_environment) == 0;
-    return {word_of(good ? crc : crc + 1) + data, good && (flags & no_variable) == 0, value};
+    return {word_of(good ? crc : crc + 1) + data, good && is_found, value};
 }
 
 /** Valid images with any payloads are accepted. */
