@@ -2183,7 +2183,7 @@ typedef enum corvel_log_level {
  *
  * Control characters and bytes that are not UTF-8 are written as `\\xHH`, so that a stranger's text
  * neither starts a line of its own nor controls a terminal that shows the log. The line is
- * truncated to 1,023 bytes, after a whole character. If no logging daemon runs, the message is
+ * truncated to 895 bytes, after a whole character. If no logging daemon runs, the message is
  * lost.
  *
  * @param[in] level  the level, with which the daemon can filter.

@@ -12,7 +12,8 @@
 namespace corvel {
 namespace {
 
-constexpr std::size_t line_size = 1024;
+/// Leaves room for the header that syslog() adds: some C libraries truncate both at 1,024 bytes.
+constexpr std::size_t line_size = 896;
 constexpr char hex_digits[] = "0123456789abcdef";
 
 /// Copies a message, with control characters and bytes that are not UTF-8 as `\xHH`, as far as it

@@ -419,7 +419,8 @@ TEST(corvel_json_decimal, HasAPointInEveryLocale) {
         EXPECT_EQ(decimal_of(1.5e300), "1.5e+300");
     }
 #else
-    GTEST_SKIP() << "this C library has a point in every locale";
+    // This C library has a point in every locale.
+    EXPECT_EQ(decimal_of(0.1), "0.1");
 #endif
 }
 

@@ -46,6 +46,8 @@ std::string logged(const std::string &text) {
     std::string message = log.message();
     unlink("/dev/log");
     closelog();
+    if (message.ends_with('\n')) // from some C libraries
+        message.pop_back();
     const std::size_t start = message.find('[');
     return start == std::string::npos ? message : message.substr(start);
 }
@@ -73,9 +75,9 @@ TEST(corvel_log, EscapesControlCharactersAndMalformedUtf8) {
 TEST(corvel_log, TruncatesALongMessageAfterAWholeCharacter) {
     in_private_root([] {
         const std::string longest = logged(std::string(2000, 'x'));
-        EXPECT_EQ(longest, "[" + std::string(1022, 'x'));
+        EXPECT_EQ(longest, "[" + std::string(894, 'x'));
         const std::string escaped = logged(std::string(2000, '\n'));
-        EXPECT_EQ(escaped.size(), 1021U);
+        EXPECT_EQ(escaped.size(), 893U);
         EXPECT_EQ(escaped.substr(escaped.size() - 4), "\\x0a");
     });
 }
