@@ -8,6 +8,7 @@ import json
 import os
 import re
 import secrets
+import select
 import shutil
 import socket
 import stat
@@ -183,9 +184,10 @@ class Strangers(LoginTest):
                 with contextlib.suppress(BrokenPipeError, ConnectionResetError):
                     for _ in range(LARGEST // PIECE - 1):
                         connection.sendall(bytes(PIECE))
+                        # What arrives before the answer may have to be stored: the first piece.
+                        select.select([connection], [], [], 20)
                         most = max(most, used() - before)
-                # On a busy machine the server has stored a few pieces before the program answers.
-                self.assertLessEqual(most, 4 * PIECE)
+                self.assertLessEqual(most, PIECE)
 
     def test_a_chunked_upload_is_refused_before_its_body(self):
         for cookie in FORGED:
