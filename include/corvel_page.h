@@ -516,12 +516,12 @@ CORVEL_PAGE_API const char *corvel_check_choice(const char *value, const char *c
  * @defgroup page_answer Answers
  * @brief The answer to a request: status, header fields, body. Source: page/answer.cpp.
  *
- * An answer is kept in memory until it is sent, so that it can still become an error page. Whatever
- * goes wrong before that, the browser gets a complete answer: if memory is exhausted, if the body
- * is longer than #CORVEL_ANSWER_MAX, or if a function was misused (a header field with a newline,
- * JSON that is not closed, a malformed template), corvel_answer_send() sends an error page of
- * status 500 instead, and the system log contains the reason. No function that fills an answer
- * therefore returns a failure.
+ * An answer is kept in memory until it is sent, so that it can still become an error page. The
+ * browser gets a complete answer even if something goes wrong before that: if memory is exhausted,
+ * if the body is longer than #CORVEL_ANSWER_MAX, or if a function was misused (a header field with
+ * a newline, JSON that is not closed, a malformed template), corvel_answer_send() sends an error
+ * page of status 500 instead, and the system log contains the reason. No function that fills an
+ * answer therefore returns a failure.
  *
  * @code
  * static corvel_site site;
@@ -1656,7 +1656,7 @@ typedef enum corvel_login_verdict {
  *
  * A client is an IPv4 address or the first 64 bits of an IPv6 address. After the free attempts,
  * each wrong password in a row doubles the time until the client may try again: 1, 2, 4 seconds and
- * so on, or up to a second more. Until then the result is CORVEL_LOGIN_WAIT, at once, whatever the
+ * so on, or up to a second more. Until then the result is CORVEL_LOGIN_WAIT, at once, for any
  * password. An attempt counts as wrong until the password has proved right, so that closing the
  * connection gains nothing, and of several requests of a client at once only one is checked. A
  * right password forgets the wrong ones; so do 15 minutes after the time when the client may try

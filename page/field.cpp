@@ -25,7 +25,7 @@ constexpr const char *not_mac = "Enter a MAC address, such as 00:11:22:AA:BB:CC.
 constexpr const char *not_host_name =
     "Enter a host name: letters, digits and hyphens, in parts separated by dots.";
 
-/// What is wrong with a value, whatever it should be; null if it is not empty.
+/// What is wrong with a value of any kind: that it is missing or empty. Null if it is neither.
 const char *complaint_about(const char *value) {
     if (value == nullptr)
         return "This field is missing.";

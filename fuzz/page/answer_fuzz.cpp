@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The header of an answer, its cookies, redirections and entity tags: whatever the strings contain,
-// no line is added, and an invalid string is answered by status 500.
+// The header of an answer, its cookies, redirections and entity tags: no string adds a line, and an
+// invalid string is answered by status 500.
 //
 // Input: strings with a NUL after each: the text of the body, a field's name and value, a cookie's
 // name and value, a path, If-None-Match, and a reason.

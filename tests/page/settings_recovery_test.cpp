@@ -513,16 +513,16 @@ TEST_F(corvel_settings_recover, LetsALoadFindTheFileWhereverAWriterIsPaused) {
 }
 
 /** What a writer does while the recovery reads the kept version. */
-std::function<void()> meanwhile;
+std::function<void()> before_kept_is_opened;
 
 TEST_F(corvel_settings_recover, LeavesTheFileOfAFasterWriterWithoutTheLockFile) {
     stand_in_opened = [](int, const char *opened) {
-        if (meanwhile && std::string(opened).ends_with(".kept"))
-            std::exchange(meanwhile, nullptr)();
+        if (before_kept_is_opened && std::string(opened).ends_with(".kept"))
+            std::exchange(before_kept_is_opened, nullptr)();
     };
     // It replaces a damaged file.
     prepare({"# Network\n", none, old_text});
-    meanwhile = [&] {
+    before_kept_is_opened = [&] {
         directory_.write("new", new_text);
         fs::rename(path("new"), path());
     };
@@ -530,7 +530,7 @@ TEST_F(corvel_settings_recover, LeavesTheFileOfAFasterWriterWithoutTheLockFile) 
     EXPECT_EQ(content(), new_text);
     // It is between the removal of the file, which then is missing, and the renaming of the copy.
     prepare({none, none, ""});
-    meanwhile = [&] {
+    before_kept_is_opened = [&] {
         directory_.write("conf.cgi", new_text);
     };
     EXPECT_EQ(recover(), CORVEL_SETTINGS_BUSY);

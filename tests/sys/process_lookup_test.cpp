@@ -319,7 +319,7 @@ TEST(find_pid_by_name, SkipsAProcessThatEndsDuringTheSearch) {
         NamedProcess gone("server");
         const NamedProcess zombie("server");
         const NamedProcess stays("server");
-        const Instead meanwhile(after_readdir, [&](const dirent &entry) {
+        const Instead ending(after_readdir, [&](const dirent &entry) {
             if (entry.d_name == std::to_string(gone.id()))
                 gone.end();
             if (entry.d_name == std::to_string(zombie.id()))
