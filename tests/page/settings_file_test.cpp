@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /** Saving settings files, alone and next to the library's own writers. */
+#include "tests/page/settings_device.h"
 #include "tests/page/settings_helpers.h"
 
 #include "tests/config/writers.h"
@@ -30,56 +31,14 @@
 #include <utility>
 #include <vector>
 
-/** Whether the pauses are skipped, and how many milliseconds they would have taken. */
-static bool skip_pauses = false;
-static long milliseconds = 0;
-
-extern "C" int nanosleep(const timespec *length, timespec *left) {
-    static auto *const next =
-        corvel_test::next_definition<int(const timespec *, timespec *)>("nanosleep");
-    milliseconds += length->tv_nsec / 1'000'000 + static_cast<long>(length->tv_sec) * 1000;
-    return skip_pauses ? 0 : next(length, left);
-}
-
-static std::function<int(int)> instead_of_fsync;
-
-extern "C" int fsync(int file) {
-    static auto *const next = corvel_test::next_definition<int(int)>("fsync");
-    return instead_of_fsync ? instead_of_fsync(file) : next(file);
-}
-
 namespace {
 
 using namespace corvel_test;
 namespace fs = std::filesystem;
 
-class corvel_settings_save : public testing::Test {
+class corvel_settings_save : public SettingsTest {
   protected:
-    [[nodiscard]] std::string path(const std::string &name = "conf") const {
-        return directory_.path(name);
-    }
-    [[nodiscard]] std::string content() const { return directory_.read("conf"); }
     void write(std::string_view content) const { directory_.write("conf", content); }
-    void clear() const {
-        for (const std::string &name : directory_.names())
-            directory_.remove(name);
-    }
-    [[nodiscard]] struct stat status(const std::string &name) const {
-        struct stat status {};
-        EXPECT_EQ(lstat(path(name).c_str(), &status), 0) << name;
-        return status;
-    }
-
-    TemporaryDirectory directory_;
-
-  private:
-    /** The tests are about processes that die, not about a power loss. */
-    void SetUp() override {
-        instead_of_fsync = [](int) {
-            return 0;
-        };
-    }
-    void TearDown() override { instead_of_fsync = nullptr; }
 };
 
 const Names all_names = {"conf", "conf.kept", "conf.lck"};

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 /** Restoring settings files after a kill and after a power loss. */
+#include "tests/page/settings_device.h"
 #include "tests/page/settings_helpers.h"
 
 #include "tests/config/writers.h"
@@ -27,43 +28,13 @@
 #include <utility>
 #include <vector>
 
-static bool skip_pauses = false;
-static long milliseconds = 0;
-
-extern "C" int nanosleep(const timespec *length, timespec *left) {
-    static auto *const next =
-        corvel_test::next_definition<int(const timespec *, timespec *)>("nanosleep");
-    milliseconds += length->tv_nsec / 1'000'000 + static_cast<long>(length->tv_sec) * 1000;
-    return skip_pauses ? 0 : next(length, left);
-}
-
-static std::function<int(int)> instead_of_fsync;
-
-extern "C" int fsync(int file) {
-    static auto *const next = corvel_test::next_definition<int(int)>("fsync");
-    return instead_of_fsync ? instead_of_fsync(file) : next(file);
-}
-
 namespace {
 
 using namespace corvel_test;
 namespace fs = std::filesystem;
 
-class corvel_settings_recover : public testing::Test {
+class corvel_settings_recover : public SettingsTest {
   protected:
-    [[nodiscard]] std::string path(const std::string &name = "conf") const {
-        return directory_.path(name);
-    }
-    [[nodiscard]] std::string content() const { return directory_.read("conf"); }
-    void clear() const {
-        for (const std::string &name : directory_.names())
-            directory_.remove(name);
-    }
-    [[nodiscard]] struct stat status(const std::string &name) const {
-        struct stat status {};
-        EXPECT_EQ(lstat(path(name).c_str(), &status), 0) << name;
-        return status;
-    }
     [[nodiscard]] corvel_settings_result recover(char separator = '=') const {
         return ::corvel_settings_recover(path().c_str(), separator);
     }
@@ -109,17 +80,6 @@ class corvel_settings_recover : public testing::Test {
         EXPECT_EQ(found.copy.value_or(""), found.copy ? directory_.read("conf.cgi") : "") << where;
         EXPECT_FALSE(directory_.exists("conf.kept~"));
     }
-
-    TemporaryDirectory directory_;
-
-  private:
-    /** The state after a power loss is made by the tests. */
-    void SetUp() override {
-        instead_of_fsync = [](int) {
-            return 0;
-        };
-    }
-    void TearDown() override { instead_of_fsync = nullptr; }
 };
 
 const std::string old_text = "# Network\nA=\"1\"\n\nB=\"1\"\n";
