@@ -10,6 +10,7 @@
 #include <strings.h>
 
 #include "page/decimal.h"
+#include "page/syntax.h"
 #include "support/handles.h"
 #include "support/text.h"
 
@@ -106,17 +107,6 @@ constexpr std::size_t default_memory = 131072;
 
 const char *variable(const char *name) { return text_or_empty(std::getenv(name)); }
 
-bool equals_ignoring_case(const char *text, std::size_t length, const char *expected) {
-    return std::strlen(expected) == length && strncasecmp(text, expected, length) == 0;
-}
-
-bool has_control_character(const char *text) {
-    for (; *text != '\0'; ++text)
-        if (static_cast<unsigned char>(*text) < ' ' || *text == '\x7F')
-            return true;
-    return false;
-}
-
 // What begins a request.
 
 struct NamedMethod {
@@ -135,13 +125,6 @@ unsigned method_named(const char *name) {
         if (std::strcmp(name, each.name) == 0)
             return each.method;
     return 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-    skip_spaces(text);
-    while (!text.empty() && is_space(text.back()))
-        text.remove_suffix(1);
-    return text;
 }
 
 /// Cookies are separated by semicolons. One without `=` has no name and is skipped.
@@ -209,7 +192,7 @@ bool is_own_host(const char *const *hosts) {
     const char *const host = variable("HTTP_HOST");
     const std::size_t length = host_length(host);
     for (; length != 0 && *hosts != nullptr; ++hosts)
-        if (equals_ignoring_case(host, length, *hosts))
+        if (equals_ignoring_case({host, length}, *hosts))
             return true;
     return is_address(host, length);
 }
@@ -253,12 +236,12 @@ bool is_from_own_site(const corvel_request &request) {
 unsigned type_named(const char *type) {
     type += std::strspn(type, " \t");
     const std::size_t length = std::strcspn(type, "; \t");
-    if (equals_ignoring_case(type, length, "application/x-www-form-urlencoded"))
+    if (equals_ignoring_case({type, length}, "application/x-www-form-urlencoded"))
         return CORVEL_FORM;
-    if (equals_ignoring_case(type, length, "multipart/form-data"))
+    if (equals_ignoring_case({type, length}, "multipart/form-data"))
         return CORVEL_MULTIPART;
-    return equals_ignoring_case(type, length, "application/json") ? CORVEL_JSON_TEXT
-                                                                  : CORVEL_ANY_TYPE;
+    return equals_ignoring_case({type, length}, "application/json") ? CORVEL_JSON_TEXT
+                                                                    : CORVEL_ANY_TYPE;
 }
 
 /// The type as which the body is read; 0 if the rules do not permit it.

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+#include "page/syntax.h"
+
+#include <cstring>
+#include <strings.h>
+
+#include "support/text.h"
+
+namespace corvel {
+namespace {
+
+bool is_blank(char character) { return character == ' ' || character == '\t'; }
+
+bool is_alphanumeric(char character) {
+    const char lower = static_cast<char>(character | 0x20);
+    return (lower >= 'a' && lower <= 'z') || is_digit(character);
+}
+
+} // namespace
+
+bool equals_ignoring_case(std::string_view text, const char *expected) {
+    return std::strlen(expected) == text.size() &&
+           strncasecmp(text.data(), expected, text.size()) == 0;
+}
+
+bool consists_of(std::string_view text, const char *others) {
+    for (const char character : text)
+        if (!is_alphanumeric(character) &&
+            (character == '\0' || std::strchr(others, character) == nullptr))
+            return false;
+    return !text.empty();
+}
+
+bool has_control_character(const char *text) {
+    for (; *text != '\0'; ++text)
+        if (static_cast<unsigned char>(*text) < ' ' || *text == '\x7F')
+            return true;
+    return false;
+}
+
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && is_blank(text.front()))
+        text.remove_prefix(1);
+    while (!text.empty() && is_blank(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+} // namespace corvel

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#ifndef CORVEL_PAGE_SYNTAX_H
+#define CORVEL_PAGE_SYNTAX_H
+
+#include <string_view>
+
+namespace corvel {
+
+/// True if a string equals another one regardless of the case of letters.
+bool equals_ignoring_case(std::string_view text, const char *expected);
+
+/// True if a string consists of letters and digits of ASCII and of @p others, and is not empty.
+bool consists_of(std::string_view text, const char *others);
+
+/// True if a string contains a control character of ASCII.
+bool has_control_character(const char *text);
+
+/// The string without the spaces and tabs at its ends.
+std::string_view trimmed(std::string_view text);
+
+} // namespace corvel
+
+#endif

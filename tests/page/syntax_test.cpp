@@ -1,0 +1,61 @@
+/* SPDX-License-Identifier: MIT */
+#include "page/syntax.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using corvel::consists_of;
+using corvel::equals_ignoring_case;
+using corvel::has_control_character;
+using corvel::trimmed;
+
+TEST(EqualsIgnoringCase, ComparesAllCharactersAndTheLength) {
+    EXPECT_TRUE(equals_ignoring_case("Form-Data", "form-data"));
+    EXPECT_TRUE(equals_ignoring_case("", ""));
+    EXPECT_FALSE(equals_ignoring_case("form-dat", "form-data"));
+    EXPECT_FALSE(equals_ignoring_case("form-data", "form-dat"));
+    EXPECT_FALSE(equals_ignoring_case("form_data", "form-data"));
+}
+
+TEST(EqualsIgnoringCase, ComparesNothingAfterTheView) {
+    EXPECT_TRUE(equals_ignoring_case(std::string_view("name=value").substr(0, 4), "NAME"));
+}
+
+TEST(EqualsIgnoringCase, TreatsANulAsACharacter) {
+    EXPECT_FALSE(equals_ignoring_case(std::string_view("name\0", 5), "name"));
+    EXPECT_FALSE(equals_ignoring_case(std::string_view("nam\0", 4), "name"));
+}
+
+TEST(ConsistsOf, AcceptsLettersAndDigitsOfAsciiAndTheOthers) {
+    for (int byte = 0; byte < 256; ++byte) {
+        const char character = static_cast<char>(byte);
+        const bool is_letter =
+            (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || byte == '-';
+        const bool is_digit = byte >= '0' && byte <= '9';
+        EXPECT_EQ(consists_of(std::string{'a', character, 'z'}, "-"), is_letter || is_digit)
+            << byte;
+    }
+}
+
+TEST(ConsistsOf, RefusesTheEmptyString) { EXPECT_FALSE(consists_of("", "-")); }
+
+TEST(HasControlCharacter, FindsEachControlOfAscii) {
+    for (int byte = 1; byte < 256; ++byte)
+        EXPECT_EQ(has_control_character(std::string{'a', static_cast<char>(byte)}.c_str()),
+                  byte < 0x20 || byte == 0x7F)
+            << byte;
+    EXPECT_FALSE(has_control_character(""));
+}
+
+TEST(Trimmed, RemovesSpacesAndTabsAtBothEnds) {
+    EXPECT_EQ(trimmed(" \t a\t b \t"), "a\t b");
+    EXPECT_EQ(trimmed("a"), "a");
+    EXPECT_EQ(trimmed("\na\r"), "\na\r");
+    EXPECT_EQ(trimmed(" \t "), "");
+    EXPECT_EQ(trimmed(""), "");
+}
+
+} // namespace
