@@ -224,6 +224,70 @@ def test_a_page_with_find_package(suffix, library, prefix, directory):
     assert_answers(directory / f"with_{library}", env={**os.environ, **REQUEST})
 
 
+# --- The components of the installation ---------------------------------------------------------
+
+COMPONENTS = {
+    "runtime": {"bin/corvel-settings",
+                *(f"lib/{name}.so.{version}" for name in ("libcorvel", "libcorvel_page")
+                  for version in ("1", "1.0.0"))},
+    "development": {"include/corvel.h", "include/corvel_page.h",
+                    "lib/pkgconfig/corvel.pc", "lib/pkgconfig/corvel_page.pc",
+                    "lib/cmake/corvel/corvelConfig.cmake",
+                    "lib/cmake/corvel/corvelConfigVersion.cmake",
+                    *(f"lib/cmake/corvel/{export}{suffix}.cmake" for suffix in ("", "-release")
+                      for export in ("corvelTargets", "corvelPageTargets")),
+                    *(f"lib/{name}.{suffix}" for name in ("libcorvel", "libcorvel_page")
+                      for suffix in ("a", "so"))},
+    "tools": {"share/man/man1/corvel-settings.1"}}
+
+
+@in_one_process
+@pytest.mark.parametrize("component", COMPONENTS)
+def test_a_component_of_the_installation(component, plain, directory):
+    run("cmake", "--install", plain, "--prefix", directory, "--component", component,
+        "--config", "Release")
+    installed = {str(path.relative_to(directory)).replace("lib/x86_64-linux-gnu/", "lib/")
+                 for path in directory.rglob("*") if not path.is_dir()}
+    assert {name for name in installed if "/man3/" not in name} == COMPONENTS[component]
+
+
+@in_one_process
+def test_the_components_together_are_the_installation(prefix, plain, directory):
+    for component in COMPONENTS:
+        run("cmake", "--install", plain, "--prefix", directory, "--component", component)
+    everything, parts = ({path.relative_to(top) for path in top.rglob("*")}
+                         for top in (prefix, directory))
+    assert parts == everything
+
+
+@in_one_process
+@pytest.mark.parametrize("wanted, status", (("", 0), ("COMPONENTS page", 1)))
+def test_an_installation_without_the_page_kit(wanted, status, plain, directory):
+    installed = directory / "prefix"
+    run("cmake", "--install", plain, "--prefix", installed)
+    for path in [*installed.rglob("corvelPage*"), *installed.rglob("libcorvel_page*")]:
+        path.unlink()
+    (directory / "program.c").write_text(PROGRAM)
+    (directory / "CMakeLists.txt").write_text(f"""
+cmake_minimum_required(VERSION 3.20)
+project(consumer LANGUAGES C)
+find_package(corvel 1.0 REQUIRED {wanted})
+add_executable(program program.c)
+target_link_libraries(program PRIVATE corvel::corvel)
+""")
+    done = subprocess.run(["cmake", "-S", directory, "-B", directory,
+                           f"-DCMAKE_PREFIX_PATH={installed}"], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    assert done.returncode == status, done.stdout
+    if status != 0:
+        assert "the installation lacks a required component" in done.stdout
+    else:
+        run("cmake", "--build", directory)
+        run(directory / "program")
+
+
+# --- The smallest build -------------------------------------------------------------------------
+
 def test_the_smallest_build():
     build_preset("size")
 
