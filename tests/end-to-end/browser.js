@@ -72,6 +72,44 @@ async function checkLooks(page, name) {
     }
 }
 
+// Checks the current page with axe at four widths, in both colour schemes, and in forced colours.
+async function checkAccess(page, state) {
+  await page.evaluate(fs.readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8'));
+  for (const [width, colorScheme, forcedColors] of [
+    [320, 'light', 'none'], [390, 'dark', 'none'], [768, 'light', 'none'], [768, 'dark', 'none'],
+    [1280, 'light', 'none'], [1280, 'dark', 'none'], [1280, 'light', 'active']]) {
+    await page.setViewportSize({ width, height: 844 });
+    await page.emulateMedia({ colorScheme, forcedColors, reducedMotion: 'reduce' });
+    const { violations } = await page.evaluate(() => axe.run(document));
+    const found = violations.flatMap(({ id, nodes }) => nodes.map(({ html, any }) =>
+      `${state}, ${width}, ${colorScheme}, ${forcedColors}: ${id}: ${html}: ${any[0]?.message}`));
+    assert.deepEqual(found, []);
+    await checkPage(page);
+    await picture(page, `${state}-${width}-${colorScheme}-${forcedColors}`);
+  }
+  await page.emulateMedia({ forcedColors: 'none' });
+}
+
+// Returns the focusable elements that the bar with the button to save covers when they get the focus.
+async function coveredByBar(page) {
+  const covered = [];
+  await page.evaluate(() => document.activeElement.blur());
+  for (let i = 0; i < 60; i++) {
+    await page.keyboard.press('Tab');
+    const found = await page.evaluate(() => {
+      const focused = document.activeElement;
+      const bar = document.querySelector('form > .actions');
+      if (focused === document.body) return { end: true };
+      const inside = bar.contains(focused);
+      const [a, b] = [focused.getBoundingClientRect(), bar.getBoundingClientRect()];
+      return { covered: !inside && a.bottom > b.top && a.top < b.bottom, name: focused.id || focused.outerHTML };
+    });
+    if (found.end) break;
+    if (found.covered) covered.push(found.name);
+  }
+  return covered;
+}
+
 async function upload(page, image) {
   await page.goto(url + '/cgi-bin/upgrade');
   await page.getByLabel('Image file').setInputFiles(image);
@@ -215,6 +253,105 @@ const walks = {
       await checkLooks(page, name);
     }
     return 'checked';
+  },
+
+  // Checks every page in its states with axe.
+  async accessible(page, image) {
+    const at = (name) => page.goto(`${url}/cgi-bin/${name}`);
+    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'password']) {
+      await at(name);
+      await checkAccess(page, name);
+    }
+    await at('network');
+    for (const name of ['DHCP server', 'Radio']) await page.getByLabel(name).uncheck();
+    await checkAccess(page, 'network-off');
+    await at('network');
+    for (const name of ['DHCP server', 'Radio']) await page.getByLabel(name).uncheck();
+    await page.getByLabel('Router address').fill('300.1.1.1');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.locator('.error:not(:empty)').first().waitFor();
+    await checkAccess(page, 'network-errors');
+    await at('password');
+    for (const name of ['Current password', 'New password', 'Repeat new password'])
+      await page.getByLabel(name, { exact: true }).fill('not the password');
+    await page.getByRole('button', { name: 'Change password' }).click();
+    await page.locator('.error:not(:empty)').first().waitFor();
+    await checkAccess(page, 'password-errors');
+    await upload(page, image);
+    await page.getByRole('alert').waitFor();
+    await checkAccess(page, 'upgrade-refused');
+    await page.context().clearCookies();
+    await at('login');
+    await checkAccess(page, 'login');
+    await logIn(page, 'wrong');
+    await page.getByRole('alert').waitFor();
+    await checkAccess(page, 'login-refused');
+    return 'checked';
+  },
+
+  // Walks through the forms by keyboard: the bar with the button never covers the focused field.
+  async keyboard(page) {
+    const covered = {};
+    for (const [width, height] of [[1280, 720], [390, 844], [320, 568]])
+      for (const name of ['network', 'device']) {
+        await page.setViewportSize({ width, height });
+        await page.goto(`${url}/cgi-bin/${name}`);
+        covered[`${name} at ${width} by ${height}`] = await coveredByBar(page);
+      }
+    return covered;
+  },
+
+  // Leaves a form with and without changes: the browser asks only if something would be lost.
+  async leaving(page) {
+    const questions = [];
+    page.on('dialog', (dialog) => {
+      questions.push(dialog.type());
+      dialog.accept();
+    });
+    await page.goto(url + '/cgi-bin/device');
+    await page.getByRole('link', { name: 'Status' }).click();
+    await page.getByRole('heading', { name: 'Status', level: 1 }).waitFor();
+    const unchanged = questions.length;
+    await page.goto(url + '/cgi-bin/device');
+    await page.getByLabel('Contact').pressSequentially('somebody');
+    await page.getByRole('link', { name: 'Status' }).click();
+    await page.getByRole('heading', { name: 'Status', level: 1 }).waitFor();
+    const changed = questions.length - unchanged;
+    await page.goto(url + '/cgi-bin/device');
+    await page.getByLabel('Contact').pressSequentially(' or other');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.waitForURL(/saved=1/);
+    return { unchanged, changed, saved: questions.length - unchanged - changed };
+  },
+
+  // The session ends while a form is filled in: after the login the entries are there again.
+  async entries(page) {
+    await page.goto(url + '/cgi-bin/network');
+    await page.getByLabel('Domain').fill('typed.example');
+    await page.getByLabel('Hide SSID').check();
+    await page.getByLabel('Passphrase').fill('a secret that nobody keeps');
+    await page.context().clearCookies();
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.locator('form#login').waitFor();
+    const kept = await page.evaluate(() => JSON.stringify(sessionStorage));
+    await logIn(page, process.env.PASSWORD);
+    await page.getByRole('heading', { name: 'Network', level: 1 }).waitFor();
+    return {
+      kept,
+      domain: await page.getByLabel('Domain').inputValue(),
+      hidden: await page.getByLabel('Hide SSID').isChecked(),
+      message: await page.getByRole('status').innerText(),
+      left: await page.evaluate(() => sessionStorage.length),
+    };
+  },
+
+  // Enters another address of the router: the range is moved to its network.
+  async range(page) {
+    await page.goto(url + '/cgi-bin/network');
+    await page.getByLabel('Router address').fill('10.20.30.1');
+    await page.keyboard.press('Tab');
+    return [await page.getByLabel('First address').inputValue(),
+      await page.getByLabel('Last address').inputValue()];
   },
 
   // Logs in, first with a wrong password, collects the links, and logs out.

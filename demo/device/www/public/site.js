@@ -47,8 +47,79 @@ netmask?.addEventListener('input', () => {
   prefixLength.value = /^1+0+$/.test(bits) && bits.length === 32 ? '/' + bits.indexOf('0') : '/–';
 });
 
+// --- Forms of settings ---------------------------------------------------------------------------
+
+// What the user typed is kept until it is saved: a warning precedes leaving the page, and entries
+// that a session's end interrupted are filled in again after the next login. Passwords are not kept.
+const settings = document.querySelector('form[method=post]:not(#login, #logout, [data-upload])');
+const memory = 'entries of ' + location.pathname;
+const entries = (form) => [...form.elements].filter(
+  (each) => each.name && each.type !== 'hidden' && each.autocomplete !== 'current-password'
+    && each.autocomplete !== 'new-password' && !each.matches('[type=password], [data-reveal]'));
+const valueOf = (each) => (each.type === 'checkbox' ? each.checked : each.value);
+let isSubmitted = false;
+
+function isChanged() {
+  return !!settings && entries(settings).some((each) => (each.type === 'checkbox'
+    ? each.checked !== each.defaultChecked
+    : each.options ? !each.selectedOptions[0]?.defaultSelected : each.value !== each.defaultValue));
+}
+
+function keepEntries() {
+  if (isChanged())
+    sessionStorage.setItem(memory, JSON.stringify(
+      entries(settings).map((each) => [each.name, valueOf(each)])));
+}
+
+function restoreEntries() {
+  const kept = JSON.parse(sessionStorage.getItem(memory) ?? 'null');
+  sessionStorage.removeItem(memory);
+  // A page that shows a saved form or its errors has the user's entries already.
+  if (!kept || document.querySelector('.message')?.textContent.trim()) return;
+  for (const [name, value] of kept) {
+    const field = entries(settings).find((each) => each.name === name);
+    if (field?.type === 'checkbox') field.checked = value;
+    else if (field) field.value = value;
+    field?.dispatchEvent(new Event('change'));
+  }
+  if (isChanged())
+    document.querySelector('.message').textContent =
+      'Your session had ended. Your entries are filled in again, but not saved yet.';
+}
+
+if (settings) {
+  restoreEntries();
+  settings.addEventListener('submit', () => {
+    isSubmitted = true;
+    keepEntries();
+  });
+  addEventListener('beforeunload', (event) => {
+    if (!isSubmitted && isChanged()) event.preventDefault();
+  });
+}
+
+// The range of assigned addresses follows a changed address of the router.
+const routerAddress = document.getElementById('LAN_ADDRESS');
+routerAddress?.addEventListener('change', () => {
+  const number = (text) => (/^\d+(\.\d+){3}$/.test(text)
+    ? text.split('.').reduce((sum, octet) => sum * 256 + Number(octet), 0) : NaN);
+  const mask = number(netmask.defaultValue);
+  const text = (value) => [24, 16, 8, 0].map((shift) => (value >>> shift) & 255).join('.');
+  const from = (number(routerAddress.defaultValue) & mask) >>> 0;
+  const to = number(routerAddress.value);
+  if (Number.isNaN(to)) return;
+  for (const name of ['DHCP_FIRST', 'DHCP_LAST']) {
+    const field = document.getElementById(name);
+    const address = number(field.defaultValue);
+    if ((address & mask) >>> 0 === from)
+      field.value = text(((to & mask) | (address & ~mask)) >>> 0);
+  }
+});
+
 // Redirects to the login page, which leads back to this page.
 function toLogin() {
+  keepEntries();
+  isSubmitted = true;
   location.assign('/cgi-bin/login?next=' + encodeURIComponent(location.pathname + location.search));
 }
 
