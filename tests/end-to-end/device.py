@@ -361,6 +361,11 @@ class Demo:
     def page(self, path):
         return Page(self.get(path).text)
 
+    def static_file(self, kind):
+        """Returns the path of the static file of a type, as the pages name it."""
+        ending = {"text/css": "css", "text/javascript": "js", "image/svg+xml": "svg"}[kind]
+        return re.search(rf'"(/[^"]+\.{ending})"', self.get(LOGIN).text).group(1)
+
     def document(self, path):
         """Returns a page's JSON document."""
         response = self.get(path + "?Ajax=1")

@@ -187,7 +187,7 @@ class HostileNames(ClientsTest):
             self.assertEqual(rows[mac]["host"], name)
             self.assertEqual(rows[mac]["ip"], f"192.168.1.{30 + i}")
         self.assertTrue(text.endswith("</html>\n"))
-        self.assertEqual([each.attributes.get("src") for each in page.find("script")], ["/site.js"])
+        self.assertEqual([each.attributes.get("src") for each in page.find("script")], [self.demo.static_file("text/javascript")])
         self.assertEqual([each for each in page if any(name.startswith("on")
                                                        for name in each.attributes)], [])
 
@@ -204,7 +204,7 @@ class HostileNames(ClientsTest):
         self.assertTrue(text.endswith("</html>\n"))
         self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
         page = Element.of_page(text)
-        self.assertEqual([each.attributes.get("src") for each in page.find("script")], ["/site.js"])
+        self.assertEqual([each.attributes.get("src") for each in page.find("script")], [self.demo.static_file("text/javascript")])
         self.assertEqual(len(page.find(id="leases")), 1)
         self.assertNotIn("<b>", text)
 

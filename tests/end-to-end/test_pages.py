@@ -101,8 +101,8 @@ class Pages(OwnDemoTest):
                     self.assertIn(self.demo.get(link).status, (200, 302), link)
 
     def test_static_files_have_their_types(self):
-        for path, kind in (("/style.css", "text/css"), ("/site.js", "text/javascript"),
-                           ("/icon.svg", "image/svg+xml")):
+        for kind in ("text/css", "text/javascript", "image/svg+xml"):
+            path = self.demo.static_file(kind)
             response = self.demo.get(path)
             self.assertEqual(response.status, 200)
             self.assertTrue(response.headers["Content-Type"].startswith(kind))
@@ -118,7 +118,7 @@ class Pages(OwnDemoTest):
             self.assertIn(self.demo.get(path).status, (400, 403, 404), path)
 
     def test_responses_have_the_security_headers(self):
-        for path in (*PAGES, "/style.css", NETWORK + "?Ajax=1"):
+        for path in (*PAGES, self.demo.static_file("text/css"), NETWORK + "?Ajax=1"):
             headers = self.demo.get(path).headers
             self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
             self.assertIn("frame-ancestors 'none'", headers["Content-Security-Policy"])

@@ -1,0 +1,20 @@
+# SPDX-License-Identifier: MIT
+# Gives style sheet and script of the installed site names that contain a checksum, so that browsers
+# can keep them until they change, and compresses them.
+set(www $ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/www)
+file(GLOB pages ${www}/templates/*.html ${www}/errors/*.html)
+foreach(asset IN ITEMS style.css site.js)
+  set(file ${www}/public/${asset})
+  file(SHA256 ${file} checksum)
+  string(SUBSTRING ${checksum} 0 8 checksum)
+  cmake_path(GET asset STEM stem)
+  cmake_path(GET asset EXTENSION extension)
+  set(name ${stem}.${checksum}${extension})
+  file(RENAME ${file} ${www}/public/${name})
+  execute_process(COMMAND gzip -9 -n -k ${www}/public/${name} COMMAND_ERROR_IS_FATAL ANY)
+  foreach(page IN LISTS pages)
+    file(READ ${page} text)
+    string(REPLACE "\"/${asset}\"" "\"/${name}\"" text "${text}")
+    file(WRITE ${page} "${text}")
+  endforeach()
+endforeach()
