@@ -1281,11 +1281,13 @@ typedef struct corvel_part {
 
 /** What an upload may contain. A member that is 0 has the default stated here. */
 typedef struct corvel_upload_limits {
-    size_t parts_max;   /**< Parts, fields and files together. Default: 64. */
-    size_t header_max;  /**< Bytes of a part's header lines. Default: 8,192. */
-    size_t field_max;   /**< Bytes of a field's value. Default: 16,384. */
-    uint64_t file_max;  /**< Bytes of a file. Default: 16 MiB. */
-    uint64_t total_max; /**< Bytes of the body. Default: 16 MiB and 64 KiB. */
+    size_t parts_max;  /**< Parts, fields and files together. Default: 64. */
+    size_t header_max; /**< Bytes of a part's header lines, at most 16,384. Default: 8,192. */
+    size_t field_max;  /**< Bytes of a field's value. Default: 16,384. */
+    uint64_t file_max; /**< Bytes of a file. Default: 16 MiB. */
+    /** Bytes of the body, with what precedes the first part and follows the last. Default: 16 MiB
+     * and 64 KiB. */
+    uint64_t total_max;
 } corvel_upload_limits;
 
 /**
@@ -1319,13 +1321,14 @@ typedef enum corvel_upload_result {
     CORVEL_UPLOAD_FIELD_TOO_LARGE = -7,  /**< A field exceeds field_max, or all fields together the
                                               limits of the request. */
     CORVEL_UPLOAD_FILE_TOO_LARGE = -8,   /**< A file exceeds file_max. */
-    CORVEL_UPLOAD_TOO_LARGE = -9,        /**< The body exceeds total_max. */
-    CORVEL_UPLOAD_STOPPED = -10,         /**< A function of the sink returned false. */
-    CORVEL_UPLOAD_TIMEOUT = -11,         /**< Nothing arrived for the time that the request's rules
-                                              permit. */
-    CORVEL_UPLOAD_NO_MEMORY = -12,       /**< Memory is exhausted. */
-    CORVEL_UPLOAD_NO_SPACE = -13,        /**< The file could not be created or written. */
-    CORVEL_UPLOAD_NO_FILE = -14          /**< No file was sent in that field. */
+    CORVEL_UPLOAD_TOO_LARGE = -9,  /**< The body exceeds total_max. If its length is announced,
+                                        no part of it has been stored or passed on. */
+    CORVEL_UPLOAD_STOPPED = -10,   /**< A function of the sink returned false. */
+    CORVEL_UPLOAD_TIMEOUT = -11,   /**< Nothing arrived for the time that the request's rules
+                                        permit. */
+    CORVEL_UPLOAD_NO_MEMORY = -12, /**< Memory is exhausted. */
+    CORVEL_UPLOAD_NO_SPACE = -13,  /**< The file could not be created or written. */
+    CORVEL_UPLOAD_NO_FILE = -14    /**< No file was sent in that field. */
 } corvel_upload_result;
 
 /**
@@ -1337,8 +1340,10 @@ typedef enum corvel_upload_result {
  * accepted if the first boundary's line does. The functions allocate at most 48 KiB beyond what the
  * request holds, however large the upload is.
  *
- * Regardless of the result, the body has been read to its end. On a failure, parts that came before
- * it have been stored and passed on.
+ * Regardless of the result, the body has then been read to its end, and the rest after a failure
+ * discarded, so that the web server delivers the answer. Discarding takes at most ten times as long
+ * as `body_seconds` of the request's rules permits. On a failure, parts that came before it have
+ * been stored and passed on.
  *
  * @param[in,out] request the request.
  * @param[in]     limits  null for the defaults.
@@ -1354,6 +1359,9 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
  * As corvel_upload_read(), with the file of one field written into a new file of mode 0600. Other
  * files are discarded, also further ones of the same field. On any failure there is no new file.
  *
+ * The name of the file, which the client has chosen, becomes the value of the field, for
+ * corvel_field(). Show it to the user, but do not open a file of that name.
+ *
  * @code
  * static corvel_request_rules rules;
  * rules.methods = CORVEL_POST;
@@ -1364,13 +1372,13 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
  *     complaint = corvel_request_complaint(request);
  * else
  *     corvel_upload_status(corvel_upload_save(request, NULL, "file", "received"), &complaint);
- * puts(*complaint ? complaint : corvel_field(request, "note"));
+ * puts(*complaint ? complaint : corvel_field(request, "file"));
  * corvel_request_free(request);
- * // $ printf '%s\r\n' --b 'Content-Disposition: form-data; name="note"' '' greeting --b \
- * //   'Content-Disposition: form-data; name="file"; filename="a.txt"' '' hello --b-- > body
+ * // $ printf '%s\r\n' --b 'Content-Disposition: form-data; name="file"; filename="a.txt"' '' \
+ * //   hello --b-- > body
  * // $ REQUEST_METHOD=POST CONTENT_TYPE='multipart/form-data; boundary=b' \
  * //   CONTENT_LENGTH=$(wc -c < body) ./example < body && cat received
- * // greeting
+ * // a.txt
  * // hello
  * @endcode
  *

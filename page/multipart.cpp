@@ -4,203 +4,199 @@
 #include <cstring>
 #include <strings.h>
 
+#include "page/syntax.h"
 #include "support/hexadecimal.h"
 #include "support/text.h"
 
 namespace corvel {
 namespace {
 
-bool is_blank(char character) { return character == ' ' || character == '\t'; }
+constexpr const char *blanks = " \t";
 
-bool is_named(std::string_view text, std::string_view name) {
-    return text.size() == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0;
+bool is(const char *text, const char *expected) { return strcasecmp(text, expected) == 0; }
+
+/// Removes the spaces and tabs at both ends of a string, which is terminated earlier in place.
+char *trim(char *text) {
+    text += std::strspn(text, blanks);
+    std::size_t length = std::strlen(text);
+    while (length != 0 && std::strchr(blanks, text[length - 1]) != nullptr)
+        --length;
+    text[length] = '\0';
+    return text;
 }
 
-/// The text from one position to another, without spaces and tabs at either end.
-std::string_view trimmed(const char *start, const char *end) {
-    while (start != end && is_blank(*start))
-        ++start;
-    while (start != end && is_blank(end[-1]))
-        --end;
-    return {start, static_cast<std::size_t>(end - start)};
+/// Terminates a string at a character, and returns what follows it; the string's end if it does not
+/// contain the character.
+char *cut(char *text, const char *character) {
+    text += std::strcspn(text, character);
+    if (*text != '\0')
+        *text++ = '\0';
+    return text;
 }
 
-/// The parameters of a header field's value, `; name=value; name="value"`.
-class Parameters {
-  public:
-    Parameters(char *start, char *end) : at_(start), end_(end) {}
-
-    /// Reads the next parameter; false after the last one or if it is malformed. A value in quotes
-    /// is unescaped in place: a backslash before a quote or a backslash is removed, any other is
-    /// kept, since some clients send the path of a file with backslashes.
-    bool next() {
-        skip_blanks();
-        if (at_ == end_)
-            return false;
-        if (*at_++ != ';')
-            return fail();
-        skip_blanks();
-        if (at_ == end_)
-            return false; // a semicolon after the last parameter
-        char *const name_start = at_;
-        while (at_ != end_ && *at_ != '=' && *at_ != ';')
-            ++at_;
-        if (at_ == end_ || *at_ == ';')
-            return fail();
-        name_ = trimmed(name_start, at_++);
-        skip_blanks();
-        return at_ != end_ && *at_ == '"' ? read_quoted() : read_token();
-    }
-
-    [[nodiscard]] bool failed() const { return failed_; }
-    [[nodiscard]] std::string_view name() const { return name_; }
-    [[nodiscard]] char *value() const { return value_; }
-    [[nodiscard]] std::size_t size() const { return size_; }
-
-  private:
-    void skip_blanks() {
-        while (at_ != end_ && is_blank(*at_))
-            ++at_;
-    }
-    bool fail() {
-        failed_ = true;
-        return false;
-    }
-    bool read_quoted() {
-        value_ = ++at_;
-        size_ = 0;
-        for (; at_ != end_ && *at_ != '"'; ++at_) {
-            const bool escapes =
-                *at_ == '\\' && end_ - at_ > 1 && (at_[1] == '"' || at_[1] == '\\');
-            if (escapes)
-                ++at_;
-            value_[size_++] = *at_;
-        }
-        if (at_ == end_)
-            return fail();
-        ++at_;
-        return true;
-    }
-    bool read_token() {
-        value_ = at_;
-        while (at_ != end_ && *at_ != ';')
-            ++at_;
-        size_ = trimmed(value_, at_).size();
-        return true;
-    }
-
-    char *at_;
-    char *end_;
-    bool failed_ = false;
-    std::string_view name_;
-    char *value_ = nullptr;
-    std::size_t size_ = 0;
+struct Parameter {
+    char *name;
+    char *value;
 };
 
-/// Decodes percent signs in place and returns the new size.
-std::size_t decode_percent(char *text, std::size_t size) {
-    std::size_t used = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        const bool encodes = text[i] == '%' && size - i > 2 && hex_value(text[i + 1]) >= 0 &&
-                             hex_value(text[i + 2]) >= 0;
-        if (!encodes) {
-            text[used++] = text[i];
-            continue;
-        }
-        text[used++] = static_cast<char>(hex_value(text[i + 1]) * 16 + hex_value(text[i + 2]));
-        i += 2;
+/// Removes the quotes around a value in place, and returns what follows the second one; null if it
+/// is missing. A backslash before a quote or a backslash is removed, any other is kept, since some
+/// clients send the path of a file with backslashes.
+char *unquote(char *value) {
+    char *out = value;
+    char *at = value + 1;
+    for (; *at != '"'; *out++ = *at++) {
+        if (*at == '\\' && (at[1] == '"' || at[1] == '\\'))
+            ++at;
+        if (*at == '\0')
+            return nullptr;
     }
-    return used;
+    *out = '\0';
+    return at + 1;
+}
+
+/// Takes a parameter, `name=value` or `name="value"`, and the semicolon after it from the start of
+/// a string, in place. False at the end of the string; the string is then null if it is malformed.
+bool take_parameter(char *&text, Parameter &parameter) {
+    text += std::strspn(text, blanks);
+    if (*text == '\0')
+        return false;
+    const std::size_t length = std::strcspn(text, "=;");
+    const bool is_complete = text[length] == '=';
+    parameter.name = text;
+    text = is_complete ? cut(text, "=") : nullptr;
+    if (!is_complete)
+        return false;
+    parameter.name = trim(parameter.name);
+    text += std::strspn(text, blanks);
+    parameter.value = text;
+    if (*text != '"') {
+        text = cut(text, ";");
+        trim(parameter.value);
+        return true;
+    }
+    text = unquote(text);
+    if (text == nullptr)
+        return false;
+    char *const rest = text + std::strspn(text, blanks);
+    text = *rest == '\0' ? rest : rest + 1;
+    if (*rest != '\0' && *rest != ';')
+        text = nullptr;
+    return text != nullptr;
 }
 
 /// Decodes `UTF-8'language'text` of `filename*` in place. Null if it has another form or charset.
-char *decode_extended(char *value, std::size_t &size) {
-    const std::string_view text(value, size);
-    const std::size_t charset = text.find('\'');
-    const std::size_t language =
-        after(text, charset == std::string_view::npos ? text.size() : charset + 1).find('\'');
-    if (language == std::string_view::npos || !is_named(front(text, charset), "UTF-8"))
-        return nullptr;
-    const std::size_t start = charset + 1 + language + 1;
-    size = decode_percent(value + start, size - start);
-    return value + start;
+/// False if it contains a NUL.
+bool decode_extended(char *value, const char *&decoded) {
+    char *const language = cut(value, "'");
+    char *const text = cut(language, "'");
+    if (!is(value, "UTF-8") || text == language || text[-1] != '\0')
+        return true;
+    char *out = text;
+    for (const char *at = text; *at != '\0'; ++out) {
+        const int byte = *at == '%' && at[1] != '\0' ? hex_pair(at + 1) : -1;
+        if (byte == 0)
+            return false;
+        *out = byte > 0 ? static_cast<char>(byte) : *at;
+        at += byte > 0 ? 3 : 1;
+    }
+    *out = '\0';
+    decoded = text;
+    return true;
 }
 
 /// The file's own name, after the directories that some clients send with it.
 const char *without_directories(const char *name) {
-    for (const char *at = name; *at != '\0'; ++at) {
-        if (*at == '/' || *at == '\\')
-            name = at + 1;
-    }
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ? "" : name;
+    while (const char *const separator = std::strpbrk(name, "/\\"))
+        name = separator + 1;
+    return is_plain_filename(name) ? name : "";
 }
 
-/// Joins each line that starts with a space or tab to the line before it.
-void unfold(char *text, std::size_t size) {
-    for (std::size_t i = 0; i + 1 < size; ++i) {
-        if (text[i] != '\n' || !is_blank(text[i + 1]))
+/// Parses the value of Content-Disposition in place. False if it is malformed.
+bool parse_disposition(char *value, corvel_part &part) {
+    char *rest = cut(value, ";");
+    if (part.name != nullptr || !is(trim(value), "form-data"))
+        return false;
+    const char *decoded = nullptr;
+    for (Parameter parameter; take_parameter(rest, parameter);) {
+        if (is(parameter.name, "filename"))
+            part.filename = parameter.value;
+        if (is(parameter.name, "filename*") && !decode_extended(parameter.value, decoded))
+            return false;
+        if (!is(parameter.name, "name"))
             continue;
-        text[i] = ' ';
-        if (i > 0 && text[i - 1] == '\r')
-            text[i - 1] = ' ';
+        if (part.name != nullptr)
+            return false;
+        part.name = parameter.value;
     }
+    if (decoded != nullptr)
+        part.filename = decoded;
+    if (part.filename != nullptr)
+        part.filename = without_directories(part.filename);
+    return rest != nullptr;
+}
+
+/// Parses a header line in place. False if it is malformed.
+bool parse_line(char *line, corvel_part &part) {
+    char *const colon = std::strchr(line, ':');
+    if (colon == nullptr)
+        return false;
+    *colon = '\0';
+    const char *const name = trim(line);
+    char *const value = trim(colon + 1);
+    if (is(name, "content-disposition"))
+        return parse_disposition(value, part);
+    if (is(name, "content-type"))
+        part.type = value;
+    return !is(name, "content-transfer-encoding") || is(value, "7bit") || is(value, "8bit") ||
+           is(value, "binary");
+}
+
+/// Parses header lines in place. Each ends with a newline, and none is empty. A line that starts
+/// with a space or tab continues the one before it.
+bool parse_header(char *lines, corvel_part &part) {
+    while (*lines != '\0') {
+        char *end = lines + std::strcspn(lines, "\n");
+        for (; end[1] == ' ' || end[1] == '\t'; end += std::strcspn(end, "\n")) {
+            *end = ' ';
+            if (end[-1] == '\r')
+                end[-1] = ' ';
+        }
+        *end = '\0';
+        if (end[-1] == '\r')
+            end[-1] = '\0';
+        if (!parse_line(lines, part))
+            return false;
+        lines = end + 1;
+    }
+    return part.name != nullptr;
 }
 
 } // namespace
 
-Delimiter::Delimiter(std::string_view content_type) {
-    const std::string_view type = front(content_type, content_type.find(';'));
-    is_multipart_ =
-        is_named(trimmed(type.data(), type.data() + type.size()), "multipart/form-data");
-    const std::string_view given = after(content_type, type.size());
-    char copy[1024];
-    if (!is_multipart_ || given.size() > sizeof copy)
-        return;
-    std::memcpy(copy, given.data(), given.size());
-    Parameters parameters(copy, copy + given.size());
-    while (parameters.next()) {
-        if (!is_named(parameters.name(), "boundary"))
-            continue;
-        const std::string_view boundary(parameters.value(), parameters.size());
-        bool is_usable = !boundary.empty() && boundary.size() <= sizeof text_ - 4;
-        for (const char character : boundary)
-            is_usable = is_usable && static_cast<unsigned char>(character) >= ' ';
-        if (!is_usable)
-            return;
-        std::memcpy(text_, "\r\n--", 4);
-        std::memcpy(text_ + 4, boundary.data(), boundary.size());
-        size_ = 4 + boundary.size();
-        return;
-    }
+bool is_plain_filename(const char *name) {
+    return std::strpbrk(name, "/\\") == nullptr && std::strcmp(name, ".") != 0 &&
+           std::strcmp(name, "..") != 0;
 }
 
-void Window::prepend(std::string_view bytes) {
-    std::memcpy(bytes_.get(), bytes.data(), bytes.size());
-    start_ = 0;
-    end_ = bytes.size();
-}
-
-bool Window::fill() {
-    if (start_ != 0)
-        std::memmove(bytes_.get(), bytes_.get() + start_, end_ - start_);
+/// Reads further bytes after those held.
+bool MultipartReader::fill() {
+    std::memmove(window_.get(), window_.get() + start_, end_ - start_);
     end_ -= start_;
     start_ = 0;
-    if (end_ == capacity)
-        return false;
-    if (left_ == 0) {
-        char extra = 0;
-        is_too_large_ = body_.read(&extra, 1) != 0;
-        return false;
-    }
-    const std::uint64_t room = capacity - end_;
-    const auto wanted = static_cast<std::size_t>(room < left_ ? room : left_);
-    const std::size_t count = body_.read(bytes_.get() + end_, wanted);
+    const std::size_t count = body_.read(window_.get() + end_, window_size - end_);
+    if (count == 0)
+        return fail(body_.state() == Body::State::timed_out ? CORVEL_UPLOAD_TIMEOUT
+                                                            : CORVEL_UPLOAD_INCOMPLETE);
+    if (count > left_)
+        return fail(CORVEL_UPLOAD_TOO_LARGE);
     end_ += count;
     left_ -= count;
-    return count != 0;
+    return true;
 }
 
-bool Window::ensure(std::size_t count) {
+/// Reads until so many bytes are held.
+bool MultipartReader::ensure(std::size_t count) {
     while (end_ - start_ < count) {
         if (!fill())
             return false;
@@ -208,94 +204,167 @@ bool Window::ensure(std::size_t count) {
     return true;
 }
 
-corvel_upload_result Window::reason() const {
-    if (is_too_large_)
-        return CORVEL_UPLOAD_TOO_LARGE;
-    return body_.state() == Body::State::timed_out ? CORVEL_UPLOAD_TIMEOUT
-                                                   : CORVEL_UPLOAD_INCOMPLETE;
-}
-
-bool PartHeader::parse() {
-    part_ = {};
-    char *const text = lines_.data();
-    const std::size_t size = lines_.size();
-    if (size == 0 || std::memchr(text, '\0', size) != nullptr)
+bool MultipartReader::take_boundary(const char *content_type) {
+    char copy[1024];
+    if (std::strlen(content_type) >= sizeof copy)
         return false;
-    unfold(text, size);
-    for (char *line = text; line != text + size;) {
-        auto *const newline = static_cast<char *>(
-            std::memchr(line, '\n', static_cast<std::size_t>(text + size - line)));
-        if (newline == nullptr)
+    std::strcpy(copy, content_type);
+    char *rest = cut(copy, ";");
+    Parameter parameter;
+    do {
+        if (!take_parameter(rest, parameter))
             return false;
-        char *const end = newline != line && newline[-1] == '\r' ? newline - 1 : newline;
-        if (!parse_line(line, static_cast<std::size_t>(end - line)))
-            return false;
-        line = newline + 1;
-    }
-    if (part_.type == nullptr)
-        part_.type = "text/plain";
-    return part_.name != nullptr;
-}
-
-/// The byte at @p line + @p size belongs to the line ending: it is overwritten with the terminator
-/// of the line's last value.
-bool PartHeader::parse_line(char *line, std::size_t size) {
-    auto *const colon = static_cast<char *>(std::memchr(line, ':', size));
-    if (colon == nullptr)
-        return size == 0;
-    const std::string_view name = trimmed(line, colon);
-    char *const end = line + size;
-    if (is_named(name, "content-disposition"))
-        return part_.name == nullptr && parse_disposition(colon + 1, end);
-    const std::string_view value = trimmed(colon + 1, end);
-    if (is_named(name, "content-transfer-encoding"))
-        return is_named(value, "7bit") || is_named(value, "8bit") || is_named(value, "binary");
-    if (is_named(name, "content-type")) {
-        char *const type = colon + 1 + (value.data() - (colon + 1));
-        type[value.size()] = '\0';
-        part_.type = type;
-    }
+    } while (!is(parameter.name, "boundary"));
+    const std::size_t length = std::strlen(parameter.value);
+    if (length == 0 || length > longest_boundary || has_control_character(parameter.value))
+        return false;
+    std::memcpy(delimiter_, "\r\n--", 4);
+    std::memcpy(delimiter_ + 4, parameter.value, length);
+    delimiter_size_ = 4 + length;
     return true;
 }
 
-bool PartHeader::parse_disposition(char *value, char *end) {
-    char *parameters_start = value;
-    while (parameters_start != end && *parameters_start != ';')
-        ++parameters_start;
-    if (!is_named(trimmed(value, parameters_start), "form-data"))
-        return false;
-    const char *extended_filename = nullptr;
-    Parameters parameters(parameters_start, end);
-    char *terminated = nullptr; // the end of the value before, which is terminated once it was read
-    const auto terminate = [&terminated] {
-        if (terminated != nullptr)
-            *terminated = '\0';
-    };
-    while (parameters.next()) {
-        terminate();
-        char *start = parameters.value();
-        std::size_t size = parameters.size();
-        if (is_named(parameters.name(), "name")) {
-            if (part_.name != nullptr)
-                return false;
-            part_.name = start;
-        } else if (is_named(parameters.name(), "filename")) {
-            part_.filename = start;
-        } else if (is_named(parameters.name(), "filename*")) {
-            char *const decoded = decode_extended(start, size);
-            if (decoded != nullptr && std::memchr(decoded, '\0', size) != nullptr)
-                return false;
-            extended_filename = decoded;
-            start = decoded != nullptr ? decoded : start;
+corvel_upload_result MultipartReader::read(const char *content_type) {
+    if (!take_boundary(content_type))
+        return CORVEL_UPLOAD_BAD_BOUNDARY;
+    if (body_.left() != Body::unknown_length && body_.left() > left_)
+        return CORVEL_UPLOAD_TOO_LARGE;
+    if (window_ == nullptr)
+        return CORVEL_UPLOAD_NO_MEMORY;
+    if (skip_preamble())
+        while (begin_part() && read_header() && read_content())
+            ;
+    return result_;
+}
+
+/// Skips what precedes the first delimiter, which a line ending or the start of the body precedes.
+bool MultipartReader::skip_preamble() {
+    const std::string_view delimiter(delimiter_ + 1, delimiter_size_ - 1);
+    *window_ = '\n';
+    end_ = 1;
+    for (;;) {
+        const std::size_t found = held().find(delimiter);
+        if (found != std::string_view::npos) {
+            start_ += found + delimiter.size();
+            return true;
         }
-        terminated = start + size;
+        start_ = end_ - at_most(end_ - start_, delimiter.size() - 1);
+        if (!fill())
+            return false;
     }
-    terminate();
-    if (extended_filename != nullptr)
-        part_.filename = extended_filename;
-    if (part_.filename != nullptr)
-        part_.filename = without_directories(part_.filename);
-    return !parameters.failed();
+}
+
+/// Reads the rest of a delimiter's line: spaces and a line ending before a part, or two hyphens at
+/// the end of the body. False at the end of the body.
+bool MultipartReader::begin_part() {
+    if (!ensure(2))
+        return false;
+    if (front(held(), 2) == "--")
+        return skip_epilogue();
+    bool has_cr = false;
+    for (char character = '\0'; character != '\n';) {
+        if (!ensure(1))
+            return false;
+        character = window_.get()[start_++];
+        if (character == '\n')
+            break;
+        if (has_cr || (character != '\r' && character != ' ' && character != '\t'))
+            return fail(CORVEL_UPLOAD_MALFORMED);
+        has_cr = character == '\r';
+    }
+    if (separator_.empty())
+        separator_ = after({delimiter_, delimiter_size_}, has_cr ? 0 : 1);
+    return true;
+}
+
+/// Skips what follows the last delimiter, which counts as a part of the body.
+bool MultipartReader::skip_epilogue() {
+    do {
+        start_ = end_;
+    } while (fill());
+    if (result_ != CORVEL_UPLOAD_TOO_LARGE)
+        result_ = CORVEL_UPLOAD_DONE;
+    return false;
+}
+
+/// Reads the header lines of a part up to the empty line after them, and begins the part.
+bool MultipartReader::read_header() {
+    std::size_t line = 0;     // where the last line starts
+    std::size_t searched = 0; // the bytes of it that contain no newline end here
+    for (;;) {
+        const std::size_t newline = held().find('\n', searched);
+        searched = at_most(newline, held().size());
+        if (searched >= header_max_)
+            return fail(CORVEL_UPLOAD_HEADER_TOO_LARGE);
+        if (newline == std::string_view::npos) {
+            if (!fill())
+                return false;
+            continue;
+        }
+        if (newline == line || (newline == line + 1 && held()[line] == '\r'))
+            return begin_content(line, newline + 1);
+        line = searched = newline + 1;
+    }
+}
+
+/// Parses header lines of a size in the window, and skips them with the empty line. The strings of
+/// the part are in the window, where they are until it is filled again.
+bool MultipartReader::begin_content(std::size_t size, std::size_t skipped) {
+    char *const lines = window_.get() + start_;
+    corvel_part part{nullptr, nullptr, "text/plain"};
+    lines[size] = '\0';
+    if (std::strlen(lines) != size || !parse_header(lines, part))
+        return fail(CORVEL_UPLOAD_MALFORMED);
+    start_ += skipped;
+    return sink_.begin(sink_.context, &part) || fail(CORVEL_UPLOAD_STOPPED);
+}
+
+/// Passes on the first bytes of the window.
+bool MultipartReader::emit(std::size_t size) {
+    if (size != 0 && !sink_.data(sink_.context, held().data(), size))
+        return fail(CORVEL_UPLOAD_STOPPED);
+    start_ += size;
+    return true;
+}
+
+/// Whether a delimiter of @p size bytes at the start of the window is one: what follows it ends its
+/// line or the body. Otherwise it is content that starts like a delimiter.
+bool MultipartReader::is_delimiter(std::size_t size) const {
+    const std::string_view following = front(after(held(), size), 2);
+    return following[0] == ' ' || following[0] == '\t' || following[0] == '\n' ||
+           following == "\r\n" || following == "--";
+}
+
+/// Skips the delimiter of a part without any content, which can directly follow the empty line
+/// after the header: its line ending is that of the empty line.
+bool MultipartReader::skip_content_without_line() {
+    const std::string_view line(delimiter_ + 2, delimiter_size_ - 2);
+    if (!ensure(line.size() + 2) || !held().starts_with(line) || !is_delimiter(line.size()))
+        return false;
+    start_ += line.size();
+    return true;
+}
+
+/// Reads content up to the delimiter after it, and ends the part. The separator contains a line
+/// ending at its start only, so that no occurrence overlaps another.
+bool MultipartReader::read_content() {
+    bool is_read = skip_content_without_line();
+    while (!is_read) {
+        const std::size_t found = held().find(separator_);
+        if (found == std::string_view::npos) {
+            if (!emit(held().size() - at_most(held().size(), separator_.size() - 1)) || !fill())
+                return false;
+            continue;
+        }
+        if (!emit(found) || !ensure(separator_.size() + 2))
+            return false;
+        is_read = is_delimiter(separator_.size());
+        if (is_read)
+            start_ += separator_.size();
+        else if (!emit(separator_.size()))
+            return false;
+    }
+    return sink_.end(sink_.context) || fail(CORVEL_UPLOAD_STOPPED);
 }
 
 } // namespace corvel

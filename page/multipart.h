@@ -10,81 +10,64 @@
 #include <corvel_page.h>
 
 #include "page/body.h"
-#include "page/buffer.h"
 #include "support/handles.h"
 
 namespace corvel {
 
-/// The separator between the parts of a multipart body: an optional line ending, two hyphens and
-/// the boundary of the content type.
-class Delimiter {
+/// Reads a body and passes its parts, fields and files alike, to a sink, none of whose functions is
+/// null. The body passes through a window of fixed size.
+class MultipartReader {
   public:
-    /// Takes the boundary from a content type; there is none if the type is not multipart/form-data
-    /// or its boundary is missing, longer than 200 characters or contains control characters.
-    explicit Delimiter(std::string_view content_type);
+    /// Bytes of the window, of a part's header lines at most, and of a piece of content at most.
+    static constexpr std::size_t window_size = 16384;
 
-    [[nodiscard]] bool is_multipart() const { return is_multipart_; }
-    [[nodiscard]] bool is_valid() const { return size_ > 4; }
+    MultipartReader(Body &body, const corvel_upload_limits &limits, const corvel_upload_sink &sink)
+        : body_(body), sink_(sink), header_max_(at_most(limits.header_max, window_size)),
+          left_(limits.total_max), window_(allocate<char>(window_size)) {}
 
-    /// The separator after a CR LF, or after a LF alone.
-    [[nodiscard]] std::string_view after_crlf() const { return {text_, size_}; }
-    [[nodiscard]] std::string_view after_lf() const { return {text_ + 1, size_ - 1}; }
-    [[nodiscard]] std::string_view without_line_ending() const { return {text_ + 2, size_ - 2}; }
+    /// Reads the body, whose content type contains the boundary, until its end or a failure.
+    corvel_upload_result read(const char *content_type);
 
   private:
-    bool is_multipart_ = false;
-    std::size_t size_ = 0;
-    char text_[4 + 200] = {};
-};
+    static constexpr std::size_t longest_boundary = 200;
 
-/// The input of the reader: a part of the body in a window of fixed size.
-class Window {
-  public:
-    static constexpr std::size_t capacity = 16384;
+    bool take_boundary(const char *content_type);
+    bool skip_preamble();
+    bool begin_part();
+    bool skip_epilogue();
+    bool read_header();
+    bool begin_content(std::size_t size, std::size_t skipped);
+    bool read_content();
+    bool skip_content_without_line();
+    [[nodiscard]] bool is_delimiter(std::size_t size) const;
+    bool emit(std::size_t size);
 
-    Window(Body &body, std::uint64_t total_max)
-        : body_(body), left_(total_max), bytes_(allocate<char>(capacity)) {}
-
-    [[nodiscard]] bool has_memory() const { return bytes_ != nullptr; }
-    [[nodiscard]] std::string_view held() const { return {bytes_.get() + start_, end_ - start_}; }
-    void skip(std::size_t count) { start_ += count; }
-    /// Puts bytes before the body.
-    void prepend(std::string_view bytes);
-    /// Reads further bytes after those held. False at the end of the body, at the limit, if nothing
-    /// arrives, or if the window is full.
+    [[nodiscard]] std::string_view held() const { return {window_.get() + start_, end_ - start_}; }
     bool fill();
-    /// Whether at least @p count bytes are held, after reading as many.
     bool ensure(std::size_t count);
-    /// Why there are no further bytes.
-    [[nodiscard]] corvel_upload_result reason() const;
+    bool fail(corvel_upload_result result) {
+        result_ = result;
+        return false;
+    }
 
-  private:
     Body &body_;
+    const corvel_upload_sink &sink_;
+    std::size_t header_max_;
     std::uint64_t left_; ///< Bytes of the body that may still be read.
-    bool is_too_large_ = false;
-    HeapBlock<char> bytes_;
-    std::size_t start_ = 0;
+    HeapBlock<char> window_;
+    std::size_t start_ = 0; ///< The bytes held are between start and end.
     std::size_t end_ = 0;
+    /// The delimiter after the line ending that the first delimiter's line has: content in which
+    /// the boundary follows the other one is content.
+    std::string_view separator_;
+    corvel_upload_result result_ = CORVEL_UPLOAD_DONE;
+    /// CR LF, two hyphens and the boundary.
+    std::size_t delimiter_size_ = 0;
+    char delimiter_[4 + longest_boundary + 1];
 };
 
-/// The header of a part, parsed in place.
-class PartHeader {
-  public:
-    explicit PartHeader(std::size_t limit) : lines_(limit) {}
-
-    /// The header lines as received, each with its line ending.
-    Buffer &lines() { return lines_; }
-    /// Parses the lines. False if they are malformed or name no field.
-    bool parse();
-    [[nodiscard]] const corvel_part &part() const { return part_; }
-
-  private:
-    bool parse_line(char *line, std::size_t size);
-    bool parse_disposition(char *value, char *end);
-
-    Buffer lines_;
-    corvel_part part_{};
-};
+/// Whether a name that a client gave to a file contains no directory.
+bool is_plain_filename(const char *name);
 
 } // namespace corvel
 

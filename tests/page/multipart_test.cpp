@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <random>
 #include <string>
@@ -74,24 +75,19 @@ struct RequestRelease {
     void operator()(corvel_request *request) const { corvel_request_free(request); }
 };
 
+enum Chunked { chunked };
+
 /** A POST of a multipart body, accepted by a page. */
 class Upload {
   public:
     explicit Upload(const std::string &body,
                     const std::string &type = "multipart/form-data; boundary=" + boundary,
                     StandardInput::Kind kind = StandardInput::Kind::file)
-        : type_("CONTENT_TYPE", type), length_("CONTENT_LENGTH", std::to_string(body.size())),
-          input_(body, kind), request_(corvel_request_begin()) {
-        const corvel_request_rules rules = {.methods = CORVEL_POST,
-                                            .types = CORVEL_MULTIPART,
-                                            .body_max = std::size_t{64} << 20,
-                                            .pairs_max = 0,
-                                            .memory_max = 0,
-                                            .body_seconds = 5,
-                                            .accept_other_sites = false,
-                                            .hosts = nullptr};
-        EXPECT_EQ(corvel_request_read(request_.get(), &rules), CORVEL_HTTP_OK);
-    }
+        : Upload(body, type, std::to_string(body.size()), kind) {}
+    /** A body whose length the web server does not know. */
+    Upload(const std::string &body, Chunked /*chunked*/)
+        : Upload(body, "multipart/form-data; boundary=" + boundary, std::nullopt,
+                 StandardInput::Kind::file) {}
 
     corvel_upload_result read(const corvel_upload_limits *limits = nullptr) {
         const corvel_upload_sink sink = collector.sink();
@@ -112,9 +108,27 @@ class Upload {
     Collector collector;
 
   private:
+    Upload(const std::string &body, const std::string &type,
+           const std::optional<std::string> &length, StandardInput::Kind kind)
+        : type_("CONTENT_TYPE", type), length_("CONTENT_LENGTH", length),
+          encoding_("HTTP_TRANSFER_ENCODING",
+                    length ? std::nullopt : std::optional<std::string>("chunked")),
+          input_(body, kind), request_(corvel_request_begin()) {
+        const corvel_request_rules rules = {.methods = CORVEL_POST,
+                                            .types = CORVEL_MULTIPART,
+                                            .body_max = std::size_t{64} << 20,
+                                            .pairs_max = 0,
+                                            .memory_max = 0,
+                                            .body_seconds = 5,
+                                            .accept_other_sites = false,
+                                            .hosts = nullptr};
+        EXPECT_EQ(corvel_request_read(request_.get(), &rules), CORVEL_HTTP_OK);
+    }
+
     EnvironmentVariable method_{"REQUEST_METHOD", "POST"};
     EnvironmentVariable type_;
     EnvironmentVariable length_;
+    EnvironmentVariable encoding_;
     StandardInput input_;
     std::unique_ptr<corvel_request, RequestRelease> request_;
 };
@@ -349,7 +363,11 @@ TEST(corvel_upload_read, RefusesAMalformedHeader) {
              "", "no colon", "Content-Type: text/plain", "Content-Disposition: form-data",
              "Content-Disposition: form-data; filename=\"a\"",
              "Content-Disposition: attachment; name=\"a\"",
-             "Content-Disposition: form-data; name=\"a", "Content-Disposition: form-data; name",
+             "Content-Disposition: form-data; name=\"a",
+             "Content-Disposition: form-data; name=\"a\\",
+             "Content-Disposition: form-data; name=\"a\\\"",
+             "Content-Disposition: form-data; name=\"",
+             "Content-Disposition: form-data; name=a;; x=y", "Content-Disposition: form-data; name",
              "Content-Disposition: form-data; name=\"a\" x",
              "Content-Disposition: form-data name=\"a\"",
              "Content-Disposition: form-data; name=\"a\"; name=\"b\"",
@@ -438,10 +456,45 @@ TEST(corvel_upload_read, HasTheDocumentedDefaultLimits) {
     EXPECT_EQ(result_of(file_body(std::string(std::size_t{16} << 20, 'x'))), CORVEL_UPLOAD_DONE);
     EXPECT_EQ(result_of(file_body(std::string((std::size_t{16} << 20) + 1, 'x'))),
               CORVEL_UPLOAD_FILE_TOO_LARGE);
-    EXPECT_EQ(result_of("--" + boundary + "--" + std::string(std::size_t{17} << 20, 'x')),
-              CORVEL_UPLOAD_DONE);
-    EXPECT_EQ(result_of(std::string((std::size_t{16} << 20) + 65537, 'x')),
-              CORVEL_UPLOAD_TOO_LARGE);
+    const auto whole = [](std::size_t size) {
+        const std::string end = "--" + boundary + "--";
+        return end + std::string(size - end.size(), 'x');
+    };
+    EXPECT_EQ(result_of(whole((std::size_t{16} << 20U) + 65536)), CORVEL_UPLOAD_DONE);
+    EXPECT_EQ(result_of(whole((std::size_t{16} << 20U) + 65537)), CORVEL_UPLOAD_TOO_LARGE);
+}
+
+TEST(corvel_upload_read, AcceptsHeadersOfAtMost16384BytesForAnyLimit) {
+    corvel_upload_limits limits{};
+    limits.header_max = 1000000;
+    for (const std::size_t size : {16384U, 16385U}) {
+        const std::string other = "X: " + std::string(size - field_header.size() - 9, 'x');
+        Upload upload("--" + boundary + "\r\n" + field_header + "\r\n" + other +
+                          "\r\n\r\none\r\n--" + boundary + "--",
+                      "multipart/form-data; boundary=" + boundary, StandardInput::Kind::pipe);
+        EXPECT_EQ(upload.read(&limits),
+                  size == 16384 ? CORVEL_UPLOAD_DONE : CORVEL_UPLOAD_HEADER_TOO_LARGE);
+    }
+}
+
+TEST(corvel_upload_read, ReadsNoPartOfABodyThatIsAnnouncedAsTooLarge) {
+    const std::string body = file_body(std::string(100000, 'x'));
+    corvel_upload_limits limits{};
+    limits.total_max = body.size() - 1;
+    Upload upload(body);
+    EXPECT_EQ(upload.read(&limits), CORVEL_UPLOAD_TOO_LARGE);
+    EXPECT_TRUE(upload.files().empty());
+    char byte = 0;
+    EXPECT_EQ(read(STDIN_FILENO, &byte, 1), 0);
+}
+
+TEST(corvel_upload_read, CountsWhatFollowsTheLastBoundaryOfABodyOfUnknownLength) {
+    const std::string body = file_body("x") + std::string(100000, 'x');
+    corvel_upload_limits limits{};
+    limits.total_max = body.size();
+    EXPECT_EQ(Upload(body, chunked).read(&limits), CORVEL_UPLOAD_DONE);
+    limits.total_max = body.size() - 1;
+    EXPECT_EQ(Upload(body, chunked).read(&limits), CORVEL_UPLOAD_TOO_LARGE);
 }
 
 TEST(corvel_upload_read, EndsWhenTheSinkRefuses) {
@@ -517,6 +570,14 @@ TEST(corvel_upload_save, WritesTheFileOfOneFieldIntoANewFileOfItsOwner) {
     ASSERT_EQ(stat(directory.path("image").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600U);
     EXPECT_EQ(directory.names(), std::vector<std::string>{"image"});
+}
+
+TEST(corvel_upload_save, StoresTheNameOfTheFileAsTheFieldsValue) {
+    const TemporaryDirectory directory;
+    Upload upload(body_of({{{file_header}, "x"}, {{field_header}, "one"}}));
+    EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_DONE);
+    EXPECT_EQ(upload.field("image"), "a.bin");
+    EXPECT_EQ(corvel_field_count(upload.request()), 2U);
 }
 
 TEST(corvel_upload_save, WritesAnEmptyFile) {
