@@ -1,0 +1,77 @@
+# SPDX-License-Identifier: MIT
+"""Runs the tests with each web server, with --short with two of them, and prints the tables of
+docs/servers.md as they have been observed.
+"""
+import os
+import tempfile
+from pathlib import Path
+
+import pytest
+
+from tables import markdown
+from web_server import SERVERS, Site
+
+SHORT = ("lighttpd", "nginx")
+
+
+def pytest_addoption(parser):
+    parser.addoption("--short", action="store_true", help="test with two servers and few clients")
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "whole: left out of the short form")
+
+
+def pytest_generate_tests(metafunc):
+    if "server" in metafunc.fixturenames:
+        servers = SHORT if metafunc.config.getoption("short") else SERVERS
+        metafunc.parametrize("server", [
+            pytest.param(name, marks=pytest.mark.xdist_group(name)) for name in servers],
+            scope="session")
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_collection_modifyitems(config, items):
+    if config.getoption("short"):
+        items[:] = [item for item in items if not item.get_closest_marker("whole")]
+
+
+@pytest.fixture(scope="session")
+def scratch():
+    with tempfile.TemporaryDirectory(prefix="corvel-servers-", ignore_cleanup_errors=True) as path:
+        os.chmod(path, 0o755)  # Apache runs programs as an ordinary user
+        yield Path(path)
+
+
+@pytest.fixture(scope="session")
+def running(scratch, server):
+    """A running server."""
+    site = Site(server, scratch / server)
+    site.start()
+    yield site
+    site.stop()
+
+
+@pytest.fixture
+def site(running):
+    """A running server whose programs have received nothing yet."""
+    running.clear()
+    yield running
+    assert running.wait_for_programs(), running.log()
+
+
+@pytest.fixture
+def observe(record_property):
+    """A function that compares a cell of a table with what was observed."""
+    def compare(table, row, column, expected, observed):
+        record_property("cell", [table, row, column, observed])
+        assert observed in expected.split(" or ")
+
+    return compare
+
+
+def pytest_terminal_summary(terminalreporter):
+    cells = [value for reports in terminalreporter.stats.values() for report in reports
+             for name, value in getattr(report, "user_properties", ())
+             if name == "cell" and report.when == "call"]
+    terminalreporter.write(markdown(cells))
