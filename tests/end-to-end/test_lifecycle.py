@@ -126,18 +126,19 @@ class Lifecycle(Case):
         with Demo(state=self.state):
             result = self.run_script("--port", str(device.free_port()))
         self.assertEqual(result.returncode, 1)
-        self.assertIn("in use by another demo", result.stderr)
+        self.assertIn("in use by another device", result.stderr)
 
     def test_wrong_arguments_are_reported(self):
         for arguments, text in ((("--port", "x"), "not a port"), (("--port", "70000"), "not a port"),
-                                (("--port",), "needs a value"), (("--what",), "Usage")):
+                                (("--port",), "expected one argument"),
+                                (("--what",), "unrecognized arguments")):
             result = self.run_script(*arguments)
             self.assertNotEqual(result.returncode, 0, arguments)
             self.assertIn(text, result.stderr, arguments)
-        self.assertIn("Usage", self.run_script("--help").stdout)
+        self.assertIn("usage", self.run_script("--help").stdout)
 
     def test_it_runs_as_an_ordinary_user(self):
-        script = shutil.copy(SOURCE / "demo" / "serve", self.directory)
+        script = shutil.copy(SOURCE / "tools" / "corvel-device", self.directory)
         image = self.directory / "image"
         shutil.copytree(device.IMAGE, image, symlinks=True)
         command = ()
@@ -146,7 +147,7 @@ class Lifecycle(Case):
             command = ("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
                        "--inh-caps=-all")
         try:
-            demo = Demo(state=self.state, script=[script], image=image, command=command)
+            demo = Demo(state=self.state, script=[script, "--demo"], image=image, command=command)
         except RuntimeError as problem:
             self.fail(f"an ordinary user cannot run the demo here (user namespaces?): {problem}")
         with demo:

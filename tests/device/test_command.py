@@ -1,0 +1,155 @@
+# SPDX-License-Identifier: MIT
+"""A command inside the device."""
+import os
+import signal
+import stat
+import subprocess
+
+import pytest
+
+from conftest import wait_until
+
+CLIENTS = {"laptop", "phone", "printer"}
+
+
+@pytest.mark.parametrize("status", (0, 1, 7, 127))
+def test_the_exit_status_is_the_commands(device, status):
+    assert device.run("--", "sh", "-c", f"exit {status}").status == status
+
+
+def test_a_signal_that_ends_the_command_is_the_exit_status(device):
+    assert device.run("--", "python3", "-c", "import os; os.kill(os.getpid(), 9)").status == 128 + 9
+
+
+def test_a_missing_command_is_reported(device):
+    done = device.run("--", "missing-program")
+    assert done.status == 127
+    assert "missing-program" in done.errors
+
+
+def test_input_output_and_errors_are_the_commands(device):
+    done = device.run("--", "sh", "-c", "tr a-z A-Z; echo wrong >&2", input="typed\n")
+    assert (done.status, done.output, done.errors) == (0, "TYPED\n", "wrong\n")
+
+
+def test_arguments_are_passed_on_unchanged(device):
+    words = ("two words", "", "$HOME", "--state", "--", "*")
+    assert device.run("--", "printf", "<%s>\n", *words).output == "".join(f"<{word}>\n" for word in words)
+
+
+def test_the_device_has_its_settings_accounts_flash_and_network(device):
+    shown = device.shell("id -u; hostname; sed -n s/^LAN_ADDRESS=//p /etc/config/lan.conf; cut -d: -f1 /etc/passwd;"
+                         "stat -c %s /dev/mtdblock2; ip -br -4 address show br-lan; ip route; cat /run/cmdline")
+    for each in ("0\nrouter\n", '192.168.1.1"\n', "root\nadmin\n", f"{0x650000}\n", "192.168.1.1/24",
+                 "default via 203.0.113.1 dev wan0", "root=31:2"):
+        assert each in shown
+
+
+def test_the_clients_get_addresses_from_the_devices_server(device):
+    script = ("for i in $(seq 300); do [ $(wc -l </var/config/dnsmasq.leases) -ge 3 ] && break; sleep 0.1; done;"
+              "cut -d ' ' -f 4 /var/config/dnsmasq.leases")
+    assert set(device.shell(script).split()) == CLIENTS
+
+
+def test_the_machines_own_files_are_not_visible(device):
+    device.variables["LD_LIBRARY_PATH"] = ""
+    (device.directory / "mine").write_text("visible\n")
+    names = "/boot /home /media /mnt /root /srv /var/lib /etc/hostname"
+    assert device.shell(f"cat mine; for name in {names}; do ! [ -e $name ] || echo $name; done") == "visible\n"
+    accounts = device.shell("cat /etc/shadow")
+    with open("/etc/shadow") as file:
+        assert not [line for line in file if line in accounts]
+
+
+def test_the_current_directory_is_read_only(device):
+    assert device.run("--", "touch", "file").status == 1
+    assert not (device.directory / "file").exists()
+
+
+def test_a_directory_can_be_made_writable(device):
+    directory = device.directory / "results"
+    directory.mkdir()
+    device.shell("echo kept >results/file", "--write", directory)
+    assert (directory / "file").read_text() == "kept\n"
+
+
+@pytest.mark.parametrize("directory", ("/", "/etc", "/run", "/dev", "/var/log", "/usr/share", "/tmp"))
+def test_a_directory_of_the_device_is_not_made_writable(device, directory):
+    done = device.run("--write", directory, "--", "true")
+    assert done.status == 1
+    assert "of its own" in done.errors
+
+
+def test_changes_of_the_device_do_not_last(device):
+    device.shell("echo 'LAN_ADDRESS=\"10.1.1.1\"' >/etc/config/lan.conf; echo x >/dev/mtdblock8")
+    shown = device.shell("cat /etc/config/lan.conf; head -c 2 /dev/mtdblock8 | od -A n -t x1")
+    assert "192.168.1.1" in shown and "10.1.1.1" not in shown
+    assert shown.endswith(" ff ff\n")
+    assert list(device.directory.iterdir()) == []
+
+
+def test_a_kept_state_lasts_until_it_is_reset(device):
+    state = ("--state", device.directory / "state")
+    device.shell("sed -i 's/192.168.1.1/10.1.1.1/' /etc/config/lan.conf", *state)
+    assert "10.1.1.1/" in device.shell("ip -br -4 address show br-lan", *state)
+    assert "192.168.1.1/" in device.shell("ip -br -4 address show br-lan", *state, "--reset")
+    assert stat.S_IMODE((device.directory / "state").stat().st_mode) == 0o700
+
+
+def test_only_a_few_variables_are_passed_on(device):
+    device.variables.update(SECRET_TOKEN="x", TERM="vt100")
+    shown = device.run("--", "env").output
+    assert "TERM=vt100\n" in shown
+    assert "SECRET_TOKEN" not in shown and str(device.variables["PATH"]) not in shown
+
+
+def test_ctrl_c_ends_a_command(device):
+    status, _ = device.in_terminal(["--", "sh", "-c", "echo ready; sleep 100"], [(b"ready", b"\3")])
+    assert status == 128 + signal.SIGINT
+
+
+def test_a_command_can_handle_ctrl_c(device):
+    program = "import time\ntry:\n print('ready', flush=True)\n time.sleep(100)\nexcept KeyboardInterrupt:\n exit(7)"
+    status, _ = device.in_terminal(["--", "python3", "-c", program], [(b"ready", b"\3")])
+    assert status == 7
+
+
+def test_a_shell_has_a_terminal_and_continues_after_ctrl_c(device):
+    status, output = device.in_terminal(
+        ["--", "bash", "--norc", "-i"],
+        [(b"# ", b"test -t 0 && echo termi''nal\n"), (b"terminal", b"sleep 100\n"), (b"sleep 100", b"\3"),
+         (b"^C", b"echo al''ive; exit 9\n")])
+    assert status == 9
+    assert "alive" in output
+
+
+@pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGHUP, signal.SIGKILL))
+def test_nothing_is_left_running_after_a_signal(device, number):
+    mark = f"300{os.getpid()}"
+    process = device.start("--", "sh", "-c", f"setsid sleep {mark} & echo ready; wait")
+    with process:
+        assert process.stdout.readline() == "ready\n"
+        assert running(mark)
+        process.send_signal(number)
+    assert process.returncode == (-number if number == signal.SIGKILL else 128 + number)
+    assert wait_until(lambda: not running(mark))
+
+
+def test_nothing_is_left_running_after_the_command(device):
+    mark = f"400{os.getpid()}"
+    device.shell(f"setsid sleep {mark} >/dev/null 2>&1 &")
+    assert not running(mark)
+
+
+def running(mark):
+    return subprocess.run(["pgrep", "--full", f"sleep {mark}$"], stdout=subprocess.DEVNULL).returncode == 0
+
+
+@pytest.mark.parametrize("words, text", (
+    ((), "is needed"), (("--port", "0", "--", "true"), "not a port"), (("--www", "missing"), "neither"),
+    (("--record", "r", "--", "true"), "needs --www"), (("--replay", "missing"), "not the directory"),
+    (("--www", "x", "--demo"), "is needed"), (("--image", "/usr", "--", "true"), "not the device's file system")))
+def test_wrong_usage_is_reported(device, words, text):
+    done = device.run(*words)
+    assert done.status in (1, 2)
+    assert text in done.errors
