@@ -11,6 +11,7 @@ INSTALLED = BUILD / "installed"  # what the library's users install; the test `i
 def user_environment(prefix=INSTALLED):
     """Returns the environment of a user whose library is installed in the prefix."""
     return {**os.environ,
+            "PATH": f"{prefix / 'bin'}:{os.environ.get('PATH', os.defpath)}",
             "PKG_CONFIG_PATH": str(next(prefix.glob("lib*/**/pkgconfig"))),
             "CMAKE_PREFIX_PATH": str(prefix),
             "LD_LIBRARY_PATH": str(next(prefix.glob("lib*/**/libcorvel.so")).parent)}
