@@ -170,7 +170,8 @@ CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
  * The body of a refused request, and that of a GET, is read to its end and discarded: some web
  * servers deliver no answer of a program that leaves a part of the body unread. No byte after the
  * announced length is read. Without CONTENT_LENGTH, a request with HTTP_TRANSFER_ENCODING has a
- * body that ends with the input, and any other request has none.
+ * body that ends with the input, and any other request has none. busybox httpd does not decode such
+ * a body: it is refused if SERVER_SOFTWARE starts with "busybox".
  *
  * A POST, PUT or DELETE changes something and is refused if a page of another site sent it. The
  * browser tells: by Sec-Fetch-Site, which must be `same-origin` or `none`; if that is missing by
@@ -190,9 +191,9 @@ CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
  * @param[in]     rules   what the page accepts; null for all defaults.
  *
  * @retval CORVEL_HTTP_OK                     the request is accepted.
- * @retval CORVEL_HTTP_BAD_REQUEST            the length of the body is malformed, the body ends
- *                                            early, PATH_INFO contains a control character, or a
- *                                            field contains a NUL.
+ * @retval CORVEL_HTTP_BAD_REQUEST            the length of the body is malformed or missing, the
+ *                                            body ends early, PATH_INFO contains a control
+ *                                            character, or a field contains a NUL.
  * @retval CORVEL_HTTP_FORBIDDEN              a page of another site sent the request, or it was
  *                                            sent to a name that is not in `hosts`.
  * @retval CORVEL_HTTP_METHOD_NOT_ALLOWED     the method is not in `methods`.

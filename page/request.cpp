@@ -144,15 +144,20 @@ bool add_cookies(Pairs &cookies, std::string_view header) {
     return true;
 }
 
+/// Whether the web server passes a chunked body as it was sent, with the lengths of the chunks, and
+/// only as much of it as arrived together with the header.
+bool keeps_chunks() { return std::strncmp(variable("SERVER_SOFTWARE"), "busybox", 7) == 0; }
+
 /// Announces the body as the web server does. One of a chunked request ends with the input. False
-/// if the length is malformed; then the body is what the input contains.
+/// if the length is malformed or missing; then the body is what the input contains.
 bool announce(Body &body) {
     const char *const length = variable("CONTENT_LENGTH");
     std::uint64_t bytes = 0;
     const bool is_given = *length != '\0';
-    const bool is_valid =
-        !is_given || (parse_digits(length, bytes) && bytes != Body::unknown_length);
-    if (!is_valid || (!is_given && *variable("HTTP_TRANSFER_ENCODING") != '\0'))
+    const bool is_chunked = !is_given && *variable("HTTP_TRANSFER_ENCODING") != '\0';
+    const bool is_valid = is_given ? parse_digits(length, bytes) && bytes != Body::unknown_length
+                                   : !is_chunked || !keeps_chunks();
+    if (!is_valid || is_chunked)
         bytes = Body::unknown_length;
     body = Body(bytes, default_seconds);
     return is_valid;

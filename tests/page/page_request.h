@@ -89,7 +89,7 @@ class CgiSurroundings {
         for (const char *name :
              {"REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "QUERY_STRING", "PATH_INFO",
               "REMOTE_ADDR", "HTTPS", "HTTP_HOST", "HTTP_ORIGIN", "HTTP_REFERER", "HTTP_COOKIE",
-              "HTTP_SEC_FETCH_SITE", "HTTP_TRANSFER_ENCODING"})
+              "HTTP_SEC_FETCH_SITE", "HTTP_TRANSFER_ENCODING", "SERVER_SOFTWARE"})
             variables_.emplace_back(name, std::nullopt);
         for (const auto &[name, value] : request.variables)
             variables_.emplace_back(name, value);

@@ -280,6 +280,16 @@ TEST(corvel_request_read, PrefersTheLengthToTheTransferEncoding) {
     EXPECT_STREQ(corvel_field(request, "a"), "12");
 }
 
+TEST(corvel_request_read, RefusesChunksThatTheWebServerDoesNotDecode) {
+    const PageRequest request(
+        chunked_post("3\r\na=1\r\n0\r\n\r\n").with("SERVER_SOFTWARE", "busybox httpd/1.35.0"));
+    EXPECT_EQ(request.read(), CORVEL_HTTP_BAD_REQUEST);
+    EXPECT_EQ(corvel_field_count(request), 0U);
+    EXPECT_EQ(CgiSurroundings::unread_input(), "");
+    EXPECT_EQ(status_of(post("a=1").with("SERVER_SOFTWARE", "busybox httpd/1.35.0")),
+              CORVEL_HTTP_OK);
+}
+
 TEST(corvel_request_read, AllocatesForALengthOnlyIfItIsAccepted) {
     const PageRequest request(post("a=1").with("CONTENT_LENGTH", "9000000000000000000"));
     const CountCalls allocations(call_allocation);
