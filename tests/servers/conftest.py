@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from tables import markdown
+from tables import markdown, table
 from web_server import SERVERS, Site
 
 SHORT = ("lighttpd", "nginx")
@@ -20,14 +20,19 @@ def pytest_addoption(parser):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "whole: left out of the short form")
+    config.addinivalue_line("markers", "one_server: the server makes no difference")
 
 
 def pytest_generate_tests(metafunc):
     if "server" in metafunc.fixturenames:
-        servers = SHORT if metafunc.config.getoption("short") else SERVERS
+        servers = SHORT if metafunc.config.getoption("short") else tuple(SERVERS)
+        if metafunc.definition.get_closest_marker("one_server"):
+            servers = servers[:1]
+        # The tests of a module share their servers.
+        module = metafunc.module.__name__
         metafunc.parametrize("server", [
-            pytest.param(name, marks=pytest.mark.xdist_group(name)) for name in servers],
-            scope="session")
+            pytest.param(name, marks=pytest.mark.xdist_group(f"{module} {name}"))
+            for name in servers], scope="session")
 
 
 @pytest.hookimpl(tryfirst=True)
@@ -62,10 +67,13 @@ def site(running):
 
 @pytest.fixture
 def observe(record_property):
-    """A function that compares a cell of a table with what was observed."""
-    def compare(table, row, column, expected, observed):
-        record_property("cell", [table, row, column, observed])
-        assert observed in expected.split(" or ")
+    """A function that compares cells of a row of a table, by column, with what was observed."""
+    def compare(heading, row, observed):
+        for column, cell in observed.items():
+            record_property("cell", [heading, row, column, cell])
+        expected = table(heading).get(row, {})
+        assert {column: cell for column, cell in observed.items()
+                if cell not in expected.get(column, "").split(" or ")} == {}
 
     return compare
 

@@ -10,9 +10,9 @@ def cells_of(line):
 
 
 def table(heading):
-    """Returns the cells of the table after a heading, by row and column."""
-    text = re.search(rf"^#+ {re.escape(heading)}\n(.*?)(?=^#|\Z)", PAGE.read_text(), re.M | re.S)[1]
-    rows = [cells_of(line) for line in text.splitlines() if line.startswith("|")]
+    """Returns the cells of the table after a heading, by row and column; none if there is none."""
+    text = re.search(rf"^## {re.escape(heading)}\n(.*?)(?=^## |\Z)", PAGE.read_text(), re.M | re.S)
+    rows = [cells_of(line) for line in text[1].splitlines() if line.startswith("|")] if text else []
     return {row[0]: dict(zip(rows[0][1:], row[1:])) for row in rows[2:]}
 
 

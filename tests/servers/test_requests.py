@@ -15,16 +15,13 @@ PROGRAMS = "What a program gets"
 @pytest.mark.parametrize("row", PAGE_REQUESTS)
 @pytest.mark.parametrize("library", LIBRARIES)
 def test_page_responds_as_the_table_says(site, library, row, observe):
-    heading = LIBRARIES[library]
-    column = SERVERS[site.name]
-    observe(heading, row, column, table(heading)[row][column],
-            PAGE_REQUESTS[row](Pages(site, library)))
+    observe(LIBRARIES[library], row, {
+        SERVERS[site.name]: PAGE_REQUESTS[row](Pages(site, library))})
 
 
 @pytest.mark.parametrize("row", PASSED)
 def test_program_gets_what_the_table_says(site, row, observe):
-    column = SERVERS[site.name]
-    observe(PROGRAMS, row, column, table(PROGRAMS)[row][column], PASSED[row](Passed(site)))
+    observe(PROGRAMS, row, {SERVERS[site.name]: PASSED[row](Passed(site))})
 
 
 @pytest.mark.parametrize("heading, rows", [
