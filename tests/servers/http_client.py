@@ -60,8 +60,8 @@ def without_chunks(body):
 class Connection:
     """A connection to a web server."""
 
-    def __init__(self, port):
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=30)
+    def __init__(self, port, address="127.0.0.1"):
+        self.socket = socket.create_connection(("127.0.0.1", port), 30, (address, 0))
         self.start = time.monotonic()
         self.received = b""
 
