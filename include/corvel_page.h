@@ -1961,8 +1961,8 @@ CORVEL_PAGE_API corvel_upgrade_result corvel_boot_select(const corvel_upgrade_ru
 CORVEL_PAGE_API corvel_firmware_state corvel_firmware_check(int set);
 
 /**
- * Reads the version of a set: the first line of its root file system, if that is UTF-8 text of at
- * most 63 bytes without control characters.
+ * Reads the version of a set: the first line of its root file system or, if that is a squashfs, the
+ * line after it. It is UTF-8 text of at most 63 bytes without control characters.
  *
  * @param[in]  set     a value of ::corvel_firmware.
  * @param[out] version the version; empty if there is none.

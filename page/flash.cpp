@@ -98,7 +98,22 @@ bool set_variable(const char *name, const char *value) {
            set_env(name, value) == 0;
 }
 
-/// The first line of a root file system, if it is text.
+/// Where the version is: at the start of a root file system or, if that is a squashfs, after it.
+/// The header of a squashfs contains its size, in little-endian order; a partition has less than 4
+/// GiB.
+off_t version_offset(const Descriptor &device) {
+    constexpr std::size_t size_at = 40;
+    unsigned char header[size_at + sizeof(std::uint32_t)];
+    if (read_fully(device.get(), header, sizeof header) != static_cast<ssize_t>(sizeof header) ||
+        std::memcmp(header, "hsqs", 4) != 0)
+        return 0;
+    std::uint32_t size = 0;
+    for (std::size_t i = sizeof header; i-- > size_at;)
+        size = size << 8 | header[i];
+    return size;
+}
+
+/// The first line, if it is text.
 std::string_view version_in(std::string_view start) {
     const std::size_t end = start.find('\n');
     if (end == std::string_view::npos)
@@ -253,7 +268,8 @@ char *corvel_firmware_version(int set, char version[CORVEL_FIRMWARE_VERSION_SIZE
         return version;
     const Descriptor device = open_partition(root_partition(set), O_RDONLY);
     char start[CORVEL_FIRMWARE_VERSION_SIZE];
-    const ssize_t length = device ? read_fully(device.get(), start, sizeof start) : 0;
+    const bool is_placed = device && lseek(device.get(), version_offset(device), SEEK_SET) >= 0;
+    const ssize_t length = is_placed ? read_fully(device.get(), start, sizeof start) : 0;
     if (length > 0)
         store({version, CORVEL_FIRMWARE_VERSION_SIZE},
               version_in({start, static_cast<std::size_t>(length)}));

@@ -1516,6 +1516,34 @@ TEST(corvel_firmware_version, IsTheFirstLineOfTheRootFileSystem) {
     });
 }
 
+/// A squashfs that states this size in its header, 64 bits in little-endian order.
+std::string squashfs(std::uint64_t size) {
+    std::string bytes = std::string("hsqs") + std::string(36, 'x');
+    for (int i = 0; i < 8; ++i)
+        bytes += static_cast<char>(size >> (8 * i) & 0xFF);
+    return bytes.append(256, '\n');
+}
+
+TEST(corvel_firmware_version, IsTheLineAfterASquashfs) {
+    const std::vector<std::pair<std::string, std::string>> contents = {
+        {squashfs(304) + "R1 2.0\nrest", "R1 2.0"},
+        {squashfs(304) + std::string(70'000, 'x') + "\n", ""},
+        {squashfs(304) + "no newline", ""},
+        {squashfs(304 + 0x10000) + std::string(0x10000, 'x') + "R1 2.1\n", "R1 2.1"},
+        {squashfs(304), ""},
+        {squashfs(0xFFFFFFFF) + "R1 2.0\n", ""},
+        {squashfs(304).substr(0, 43) + "\n", ""},
+    };
+    on({}, [&contents] {
+        char version[CORVEL_FIRMWARE_VERSION_SIZE];
+        for (const auto &[bytes, expected] : contents) {
+            write_file(block_device(4), bytes);
+            EXPECT_EQ(corvel_firmware_version(B, version), version);
+            EXPECT_EQ(version, expected);
+        }
+    });
+}
+
 TEST(corvel_upgrade_complaint, IsASentenceForEachResult) {
     std::set<std::string> texts;
     for (int each = CORVEL_UPGRADE_SET_INCOMPLETE; each < CORVEL_UPGRADE_DONE; ++each) {
