@@ -24,6 +24,6 @@ int main(void) {
     FILE *file = fopen(COMMAND_LINE, "w");
     if (!file)
         return EXIT_FAILURE;
-    print_with_root(file, arguments ? arguments : "", set_partition(bootparam, 0));
+    print_with_root(file, arguments ? arguments : "", root_partition(bootparam));
     return fclose(file) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

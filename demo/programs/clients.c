@@ -145,20 +145,21 @@ static int by_interface(const client *one, const client *other) {
 
 static const struct column {
     const char *name; /* in the query, the page and the JSON */
+    const char *heading;
     comparison *compare;
-} columns[] = {{"host", by_host},
-               {"ip", by_ip},
-               {"mac", by_mac},
-               {"expires", by_expiry},
-               {"interface", by_interface}};
+} columns[] = {{"host", "Host", by_host},
+               {"ip", "IP", by_ip},
+               {"mac", "MAC", by_mac},
+               {"expires", "Time left", by_expiry},
+               {"interface", "Interface", by_interface}};
 enum { column_count = sizeof columns / sizeof *columns };
 
 static const struct column *sorted = &columns[1];
 static int is_descending;
 
 /* The query contains a column's name, preceded by a hyphen for descending order. */
-static void choose_order(void) {
-    const char *asked = find_field("sort");
+static void choose_order(const struct page *page) {
+    const char *asked = corvel_field(page->request, "sort");
     const int hyphen = asked && *asked == '-';
     for (int i = 0; asked && i < column_count; i++)
         if (STRCMP(asked + hyphen, columns[i].name) == 0) {
@@ -180,91 +181,53 @@ static void sort(client_table *table) {
 
 /* Responses. */
 
-static str_node *client_fields(const client *shown, add_field *add) {
-    str_node *fields = NULL;
-    char mac[mac_size] = ""; /* HexStrip2mac() writes no terminator */
-    add(&fields, "host", shown->host);
-    add(&fields, "ip", shown->ip);
-    add(&fields, "mac", HexStrip2mac(shown->stripped, mac));
-    add(&fields, "expires", shown->expires);
-    add(&fields, "interface", shown->interface);
-    return fields;
-}
-
-static void print_row(const client *shown) {
-    str_node *fields = client_fields(shown, add_html);
-    char mac[mac_size] = "";
-    add_html(&fields, "key", HexStrip2mac(shown->stripped, mac));
-    print_template("clients-row", &fields);
-    free_list(&fields);
-}
-
 /* A click on the heading of the sorted column reverses the order. */
-static void print_table(const char *id, const char *heading, const client_table *table) {
-    str_node *fields = NULL;
-    char name[32];
-    char order[32];
-    add_html(&fields, "id", id);
-    add_html(&fields, "labelled", id);
-    add_html(&fields, "table", id);
-    add_html(&fields, "title", heading);
+static void put_columns(struct page *page) {
     for (int i = 0; i < column_count; i++) {
-        const int is_sorted = sorted == &columns[i];
-        snprintf(name, sizeof name, "direction_%s", columns[i].name);
-        add_str(&fields, name, !is_sorted ? "none" : is_descending ? "descending" : "ascending");
-        snprintf(name, sizeof name, "order_%s", columns[i].name);
-        snprintf(order, sizeof order, "%s%s", is_sorted && !is_descending ? "-" : "",
-                 columns[i].name);
-        add_str(&fields, name, order);
+        const bool is_sorted = sorted == &columns[i];
+        const bool is_reversed = is_sorted && !is_descending;
+        char order[32];
+        snprintf(order, sizeof order, "%s%s", is_reversed ? "-" : "", columns[i].name);
+        corvel_data *column = corvel_data_add(page->data, "columns");
+        corvel_data_set(column, "column", columns[i].name);
+        corvel_data_set(column, "heading", columns[i].heading);
+        corvel_data_set(column, "order", order);
+        corvel_data_set(column, "direction",
+                        !is_sorted      ? "none"
+                        : is_descending ? "descending"
+                                        : "ascending");
     }
-    print_template("clients-table", &fields);
+}
+
+static void put_client(struct page *page, const client *shown) {
+    char mac[mac_size] = ""; /* HexStrip2mac() writes no terminator */
+    open_row(page);
+    put(page, "host", shown->host);
+    put(page, "ip", shown->ip);
+    put(page, "mac", HexStrip2mac(shown->stripped, mac));
+    put(page, "expires", shown->expires);
+    put(page, "interface", shown->interface);
+    close_part(page);
+}
+
+static void put_table(struct page *page, const char *name, client_table *table) {
+    sort(table);
+    open_list(page, name);
     for (int i = 0; i < table->count; i++)
-        print_row(&table->rows[i]);
-    print_template("clients-table-end", &fields);
-    free_list(&fields);
+        put_client(page, &table->rows[i]);
+    close_part(page);
 }
 
-static void show_page(const client_table *leases, const client_table *neighbours) {
-    print_page_start("200 OK", "clients", "", "Clients");
-    print_template("clients", &(str_node *){NULL});
-    print_table("leases", "DHCP leases", leases);
-    print_table("neighbours", "Neighbours", neighbours);
-    print_template("clients-end", &(str_node *){NULL});
-    print_page_end();
-}
-
-static void print_section(const char *name, const client_table *table) {
-    printjson_hdr0(name);
-    for (int i = 0; i < table->count; i++) {
-        str_node *fields = client_fields(&table->rows[i], add_json);
-        print_json_object(i, &fields);
-    }
-    print_json_objects_end();
-}
-
-static void show_json(const client_table *leases, const client_table *neighbours) {
-    print_json_head();
-    printf("{\n");
-    print_section("leases", leases);
-    printf(",\n");
-    print_section("neighbours", neighbours);
-    printf("\n}\n");
-}
-
-int main(void) {
-    if (accept_request())
-        refuse("405 Method Not Allowed", "This page only supports viewing.");
-    const int is_json = isajax_get();
-    choose_order();
+static void show_clients(struct page *page) {
+    choose_order(page);
     client_table leases = read_leases();
     client_table neighbours = read_neighbours(&leases);
-    sort(&leases);
-    sort(&neighbours);
-    if (is_json)
-        show_json(&leases, &neighbours);
-    else
-        show_page(&leases, &neighbours);
+    put_columns(page);
+    put_table(page, "leases", &leases);
+    put_table(page, "neighbours", &neighbours);
+    show(page, "clients");
     free(neighbours.rows);
     free(leases.rows);
-    return EXIT_SUCCESS;
 }
+
+int main(void) { return serve(&(site_page){.name = "clients", .get = show_clients}); }

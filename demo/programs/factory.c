@@ -6,9 +6,13 @@
  */
 #include "firmware.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+/* The device that contains the boot environment. */
+#define ENVIRONMENT_DEVICE "/dev/mtdblock1"
 
 static int is_erased(const unsigned char *bytes, size_t size) {
     for (size_t i = 0; i < size; i++)
@@ -19,9 +23,11 @@ static int is_erased(const unsigned char *bytes, size_t size) {
 
 static int is_partition_erased(unsigned int number) {
     unsigned char bytes[4096];
+    char path[32];
     ssize_t length;
     int erased = 1;
-    const int device = open_partition(number);
+    snprintf(path, sizeof path, "/dev/mtdblock%u", number);
+    const int device = open(path, O_RDONLY | O_CLOEXEC);
     if (device < 0)
         return 0;
     while (erased && (length = read(device, bytes, sizeof bytes)) != 0)
@@ -55,8 +61,9 @@ int main(void) {
     if (!is_erased(env_image_mem, sizeof env_image_mem))
         return EXIT_SUCCESS;
     return fill(0, "Corvel R1 boot loader\n") &&
-                   fill(set_partition(set_a, 0), "Corvel R1 1.0.0\n") &&
-                   fill(set_partition(set_a, 1), "Corvel R1 kernel 1.0.0\n") && write_environment()
+                   fill(root_partition(CORVEL_FIRMWARE_A), "Corvel R1 1.0.0\n") &&
+                   fill(root_partition(CORVEL_FIRMWARE_A) + 1, "Corvel R1 kernel 1.0.0\n") &&
+                   write_environment()
                ? EXIT_SUCCESS
                : EXIT_FAILURE;
 }

@@ -5,63 +5,56 @@
  */
 #include "trap.h"
 
-#include <stdlib.h>
-
-static void show(const char *status, const char *message, const char *user, const char *next) {
-    str_node *fields = NULL;
-    add_html(&fields, "message", message);
-    add_html(&fields, "user", user ? user : "");
-    add_str(&fields, user && *user ? "focus_password" : "focus_user", "autofocus");
-    add_str(&fields, user && *user ? "focus_user" : "focus_password", "");
-    add_html(&fields, "next", next);
-    print_page(status, "login", "Log in", &fields);
+static const char *next_page(const struct page *page) {
+    const char *next = corvel_field(page->request, "next");
+    return corvel_is_local_path(next) ? next : "/cgi-bin/status";
 }
 
-static const char *next_page(void) {
-    const char *next = find_field("next");
-    return next && corvel_is_local_path(next) ? next : "/cgi-bin/status";
+static void show_login(struct page *page, int status, const char *message) {
+    corvel_answer_status(page->answer, status);
+    put(page, "message", message);
+    put(page, "user", corvel_field(page->request, "user"));
+    put(page, "next", next_page(page));
+    show(page, "login");
 }
 
-static void welcome(const char *user, const char *next) {
+static void handle_get(struct page *page) { show_login(page, CORVEL_HTTP_OK, ""); }
+
+static void welcome(struct page *page, const char *user) {
     char text[trap_size];
-    corvel_answer *answer = corvel_answer_new(own_request(), NULL);
-    corvel_session *session = corvel_session_start(own_request(), answer, NULL, user);
-    if (!session)
-        refuse("503 Service Unavailable", "The session could not be started.");
-    corvel_session_free(session);
+    page->session = corvel_session_start(page->request, page->answer, NULL, user);
+    if (!page->session) {
+        show_login(page, CORVEL_HTTP_SERVICE_UNAVAILABLE, "The session could not be started.");
+        return;
+    }
     snprintf(text, sizeof text, "login: %s", user);
-    send_trap(text); /* the web server can end this program when it has the answer */
-    redirect(answer, next);
+    send_trap(text);
+    corvel_answer_redirect(page->answer, next_page(page));
 }
 
-static void handle_post(void) {
-    const char *user = find_field("user");
-    const char *next = next_page();
+static void handle_post(struct page *page) {
+    const char *user = corvel_field(page->request, "user");
+    const char *password = corvel_field(page->request, "password");
     unsigned seconds = 0;
-    switch (corvel_login(own_request(), NULL, user, find_field("password"), &seconds)) {
+    switch (corvel_login(page->request, NULL, user, password, &seconds)) {
     case CORVEL_LOGIN_RIGHT:
-        welcome(user, next);
+        welcome(page, user);
         break;
     case CORVEL_LOGIN_WRONG:
         send_trap("login refused");
-        show("403 Forbidden", "The user name or the password is wrong.", user, next);
+        show_login(page, CORVEL_HTTP_FORBIDDEN, "The user name or the password is wrong.");
         break;
     case CORVEL_LOGIN_WAIT:
-        print_retry_after(seconds);
-        show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", user,
-             next);
+        ask_to_wait(page, seconds);
+        show_login(page, CORVEL_HTTP_TOO_MANY_REQUESTS,
+                   "Too many login attempts. Try again in a few seconds.");
         break;
     default:
-        show("503 Service Unavailable", "The attempt could not be recorded.", user, next);
+        show_login(page, CORVEL_HTTP_SERVICE_UNAVAILABLE, "The attempt could not be recorded.");
     }
-    corvel_request_free(own_request()); /* wipes the password */
 }
 
 int main(void) {
-    if (accept_stranger()) {
-        handle_post();
-    } else {
-        show("200 OK", "", "", next_page());
-    }
-    return EXIT_SUCCESS;
+    return serve(
+        &(site_page){.name = "login", .get = handle_get, .post = handle_post, .is_public = true});
 }

@@ -2,111 +2,91 @@
 /* The password page: users change their own passwords. A change ends the user's other sessions. */
 #include "trap.h"
 
-#include <ctype.h>
-#include <stdlib.h>
 #include <string.h>
 
 enum { shortest_password = 8, longest_password = 63 };
 
-/* The form's fields and their errors. No response contains a password. */
-typedef struct form {
-    const char *old;
-    const char *new;
-    const char *again;
-    const char *old_error;
-    const char *new_error;
-    const char *again_error;
-} form;
+static void show_form(struct page *page, int status, const char *message) {
+    corvel_answer_status(page->answer, status);
+    put(page, "message", message);
+    show(page, "password");
+}
 
-static const char *user(void) { return corvel_session_user(own_session()); }
-
-static void show(const char *status, const char *message, const form *sent) {
-    str_node *fields = NULL;
-    add_html(&fields, "message", message);
-    add_html(&fields, "name", user());
-    add_html(&fields, "user", user());
-    add_html(&fields, "error_old", sent->old_error);
-    add_html(&fields, "error_new", sent->new_error);
-    add_html(&fields, "error_again", sent->again_error);
-    print_page(status, "password", "Password", &fields);
+static void handle_get(struct page *page) {
+    const char *saved = corvel_field(page->request, "saved");
+    show_form(page, CORVEL_HTTP_OK,
+              saved ? "Password changed. All your other sessions have been logged out." : "");
 }
 
 /* The password becomes part of a line that chpasswd reads. */
-static const char *new_password_complaint(const char *password) {
-    const size_t length = strlen(password);
+static const char *new_password_complaint(const char *old, const char *new) {
+    const size_t length = strlen(new);
     if (length < shortest_password || length > longest_password)
         return "Use 8 to 63 characters.";
-    for (const char *at = password; *at; at++)
-        if (iscntrl((unsigned char)*at))
-            return "A password cannot contain this character.";
-    return "";
+    if (corvel_check_text(new, shortest_password, longest_password))
+        return "A password cannot contain this character.";
+    return strcmp(new, old) == 0 ? "This is the current password." : NULL;
 }
 
 /* Checks what can be checked before the old password. */
-static int check(form *sent) {
-    sent->new_error = new_password_complaint(sent->new);
-    if (STRCMP(sent->new, sent->again) != 0)
-        sent->again_error = "The two passwords differ.";
-    if (!*sent->new_error && STRCMP(sent->new, sent->old) == 0)
-        sent->new_error = "This is the current password.";
-    return !*sent->new_error && !*sent->again_error;
+static bool check(struct page *page, const char *old, const char *new, const char *again) {
+    const char *complaint = new_password_complaint(old, new);
+    const bool is_repeated = strcmp(new, again) == 0;
+    put(page, "error_new", complaint);
+    put(page, "error_again", is_repeated ? NULL : "The two passwords differ.");
+    return !complaint && is_repeated;
 }
 
-static void change(const form *sent) {
+static void change(struct page *page, const char *new) {
     char text[trap_size];
+    const char *user = corvel_session_user(page->session);
     ignore_disconnection(); /* an interruption could leave a password file, or old sessions */
-    if (login_chpwd(user(), sent->new) != CORVEL_PASSWORD_CHANGED) {
-        show("500 Internal Server Error", "The password could not be changed.", sent);
+    if (login_chpwd(user, new) != CORVEL_PASSWORD_CHANGED) {
+        show_form(page, CORVEL_HTTP_INTERNAL_SERVER_ERROR, "The password could not be changed.");
         return;
     }
-    corvel_answer *answer = corvel_answer_new(own_request(), NULL);
-    corvel_session_end_all(NULL, user(), own_session());
-    corvel_session_renew(own_session(), answer);
-    snprintf(text, sizeof text, "password changed: %s", user());
+    snprintf(text, sizeof text, "password changed: %s", user);
+    corvel_session_end_all(NULL, user, page->session);
+    corvel_session_renew(page->session, page->answer);
     send_trap(text);
-    redirect(answer, "/cgi-bin/password?saved=1");
+    corvel_answer_redirect(page->answer, "/cgi-bin/password?saved=1");
 }
 
 /* Guessing the old password at an unattended browser is slowed down as at the login. */
-static void change_if_right(form *sent) {
+static void change_if_right(struct page *page, const char *old, const char *new) {
     unsigned seconds = 0;
-    switch (corvel_login(own_request(), NULL, user(), sent->old, &seconds)) {
+    switch (corvel_login(page->request, NULL, corvel_session_user(page->session), old, &seconds)) {
     case CORVEL_LOGIN_RIGHT:
-        change(sent);
+        change(page, new);
         break;
     case CORVEL_LOGIN_WRONG:
-        sent->old_error = "This is not your password.";
-        show("403 Forbidden", "The password has not been changed. See below.", sent);
+        put(page, "error_old", "This is not your password.");
+        show_form(page, CORVEL_HTTP_FORBIDDEN, "The password has not been changed. See below.");
         break;
     case CORVEL_LOGIN_WAIT:
-        print_retry_after(seconds);
-        show("429 Too Many Requests", "Too many login attempts. Try again in a few seconds.", sent);
+        ask_to_wait(page, seconds);
+        show_form(page, CORVEL_HTTP_TOO_MANY_REQUESTS,
+                  "Too many login attempts. Try again in a few seconds.");
         break;
     default:
-        show("503 Service Unavailable", "The attempt could not be recorded.", sent);
+        show_form(page, CORVEL_HTTP_SERVICE_UNAVAILABLE, "The attempt could not be recorded.");
     }
 }
 
-static void handle_post(void) {
-    form sent = {find_field("old"), find_field("new"), find_field("again"), "", "", ""};
-    if (!sent.old || !sent.new || !sent.again)
-        show("400 Bad Request", "The request does not contain the fields of this form.", &sent);
-    else if (!check(&sent))
-        show("422 Unprocessable Content", "The password has not been changed. See below.", &sent);
+static void handle_post(struct page *page) {
+    const char *old = corvel_field(page->request, "old");
+    const char *new = corvel_field(page->request, "new");
+    const char *again = corvel_field(page->request, "again");
+    if (!old || !new || !again)
+        show_form(page, CORVEL_HTTP_BAD_REQUEST,
+                  "The request does not contain the fields of this form.");
+    else if (!check(page, old, new, again))
+        show_form(page, CORVEL_HTTP_UNPROCESSABLE_CONTENT,
+                  "The password has not been changed. See below.");
     else
-        change_if_right(&sent);
-    corvel_request_free(own_request()); /* wipes the password */
+        change_if_right(page, old, new);
 }
 
 int main(void) {
-    if (accept_request()) {
-        handle_post();
-    } else {
-        const form nothing = {"", "", "", "", "", ""};
-        show("200 OK",
-             find_field("saved") ? "Password changed. All your other sessions have been logged out."
-                                 : "",
-             &nothing);
-    }
-    return EXIT_SUCCESS;
+    return serve(&(site_page){.name = "password", .get = handle_get, .post = handle_post});
 }

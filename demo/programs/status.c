@@ -40,52 +40,38 @@ static void read_dns(char text[dns_size]) {
     }
 }
 
-static str_node *system_fields(add_field *add) {
-    str_node *fields = NULL;
+static void put_system(struct page *page) {
     char gateway[CORVEL_IPV4_SIZE];
     char dns[dns_size];
     char uptime[CORVEL_TIME_TEXT_SIZE];
+    corvel_boot boot;
     read_dns(dns);
+    corvel_boot_read(&upgrade_rules, &boot);
     const int output = mute_output(); /* getDefGw() prints if it cannot read the routes */
     getDefGw("wan0", gateway);
     unmute_output(output);
-    /* If a name is a prefix of another, the longer one is added first: a marker is filled with the
-     * first field that matches. */
-    add(&fields, "dnsmasq", app_isrun("dnsmasq") ? "running" : "stopped");
-    add(&fields, "gateway", or_nothing(gateway, "0.0.0.0"));
-    add(&fields, "dns", dns);
-    add(&fields, "bootset", set_letter(read_boot_state().running));
-    add(&fields, "uptime", corvel_duration_text(monotonic_time(), uptime));
-    return fields;
+    open_object(page, "system");
+    put(page, "dnsmasq", app_isrun("dnsmasq") ? "running" : "stopped");
+    put(page, "gateway", or_nothing(gateway, "0.0.0.0"));
+    put(page, "dns", dns);
+    put(page, "bootset", set_letter(boot.running));
+    put(page, "uptime", corvel_duration_text(monotonic_time(), uptime));
+    close_part(page);
 }
 
-static str_node *interface_fields(const char *name, add_field *add) {
-    str_node *fields = NULL;
+static void put_interface(struct page *page, const char *name) {
     char ipv4[CORVEL_IPV4_SIZE];
     char netmask[CORVEL_IPV4_SIZE];
     char mac[CORVEL_MAC_SIZE];
     char ipv6[CORVEL_IPV6_SIZE];
-    add(&fields, "name", name);
-    add(&fields, "ipv4",
-        or_nothing(getHWip(name, CORVEL_ADDRESS_IPV4, ipv4, sizeof ipv4), "0.0.0.0"));
-    add(&fields, "netmask",
+    open_row(page);
+    put(page, "name", name);
+    put(page, "ipv4", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV4, ipv4, sizeof ipv4), "0.0.0.0"));
+    put(page, "netmask",
         or_nothing(getHWip(name, CORVEL_ADDRESS_NETMASK, netmask, sizeof netmask), "0.0.0.0"));
-    add(&fields, "mac", or_nothing(getHWaddr(name, mac), "00:00:00:00:00:00"));
-    add(&fields, "ipv6", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV6, ipv6, sizeof ipv6), "::"));
-    return fields;
-}
-
-static void print_row(int number, const char *name) {
-    str_node *fields = interface_fields(name, add_html);
-    (void)number;
-    add_html(&fields, "key", name);
-    print_template("status-interface", &fields);
-    free_list(&fields);
-}
-
-static void print_object(int number, const char *name) {
-    str_node *fields = interface_fields(name, add_json);
-    print_json_object(number, &fields);
+    put(page, "mac", or_nothing(getHWaddr(name, mac), "00:00:00:00:00:00"));
+    put(page, "ipv6", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV6, ipv6, sizeof ipv6), "::"));
+    close_part(page);
 }
 
 static int by_name(const void *one, const void *other) {
@@ -94,52 +80,26 @@ static int by_name(const void *one, const void *other) {
 }
 
 /* The loopback interface is not shown. */
-static void print_interfaces(void (*print)(int number, const char *name)) {
+static void put_interfaces(struct page *page) {
     struct if_nameindex *all = if_nameindex();
     size_t count = 0;
-    int number = 0;
     while (all && all[count].if_name)
         count++;
     if (all)
         qsort(all, count, sizeof *all, by_name);
+    open_list(page, "interfaces");
     for (size_t i = 0; i < count; i++)
         if (STRCMP(all[i].if_name, "lo") != 0)
-            print(number++, all[i].if_name);
+            put_interface(page, all[i].if_name);
+    close_part(page);
     if (all)
         if_freenameindex(all);
 }
 
-static void show_page(void) {
-    str_node *fields = system_fields(add_html);
-    print_page_start("200 OK", "status", "", "Status");
-    print_template("status", &fields);
-    print_interfaces(print_row);
-    print_template("status-end", &fields);
-    print_page_end();
-    free_list(&fields);
+static void show_status(struct page *page) {
+    put_system(page);
+    put_interfaces(page);
+    show(page, "status");
 }
 
-static void show_json(void) {
-    str_node *fields = system_fields(add_json);
-    print_json_head();
-    printf("{\n");
-    printjson_hdr("system");
-    list2json_data(fields);
-    printjson_tail();
-    printf(",\n");
-    printjson_hdr0("interfaces");
-    print_interfaces(print_object);
-    print_json_objects_end();
-    printf("\n}\n");
-    free_list(&fields);
-}
-
-int main(void) {
-    if (accept_request())
-        refuse("405 Method Not Allowed", "This page only supports viewing.");
-    if (isajax_get())
-        show_json();
-    else
-        show_page();
-    return EXIT_SUCCESS;
-}
+int main(void) { return serve(&(site_page){.name = "status", .get = show_status}); }

@@ -4,27 +4,25 @@
 #include "trap.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 enum { most_traps = 100 };
 
-static void print_trap(const char *line) {
-    str_node *fields = NULL;
+static void put_trap(struct page *page, const char *line) {
     char moment[trap_time_size];
     const size_t length = strlen(line);
     const size_t split = length < trap_time_size ? length : trap_time_size - 1;
     snprintf(moment, sizeof moment, "%.*s", (int)split, line);
-    add_html(&fields, "time", moment);
-    add_html(&fields, "text", line + split + (line[split] == ' '));
-    print_template("traps-row", &fields);
-    free_list(&fields);
+    open_row(page);
+    put(page, "time", moment);
+    put(page, "text", line + split + (line[split] == ' '));
+    close_part(page);
 }
 
-/* Prints the lines of a log, last line first. @return the number of wanted lines still missing. */
-static int print_log(const char *path, int wanted) {
-    static char log[longest_trap_log + value_size];
+/* Adds the lines of a log, last line first. @return the number of wanted lines still missing. */
+static int put_log(struct page *page, const char *path, int wanted) {
+    static char log[longest_trap_log + line_size];
     const int file = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (file < 0)
         return wanted;
@@ -33,21 +31,19 @@ static int print_log(const char *path, int wanted) {
         log[--length] = '\0'; /* the newline */
         const char *before = memrchr(log, '\n', (size_t)length);
         const char *line = before ? before + 1 : log;
-        print_trap(line);
+        put_trap(page, line);
         length = line - log;
         wanted--;
     }
     return wanted;
 }
 
-int main(void) {
-    if (accept_request())
-        refuse("405 Method Not Allowed", "This page only supports viewing.");
-    print_page_start("200 OK", "traps", "", "Log");
-    print_template("traps", &(str_node *){NULL});
-    const int left = print_log(TRAP_LOG, most_traps);
-    print_log(OLD_TRAP_LOG, left);
-    print_template("traps-end", &(str_node *){NULL});
-    print_page_end();
-    return EXIT_SUCCESS;
+static void show_log(struct page *page) {
+    open_list(page, "traps");
+    const int left = put_log(page, TRAP_LOG, most_traps);
+    put_log(page, OLD_TRAP_LOG, left);
+    close_part(page);
+    show(page, "traps");
 }
+
+int main(void) { return serve(&(site_page){.name = "traps", .get = show_log}); }

@@ -5,31 +5,28 @@
  */
 #include "firmware.h"
 
-#include <stdbool.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
 /* The file that is being received. */
 typedef struct intake {
     FILE *file;
-    upgrade_record record;
+    char name[line_size];  /* as the client names it */
     const char *complaint; /* of a refused part; null if no part was refused */
 } intake;
 
-/* The client chooses the name. One that cannot be stored in a property file is replaced. */
 static bool begin(void *context, const corvel_part *part) {
     intake *in = context;
     if (in->file)
         in->complaint = "The form contained several files. Choose one image.";
     if (in->complaint || strcmp(part->name, "image") != 0)
         return !in->complaint;
-    snprintf(in->record.file, sizeof in->record.file, "%s",
-             text_complaint(part->filename) ? "image" : part->filename);
+    snprintf(in->name, sizeof in->name, "%s",
+             corvel_check_text(part->filename, 1, 80) ? "image" : part->filename);
     if (!*part->filename)
         return true; /* no file was selected */
     mkdir("/tmp/firmware", 0700);
-    in->file = fopen(STAGED_IMAGE, "wb");
+    in->file = fopen(RECEIVED_IMAGE, "wb");
     return in->file != NULL;
 }
 
@@ -38,78 +35,78 @@ static bool take_data(void *context, const void *bytes, size_t size) {
     return !in->file || fwrite(bytes, 1, size, in->file) == size;
 }
 
-/* Receives the image into its file. Returns the status; if it is not 200, there is no file. */
-static int receive(intake *in) {
-    const corvel_upload_limits limits = {.file_max = longest_upload, .total_max = longest_upload};
+/* Receives the image into its file. Returns the status. */
+static int receive(const struct page *page, intake *in) {
+    const corvel_upload_limits limits = {.file_max = CORVEL_UPLOAD_MAX,
+                                         .total_max = CORVEL_UPLOAD_MAX};
     const corvel_upload_sink sink = {in, begin, take_data, NULL};
     const char *complaint = NULL;
-    int status =
-        corvel_upload_status(corvel_upload_read(own_request(), &limits, &sink), &complaint);
+    const int status =
+        corvel_upload_status(corvel_upload_read(page->request, &limits, &sink), &complaint);
     const bool is_whole = in->file && fclose(in->file) == 0;
-    if (status == CORVEL_HTTP_OK && !in->file) {
-        status = CORVEL_HTTP_BAD_REQUEST;
-        complaint = "The form contained no file. Choose an image first.";
-    } else if (status == CORVEL_HTTP_OK && !is_whole) {
-        status = CORVEL_HTTP_SERVICE_UNAVAILABLE;
-        complaint = "The device does not have enough memory for the image.";
-    }
     if (in->complaint)
-        status = CORVEL_HTTP_BAD_REQUEST;
-    else
-        in->complaint = complaint;
-    if (status != CORVEL_HTTP_OK)
-        remove(STAGED_IMAGE);
+        return CORVEL_HTTP_BAD_REQUEST;
+    in->complaint = complaint;
+    if (status == CORVEL_HTTP_OK && !in->file) {
+        in->complaint = "The form contained no file. Choose an image first.";
+        return CORVEL_HTTP_BAD_REQUEST;
+    }
+    if (status == CORVEL_HTTP_OK && !is_whole) {
+        in->complaint = "The device does not have enough memory for the image.";
+        return CORVEL_HTTP_SERVICE_UNAVAILABLE;
+    }
     return status;
 }
 
-/* Discards the previous image before the new one is received. */
-static void forget_staged(void) {
-    const upgrade_record nothing = {.state = ""};
-    remove(STAGED_IMAGE);
-    save_upgrade(&nothing);
+static bool stage(const char *name) {
+    FILE *file = fopen(IMAGE_NAME, "w");
+    if (!file)
+        return false;
+    const bool is_written = fputs(name, file) >= 0;
+    return fclose(file) == 0 && is_written && rename(RECEIVED_IMAGE, STAGED_IMAGE) == 0;
 }
 
-static void show_refusal(const char *name, const image_report *report) {
-    str_node *fields = NULL;
-    add_message(&fields, "", 0);
-    add_html(&fields, "file", name);
-    add_html(&fields, "complaint", report->complaint);
-    add_sections(&fields, report);
-    add_findings(&fields, report);
-    add_str(&fields, "some_found", report->count || *report->failed ? "" : "hidden");
-    print_upgrade_page("422 Unprocessable Content", "upgrade-refused", "", &fields);
-}
-
-static void take(intake *in) {
-    image_report report;
-    size_t size = 0;
-    const unsigned char *image = map_image(&size);
-    check_image(image, size, &report);
-    snprintf(in->record.state, sizeof in->record.state, "staged");
-    if (*report.complaint) {
-        remove(STAGED_IMAGE);
-        show_refusal(in->record.file, &report);
-    } else if (save_upgrade(&in->record)) {
-        print_redirect("/cgi-bin/upgrade");
+static void take(struct page *page, const intake *in) {
+    corvel_upgrade_report report;
+    const corvel_upgrade_result result =
+        corvel_upgrade_check(&upgrade_rules, RECEIVED_IMAGE, &report);
+    if (result != CORVEL_UPGRADE_DONE) {
+        discard_image();
+        corvel_answer_status(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT);
+        put(page, "file", in->name);
+        put_report(page, &report, result);
+        show_upgrade(page, "upgrade-refused", 2);
+    } else if (stage(in->name)) {
+        corvel_answer_redirect(page->answer, "/cgi-bin/upgrade");
     } else {
-        remove(STAGED_IMAGE);
-        refuse("503 Service Unavailable", "The upload could not be recorded.");
+        discard_image();
+        corvel_answer_error(page->answer, CORVEL_HTTP_SERVICE_UNAVAILABLE,
+                            "The image could not be stored.");
+    }
+}
+
+static void handle_post(struct page *page) {
+    intake in = {.file = NULL};
+    corvel_boot boot;
+    ignore_disconnection(); /* an incomplete image would stay in memory */
+    if (!lock_upgrade(page))
+        return;
+    corvel_boot_read(&upgrade_rules, &boot);
+    if (is_restart_pending(&boot)) {
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
+                            corvel_upgrade_complaint(CORVEL_UPGRADE_RESTART_FIRST));
+        return;
+    }
+    discard_image(); /* the previous one */
+    const int status = receive(page, &in);
+    if (status == CORVEL_HTTP_OK) {
+        take(page, &in);
+    } else {
+        discard_image();
+        corvel_answer_error(page->answer, status, in.complaint);
     }
 }
 
 int main(void) {
-    ignore_disconnection(); /* an incomplete image would stay in memory */
-    accept_upload();
-    lock_upgrade();
-    const boot_state boot = read_boot_state();
-    if (boot.next >= 0 && boot.next != boot.running)
-        refuse("409 Conflict", "Restart the router to complete the last upgrade first.");
-
-    forget_staged();
-    intake in = {.file = NULL};
-    const int status = receive(&in);
-    if (status != CORVEL_HTTP_OK)
-        refuse_status(status, in.complaint);
-    take(&in);
-    return EXIT_SUCCESS;
+    return serve(&(site_page){.name = "upgrade", .post = handle_post, .is_upload = true});
 }

@@ -374,7 +374,7 @@ class Demo:
         return json.loads(response.body)
 
     def json(self, path, section="settings"):
-        return self.document(path)[section][0]
+        return self.document(path)[section]
 
     def raw(self, data, seconds=20, half_close=False):
         """Sends bytes and returns everything received until the server closes the connection."""

@@ -122,7 +122,7 @@ class BadRequests(OwnDemoTest):
                       "Ajax=99999999999999999999"):
             response = self.demo.get(f"{NETWORK}?{query}")
             self.assertEqual(response.status, 200, query[:30])
-            self.assertTrue(response.text.endswith(("</html>\n", "}\n")), query[:30])
+            self.assertTrue(response.text.endswith(("</html>\n", "}")), query[:30])
         self.assertIn(self.demo.get(f"{NETWORK}?Ajax=%00").status, (200, 400))
         for length in (10_000, 100_000):
             status = self.demo.get(f"{NETWORK}?" + "x" * length).status
@@ -179,7 +179,8 @@ class BadRequests(OwnDemoTest):
 
     def test_damaged_forms_leave_the_files_well_formed(self):
         chance = random.Random(2)
-        fields = [each for each in self.demo.page(NETWORK).fields if each[0] != "token"]
+        fields = [each for each in self.demo.page(NETWORK).fields
+                  if each[0] != "token" and not each[0].startswith("version_")]
         good = urllib.parse.urlencode(fields).encode()
         for _ in range(300):
             body = bytearray(good)

@@ -12,7 +12,7 @@ COLUMNS = ("host", "ip", "mac", "expires")
 HOSTILE = [
     "<script>window.hacked=1</script>", "<img/src=x/onerror=window.hacked=1>", "</td></tr></table>",
     '"', "''", '"><b>', "'onmouseover='window.hacked=1", "&lt;b&gt;", "&amp;", "&", "$ip", "$title",
-    "$leases", "\\", '\\"', "\\u0041", "\\\\\\", "{}", '"}],"x":[{"y":"', "%41", "%s%n", "x=y", "--",
+    "{{ip}}", "{{&model}}", "{{#leases}}", "$leases", "\\", '\\"', "\\u0041", "\\\\\\", "{}", '"}],"x":[{"y":"', "%41", "%s%n", "x=y", "--",
     "javascript:alert(1)", "../../etc/passwd", "\u00e9\u65e5\U0001f600", "setenv", "a" * 100,
 ]
 

@@ -74,8 +74,8 @@ class Lifecycle(Case):
                               b"/usr/sbin/lighttpd"))
             root = pathlib.Path(f"/proc/{inside}/root")
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
-                             ["bootloader", "chpasswd", "configclient", "factory", "init",
-                              "interfaces", "keep", "reboot", "station", "traplog"])
+                             ["bootloader", "chpasswd", "configclient", "corvel-settings", "factory",
+                              "init", "interfaces", "keep", "reboot", "station", "traplog"])
             for name in ("passwd", "shadow"):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])
@@ -95,6 +95,18 @@ class Lifecycle(Case):
             self.assertEqual(demo.file("wireless.conf").read_bytes(), wireless)
             self.assertEqual(list(config.glob("*.cgi")), [])
             self.assertEqual(demo.json(NETWORK)["LAN_ADDRESS"], "192.168.1.1")
+
+    def test_a_file_that_a_power_loss_has_emptied_is_recovered_at_the_start(self):
+        with Demo(state=self.state) as demo:
+            self.assertEqual(demo.post(DEVICE, {"CONTACT": "Ann"}).status, 303)
+            saved = demo.files()
+        config = self.state / "config"
+        (config / "global.conf").write_bytes(b"")
+        (config / "lan.conf").write_bytes(saved["lan.conf"][:30])
+        (config / "wireless.conf").write_bytes(bytes(len(saved["wireless.conf"])))
+        with Demo(state=self.state) as demo:
+            self.assertEqual(demo.files(), saved)
+            self.assertEqual(demo.page(DEVICE).shown["CONTACT"], "Ann")
 
     def test_only_the_owner_can_access_the_state(self):
         """Users that can read a file could hold its lock."""

@@ -49,16 +49,16 @@ class Pages(OwnDemoTest):
         self.assertRegex(self.demo.json(NETWORK, "applied")["TIME"], r"^\d{4}-\d\d-\d\d ")
 
     def test_the_query_selects_json(self):
+        html = "text/html; charset=utf-8"
         for query, kind in (("Ajax=1", "application/json"), ("x=1&Ajax=2", "application/json"),
-                            ("Ajax=0", "text/html"), ("ajax=1", "text/html"),
-                            ("Ajax=no", "text/html"), ("", "text/html")):
+                            ("Ajax=0", html), ("ajax=1", html), ("Ajax=no", html), ("", html)):
             response = self.demo.get(f"{NETWORK}?{query}")
-            self.assertEqual(response.headers["Content-Type"], f"{kind}; charset=utf-8", query)
+            self.assertEqual(response.headers["Content-Type"], kind, query)
 
     def test_no_marker_remains_in_a_page(self):
         for path in PAGES:
             text = self.demo.get(path).text
-            self.assertIsNone(re.search(r"\$\w", text))
+            self.assertIsNone(re.search("{{|}}", text))
             self.assertTrue(text.endswith("</html>\n"))
 
     def test_values_of_a_form_are_shown_escaped(self):
@@ -155,7 +155,7 @@ class Pages(OwnDemoTest):
             self.assertEqual(response.status, 200, damage[:40])
             self.assertTrue(response.text.endswith("</html>\n"))
             self.assertNotIn("<script>", response.text)
-            settings = json.loads(self.demo.get(NETWORK + "?Ajax=1").body)["settings"][0]
+            settings = json.loads(self.demo.get(NETWORK + "?Ajax=1").body)["settings"]
             self.assertEqual(set(settings), set(NETWORK_SETTINGS))
 
     def test_quotes_in_the_applied_settings_are_escaped_in_json(self):

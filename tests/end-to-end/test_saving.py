@@ -30,6 +30,7 @@ SETTINGS = {
 
 NASTY = [
     '"', '""', '"a', 'a"', '"a"', '""a""', "\\", "\\\\", "a\\", "\\a", '\\"', '"\\', '\\\\"',
+    "{{", "}}", "{{token}}", "{{&message}}", "{{#leases}}", "{{>head}}", "{{!",
     "$", "$$", "$message", "$WLAN_SSID$DESCRIPTION", "a$title", "${HOME}", "$(reboot)", "`reboot`",
     "a$CONTACT", "a$error_CONTACT", "a$WLAN_PASSPHRASE", "a$options_country", "a$error_WLAN_SSID",
     "'", "''", "a'b", "&", "&amp;", "&#36;", "&lt;", "<", ">", "<script>alert(1)</script>", "-->",
@@ -235,6 +236,53 @@ class Saving(OwnDemoTest):
         self.assertEqual(self.demo.file("global.conf").read_text(),
                          'HOST_NAME "router"\nDESCRIPTION "\\"quoted\\""\n')
         self.assert_stored("DESCRIPTION", '"quoted"')
+
+    def form(self, path, changes):
+        """Returns the fields that a browser sends for a form as it is now, with these changes."""
+        return dict(self.demo.page(path).fields) | changes
+
+    def test_a_save_in_a_second_tab_is_noticed(self):
+        """Neither the saved settings nor the entries of the second form are lost."""
+        first = self.form(NETWORK, {"WLAN_SSID": "First", "WLAN_CHANNEL": "6"})
+        second = self.form(NETWORK, {"WLAN_SSID": "<Second>", "DOMAIN": "second.lan"})
+        self.save(NETWORK, first)
+        saved = self.demo.files()
+        response = self.demo.post(NETWORK, second)
+        self.assertEqual(response.status, 409)
+        page = Page(response.text)
+        self.assertIn("changed elsewhere", page.message)
+        self.assertEqual(self.demo.files(), saved, "nothing is saved")
+        self.assertEqual(page.shown["WLAN_SSID"], "<Second>")
+        self.assertEqual(page.errors, {
+            "WLAN_SSID": "The saved value is: First", "DOMAIN": "The saved value is: lan",
+            "WLAN_CHANNEL": "Another value has been saved."})
+        self.save(NETWORK, dict(page.fields))
+        self.assert_stored("WLAN_SSID", "<Second>")
+        self.assert_stored("DOMAIN", "second.lan")
+        self.assert_stored("WLAN_CHANNEL", second["WLAN_CHANNEL"])
+        self.assertEqual(self.demo.post(NETWORK, second).status, 409, "its versions are too old")
+
+    def test_a_change_by_another_program_is_noticed(self):
+        fields = self.form(DEVICE, {"CONTACT": "Ann"})
+        file = self.demo.file("global.conf")
+        file.write_bytes(file.read_bytes() + b'OTHER "1"\n')
+        self.assertEqual(self.demo.post(DEVICE, fields).status, 409)
+        self.assertNotIn(b"Ann", file.read_bytes())
+
+    def test_a_version_that_is_none_is_refused(self):
+        for version in ("", "x", "0" * 64, "0" * 65, "f" * 300):
+            response = self.demo.post(DEVICE, {"CONTACT": "x", "version_global": version})
+            self.assertEqual(response.status, 409, version)
+        self.assertEqual(self.demo.files(), self.factory)
+
+    def test_files_that_cannot_be_read_are_not_changed(self):
+        file = self.demo.file("global.conf")
+        content = file.read_bytes()
+        for name in ("global.conf", "global.conf.kept"):
+            self.demo.file(name).unlink(missing_ok=True)
+        self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "x", "HOST_NAME": "x"}).status, 422)
+        self.assertFalse(file.exists())
+        file.write_bytes(content)
 
     def test_every_setting_is_tested(self):
         self.assertEqual(set(INVALID), set(SETTINGS))

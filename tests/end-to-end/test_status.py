@@ -65,7 +65,7 @@ class Status(SharedDemoTest):
         self.assertEqual(self.shown()["wlan0"]["netmask"], "255.255.255.224")
 
     def test_a_hostile_interface_name_is_shown_unchanged(self):
-        for name in ("<b>&\"'$name", "'><i>$title", "\\\\u0041\\\"}"):
+        for name in ("<b>&\"'{{model}}", "'><i>{{&model}}", "\\\\u0041\\\"}"):
             with self.subTest(name):
                 self.demo.ip("link", "add", name, "type", "bridge")
                 self.addCleanup(self.demo.ip, "link", "del", name)
@@ -73,7 +73,6 @@ class Status(SharedDemoTest):
                 for path in (STATUS, CLIENTS):
                     text = self.demo.get(path).text
                     self.assertIsNone(re.search("<[bi]>", text))
-                    self.assertIsNone(re.search(r"\$\w", text))
                     self.assertTrue(text.endswith("</html>\n"))
                 rows = Element.of_page(self.demo.get(STATUS).text).by_id("interfaces").rows()
                 self.assertIn((name, name), [(row["name"], row["data-name"]) for row in rows])
@@ -118,7 +117,7 @@ class Status(SharedDemoTest):
         for row, shown in zip(rows, document["interfaces"]):
             for column in ("ipv4", "netmask", "mac", "ipv6"):
                 self.assertEqual(row[column], shown[column])
-        system, = document["system"]
+        system = document["system"]
         uptime = page.by_id("uptime").text
         self.assertLessEqual(before.pop("uptime"), uptime)
         self.assertLessEqual(uptime, system.pop("uptime"))

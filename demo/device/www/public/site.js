@@ -145,8 +145,8 @@ function fill(table, records) {
   });
 }
 
-// Refreshes a page: the records of a section are shown in the table with its name; without such a
-// table, each value of the section is shown in the element with the value's name. If the data
+// Refreshes a page: a list of records is shown in the table with its name, each value of an object
+// in the element with the value's name. If the data
 // cannot be fetched, the page is marked as outdated.
 const refreshed = document.querySelector('[data-refresh]');
 let order = new URLSearchParams(location.search).get('sort');
@@ -162,7 +162,7 @@ async function refresh() {
     const table = document.getElementById(name);
     if (table) fill(table, records);
     else
-      for (const [id, value] of Object.entries(records[0]))
+      for (const [id, value] of Object.entries(records))
         document.getElementById(id).textContent = value;
   }
 }
@@ -192,7 +192,7 @@ if (live) {
     if (document.hidden) return;
     const sections = await fetchJson(live.dataset.live);
     if (!sections) return;
-    const { settings: [settings], applied: [applied] } = sections;
+    const { settings, applied } = sections;
     document.getElementById('applied').textContent = applied.TIME;
     const now = JSON.stringify(settings);
     if (known && now !== known)
@@ -260,7 +260,7 @@ function poll(url, isEnough) {
   const timer = setInterval(async () => {
     const sections = await fetchJson(url);
     if (!sections) return;
-    const { upgrade: [state] } = sections;
+    const { upgrade: state } = sections;
     if (!isEnough(state)) return;
     clearInterval(timer);
     location.replace('/cgi-bin/upgrade');
