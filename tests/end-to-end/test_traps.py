@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Traps: the notifications that the device sends, and their log."""
 
-import re
 import struct
 import subprocess
 import sys

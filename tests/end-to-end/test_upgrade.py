@@ -19,7 +19,7 @@ import device
 import upgrade_image
 from demo_test import DemoTest
 from device import NETWORK, SOURCE, UPGRADE, UPLOAD, Demo, wait_until
-from upgrade_image import Image, content, large_image, section, version_section, with_crc
+from upgrade_image import Image, large_image, section, version_section, with_crc
 
 LARGEST = 16 * 1024 * 1024
 RUNNING_A = (2, 3)
