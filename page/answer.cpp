@@ -2,132 +2,148 @@
 #include "page/answer.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <new>
 #include <strings.h>
 
 #include "page/output.h"
 #include "page/request.h"
 #include "page/sha256.h"
+#include "page/syntax.h"
 #include "page/template.h"
 #include "support/text.h"
 
 namespace corvel {
 namespace {
 
-/// The statuses of HTTP and their names. The first one of a class also names the unknown ones.
-constexpr std::string_view statuses =
-    "\n200 OK\n201 Created\n202 Accepted\n204 No Content"
-    "\n300 Multiple Choices\n301 Moved Permanently\n302 Found\n303 See Other"
-    "\n304 Not Modified\n307 Temporary Redirect\n308 Permanent Redirect"
-    "\n400 Bad Request\n401 Unauthorized\n403 Forbidden\n404 Not Found"
-    "\n405 Method Not Allowed\n406 Not Acceptable\n408 Request Timeout\n409 Conflict\n410 Gone"
-    "\n411 Length Required\n412 Precondition Failed\n413 Content Too Large\n414 URI Too Long"
-    "\n415 Unsupported Media Type\n422 Unprocessable Content\n423 Locked"
-    "\n429 Too Many Requests\n431 Request Header Fields Too Large"
-    "\n500 Internal Server Error\n501 Not Implemented\n502 Bad Gateway"
-    "\n503 Service Unavailable\n504 Gateway Timeout\n507 Insufficient Storage\n";
+/// The statuses of HTTP and their names. The first one of a class also names the unknown ones. One
+/// string, since an array of pointers would need a relocation for each.
+constexpr char statuses[] = "200 OK\0"
+                            "201 Created\0"
+                            "202 Accepted\0"
+                            "204 No Content\0"
+                            "300 Multiple Choices\0"
+                            "301 Moved Permanently\0"
+                            "302 Found\0"
+                            "303 See Other\0"
+                            "304 Not Modified\0"
+                            "307 Temporary Redirect\0"
+                            "308 Permanent Redirect\0"
+                            "400 Bad Request\0"
+                            "401 Unauthorized\0"
+                            "403 Forbidden\0"
+                            "404 Not Found\0"
+                            "405 Method Not Allowed\0"
+                            "406 Not Acceptable\0"
+                            "408 Request Timeout\0"
+                            "409 Conflict\0"
+                            "410 Gone\0"
+                            "411 Length Required\0"
+                            "412 Precondition Failed\0"
+                            "413 Content Too Large\0"
+                            "414 URI Too Long\0"
+                            "415 Unsupported Media Type\0"
+                            "422 Unprocessable Content\0"
+                            "423 Locked\0"
+                            "429 Too Many Requests\0"
+                            "431 Request Header Fields Too Large\0"
+                            "500 Internal Server Error\0"
+                            "501 Not Implemented\0"
+                            "502 Bad Gateway\0"
+                            "503 Service Unavailable\0"
+                            "504 Gateway Timeout\0"
+                            "507 Insufficient Storage\0";
 
 constexpr int status_min = 200;
 constexpr int status_max = 599;
 constexpr int error_min = 400;
 
-/// A status as three digits.
-class StatusDigits {
-  public:
-    explicit StatusDigits(int status) { std::snprintf(digits_, sizeof digits_, "%d", status); }
-    [[nodiscard]] std::string_view text() const { return {digits_, 3}; }
-    [[nodiscard]] const char *string() const { return digits_; }
-
-  private:
-    char digits_[12];
-};
-
 /// The name of a status, such as "Not Found".
-std::string_view status_name(int status) {
-    const StatusDigits digits(status);
-    std::size_t place = 0;
-    do
-        place = statuses.find('\n', place) + 1;
-    while (place < statuses.size() && !after(statuses, place).starts_with(digits.text()));
-    if (place >= statuses.size())
-        return status_name(status / 100 * 100);
-    const std::string_view rest = after(statuses, place + 4);
-    return front(rest, rest.find('\n'));
+const char *status_name(int status) {
+    const char *name = "";
+    for (const char *each = statuses; *each != '\0'; each += std::strlen(each) + 1) {
+        const int number = std::atoi(each);
+        if (number == status || number == status / 100 * 100)
+            name = each + 4;
+    }
+    return name;
 }
 
 // Same-origin, not no-referrer: browsers would send a form with "Origin: null", which a check of
 // the origin refuses.
-constexpr std::string_view default_fields = "Content-Type: text/html; charset=utf-8\r\n"
-                                            "Cache-Control: no-store\r\n"
-                                            "X-Content-Type-Options: nosniff\r\n"
-                                            "X-Frame-Options: DENY\r\n"
-                                            "Referrer-Policy: same-origin\r\n";
+constexpr char default_fields[] = "Content-Type: text/html; charset=utf-8\r\n"
+                                  "Cache-Control: no-store\r\n"
+                                  "X-Content-Type-Options: nosniff\r\n"
+                                  "X-Frame-Options: DENY\r\n"
+                                  "Referrer-Policy: same-origin\r\n";
 
 constexpr char default_policy[] = "default-src 'self'; base-uri 'none'; form-action 'self'; "
                                   "frame-ancestors 'none'; object-src 'none'";
 
 /// What is sent if there was no memory for the answer.
-constexpr std::string_view answer_without_memory = "Status: 503 Service Unavailable\r\n"
-                                                   "Content-Type: text/plain; charset=utf-8\r\n"
-                                                   "Cache-Control: no-store\r\n"
-                                                   "X-Content-Type-Options: nosniff\r\n"
-                                                   "Content-Length: 29\r\n"
-                                                   "\r\n"
-                                                   "The device is out of memory.\n";
+constexpr char answer_without_memory[] = "Status: 503 Service Unavailable\r\n"
+                                         "Content-Type: text/plain; charset=utf-8\r\n"
+                                         "Cache-Control: no-store\r\n"
+                                         "X-Content-Type-Options: nosniff\r\n"
+                                         "Content-Length: 29\r\n"
+                                         "\r\n"
+                                         "The device is out of memory.\n";
 
-bool is_alphanumeric(char character) {
-    const char lower = static_cast<char>(character | 0x20);
-    return (lower >= 'a' && lower <= 'z') || is_digit(character);
-}
-
-/// True if a string consists of letters, digits and some other characters, and is not empty.
-bool consists_of(std::string_view text, std::string_view others) {
-    std::string_view rest = text;
-    while (!rest.empty() &&
-           (is_alphanumeric(rest.front()) || others.find(rest.front()) != std::string_view::npos))
-        rest.remove_prefix(1);
-    return rest.empty() && !text.empty();
+/// True if a string consists of letters, digits and some other characters.
+bool consists_of(const char *text, const char *others) {
+    return text[span_of(text, others)] == '\0';
 }
 
 /// True for the name of a header field or cookie.
-bool is_token(std::string_view text) { return consists_of(text, "!#$%&'*+-.^_`|~"); }
-
-/// True for the value of a header field: no control characters.
-bool is_field_value(std::string_view text) {
-    while (!text.empty() && static_cast<unsigned char>(text.front()) >= ' ' &&
-           text.front() != '\x7F')
-        text.remove_prefix(1);
-    return text.empty();
-}
-
-/// True for the value of a cookie; it may be empty.
-bool is_cookie_value(std::string_view text) {
-    return text.empty() || consists_of(text, "!#$%&'()*+-./:<=>?@[]^_`{|}~");
+bool is_token(const char *text) {
+    return text != nullptr && *text != '\0' && consists_of(text, "!#$%&'*+-.^_`|~");
 }
 
 /// Fields that only functions of their own set.
 bool is_reserved(const char *name) {
-    static constexpr const char *names[] = {"Status", "Content-Type", "Content-Length",
-                                            "Transfer-Encoding", "Set-Cookie"};
-    std::size_t at = 0;
-    while (at < std::size(names) && strcasecmp(name, names[at]) != 0)
-        ++at;
-    return at < std::size(names);
+    static constexpr char names[] =
+        "Status\0Content-Type\0Content-Length\0Transfer-Encoding\0Set-Cookie\0";
+    const char *each = names;
+    while (*each != '\0' && strcasecmp(name, each) != 0)
+        each += std::strlen(each) + 1;
+    return *each != '\0';
 }
 
-void set_field(corvel_answer &answer, std::string_view name, std::string_view value) {
-    answer.fields.append(name);
-    answer.fields.append(value.empty() ? ":" : ": ");
-    answer.fields.append(value);
-    answer.fields.append("\r\n");
+using Compare = int (*)(const char *, const char *, std::size_t);
+
+/// Removes the line that starts as the one at @p last does, up to a delimiter that @p last
+/// contains. Returns where @p last is then.
+std::size_t remove_earlier(Buffer &lines, std::size_t last, char delimiter, Compare compare) {
+    const char *const key = lines.data() + last;
+    const auto key_size = lines.bytes().find(delimiter, last) + 1 - last;
+    std::size_t end = 0;
+    for (std::size_t start = 0; start < last; start = end) {
+        end = lines.bytes().find('\n', start) + 1;
+        if (compare(lines.data() + start, key, key_size) != 0)
+            continue;
+        lines.remove(start, end - start);
+        return last - (end - start);
+    }
+    return last;
+}
+
+/// Sets a header field; an empty value removes it.
+void set_field(corvel_answer &answer, const char *name, const char *value) {
+    Buffer &fields = answer.fields;
+    const std::size_t end = fields.size();
+    fields.print("%s: %s\r\n", name, value);
+    if (fields.failed())
+        return;
+    const std::size_t start = remove_earlier(fields, end, ':', strncasecmp);
+    if (*value == '\0')
+        fields.remove(start, fields.size() - start);
 }
 
 /// Sets the default fields, which needs no more memory than when it was done first.
 void reset_fields(corvel_answer &answer) {
     answer.fields.clear();
-    answer.fields.append(default_fields);
+    answer.fields.print(default_fields);
     set_field(answer, "Content-Security-Policy", answer.site.content_security_policy);
 }
 
@@ -140,47 +156,34 @@ void replace(corvel_answer &answer, int status) {
     answer.is_final = true;
 }
 
-/// Appends an error page by the site's template. False if there is none or it cannot be filled.
+/// Fills the site's error page. False if there is none or it cannot be filled.
 bool append_site_error(corvel_answer &answer, const char *name, const char *reason) {
     if (answer.site.error_template == nullptr)
         return false;
     corvel_data *const data = corvel_data_new();
-    corvel_data_set(data, "status", StatusDigits(answer.status).string());
+    corvel_data_set_integer(data, "status", answer.status);
     corvel_data_set(data, "title", name);
     corvel_data_set(data, "reason", reason);
-    const bool filled = fill_template(answer.body, answer.site.templates,
-                                      answer.site.error_template, data, answer.values);
+    const bool filled = fill_template(answer, answer.site.error_template, data);
     corvel_data_free(data);
     return filled;
-}
-
-void append_plain_error(Buffer &body, int status, std::string_view name, const char *reason) {
-    const StatusDigits digits(status);
-    const auto append_title = [&] {
-        body.append(digits.text());
-        body.append(' ');
-        body.append(name);
-    };
-    body.append("<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>");
-    append_title();
-    body.append("</title>\n</head>\n<body>\n<h1>");
-    append_title();
-    body.append("</h1>\n<p>");
-    append_html(body, text_of(reason));
-    body.append("</p>\n</body>\n</html>\n");
 }
 
 /// Makes the answer an error page. Without memory for one, its body is empty.
 void replace_by_error(corvel_answer &answer, int status, const char *reason) {
     replace(answer, status);
-    char name[48];
-    store(name, status_name(status));
+    const char *const name = status_name(status);
     if (append_site_error(answer, name, reason))
         return;
-    answer.body.clear();
-    append_plain_error(answer.body, status, name, reason);
-    if (answer.body.failed())
-        answer.body.clear();
+    Buffer &body = answer.body;
+    body.clear();
+    body.print("<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+               "<title>%d %s</title>\n</head>\n<body>\n<h1>%d %s</h1>\n<p>",
+               status, name, status, name);
+    append_html(body, text_of(reason));
+    body.print("</p>\n</body>\n</html>\n");
+    if (body.failed())
+        body.clear();
 }
 
 /// Replaces an answer that cannot be sent as the page made it.
@@ -198,49 +201,23 @@ void replace_if_failed(corvel_answer &answer) {
                      "The page could not be made. The system log contains the reason.");
 }
 
-bool is_method(const corvel_answer &answer, const char *method) {
-    return text_of(environment(answer.request, "REQUEST_METHOD")) == method;
-}
-
-/// An entity tag: the hash of the body, in quotes.
-class EntityTag {
-  public:
-    explicit EntityTag(std::string_view body) {
-        Sha256 hash;
-        hash.update(body);
-        hash.digest_text(text_ + 1);
-        text_[0] = '"';
-        text_[sizeof text_ - 1] = '"';
-    }
-    [[nodiscard]] std::string_view text() const { return {text_, sizeof text_}; }
-
-  private:
-    char text_[1 + Sha256::text_size];
-};
-
-void skip_separators(std::string_view &list) {
-    while (!list.empty() && (list.front() == ',' || is_space(list.front())))
-        list.remove_prefix(1);
-}
-
 /// True if an If-None-Match field contains an entity tag. Weak tags count as strong ones. Reading
 /// stops at the first malformed tag.
-bool contains_tag(std::string_view list, std::string_view wanted) {
-    skip_separators(list);
-    if (list.starts_with('*'))
+bool contains_tag(const char *list, const char *wanted) {
+    static constexpr char separators[] = ", \t\n\v\f\r";
+    list += std::strspn(list, separators);
+    if (*list == '*')
         return true;
-    while (!list.empty()) {
-        if (list.starts_with("W/"))
-            list.remove_prefix(2);
-        const std::size_t end = list.find('"', 1);
-        if (end == std::string_view::npos || list.front() != '"')
-            return false;
-        if (front(list, end + 1) == wanted)
+    for (;;) {
+        if (list[0] == 'W' && list[1] == '/')
+            list += 2;
+        if (std::strncmp(list, wanted, std::strlen(wanted)) == 0)
             return true;
-        list = after(list, end + 1);
-        skip_separators(list);
+        const char *const end = *list == '"' ? std::strchr(list + 1, '"') : nullptr;
+        if (end == nullptr)
+            return false;
+        list = end + 1 + std::strspn(end + 1, separators);
     }
-    return false;
 }
 
 /// Makes a conditional answer a 304 if the browser has its body already.
@@ -248,77 +225,35 @@ void apply_condition(corvel_answer &answer) {
     if (!answer.is_conditional || answer.status != CORVEL_HTTP_OK ||
         corvel_method(answer.request) != CORVEL_GET)
         return;
-    const EntityTag tag(answer.body.bytes());
-    set_field(answer, "ETag", tag.text());
-    if (!contains_tag(text_of(environment(answer.request, "HTTP_IF_NONE_MATCH")), tag.text()))
+    // The hash of the body, in quotes.
+    char tag[1 + Sha256::text_size + 1];
+    Sha256 hash;
+    hash.update(answer.body.bytes());
+    hash.digest_text(tag + 1);
+    tag[0] = '"';
+    tag[sizeof tag - 2] = '"';
+    tag[sizeof tag - 1] = '\0';
+    set_field(answer, "ETag", tag);
+    if (!contains_tag(text_or_empty(environment(answer.request, "HTTP_IF_NONE_MATCH")), tag))
         return;
     answer.status = CORVEL_HTTP_NOT_MODIFIED;
-    set_field(answer, "Content-Type", {});
+    set_field(answer, "Content-Type", "");
 }
 
 /// True for a status whose answers have a body, even if it is empty.
 bool has_content(int status) { return status != 204 && status != CORVEL_HTTP_NOT_MODIFIED; }
 
-std::string_view take_line(std::string_view &lines) {
-    const std::string_view line = front(lines, lines.find('\n') + 1);
-    lines = after(lines, line.size());
-    return line;
-}
-
-using Compare = int (*)(const char *, const char *, std::size_t);
-
-/// True if one of the lines starts with a key.
-bool contains_key(std::string_view lines, std::string_view key, Compare compare) {
-    while (!lines.empty()) {
-        const std::string_view line = take_line(lines);
-        if (line.size() > key.size() && compare(line.data(), key.data(), key.size()) == 0)
-            return true;
-    }
-    return false;
-}
-
-void put_fields(StandardOutput &out, std::string_view lines) {
-    while (!lines.empty()) {
-        const std::string_view line = take_line(lines);
-        const std::string_view key = front(line, line.find(':') + 1);
-        if (line.size() > key.size() + 2 && !contains_key(lines, key, strncasecmp))
-            out.put(line);
-    }
-}
-
-void put_cookies(StandardOutput &out, std::string_view lines) {
-    while (!lines.empty()) {
-        const std::string_view line = take_line(lines);
-        if (contains_key(lines, front(line, line.find('=') + 1), std::strncmp))
-            continue;
-        out.put("Set-Cookie: ");
-        out.put(line);
-    }
-}
-
-/// The status is the first line: some web servers read it only there.
-void put_header(StandardOutput &out, const corvel_answer &answer) {
-    out.put("Status: ");
-    out.put(StatusDigits(answer.status).text());
-    out.put(" ");
-    out.put(status_name(answer.status));
-    out.put("\r\n");
-    put_fields(out, answer.fields.bytes());
-    put_cookies(out, answer.cookies.bytes());
-    if (has_content(answer.status)) {
-        char length[24];
-        std::snprintf(length, sizeof length, "%zu", answer.body.size());
-        out.put("Content-Length: ");
-        out.put(length);
-        out.put("\r\n");
-    }
-    out.put("\r\n");
-}
-
 bool send(const corvel_answer &answer) {
     StandardOutput out;
-    put_header(out, answer);
-    if (has_content(answer.status) && !is_method(answer, "HEAD"))
+    // The status is the first line: some web servers read it only there.
+    out.print("Status: %d %s\r\n", answer.status, status_name(answer.status));
+    out.put(answer.fields.bytes());
+    out.put(answer.cookies.bytes());
+    if (has_content(answer.status))
+        out.print("Content-Length: %zu\r\n", answer.body.size());
+    out.print("\r\n");
+    const char *const method = text_or_empty(environment(answer.request, "REQUEST_METHOD"));
+    if (has_content(answer.status) && std::strcmp(method, "HEAD") != 0)
         out.put(answer.body.bytes());
     return out.finish();
 }
@@ -328,15 +263,6 @@ bool send_without_memory() {
     out.put(answer_without_memory);
     out.finish();
     return false;
-}
-
-corvel_site with_defaults(const corvel_site *site) {
-    corvel_site result = site != nullptr ? *site : corvel_site{};
-    if (result.templates == nullptr)
-        result.templates = ".";
-    if (result.content_security_policy == nullptr)
-        result.content_security_policy = default_policy;
-    return result;
 }
 
 } // namespace
@@ -367,10 +293,18 @@ corvel_answer *corvel_answer_new(const corvel_request *request, const corvel_sit
     void *const memory = std::malloc(sizeof(corvel_answer));
     if (memory == nullptr)
         return nullptr;
-    auto *const answer = new (memory) corvel_answer(request, with_defaults(site));
-    if (!is_field_value(answer->site.content_security_policy)) {
+    auto *const answer = new (memory) corvel_answer;
+    answer->request = request;
+    if (site != nullptr)
+        answer->site = *site;
+    if (answer->site.templates == nullptr)
+        answer->site.templates = ".";
+    const char *&policy = answer->site.content_security_policy;
+    if (policy == nullptr)
+        policy = default_policy;
+    if (has_control_character(policy)) {
         misuse(answer, "The content security policy contains a control character.");
-        answer->site.content_security_policy = default_policy;
+        policy = default_policy;
     }
     reset_fields(*answer);
     if (!answer->fields.failed())
@@ -405,7 +339,8 @@ void corvel_answer_status(corvel_answer *answer, int status) {
 void corvel_answer_type(corvel_answer *answer, const char *type) {
     if (answer == nullptr || answer->is_final)
         return;
-    if (text_of(type).empty() || !is_field_value(type)) {
+    type = text_or_empty(type);
+    if (*type == '\0' || has_control_character(type)) {
         misuse(answer, "The content type of the answer is invalid.");
         return;
     }
@@ -416,33 +351,33 @@ void corvel_answer_type(corvel_answer *answer, const char *type) {
 void corvel_answer_header(corvel_answer *answer, const char *name, const char *value) {
     if (answer == nullptr)
         return;
-    if (!is_token(text_of(name)) || is_reserved(text_or_empty(name)) ||
-        !is_field_value(text_of(value)))
+    value = text_or_empty(value);
+    if (!is_token(name) || is_reserved(name) || has_control_character(value))
         misuse(answer, "The name or value of a header field is invalid.");
     else
-        set_field(*answer, name, text_of(value));
+        set_field(*answer, name, value);
 }
 
 void corvel_answer_cookie(corvel_answer *answer, const char *name, const char *value,
                           long max_age) {
     if (answer == nullptr)
         return;
-    if (!is_token(text_of(name)) || !is_cookie_value(text_of(value))) {
+    if (value == nullptr)
+        max_age = 0;
+    value = text_or_empty(value);
+    if (!is_token(name) || !consists_of(value, "!#$%&'()*+-./:<=>?@[]^_`{|}~")) {
         misuse(answer, "The name or value of a cookie is invalid.");
         return;
     }
-    char attributes[96];
-    const char *const secure = corvel_is_secure(answer->request) ? "; Secure" : "";
-    int length = std::snprintf(attributes, sizeof attributes,
-                               "; Path=/; HttpOnly; SameSite=Strict%s", secure);
-    if (max_age >= 0 || value == nullptr)
-        length += std::snprintf(attributes + length, sizeof attributes - size_from(length),
-                                "; Max-Age=%ld", value != nullptr ? max_age : 0);
-    answer->cookies.append(name);
-    answer->cookies.append('=');
-    answer->cookies.append(text_of(value));
-    answer->cookies.append({attributes, size_from(length)});
-    answer->cookies.append("\r\n");
+    char age[40] = "";
+    if (max_age >= 0)
+        std::snprintf(age, sizeof age, "; Max-Age=%ld", max_age);
+    Buffer &cookies = answer->cookies;
+    const std::size_t end = cookies.size();
+    cookies.print("Set-Cookie: %s=%s; Path=/; HttpOnly; SameSite=Strict%s%s\r\n", name, value,
+                  corvel_is_secure(answer->request) ? "; Secure" : "", age);
+    if (!cookies.failed())
+        remove_earlier(cookies, end, '=', std::strncmp);
 }
 
 void corvel_answer_write(corvel_answer *answer, const void *bytes, size_t size) {
@@ -500,9 +435,9 @@ bool corvel_answer_send(corvel_answer *answer) {
 }
 
 bool corvel_is_local_path(const char *path) {
-    const std::string_view text = text_of(path, CORVEL_LOCAL_PATH_MAX + 1);
-    return text.starts_with('/') && !text.starts_with("//") &&
-           text.size() <= CORVEL_LOCAL_PATH_MAX && consists_of(text, "/-._~?&=%+,:@#");
+    return path != nullptr && path[0] == '/' && path[1] != '/' &&
+           strnlen(path, CORVEL_LOCAL_PATH_MAX + 1) <= CORVEL_LOCAL_PATH_MAX &&
+           consists_of(path, "/-._~?&=%+,:@#");
 }
 
 } // extern "C"

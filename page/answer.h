@@ -17,7 +17,7 @@ struct JsonState {
     static constexpr unsigned depth_max = 32;
 
     unsigned depth = 0;        ///< Arrays and objects that are open.
-    std::uint32_t objects = 0; ///< One bit for each of them, the outermost first: it is an object.
+    std::uint32_t objects = 0; ///< One bit for each of them, the innermost lowest: it is an object.
     bool needs_comma = false;
     bool is_body = false; ///< The whole body is one JSON value.
 };
@@ -28,17 +28,13 @@ inline constexpr std::size_t header_max = 16384;
 } // namespace corvel
 
 struct corvel_answer {
-    corvel_answer(const corvel_request *of, const corvel_site &common)
-        : request(of), site(common) {}
-
-    const corvel_request *request;
-    corvel_site site; ///< Every default filled in.
+    const corvel_request *request = nullptr;
+    corvel_site site = {};
     const corvel_data *values = nullptr;
     corvel::Buffer body{CORVEL_ANSWER_MAX};
-    /// Lines of the header, "Name: value\r\n". A line replaces earlier lines of that name; a line
-    /// without a value, "Name:\r\n", only removes them.
+    /// Lines of the header, each with a name of its own, in any case.
     corvel::Buffer fields{corvel::header_max};
-    /// Lines "name=value; attributes\r\n" of cookies. A line replaces earlier lines of that name.
+    /// Lines of the header that set cookies, each with a name of its own.
     corvel::Buffer cookies{corvel::header_max};
     corvel::JsonState json;
     int status = CORVEL_HTTP_OK;

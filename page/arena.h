@@ -22,7 +22,7 @@ class Arena {
         }
     }
 
-    /// Allocates a block that is aligned for pointers and sizes. Null on failure.
+    /// Allocates zeros that are aligned for pointers and sizes. Null on failure.
     void *allocate(std::size_t size) {
         constexpr std::size_t alignment = sizeof(Chunk);
         if (failed_ || size > left_) {
@@ -55,7 +55,7 @@ class Arena {
 
     char *add_chunk(std::size_t size) {
         const std::size_t counted = size < left_ ? size : left_;
-        auto *const chunk = static_cast<Chunk *>(std::malloc(sizeof(Chunk) + size));
+        auto *const chunk = static_cast<Chunk *>(std::calloc(1, sizeof(Chunk) + size));
         failed_ = chunk == nullptr;
         if (failed_)
             return nullptr;

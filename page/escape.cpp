@@ -1,23 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "page/escape.h"
 
+#include <cstdio>
+
 #include "page/utf8.h"
-#include "support/hexadecimal.h"
-#include "support/text.h"
 
 namespace corvel {
 namespace {
 
-constexpr std::string_view replacement_character = "\xEF\xBF\xBD";
+constexpr char replacement_character[] = "\xEF\xBF\xBD";
 
-/// Bytes of the longest escape that is not a literal: \u and four digits.
-constexpr std::size_t code_size = 6;
+/// Bytes of the longest escape that is not a literal, `\u` and four digits, with the NUL.
+constexpr std::size_t code_size = 7;
 
-/// Returns what replaces a well-formed character, empty to keep it: a literal, or @p code, which
-/// starts with `\u00`.
-using Escape = std::string_view (*)(std::string_view character, char code[code_size]);
+/// Returns what replaces a well-formed character: a literal, or @p code; null to keep it.
+using Escape = const char *(*)(std::string_view character, char code[code_size]);
 
-std::string_view html_escape(std::string_view character, char * /*code*/) {
+const char *html_escape(std::string_view character, char * /*code*/) {
     switch (character.front()) {
     case '&':
         return "&amp;";
@@ -33,13 +32,13 @@ std::string_view html_escape(std::string_view character, char * /*code*/) {
     case '\n':
     case '\f':
     case '\r':
-        return {};
+        return nullptr;
     default:
-        return is_control(character) ? replacement_character : std::string_view();
+        return is_control(character) ? replacement_character : nullptr;
     }
 }
 
-std::string_view json_escape(std::string_view character, char code[code_size]) {
+const char *json_escape(std::string_view character, char code[code_size]) {
     const auto byte = static_cast<unsigned char>(character.front());
     if (byte == '"')
         return "\\\"";
@@ -47,33 +46,32 @@ std::string_view json_escape(std::string_view character, char code[code_size]) {
         return "\\\\";
     if (byte == '<')
         return "\\u003c";
+    if (byte < ' ') {
+        std::snprintf(code, code_size, "\\u%04X", byte);
+        return code;
+    }
     if (character == "\u2028")
         return "\\u2028";
-    if (character == "\u2029")
-        return "\\u2029";
-    if (byte >= ' ')
-        return {};
-    put_hex(code + 4, byte);
-    return {code, code_size};
+    return character == "\u2029" ? "\\u2029" : nullptr;
 }
 
 /// Characters that are kept are appended together, not one by one.
 void append_escaped(Buffer &out, std::string_view text, Escape escape) {
-    char code[code_size] = {'\\', 'u', '0', '0'};
-    std::string_view kept = text;
+    char code[code_size];
+    const char *kept = text.data();
     while (!text.empty()) {
+        const char *const start = text.data();
         const std::size_t length = utf8_length(text);
-        const std::string_view escaped =
-            length == 0 ? replacement_character : escape(front(text, length), code);
-        const std::string_view rest = after(text, length == 0 ? 1 : length);
-        if (!escaped.empty()) {
-            out.append(front(kept, kept.size() - text.size()));
-            out.append(escaped);
-            kept = rest;
-        }
-        text = rest;
+        const char *const escaped =
+            length == 0 ? replacement_character : escape({start, length}, code);
+        text.remove_prefix(length == 0 ? 1 : length);
+        if (escaped == nullptr)
+            continue;
+        out.append({kept, static_cast<std::size_t>(start - kept)});
+        out.append(escaped);
+        kept = text.data();
     }
-    out.append(kept);
+    out.append({kept, static_cast<std::size_t>(text.data() - kept)});
 }
 
 } // namespace
@@ -81,9 +79,9 @@ void append_escaped(Buffer &out, std::string_view text, Escape escape) {
 void append_html(Buffer &out, std::string_view text) { append_escaped(out, text, html_escape); }
 
 void append_json_string(Buffer &out, std::string_view text) {
-    out.append('"');
+    out.append("\"");
     append_escaped(out, text, json_escape);
-    out.append('"');
+    out.append("\"");
 }
 
 } // namespace corvel

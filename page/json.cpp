@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "page/answer.h"
 #include "support/text.h"
@@ -8,9 +10,7 @@
 namespace corvel {
 namespace {
 
-bool is_in_object(const JsonState &json) {
-    return json.depth != 0 && (json.objects >> (json.depth - 1) & 1) != 0;
-}
+bool is_in_object(const JsonState &json) { return (json.objects & 1) != 0; }
 
 /// Returns why a value with this name, which may be null, cannot be written here; null if it can.
 const char *fault_of_value(const JsonState &json, const char *name) {
@@ -44,16 +44,16 @@ Buffer *begin_value(corvel_answer *answer, const char *name) {
     }
     begin_json(*answer);
     if (json.needs_comma)
-        answer->body.append(',');
+        answer->body.append(",");
     if (name != nullptr) {
         append_json_string(answer->body, name);
-        answer->body.append(':');
+        answer->body.append(":");
     }
     json.needs_comma = json.depth != 0;
     return &answer->body;
 }
 
-void append_value(corvel_answer *answer, const char *name, std::string_view value) {
+void append_value(corvel_answer *answer, const char *name, const char *value) {
     Buffer *const body = begin_value(answer, name);
     if (body != nullptr)
         body->append(value);
@@ -68,10 +68,9 @@ void open_level(corvel_answer *answer, const char *name, std::uint32_t is_object
     Buffer *const body = begin_value(answer, name);
     if (body == nullptr)
         return;
-    body->append(is_object != 0 ? '{' : '[');
+    body->append(is_object != 0 ? "{" : "[");
     JsonState &json = answer->json;
-    const std::uint32_t level = std::uint32_t{1} << json.depth;
-    json.objects = is_object != 0 ? json.objects | level : json.objects & ~level;
+    json.objects = json.objects << 1 | is_object;
     ++json.depth;
     json.needs_comma = false;
 }
@@ -79,36 +78,26 @@ void open_level(corvel_answer *answer, const char *name, std::uint32_t is_object
 /// Room for any double in 17 digits, with a decimal point of several bytes.
 constexpr std::size_t decimal_size = 40;
 
-std::uint64_t bits_of(double value) {
-    std::uint64_t bits = 0;
-    std::memcpy(&bits, &value, sizeof bits);
-    return bits;
-}
-
-/// By the bits, since a comparison would need code for floating point on a board without it.
-bool is_finite(double value) { return (bits_of(value) >> 52 & 0x7FF) != 0x7FF; }
-
-bool is_same(double one, double other) { return bits_of(one) == bits_of(other); }
-
-/// Formats a finite number with as many digits as are needed to read the same number again. The
-/// locale's decimal point, which can have several bytes, becomes a point.
-std::size_t format_decimal(double value, char text[decimal_size]) {
+/// Formats a number with as many digits as are needed to read the same number again. The locale's
+/// decimal point, which can have several bytes, becomes a point. Null for NaN and infinity.
+const char *format_decimal(double value, char text[decimal_size]) {
+    double read = 0;
     int digits = 15;
-    do
+    // Compared as bytes: a comparison needs code for floating point on a board without it.
+    do {
         std::snprintf(text, decimal_size, "%.*g", digits, value);
-    while (!is_same(std::strtod(text, nullptr), value) && ++digits <= 17);
+        read = std::strtod(text, nullptr);
+    } while (std::memcmp(&read, &value, sizeof value) != 0 && ++digits <= 17);
 
-    std::size_t length = 0;
-    bool after_number = true;
-    for (const char *at = text; *at != '\0'; ++at) {
-        const bool is_number = is_digit(*at) || *at == '-' || *at == '+' || *at == 'e';
-        if (is_number)
-            text[length++] = *at;
-        else if (after_number)
-            text[length++] = '.';
-        after_number = is_number;
+    if (std::strchr(text, 'n') != nullptr) // in "nan" and "inf"
+        return nullptr;
+    char *const point = text + std::strspn(text, "-0123456789");
+    const std::size_t size = std::strcspn(point, "0123456789e");
+    if (size != 0) {
+        *point = '.';
+        std::memmove(point + 1, point + size, std::strlen(point + size) + 1);
     }
-    return length;
+    return text;
 }
 
 } // namespace
@@ -134,7 +123,8 @@ void corvel_json_close(corvel_answer *answer) {
         misuse(answer, "No JSON array or object is open.");
         return;
     }
-    answer->body.append(is_in_object(json) ? '}' : ']');
+    answer->body.append(is_in_object(json) ? "}" : "]");
+    json.objects >>= 1;
     --json.depth;
     json.needs_comma = json.depth != 0;
 }
@@ -151,18 +141,14 @@ void corvel_json_string(corvel_answer *answer, const char *name, const char *val
 
 void corvel_json_integer(corvel_answer *answer, const char *name, long long value) {
     char text[24];
-    const int length = std::snprintf(text, sizeof text, "%lld", value);
-    append_value(answer, name, {text, size_from(length)});
+    std::snprintf(text, sizeof text, "%lld", value);
+    append_value(answer, name, text);
 }
 
 void corvel_json_decimal(corvel_answer *answer, const char *name, double value) {
-    if (!is_finite(value)) {
-        corvel_json_null(answer, name);
-        return;
-    }
-    char text[decimal_size] = "";
-    const std::size_t length = format_decimal(value, text);
-    append_value(answer, name, {text, length});
+    char text[decimal_size];
+    const char *const formatted = format_decimal(value, text);
+    append_value(answer, name, formatted != nullptr ? formatted : "null");
 }
 
 void corvel_json_boolean(corvel_answer *answer, const char *name, bool value) {

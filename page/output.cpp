@@ -2,6 +2,8 @@
 #include "page/output.h"
 
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <poll.h>
@@ -65,6 +67,15 @@ void StandardOutput::put(std::string_view bytes) {
         if (used_ == sizeof buffer_)
             flush();
     }
+}
+
+void StandardOutput::print(const char *format, ...) {
+    char line[128];
+    std::va_list values;
+    va_start(values, format);
+    std::vsnprintf(line, sizeof line, format, values);
+    va_end(values);
+    put(line);
 }
 
 bool StandardOutput::finish() {

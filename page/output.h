@@ -4,6 +4,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 
 namespace corvel {
@@ -27,6 +28,9 @@ class StandardOutput {
   public:
     StandardOutput() {}
     void put(std::string_view bytes);
+    void put(const char *string) { put({string, std::strlen(string)}); }
+    /// Writes what printf() would print, at most 127 bytes.
+    [[gnu::format(printf, 2, 3)]] void print(const char *format, ...);
     /// Writes what is left. False if not everything was written.
     bool finish();
 

@@ -23,12 +23,11 @@ bool equals_ignoring_case(std::string_view text, const char *expected) {
            strncasecmp(text.data(), expected, text.size()) == 0;
 }
 
-bool consists_of(std::string_view text, const char *others) {
-    for (const char character : text)
-        if (!is_alphanumeric(character) &&
-            (character == '\0' || std::strchr(others, character) == nullptr))
-            return false;
-    return !text.empty();
+std::size_t span_of(const char *text, const char *others) {
+    const char *end = text;
+    while (is_alphanumeric(*end) || (*end != '\0' && std::strchr(others, *end) != nullptr))
+        ++end;
+    return static_cast<std::size_t>(end - text);
 }
 
 bool has_control_character(const char *text) {

@@ -2,6 +2,7 @@
 #ifndef CORVEL_PAGE_SYNTAX_H
 #define CORVEL_PAGE_SYNTAX_H
 
+#include <cstddef>
 #include <string_view>
 
 namespace corvel {
@@ -9,8 +10,9 @@ namespace corvel {
 /// True if a string equals another one regardless of the case of letters.
 bool equals_ignoring_case(std::string_view text, const char *expected);
 
-/// True if a string consists of letters and digits of ASCII and of @p others, and is not empty.
-bool consists_of(std::string_view text, const char *others);
+/// The length of the start of a string that consists of letters and digits of ASCII and of @p
+/// others.
+std::size_t span_of(const char *text, const char *others);
 
 /// True if a string contains a control character of ASCII.
 bool has_control_character(const char *text);
