@@ -2,6 +2,7 @@
 #include "page/request.h"
 
 #include <arpa/inet.h>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,7 +10,6 @@
 #include <string_view>
 #include <strings.h>
 
-#include "page/decimal.h"
 #include "page/syntax.h"
 #include "support/handles.h"
 #include "support/text.h"
@@ -36,42 +36,31 @@ enum class Refusal : unsigned char {
     timeout
 };
 
-constexpr std::uint16_t statuses[] = {CORVEL_HTTP_OK,
-                                      CORVEL_HTTP_CONTENT_TOO_LARGE,
-                                      CORVEL_HTTP_CONTENT_TOO_LARGE,
-                                      CORVEL_HTTP_SERVICE_UNAVAILABLE,
-                                      CORVEL_HTTP_BAD_REQUEST,
-                                      CORVEL_HTTP_METHOD_NOT_ALLOWED,
-                                      CORVEL_HTTP_BAD_REQUEST,
-                                      CORVEL_HTTP_BAD_REQUEST,
-                                      CORVEL_HTTP_FORBIDDEN,
-                                      CORVEL_HTTP_FORBIDDEN,
-                                      CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE,
-                                      CORVEL_HTTP_BAD_REQUEST,
-                                      CORVEL_HTTP_REQUEST_TIMEOUT};
+/// The status and the complaint of each. One string, since an array of pointers would need a
+/// relocation for each.
+constexpr char refusals[] = "200\0"
+                            "413The request contains too many fields.\0"
+                            "413The request is too large.\0"
+                            "503The device has not enough free memory. Try again later.\0"
+                            "400A field contains a NUL character.\0"
+                            "405This page does not support the request's method.\0"
+                            "400The address of this page contains a control character.\0"
+                            "400The request's length is malformed.\0"
+                            "403The address of this page contains a name that is not this "
+                            "device's.\0"
+                            "403The request was sent by a page of another site.\0"
+                            "415This page does not accept data of this type.\0"
+                            "400The request is incomplete.\0"
+                            "408The request did not arrive in time.";
 
-/// One string, since an array of pointers would need a relocation for each.
-constexpr char complaints[] = "\0"
-                              "The request contains too many fields.\0"
-                              "The request is too large.\0"
-                              "The device has not enough free memory. Try again later.\0"
-                              "A field contains a NUL character.\0"
-                              "This page does not support the request's method.\0"
-                              "The address of this page contains a control character.\0"
-                              "The request's length is malformed.\0"
-                              "The address of this page contains a name that is not this "
-                              "device's.\0"
-                              "The request was sent by a page of another site.\0"
-                              "This page does not accept data of this type.\0"
-                              "The request is incomplete.\0"
-                              "The request did not arrive in time.";
-
-const char *complaint_of(Refusal refusal) {
-    const char *complaint = complaints;
+const char *text_of(Refusal refusal) {
+    const char *text = refusals;
     for (auto left = static_cast<unsigned>(refusal); left != 0; --left)
-        complaint += std::strlen(complaint) + 1;
-    return complaint;
+        text += std::strlen(text) + 1;
+    return text;
 }
+
+int status_of(Refusal refusal) { return std::atoi(text_of(refusal)); }
 
 Refusal refusal_of(Pairs::Added added) { return static_cast<Refusal>(added); }
 
@@ -109,17 +98,6 @@ const char *variable(const char *name) { return text_or_empty(std::getenv(name))
 
 // What begins a request.
 
-struct NamedMethod {
-    char name[7];
-    unsigned char method;
-};
-
-constexpr NamedMethod named_methods[] = {{"GET", CORVEL_GET},
-                                         {"HEAD", CORVEL_GET},
-                                         {"POST", CORVEL_POST},
-                                         {"PUT", CORVEL_PUT},
-                                         {"DELETE", CORVEL_DELETE}};
-
 unsigned method_named(const char *name) {
     for (const NamedMethod &each : named_methods)
         if (std::strcmp(name, each.name) == 0)
@@ -152,11 +130,12 @@ bool keeps_chunks() { return std::strncmp(variable("SERVER_SOFTWARE"), "busybox"
 /// if the length is malformed or missing; then the body is what the input contains.
 bool announce(Body &body) {
     const char *const length = variable("CONTENT_LENGTH");
-    std::uint64_t bytes = 0;
-    const bool is_given = *length != '\0';
-    const bool is_chunked = !is_given && *variable("HTTP_TRANSFER_ENCODING") != '\0';
-    const bool is_valid = is_given ? parse_digits(length, bytes) && bytes != Body::unknown_length
-                                   : !is_chunked || !keeps_chunks();
+    const bool has_digits_only = length[std::strspn(length, "0123456789")] == '\0';
+    const long long given = has_digits_only ? std::strtoll(length, nullptr, 10) : LLONG_MAX;
+    const bool is_chunked = *length == '\0' && *variable("HTTP_TRANSFER_ENCODING") != '\0';
+    const bool is_valid = given != LLONG_MAX // also the result of an overflow
+                          && !(is_chunked && keeps_chunks());
+    auto bytes = static_cast<std::uint64_t>(given);
     if (!is_valid || is_chunked)
         bytes = Body::unknown_length;
     body = Body(bytes, default_seconds);
@@ -238,15 +217,18 @@ bool is_from_own_site(const corvel_request &request) {
 
 // What is accepted.
 
-unsigned type_named(const char *type) {
-    type += std::strspn(type, " \t");
-    const std::size_t length = std::strcspn(type, "; \t");
-    if (equals_ignoring_case({type, length}, "application/x-www-form-urlencoded"))
-        return CORVEL_FORM;
-    if (equals_ignoring_case({type, length}, "multipart/form-data"))
-        return CORVEL_MULTIPART;
-    return equals_ignoring_case({type, length}, "application/json") ? CORVEL_JSON_TEXT
-                                                                    : CORVEL_ANY_TYPE;
+/// The types in the order of their bits, the lowest first.
+constexpr char type_names[] =
+    "application/x-www-form-urlencoded\0multipart/form-data\0application/json\0";
+
+unsigned type_named(const char *name) {
+    name += std::strspn(name, " \t");
+    const std::size_t length = std::strcspn(name, "; \t");
+    unsigned type = 1;
+    for (const char *each = type_names; *each != '\0'; each += std::strlen(each) + 1, type *= 2)
+        if (equals_ignoring_case({name, length}, each))
+            break;
+    return type;
 }
 
 /// The type as which the body is read; 0 if the rules do not permit it.
@@ -289,16 +271,11 @@ std::size_t receive(Body &body, std::span<char> room) {
 }
 
 Refusal refusal_of(Body::State state) {
-    switch (state) {
-    case Body::State::complete:
+    if (state == Body::State::complete)
         return Refusal::none;
-    case Body::State::truncated:
+    if (state == Body::State::truncated)
         return Refusal::incomplete;
-    case Body::State::timed_out:
-        return Refusal::timeout;
-    default:
-        return Refusal::too_large;
-    }
+    return state == Body::State::timed_out ? Refusal::timeout : Refusal::too_large;
 }
 
 Refusal read_body(corvel_request &request, const corvel_request_rules &rules) {
@@ -365,7 +342,7 @@ int read(corvel_request &request, const corvel_request_rules &rules) {
     request.refusal = read_all(request, rules);
     if (request.refusal != Refusal::none || request.method == CORVEL_GET)
         request.body.discard();
-    return statuses[static_cast<unsigned>(request.refusal)];
+    return status_of(request.refusal);
 }
 
 bool is_accepted(const corvel_request *request) {
@@ -397,7 +374,7 @@ int add_field(corvel_request *request, std::string_view name, std::string_view v
     if (!is_accepted(request))
         return CORVEL_HTTP_INTERNAL_SERVER_ERROR;
     request->refusal = refusal_of(request->form.add(name, value));
-    return statuses[static_cast<unsigned>(request->refusal)];
+    return status_of(request->refusal);
 }
 
 const Pairs *fields_of(const corvel_request *request) {
@@ -451,7 +428,7 @@ int corvel_request_read(corvel_request *request, const corvel_request_rules *rul
 }
 
 const char *corvel_request_complaint(const corvel_request *request) {
-    return complaint_of(request != nullptr ? request->refusal : Refusal::no_memory);
+    return text_of(request != nullptr ? request->refusal : Refusal::no_memory) + 3;
 }
 
 void corvel_request_free(corvel_request *request) {

@@ -13,6 +13,18 @@ namespace corvel {
 
 /// What the modules of the kit use of a request beyond the public functions. All accept null.
 
+struct NamedMethod {
+    char name[7];
+    unsigned char method;
+};
+
+/// The methods that a page can accept.
+inline constexpr NamedMethod named_methods[] = {{"GET", CORVEL_GET},
+                                                {"HEAD", CORVEL_GET},
+                                                {"POST", CORVEL_POST},
+                                                {"PUT", CORVEL_PUT},
+                                                {"DELETE", CORVEL_DELETE}};
+
 /// A variable of the CGI environment, such as "HTTP_IF_NONE_MATCH"; null if it is not set. Read at
 /// the time of the call.
 const char *environment(const corvel_request *request, const char *name);

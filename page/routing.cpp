@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include <cstdio>
 #include <cstring>
-#include <span>
 #include <string_view>
 
 #include "page/pairs.h"
@@ -10,91 +10,69 @@
 namespace corvel {
 namespace {
 
-struct NamedMethod {
-    char names[12];
-    unsigned char method;
-};
-
-constexpr NamedMethod named_methods[] = {{", GET, HEAD", CORVEL_GET},
-                                         {", POST", CORVEL_POST},
-                                         {", PUT", CORVEL_PUT},
-                                         {", DELETE", CORVEL_DELETE}};
-
-constexpr std::size_t allow_size = sizeof ", GET, HEAD, POST, PUT, DELETE";
-
 /// The length of the first component of a path, with the slash before it; 0 if there is none.
 std::size_t component_length(const char *path) {
     return *path != '\0' ? 1 + std::strcspn(path + 1, "/") : 0;
 }
 
-bool equals(const char *component, std::size_t length, const char *expected) {
-    return std::strlen(expected) == length && std::memcmp(component, expected, length) == 0;
+/// True if a component, with the slash before it, is a string.
+bool equals(std::string_view component, const char *expected) {
+    return std::strncmp(component.data(), expected, component.size()) == 0 &&
+           expected[component.size()] == '\0';
 }
 
-bool is_any(const char *component, std::size_t length) { return equals(component, length, "/{}"); }
-
-/// Whether `{}` matches a component: not if, as a part of a file's path, it names another
+/// True if `{}` matches a component: not if, as a part of a file's path, it names another
 /// directory.
-bool is_name(const char *component, std::size_t length) {
-    return *component == '/' && length > 1 && !equals(component, length, "/.") &&
-           !equals(component, length, "/..");
+bool is_name(std::string_view component) {
+    return component.size() > 1 && component.front() == '/' && !equals(component, "/.") &&
+           !equals(component, "/..");
 }
 
-bool matches(const char *route, const char *path) {
+/// True if a path matches that of a route. Stores the components that match a `{}` in a request,
+/// unless that is null.
+bool matches(const char *route, const char *path, corvel_request *request) {
     while (*route != '\0' && *path != '\0') {
         const std::size_t expected = component_length(route);
         const std::size_t length = component_length(path);
+        const bool is_any = equals({route, expected}, "/{}");
         const bool is_same = expected == length && std::memcmp(route, path, length) == 0;
-        if (is_any(route, expected) ? !is_name(path, length) : !is_same)
+        if (is_any ? !is_name({path, length}) : !is_same)
             return false;
+        if (is_any && request != nullptr)
+            add_path_part(request, {path + 1, length - 1});
         route += expected;
         path += length;
     }
     return *route == *path;
 }
 
-/// Stores the components of a path that match a route's `{}`.
-void store_parts(corvel_request *request, const char *route, const char *path) {
-    while (*route != '\0') {
-        const std::size_t expected = component_length(route);
-        const std::size_t length = component_length(path);
-        if (is_any(route, expected))
-            add_path_part(request, {path + 1, length - 1});
-        route += expected;
-        path += length;
-    }
-}
-
 /// The routes of a path: the first that permits the method, else the last, and the methods of all.
 struct Selection {
-    const corvel_route *route = nullptr;
-    bool has_method = false;
-    unsigned methods = 0;
+    const corvel_route *route;
+    bool has_method;
+    unsigned methods;
 };
 
-Selection select(const char *path, unsigned method, std::span<const corvel_route> routes) {
-    Selection selection;
-    for (const corvel_route &route : routes) {
-        if (route.answer == nullptr || !matches(text_or_empty(route.path), path))
+void select(Selection &selection, const char *path, unsigned method, const corvel_route *route,
+            std::size_t count) {
+    for (; count != 0 && !selection.has_method; --count, ++route) {
+        if (route->answer == nullptr || !matches(text_or_empty(route->path), path, nullptr))
             continue;
-        const unsigned methods =
-            route.rules.methods != 0 ? route.rules.methods : unsigned{CORVEL_GET};
-        selection.route = &route;
+        const unsigned given = route->rules.methods;
+        const unsigned methods = given != 0 ? given : unsigned{CORVEL_GET};
+        selection.route = route;
         selection.methods |= methods;
         selection.has_method = (methods & method) != 0;
-        if (selection.has_method)
-            break;
     }
-    return selection;
 }
 
 /// States the methods of a path's routes.
 void allow(corvel_answer *answer, unsigned methods) {
-    char text[allow_size] = ", ";
+    char text[sizeof ", GET, HEAD, POST, PUT, DELETE"] = ", ";
     std::size_t used = 0;
     for (const NamedMethod &each : named_methods)
         if ((methods & each.method) != 0)
-            used += store(std::span(text).subspan(used), each.names);
+            used += size_from(std::snprintf(text + used, sizeof text - used, ", %s", each.name));
     corvel_answer_header(answer, "Allow", text + 2);
 }
 
@@ -110,13 +88,14 @@ void corvel_dispatch(corvel_request *request, corvel_answer *answer, const corve
     const char *path = corvel_path(request);
     if (*path == '\0')
         path = "/";
-    const Selection selection =
-        select(path, corvel_method(request), {routes, routes != nullptr ? count : 0});
+    Selection selection{};
+    if (routes != nullptr)
+        select(selection, path, corvel_method(request), routes, count);
     const corvel_route *const route = selection.route;
+    if (selection.has_method)
+        matches(route->path, path, request);
     int status = CORVEL_HTTP_NOT_FOUND;
     const char *complaint = "There is no page at this address.";
-    if (selection.has_method)
-        store_parts(request, route->path, path);
     if (request == nullptr || route != nullptr) {
         status = corvel_request_read(request, route != nullptr ? &route->rules : nullptr);
         complaint = corvel_request_complaint(request);
