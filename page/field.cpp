@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include <arpa/inet.h>
 #include <bit>
-#include <climits>
+#include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
-#include "page/decimal.h"
 #include "page/pairs.h"
 #include "page/request.h"
+#include "page/syntax.h"
 #include "page/utf8.h"
 #include "support/hexadecimal.h"
 #include "support/text.h"
@@ -17,13 +18,7 @@ using namespace corvel;
 namespace corvel {
 namespace {
 
-constexpr const char *not_ipv4 = "Enter an IPv4 address, such as 192.168.1.1.";
-constexpr const char *not_netmask = "Enter a netmask, such as 255.255.255.0.";
-constexpr const char *not_prefix = "Enter a network and the length of its prefix, such as "
-                                   "192.168.1.0/24.";
-constexpr const char *not_mac = "Enter a MAC address, such as 00:11:22:AA:BB:CC.";
-constexpr const char *not_host_name =
-    "Enter a host name: letters, digits and hyphens, in parts separated by dots.";
+constexpr char digits[] = "0123456789";
 
 /// What is wrong with a value of any kind: that it is missing or empty. Null if it is neither.
 const char *complaint_about(const char *value) {
@@ -38,61 +33,55 @@ template <typename Result> void give(Result *result, Result value) {
         *result = value;
 }
 
-/// Reads a number without leading zeros, which other programs would read as an octal number.
-bool parse_number(std::string_view text, std::uint64_t max, std::uint64_t &number) {
-    const bool has_zeros = text.size() > 1 && text[0] == '0';
-    return !has_zeros && parse_digits(text, number) && number <= max;
+/// Reads a number at the start of a string, without leading zeros, which other programs would read
+/// as an octal number. Returns the end; null if there is no such number or if it exceeds @p max,
+/// which is at most 65,535.
+const char *parse_number(const char *text, unsigned max, unsigned &number) {
+    number = 0;
+    const char *end = text;
+    for (; is_digit(*end) && number <= max; ++end)
+        number = number * 10 + static_cast<unsigned>(*end - '0');
+    const bool has_zeros = *text == '0' && end - text > 1;
+    return end == text || has_zeros || number > max ? nullptr : end;
 }
 
-bool parse_ipv4(std::string_view text, std::uint32_t &address) {
-    address = 0;
-    for (int i = 0; i < 4; ++i) {
-        const std::string_view number = i < 3 ? front(text, text.find('.')) : text;
-        std::uint64_t byte = 0;
-        if (!parse_number(number, 255, byte))
-            return false;
-        address = address << 8 | static_cast<std::uint32_t>(byte);
-        text = after(text, number.size() + 1);
+/// Reads an IPv4 address at the start of a string. Returns the end; null if there is none.
+const char *parse_ipv4(const char *text, std::uint32_t &address) {
+    for (int dots = 3; dots >= 0; --dots) {
+        unsigned byte = 0;
+        text = parse_number(text, 255, byte);
+        if (text == nullptr || (dots != 0 && *text++ != '.'))
+            return nullptr;
+        address = address << 8 | byte;
     }
-    return true;
+    return text;
 }
 
 constexpr std::uint32_t mask_of(unsigned prefix) {
     return prefix == 0 ? 0 : UINT32_MAX << (32 - prefix);
 }
 
-bool parse_netmask(std::string_view text, unsigned &prefix) {
-    std::uint32_t mask = 0;
-    const bool is_address = parse_ipv4(text, mask);
-    prefix = static_cast<unsigned>(std::countl_one(mask));
-    return is_address && mask == mask_of(prefix);
+/// The length of the part of a host name that a string starts with (RFC 1123); 0 if there is none.
+std::size_t label_length(const char *name) {
+    const std::size_t length = span_of(name, "-");
+    const bool is_label = length != 0 && length <= 63 && name[0] != '-' && name[length - 1] != '-';
+    return is_label ? length : 0;
 }
 
-bool is_label_character(char character) {
-    const char lower = static_cast<char>(character | 0x20);
-    return is_digit(character) || character == '-' || (lower >= 'a' && lower <= 'z');
-}
-
-/// A part of a host name (RFC 1123).
-bool is_label(std::string_view label) {
-    for (const char character : label)
-        if (!is_label_character(character))
+bool is_host_name(const char *name) {
+    if (std::strlen(name) > 253)
+        return false;
+    for (;;) {
+        const std::size_t length = label_length(name);
+        if (length == 0)
             return false;
-    return !label.empty() && label.size() <= 63 && label.front() != '-' && label.back() != '-';
-}
-
-/// If the last part consisted of digits, the name would be taken for an address.
-bool is_host_name(std::string_view name) {
-    std::uint64_t number = 0;
-    std::string_view label;
-    const bool is_short = name.size() <= 253;
-    for (bool is_last = false; !is_last; name = after(name, label.size() + 1)) {
-        label = front(name, name.find('.'));
-        is_last = label.size() == name.size();
-        if (!is_label(label))
+        // If the last part consisted of digits, the name would be taken for an address.
+        if (name[length] == '\0')
+            return name[std::strspn(name, digits)] != '\0';
+        if (name[length] != '.')
             return false;
+        name += length + 1;
     }
-    return is_short && !parse_digits(label, number);
 }
 
 const char *find(const Pairs *pairs, const char *name, std::size_t index) {
@@ -153,15 +142,14 @@ const char *corvel_check_integer(const char *value, long min, long max, long *nu
     if (const char *const complaint = complaint_about(value))
         return complaint;
     const bool is_negative = *value == '-';
-    std::uint64_t magnitude = 0;
-    if (!parse_number(value + (is_negative ? 1 : 0), UINT64_MAX, magnitude) ||
-        (is_negative && magnitude == 0))
+    const char *const start = value + (is_negative ? 1 : 0);
+    const std::size_t length = std::strspn(start, digits);
+    const bool has_zeros = *start == '0' && (length > 1 || is_negative);
+    if (length == 0 || start[length] != '\0' || has_zeros)
         return "Enter a whole number.";
-    // Negative numbers are counted from -1, so that the smallest fits too.
-    const std::uint64_t distance = magnitude - (is_negative ? 1 : 0);
-    const bool fits = distance <= std::uint64_t{LONG_MAX};
-    const long from_zero = fits ? static_cast<long>(distance) : LONG_MAX;
-    const long result = is_negative ? ~from_zero : from_zero;
+    errno = 0;
+    const long result = std::strtol(value, nullptr, 10);
+    const bool fits = errno == 0;
     if (result < min || (is_negative && !fits))
         return "The number is too small.";
     if (result > max || !fits)
@@ -173,10 +161,11 @@ const char *corvel_check_integer(const char *value, long min, long max, long *nu
 const char *corvel_check_port(const char *value, unsigned *port) {
     if (const char *const complaint = complaint_about(value))
         return complaint;
-    std::uint64_t number = 0;
-    if (!parse_number(value, 65535, number) || number == 0)
+    unsigned number = 0;
+    const char *const end = parse_number(value, 65535, number);
+    if (end == nullptr || *end != '\0' || number == 0)
         return "Enter a port from 1 to 65535.";
-    give(port, static_cast<unsigned>(number));
+    give(port, number);
     return nullptr;
 }
 
@@ -184,8 +173,9 @@ const char *corvel_check_ipv4(const char *value, uint32_t *address) {
     if (const char *const complaint = complaint_about(value))
         return complaint;
     std::uint32_t result = 0;
-    if (!parse_ipv4(value, result))
-        return not_ipv4;
+    const char *const end = parse_ipv4(value, result);
+    if (end == nullptr || *end != '\0')
+        return "Enter an IPv4 address, such as 192.168.1.1.";
     give(address, result);
     return nullptr;
 }
@@ -204,27 +194,29 @@ const char *corvel_check_ipv6(const char *value, unsigned char address[16]) {
 const char *corvel_check_netmask(const char *value, unsigned *prefix) {
     if (const char *const complaint = complaint_about(value))
         return complaint;
-    unsigned result = 0;
-    if (!parse_netmask(value, result))
-        return not_netmask;
-    give(prefix, result);
+    std::uint32_t mask = 0;
+    const char *const end = parse_ipv4(value, mask);
+    const auto length = static_cast<unsigned>(std::countl_one(mask));
+    if (end == nullptr || *end != '\0' || mask != mask_of(length))
+        return "Enter a netmask, such as 255.255.255.0.";
+    give(prefix, length);
     return nullptr;
 }
 
 const char *corvel_check_prefix(const char *value, uint32_t *network, unsigned *prefix) {
     if (const char *const complaint = complaint_about(value))
         return complaint;
-    const std::string_view text(value);
-    const std::string_view address_text = front(text, text.find('/'));
     std::uint32_t address = 0;
-    std::uint64_t length = 0;
-    if (!parse_ipv4(address_text, address) ||
-        !parse_number(after(text, address_text.size() + 1), 32, length))
-        return not_prefix;
-    if ((address & ~mask_of(static_cast<unsigned>(length))) != 0)
+    unsigned length = 0;
+    const char *end = parse_ipv4(value, address);
+    if (end != nullptr && *end == '/')
+        end = parse_number(end + 1, 32, length);
+    if (end == nullptr || *end != '\0' || std::strchr(value, '/') == nullptr)
+        return "Enter a network and the length of its prefix, such as 192.168.1.0/24.";
+    if ((address & ~mask_of(length)) != 0)
         return "The address has bits after the prefix that are not 0.";
     give(network, address);
-    give(prefix, static_cast<unsigned>(length));
+    give(prefix, length);
     return nullptr;
 }
 
@@ -261,7 +253,7 @@ const char *corvel_check_mac(const char *value, unsigned char mac[6]) {
     for (std::size_t i = 0; i < sizeof result; ++i, value += 3) {
         const int byte = hex_pair(value);
         if (byte < 0 || value[2] != (i < 5 ? ':' : '\0'))
-            return not_mac;
+            return "Enter a MAC address, such as 00:11:22:AA:BB:CC.";
         result[i] = static_cast<unsigned char>(byte);
     }
     if (mac != nullptr)
@@ -272,7 +264,9 @@ const char *corvel_check_mac(const char *value, unsigned char mac[6]) {
 const char *corvel_check_host_name(const char *value) {
     if (const char *const complaint = complaint_about(value))
         return complaint;
-    return is_host_name(value) ? nullptr : not_host_name;
+    return is_host_name(value)
+               ? nullptr
+               : "Enter a host name: letters, digits and hyphens, in parts separated by dots.";
 }
 
 const char *corvel_check_choice(const char *value, const char *const choices[], size_t *index) {
