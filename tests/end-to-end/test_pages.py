@@ -7,7 +7,8 @@ import re
 import urllib.parse
 
 from demo_test import OwnDemoTest
-from device import DEVICE, LOGIN, LOGOUT, NETWORK, PAGES, STATUS, UPLOAD, Page
+from device import (CLIENTS, DEVICE, LOGIN, LOGOUT, NETWORK, PAGES, PASSWORD, STATUS, TRAPS, UPGRADE,
+                    UPLOAD, Page)
 
 LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLED": "0",
        "DHCP_FIRST": "10.20.28.10", "DHCP_LAST": "10.20.29.200", "DHCP_LEASE": "72"}
@@ -63,15 +64,21 @@ class Pages(OwnDemoTest):
 
     def test_values_of_a_form_are_shown_escaped(self):
         """A value is shown as it was sent, even if it looks like a marker of a template."""
-        forms = {NETWORK: NETWORK_SETTINGS, DEVICE: DEVICE_SETTINGS, LOGIN: {"user": "", "next": ""}}
+        forms = {NETWORK: NETWORK_SETTINGS, DEVICE: DEVICE_SETTINGS, LOGIN: ("user", "next"),
+                 PASSWORD: ("old", "new", "again", "user"), UPGRADE: ("action",),
+                 STATUS: ("name",), CLIENTS: ("sort",), TRAPS: ("text",), LOGOUT: ("next",)}
+        statuses = {LOGOUT: (403,), UPGRADE: (400,), STATUS: (405,), CLIENTS: (405,), TRAPS: (405,)}
         for sent in ("x$token", "{{token}}", '"><script>', "{{&token}}$message'"):
             for path, names in forms.items():
                 with self.subTest(f"{path} {sent}"):
-                    response = self.demo.post(path, dict.fromkeys(names, sent) | {"password": sent})
-                    self.assertIn(response.status, (403, 422, 429))
+                    fields = dict.fromkeys(names, sent) | {"password": sent}
+                    if path == LOGOUT:
+                        fields["token"] = sent
+                    response = self.demo.post(path, fields)
+                    self.assertIn(response.status, statuses.get(path, (403, 422, 429)))
                     page = Page(response.text)
                     for name in names:
-                        if name in page.shown and name not in CHOICES:
+                        if path in (NETWORK, DEVICE, LOGIN) and name not in (*CHOICES, "next"):
                             self.assertEqual(page.shown[name], sent, name)
                     self.assertNotIn("<script>", response.text)
                     self.assertNotIn("x" + self.demo.token(), response.text)
