@@ -86,6 +86,16 @@ static void put_error(struct page *page, struct form *form, const field *shown) 
     corvel_data_set(page->data, name, error);
 }
 
+/* Adds the versions of the files: a form that is shown again keeps those that it was made from,
+ * unless it tells what has changed since. */
+static void put_versions(struct page *page, const struct form *form, bool is_kept) {
+    for (size_t i = 0; i < form->file_count; i++) {
+        const char *name = form->files[i]->version;
+        const char *sent = is_kept ? corvel_field(page->request, name) : NULL;
+        corvel_data_set(page->data, name, sent ? sent : corvel_settings_version(form->loaded[i]));
+    }
+}
+
 static void show_form(struct page *page, struct form *form, int status, const char *message) {
     corvel_answer_status(page->answer, status);
     open_object(page, "settings");
@@ -94,9 +104,7 @@ static void show_form(struct page *page, struct form *form, int status, const ch
     close_part(page);
     for (size_t i = 0; i < form->count; i++)
         put_error(page, form, &form->fields[i]);
-    for (size_t i = 0; i < form->file_count; i++)
-        corvel_data_set(page->data, form->files[i]->version,
-                        corvel_settings_version(form->loaded[i]));
+    put_versions(page, form, status == CORVEL_HTTP_UNPROCESSABLE_CONTENT);
     corvel_data_set(page->data, "message", message);
     form->page->add(page, form);
     show(page, form->page->name);

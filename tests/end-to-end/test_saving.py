@@ -262,6 +262,15 @@ class Saving(OwnDemoTest):
         self.assert_stored("WLAN_CHANNEL", second["WLAN_CHANNEL"])
         self.assertEqual(self.demo.post(NETWORK, second).status, 409, "its versions are too old")
 
+    def test_a_form_that_is_corrected_still_notices_a_save_in_a_second_tab(self):
+        form = self.form(DEVICE, {"CONTACT": "a\nb"})
+        self.save(DEVICE, {"DESCRIPTION": "Elsewhere"})
+        response = self.demo.post(DEVICE, form)
+        self.assertEqual(response.status, 422)
+        corrected = dict(Page(response.text).fields) | {"CONTACT": "Ann"}
+        self.assertEqual(self.demo.post(DEVICE, corrected).status, 409)
+        self.assert_stored("DESCRIPTION", "Elsewhere")
+
     def test_a_change_by_another_program_is_noticed(self):
         fields = self.form(DEVICE, {"CONTACT": "Ann"})
         file = self.demo.file("global.conf")
