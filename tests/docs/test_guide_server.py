@@ -75,7 +75,7 @@ def post(socket, path, body, content_type="application/x-www-form-urlencoded"):
 @pytest.fixture(scope="module")
 def site(program, scratch, variables):
     """The path of the socket on which nginx serves the programs."""
-    for name in ("save_lan", "files"):
+    for name in ("save_lan", "files", "plain_page"):
         directory = program(name).parent
     with server(directory, scratch, variables) as socket:
         yield socket
@@ -88,6 +88,11 @@ def status(*request):
 @pytest.mark.parametrize("size", (70_000, 3_000_000, 20_000_000))
 def test_a_large_form_is_refused(site, size):
     assert status(site, "/save_lan", b"x" * size) == 413
+
+
+@pytest.mark.parametrize("size", (70_000, 20_000_000))
+def test_a_form_without_a_session_is_redirected(site, size):
+    assert status(site, "/plain_page", b"x" * size) == 303
 
 
 def test_a_form_is_accepted(site):
