@@ -747,8 +747,10 @@ CORVEL_PAGE_API void corvel_answer_conditional(corvel_answer *answer);
 
 /**
  * Sends the answer on standard output, with its Content-Length, and without its body if the method
- * is HEAD. It can be sent once. What was printed to `stdout` before and is still in the stream's
- * buffer follows the answer: a page prints nothing itself.
+ * is HEAD. A page does its work before that: afterwards, it cannot tell the browser of a failure,
+ * and the web server may end it or let the browser wait until it has ended. The answer can be sent
+ * once. What was printed to `stdout` before and is still in the stream's buffer follows the answer:
+ * a page prints nothing itself.
  *
  * What is left of the request's body is read and discarded before: some web servers deliver no
  * answer of a program that has not read all of it.
@@ -775,6 +777,36 @@ CORVEL_PAGE_API bool corvel_answer_send(corvel_answer *answer);
  * @see corvel_answer_redirect()
  */
 CORVEL_PAGE_API bool corvel_is_local_path(const char *path);
+
+/**
+ * Encodes a string as the value of a query, or as a component of a path, such as for
+ * corvel_answer_redirect() or a link. Letters, digits and `-._~` are kept; each other byte becomes
+ * `%` and two hexadecimal digits. Source: page/escape.cpp.
+ *
+ * @code
+ * char name[CORVEL_URL_SIZE(20)];
+ * char path[96];
+ * corvel_answer *const answer = corvel_answer_new(NULL, NULL);
+ * corvel_url_encode("Wi-Fi & guests", name, sizeof name);
+ * snprintf(path, sizeof path, "/networks?name=%s", name);
+ * corvel_answer_redirect(answer, path);
+ * corvel_answer_send(answer);
+ * corvel_answer_free(answer);
+ * // $ ./example | grep Location | tr -d '\r'
+ * // Location: /networks?name=Wi-Fi%20%26%20guests
+ * @endcode
+ *
+ * @param[in]  text the string.
+ * @param[out] url  receives the result. It is empty if it would not fit, or if @p text is null.
+ * @param[in]  size the size of @p url in bytes, at least 1; CORVEL_URL_SIZE() of the string's
+ * length is always enough.
+ * @return the length of the result; 0 if it is empty.
+ * @see corvel_is_local_path()
+ */
+CORVEL_PAGE_API size_t corvel_url_encode(const char *text, char *url, size_t size);
+
+/** Bytes of the encoding of a string of at most @p length bytes, with the NUL. */
+#define CORVEL_URL_SIZE(length) (3 * (length) + 1)
 /** @} */
 
 /**

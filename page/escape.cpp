@@ -3,7 +3,11 @@
 
 #include <cstdio>
 
+#include <corvel_page.h>
+
+#include "page/syntax.h"
 #include "page/utf8.h"
+#include "support/text.h"
 
 namespace corvel {
 namespace {
@@ -85,3 +89,18 @@ void append_json_string(Buffer &out, std::string_view text) {
 }
 
 } // namespace corvel
+
+size_t corvel_url_encode(const char *text, char *url, size_t size) {
+    std::size_t used = 0;
+    for (text = corvel::text_or_empty(text); *text != '\0' && used < size; ++text) {
+        const char character[] = {*text, '\0'};
+        const bool is_kept = corvel::span_of(character, "-._~") != 0;
+        used += corvel::size_from(std::snprintf(url + used, size - used, is_kept ? "%c" : "%%%02X",
+                                                static_cast<unsigned char>(*text)));
+    }
+    if (used >= size)
+        used = 0;
+    if (size != 0)
+        url[used] = '\0';
+    return used;
+}
