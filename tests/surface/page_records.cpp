@@ -1,0 +1,39 @@
+/* SPDX-License-Identifier: MIT */
+/* The layout of the page kit's records, for both sizes of pointers. */
+#include <corvel_page.h>
+
+#include <cstddef>
+#include <type_traits>
+
+namespace {
+
+constexpr std::size_t pointer = sizeof(void *);
+static_assert(pointer == 4 || pointer == 8);
+
+template <typename Record>
+constexpr bool is_plain = std::is_standard_layout_v<Record> &&std::is_trivial_v<Record>;
+
+static_assert(is_plain<corvel_request_rules>);
+static_assert(offsetof(corvel_request_rules, methods) == 0);
+static_assert(offsetof(corvel_request_rules, types) == 4);
+static_assert(offsetof(corvel_request_rules, body_max) == 8);
+static_assert(offsetof(corvel_request_rules, pairs_max) == 8 + pointer);
+static_assert(offsetof(corvel_request_rules, memory_max) == 8 + 2 * pointer);
+static_assert(offsetof(corvel_request_rules, body_seconds) == 8 + 3 * pointer);
+static_assert(offsetof(corvel_request_rules, accept_other_sites) == 12 + 3 * pointer);
+static_assert(offsetof(corvel_request_rules, hosts) == (pointer == 8 ? 40 : 28));
+static_assert(sizeof(corvel_request_rules) == (pointer == 8 ? 48 : 32));
+
+static_assert(is_plain<corvel_site>);
+static_assert(offsetof(corvel_site, templates) == 0);
+static_assert(offsetof(corvel_site, error_template) == pointer);
+static_assert(offsetof(corvel_site, content_security_policy) == 2 * pointer);
+static_assert(sizeof(corvel_site) == 3 * pointer);
+
+static_assert(is_plain<corvel_route>);
+static_assert(offsetof(corvel_route, path) == 0);
+static_assert(offsetof(corvel_route, rules) == pointer);
+static_assert(offsetof(corvel_route, answer) == pointer + sizeof(corvel_request_rules));
+static_assert(sizeof(corvel_route) == 2 * pointer + sizeof(corvel_request_rules));
+
+} // namespace
