@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Tests C programs for the board with the shared and with the static library, and the footprint of
-the library, which is written into the file `footprint` of the build.
+the libraries, which is written into the file `footprint` of the build.
 """
 import re
 import subprocess
@@ -15,6 +15,8 @@ EMULATOR = ["qemu-mips", "-L", SYSROOT]
 
 LIBRARY_LIMIT = 64 * 1024
 WRITABLE_LIMIT = 80 * 1024
+KIT_LIMIT = 76 * 1024
+KIT_WRITABLE_LIMIT = 4 * 1024
 
 CONFIGURATION = 'IPADDR="192.168.1.1"\nNETMASK="255.255.255.0"\n'
 TEMPLATE = '<input name="IPADDR" value="$IPADDR">\n'
@@ -86,12 +88,21 @@ def directory(tmp_path_factory):
     return made
 
 
+def stripped(name, directory):
+    """Returns a stripped copy of a library."""
+    copy = directory / name
+    tool("strip", "-o", copy, BUILD / name)
+    return copy
+
+
 @pytest.fixture(scope="module")
 def library(directory):
-    """The stripped library."""
-    stripped = directory / "libcorvel.so"
-    tool("strip", "-o", stripped, BUILD / "libcorvel.so")
-    return stripped
+    return stripped("libcorvel.so", directory)
+
+
+@pytest.fixture(scope="module")
+def kit(directory):
+    return stripped("libcorvel_page.so", directory)
 
 
 @pytest.mark.parametrize("name", ("page", "page_static", "page_alone"))
@@ -109,16 +120,29 @@ def test_writable_memory_is_within_its_limit(library):
     assert writable_memory(library) <= WRITABLE_LIMIT
 
 
-def test_the_footprint_is_written(library, directory):
+def test_size_of_the_page_kit_is_within_its_limit(kit):
+    assert kit.stat().st_size <= KIT_LIMIT
+
+
+def test_writable_memory_of_the_page_kit_is_within_its_limit(kit):
+    assert writable_memory(kit) <= KIT_WRITABLE_LIMIT
+
+
+def footprint_of(library, limit, writable_limit):
     part = sections(library)
-    lines = [
-        f"libcorvel.so, stripped            {library.stat().st_size:7} bytes"
-        f"  (limit {LIBRARY_LIMIT})",
+    title = f"{library.name}, stripped"
+    return [
+        f"{title:34}{library.stat().st_size:7} bytes  (limit {limit})",
         f"  code                            {part['.text']:7}",
         f"  constant data                   {part['.rodata']:7}",
-        f"writable memory                   {writable_memory(library):7} bytes"
-        f"  (limit {WRITABLE_LIMIT})",
-        f"dynamic relocations               {dynamic_relocations(library):7}"]
+        f"  writable memory                 {writable_memory(library):7} bytes"
+        f"  (limit {writable_limit})",
+        f"  dynamic relocations             {dynamic_relocations(library):7}"]
+
+
+def test_the_footprint_is_written(library, kit, directory):
+    lines = footprint_of(library, LIBRARY_LIMIT, WRITABLE_LIMIT)
+    lines += footprint_of(kit, KIT_LIMIT, KIT_WRITABLE_LIMIT)
     for name, title in (("page_alone", "without the library"), ("page", "with the library")):
         total, own = resident_memory(BUILD / "tests" / name, directory)
         calls = system_calls(BUILD / "tests" / name, directory)
