@@ -122,11 +122,11 @@ class Machine:
     """A machine that runs the set that the boot loader selects. Its process ends when the system
     restarts or switches the machine off."""
 
-    def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, drives=None,
-                 snapshot=None):
+    def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, pages=None,
+                 drives=None, snapshot=None):
         """`options` are added to the kernel's command line. The system can mount the directory `share`
-        of the host, and write to it. `drives` serve the flash instead of its files. A machine that
-        continues a snapshot is stopped at first."""
+        of the host, and write to it, and `pages`, the directory of a site, and read it. `drives` serve
+        the flash instead of its files. A machine that continues a snapshot is stopped at first."""
         self.set, kernel = select_set(flash)
         root = BY_NAME[SETS[self.set][0]].number
         network = "user,id=wan,net=203.0.113.0/24,host=203.0.113.1,restrict=on"
@@ -149,6 +149,8 @@ class Machine:
             line += ["-incoming", f"exec:cat {snapshot}", "-S"]
         if share is not None:
             line += ["-virtfs", f"local,path={share},mount_tag=host,security_model=none"]
+        if pages is not None:
+            line += ["-virtfs", f"local,path={pages},mount_tag=pages,security_model=none,readonly=on"]
         terminal = None if console is SERIAL_TO_TERMINAL else subprocess.DEVNULL
         self._process = subprocess.Popen([str(word) for word in line], stdin=terminal,
                                          pass_fds=[theirs.fileno()])
@@ -220,14 +222,15 @@ class Machine:
             pass
         return self._restarted
 
-    def wait_for_site(self, port, seconds=120):
-        """Waits for the login page. Returns the seconds that it took."""
+    def wait_for_site(self, port, seconds=120, path="/cgi-bin/login"):
+        """Waits until the site responds, with a page unless the path is "/". Returns the seconds that
+        it took."""
         start = time.monotonic()
         while self.is_running():
             with contextlib.suppress(OSError, http.client.HTTPException):
                 connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
-                connection.request("GET", "/cgi-bin/login")
-                if connection.getresponse().status == 200:
+                connection.request("GET", path)
+                if connection.getresponse().status == 200 or path == "/":
                     return time.monotonic() - start
             if time.monotonic() > start + seconds:
                 raise TimeoutError("the site does not respond")
