@@ -20,6 +20,7 @@ import time
 import urllib.parse
 
 from build_tree import BUILD, SOURCE
+from ports import free_port
 
 IMAGE = BUILD / "device"
 NETWORK = "/cgi-bin/network"
@@ -53,22 +54,6 @@ def wait_until(condition, seconds=10):
             return False
         time.sleep(0.02)
     return True
-
-
-# Each of several processes has its share of the ports.
-_port_share = (int(os.environ.get("PYTEST_XDIST_WORKER", "gw0").removeprefix("gw")),
-               int(os.environ.get("PYTEST_XDIST_WORKER_COUNT", "1")))
-
-
-def free_port():
-    number, count = _port_share
-    while True:
-        with socket.socket() as listener:
-            listener.bind(("127.0.0.1", 0))
-            port = listener.getsockname()[1]
-        # The kernel assigns even ports to bind() and odd ones to connect().
-        if port // 2 % count == number:
-            return port
 
 
 def shared_demo():

@@ -12,6 +12,7 @@ import time
 from pathlib import Path
 
 from build_tree import BUILD, SOURCE
+from ports import free_port
 
 PAGE = SOURCE / "docs" / "servers.md"
 PROGRAMS = ("form_page", "upload_page", "form_interface", "upload_interface")
@@ -19,8 +20,8 @@ HERE = Path(__file__).resolve().parent
 
 # The servers, with the headings of their sections.
 SERVERS = {"lighttpd": "lighttpd", "nginx": "nginx with fcgiwrap",
-            "mod_cgid": "Apache with mod_cgid", "mod_cgi": "Apache with mod_cgi",
-            "busybox": "busybox httpd"}
+           "mod_cgid": "Apache with mod_cgid", "mod_cgi": "Apache with mod_cgi",
+           "busybox": "busybox httpd"}
 
 
 def section(heading):
@@ -32,12 +33,6 @@ def section(heading):
 def blocks(text):
     """Yields the language and the content of each code block."""
     return re.findall(r"^```(\w+)\n(.*?)^```$", text, re.M | re.S)
-
-
-def free_port():
-    with socket.socket() as listener:
-        listener.bind(("127.0.0.1", 0))
-        return listener.getsockname()[1]
 
 
 class Site:
@@ -59,8 +54,7 @@ class Site:
             shutil.copy(page, root / "www")
         if os.geteuid() == 0:
             user = pwd.getpwnam("www-data")
-            for directory in ("run", "received"):
-                os.chown(root / directory, user.pw_uid, user.pw_gid)
+            os.chown(self.received, user.pw_uid, user.pw_gid)
 
     def own(self, text):
         """Replaces what the page has for a device by what this machine has."""
@@ -86,13 +80,17 @@ class Site:
                     start_new_session=True))
                 self.wait_for_socket(command)
         end = time.monotonic() + 20
-        while True:
-            with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", self.port)):
-                return self
-            if time.monotonic() > end:
+        while not self.is_listening():
+            ended = any(process.poll() is not None for process in self.processes)
+            if ended or time.monotonic() > end:
                 self.stop()
                 raise RuntimeError(f"{self.name} does not start:\n{self.log()}")
             time.sleep(0.05)
+
+    def is_listening(self):
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", self.port)):
+            return True
+        return False
 
     def wait_for_socket(self, command):
         path = re.search(r"\S+\.socket", command)
