@@ -51,8 +51,8 @@ def with_wget(url, paths, scratch):
                  "Content-Type: application/octet-stream", "", ""]
         body += "\r\n".join(lines).encode() + path.read_bytes()
     (scratch / "body").write_bytes(body + f"\r\n--{BOUNDARY}--\r\n".encode())
-    return ["wget", "-q", "-O", "-", f"--header=Content-Type: multipart/form-data; boundary={BOUNDARY}",
-            f"--post-file={scratch}/body", url]
+    return ["wget", "-q", "-O", "-", f"--post-file={scratch}/body",
+            f"--header=Content-Type: multipart/form-data; boundary={BOUNDARY}", url]
 
 
 def with_python(library):

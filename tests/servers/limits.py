@@ -92,7 +92,8 @@ def half_bodies(site):
             programs = max(programs, len(site.programs()))
             time.sleep(0.2)
         own, other = (next_client(site, 3, address) for address in ("127.0.0.1", "127.0.0.2"))
-    return f"{programs} programs, {own}" + (f", {other} from another address" if other != own else "")
+    return f"{programs} programs, {own}" + (
+        f", {other} from another address" if other != own else "")
 
 
 def large_header(site):
