@@ -113,13 +113,15 @@ void show_upgrade(struct page *page, const char *template_name, int step) {
 
 static int open_lock(void) { return open("/run/upgrade.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600); }
 
-bool lock_upgrade(struct page *page) {
+int lock_upgrade(struct page *page) {
+    const int lock = open_lock();
     struct flock whole = {.l_type = F_WRLCK, .l_whence = SEEK_SET};
-    if (fcntl(open_lock(), F_OFD_SETLK, &whole) == 0)
-        return true;
+    if (fcntl(lock, F_OFD_SETLK, &whole) == 0)
+        return lock;
+    close(lock);
     corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
                         "Another upgrade is in progress. Only one is possible at a time.");
-    return false;
+    return -1;
 }
 
 bool is_upgrade_locked(void) {

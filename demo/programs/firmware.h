@@ -51,12 +51,12 @@ void put_report(struct page *page, const corvel_upgrade_report *report,
 void put_message(struct page *page, const char *message, bool is_bad);
 
 /**
- * Acquires the lock for a step of an upgrade, which is released when this process and all processes
- * forked from it have ended. If another step holds it, completes the answer.
+ * Acquires the lock for a step of an upgrade. If another step holds it, completes the answer.
  *
- * @return true if it is acquired.
+ * @return the lock, to be closed; negative if it is not acquired. A process that is forked has the
+ *         lock, too, until it ends.
  */
-bool lock_upgrade(struct page *page);
+int lock_upgrade(struct page *page);
 
 /** True if a step of an upgrade is in progress. */
 bool is_upgrade_locked(void);

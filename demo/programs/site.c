@@ -17,23 +17,17 @@ static const char *environment(const char *name) {
 
 /* Requests. */
 
-/* Prints a path that corvel_is_local_path() accepts as a value of a URL's query. */
-static void print_query_value(char *out, const char *path) {
-    for (; *path; path++)
-        out += sprintf(out, strchr("?&=%+#", *path) ? "%%%02X" : "%c", (unsigned)*path);
-}
-
 /* After the login the requested page is shown; a submitted form is lost. */
 static void redirect_to_login(corvel_answer *answer, bool is_get) {
-    static const char login[] = "/cgi-bin/login?next=";
     char path[line_size];
-    char target[sizeof login + 3 * sizeof path] = "/cgi-bin/login";
+    char encoded[CORVEL_URL_SIZE(sizeof path)];
+    char target[sizeof encoded + line_size] = "/cgi-bin/login";
     const char *query = environment("QUERY_STRING");
     const int length =
         snprintf(path, sizeof path, "%s%s%s", environment("SCRIPT_NAME"), *query ? "?" : "", query);
     if (is_get && length < (int)sizeof path && corvel_is_local_path(path)) {
-        memcpy(target, login, sizeof login);
-        print_query_value(target + sizeof login - 1, path);
+        corvel_url_encode(path, encoded, sizeof encoded);
+        snprintf(target, sizeof target, "/cgi-bin/login?next=%s", encoded);
     }
     corvel_answer_redirect(answer, target);
 }

@@ -233,6 +233,14 @@ static const struct action {
                {"restart", restart, true},
                {"cancel", cancel, false}};
 
+static void perform_locked(struct page *page, const struct action *action) {
+    const int lock = lock_upgrade(page);
+    if (lock < 0)
+        return;
+    action->perform(page);
+    close(lock);
+}
+
 static void handle_post(struct page *page) {
     const char *asked = corvel_field(page->request, "action");
     const struct action *action = NULL;
@@ -242,7 +250,9 @@ static void handle_post(struct page *page) {
     if (!action)
         corvel_answer_error(page->answer, CORVEL_HTTP_BAD_REQUEST,
                             "The request contains no action of this page.");
-    else if (!action->is_locked || lock_upgrade(page))
+    else if (action->is_locked)
+        perform_locked(page, action);
+    else
         action->perform(page);
 }
 

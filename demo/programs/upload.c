@@ -7,6 +7,7 @@
 
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 /* The file that is being received. */
 typedef struct intake {
@@ -85,12 +86,9 @@ static void take(struct page *page, const intake *in) {
     }
 }
 
-static void handle_post(struct page *page) {
+static void receive_and_take(struct page *page) {
     intake in = {.file = NULL};
     corvel_boot boot;
-    ignore_disconnection(); /* an incomplete image would stay in memory */
-    if (!lock_upgrade(page))
-        return;
     corvel_boot_read(&upgrade_rules, &boot);
     if (is_restart_pending(&boot)) {
         corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
@@ -105,6 +103,15 @@ static void handle_post(struct page *page) {
         discard_image();
         corvel_answer_error(page->answer, status, in.complaint);
     }
+}
+
+static void handle_post(struct page *page) {
+    ignore_disconnection(); /* an incomplete image would stay in memory */
+    const int lock = lock_upgrade(page);
+    if (lock < 0)
+        return;
+    receive_and_take(page);
+    close(lock);
 }
 
 int main(void) {

@@ -258,6 +258,12 @@ class Demo:
         pid = self.programs("/usr/sbin/lighttpd")[0]
         return ["nsenter", "--target", str(pid), "--net", *command]
 
+    def protect(self, path):
+        """Makes a file of the device that is mounted read-only."""
+        pid = str(self.programs("/usr/sbin/lighttpd")[0])
+        subprocess.run(["nsenter", "--target", pid, "--user", "--preserve-credentials", "--mount",
+                        "mount", "-o", "remount,bind,ro", path], check=True, capture_output=True)
+
     def ip(self, *arguments):
         """Returns the output of `ip` in the device's network."""
         result = subprocess.run(self.inside("ip", "-json", *arguments), check=True,

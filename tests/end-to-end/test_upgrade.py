@@ -18,7 +18,7 @@ import zlib
 import device
 import upgrade_image
 from demo_test import DemoTest
-from device import NETWORK, SOURCE, UPGRADE, UPLOAD, Demo, wait_until
+from device import NETWORK, UPGRADE, UPLOAD, Demo, wait_until
 from upgrade_image import Image, large_image, section, version_section, with_crc
 
 LARGEST = 16 * 1024 * 1024
@@ -619,15 +619,8 @@ class ReadOnlyFlash(UpgradeTest):
     """A device with a partition that cannot be written."""
 
     def setUp(self):
-        script = self.make_directory() / "serve"
-        text = (SOURCE / "demo" / "serve").read_text()
-        end = "    # On the device every program runs as root"
-        self.assertIn(end, text)
-        script.write_text(text.replace(
-            end, '    device_root+=(--ro-bind "$state/flash/mtdblock5" /dev/mtdblock5)\n' + end))
-        script.chmod(0o755)
-        self.options = {"script": [script]}
         super().setUp()
+        self.demo.protect("/dev/mtdblock5")
 
     def test_a_set_that_cannot_be_written_does_not_boot(self):
         self.assertEqual(self.upload(Image("Corvel R1 2.0.0").bytes())[0], 303)
