@@ -82,9 +82,11 @@ class Saving(OwnDemoTest):
 
     def wait_for_the_client(self):
         """Waits until the configuration client has applied all saved settings."""
-        wanted = self.demo.state / "var" / "lock" / "apply.wanted"
-        self.assertTrue(wait_until(lambda: not wanted.exists()))
+        locks = self.demo.state / "var" / "lock"
+        self.assertTrue(wait_until(lambda: not (locks / "apply.wanted").exists()))
         time.sleep(0.3)
+        with open(locks / "configclient", "a") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)  # it is held while settings are applied
 
     def test_each_setting_can_be_saved_separately(self):
         for name, (path, file, separator, value) in SETTINGS.items():
