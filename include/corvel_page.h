@@ -164,6 +164,69 @@ typedef struct corvel_request_rules {
  */
 CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
 
+/** How a request is contained. A member that is 0 has the default stated here. */
+typedef struct corvel_containment {
+    unsigned user;  /**< User ID of the process. Default: 65534, that of nobody. */
+    unsigned group; /**< Its group ID. Default: 65534. */
+    /**
+     * Seconds that the process may compute, and seconds that it may take longer than the body, by
+     * the rules of the request. Default: 10.
+     */
+    unsigned seconds;
+    /** Bytes of its address space, with those that the page uses. Default: 64 MiB. */
+    size_t memory_max;
+    /**
+     * Go on without a restriction that is not possible here; otherwise the request is refused. For
+     * a page that does not run as root, and for a kernel without filters of system calls.
+     */
+    bool accept_less;
+} corvel_containment;
+
+/**
+ * Begins a request that is contained: cookies, query, form, body and upload are parsed by processes
+ * without privileges, so that a mistake in a parser does not give the device to a stranger.
+ *
+ * The rest of the page is the same. The functions that parse, which are this one,
+ * corvel_request_read() and corvel_upload_read(), each start a process for their duration. It is a
+ * copy of the page's process that has given up
+ *  - all descriptors but standard input and a pipe to the page,
+ *  - the page's user, group and supplementary groups, and the ability to gain privileges,
+ *  - files, further processes, core dumps, being traced, and more memory and processor time than
+ *    stated,
+ *  - all system calls but those with which it reads, writes, waits, asks for the time, allocates
+ *    memory that is not executable, and ends; for any other one the kernel ends it.
+ *
+ * It passes on fields, cookies and the content of files in records with a length, which the page's
+ * process checks against the limits that it was given. Of the request, the page's process itself
+ * looks only at the method, the length, and what the page asks for: corvel_path(),
+ * corvel_client_address(), corvel_is_secure() and the conditions of corvel_answer_conditional().
+ *
+ * If the process cannot be started or restricted, crashes, takes too long or sends something else
+ * than these records, the request is refused with CORVEL_HTTP_INTERNAL_SERVER_ERROR and a complaint
+ * that does not give the reason, an upload with CORVEL_UPLOAD_NOT_CONTAINED; the system log
+ * contains the reason. No process is left when a function returns.
+ *
+ * A function of this kind takes the time of a fork() longer, and a page must not wait for children
+ * that it has not started. Values that are passed on take memory in both processes, and in the
+ * page's up to three times what corvel_request_rules::memory_max states.
+ *
+ * @code
+ * static corvel_containment containment;
+ * containment.accept_less = true; // for this example, which can be run by any user
+ * corvel_request *const request = corvel_request_begin_contained(&containment);
+ * if (corvel_request_read(request, NULL) == CORVEL_HTTP_OK)
+ *     puts(corvel_field(request, "name"));
+ * corvel_request_free(request);
+ * // $ REQUEST_METHOD=GET QUERY_STRING=name=router ./example
+ * // router
+ * @endcode
+ *
+ * @param[in] how the containment; null for all defaults.
+ * @return as corvel_request_begin().
+ * @see corvel_request_read(), corvel_upload_read()
+ */
+CORVEL_PAGE_API corvel_request *corvel_request_begin_contained(const corvel_containment *how);
+
 /**
  * Checks the request, reads its body and decodes the query and the form.
  *
@@ -202,6 +265,8 @@ CORVEL_PAGE_API corvel_request *corvel_request_begin(void);
  *                                            `body_max`, `pairs_max` or `memory_max`.
  * @retval CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE there is a body, and its type is not in `types`.
  * @retval CORVEL_HTTP_SERVICE_UNAVAILABLE    memory is exhausted.
+ * @retval CORVEL_HTTP_INTERNAL_SERVER_ERROR  the process of a contained request has failed: see
+ *                                            corvel_request_begin_contained().
  *
  * @see corvel_request_complaint(), corvel_dispatch()
  */
@@ -1354,14 +1419,17 @@ typedef enum corvel_upload_result {
     CORVEL_UPLOAD_FIELD_TOO_LARGE = -7,  /**< A field exceeds field_max, or all fields together the
                                               limits of the request. */
     CORVEL_UPLOAD_FILE_TOO_LARGE = -8,   /**< A file exceeds file_max. */
-    CORVEL_UPLOAD_TOO_LARGE = -9,  /**< The body exceeds total_max. If its length is announced,
-                                        no part of it has been stored or passed on. */
-    CORVEL_UPLOAD_STOPPED = -10,   /**< A function of the sink returned false. */
-    CORVEL_UPLOAD_TIMEOUT = -11,   /**< Nothing arrived for the time that the request's rules
-                                        permit. */
-    CORVEL_UPLOAD_NO_MEMORY = -12, /**< Memory is exhausted. */
-    CORVEL_UPLOAD_NO_SPACE = -13,  /**< The file could not be created or written. */
-    CORVEL_UPLOAD_NO_FILE = -14    /**< No file was sent in that field. */
+    CORVEL_UPLOAD_TOO_LARGE = -9,     /**< The body exceeds total_max. If its length is announced,
+                                           no part of it has been stored or passed on. */
+    CORVEL_UPLOAD_STOPPED = -10,      /**< A function of the sink returned false. */
+    CORVEL_UPLOAD_TIMEOUT = -11,      /**< Nothing arrived for the time that the request's rules
+                                           permit. */
+    CORVEL_UPLOAD_NO_MEMORY = -12,    /**< Memory is exhausted. */
+    CORVEL_UPLOAD_NO_SPACE = -13,     /**< The file could not be created or written. */
+    CORVEL_UPLOAD_NO_FILE = -14,      /**< No file was sent in that field. */
+    CORVEL_UPLOAD_NOT_CONTAINED = -15 /**< The process of a contained request could not be
+                                           started, or has failed; the system log contains the
+                                           reason. */
 } corvel_upload_result;
 
 /**
@@ -1436,8 +1504,8 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_save(corvel_request *request,
  *         exceeded; CORVEL_HTTP_UNSUPPORTED_MEDIA_TYPE for CORVEL_UPLOAD_NOT_MULTIPART;
  *         CORVEL_HTTP_REQUEST_TIMEOUT for CORVEL_UPLOAD_TIMEOUT; CORVEL_HTTP_SERVICE_UNAVAILABLE
  *         for CORVEL_UPLOAD_NO_MEMORY and CORVEL_UPLOAD_NO_SPACE;
- *         CORVEL_HTTP_INTERNAL_SERVER_ERROR for CORVEL_UPLOAD_STOPPED; CORVEL_HTTP_BAD_REQUEST for
- *         the other failures.
+ *         CORVEL_HTTP_INTERNAL_SERVER_ERROR for CORVEL_UPLOAD_STOPPED and
+ *         CORVEL_UPLOAD_NOT_CONTAINED; CORVEL_HTTP_BAD_REQUEST for the other failures.
  * @see corvel_answer_error()
  */
 CORVEL_PAGE_API int corvel_upload_status(corvel_upload_result result, const char **complaint);

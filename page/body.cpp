@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "page/body.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <poll.h>
@@ -12,9 +13,10 @@
 namespace corvel {
 namespace {
 
-constexpr std::size_t block_size = 65536;
 constexpr std::int64_t second = 1'000'000'000;
 constexpr unsigned longest_seconds = 86400;
+/// As many of them have a permitted time that can be counted.
+constexpr std::uint64_t most_blocks = 65536;
 
 std::int64_t now() {
     timespec time{};
@@ -36,10 +38,20 @@ void Body::set_patience(unsigned seconds) {
     patience_ = permitted_;
 }
 
+Body Body::output_of(int pipe, unsigned seconds, const Body &input, std::uint64_t input_max) {
+    const std::uint64_t bytes = std::min(input.left(), input_max);
+    const std::uint64_t blocks = std::min(bytes / input.block_size_ + 1, most_blocks);
+    Body output(unknown_length, seconds);
+    output.descriptor_ = pipe;
+    output.block_size_ = SIZE_MAX;
+    output.patience_ += input.permitted_ * static_cast<std::int64_t>(blocks);
+    return output;
+}
+
 /// Waits for a byte or the end of the input. False if neither arrives in time.
 bool Body::wait() {
     for (;;) {
-        pollfd input = {STDIN_FILENO, POLLIN, 0};
+        pollfd input = {descriptor_, POLLIN, 0};
         const std::int64_t start = now();
         const int ready = poll(&input, 1, poll_time(patience_));
         const bool interrupted = ready < 0 && (errno == EINTR || errno == EAGAIN);
@@ -60,8 +72,8 @@ std::size_t Body::received(std::size_t count) {
     if (left_ == 0)
         state_ = State::complete;
     block_ += count;
-    if (block_ >= block_size) {
-        block_ %= block_size;
+    if (block_ >= block_size_) {
+        block_ %= block_size_;
         patience_ = permitted_;
     }
     return count;
@@ -72,7 +84,7 @@ std::size_t Body::read(void *bytes, std::size_t size) {
     if (state_ != State::open || wanted == 0)
         return 0;
     while (wait()) {
-        const ssize_t count = ::read(STDIN_FILENO, bytes, wanted);
+        const ssize_t count = ::read(descriptor_, bytes, wanted);
         if (count > 0)
             return received(static_cast<std::size_t>(count));
         // The input of another process can have been made non-blocking.

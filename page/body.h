@@ -32,12 +32,22 @@ class Body {
     }
     /// An empty body.
     Body() = default;
+    /// What a process writes to a pipe until it ends, while it reads at most @p input_max bytes of
+    /// an input: the whole is permitted as much time as these bytes, and so many seconds more.
+    static Body output_of(int pipe, unsigned seconds, const Body &input, std::uint64_t input_max);
 
     /// Changes the permitted time; what has been waited so far no longer counts.
     void set_patience(unsigned seconds);
 
     /// The bytes left to read; unknown_length if only the end of the input tells.
     [[nodiscard]] std::uint64_t left() const { return ends_with_input_ ? unknown_length : left_; }
+
+    /// Skips what another process has read, until so many bytes are left.
+    void skip_to(std::uint64_t left) {
+        left_ = left < left_ ? left : left_;
+        if (left_ == 0)
+            state_ = State::complete;
+    }
 
     /// Reads at least one byte and at most @p size. 0 if no byte is left or none arrived: see
     /// state().
@@ -51,11 +61,13 @@ class Body {
     bool wait();
     std::size_t received(std::size_t count);
 
+    int descriptor_ = 0; ///< Standard input.
+    std::size_t block_size_ = 65536;
     std::uint64_t left_ = 0;
     bool ends_with_input_ = false;
     State state_ = State::complete;
-    std::size_t block_ = 0;      ///< Bytes received of the 65,536 that share a permitted time.
-    std::int64_t permitted_ = 0; ///< Nanoseconds for each 65,536 bytes.
+    std::size_t block_ = 0;      ///< Bytes received of the block that shares a permitted time.
+    std::int64_t permitted_ = 0; ///< Nanoseconds for each block.
     std::int64_t patience_ = 0;  ///< Nanoseconds left for these.
 };
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "page/request.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <climits>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include <string_view>
 #include <strings.h>
 
+#include "page/contained_process.h"
 #include "page/syntax.h"
 #include "support/handles.h"
 #include "support/text.h"
@@ -33,7 +35,8 @@ enum class Refusal : unsigned char {
     site,
     type,
     incomplete,
-    timeout
+    timeout,
+    containment
 };
 
 /// The status and the complaint of each. One string, since an array of pointers would need a
@@ -51,7 +54,8 @@ constexpr char refusals[] = "200\0"
                             "403The request was sent by a page of another site.\0"
                             "415This page does not accept data of this type.\0"
                             "400The request is incomplete.\0"
-                            "408The request did not arrive in time.";
+                            "408The request did not arrive in time.\0"
+                            "500The request could not be processed.";
 
 const char *text_of(Refusal refusal) {
     const char *text = refusals;
@@ -71,6 +75,8 @@ struct corvel_request {
     int status = 0; ///< The result of corvel_request_read(); 0 before.
     Refusal refusal = Refusal::none;
     bool has_valid_length = false;
+    bool is_contained = false;
+    corvel_containment containment{};
     unsigned method = 0;
     unsigned type = 0;
     Pairs cookies;
@@ -337,12 +343,117 @@ corvel_request_rules with_defaults(const corvel_request_rules *given) {
     return rules;
 }
 
+// Reading in a process without privileges.
+
+corvel_containment with_defaults(const corvel_containment *given) {
+    corvel_containment containment{};
+    if (given != nullptr)
+        containment = *given;
+    set_default(containment.user, unsigned{65534});
+    set_default(containment.group, unsigned{65534});
+    set_default(containment.seconds, 10U);
+    set_default(containment.memory_max, std::size_t{64} << 20U);
+    return containment;
+}
+
+void send(RecordWriter &writer, RecordKind kind, const Pairs &pairs) {
+    for (std::size_t i = 0; i < pairs.count(); ++i)
+        writer.send(kind, pairs.name(i), pairs.value(i));
+}
+
+bool store_body(corvel_request &request, ContainedProcess &process) {
+    wipe_and_free(request.raw_body, request.raw_size);
+    request.raw_size = process.bytes().size();
+    request.raw_body = process.release();
+    return true;
+}
+
+bool store_pair(Pairs &pairs, const ContainedProcess &process) {
+    const char *const name = process.text(0);
+    const char *const value = process.text(1);
+    return name != nullptr && value != nullptr && pairs.add(name, value) == Pairs::Added::stored;
+}
+
+/// Stores a record. False if that is not possible, or if it is not one of a request.
+bool store(corvel_request &request, ContainedProcess &process) {
+    switch (process.kind()) {
+    case RecordKind::cookie:
+        return store_pair(request.cookies, process);
+    case RecordKind::query:
+        return store_pair(request.query, process);
+    case RecordKind::form:
+        return store_pair(request.form, process);
+    case RecordKind::body:
+        return store_body(request, process);
+    default:
+        return false;
+    }
+}
+
+/// Receives what the process has found. Its outcome is the refusal, and the type in the bits above.
+Refusal receive(corvel_request &request, ContainedProcess &process) {
+    while (process.next())
+        if (!store(request, process))
+            process.refuse_record();
+    const unsigned refusal = process.outcome() & 0xFFU;
+    if (!process.is_complete() || refusal > static_cast<unsigned>(Refusal::containment))
+        return Refusal::containment;
+    request.type = process.outcome() >> 8U;
+    return static_cast<Refusal>(refusal);
+}
+
+Refusal add_contained_cookies(corvel_request &request) {
+    const char *const header = variable("HTTP_COOKIE");
+    Body no_body;
+    ContainedProcess process(request.containment, no_body, 0, std::strlen(header) + 2);
+    if (process.is_child()) {
+        RecordWriter writer(process);
+        const bool are_added = add_cookies(request.cookies, header);
+        send(writer, RecordKind::cookie, request.cookies);
+        writer.end(static_cast<unsigned>(are_added ? Refusal::none : Refusal::no_memory));
+    }
+    return receive(request, process);
+}
+
+/// Pairs that arrive one by one can take up to three times the memory of those that are decoded
+/// together.
+Refusal read_contained(corvel_request &request, const corvel_request_rules &rules) {
+    const std::size_t memory = 3 * at_most(rules.memory_max, SIZE_MAX / 3);
+    const std::size_t longest = std::max(std::strlen(variable("QUERY_STRING")), rules.body_max);
+    ContainedProcess process(request.containment, request.body, rules.body_max, longest + 2);
+    if (process.is_child()) {
+        RecordWriter writer(process);
+        const Refusal refusal = read_all(request, rules);
+        send(writer, RecordKind::query, request.query);
+        send(writer, RecordKind::form, request.form);
+        if (request.raw_body != nullptr)
+            writer.send(RecordKind::body, {request.raw_body, request.raw_size});
+        writer.end(static_cast<unsigned>(refusal) | request.type << 8U);
+    }
+    request.query.limit(rules.pairs_max, memory);
+    request.form.limit(rules.pairs_max, memory);
+    const Refusal refusal = receive(request, process);
+    request.type &= rules.types;
+    return refusal;
+}
+
 int read(corvel_request &request, const corvel_request_rules &rules) {
     request.body.set_patience(rules.body_seconds);
-    request.refusal = read_all(request, rules);
+    request.refusal =
+        request.is_contained ? read_contained(request, rules) : read_all(request, rules);
     if (request.refusal != Refusal::none || request.method == CORVEL_GET)
         request.body.discard();
     return status_of(request.refusal);
+}
+
+corvel_request *begin() {
+    void *const memory = std::malloc(sizeof(corvel_request));
+    if (memory == nullptr)
+        return nullptr;
+    auto *const request = new (memory) corvel_request;
+    request->method = method_named(variable("REQUEST_METHOD"));
+    request->has_valid_length = announce(request->body);
+    return request;
 }
 
 bool is_accepted(const corvel_request *request) {
@@ -363,6 +474,10 @@ Body *body_of(corvel_request *request) {
     const bool is_left = is_accepted(request) && request->type == CORVEL_MULTIPART &&
                          request->body.state() == Body::State::open;
     return is_left ? &request->body : nullptr;
+}
+
+const corvel_containment *containment_of(const corvel_request *request) {
+    return request != nullptr && request->is_contained ? &request->containment : nullptr;
 }
 
 void discard_body(const corvel_request *request) {
@@ -403,16 +518,26 @@ void add_path_part(corvel_request *request, std::string_view component) {
 extern "C" {
 
 corvel_request *corvel_request_begin(void) {
-    void *const memory = std::malloc(sizeof(corvel_request));
-    if (memory == nullptr)
-        return nullptr;
-    auto *const request = new (memory) corvel_request;
-    request->method = method_named(variable("REQUEST_METHOD"));
-    request->has_valid_length = announce(request->body);
-    if (add_cookies(request->cookies, variable("HTTP_COOKIE")))
+    corvel_request *const request = begin();
+    if (request == nullptr || add_cookies(request->cookies, variable("HTTP_COOKIE")))
         return request;
     corvel_request_free(request);
     return nullptr;
+}
+
+corvel_request *corvel_request_begin_contained(const corvel_containment *containment) {
+    corvel_request *const request = begin();
+    if (request == nullptr)
+        return nullptr;
+    request->is_contained = true;
+    request->containment = with_defaults(containment);
+    if (*variable("HTTP_COOKIE") != '\0')
+        request->refusal = add_contained_cookies(*request);
+    if (request->refusal == Refusal::none)
+        return request;
+    request->status = status_of(request->refusal);
+    request->body.discard();
+    return request;
 }
 
 int corvel_request_read(corvel_request *request, const corvel_request_rules *rules) {

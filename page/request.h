@@ -36,6 +36,9 @@ const char *content_type(const corvel_request *request);
 /// multipart/form-data or its body has been read.
 Body *body_of(corvel_request *request);
 
+/// How the request is contained, with a value for each member; null if it is not.
+const corvel_containment *containment_of(const corvel_request *request);
+
 /// Reads and discards what is left of the body. Call it before an answer is sent: some web servers
 /// deliver no answer of a program that has not read all of the body.
 void discard_body(const corvel_request *request);

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "page/buffer.h"
+#include "page/contained_process.h"
 #include "page/multipart.h"
 #include "page/request.h"
 #include "support/descriptor.h"
@@ -33,6 +34,10 @@ corvel_upload_limits with_defaults(const corvel_upload_limits *given) {
         limits.total_max = 16777216 + 65536;
     return limits;
 }
+
+/// Bytes of the strings of a record: those of a part can be one longer than its header lines, for
+/// the type that a part without one has.
+constexpr std::size_t longest_record = MultipartReader::window_size + 64;
 
 /// Takes the parts of an upload: fields become the request's, files go to the page's sink. Enforces
 /// the limits of parts.
@@ -116,6 +121,95 @@ bool Delivery::end() {
     default:
         return fail(CORVEL_UPLOAD_NO_MEMORY);
     }
+}
+
+/// A sink that sends the parts as records.
+corvel_upload_sink sink_of(RecordWriter &writer) {
+    return {&writer,
+            [](void *to, const corvel_part *part) {
+                static_cast<RecordWriter *>(to)->send(RecordKind::part, part->name, part->filename,
+                                                      part->type);
+                return true;
+            },
+            [](void *to, const void *bytes, std::size_t size) {
+                static_cast<RecordWriter *>(to)->send(RecordKind::content,
+                                                      {static_cast<const char *>(bytes), size});
+                return true;
+            },
+            [](void *to) {
+                static_cast<RecordWriter *>(to)->send(RecordKind::part_end, nullptr, nullptr);
+                return true;
+            }};
+}
+
+/// Receives the parts of an upload and passes them to a sink. After the sink has refused one, the
+/// others are received and ignored, so that the process reads the body to its end.
+class PartReceiver {
+  public:
+    PartReceiver(ContainedProcess &process, const corvel_upload_sink &sink)
+        : process_(process), sink_(sink) {}
+
+    corvel_upload_result receive();
+
+  private:
+    bool is_in_order() const;
+    bool pass();
+
+    ContainedProcess &process_;
+    const corvel_upload_sink &sink_;
+    bool is_open_ = false; ///< Whether a part has begun.
+};
+
+/// Whether the last record can follow the one before it, and contains what it has to.
+bool PartReceiver::is_in_order() const {
+    if (process_.kind() != RecordKind::part)
+        return is_open_ && (process_.kind() == RecordKind::part_end ||
+                            (process_.kind() == RecordKind::content && !process_.bytes().empty()));
+    const char *const filename = process_.text(1);
+    return !is_open_ && process_.text(0) != nullptr && process_.text(2) != nullptr &&
+           (filename == nullptr || is_plain_filename(filename));
+}
+
+bool PartReceiver::pass() {
+    if (process_.kind() == RecordKind::content)
+        return sink_.data(sink_.context, process_.bytes().data(), process_.bytes().size());
+    is_open_ = process_.kind() == RecordKind::part;
+    if (!is_open_)
+        return sink_.end(sink_.context);
+    const corvel_part part = {process_.text(0), process_.text(1), process_.text(2)};
+    return sink_.begin(sink_.context, &part);
+}
+
+corvel_upload_result PartReceiver::receive() {
+    bool is_refused = false;
+    while (process_.next()) {
+        if (is_refused)
+            continue;
+        if (is_in_order())
+            is_refused = !pass();
+        else
+            process_.refuse_record();
+    }
+    if (is_refused)
+        return CORVEL_UPLOAD_STOPPED;
+    // Each number that remains is a result.
+    const auto result =
+        static_cast<corvel_upload_result>(-static_cast<int>(process_.outcome() & 15U));
+    const bool is_complete = process_.is_complete() && (result != CORVEL_UPLOAD_DONE || !is_open_);
+    return is_complete ? result : CORVEL_UPLOAD_NOT_CONTAINED;
+}
+
+corvel_upload_result read_contained(const corvel_containment &containment, Body &body,
+                                    const char *type, const corvel_upload_limits &limits,
+                                    const corvel_upload_sink &sink) {
+    ContainedProcess process(containment, body, limits.total_max, longest_record);
+    if (process.is_child()) {
+        RecordWriter writer(process);
+        const corvel_upload_result result =
+            MultipartReader(body, limits, sink_of(writer)).read(type);
+        writer.end(0U - static_cast<unsigned>(result));
+    }
+    return PartReceiver(process, sink).receive();
 }
 
 /// A file that receives the content of one field's file.
@@ -202,7 +296,8 @@ constexpr std::uint16_t statuses[] = {CORVEL_HTTP_OK,
                                       CORVEL_HTTP_REQUEST_TIMEOUT,
                                       CORVEL_HTTP_SERVICE_UNAVAILABLE,
                                       CORVEL_HTTP_SERVICE_UNAVAILABLE,
-                                      CORVEL_HTTP_BAD_REQUEST};
+                                      CORVEL_HTTP_BAD_REQUEST,
+                                      CORVEL_HTTP_INTERNAL_SERVER_ERROR};
 
 /// One string, since an array of pointers would need a relocation for each.
 constexpr char complaints[] = "\0"
@@ -219,7 +314,8 @@ constexpr char complaints[] = "\0"
                               "The upload did not arrive in time.\0"
                               "There is not enough memory for the upload.\0"
                               "There is no room for the uploaded file.\0"
-                              "No file was selected.";
+                              "No file was selected.\0"
+                              "The upload could not be processed.";
 
 } // namespace
 } // namespace corvel
@@ -233,11 +329,14 @@ corvel_upload_result corvel_upload_read(corvel_request *request, const corvel_up
     const corvel_upload_sink nowhere{};
     Delivery delivery(*request, complete, sink != nullptr ? *sink : nowhere);
     const corvel_upload_sink parts = delivery.sink();
+    const char *const type = content_type(request);
+    const corvel_containment *const containment = containment_of(request);
     const corvel_upload_result result =
-        MultipartReader(*body, complete, parts).read(content_type(request));
+        containment != nullptr ? read_contained(*containment, *body, type, complete, parts)
+                               : MultipartReader(*body, complete, parts).read(type);
     // The rest of the body is discarded in any case, so that the web server delivers the answer.
     body->discard();
-    return result == CORVEL_UPLOAD_STOPPED ? delivery.result() : result;
+    return delivery.result() != CORVEL_UPLOAD_DONE ? delivery.result() : result;
 }
 
 corvel_upload_result corvel_upload_save(corvel_request *request, const corvel_upload_limits *limits,

@@ -7,12 +7,14 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <syslog.h>
@@ -21,6 +23,7 @@
 struct stand_in_switch stand_in_switches[stand_in_call_count];
 int stand_in_spare_c_library;
 void (*stand_in_opened)(int descriptor, const char *path);
+void (*stand_in_reached)(enum stand_in_call call);
 int stand_in_no_empty_blocks;
 int (*stand_in_system)(const char *command);
 void (*stand_in_sync)(void);
@@ -76,6 +79,8 @@ static int in_arena(const void *block) {
 
 static void note(enum stand_in_call call) {
     ++stand_in_switches[call].seen;
+    if (stand_in_reached != NULL)
+        stand_in_reached(call);
     if (stand_in_calls_to_signal != 0 && call > call_free && --stand_in_calls_to_signal == 0)
         kill(getpid(), stand_in_signal);
 }
@@ -510,4 +515,42 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char *form
         log_values(priority, format, values);
     }
     va_end(values);
+}
+
+int pipe2(int ends[2], int flags) {
+    NEXT_DEFINITION(pipe2);
+    return fails(call_pipe2) ? -1 : next(ends, flags);
+}
+
+int dup2(int descriptor, int copy) {
+    NEXT_DEFINITION(dup2);
+    return fails(call_dup2) ? -1 : next(descriptor, copy);
+}
+
+int setgroups(size_t count, const gid_t *groups) {
+    NEXT_DEFINITION(setgroups);
+    return fails(call_setgroups) ? -1 : next(count, groups);
+}
+
+int setresgid(gid_t real, gid_t effective, gid_t saved) {
+    NEXT_DEFINITION(setresgid);
+    return fails(call_setresgid) ? -1 : next(real, effective, saved);
+}
+
+int setresuid(uid_t real, uid_t effective, uid_t saved) {
+    NEXT_DEFINITION(setresuid);
+    return fails(call_setresuid) ? -1 : next(real, effective, saved);
+}
+
+int prctl(int option, ...) {
+    NEXT_DEFINITION(prctl);
+    unsigned long arguments[4];
+    va_list values;
+    if (fails(call_prctl))
+        return -1;
+    va_start(values, option);
+    for (size_t i = 0; i < sizeof arguments / sizeof *arguments; ++i)
+        arguments[i] = va_arg(values, unsigned long);
+    va_end(values);
+    return next(option, arguments[0], arguments[1], arguments[2], arguments[3]);
 }

@@ -54,6 +54,12 @@ enum stand_in_call {
     call_lseek,
     call_sync,
     call_syslog,
+    call_pipe2,
+    call_dup2,
+    call_setgroups,
+    call_setresgid,
+    call_setresuid,
+    call_prctl,
     stand_in_call_count
 };
 
@@ -73,6 +79,9 @@ extern int stand_in_spare_c_library;
 
 /** If not null, called for each descriptor that open() or fopen() opens. */
 extern void (*stand_in_opened)(int descriptor, const char *path);
+
+/** If not null, called by each call before it has any effect. */
+extern void (*stand_in_reached)(enum stand_in_call call);
 
 /** If not 0, allocating zero bytes returns a null pointer, as in some C libraries. */
 extern int stand_in_no_empty_blocks;
