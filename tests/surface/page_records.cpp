@@ -36,4 +36,33 @@ static_assert(offsetof(corvel_route, rules) == pointer);
 static_assert(offsetof(corvel_route, answer) == pointer + sizeof(corvel_request_rules));
 static_assert(sizeof(corvel_route) == 2 * pointer + sizeof(corvel_request_rules));
 
+static_assert(is_plain<corvel_containment>);
+static_assert(offsetof(corvel_containment, user) == 0);
+static_assert(offsetof(corvel_containment, group) == 4);
+static_assert(offsetof(corvel_containment, seconds) == 8);
+static_assert(offsetof(corvel_containment, memory_max) == (pointer == 8 ? 16 : 12));
+static_assert(offsetof(corvel_containment, accept_less) == (pointer == 8 ? 24 : 16));
+static_assert(sizeof(corvel_containment) == (pointer == 8 ? 32 : 20));
+
+static_assert(is_plain<corvel_part>);
+static_assert(offsetof(corvel_part, name) == 0);
+static_assert(offsetof(corvel_part, filename) == pointer);
+static_assert(offsetof(corvel_part, type) == 2 * pointer);
+static_assert(sizeof(corvel_part) == 3 * pointer);
+
+static_assert(is_plain<corvel_upload_limits>);
+static_assert(offsetof(corvel_upload_limits, parts_max) == 0);
+static_assert(offsetof(corvel_upload_limits, header_max) == pointer);
+static_assert(offsetof(corvel_upload_limits, field_max) == 2 * pointer);
+static_assert(offsetof(corvel_upload_limits, file_max) == (pointer == 8 ? 24 : 16));
+static_assert(offsetof(corvel_upload_limits, total_max) == (pointer == 8 ? 32 : 24));
+static_assert(sizeof(corvel_upload_limits) == (pointer == 8 ? 40 : 32));
+
+static_assert(is_plain<corvel_upload_sink>);
+static_assert(offsetof(corvel_upload_sink, context) == 0);
+static_assert(offsetof(corvel_upload_sink, begin) == pointer);
+static_assert(offsetof(corvel_upload_sink, data) == 2 * pointer);
+static_assert(offsetof(corvel_upload_sink, end) == 3 * pointer);
+static_assert(sizeof(corvel_upload_sink) == 4 * pointer);
+
 } // namespace
