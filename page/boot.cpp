@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "page/boot.h"
 
-#include <ctime>
 #include <fcntl.h>
 
 #include "support/descriptor.h"
@@ -13,10 +12,12 @@ bool read_boot_id(BootId &id) {
     return file && read_fully(file.get(), id.text, sizeof id.text) == sizeof id.text;
 }
 
-std::uint32_t boot_seconds() {
+timespec boot_time() {
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    return static_cast<std::uint32_t>(now.tv_sec);
+    return now;
 }
+
+std::uint32_t boot_seconds() { return static_cast<std::uint32_t>(boot_time().tv_sec); }
 
 } // namespace corvel

@@ -5,6 +5,7 @@
 #define CORVEL_PAGE_BOOT_H
 
 #include <cstdint>
+#include <ctime>
 
 namespace corvel {
 
@@ -17,6 +18,9 @@ struct BootId {
 
 /// False if it cannot be read.
 bool read_boot_id(BootId &id);
+
+/// The time since the start of the device.
+timespec boot_time();
 
 /// Whole seconds since the start of the device.
 std::uint32_t boot_seconds();

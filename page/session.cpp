@@ -33,6 +33,9 @@ constexpr std::size_t cookie_size = 64;
 /// Of identifiers, of tokens, and of the names of files: a digest as text.
 constexpr std::size_t digest_length = Sha256::text_size - 1;
 
+constexpr int lock_tries = 500;
+constexpr long lock_pause = 10;
+
 /// What is known of a session. The content of its file is this record; the time of its last use is
 /// the file's modification time, which is set to the time since the device's start.
 struct Record {
@@ -42,7 +45,8 @@ struct Record {
 };
 static_assert(std::is_trivially_copyable_v<Record> && sizeof(Record) == 4 + 36 + user_size);
 
-/// The hashes of an identifier.
+/// The hashes of an identifier. The browser keeps the identifier, the device only a hash of it, so
+/// that whoever reads the directory cannot take a session over. The form token is another hash.
 struct Digests {
     char file[Sha256::text_size]; ///< The name in the directory.
     char token[Sha256::text_size];
@@ -53,14 +57,11 @@ struct Digests {
 
 struct corvel_session {
     Descriptor directory{-1};
+    corvel_session_rules rules{}; ///< Its strings are valid in the call that gave them.
+    BootId boot{};
     Digests digests{};
     char cookie[cookie_size]{};
     Record record{}; ///< Its user is empty if the session has ended.
-
-    corvel_session() = default;
-    corvel_session(const corvel_session &) = delete;
-    corvel_session &operator=(const corvel_session &) = delete;
-    ~corvel_session() { wipe(&digests, sizeof digests); }
 };
 
 namespace corvel {
@@ -69,7 +70,7 @@ namespace {
 struct SessionRelease {
     void operator()(corvel_session *session) const {
         session->~corvel_session();
-        std::free(session);
+        wipe_and_free(session, sizeof *session);
     }
 };
 
@@ -82,8 +83,38 @@ bool is_account(const char *user) {
     return getpwnam_r(user, &entry, strings, sizeof strings, &found) == 0 && found != nullptr;
 }
 
-corvel_session_rules with_defaults(const corvel_session_rules *given) {
-    corvel_session_rules rules{};
+// Identifiers.
+
+struct Identifier {
+    char text[Sha256::text_size]{};
+
+    Identifier() = default;
+    Identifier(const Identifier &) = delete;
+    Identifier &operator=(const Identifier &) = delete;
+    ~Identifier() { wipe(text, sizeof text); }
+
+    [[nodiscard]] bool generate() {
+        char bytes[32];
+        const bool done = random_bytes(bytes, sizeof bytes);
+        hash_text("", {bytes, sizeof bytes}, text);
+        wipe(bytes, sizeof bytes);
+        return done;
+    }
+};
+
+bool is_identifier(const char *text) {
+    return std::strspn(text, "0123456789abcdef") == digest_length && text[digest_length] == '\0';
+}
+
+void set_digests(Digests &digests, const char *identifier) {
+    hash_text("", identifier, digests.file);
+    hash_text("token ", identifier, digests.token);
+}
+
+// The directory.
+
+void set_rules(corvel_session &session, const corvel_session_rules *given) {
+    corvel_session_rules &rules = session.rules;
     if (given != nullptr)
         rules = *given;
     if (rules.directory == nullptr)
@@ -98,271 +129,186 @@ corvel_session_rules with_defaults(const corvel_session_rules *given) {
         rules.sessions_max = 8;
     if (rules.user_exists == nullptr)
         rules.user_exists = is_account;
-    return rules;
 }
 
-// Identifiers.
+/// Opens the directory. Only the user of this process may be able to do that: anybody who can may
+/// lock it, and anybody who can write to it may make sessions.
+bool open_directory(corvel_session &session) {
+    session.directory =
+        Descriptor(open(session.rules.directory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    return session.directory && fstat(session.directory.get(), &status) == 0 &&
+           status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0 &&
+           read_boot_id(session.boot);
+}
 
-/// The browser keeps the identifier. The device keeps only a hash of it, the name of the file, so
-/// that whoever reads the directory cannot take a session over. The form token is another hash.
-class Identifier {
+/// The lock of the directory: only its holder creates, renames and counts sessions, and removes
+/// those of others. It is not held if another process keeps it for five seconds.
+class Lock {
   public:
-    Identifier() = default;
-    Identifier(const Identifier &) = delete;
-    Identifier &operator=(const Identifier &) = delete;
-    ~Identifier() { wipe(text_, sizeof text_); }
-
-    [[nodiscard]] bool generate() {
-        char bytes[Sha256::digest_size];
-        if (!random_bytes(bytes, sizeof bytes))
-            return false;
-        hash({bytes, sizeof bytes}, "", text_);
-        wipe(bytes, sizeof bytes);
-        return true;
+    explicit Lock(const corvel_session &session) : directory_(session.directory.get()) {
+        for (int i = 0; i < lock_tries && !held_; ++i) {
+            held_ = flock(directory_, LOCK_EX | LOCK_NB) == 0;
+            if (!held_)
+                pause_milliseconds(lock_pause);
+        }
     }
+    Lock(const Lock &) = delete;
+    Lock &operator=(const Lock &) = delete;
+    ~Lock() { flock(directory_, LOCK_UN); }
 
-    /// Takes the value of a cookie. False if it is not an identifier.
-    [[nodiscard]] bool take(std::string_view value) {
-        store(text_, value);
-        return value.size() == digest_length &&
-               value.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-    }
-
-    [[nodiscard]] const char *text() const { return text_; }
-
-    [[nodiscard]] Digests digests() const {
-        Digests result;
-        hash("", text_, result.file);
-        hash("token ", text_, result.token);
-        return result;
-    }
+    [[nodiscard]] bool held() const { return held_; }
 
   private:
-    static void hash(std::string_view prefix, std::string_view text, char (&result)[65]) {
-        Sha256 sum;
-        sum.update(prefix);
-        sum.update(text);
-        sum.digest_text(result);
-        wipe(&sum, sizeof sum);
-    }
-
-    char text_[Sha256::text_size]{};
+    int directory_;
+    bool held_ = false;
 };
-
-// The directory.
-
-constexpr int lock_tries = 500;
-constexpr long lock_pause = 10;
-
-/// Only the user of this process may be able to open the directory: anybody who can may lock it,
-/// and anybody who can write to it may make sessions.
-bool is_private(const struct stat &status) {
-    return status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-}
-
-/// Opens a directory of sessions. On failure, errno is ENOENT if there is none.
-Descriptor open_directory(const char *path) {
-    Descriptor directory(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status;
-    if (!directory || (fstat(directory.get(), &status) == 0 && is_private(status)))
-        return directory;
-    errno = EACCES;
-    return Descriptor(-1);
-}
-
-Descriptor open_again(const Descriptor &directory) {
-    return Descriptor(openat(directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-/// Locks the directory: only its holder creates, renames and counts sessions, and removes those of
-/// others. The lock is released with the descriptor; there is none if another process keeps it for
-/// five seconds.
-Descriptor lock_directory(const Descriptor &directory) {
-    Descriptor lock = open_again(directory);
-    for (int i = 0; lock && i < lock_tries; ++i) {
-        if (flock(lock.get(), LOCK_EX | LOCK_NB) == 0)
-            return lock;
-        pause_milliseconds(lock_pause);
-    }
-    return Descriptor(-1);
-}
 
 // The files.
 
 enum class State { valid, expired, unreadable };
 
+bool is_within(std::uint32_t time, unsigned seconds) {
+    const std::uint32_t now = boot_seconds();
+    return time <= now && now - time < seconds;
+}
+
+/// Reads a session and when it was last used: seconds in the upper half, nanoseconds in the lower
+/// one. A malformed file counts as expired, a missing one as well.
+State read(const corvel_session &session, const char *name, Record &record, std::uint64_t &used) {
+    const Descriptor file(openat(session.directory.get(), name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (!file)
+        return errno == ENOENT || errno == ELOOP ? State::expired : State::unreadable;
+    if (fstat(file.get(), &status) != 0)
+        return State::unreadable;
+    if (!S_ISREG(status.st_mode) || status.st_size != sizeof record)
+        return State::expired;
+    if (read_fully(file.get(), &record, sizeof record) != sizeof record)
+        return State::unreadable;
+    const auto seconds = static_cast<std::uint32_t>(status.st_mtim.tv_sec);
+    used = std::uint64_t{seconds} << 32 | static_cast<std::uint32_t>(status.st_mtim.tv_nsec);
+    const bool is_valid = record.boot == session.boot && *record.user != '\0' &&
+                          record.user[user_size - 1] == '\0' && seconds == status.st_mtim.tv_sec &&
+                          is_within(seconds, session.rules.idle_seconds) &&
+                          is_within(record.created, session.rules.lifetime_seconds);
+    return is_valid ? State::valid : State::expired;
+}
+
 /// Sets the time of last use of a session.
-bool set_used(int directory, const char *name, std::uint32_t used) {
-    timespec times[2]{};
-    times[0].tv_sec = times[1].tv_sec = static_cast<std::time_t>(used);
-    return utimensat(directory, name, times, AT_SYMLINK_NOFOLLOW) == 0;
+bool set_used(const corvel_session &session) {
+    timespec times[2];
+    times[0] = times[1] = boot_time();
+    return utimensat(session.directory.get(), session.digests.file, times, AT_SYMLINK_NOFOLLOW) ==
+           0;
 }
 
 /// True also if there is no such file.
-bool remove_file(int directory, const char *name) {
-    return unlinkat(directory, name, 0) == 0 || errno == ENOENT;
+bool remove_file(const corvel_session &session, const char *name) {
+    return unlinkat(session.directory.get(), name, 0) == 0 || errno == ENOENT;
 }
 
-/// Reads and writes the files of a directory. The rules must outlive the object.
-class Files {
-  public:
-    Files(const Descriptor &directory, const corvel_session_rules &rules)
-        : directory_(directory.get()), rules_(rules), has_boot_(read_boot_id(boot_)) {}
-
-    /// Reads a session. A malformed file counts as expired, a missing one as well.
-    State read(const char *name, Record &record, std::uint32_t &used) const {
-        const Descriptor file(openat(directory_, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-        if (!file)
-            return errno == ENOENT || errno == ELOOP ? State::expired : State::unreadable;
-        struct stat status;
-        if (fstat(file.get(), &status) != 0 || !has_boot_)
-            return State::unreadable;
-        if (!S_ISREG(status.st_mode) || status.st_size != sizeof record)
-            return State::expired;
-        if (read_fully(file.get(), &record, sizeof record) != sizeof record)
-            return State::unreadable;
-        used = static_cast<std::uint32_t>(status.st_mtime);
-        const bool is_valid = record.boot == boot_ && *record.user != '\0' &&
-                              text_in(record.user).size() < user_size && used == status.st_mtime &&
-                              is_within(used, rules_.idle_seconds) &&
-                              is_within(record.created, rules_.lifetime_seconds);
-        return is_valid ? State::valid : State::expired;
-    }
-
-    /// Creates a session, which is used at the same time. False if it could not be written whole.
-    bool create(const char *name, Record &record) const {
-        const Descriptor file(openat(directory_, name,
-                                     O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                     S_IRUSR | S_IWUSR));
-        if (!file)
-            return false;
-        record.boot = boot_;
-        record.created = boot_seconds();
-        if (has_boot_ && write(file.get(), &record, sizeof record) == sizeof record &&
-            set_used(directory_, name, record.created))
-            return true;
-        static_cast<void>(remove(name));
+/// Creates the file of a session. False if it could not be written whole.
+bool create_file(corvel_session &session) {
+    const Descriptor file(openat(session.directory.get(), session.digests.file,
+                                 O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                 S_IRUSR | S_IWUSR));
+    if (!file)
         return false;
-    }
-
-    [[nodiscard]] bool remove(const char *name) const { return remove_file(directory_, name); }
-
-  private:
-    /// Whether a time is not in the future and less than a number of seconds ago.
-    static bool is_within(std::uint32_t time, unsigned seconds) {
-        const std::uint32_t now = boot_seconds();
-        return time <= now && now - time < seconds;
-    }
-
-    int directory_;
-    const corvel_session_rules &rules_;
-    BootId boot_{};
-    bool has_boot_;
-};
+    Record &record = session.record;
+    record.boot = session.boot;
+    record.created = boot_seconds();
+    if (write(file.get(), &record, sizeof record) == sizeof record && set_used(session))
+        return true;
+    static_cast<void>(remove_file(session, session.digests.file));
+    return false;
+}
 
 struct DirectoryClose {
     void operator()(DIR *directory) const { closedir(directory); }
 };
 
-/// The sessions of a locked directory, one after the other. Files of expired sessions are removed.
-class Listing {
-  public:
-    Listing(const Descriptor &directory, const Files &files) : files_(files) {
-        Descriptor again = open_again(directory);
-        entries_.reset(again ? fdopendir(again.get()) : nullptr);
-        failed_ = entries_ == nullptr;
-        if (!failed_)
-            again.release(); // closedir() closes it
-    }
-
-    /// False after the last one, and after a failure.
-    bool next() {
-        while (!failed_) {
-            errno = 0;
-            const dirent *const entry = readdir(entries_.get());
-            failed_ = entry == nullptr && errno != 0;
-            if (entry == nullptr)
-                return false;
-            if (text_of(entry->d_name).size() != digest_length)
-                continue;
-            store(name, entry->d_name);
-            const State state = files_.read(name, record, used);
-            if (state == State::valid)
-                return true;
-            failed_ = state == State::unreadable || !files_.remove(name);
-        }
-        return false;
-    }
-    [[nodiscard]] bool failed() const { return failed_; }
-
-    // The session that next() found.
-    char name[Sha256::text_size]{};
-    Record record{};
-    std::uint32_t used = 0;
-
-  private:
-    const Files &files_;
-    std::unique_ptr<DIR, DirectoryClose> entries_;
-    bool failed_;
+/// What is in a locked directory.
+struct Survey {
+    unsigned total; ///< Sessions of all users.
+    unsigned own;   ///< Those of one user, except the one that is kept.
+    std::uint64_t oldest_used;
+    char oldest[Sha256::text_size]; ///< The one of them that was not used for the longest time.
 };
 
-/// Removes the sessions of a user that were not used for the longest time, until there is room for
-/// one more. Sessions of other users stay. Each turn removes a file, so the number of turns is
-/// limited by their number.
-bool make_room(const Descriptor &directory, const Files &files, unsigned sessions_max,
-               std::string_view user) {
+/// Counts the sessions and removes those that have expired. False if one cannot be read or removed.
+bool survey(const corvel_session &session, const char *user, const char *kept, Survey &found) {
+    found.total = found.own = 0;
+    Descriptor again(openat(session.directory.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, DirectoryClose> entries(again ? fdopendir(again.get()) : nullptr);
+    if (!entries)
+        return false;
+    again.release(); // closedir() closes it
     for (;;) {
-        unsigned own = 0;
-        unsigned total = 0;
-        std::uint32_t oldest_used = 0;
-        char oldest[Sha256::text_size];
-        Listing listing(directory, files);
-        while (listing.next()) {
-            ++total;
-            if (text_in(listing.record.user) != user)
-                continue;
-            if (own++ == 0 || listing.used < oldest_used) {
-                oldest_used = listing.used;
-                store(oldest, listing.name);
-            }
+        errno = 0;
+        const dirent *const entry = readdir(entries.get());
+        if (entry == nullptr)
+            return errno == 0;
+        const char *const name = entry->d_name;
+        if (std::strlen(name) != digest_length)
+            continue;
+        Record record;
+        std::uint64_t used = 0;
+        const State state = read(session, name, record, used);
+        if (state == State::unreadable || (state == State::expired && !remove_file(session, name)))
+            return false;
+        if (state == State::expired)
+            continue;
+        ++found.total;
+        if (std::strcmp(record.user, user) != 0 || std::strcmp(name, kept) == 0)
+            continue;
+        if (found.own++ == 0 || used < found.oldest_used) {
+            found.oldest_used = used;
+            std::memcpy(found.oldest, name, sizeof found.oldest);
         }
-        if (listing.failed())
-            return false;
-        if (own < sessions_max && total < CORVEL_SESSIONS_MAX)
-            return true;
-        if (own == 0 || !files.remove(oldest))
-            return false;
     }
+}
+
+/// Ends sessions of a user except one that is kept, the least recently used ones first, until fewer
+/// than `limit` are left and there is room for one more, or none is left. Sessions of other users
+/// stay. Returns how many have ended; -1 on failure. Each turn removes a file.
+int reduce(const corvel_session &session, const char *user, const char *kept, unsigned limit,
+           Survey &left) {
+    for (int ended = 0; survey(session, user, kept, left); ++ended) {
+        if (left.own == 0 || (left.own < limit && left.total < CORVEL_SESSIONS_MAX))
+            return ended;
+        if (!remove_file(session, left.oldest))
+            break;
+    }
+    return -1;
 }
 
 // Sessions.
 
-Session allocate_session(const corvel_session_rules &rules) {
-    if (text_of(rules.cookie).size() >= cookie_size)
-        return nullptr;
+Session new_session(const corvel_session_rules *given) {
     void *const memory = std::malloc(sizeof(corvel_session));
     if (memory == nullptr)
         return nullptr;
     Session session(new (memory) corvel_session);
-    store(session->cookie, rules.cookie);
-    return session;
+    set_rules(*session, given);
+    const std::string_view cookie = session->rules.cookie;
+    return store(session->cookie, cookie) == cookie.size() ? std::move(session) : nullptr;
 }
 
 /// Finds the session of a request. Other servers on the same host can set cookies of this name,
 /// too, and make the browser send them first. They are skipped.
-State find(const corvel_request *request, const corvel_session_rules &rules, const Files &files,
-           Digests &digests, Record &record) {
+State find(corvel_session &session, const corvel_request *request) {
     for (std::size_t i = 0;; ++i) {
-        const char *const cookie = corvel_cookie(request, rules.cookie, i);
-        Identifier identifier;
-        if (cookie == nullptr)
+        const char *const value = corvel_cookie(request, session.cookie, i);
+        if (value == nullptr)
             return State::expired;
-        if (!identifier.take(cookie))
+        if (!is_identifier(value))
             continue;
-        digests = identifier.digests();
-        std::uint32_t used = 0;
-        const State state = files.read(digests.file, record, used);
-        if (state == State::unreadable || (state == State::valid && rules.user_exists(record.user)))
+        set_digests(session.digests, value);
+        std::uint64_t used = 0;
+        const State state = read(session, session.digests.file, session.record, used);
+        if (state == State::unreadable ||
+            (state == State::valid && session.rules.user_exists(session.record.user)))
             return state;
     }
 }
@@ -372,51 +318,31 @@ bool is_active(const corvel_session *session) {
 }
 
 /// Writes the file of a new session, in place of the request's former one.
-bool create(corvel_session &session, const corvel_request *request,
-            const corvel_session_rules &rules) {
-    mkdir(rules.directory, S_IRWXU);
-    session.directory = open_directory(rules.directory);
-    if (!session.directory)
+bool create(corvel_session &session, const corvel_request *request, const char *user,
+            const Identifier &identifier) {
+    mkdir(session.rules.directory, S_IRWXU);
+    if (!open_directory(session))
         return false;
-    const Descriptor lock = lock_directory(session.directory);
-    if (!lock)
+    const Lock lock(session);
+    const State former = lock.held() ? find(session, request) : State::unreadable;
+    if (former == State::unreadable ||
+        (former == State::valid && !remove_file(session, session.digests.file)))
         return false;
-    const Files files(session.directory, rules);
-    Digests former;
-    Record record;
-    const State state = find(request, rules, files, former, record);
-    wipe(former.token, sizeof former.token);
-    return state != State::unreadable && (state == State::expired || files.remove(former.file)) &&
-           make_room(session.directory, files, rules.sessions_max, session.record.user) &&
-           files.create(session.digests.file, session.record);
+    Survey left;
+    if (reduce(session, user, "", session.rules.sessions_max, left) < 0 ||
+        left.total >= CORVEL_SESSIONS_MAX)
+        return false;
+    set_digests(session.digests, identifier.text);
+    session.record = {};
+    store(session.record.user, user);
+    return create_file(session);
 }
 
-/// Under the lock, so that end_all() sees either name.
-bool rename_file(const Descriptor &directory, const char *from, const char *to) {
-    const Descriptor lock = lock_directory(directory);
-    return lock && renameat(directory.get(), from, directory.get(), to) == 0;
-}
-
-int end_all(const corvel_session_rules &rules, std::string_view user, std::string_view kept) {
-    const Descriptor directory = open_directory(rules.directory);
-    if (!directory)
-        return errno == ENOENT ? 0 : -1;
-    const Descriptor lock = lock_directory(directory);
-    if (!lock)
-        return -1;
-    int ended = 0;
-    bool failed = false;
-    const Files files(directory, rules);
-    Listing listing(directory, files);
-    while (listing.next()) {
-        if (text_in(listing.record.user) != user || text_in(listing.name) == kept)
-            continue;
-        if (files.remove(listing.name))
-            ++ended;
-        else
-            failed = true;
-    }
-    return failed || listing.failed() ? -1 : ended;
+/// Renames the file under the lock, so that others see one of the names.
+bool rename_file(const corvel_session &session, const char *name) {
+    const Lock lock(session);
+    const int directory = session.directory.get();
+    return lock.held() && renameat(directory, session.digests.file, directory, name) == 0;
 }
 
 } // namespace
@@ -425,20 +351,14 @@ int end_all(const corvel_session_rules &rules, std::string_view user, std::strin
 extern "C" {
 
 corvel_session *corvel_session_find(const corvel_request *request,
-                                    const corvel_session_rules *given) {
-    const corvel_session_rules rules = with_defaults(given);
-    Session session = allocate_session(rules);
-    if (session == nullptr || !(session->directory = open_directory(rules.directory)))
-        return nullptr;
-    const Files files(session->directory, rules);
-    const State state = find(request, rules, files, session->digests, session->record);
-    return state == State::valid ? session.release() : nullptr;
+                                    const corvel_session_rules *rules) {
+    Session session = new_session(rules);
+    return session && open_directory(*session) && find(*session, request) == State::valid
+               ? session.release()
+               : nullptr;
 }
 
-void corvel_session_free(corvel_session *session) {
-    if (session != nullptr)
-        SessionRelease()(session);
-}
+void corvel_session_free(corvel_session *session) { Session(session).reset(); }
 
 const char *corvel_session_user(const corvel_session *session) {
     return is_active(session) ? session->record.user : nullptr;
@@ -453,26 +373,19 @@ bool corvel_session_check(const corvel_session *session, const char *token) {
 }
 
 bool corvel_session_touch(corvel_session *session) {
-    return is_active(session) &&
-           set_used(session->directory.get(), session->digests.file, boot_seconds());
+    return is_active(session) && set_used(*session);
 }
 
 corvel_session *corvel_session_start(const corvel_request *request, corvel_answer *answer,
-                                     const corvel_session_rules *given, const char *user) {
-    const corvel_session_rules rules = with_defaults(given);
-    const std::string_view name = text_of(user);
+                                     const corvel_session_rules *rules, const char *user) {
+    Session session = new_session(rules);
+    const std::size_t length = text_of(user).size();
     Identifier identifier;
-    if (request == nullptr || answer == nullptr || name.empty() || name.size() >= user_size ||
-        !rules.user_exists(user) || !identifier.generate())
+    if (!session || request == nullptr || answer == nullptr || length == 0 || length >= user_size ||
+        !session->rules.user_exists(user) || !identifier.generate() ||
+        !create(*session, request, user, identifier))
         return nullptr;
-    Session session = allocate_session(rules);
-    if (session == nullptr)
-        return nullptr;
-    store(session->record.user, name);
-    session->digests = identifier.digests();
-    if (!create(*session, request, rules))
-        return nullptr;
-    corvel_answer_cookie(answer, session->cookie, identifier.text(), -1);
+    corvel_answer_cookie(answer, session->cookie, identifier.text, -1);
     return session.release();
 }
 
@@ -480,16 +393,17 @@ bool corvel_session_renew(corvel_session *session, corvel_answer *answer) {
     Identifier identifier;
     if (!is_active(session) || answer == nullptr || !identifier.generate())
         return false;
-    const Digests digests = identifier.digests();
-    if (!rename_file(session->directory, session->digests.file, digests.file))
+    Digests digests;
+    set_digests(digests, identifier.text);
+    if (!rename_file(*session, digests.file))
         return false;
     session->digests = digests;
-    corvel_answer_cookie(answer, session->cookie, identifier.text(), -1);
+    corvel_answer_cookie(answer, session->cookie, identifier.text, -1);
     return true;
 }
 
 bool corvel_session_end(corvel_session *session, corvel_answer *answer) {
-    if (!is_active(session) || !remove_file(session->directory.get(), session->digests.file))
+    if (!is_active(session) || !remove_file(*session, session->digests.file))
         return false;
     *session->record.user = '\0';
     wipe(&session->digests, sizeof session->digests);
@@ -501,8 +415,13 @@ int corvel_session_end_all(const corvel_session_rules *rules, const char *user,
                            const corvel_session *kept) {
     if (user == nullptr)
         return -1;
-    const std::string_view name = is_active(kept) ? text_in(kept->digests.file) : "";
-    return end_all(with_defaults(rules), user, name);
+    corvel_session all;
+    set_rules(all, rules);
+    if (!open_directory(all))
+        return !all.directory && errno == ENOENT ? 0 : -1;
+    const Lock lock(all);
+    Survey left;
+    return lock.held() ? reduce(all, user, is_active(kept) ? kept->digests.file : "", 1, left) : -1;
 }
 
 } // extern "C"

@@ -2,7 +2,11 @@
 #include "page/sha256.h"
 
 #include <bit>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
+
+#include "support/handles.h"
 
 namespace corvel {
 namespace {
@@ -18,7 +22,6 @@ constexpr std::uint32_t round_constants[64] = {
     0x748F82EE, 0x78A5636F, 0x84C87814, 0x8CC70208, 0x90BEFFFA, 0xA4506CEB, 0xBEF9A3F7, 0xC67178F2};
 
 constexpr std::size_t block_size = 64;
-constexpr char hex_digits[] = "0123456789abcdef";
 
 std::uint32_t big_endian(const unsigned char bytes[4]) {
     return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
@@ -66,27 +69,26 @@ void Sha256::update(std::string_view bytes) {
     }
 }
 
-void Sha256::digest(unsigned char result[digest_size]) {
-    constexpr char padding[block_size] = {'\x80'};
+void Sha256::digest_text(char result[text_size]) {
     const std::uint64_t bits = size_ * 8;
-    const auto used = static_cast<std::size_t>(size_ % block_size);
-    update({padding, (119 - used) % block_size + 1});
-    char length[8];
-    for (std::size_t i = 0; i < 8; ++i)
-        length[i] = static_cast<char>(bits >> (56 - 8 * i));
-    update({length, sizeof length});
-    for (std::size_t i = 0; i < digest_size; ++i)
-        result[i] = static_cast<unsigned char>(state_[i / 4] >> (24 - 8 * (i % 4)));
+    constexpr char zero = '\0';
+    update("\x80");
+    while (size_ % block_size != block_size - sizeof bits)
+        update({&zero, 1});
+    char text[sizeof bits];
+    for (std::size_t i = 0; i < sizeof text; ++i)
+        text[i] = static_cast<char>(bits >> (56 - 8 * i));
+    update({text, sizeof text});
+    for (const std::uint32_t word : state_)
+        result += std::snprintf(result, 9, "%08" PRIx32, word);
 }
 
-void Sha256::digest_text(char result[text_size]) {
-    unsigned char bytes[digest_size];
-    digest(bytes);
-    for (std::size_t i = 0; i < digest_size; ++i) {
-        result[2 * i] = hex_digits[bytes[i] / 16];
-        result[2 * i + 1] = hex_digits[bytes[i] % 16];
-    }
-    result[text_size - 1] = '\0';
+void hash_text(std::string_view prefix, std::string_view text, char result[Sha256::text_size]) {
+    Sha256 hash;
+    hash.update(prefix);
+    hash.update(text);
+    hash.digest_text(result);
+    wipe(&hash, sizeof hash);
 }
 
 } // namespace corvel

@@ -11,13 +11,11 @@ namespace corvel {
 /// The hash function SHA-256 (FIPS 180-4).
 class Sha256 {
   public:
-    static constexpr std::size_t digest_size = 32;
     /// Bytes of a digest as lowercase hexadecimal digits, including the terminating NUL.
-    static constexpr std::size_t text_size = 2 * digest_size + 1;
+    static constexpr std::size_t text_size = 65;
 
     void update(std::string_view bytes);
     /// Completes the hash; the object cannot be used afterwards.
-    void digest(unsigned char result[digest_size]);
     void digest_text(char result[text_size]);
 
   private:
@@ -28,6 +26,9 @@ class Sha256 {
     unsigned char block_[64];
     std::uint64_t size_ = 0;
 };
+
+/// The hash of a string and another one after it. Its state is wiped: the strings can be secret.
+void hash_text(std::string_view prefix, std::string_view text, char result[Sha256::text_size]);
 
 } // namespace corvel
 

@@ -119,7 +119,7 @@ std::string user_in(const std::string &file, const Known &known, std::uint32_t a
     const std::uint32_t created = time_in(file);
     const std::string user = file.substr(user_at);
     const std::size_t length = user.find('\0');
-    if (length == std::string::npos || created > now || now - created >= lifetime || age >= idle)
+    if (file.back() != '\0' || created > now || now - created >= lifetime || age >= idle)
         return "";
     return user.substr(0, length) == "missing" ? "" : user.substr(0, length);
 }

@@ -262,14 +262,12 @@ TEST(Sha256, DoesNotDependOnHowTheBytesAreDivided) {
         }
 }
 
-TEST(Sha256, ReturnsTheSameDigestAsBytes) {
-    Sha256 hash;
-    hash.update("abc");
-    std::array<unsigned char, Sha256::digest_size> bytes{};
-    hash.digest(bytes.data());
-    EXPECT_EQ(bytes[0], 0xBA);
-    EXPECT_EQ(bytes[1], 0x78);
-    EXPECT_EQ(bytes[31], 0xAD);
+TEST(hash_text, HashesTheTwoStringsAsOne) {
+    std::array<char, Sha256::text_size> text{};
+    corvel::hash_text("a", "bc", text.data());
+    EXPECT_EQ(text.data(), digest_of("abc"));
+    corvel::hash_text("", "", text.data());
+    EXPECT_EQ(text.data(), digest_of(""));
 }
 
 } // namespace
