@@ -3,6 +3,7 @@
 
 #include <corvel.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -31,52 +32,66 @@ constexpr std::size_t mark_size = 16;
 constexpr const char *boot_variable = "bootparam";
 constexpr const char *digest_variables[] = {"firmware_a", "firmware_b"};
 
-/// Reads the first bytes of a partition piece by piece, from the device: what memory has of it is
-/// dropped first.
+/// Opens a partition for reading from the device: what memory has of it is dropped first.
+Descriptor open_device(unsigned partition) {
+    Descriptor device = open_partition(partition, O_RDONLY);
+    if (device)
+        static_cast<void>(posix_fadvise(device.get(), 0, 0, POSIX_FADV_DONTNEED));
+    return device;
+}
+
+/// Reads bytes of a partition. Returns how many there are, at most the block's size.
+std::size_t read_at(unsigned partition, off_t offset, void *block, std::size_t size) {
+    const Descriptor device = open_device(partition);
+    return device && lseek(device.get(), offset, SEEK_SET) >= 0
+               ? size_from(read_fully(device.get(), block, size))
+               : 0;
+}
+
+/// Reads the first bytes of a partition piece by piece.
 class PartitionReader {
   public:
     PartitionReader(unsigned partition, std::size_t size)
-        : device_(open_partition(partition, O_RDONLY)), left_(size) {
-        if (device_)
-            static_cast<void>(posix_fadvise(device_.get(), 0, 0, POSIX_FADV_DONTNEED));
-    }
-    /// Returns the next piece; empty after the last one, and if the device cannot be read.
-    FlashBytes next() {
+        : device_(open_device(partition)), left_(size) {}
+    /// Reads the next piece. Returns its size; 0 after the last one, and if the device cannot be
+    /// read.
+    std::size_t next() {
         const std::size_t wanted = at_most(left_, sizeof piece_);
         if (!device_ || read_fully(device_.get(), piece_, wanted) != static_cast<ssize_t>(wanted))
-            return {};
+            return 0;
         left_ -= wanted;
-        return {piece_, wanted};
+        return wanted;
     }
+    [[nodiscard]] const char *piece() const { return piece_; }
     /// Whether all bytes have been read.
     [[nodiscard]] bool is_at_end() const { return device_ && left_ == 0; }
 
   private:
     Descriptor device_;
     std::size_t left_;
-    unsigned char piece_[piece_size] = {};
+    char piece_[piece_size]{};
 };
 
 bool is_marked_incomplete(unsigned partition) {
-    PartitionReader reader(partition, mark_size);
-    const FlashBytes start = reader.next();
-    return !start.empty() && is_erased(start);
+    unsigned char start[mark_size];
+    return read_at(partition, 0, start, sizeof start) == sizeof start && is_erased(start);
 }
 
 EnvironmentImage current_image() { return EnvironmentImage(env_image_mem); }
 
 /// The offset at which the list in the environment ends. 0 if the data is not a list of variables.
 std::size_t end_of_list() {
-    const std::span<unsigned char> data = environment_data(current_image());
+    const unsigned char *const data = environment_data(current_image()).data();
     std::size_t start = 0;
-    while (start < data.size() && data[start] != '\0') {
-        const auto entry = data.subspan(start);
-        const auto end = std::find(entry.begin(), entry.end(), '\0');
-        if (end == entry.end() || std::find(entry.begin(), end, '=') == end)
+    while (start < environment_data_size && data[start] != '\0') {
+        const std::size_t room = environment_data_size - start;
+        const void *const end = std::memchr(data + start, '\0', room);
+        const void *const equals = std::memchr(data + start, '=', room);
+        if (end == nullptr || equals == nullptr || equals > end)
             return 0;
-        start += static_cast<std::size_t>(end - entry.begin()) + 1;
+        start = static_cast<std::size_t>(static_cast<const unsigned char *>(end) - data) + 1;
     }
-    return start < data.size() ? start : 0;
+    return start < environment_data_size ? start : 0;
 }
 
 /// Whether an entry of this many characters fits. set_env() prints a message if it does not.
@@ -101,10 +116,10 @@ bool set_variable(const char *name, const char *value) {
 /// Where the version is: at the start of a root file system or, if that is a squashfs, after it.
 /// The header of a squashfs contains its size, in little-endian order; a partition has less than 4
 /// GiB.
-off_t version_offset(const Descriptor &device) {
+off_t version_offset(unsigned partition) {
     constexpr std::size_t size_at = 40;
     unsigned char header[size_at + sizeof(std::uint32_t)];
-    if (read_fully(device.get(), header, sizeof header) != static_cast<ssize_t>(sizeof header) ||
+    if (read_at(partition, 0, header, sizeof header) != sizeof header ||
         std::memcmp(header, "hsqs", 4) != 0)
         return 0;
     std::uint32_t size = 0;
@@ -113,20 +128,34 @@ off_t version_offset(const Descriptor &device) {
     return size;
 }
 
-/// The first line, if it is text.
-std::string_view version_in(std::string_view start) {
-    const std::size_t end = start.find('\n');
-    if (end == std::string_view::npos)
-        return {};
-    const std::string_view line = front(start, end);
-    for (std::string_view rest = line; !rest.empty(); rest = after(rest, utf8_length(rest))) {
-        if (utf8_length(rest) == 0 || is_control(rest))
-            return {};
+struct PartitionName {
+    char text[16];
+};
+
+/// The names of the partition table without its pointers, which the loader would have to relocate.
+constexpr std::array<PartitionName, CORVEL_PARTITIONS> copy_names() {
+    std::array<PartitionName, CORVEL_PARTITIONS> names{};
+    for (std::size_t row = 0; row < names.size(); ++row) {
+        const std::string_view name = sign_tbl[row].name;
+        for (std::size_t i = 0; i < name.size(); ++i)
+            names[row].text[i] = name[i];
     }
-    return line;
+    return names;
 }
+constexpr auto partition_names = copy_names();
 
 } // namespace
+
+const char *partition_name(std::uint32_t row) {
+    return row < partition_names.size() ? partition_names[row].text : "";
+}
+
+std::size_t printable_length(std::string_view text) {
+    std::string_view rest = text;
+    while (utf8_length(rest) != 0 && !is_control(rest))
+        rest = after(rest, utf8_length(rest));
+    return text.size() - rest.size();
+}
 
 bool is_erased(FlashBytes bytes) {
     return std::ranges::all_of(bytes.first(at_most(bytes.size(), mark_size)),
@@ -161,10 +190,10 @@ bool write_flash(const Descriptor &device, std::size_t offset, FlashBytes bytes)
 
 bool flash_contains(unsigned partition, FlashBytes bytes) {
     PartitionReader reader(partition, bytes.size());
-    for (FlashBytes piece = reader.next(); !piece.empty(); piece = reader.next()) {
-        if (std::memcmp(piece.data(), bytes.data(), piece.size()) != 0)
+    while (const std::size_t size = reader.next()) {
+        if (std::memcmp(reader.piece(), bytes.data(), size) != 0)
             return false;
-        bytes = bytes.subspan(piece.size());
+        bytes = bytes.subspan(size);
     }
     return reader.is_at_end();
 }
@@ -180,9 +209,7 @@ bool mark_incomplete(unsigned partition) {
 }
 
 LoadedEnvironment load_boot_environment() {
-    const Descriptor device = open_partition(environment_partition, O_RDONLY);
-    if (!device || read_fully(device.get(), env_image_mem, sizeof env_image_mem) !=
-                       static_cast<ssize_t>(sizeof env_image_mem))
+    if (read_at(environment_partition, 0, env_image_mem, CORVEL_ENV_SIZE) != CORVEL_ENV_SIZE)
         return {};
     const EnvironmentImage image = current_image();
     const std::uint32_t crc = crc32(environment_data(image).data(), CORVEL_ENV_DATA_SIZE);
@@ -207,8 +234,8 @@ bool digest_of_set(int set, SetDigest &digest) {
     for (unsigned half = 0; half < halves_of_set; ++half) {
         const unsigned partition = root_partition(set) + half;
         PartitionReader reader(partition, partition_size(partition));
-        for (FlashBytes piece = reader.next(); !piece.empty(); piece = reader.next())
-            hash.update({reinterpret_cast<const char *>(piece.data()), piece.size()});
+        while (const std::size_t size = reader.next())
+            hash.update({reader.piece(), size});
         if (!reader.is_at_end())
             return false;
     }
@@ -266,12 +293,11 @@ char *corvel_firmware_version(int set, char version[CORVEL_FIRMWARE_VERSION_SIZE
     version[0] = '\0';
     if (!is_set(set))
         return version;
-    const Descriptor device = open_partition(root_partition(set), O_RDONLY);
-    char start[CORVEL_FIRMWARE_VERSION_SIZE];
-    const bool is_placed = device && lseek(device.get(), version_offset(device), SEEK_SET) >= 0;
-    const ssize_t length = is_placed ? read_fully(device.get(), start, sizeof start) : 0;
-    if (length > 0)
-        store({version, CORVEL_FIRMWARE_VERSION_SIZE},
-              version_in({start, static_cast<std::size_t>(length)}));
+    const unsigned root = root_partition(set);
+    char start[CORVEL_FIRMWARE_VERSION_SIZE] = "";
+    const std::string_view text(start, read_at(root, version_offset(root), start, sizeof start));
+    const std::string_view line = front(text, printable_length(text));
+    if (start[at_most(line.size(), sizeof start - 1)] == '\n')
+        store({version, CORVEL_FIRMWARE_VERSION_SIZE}, line);
     return version;
 }

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <fcntl.h>
 #include <span>
+#include <string_view>
 
 #include "firmware/image_format.h"
 #include "page/sha256.h"
@@ -32,10 +33,27 @@ constexpr bool is_set(int set) { return set == CORVEL_FIRMWARE_A || set == CORVE
 
 /// The partition of a set's root file system; that of its kernel is the next one.
 constexpr unsigned root_partition(int set) {
-    return sign_tbl[set == CORVEL_FIRMWARE_A ? root_a_row : root_b_row].mtd_id;
+    return set == CORVEL_FIRMWARE_A ? sign_tbl[root_a_row].mtd_id : sign_tbl[root_b_row].mtd_id;
 }
 
 inline constexpr unsigned halves_of_set = 2;
+
+inline constexpr std::uint32_t version_row = CORVEL_PARTITIONS - 1;
+static_assert(is_version(sign_tbl[version_row]));
+
+/// The name of a row of the partition table; empty if there is no such row.
+const char *partition_name(std::uint32_t row);
+
+/// The bytes that a section for a half of a set may have.
+constexpr std::uint32_t size_limit(std::uint32_t row) {
+    static_assert(sign_tbl[root_a_row].max_size == sign_tbl[root_b_row].max_size &&
+                  sign_tbl[kernel_a_row].max_size == sign_tbl[kernel_b_row].max_size);
+    return row == root_a_row || row == root_b_row ? sign_tbl[root_a_row].max_size
+                                                  : sign_tbl[kernel_a_row].max_size;
+}
+
+/// The number of bytes at the start of a string that are UTF-8 without control characters.
+std::size_t printable_length(std::string_view text);
 
 /// Whether this is the start of erased flash; true for no bytes at all.
 bool is_erased(FlashBytes bytes);

@@ -4,18 +4,19 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <pwd.h>
 #include <shadow.h>
-#include <sys/stat.h>
-#include <type_traits>
 #include <unistd.h>
 
 #include "page/boot.h"
+#include "page/control_character.h"
+#include "page/record_file.h"
 #include "support/big_endian.h"
-#include "support/descriptor.h"
 #include "support/handles.h"
 #include "support/pause.h"
 #include "support/text.h"
@@ -57,14 +58,6 @@ std::uint64_t client_named(std::string_view name) {
 
 // The record.
 
-/// Starts the file. The times in it are valid since this start of the device.
-struct Header {
-    char magic[12];
-    BootId boot;
-};
-constexpr char magic[] = "corvel login";
-static_assert(sizeof(Header) == 48 && sizeof magic == sizeof Header::magic + 1);
-
 /// What is known of a client.
 struct Slot {
     std::uint64_t client;   ///< 0 if the slot is free.
@@ -75,12 +68,21 @@ struct Slot {
 static_assert(sizeof(Slot) == 16);
 
 constexpr std::size_t slot_count = 1024;
-constexpr std::uint32_t file_size = sizeof(Header) + slot_count * sizeof(Slot);
+
+/// The content of the file. Its times are valid since this start of the device.
+struct Content {
+    char magic[12];
+    BootId boot;
+    Slot slots[slot_count];
+};
+constexpr char magic[] = "corvel login";
+static_assert(sizeof magic == sizeof Content::magic + 1);
+static_assert(offsetof(Content, slots) == 48 && sizeof(Content) == 48 + slot_count * sizeof(Slot));
 
 constexpr int lock_tries = 500;
 constexpr long lock_pause = 10;
 
-/// Bytes of the header. A lock on one is held during the stated time; one on the first byte of a
+/// Bytes before the slots. A lock on one is held during the stated time; one on the first byte of a
 /// slot, during an attempt of its client. The kernel releases all of them with the process.
 enum Lock : std::uint32_t {
     record_lock = 0, ///< While slots are read and one is chosen.
@@ -92,79 +94,58 @@ enum Lock : std::uint32_t {
 /// The file of the attempts.
 class Record {
   public:
-    /// An existing file is used only if it belongs to this process's user and nobody else can open
-    /// it: anybody who can may lock it.
-    explicit Record(const char *path)
-        : file_(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK,
-                     S_IRUSR | S_IWUSR)) {}
+    explicit Record(const char *path) : file_(path, O_RDWR | O_CREAT) {}
 
-    [[nodiscard]] bool lock(std::uint32_t byte) const { return set_lock(byte, F_WRLCK); }
-    void unlock(std::uint32_t byte) const { set_lock(byte, F_UNLCK); }
-
-    /// Locks the record and makes it valid. Only an empty file and an earlier record are
-    /// overwritten.
-    [[nodiscard]] bool prepare() const {
-        struct stat status;
-        Header header;
+    /// Locks the record and reads it. An empty file and a record of an earlier start of the device
+    /// become an empty record. One that was not written whole has not its size.
+    [[nodiscard]] bool load() {
         BootId boot;
-        if (!file_ || fstat(file_.get(), &status) != 0 || !is_private(status) ||
-            !wait_for_record() || !read_boot_id(boot) || fstat(file_.get(), &status) != 0)
+        if (!file_ || !wait_for_one(record_lock, record_lock, lock_pause) || !read_boot_id(boot))
             return false;
-        if (status.st_size == 0)
-            return initialize(boot);
-        const ssize_t count = pread(file_.get(), &header, sizeof header, 0);
-        if (count < static_cast<ssize_t>(sizeof header.magic) ||
-            std::memcmp(header.magic, magic, sizeof header.magic) != 0)
+        const off_t size = lseek(file_.get(), 0, SEEK_END);
+        if (size != 0 && (!file_.read(0, &content_, at_most(size_from(size), sizeof content_)) ||
+                          std::memcmp(content_.magic, magic, sizeof content_.magic) != 0))
             return false;
-        const bool is_valid = count == sizeof header && header.boot == boot &&
-                              status.st_size == static_cast<off_t>(file_size);
-        return is_valid || initialize(boot);
+        if (size == sizeof content_ && content_.boot == boot)
+            return true;
+        std::memset(&content_, 0, sizeof content_);
+        std::memcpy(content_.magic, magic, sizeof content_.magic);
+        content_.boot = boot;
+        return ftruncate(file_.get(), 0) == 0 && file_.write(0, &content_, sizeof content_);
     }
+    void unlock() const { file_.unlock(record_lock); }
 
     /// Takes one of the places for checks. Clients that have logged in before have one of their
     /// own, so that however many others there are, they do not keep them out.
     [[nodiscard]] bool take_place(bool is_known) const {
-        for (int i = 0; i < lock_tries; ++i) {
-            for (std::uint32_t byte = is_known ? known_lock : first_lock; byte <= last_lock; ++byte)
-                if (lock(byte))
-                    return true;
-            pause_milliseconds(2 * lock_pause);
-        }
-        return false;
+        return wait_for_one(is_known ? known_lock : first_lock, last_lock, 2 * lock_pause);
     }
 
     /// Finds and locks the slot of a client, or the one to use for it: a free one, otherwise that
     /// of the client that may try again for the longest time, and one that has logged in before
-    /// only if all have. Slots that are locked are not taken from their clients. Returns the
-    /// position of the slot; 0 if the file cannot be read or the client's slot is locked, which
-    /// `slot` tells.
-    [[nodiscard]] std::uint32_t claim(std::uint64_t client, Slot &slot) const {
-        slot.client = 0;
-        for (std::uint32_t at = sizeof(Header); at < file_size; at += sizeof slot) {
-            at = find(client, at, slot);
-            if (at == 0)
-                return 0;
-            if (lock(at)) {
-                if (slot.client != client)
-                    slot = {client, 0, 0, 0};
-                return at;
+    /// only if all have. Slots that are locked are not taken from their clients. Null if there is
+    /// none, or if the client's slot is locked, which @p is_busy then tells.
+    Slot *claim(std::uint64_t client, bool &is_busy) {
+        for (Slot *start = content_.slots; start < std::end(content_.slots); ++start) {
+            start = find(client, start);
+            const bool is_own = start->client == client;
+            if (file_.lock(position_of(*start))) {
+                if (!is_own)
+                    *start = {client, 0, 0, 0};
+                return start;
             }
-            if (slot.client == client)
-                return 0;
+            is_busy = is_own;
+            if (is_own)
+                break;
         }
-        return 0;
+        return nullptr;
     }
 
-    [[nodiscard]] bool write(std::uint32_t position, const Slot &slot) const {
-        return write(position, &slot, sizeof slot);
+    [[nodiscard]] bool write(const Slot &slot) const {
+        return file_.write(position_of(slot), &slot, sizeof slot);
     }
 
   private:
-    static bool is_private(const struct stat &status) {
-        return S_ISREG(status.st_mode) && status.st_uid == geteuid() && status.st_nlink == 1 &&
-               (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-    }
-
     /// Whether a slot is to be used for a new client rather than another one.
     static bool is_better(const Slot &slot, const Slot &other) {
         if (slot.is_known != other.is_known)
@@ -172,67 +153,35 @@ class Record {
         return slot.until < other.until;
     }
 
-    /// The position of the client's slot, or of the best one for it, at a position or after it.
-    [[nodiscard]] std::uint32_t find(std::uint64_t client, std::uint32_t at, Slot &found) const {
-        std::uint32_t position = 0;
-        Slot slots[64];
-        while (at < file_size) {
-            const std::size_t size = at_most(file_size - at, sizeof slots);
-            if (!read(at, slots, size))
-                return 0;
-            for (std::size_t i = 0; i < size / sizeof(Slot); ++i, at += sizeof(Slot)) {
-                if (position != 0 && slots[i].client != client && !is_better(slots[i], found))
-                    continue;
-                found = slots[i];
-                position = at;
-                if (found.client == client)
-                    return position;
-            }
+    /// The client's slot, or the best one for it, from a slot on.
+    Slot *find(std::uint64_t client, Slot *slot) {
+        Slot *best = slot;
+        for (; slot < std::end(content_.slots); ++slot) {
+            if (slot->client == client)
+                return slot;
+            if (is_better(*slot, *best))
+                best = slot;
         }
-        return position;
+        return best;
     }
 
-    bool set_lock(std::uint32_t byte, short type) const {
-        struct flock one_byte {};
-        one_byte.l_type = type;
-        one_byte.l_start = byte;
-        one_byte.l_len = 1;
-        return fcntl(file_.get(), F_OFD_SETLK, &one_byte) == 0;
+    [[nodiscard]] std::uint32_t position_of(const Slot &slot) const {
+        return static_cast<std::uint32_t>(reinterpret_cast<const char *>(&slot) -
+                                          reinterpret_cast<const char *>(&content_));
     }
 
-    [[nodiscard]] bool wait_for_record() const {
+    [[nodiscard]] bool wait_for_one(std::uint32_t first, std::uint32_t last, long pause) const {
         for (int i = 0; i < lock_tries; ++i) {
-            if (lock(record_lock))
-                return true;
-            pause_milliseconds(lock_pause);
+            for (std::uint32_t byte = first; byte <= last; ++byte)
+                if (file_.lock(byte))
+                    return true;
+            pause_milliseconds(pause);
         }
         return false;
     }
 
-    /// The boot identifier is written last, so that an interrupted call is repeated. All of the
-    /// file is written, so that no later write fails for want of space.
-    [[nodiscard]] bool initialize(const BootId &boot) const {
-        Header header{};
-        std::memcpy(header.magic, magic, sizeof header.magic);
-        if (!write(0, &header, sizeof header) || ftruncate(file_.get(), sizeof header) != 0)
-            return false;
-        const Slot empty[64] = {};
-        for (std::uint32_t at = sizeof header; at < file_size; at += sizeof empty)
-            if (!write(at, empty, sizeof empty))
-                return false;
-        header.boot = boot;
-        return write(0, &header, sizeof header);
-    }
-
-    [[nodiscard]] bool read(std::uint32_t at, void *block, std::size_t size) const {
-        return pread(file_.get(), block, size, at) == static_cast<ssize_t>(size);
-    }
-
-    [[nodiscard]] bool write(std::uint32_t at, const void *block, std::size_t size) const {
-        return pwrite(file_.get(), block, size, at) == static_cast<ssize_t>(size);
-    }
-
-    Descriptor file_;
+    RecordFile file_;
+    Content content_{};
 };
 
 // The accounts.
@@ -277,10 +226,8 @@ bool check_account(const char *user, const char *password) {
     return false;
 }
 
-bool is_acceptable(std::string_view text) {
-    return text.size() <= CORVEL_USER_MAX && std::none_of(text.begin(), text.end(), [](char each) {
-               return static_cast<unsigned char>(each) < ' ' || each == '\x7F';
-           });
+bool is_acceptable(const char *text) {
+    return text != nullptr && !has_control_character(text) && std::strlen(text) <= CORVEL_USER_MAX;
 }
 
 // Attempts.
@@ -313,62 +260,53 @@ std::uint32_t delay_after(std::uint32_t failures, const corvel_login_rules &rule
                           : rules.longest_seconds;
 }
 
-/// The time until another one, 0 if it is past.
-std::uint32_t seconds_between(std::uint32_t now, std::uint32_t until) {
-    return now < until ? until - now : 0;
-}
-
-/// A slot as it counts now. It may have been written with other rules.
-Slot at_present(const Slot &slot, std::uint32_t now, const corvel_login_rules &rules) {
-    Slot present = slot;
-    present.until = std::min(slot.until, now + 1 + rules.longest_seconds);
-    if (seconds_between(present.until, now) >= forgotten_after)
-        present.failures = 0;
-    return present;
-}
-
-corvel_login_verdict wait(unsigned &seconds, unsigned how_long) {
-    seconds = how_long;
-    return CORVEL_LOGIN_WAIT;
-}
-
 /// An attempt counts as wrong until the password has proved right, so that closing the connection,
 /// which ends this program, gains nothing.
 corvel_login_verdict attempt(const corvel_login_rules &rules, std::uint64_t client,
                              const char *user, const char *password, unsigned &seconds) {
-    const Record record(rules.record);
-    Slot slot;
-    if (!record.prepare())
+    Record record(rules.record);
+    bool is_busy = false;
+    Slot *const slot = record.load() ? record.claim(client, is_busy) : nullptr;
+    seconds = 1;
+    if (is_busy) // another attempt of the client is being checked
+        return CORVEL_LOGIN_WAIT;
+    seconds = 0;
+    if (slot == nullptr)
         return CORVEL_LOGIN_FAILED;
-    const std::uint32_t position = record.claim(client, slot);
-    if (position == 0 && slot.client == client) // another of its attempts is being checked
-        return wait(seconds, 1);
-    if (position == 0)
-        return CORVEL_LOGIN_FAILED;
-    const std::uint32_t now = boot_seconds();
-    const Slot before = at_present(slot, now, rules);
-    if (before.until > now)
-        return wait(seconds, before.until - now);
-    slot = before;
-    if (slot.failures < UINT16_MAX)
-        ++slot.failures;
-    // The present second has begun already: one more, so that the delay is not shorter.
-    const std::uint32_t delay = delay_after(slot.failures, rules);
-    slot.until = delay != 0 ? now + 1 + delay : now;
-    if (!record.write(position, slot))
-        return CORVEL_LOGIN_FAILED;
-    record.unlock(record_lock);
 
-    if (!record.take_place(slot.is_known != 0)) {
-        static_cast<void>(record.write(position, before));
-        return wait(seconds, 1);
+    const std::uint32_t now = boot_seconds();
+    // The slot may have been written with other rules.
+    slot->until = std::min(slot->until, now + 1 + rules.longest_seconds);
+    if (slot->until > now) {
+        seconds = slot->until - now;
+        return CORVEL_LOGIN_WAIT;
     }
-    if (is_acceptable(text_of(user)) && is_acceptable(text_of(password)) && *text_or_empty(user) &&
-        password != nullptr && rules.check(user, password)) {
-        static_cast<void>(record.write(position, {client, now, 0, 1}));
+    if (now - slot->until >= forgotten_after)
+        slot->failures = 0;
+    const Slot before = *slot;
+    if (slot->failures < UINT16_MAX)
+        ++slot->failures;
+    // The present second has begun already: one more, so that the delay is not shorter.
+    const std::uint32_t delay = delay_after(slot->failures, rules);
+    slot->until = delay != 0 ? now + 1 + delay : now;
+    if (!record.write(*slot))
+        return CORVEL_LOGIN_FAILED;
+    record.unlock();
+
+    if (!record.take_place(slot->is_known != 0)) {
+        *slot = before;
+        static_cast<void>(record.write(*slot));
+        seconds = 1;
+        return CORVEL_LOGIN_WAIT;
+    }
+    if (is_acceptable(user) && is_acceptable(password) && *user != '\0' &&
+        rules.check(user, password)) {
+        *slot = {client, now, 0, 1};
+        static_cast<void>(record.write(*slot));
         return CORVEL_LOGIN_RIGHT;
     }
-    seconds = seconds_between(boot_seconds(), slot.until);
+    const std::uint32_t later = boot_seconds();
+    seconds = later < slot->until ? slot->until - later : 0;
     return CORVEL_LOGIN_WRONG;
 }
 

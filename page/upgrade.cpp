@@ -7,12 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <string_view>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "page/flash.h"
+#include "page/record_file.h"
+#include "page/string_list.h"
 #include "page/upgrade_image.h"
 #include "support/descriptor.h"
 #include "support/pause.h"
@@ -26,65 +27,51 @@ constexpr off_t image_size_max = 0x1000000;
 
 // The running set.
 
-/// The set whose root file system is on this device, as the kernel's `root=` names it.
-int set_of_device(std::string_view device) {
-    constexpr std::string_view prefixes[] = {"31:", "/dev/mtdblock", "1f0"};
-    for (const std::string_view prefix : prefixes) {
-        if (!device.starts_with(prefix) || device.size() != prefix.size() + 1)
+/// The set whose root file system a word of the kernel's command line names.
+int set_of_root(const char *word) {
+    static constexpr char prefixes[][20] = {"root=31:", "root=/dev/mtdblock", "root=1f0"};
+    for (const char *const prefix : prefixes) {
+        const std::size_t length = std::strlen(prefix);
+        if (std::strncmp(word, prefix, length) != 0)
             continue;
-        for (const int set : {CORVEL_FIRMWARE_A, CORVEL_FIRMWARE_B}) {
-            if (device.back() == static_cast<char>('0' + root_partition(set)))
+        for (const int set : {CORVEL_FIRMWARE_A, CORVEL_FIRMWARE_B})
+            if (word[length] == static_cast<char>('0' + root_partition(set)) &&
+                word[length + 1] == '\0')
                 return set;
-        }
     }
     return CORVEL_FIRMWARE_UNKNOWN;
 }
 
-/// Reads the kernel's command line character by character, in any length. As in the kernel, spaces
-/// in double quotes do not separate words, and the last `root=` before `--` counts.
-class CommandLine {
-  public:
-    void take(char character) {
-        if (character == '"')
-            is_quoted_ = !is_quoted_;
-        else if (is_space(character) && !is_quoted_)
-            end_word();
-        else if (length_ < sizeof word_)
-            word_[length_++] = character;
-    }
-    void end_word() {
-        const std::string_view word(word_, length_);
-        length_ = 0;
-        is_for_init_ = is_for_init_ || word == "--";
-        if (!is_for_init_ && word.starts_with("root="))
-            set_ = set_of_device(after(word, 5));
-    }
-    [[nodiscard]] int set() const { return set_; }
-
-  private:
-    char word_[32]; ///< Longer than any `root=` of a set.
-    std::size_t length_ = 0;
-    bool is_quoted_ = false;
-    bool is_for_init_ = false;
-    int set_ = CORVEL_FIRMWARE_UNKNOWN;
-};
-
+/// The set that the kernel's command line names. As in the kernel, spaces in double quotes do not
+/// separate words, and the last `root=` before `--` counts.
 int set_of_kernel(const corvel_upgrade_rules *rules) {
+    char line[16384]; // several times the kernel's limit
     const bool is_given = rules != nullptr && rules->command_line != nullptr;
     const Descriptor file = open_for_reading(is_given ? rules->command_line : "/proc/cmdline");
-    CommandLine line;
-    char piece[512];
-    ssize_t length = 0;
-    // The limit is far above the kernel's.
-    for (int pieces = 0; file && pieces < 128; ++pieces) {
-        length = read_fully(file.get(), piece, sizeof piece);
-        if (length <= 0)
-            break;
-        for (const char character : std::string_view(piece, static_cast<std::size_t>(length)))
-            line.take(character);
+    const std::size_t length = file ? size_from(read_fully(file.get(), line, sizeof line)) : 0;
+    int set = CORVEL_FIRMWARE_UNKNOWN;
+    if (length == sizeof line)
+        return set;
+    line[length] = '\0';
+    bool is_quoted = false;
+    char *end = line; // each word is moved to the start of the line
+    for (const char *next = line;; ++next) {
+        if (*next == '"') {
+            is_quoted = !is_quoted;
+        } else if (*next != '\0' && (is_quoted || !is_space(*next))) {
+            *end++ = *next;
+        } else {
+            const bool is_last = *next == '\0';
+            *end = '\0';
+            if (std::strcmp(line, "--") == 0)
+                return set;
+            if (std::strncmp(line, "root=", 5) == 0)
+                set = set_of_root(line);
+            if (is_last)
+                return set;
+            end = line;
+        }
     }
-    line.end_word();
-    return length == 0 ? line.set() : CORVEL_FIRMWARE_UNKNOWN;
 }
 
 // The record of an upgrade.
@@ -106,41 +93,21 @@ std::uint32_t crc_of(const Record &record) {
 }
 
 /// Where a byte other than zero requests the end of the upgrade.
-constexpr off_t cancel_offset = 128;
+constexpr std::uint32_t cancel_offset = 128;
 
-const char *record_path(const corvel_upgrade_rules *rules) {
-    return rules != nullptr && rules->record != nullptr ? rules->record : "/run/upgrade";
-}
-
-/// The record file, which is the lock of everything that writes to the flash as well. The lock
-/// belongs to the open file: a process shares it with those that it forks.
-class RecordFile {
+/// The record file. The lock on its first byte is that of everything that writes to the flash.
+class UpgradeFile : public RecordFile {
   public:
-    RecordFile(const corvel_upgrade_rules *rules, int flags)
-        : file_(open(record_path(rules), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)) {
-        struct stat status {};
-        if (file_ && (fstat(file_.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-                      status.st_uid != geteuid()))
-            file_ = Descriptor(-1);
-    }
-    explicit operator bool() const { return static_cast<bool>(file_); }
+    UpgradeFile(const corvel_upgrade_rules *rules, int flags)
+        : RecordFile(rules != nullptr && rules->record != nullptr ? rules->record : "/run/upgrade",
+                     flags) {}
 
-    [[nodiscard]] bool lock() const {
-        struct flock whole {};
-        whole.l_type = F_WRLCK;
-        return fcntl(file_.get(), F_OFD_SETLK, &whole) == 0;
-    }
-    [[nodiscard]] bool is_locked() const {
-        struct flock whole {};
-        whole.l_type = F_RDLCK;
-        return fcntl(file_.get(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
-    }
-
+    /// The record; that of no upgrade if there is none.
     [[nodiscard]] Record read() const {
         // The writer is never interrupted for long between two halves of a record.
         for (int attempt = 0; attempt < 10; ++attempt) {
             Record record;
-            if (pread(file_.get(), &record, sizeof record, 0) != sizeof record)
+            if (!RecordFile::read(0, &record, sizeof record))
                 break;
             if (record.crc == crc_of(record))
                 return record;
@@ -150,27 +117,23 @@ class RecordFile {
     }
     [[nodiscard]] bool write(Record record) const {
         record.crc = crc_of(record);
-        return pwrite(file_.get(), &record, sizeof record, 0) == sizeof record;
+        return RecordFile::write(0, &record, sizeof record);
     }
 
-    [[nodiscard]] bool request_cancel(bool is_requested) const {
-        const char flag = is_requested ? 1 : 0;
-        return pwrite(file_.get(), &flag, 1, cancel_offset) == 1;
+    [[nodiscard]] bool request_cancel(char flag) const {
+        return RecordFile::write(cancel_offset, &flag, 1);
     }
     [[nodiscard]] bool is_cancelled() const {
         char flag = 0;
-        return pread(file_.get(), &flag, 1, cancel_offset) == 1 && flag != 0;
+        return RecordFile::read(cancel_offset, &flag, 1) && flag != 0;
     }
-
-  private:
-    Descriptor file_;
 };
 
 corvel_upgrade_status status_of(const Record &record) {
     return {static_cast<corvel_upgrade_state>(record.state),
             static_cast<corvel_upgrade_result>(record.result),
             record.set,
-            record.section < sign_tbl.size() ? sign_tbl[record.section].name : "",
+            partition_name(record.section),
             record.written,
             record.total};
 }
@@ -198,8 +161,17 @@ corvel_upgrade_result check_device(const corvel_boot &boot) {
     return has_room_for_upgrade() ? CORVEL_UPGRADE_DONE : CORVEL_UPGRADE_ENVIRONMENT_FULL;
 }
 
-bool is_restart_pending(const corvel_boot &boot) {
-    return is_set(boot.next) && boot.next != boot.running;
+/// Takes the lock and checks the device.
+corvel_upgrade_result lock_device(const UpgradeFile &file, const corvel_upgrade_rules *rules,
+                                  Record &record, corvel_boot &boot) {
+    if (!file)
+        return CORVEL_UPGRADE_NO_RECORD;
+    if (!file.lock(0))
+        return CORVEL_UPGRADE_BUSY;
+    record = file.read();
+    boot = read_boot(rules, record);
+    record.running = boot.running;
+    return check_device(boot);
 }
 
 /// A file mapped for reading; empty if it is missing, too large, or no regular file.
@@ -241,14 +213,10 @@ corvel_upgrade_result inspect_for(int running, FlashBytes bytes, UpgradeImage &i
     return inspect_image(bytes, set, sizes, image);
 }
 
-/// Checks the device and an image for it.
-corvel_upgrade_result check_upgrade(const corvel_boot &boot, FlashBytes bytes,
-                                    UpgradeImage &image) {
-    const corvel_upgrade_result device = check_device(boot);
-    if (device != CORVEL_UPGRADE_DONE)
-        return device;
-    return is_restart_pending(boot) ? CORVEL_UPGRADE_RESTART_FIRST
-                                    : inspect_for(boot.running, bytes, image);
+/// Checks an image for a device that has been checked.
+corvel_upgrade_result check_image(const corvel_boot &boot, FlashBytes bytes, UpgradeImage &image) {
+    return is_set(boot.next) && boot.next != boot.running ? CORVEL_UPGRADE_RESTART_FIRST
+                                                          : inspect_for(boot.running, bytes, image);
 }
 
 void fill_report(corvel_upgrade_report &report, const UpgradeImage &image) {
@@ -257,7 +225,8 @@ void fill_report(corvel_upgrade_report &report, const UpgradeImage &image) {
     for (const Half &half : image.halves) {
         if (half.name == nullptr)
             continue;
-        report.sections[report.count++] = {half.name, sign_tbl[half.partition].name, half.partition,
+        report.sections[report.count++] = {half.name, partition_name(half.partition),
+                                           half.partition,
                                            static_cast<std::uint32_t>(half.data.size())};
     }
     store(report.version, image.version);
@@ -274,21 +243,20 @@ class Upgrade {
 
     /// Takes the lock and checks everything. Nothing is changed unless the upgrade can start.
     corvel_upgrade_result prepare(const corvel_upgrade_rules *rules) {
-        if (!file_)
-            return CORVEL_UPGRADE_NO_RECORD;
-        if (!file_.lock())
-            return CORVEL_UPGRADE_BUSY;
-        boot_ = read_boot(rules, file_.read());
-        const corvel_upgrade_result result = check_upgrade(boot_, bytes_.bytes(), image_);
+        Record former;
+        const corvel_upgrade_result result = lock_device(file_, rules, former, boot_);
         if (result != CORVEL_UPGRADE_DONE)
             return result;
+        const corvel_upgrade_result checked = check_image(boot_, bytes_.bytes(), image_);
+        if (checked != CORVEL_UPGRADE_DONE)
+            return checked;
         record_.state = CORVEL_UPGRADE_WRITING;
         record_.running = boot_.running;
         record_.set = image_.set;
         for (const Half &half : image_.halves)
             record_.total += static_cast<std::uint32_t>(half.data.size());
-        return file_.request_cancel(false) && file_.write(record_) ? CORVEL_UPGRADE_DONE
-                                                                   : CORVEL_UPGRADE_NO_RECORD;
+        return file_.request_cancel(0) && file_.write(record_) ? CORVEL_UPGRADE_DONE
+                                                               : CORVEL_UPGRADE_NO_RECORD;
     }
 
     corvel_upgrade_result run() { return finish(write_set()); }
@@ -380,7 +348,7 @@ class Upgrade {
         return is_saved ? CORVEL_UPGRADE_DONE : CORVEL_UPGRADE_NOT_SWITCHED;
     }
 
-    RecordFile file_;
+    UpgradeFile file_;
     MappedFile bytes_;
     corvel_upgrade_progress *progress_;
     void *context_;
@@ -389,8 +357,7 @@ class Upgrade {
     UpgradeImage image_;
 };
 
-/// The complaint of each result in the order of their values, each terminated by a NUL. An array of
-/// pointers would be larger by half: the loader relocates each of them.
+/// The complaint of each result, the next one below zero first.
 constexpr char complaints[] =
     "\0"
     "Neither the kernel's command line nor the boot environment names the running set.\0"
@@ -425,10 +392,26 @@ void leave_request(const Descriptor &nowhere) {
         dup2(nowhere.get(), stream);
 }
 
-corvel_upgrade_result select_set(const corvel_boot &boot, int set) {
-    const corvel_upgrade_result device = check_device(boot);
-    if (device != CORVEL_UPGRADE_DONE)
-        return device;
+} // namespace
+} // namespace corvel
+
+using namespace corvel;
+
+void corvel_boot_read(const corvel_upgrade_rules *rules, corvel_boot *boot) {
+    *boot = read_boot(rules, UpgradeFile(rules, O_RDONLY).read());
+}
+
+corvel_upgrade_result corvel_boot_select(const corvel_upgrade_rules *rules, int set) {
+    if (!is_set(set))
+        return CORVEL_UPGRADE_SET_INCOMPLETE;
+    const UpgradeFile file(rules, O_RDWR | O_CREAT);
+    Record record;
+    corvel_boot boot;
+    const corvel_upgrade_result result = lock_device(file, rules, record, boot);
+    if (result != CORVEL_UPGRADE_DONE)
+        return result;
+    if (!file.write(record))
+        return CORVEL_UPGRADE_NO_RECORD;
     if (set != boot.running && corvel_firmware_check(set) != CORVEL_FIRMWARE_COMPLETE)
         return CORVEL_UPGRADE_SET_INCOMPLETE;
     return load_boot_environment().is_usable && set_boot_set(set) && save_boot_environment()
@@ -436,37 +419,15 @@ corvel_upgrade_result select_set(const corvel_boot &boot, int set) {
                : CORVEL_UPGRADE_NOT_SWITCHED;
 }
 
-} // namespace
-} // namespace corvel
-
-using namespace corvel;
-
-void corvel_boot_read(const corvel_upgrade_rules *rules, corvel_boot *boot) {
-    const RecordFile file(rules, O_RDONLY);
-    *boot = read_boot(rules, file ? file.read() : Record{});
-}
-
-corvel_upgrade_result corvel_boot_select(const corvel_upgrade_rules *rules, int set) {
-    if (!is_set(set))
-        return CORVEL_UPGRADE_SET_INCOMPLETE;
-    const RecordFile file(rules, O_RDWR | O_CREAT);
-    if (!file)
-        return CORVEL_UPGRADE_NO_RECORD;
-    if (!file.lock())
-        return CORVEL_UPGRADE_BUSY;
-    Record record = file.read();
-    const corvel_boot boot = read_boot(rules, record);
-    record.running = boot.running;
-    return file.write(record) ? select_set(boot, set) : CORVEL_UPGRADE_NO_RECORD;
-}
-
 corvel_upgrade_result corvel_upgrade_check(const corvel_upgrade_rules *rules, const char *path,
                                            corvel_upgrade_report *report) {
-    const MappedFile file(path);
     corvel_boot boot;
     corvel_boot_read(rules, &boot);
+    const MappedFile file(path);
     UpgradeImage image;
-    const corvel_upgrade_result result = check_upgrade(boot, file.bytes(), image);
+    corvel_upgrade_result result = check_device(boot);
+    if (result == CORVEL_UPGRADE_DONE)
+        result = check_image(boot, file.bytes(), image);
     if (report != nullptr) {
         *report = {};
         fill_report(*report, image);
@@ -500,23 +461,20 @@ corvel_upgrade_result corvel_upgrade_start(const corvel_upgrade_rules *rules, co
 }
 
 void corvel_upgrade_read(const corvel_upgrade_rules *rules, corvel_upgrade_status *status) {
-    const RecordFile file(rules, O_RDONLY);
+    const UpgradeFile file(rules, O_RDONLY);
     // In this order: the writer releases the lock after its last record.
-    const bool is_locked = file && file.is_locked();
-    *status = status_of(file ? file.read() : Record{});
+    const bool is_locked = file.is_locked(0);
+    *status = status_of(file.read());
     if (status->state == CORVEL_UPGRADE_WRITING && !is_locked)
         status->state = CORVEL_UPGRADE_INTERRUPTED;
 }
 
 bool corvel_upgrade_cancel(const corvel_upgrade_rules *rules) {
-    const RecordFile file(rules, O_RDWR);
-    return file && file.is_locked() && file.read().state == CORVEL_UPGRADE_WRITING &&
-           file.request_cancel(true);
+    const UpgradeFile file(rules, O_RDWR);
+    return file.is_locked(0) && file.read().state == CORVEL_UPGRADE_WRITING &&
+           file.request_cancel(1);
 }
 
 const char *corvel_upgrade_complaint(corvel_upgrade_result result) {
-    const char *text = complaints;
-    for (int each = std::max<int>(result, CORVEL_UPGRADE_SET_INCOMPLETE); each < 0; ++each)
-        text += std::strlen(text) + 1;
-    return text;
+    return string_in_list(complaints, -std::max<int>(result, CORVEL_UPGRADE_SET_INCOMPLETE));
 }

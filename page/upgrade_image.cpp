@@ -3,50 +3,32 @@
 
 #include <corvel.h>
 
-#include "page/utf8.h"
 #include "support/big_endian.h"
 #include "support/text.h"
 
 namespace corvel {
 namespace {
 
-/// The printable characters at the start of the version section.
-std::string_view printable_start(FlashBytes bytes) {
-    const std::string_view text(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-    std::size_t length = 0;
-    while (utf8_length(after(text, length)) != 0 && !is_control(after(text, length)))
-        length += utf8_length(after(text, length));
-    return front(text, length);
-}
-
-/// The partition that a section is written to, if it is part of an upgrade.
-unsigned target_of(const sign_tbl_entry &row, int set) {
-    return is_in_set_a(row) ? row.mtd_id - root_partition(CORVEL_FIRMWARE_A) + root_partition(set)
-                            : row.mtd_id;
-}
-
-bool is_half_of(unsigned partition, int set) {
-    return partition - root_partition(set) < halves_of_set;
-}
+static_assert(root_b_row == root_a_row + halves_of_set && root_a_row % halves_of_set == 0,
+              "the rows of the sets are next to each other, and a half is row % 2");
 
 /// Checks a section for a partition. The sum of a section whose `mtd_id` exempts it is not checked,
 /// its size is: the CRC of the image protects the content.
-corvel_upgrade_result take_half(const SectionHeader &header, const sign_tbl_entry &row,
-                                FlashBytes payload, const PartitionSizes &sizes,
-                                UpgradeImage &image) {
-    const unsigned target = target_of(row, image.set);
-    if (is_half_of(target, other_set(image.set)))
-        return CORVEL_UPGRADE_RUNNING_SET;
-    if (!is_half_of(target, image.set))
+corvel_upgrade_result take_half(const SectionHeader &header, std::uint32_t row, FlashBytes payload,
+                                const PartitionSizes &sizes, UpgradeImage &image) {
+    if (row < root_a_row || row >= root_b_row + halves_of_set)
         return CORVEL_UPGRADE_OTHER_PARTITION;
-    const unsigned number = target - root_partition(image.set);
+    if (row >= root_b_row && image.set == CORVEL_FIRMWARE_A)
+        return CORVEL_UPGRADE_RUNNING_SET;
+    const unsigned number = row % halves_of_set;
     Half &half = image.halves[number];
     if (half.name != nullptr)
         return CORVEL_UPGRADE_TWICE;
     if (header.pad >= payload.size())
         return CORVEL_UPGRADE_SECTION_DAMAGED;
-    half = {row.name, target, payload.first(payload.size() - 1 - header.pad)};
-    if (half.data.size() > row.max_size || half.data.size() > sizes[number])
+    half = {partition_name(row), root_partition(image.set) + number,
+            payload.first(payload.size() - 1 - header.pad)};
+    if (half.data.size() > size_limit(row) || half.data.size() > sizes[number])
         return CORVEL_UPGRADE_TOO_LARGE;
     return is_erased(half.data) ? CORVEL_UPGRADE_EMPTY : CORVEL_UPGRADE_DONE;
 }
@@ -57,7 +39,9 @@ corvel_upgrade_result take_version(FlashBytes bytes, const SectionHeader &header
     if (payload.size() < crc_size || is_checked(header.mtd_id) ||
         payload.data() + payload.size() != bytes.data() + bytes.size())
         return CORVEL_UPGRADE_NO_VERSION;
-    image.version = printable_start(payload.first(payload.size() - crc_size));
+    const std::string_view text(reinterpret_cast<const char *>(payload.data()),
+                                payload.size() - crc_size);
+    image.version = front(text, printable_length(text));
     const std::size_t covered = bytes.size() - crc_size;
     if (crc32(bytes.data(), static_cast<int>(covered)) != big_endian_word(bytes.last<crc_size>()))
         return CORVEL_UPGRADE_BAD_CRC;
@@ -85,13 +69,12 @@ corvel_upgrade_result inspect_image(FlashBytes bytes, int set, const PartitionSi
         rest = rest.subspan(header.len);
         if (row == CORVEL_NO_PARTITION)
             continue;
-        if (is_version(sign_tbl[row]))
+        if (row == version_row)
             return take_version(bytes, header, payload, image);
-        image.failed = sign_tbl[row].name; // unless it passes
+        image.failed = partition_name(row); // unless it passes
         if (is_checked(header.mtd_id) && sum_of(payload) != 0)
             return CORVEL_UPGRADE_SECTION_DAMAGED;
-        const corvel_upgrade_result result =
-            take_half(header, sign_tbl[row], payload, sizes, image);
+        const corvel_upgrade_result result = take_half(header, row, payload, sizes, image);
         if (result != CORVEL_UPGRADE_DONE)
             return result;
         image.failed = nullptr;

@@ -244,7 +244,9 @@ TEST(corvel_boot_read, NamesTheRunningSetByTheCommandLine) {
             {"root=31:4 x=\"y root=31:2 z\"\n", B},
             {"root=\"31:4\"\n", B},
             {"nfsroot=31:2\troot=31:4\n", B},
-            {std::string(70'000 / 2, 'x') + " root=31:4\n", B},
+            {"x\"root=31:2\" \"root=31:4\"\n", B},
+            {"root=31:4 \"x -- root=31:2\"\n", B},
+            {std::string(16'000, 'x') + " root=31:4\n", B},
             // No set is named: the environment counts, which names A.
             {"root=31:4 root=/dev/nfs\n", A},
             {"root=31:40\n", A},
@@ -252,6 +254,7 @@ TEST(corvel_boot_read, NamesTheRunningSetByTheCommandLine) {
             {"root=31:4" + std::string(100, '0') + "\n", A},
             {"quiet\n", A},
             {"", A},
+            {"root=31:4 " + std::string(16'384 - 10, 'x'), A},
             {"root=31:4 " + std::string(70'000, 'x') + "\n", A},
         };
         for (const auto &[line, set] : lines) {
