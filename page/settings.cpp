@@ -13,10 +13,12 @@
 
 #include "config/companion_files.h"
 #include "config/property_table.h"
+#include "page/control_character.h"
 #include "page/settings_file.h"
 #include "page/settings_recovery.h"
 #include "page/settings_text.h"
 #include "page/sha256.h"
+#include "page/string_list.h"
 #include "support/text.h"
 
 namespace corvel {
@@ -24,14 +26,9 @@ namespace {
 
 /// The version of a content, as text.
 struct Version {
-    char text[CORVEL_SETTINGS_VERSION_SIZE] = "";
+    char text[CORVEL_SETTINGS_VERSION_SIZE];
 
-    Version() = default;
-    explicit Version(std::string_view content) {
-        Sha256 hash;
-        hash.update(content);
-        hash.digest_text(text);
-    }
+    void set(std::string_view content) { hash_text("", content, text); }
     bool operator==(const Version &other) const { return std::strcmp(text, other.text) == 0; }
 };
 static_assert(CORVEL_SETTINGS_VERSION_SIZE == Sha256::text_size);
@@ -62,25 +59,15 @@ class RawValue {
     std::size_t length_ = 0;
 };
 
-constexpr bool is_letter(char character) {
-    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
-}
-
 /// A name is one word without characters that a shell or the file's syntax treats specially.
-bool is_valid_name(std::string_view name) {
-    for (const char character : name)
-        if (!is_letter(character) && !is_digit(character) &&
-            std::string_view("_-.:/@+[]").find(character) == std::string_view::npos)
-            return false;
-    return !name.empty();
+bool is_valid_name(const char *name) {
+    constexpr const char *characters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                       "0123456789_-.:/@+[]";
+    return *name != '\0' && name[std::strspn(name, characters)] == '\0';
 }
 
 std::ptrdiff_t count_lines(std::string_view content) {
     return std::count(content.begin(), content.end(), '\n');
-}
-
-bool is_control_character(char character) {
-    return static_cast<unsigned char>(character) < ' ' || character == '\x7F';
 }
 
 } // namespace
@@ -89,21 +76,21 @@ bool is_control_character(char character) {
 using namespace corvel;
 
 struct corvel_settings {
-    SettingsPaths paths;
-    char separator = '\0';
     SettingsText::Pointer text;
-    Version loaded;
-    /// The version that the form was made from, if one was stated.
-    Version expected;
+    char separator = '\0';
     bool is_expecting = false;
+    bool has_fewer_lines = false; ///< Than the file that is replaced.
+    Version loaded;
+    Version expected; ///< The one that the form was made from, if one was stated.
 
     // While the files of a list are saved:
-    corvel_settings *next = nullptr;
     Version current;
+    corvel_settings *next = nullptr;
     std::optional<SettingsLock> lock;
     std::optional<NewVersion> version;
     std::optional<NewVersion> kept;
-    bool has_fewer_lines = false;
+
+    SettingsPaths paths;
 };
 
 namespace corvel {
@@ -122,51 +109,38 @@ SettingsPointer new_settings() {
     return SettingsPointer(block != nullptr ? new (block) corvel_settings : nullptr);
 }
 
-/// Opens the file. If it is missing, the writer that removed it is waited for, and if it has died,
+/// Reads the file. If it is missing, the writer that removed it is waited for, and if it has died,
 /// the file is restored.
-corvel_settings_result open_or_restore(const SettingsPaths &paths, char separator,
-                                       Descriptor &file) {
-    bool missing = false;
-    file = open_file(paths.file(), missing);
-    if (!missing)
-        return CORVEL_SETTINGS_UNCHANGED;
-    const SettingsRecovery recovery(paths, separator);
-    const corvel_settings_result result = recovery.restore();
-    file = open_regular(paths.file());
-    return result;
+corvel_settings_result read_or_restore(const corvel_settings &settings, FileContent &file) {
+    corvel_settings_result result = CORVEL_SETTINGS_UNCHANGED;
+    file.read(settings.paths.file());
+    if (file.is_missing()) {
+        result = SettingsRecovery(settings.paths, settings.separator).restore();
+        file.read(settings.paths.file());
+    }
+    return result < 0 || file.is_read() ? result : file.result();
 }
 
-corvel_settings_result load(const char *path, char separator, SettingsPointer &loaded) {
-    SettingsPointer settings = new_settings();
-    if (!settings)
-        return CORVEL_SETTINGS_NO_MEMORY;
-    if (!settings->paths.build(path))
+corvel_settings_result load(corvel_settings &settings, const char *path, char separator) {
+    if (!settings.paths.build(path))
         return CORVEL_SETTINGS_UNREADABLE;
-    settings->separator = separator_of(static_cast<signed char>(separator));
-    Descriptor file(-1);
-    const corvel_settings_result opened =
-        open_or_restore(settings->paths, settings->separator, file);
-    if (opened < 0)
-        return opened;
-    Bytes content;
-    const corvel_settings_result read = read_content(file, content);
-    if (read != CORVEL_SETTINGS_SAVED)
-        return read;
-    settings->text = SettingsText::parse(content.view(), settings->separator);
-    if (!settings->text)
-        return CORVEL_SETTINGS_NO_MEMORY;
-    settings->loaded = Version(content.view());
-    loaded = std::move(settings);
-    return opened;
+    settings.separator = separator_of(static_cast<signed char>(separator));
+    FileContent file;
+    const corvel_settings_result result = read_or_restore(settings, file);
+    if (result < 0)
+        return result;
+    settings.text = SettingsText::parse(file.view(), settings.separator);
+    settings.loaded.set(file.view());
+    return settings.text ? result : CORVEL_SETTINGS_NO_MEMORY;
 }
 
 /// Whether all settings of a name have a value.
-bool has_value(const SettingsText &text, std::string_view name, std::string_view value) {
+bool has_value(const SettingsText &text, const char *name, const char *value) {
     bool found = false;
     for (const SettingsText::Row &row : text.rows()) {
-        if (row.name != name)
+        if (std::strcmp(row.name, name) != 0)
             continue;
-        if (row.value != value)
+        if (std::strcmp(row.value, value) != 0)
             return false;
         found = true;
     }
@@ -185,7 +159,9 @@ const char *apply(corvel_settings &settings, const SettingsChange &change, const
     if (!text)
         return "There is not enough memory.";
     const char *const found = text->find(change.name);
-    if (value == nullptr ? found != nullptr : found == nullptr || std::string_view(found) != value)
+    const bool is_as_intended =
+        found != nullptr && value != nullptr ? std::strcmp(found, value) == 0 : found == value;
+    if (!is_as_intended)
         return "The settings file cannot store this.";
     settings.text = std::move(text);
     return nullptr;
@@ -210,9 +186,7 @@ class Saving {
         return !(settings.current == settings.loaded);
     }
     static corvel_settings_result lock(corvel_settings &settings);
-    static corvel_settings_result create(corvel_settings &settings);
-    static corvel_settings_result check(corvel_settings &settings);
-    static corvel_settings_result write(corvel_settings &settings);
+    static corvel_settings_result prepare(corvel_settings &settings);
     static corvel_settings_result place(corvel_settings &settings);
 
     /// In the order of the paths, so that two programs that save the same files do not wait for
@@ -242,7 +216,7 @@ corvel_settings_result Saving::add(corvel_settings *settings) {
     if (*place != nullptr && std::strcmp((*place)->paths.file(), settings->paths.file()) == 0)
         return CORVEL_SETTINGS_OUTDATED;
     settings->next = std::exchange(*place, settings);
-    settings->current = Version(settings->text->content());
+    settings->current.set(settings->text->content());
     return CORVEL_SETTINGS_SAVED;
 }
 
@@ -261,41 +235,29 @@ corvel_settings_result Saving::lock(corvel_settings &settings) {
     return settings.lock->busy() ? CORVEL_SETTINGS_BUSY : CORVEL_SETTINGS_SAVED;
 }
 
-corvel_settings_result Saving::create(corvel_settings &settings) {
-    if (!is_changed(settings))
-        return CORVEL_SETTINGS_SAVED;
-    settings.version.emplace(settings.paths.names(), settings.lock->held());
-    if (settings.version->created() != CORVEL_SETTINGS_SAVED)
-        return settings.version->created();
-    settings.kept.emplace(settings.paths.kept_names(), settings.lock->held());
-    return settings.kept->created();
-}
-
-/// Checks that the file is the one that was loaded. While its copy is locked, nobody replaces it,
-/// not even a writer without the lock file.
-corvel_settings_result Saving::check(corvel_settings &settings) {
-    Bytes content;
-    const corvel_settings_result read = read_content(open_regular(settings.paths.file()), content);
-    if (read != CORVEL_SETTINGS_SAVED)
-        return read;
-    const Version version(content.view());
-    if (!(version == settings.loaded))
+/// Writes the new versions if the file is the one that was loaded. While its copy is locked, nobody
+/// replaces it, not even a writer without the lock file.
+corvel_settings_result Saving::prepare(corvel_settings &settings) {
+    if (is_changed(settings)) {
+        settings.version.emplace(settings.paths.names(), settings.lock->held());
+        if (settings.version->result() < 0)
+            return settings.version->result();
+        settings.kept.emplace(settings.paths.kept_names(), settings.lock->held());
+    }
+    FileContent file;
+    file.read(settings.paths.file());
+    if (!file.is_read())
+        return file.result();
+    Version version;
+    version.set(file.view());
+    if (!(version == settings.loaded) || (settings.is_expecting && !(version == settings.expected)))
         return CORVEL_SETTINGS_OUTDATED;
-    if (settings.is_expecting && !(version == settings.expected))
-        return CORVEL_SETTINGS_OUTDATED;
-    settings.has_fewer_lines = count_lines(settings.text->content()) < count_lines(content.view());
-    return CORVEL_SETTINGS_SAVED;
-}
-
-corvel_settings_result Saving::write(corvel_settings &settings) {
-    if (!is_changed(settings))
-        return CORVEL_SETTINGS_SAVED;
-    const Descriptor file = open_regular(settings.paths.file());
     const std::string_view content = settings.text->content();
-    return file && settings.version->write(content, file.get()) &&
-                   settings.kept->write(content, file.get())
-               ? CORVEL_SETTINGS_SAVED
-               : CORVEL_SETTINGS_UNWRITABLE;
+    settings.has_fewer_lines = count_lines(content) < count_lines(file.view());
+    if (!is_changed(settings))
+        return CORVEL_SETTINGS_SAVED;
+    const corvel_settings_result written = settings.version->write(content, file.descriptor());
+    return written < 0 ? written : settings.kept->write(content, file.descriptor());
 }
 
 /// If the writer dies between the two renames, the file has as many lines as the kept version or
@@ -304,15 +266,15 @@ corvel_settings_result Saving::place(corvel_settings &settings) {
     if (!is_changed(settings))
         return CORVEL_SETTINGS_SAVED;
     const SettingsPaths &paths = settings.paths;
-    if (settings.has_fewer_lines && !settings.kept->take_place(paths.kept(), paths))
-        return CORVEL_SETTINGS_UNWRITABLE;
-    if (!settings.version->take_place(paths.file(), paths))
+    if (settings.has_fewer_lines)
+        settings.kept->take_place(paths.kept(), paths);
+    if (settings.kept->result() < 0 ||
+        settings.version->take_place(paths.file(), paths) != CORVEL_SETTINGS_SAVED)
         return CORVEL_SETTINGS_UNWRITABLE;
     settings.loaded = settings.current;
     settings.is_expecting = false;
-    if (!settings.has_fewer_lines && !settings.kept->take_place(paths.kept(), paths))
-        return CORVEL_SETTINGS_UNWRITABLE;
-    return CORVEL_SETTINGS_SAVED;
+    return settings.has_fewer_lines ? CORVEL_SETTINGS_SAVED
+                                    : settings.kept->take_place(paths.kept(), paths);
 }
 
 corvel_settings_result Saving::run(corvel_settings *const files[], std::size_t count) {
@@ -324,7 +286,7 @@ corvel_settings_result Saving::run(corvel_settings *const files[], std::size_t c
     bool changed = false;
     for (const corvel_settings *settings = first_; settings != nullptr; settings = settings->next)
         changed = changed || is_changed(*settings);
-    for (const auto step : {lock, create, check, write, place}) {
+    for (const auto step : {lock, prepare, place}) {
         const corvel_settings_result result = for_each(step);
         if (result < 0)
             return result;
@@ -332,24 +294,14 @@ corvel_settings_result Saving::run(corvel_settings *const files[], std::size_t c
     return changed ? CORVEL_SETTINGS_SAVED : CORVEL_SETTINGS_UNCHANGED;
 }
 
-const char *complaint_about(corvel_settings_result result) {
-    switch (result) {
-    case CORVEL_SETTINGS_OUTDATED:
-        return "The settings were changed in the meantime. Load the page again.";
-    case CORVEL_SETTINGS_BUSY:
-        return "The settings are being saved by another program. Try again.";
-    case CORVEL_SETTINGS_UNREADABLE:
-        return "The settings cannot be read.";
-    case CORVEL_SETTINGS_UNWRITABLE:
-        return "The settings cannot be written.";
-    case CORVEL_SETTINGS_NO_MEMORY:
-        return "There is not enough memory.";
-    case CORVEL_SETTINGS_DAMAGED:
-        return "The settings are damaged.";
-    default:
-        return "";
-    }
-}
+/// The complaints of the negative results, the next one below zero first.
+constexpr char complaints[] = "\0"
+                              "The settings were changed in the meantime. Load the page again.\0"
+                              "The settings are being saved by another program. Try again.\0"
+                              "The settings cannot be read.\0"
+                              "The settings cannot be written.\0"
+                              "There is not enough memory.\0"
+                              "The settings are damaged.";
 
 } // namespace
 } // namespace corvel
@@ -358,11 +310,12 @@ extern "C" {
 
 corvel_settings *corvel_settings_load(const char *path, char separator,
                                       corvel_settings_result *result) {
-    SettingsPointer settings;
-    const corvel_settings_result loaded = load(path, separator, settings);
+    SettingsPointer settings = new_settings();
+    const corvel_settings_result loaded =
+        settings ? load(*settings, path, separator) : CORVEL_SETTINGS_NO_MEMORY;
     if (result != nullptr)
         *result = loaded;
-    return settings.release();
+    return loaded < 0 ? nullptr : settings.release();
 }
 
 void corvel_settings_free(corvel_settings *settings) { SettingsPointer(settings).reset(); }
@@ -374,12 +327,11 @@ const char *corvel_setting(const corvel_settings *settings, const char *name) {
 const char *corvel_setting_set(corvel_settings *settings, const char *name, const char *value) {
     if (settings == nullptr)
         return "The settings cannot be read.";
-    if (!is_valid_name(text_of(name)))
+    if (!is_valid_name(text_or_empty(name)))
         return "This name cannot be stored.";
     if (value == nullptr)
         return "This is missing.";
-    const std::string_view text = value;
-    if (std::any_of(text.begin(), text.end(), is_control_character))
+    if (has_control_character(value))
         return "This contains a character that cannot be stored.";
     const RawValue raw_value(value);
     if (!raw_value.fits())
@@ -440,16 +392,14 @@ corvel_settings_result corvel_settings_recover(const char *path, char separator)
 
 int corvel_settings_status(corvel_settings_result result, const char **complaint) {
     if (complaint != nullptr)
-        *complaint = complaint_about(result);
-    switch (result) {
-    case CORVEL_SETTINGS_OUTDATED:
+        *complaint = string_in_list(complaints, result >= CORVEL_SETTINGS_DAMAGED ? -result : 0);
+    if (result >= 0)
+        return CORVEL_HTTP_OK;
+    if (result == CORVEL_SETTINGS_OUTDATED)
         return CORVEL_HTTP_CONFLICT;
-    case CORVEL_SETTINGS_BUSY:
-    case CORVEL_SETTINGS_NO_MEMORY:
-        return CORVEL_HTTP_SERVICE_UNAVAILABLE;
-    default:
-        return result < 0 ? CORVEL_HTTP_INTERNAL_SERVER_ERROR : CORVEL_HTTP_OK;
-    }
+    return result == CORVEL_SETTINGS_BUSY || result == CORVEL_SETTINGS_NO_MEMORY
+               ? CORVEL_HTTP_SERVICE_UNAVAILABLE
+               : CORVEL_HTTP_INTERNAL_SERVER_ERROR;
 }
 
 } // extern "C"

@@ -18,8 +18,7 @@ namespace corvel {
 bool is_truncated_version(std::string_view content, std::string_view whole, char separator);
 
 /// Whether the content can be that of a file that a writer completed.
-/// @param kept the kept version; null if there is none.
-bool is_whole(std::string_view content, const std::string_view *kept, char separator);
+bool is_whole(const FileContent &file, const FileContent &kept, char separator);
 
 /// The recovery of a settings file, with the other writers excluded until it is destroyed.
 class SettingsRecovery {
@@ -34,14 +33,12 @@ class SettingsRecovery {
   private:
     bool wait_for_copy();
     [[nodiscard]] bool place_copy() const;
-    [[nodiscard]] corvel_settings_result
-    restore_kept(std::string_view content, const Descriptor &kept, const Descriptor &damaged) const;
 
     const SettingsPaths &paths_;
     char separator_;
     SettingsLock lock_;
     /// What a dead writer left. Locked, so that a writer without the lock file leaves it alone.
-    Descriptor copy_{-1};
+    FileContent copy_;
     bool busy_;
 };
 

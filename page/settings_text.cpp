@@ -162,9 +162,9 @@ SettingsText::Pointer SettingsText::parse(std::string_view content, char separat
     return text;
 }
 
-const char *SettingsText::find(std::string_view name) const {
+const char *SettingsText::find(const char *name) const {
     for (const Row &row : rows_)
-        if (row.name == name)
+        if (std::strcmp(row.name, name) == 0)
             return row.value;
     return nullptr;
 }

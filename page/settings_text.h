@@ -21,10 +21,15 @@ class Bytes {
     Bytes &operator=(const Bytes &) = delete;
     ~Bytes() { wipe_and_free(start_, size_); }
 
-    /// Allocates the block, once. False if memory cannot be allocated.
+    void clear() {
+        wipe_and_free(start_, size_);
+        start_ = nullptr;
+        size_ = 0;
+    }
+    /// Allocates the block, which was empty. False if memory cannot be allocated.
     bool allocate(std::size_t size) {
         start_ = static_cast<char *>(std::malloc(size != 0 ? size : 1));
-        size_ = size;
+        size_ = start_ != nullptr ? size : 0;
         return start_ != nullptr;
     }
     [[nodiscard]] char *start() { return start_; }
@@ -54,7 +59,7 @@ class SettingsText {
     [[nodiscard]] std::string_view content() const { return content_; }
     [[nodiscard]] std::span<const Row> rows() const { return rows_; }
     /// The value of the first setting with this name, as for get_prop(); null if there is none.
-    [[nodiscard]] const char *find(std::string_view name) const;
+    [[nodiscard]] const char *find(const char *name) const;
 
   private:
     std::size_t block_size_;
@@ -67,7 +72,7 @@ bool split_line(std::string_view line, char separator, Setting &setting);
 
 /// A change of the lines of one setting.
 struct SettingsChange {
-    std::string_view name;
+    const char *name;
     /// Quoted and escaped; empty to remove the lines.
     std::string_view raw_value;
     char separator;
