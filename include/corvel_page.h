@@ -1892,8 +1892,9 @@ typedef struct corvel_upgrade_rules {
     const char *command_line; /**< The kernel's command line. Default: "/proc/cmdline". */
     /**
      * File of the progress, and the lock of everything that writes the flash; created with mode
-     * 0600. It must be in a directory that only root can write to and that is empty after a
-     * restart. Default: "/run/upgrade".
+     * 0600. An existing one must be a regular file of the effective user without permissions for
+     * others and without a second name. It must be in a directory that only root can write to and
+     * that is empty after a restart. Default: "/run/upgrade".
      */
     const char *record;
 } corvel_upgrade_rules;

@@ -65,4 +65,56 @@ static_assert(offsetof(corvel_upload_sink, data) == 2 * pointer);
 static_assert(offsetof(corvel_upload_sink, end) == 3 * pointer);
 static_assert(sizeof(corvel_upload_sink) == 4 * pointer);
 
+static_assert(is_plain<corvel_session_rules>);
+static_assert(offsetof(corvel_session_rules, directory) == 0);
+static_assert(offsetof(corvel_session_rules, cookie) == pointer);
+static_assert(offsetof(corvel_session_rules, idle_seconds) == 2 * pointer);
+static_assert(offsetof(corvel_session_rules, lifetime_seconds) == 4 + 2 * pointer);
+static_assert(offsetof(corvel_session_rules, sessions_max) == 8 + 2 * pointer);
+static_assert(offsetof(corvel_session_rules, user_exists) == (pointer == 8 ? 32 : 20));
+static_assert(sizeof(corvel_session_rules) == (pointer == 8 ? 40 : 24));
+
+static_assert(is_plain<corvel_login_rules>);
+static_assert(offsetof(corvel_login_rules, record) == 0);
+static_assert(offsetof(corvel_login_rules, free_attempts) == pointer);
+static_assert(offsetof(corvel_login_rules, longest_seconds) == 4 + pointer);
+static_assert(offsetof(corvel_login_rules, check) == 8 + pointer);
+static_assert(sizeof(corvel_login_rules) == 8 + 2 * pointer);
+
+static_assert(is_plain<corvel_upgrade_rules>);
+static_assert(offsetof(corvel_upgrade_rules, command_line) == 0);
+static_assert(offsetof(corvel_upgrade_rules, record) == pointer);
+static_assert(sizeof(corvel_upgrade_rules) == 2 * pointer);
+
+static_assert(is_plain<corvel_boot>);
+static_assert(offsetof(corvel_boot, running) == 0);
+static_assert(offsetof(corvel_boot, next) == 4);
+static_assert(offsetof(corvel_boot, can_change) == 8);
+static_assert(sizeof(corvel_boot) == 12);
+
+static_assert(is_plain<corvel_upgrade_section>);
+static_assert(offsetof(corvel_upgrade_section, name) == 0);
+static_assert(offsetof(corvel_upgrade_section, target) == pointer);
+static_assert(offsetof(corvel_upgrade_section, device) == 2 * pointer);
+static_assert(offsetof(corvel_upgrade_section, size) == 4 + 2 * pointer);
+static_assert(sizeof(corvel_upgrade_section) == 8 + 2 * pointer);
+
+static_assert(is_plain<corvel_upgrade_report>);
+static_assert(offsetof(corvel_upgrade_report, set) == 0);
+static_assert(offsetof(corvel_upgrade_report, count) == pointer);
+static_assert(offsetof(corvel_upgrade_report, failed) == 2 * pointer);
+static_assert(offsetof(corvel_upgrade_report, sections) == 3 * pointer);
+static_assert(offsetof(corvel_upgrade_report, version) ==
+              3 * pointer + 2 * sizeof(corvel_upgrade_section));
+static_assert(sizeof(corvel_upgrade_report) == (pointer == 8 ? 136 : 108));
+
+static_assert(is_plain<corvel_upgrade_status>);
+static_assert(offsetof(corvel_upgrade_status, state) == 0);
+static_assert(offsetof(corvel_upgrade_status, result) == 4);
+static_assert(offsetof(corvel_upgrade_status, set) == 8);
+static_assert(offsetof(corvel_upgrade_status, section) == (pointer == 8 ? 16 : 12));
+static_assert(offsetof(corvel_upgrade_status, written) == (pointer == 8 ? 24 : 16));
+static_assert(offsetof(corvel_upgrade_status, total) == (pointer == 8 ? 28 : 20));
+static_assert(sizeof(corvel_upgrade_status) == (pointer == 8 ? 32 : 24));
+
 } // namespace
