@@ -43,12 +43,12 @@ std::uint64_t client_from(const unsigned char (&address)[16]) {
 
 /// The number of a client: its IPv4 address, or the first 64 bits of its IPv6 address, since one
 /// client can use all addresses that have them in common.
-std::uint64_t client_named(std::string_view name) {
-    if (name.starts_with('['))
-        name.remove_prefix(1);
+std::uint64_t client_named(const char *name) {
+    if (*name == '[')
+        ++name;
     char text[INET6_ADDRSTRLEN];
     unsigned char address[16] = {};
-    store(text, front(name, name.find_first_of("]%")));
+    store(text, {name, std::strcspn(name, "]%")});
     if (inet_pton(AF_INET6, text, address) == 1)
         return client_from(address);
     if (inet_pton(AF_INET, text, address) == 1)

@@ -19,13 +19,8 @@ class Pieces {
 
     struct Piece {
         std::string_view bytes;
+        std::string_view text; ///< As load_prop() parses it: up to a NUL, without its newline.
         bool unterminated;
-
-        /// The piece as load_prop() parses it: up to a NUL, without its newline.
-        [[nodiscard]] std::string_view text() const {
-            const std::string_view line = front(bytes, bytes.find('\0'));
-            return front(line, line.size() - (line.ends_with('\n') ? 1 : 0));
-        }
     };
 
     bool next(Piece &piece) {
@@ -36,6 +31,9 @@ class Pieces {
         const bool has_newline = newline != std::string_view::npos;
         piece.bytes = has_newline ? front(longest, newline + 1) : longest;
         piece.unterminated = !has_newline && longest.size() < line_limit;
+        piece.text = front(piece.bytes, strnlen(piece.bytes.data(), piece.bytes.size()));
+        if (piece.text.ends_with('\n'))
+            piece.text.remove_suffix(1);
         rest_ = after(rest_, piece.bytes.size());
         return true;
     }
@@ -91,7 +89,7 @@ void put_changed(Sink &sink, std::string_view content, const SettingsChange &cha
     Pieces::Piece piece;
     bool found = false;
     while (pieces.next(piece)) {
-        const std::string_view line = piece.text();
+        const std::string_view line = piece.text;
         Setting setting;
         if (!split_line(line, change.separator, setting) ||
             !is_line_of(change.name, line, setting)) {
@@ -150,7 +148,7 @@ SettingsText::Pointer SettingsText::parse(std::string_view content, char separat
     std::size_t used = 0;
     for (Pieces pieces(content); pieces.next(piece);) {
         Setting setting;
-        if (piece.unterminated || !split_line(piece.text(), separator, setting))
+        if (piece.unterminated || !split_line(piece.text, separator, setting))
             continue;
         rows[used].name = end;
         const std::string_view name = take_word(setting.name_area);
