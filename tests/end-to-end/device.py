@@ -82,6 +82,14 @@ def process_namespace(pid):
         return None
 
 
+def start_time(pid):
+    """Returns what distinguishes a process from a later one with the same number; None if it is gone."""
+    try:
+        return pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[19]
+    except OSError:
+        return None
+
+
 def processes():
     return [int(name) for name in os.listdir("/proc") if name.isdigit()]
 
@@ -112,6 +120,7 @@ class Demo:
         self._tokens = {}
         self.namespaces = set()
         self.members = []
+        self._started = {}
         _running.add(self)
         # Another test's client can take the port between the choice and the start.
         for _ in range(5):
@@ -133,6 +142,7 @@ class Demo:
         self.members = descendants(self.process.pid)
         own = process_namespace("self")
         self.namespaces = {process_namespace(pid) for pid in self.members} - {own, None}
+        self._started = {pid: start_time(pid) for pid in self.members}
         try:
             self.session = self.log_in(password=password)
         except BaseException:
@@ -177,7 +187,8 @@ class Demo:
 
     def remaining_processes(self):
         """Returns the processes of the device and of the script that still exist."""
-        left = [pid for pid in self.members if process_namespace(pid)]
+        left = [pid for pid, started in self._started.items()
+                if started and process_namespace(pid) and start_time(pid) == started]
         return left + [pid for pid in processes() if process_namespace(pid) in self.namespaces]
 
     # Files of the device.
