@@ -12,45 +12,7 @@ from pathlib import Path
 import pytest
 
 from build_tree import SOURCE, user_environment
-
-# Allocates in the library and frees there; the exit status is 0 if the value is read back.
-PROGRAM = r"""
-#include <corvel.h>
-
-int main(void)
-{
-    prop_entry row[1];
-    char value[256];
-    int count = ins_prop("name", "\"value\"", row, 0);
-    int differs = !get_prop("name", value, row, count) || STRCMP(value, "value");
-    free_prop(row, count);
-    return differs;
-}
-"""
-
-# A page of the kit that also calls libcorvel, in the common subset of C99 and C++17.
-PAGE = r"""
-#include <corvel.h>
-#include <corvel_page.h>
-
-int main(void)
-{
-    corvel_request *const request = corvel_request_begin();
-    corvel_answer *const answer = corvel_answer_new(request, NULL);
-    const int status = corvel_request_read(request, NULL);
-    const char *const name = corvel_field(request, "name");
-    if (status != CORVEL_HTTP_OK || name == NULL || STRCMP(name, "") == 0)
-        corvel_answer_error(answer, CORVEL_HTTP_BAD_REQUEST, corvel_request_complaint(request));
-    else
-        corvel_json_string(answer, NULL, name);
-    corvel_answer_send(answer);
-    corvel_answer_free(answer);
-    corvel_request_free(request);
-    return 0;
-}
-"""
-REQUEST = {"REQUEST_METHOD": "GET", "QUERY_STRING": "name=a%22b"}
-LANGUAGES = {"c": "cc -std=c99", "cpp": "c++ -std=c++17"}
+from consumers import CONSUMER, LANGUAGES, PAGE, PROGRAM, REQUEST, assert_answers
 
 # Overruns a small buffer, in the library.
 OVERRUN = r"""
@@ -65,17 +27,6 @@ int main(void)
     free(small);
     return 0;
 }
-"""
-
-CONSUMER = """
-cmake_minimum_required(VERSION 3.20)
-project(consumer LANGUAGES C CXX)
-find_package(corvel 1.0 REQUIRED)
-file(GLOB source program.*)
-foreach(library IN ITEMS corvel corvel_static corvel_page corvel_page_static)
-  add_executable(with_${library} EXCLUDE_FROM_ALL ${source})
-  target_link_libraries(with_${library} PRIVATE corvel::${library})
-endforeach()
 """
 
 
@@ -192,12 +143,6 @@ def test_a_program_with_find_package(library, prefix, directory):
     run(directory / f"with_{library}")
 
 
-def assert_answers(program, **options):
-    """Runs PAGE, which must send the field of REQUEST as JSON."""
-    answer = run(program, **options)
-    assert answer.startswith("Status: 200 OK\n") and answer.endswith('\n\n"a\\"b"'), answer
-
-
 @in_one_process
 @pytest.mark.parametrize("libraries", (
     "$(pkg-config --cflags --libs corvel_page)",
@@ -209,7 +154,7 @@ def test_a_page_with_pkg_config(suffix, libraries, prefix, directory):
     variables = user_environment(prefix)
     run("bash", "-c", f'{LANGUAGES[suffix]} "$0/program.{suffix}" -o "$0/program" {libraries}',
         directory, env=variables)
-    assert_answers(directory / "program", env={**variables, **REQUEST})
+    assert_answers(run(directory / "program", env={**variables, **REQUEST}))
     assert run("pkg-config", "--modversion", "corvel_page", env=variables).startswith("1.")
 
 
@@ -221,7 +166,7 @@ def test_a_page_with_find_package(suffix, library, prefix, directory):
     (directory / "CMakeLists.txt").write_text(CONSUMER)
     run("cmake", "-S", directory, "-B", directory, f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", directory, "--target", f"with_{library}")
-    assert_answers(directory / f"with_{library}", env={**os.environ, **REQUEST})
+    assert_answers(run(directory / f"with_{library}", env={**os.environ, **REQUEST}))
 
 
 # --- The components of the installation ---------------------------------------------------------
