@@ -1,13 +1,16 @@
 # SPDX-License-Identifier: MIT
 """A command inside the device."""
 import os
+import shutil
 import signal
 import stat
 import subprocess
+from pathlib import Path
 
 import pytest
 
-from conftest import wait_until
+from build_tree import INSTALLED
+from conftest import COMMAND, wait_until
 
 CLIENTS = {"laptop", "phone", "printer"}
 
@@ -139,6 +142,40 @@ def test_nothing_is_left_running_after_the_command(device):
     mark = f"400{os.getpid()}"
     device.shell(f"setsid sleep {mark} >/dev/null 2>&1 &")
     assert not running(mark)
+
+
+def test_an_ordinary_user_can_use_it(device):
+    """The installation and the user's directories are the user's own."""
+    if os.geteuid() == 0:
+        installed = device.directory / "installed"
+        shutil.copytree(INSTALLED, installed, symlinks=True)
+        subprocess.run(["chown", "-R", "65534:65534", device.directory], check=True)
+        os.chmod(device.directory.parent, 0o711)
+        for parent in list(device.directory.parents)[:3]:
+            os.chmod(parent, os.stat(parent).st_mode | 0o011)
+        command = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all",
+                   installed / "bin/corvel-device"]
+    else:
+        command = [COMMAND]
+    variables = {**device.variables, "LD_LIBRARY_PATH": ""}
+    done = subprocess.run([*command, "--", "sh", "-c", "id -u; ip -br -4 address show br-lan; exit 5"],
+                          cwd=device.directory, env=variables, stdout=subprocess.PIPE, text=True, timeout=120)
+    assert done.returncode == 5
+    assert done.stdout.startswith("0\n") and "192.168.1.1/24" in done.stdout
+
+
+@pytest.mark.parametrize("option", ("--state", "--record"))
+def test_a_directory_of_another_user_is_refused(device, option):
+    directory = Path("/mnt")  # an empty directory of root's
+    if os.geteuid() == 0:
+        directory = device.directory / "theirs"
+        directory.mkdir()
+        os.chown(directory, 65534, 65534)
+    (device.directory / "www/public").mkdir(parents=True)
+    done = device.run(option, directory, "--www", "www", "--", "true")
+    assert done.status == 1
+    assert "belongs to another user" in done.errors
+    assert list(directory.iterdir()) == []
 
 
 def running(mark):

@@ -46,6 +46,15 @@ def test_requests_under_another_host_name_are_refused(site):
     assert fetch(f"{site}/", Host="evil.example")[0] == 403
 
 
+def test_a_link_that_leads_out_of_the_site_is_reported(device, www):
+    (www / "public/inside").symlink_to("index.html")
+    (www / "public/outside").symlink_to("../../file")
+    done = device.run("--www", www, "--", "true")
+    assert done.status == 0
+    assert "public/outside leads out of the site" in done.errors
+    assert "inside" not in done.errors
+
+
 def test_addresses_of_programs_are_printed(device, www):
     with device.site("--www", www) as (address, process):
         lines = [process.stdout.readline().strip() for _ in range(2)]
