@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Multipart forms read as a stream: which fields and files arrive, and how each fault is reported.
+#include <corvel.h>
 #include <corvel_page.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "tests/support/environment.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/private_root.h"
 #include "tests/support/stand_in.h"
 #include "tests/support/temporary_directory.h"
@@ -666,6 +668,74 @@ TEST(corvel_upload_status, HasAStatusAndASentenceForEachResult) {
         EXPECT_EQ(*complaint == '\0', result == CORVEL_UPLOAD_DONE) << result;
     }
     EXPECT_EQ(corvel_upload_status(CORVEL_UPLOAD_DONE, nullptr), 200);
+}
+
+/** What process_file() prints and stores of an upload. */
+struct Processed {
+    std::string printed;
+    std::vector<std::string> contents;
+};
+
+Processed processed(const std::string &body) {
+    Processed result;
+    prop_file files[CORVEL_UPLOAD_FILES] = {};
+    const std::string delimiter = "--" + boundary;
+    int count = 0;
+    std::vector<char> bytes(body.begin(), body.end());
+    result.printed = capture_stdout([&] {
+        count =
+            process_file(bytes.data(), static_cast<int>(bytes.size()), delimiter.c_str(), files);
+    });
+    for (int i = 0; i < count; ++i)
+        result.contents.emplace_back(static_cast<const char *>(files[i].data), files[i].size);
+    free_prop_file(files, count);
+    return result;
+}
+
+/** The contents of the files that the kit reads of the same upload. */
+std::vector<std::string> read_contents(const std::string &body) {
+    Upload upload(body);
+    EXPECT_EQ(upload.read(), CORVEL_UPLOAD_DONE);
+    std::vector<std::string> contents;
+    for (const File &file : upload.files())
+        contents.push_back(file.content);
+    return contents;
+}
+
+using Contents = std::vector<std::string>;
+
+TEST(UploadTrap, APartWithoutAContentTypeIsSkippedByTheInterfaceAlone) {
+    const std::string body = body_of({{{file_header}, "content"}});
+    const Processed interface = processed(body);
+    EXPECT_EQ(interface.contents, Contents{});
+    EXPECT_EQ(interface.printed, ("\r\n\r\ncontent\r\n--" + boundary).substr(0, 32) + "\n");
+    EXPECT_EQ(read_contents(body), Contents{"content"});
+}
+
+TEST(UploadTrap, FurtherHeadersBelongToTheContentForTheInterfaceAlone) {
+    const std::string body =
+        body_of({{{file_header, "Content-Type: image/png", "Content-Length: 7"}, "content"}});
+    EXPECT_EQ(processed(body).contents, Contents{"ntent-Length: 7\r\n\r\ncontent"});
+    EXPECT_EQ(read_contents(body), Contents{"content"});
+}
+
+TEST(UploadTrap, AContentTypeInTheFileEndsItsStartForTheInterfaceAlone) {
+    const std::string content = "first\r\nContent-Type: text/html\r\n\r\nrest";
+    const std::string body = body_of({{{file_header, "Content-Type: image/png"}, content}});
+    EXPECT_EQ(processed(body).contents, Contents{"rest"});
+    EXPECT_EQ(read_contents(body), Contents{content});
+}
+
+TEST(UploadTrap, AFieldThatContainsFilenameIsPrintedByTheInterfaceAlone) {
+    const std::string value = "filename=x\r\n<script src=//evil.example></script>";
+    const std::string body = body_of({{{field_header}, value}});
+    const Processed interface = processed(body);
+    EXPECT_EQ(interface.contents, Contents{});
+    EXPECT_EQ(interface.printed, value.substr(10, 32) + "\n");
+    Upload upload(body);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(upload.read(), CORVEL_UPLOAD_DONE); }), "");
+    EXPECT_EQ(upload.field("text"), value);
+    EXPECT_TRUE(upload.files().empty());
 }
 
 } // namespace
