@@ -6,10 +6,12 @@ import contextlib
 import html
 import json
 import os
+import pathlib
 import re
 import secrets
 import select
 import shutil
+import signal
 import socket
 import stat
 import struct
@@ -170,6 +172,33 @@ class Strangers(LoginTest):
                 response = self.begin_upload(cookie).recv(4096)
                 self.assertTrue(response.startswith(b"HTTP/1.1 303 "), response)
                 self.assertIn(b"\r\nLocation: /cgi-bin/login\r\n", response)
+
+    def restricted(self):
+        """Returns the programs of an upload that the kernel restricts."""
+        found = []
+        for pid in self.demo.programs("/www/cgi-bin/upload"):
+            status = pathlib.Path(f"/proc/{pid}/status").read_text()
+            if re.search(r"^NoNewPrivs:\t1$", status, re.M) and re.search(r"^Seccomp:\t2$", status, re.M):
+                found.append(pid)
+        return found
+
+    def test_an_upload_is_read_by_a_process_without_privileges(self):
+        """If that process dies, the client gets an error, and no process is left."""
+        connection = socket.create_connection(("127.0.0.1", self.demo.port), timeout=20)
+        self.addCleanup(connection.close)
+        length = 200_000
+        begun = UPLOAD_BODY[:100]
+        connection.sendall((
+            f"POST {UPLOAD}?token={self.demo.token()} HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+            f"Content-Type: {MULTIPART}\r\nCookie: session={self.demo.session}\r\n"
+            f"Content-Length: {length}\r\n\r\n").encode() + begun)
+        self.assertTrue(wait_until(self.restricted))
+        parser, = self.restricted()
+        self.assertEqual(len(self.demo.programs("/www/cgi-bin/upload")), 2)
+        os.kill(parser, signal.SIGKILL)
+        connection.sendall(bytes(length - len(begun)))
+        self.assertIn(b" 500 ", connection.recv(4096))
+        self.assertTrue(wait_until(lambda: not self.demo.programs("/www/cgi-bin/upload")))
 
     def test_the_body_of_a_refused_upload_is_not_stored(self):
         def used():
