@@ -162,8 +162,10 @@ bool ContainedProcess::receive_strings() {
     if (!receive(strings_, size_ - 1))
         return false;
     strings_[size_ - 1] = '\0';
+    if (head_.kind >= RecordKind::content)
+        return total == sizes[0] || fail(wrong_record);
     const char *string = strings_;
-    for (std::size_t i = 0; i < 3 && head_.kind < RecordKind::content; ++i) {
+    for (std::size_t i = 0; i < 3; ++i) {
         if (sizes[i] != 0 && strnlen(string, sizes[i]) != sizes[i] - 1)
             return fail(wrong_record);
         string += sizes[i];

@@ -713,6 +713,7 @@ std::vector<Case> cases() {
         {"large strings",
          then_end([] { send(RecordKind::body, "", UINT32_MAX, UINT32_MAX, UINT32_MAX); }), wrong},
         {"body beyond its limit", then_end([] { send(RecordKind::body, "", 65539); }), wrong},
+        {"body of two strings", then_end([] { send(RecordKind::body, "ab", 1, 1); }), wrong},
         {"unknown outcome",
          [] {
              end(13);
