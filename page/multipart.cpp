@@ -208,7 +208,7 @@ bool MultipartReader::take_boundary(const char *content_type) {
     char copy[1024];
     if (std::strlen(content_type) >= sizeof copy)
         return false;
-    std::strcpy(copy, content_type);
+    store(copy, content_type);
     char *rest = cut(copy, ";");
     Parameter parameter;
     do {

@@ -63,7 +63,7 @@ class MultipartReader {
     corvel_upload_result result_ = CORVEL_UPLOAD_DONE;
     /// CR LF, two hyphens and the boundary.
     std::size_t delimiter_size_ = 0;
-    char delimiter_[4 + longest_boundary + 1];
+    char delimiter_[4 + longest_boundary] = {};
 };
 
 /// Whether a name that a client gave to a file contains no directory.
