@@ -17,24 +17,25 @@ static const char *environment(const char *name) {
 
 /* Requests. */
 
-/* After the login the requested page is shown; a submitted form is lost. */
-static void redirect_to_login(corvel_answer *answer, bool is_get) {
+/* After the login the page is shown with its query, which is null if the page only takes forms. */
+static void redirect_to_login(corvel_answer *answer, const char *query) {
     char path[line_size];
     char encoded[CORVEL_URL_SIZE(sizeof path)];
     char target[sizeof encoded + line_size] = "/cgi-bin/login";
-    const char *query = environment("QUERY_STRING");
-    const int length =
-        snprintf(path, sizeof path, "%s%s%s", environment("SCRIPT_NAME"), *query ? "?" : "", query);
-    if (is_get && length < (int)sizeof path && corvel_is_local_path(path)) {
-        corvel_url_encode(path, encoded, sizeof encoded);
-        snprintf(target, sizeof target, "/cgi-bin/login?next=%s", encoded);
+    if (query) {
+        const int length = snprintf(path, sizeof path, "%s%s%s", environment("SCRIPT_NAME"),
+                                    *query ? "?" : "", query);
+        if (length < (int)sizeof path && corvel_is_local_path(path)) {
+            corvel_url_encode(path, encoded, sizeof encoded);
+            snprintf(target, sizeof target, "/cgi-bin/login?next=%s", encoded);
+        }
     }
     corvel_answer_redirect(answer, target);
 }
 
 /* The answer is not one to the request, whose body would be read first: a client that is not logged
  * in gets it before it has sent its upload. */
-static void send_to_login(const struct page *page) {
+static void send_to_login(const struct page *page, const site_page *site) {
     corvel_answer *answer = corvel_answer_new(NULL, &own_site);
     if (page->is_json) {
         corvel_answer_status(answer, 401);
@@ -42,7 +43,8 @@ static void send_to_login(const struct page *page) {
         corvel_json_string(answer, "error", "login");
         corvel_json_close(answer);
     } else {
-        redirect_to_login(answer, corvel_method(page->request) == CORVEL_GET);
+        const bool is_get = corvel_method(page->request) == CORVEL_GET;
+        redirect_to_login(answer, is_get ? environment("QUERY_STRING") : site->get ? "" : NULL);
     }
     corvel_answer_send(answer);
     corvel_answer_free(answer);
@@ -116,7 +118,7 @@ int serve(const site_page *site) {
     page.is_json = !site->is_public && corvel_method(page.request) == CORVEL_GET && isajax_get();
     page.session = corvel_session_find(page.request, NULL);
     if (!page.session && !site->is_public) {
-        send_to_login(&page);
+        send_to_login(&page, site);
     } else {
         if (!page.is_json)
             corvel_session_touch(page.session);

@@ -340,7 +340,7 @@ const walks = {
       kept,
       domain: await page.getByLabel('Domain').inputValue(),
       hidden: await page.getByLabel('Hide SSID').isChecked(),
-      message: await page.getByRole('status').innerText(),
+      message: await page.locator('.message').innerText(),
       left: await page.evaluate(() => sessionStorage.length),
     };
   },

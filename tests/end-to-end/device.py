@@ -214,9 +214,10 @@ class Demo:
         return dict(line.split(" ", 1) for line in path.read_text().splitlines())
 
     def crashes(self):
-        """Returns lines of the server's log about crashes and sanitizer reports."""
-        log = self.state / "var" / "log" / "lighttpd.log"
-        return [line for line in log.read_text(errors="replace").splitlines()
+        """Returns the lines about crashes and sanitizer reports: the server's log names programs that
+        a signal ended, and the reports are what the programs print."""
+        logs = [self.state / "var/log" / name for name in ("lighttpd.log", "programs.log")]
+        return [line for log in logs for line in log.read_text(errors="replace").splitlines()
                 if re.search(r"died|signal|Sanitizer|runtime error", line)]
 
     def flash(self, number):

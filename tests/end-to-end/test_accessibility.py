@@ -2,6 +2,7 @@
 """What a browser's user meets in every form: contrast, keyboard, and entries that are not lost."""
 
 from demo_test import SharedDemoTest
+from device import FACTORY_PASSWORD
 
 
 class Accessibility(SharedDemoTest):
@@ -24,6 +25,13 @@ class Entries(SharedDemoTest):
 
     def test_the_browser_asks_before_changed_entries_are_lost_and_only_then(self):
         self.assertEqual(self.walk("leaving").result(), {"unchanged": 0, "changed": 1, "saved": 0})
+
+    def test_entries_outlast_the_end_of_the_session_but_not_the_passphrase(self):
+        seen = self.walk("entries", PASSWORD=FACTORY_PASSWORD).result()
+        self.assertEqual((seen["domain"], seen["hidden"], seen["left"]), ("typed.example", True, 0))
+        self.assertIn("not saved yet", seen["message"])
+        self.assertNotIn("secret", seen["kept"])
+        self.assertIn("typed.example", seen["kept"])
 
     def test_the_range_follows_the_address_of_the_router(self):
         self.assertEqual(self.walk("range").result(), ["10.20.30.100", "10.20.30.199"])
