@@ -190,7 +190,7 @@ typedef struct corvel_containment {
  * corvel_request_read() and corvel_upload_read(), each start a process for their duration. It is a
  * copy of the page's process that has given up
  *  - all descriptors but standard input and a pipe to the page,
- *  - the page's user, group and supplementary groups, and the ability to gain privileges,
+ *  - the page's user, groups and capabilities, and the ability to gain privileges,
  *  - files, further processes, core dumps, being traced, and more memory and processor time than
  *    stated,
  *  - all system calls but those with which it reads, writes, waits, asks for the time, allocates

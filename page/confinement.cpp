@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <grp.h>
 #include <linux/audit.h>
+#include <linux/capability.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/mman.h>
@@ -135,6 +136,13 @@ int limit(Resource resource, rlim_t value) {
     return setrlimit(resource, &both);
 }
 
+/// A process that could not become another user may still have all of root's.
+int drop_capabilities() {
+    __user_cap_header_struct version = {_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    return static_cast<int>(syscall(SYS_capset, &version, none));
+}
+
 /// Closes all descriptors but standard input and output.
 void close_others() {
 #ifdef SYS_close_range
@@ -169,6 +177,8 @@ const char *confine(const corvel_containment &containment, pid_t parent) {
         return "setresgid";
     if (failed(setresuid(user, user, user)))
         return "setresuid";
+    if (failed(drop_capabilities()))
+        return "capset";
     // A change of the user resets the latter two.
     if (failed(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) | prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) |
                prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0)))

@@ -1009,6 +1009,32 @@ TEST(corvel_request_begin_contained, NeedsRoot) {
     });
 }
 
+TEST(corvel_request_begin_contained, DropsCapabilitiesEvenIfItCannotChangeTheUser) {
+    SKIP_UNLESS_CONTAINED();
+    const NothingLeft nothing_left;
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    Seen seen;
+    std::thread observer([&] {
+        seen = see_child();
+        EXPECT_EQ(write(ends[1], "a=b", 3), 3);
+    });
+    corvel_containment containment = strictest();
+    containment.accept_less = true;
+    {
+        const FailCall same_user(call_setresuid, 1, EINVAL);
+        const AnyRequest request(post("a=b"), Way::contained, containment);
+        ASSERT_EQ(dup2(ends[0], STDIN_FILENO), STDIN_FILENO);
+        EXPECT_EQ(request.read(), CORVEL_HTTP_OK);
+    }
+    observer.join();
+    close(ends[0]);
+    close(ends[1]);
+    for (const char *line :
+         {"\nUid:\t0\t0\t0\t0\n", "\nCapPrm:\t0000000000000000\n", "\nCapEff:\t0000000000000000\n"})
+        EXPECT_NE(seen.status.find(line), std::string::npos) << line << seen.status;
+}
+
 TEST(corvel_request_begin_contained, ReportsEachFailedAllocation) {
     stand_in_syslog = [](int, const char *) {
     };
