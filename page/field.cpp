@@ -10,7 +10,6 @@
 #include "page/request.h"
 #include "page/syntax.h"
 #include "page/utf8.h"
-#include "support/hexadecimal.h"
 #include "support/text.h"
 
 using namespace corvel;
@@ -251,7 +250,7 @@ const char *corvel_check_mac(const char *value, unsigned char mac[6]) {
         return complaint;
     unsigned char result[6];
     for (std::size_t i = 0; i < sizeof result; ++i, value += 3) {
-        const int byte = hex_pair(value);
+        const int byte = hex_byte(value);
         if (byte < 0 || value[2] != (i < 5 ? ':' : '\0'))
             return "Enter a MAC address, such as 00:11:22:AA:BB:CC.";
         result[i] = static_cast<unsigned char>(byte);

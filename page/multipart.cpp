@@ -5,7 +5,6 @@
 #include <strings.h>
 
 #include "page/syntax.h"
-#include "support/hexadecimal.h"
 #include "support/text.h"
 
 namespace corvel {
@@ -94,7 +93,7 @@ bool decode_extended(char *value, const char *&decoded) {
         return true;
     char *out = text;
     for (const char *at = text; *at != '\0'; ++out) {
-        const int byte = *at == '%' && at[1] != '\0' ? hex_pair(at + 1) : -1;
+        const int byte = *at == '%' && at[1] != '\0' ? hex_byte(at + 1) : -1;
         if (byte == 0)
             return false;
         *out = byte > 0 ? static_cast<char>(byte) : *at;

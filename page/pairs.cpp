@@ -6,8 +6,8 @@
 #include <cstring>
 #include <utility>
 
+#include "page/syntax.h"
 #include "support/handles.h"
-#include "support/hexadecimal.h"
 #include "support/text.h"
 
 namespace corvel {
@@ -20,7 +20,7 @@ constexpr std::size_t fewest_slots = 16;
 char *decode(std::string_view text, char *out) {
     for (; !text.empty(); text.remove_prefix(1)) {
         char character = text[0] == '+' ? ' ' : text[0];
-        const int byte = character == '%' && text.size() > 2 ? hex_pair(text.data() + 1) : -1;
+        const int byte = character == '%' && text.size() > 2 ? hex_byte(text.data() + 1) : -1;
         if (byte >= 0) {
             character = static_cast<char>(byte);
             text.remove_prefix(2);
@@ -91,25 +91,26 @@ Pairs::Added Pairs::make_room(std::size_t pairs, std::size_t bytes) {
     return add_chunk(bytes);
 }
 
-/// Stores the pair whose strings are at the start of the unused bytes.
-void Pairs::commit(char *end) {
+/// Stores the pair whose name and value are at the start of the unused bytes, up to the ends of
+/// each, where there is room for a NUL.
+Pairs::Added Pairs::commit(char *name_end, char *end) {
+    *name_end = '\0';
+    *end = '\0';
+    if (next_ + std::strlen(next_) != name_end || name_end + 1 + std::strlen(name_end + 1) != end)
+        return Added::contains_nul;
     slots_[count_++].name = next_;
-    room_ -= static_cast<std::size_t>(end - next_);
-    next_ = end;
+    room_ -= static_cast<std::size_t>(end + 1 - next_);
+    next_ = end + 1;
     is_sorted_ = false;
+    return Added::stored;
 }
 
 Pairs::Added Pairs::add(std::string_view name, std::string_view value) {
-    if (name.find('\0') != std::string_view::npos || value.find('\0') != std::string_view::npos)
-        return Added::contains_nul;
     const Added added = make_room(1, name.size() + value.size() + 2);
     if (added != Added::stored)
         return added;
-    store({next_, room_}, name);
-    char *const copy = next_ + name.size() + 1;
-    store({copy, value.size() + 1}, value);
-    commit(copy + value.size() + 1);
-    return Added::stored;
+    char *const name_end = std::copy(name.begin(), name.end(), next_);
+    return commit(name_end, std::copy(value.begin(), value.end(), name_end + 1));
 }
 
 Pairs::Added Pairs::add_encoded(std::string_view form) {
@@ -117,10 +118,8 @@ Pairs::Added Pairs::add_encoded(std::string_view form) {
         return Added::stored;
     const auto separators = static_cast<std::size_t>(std::count(form.begin(), form.end(), '&'));
     const std::size_t pairs = std::min(separators + 1, pairs_max_ - count_);
-    const Added added = make_room(pairs, form.size() + 2 * pairs);
-    if (added != Added::stored)
-        return added;
-    while (!form.empty()) {
+    Added added = make_room(pairs, form.size() + 2 * pairs);
+    while (added == Added::stored && !form.empty()) {
         const std::string_view pair = front(form, form.find('&'));
         form = after(form, pair.size() + 1);
         if (pair.empty())
@@ -129,15 +128,9 @@ Pairs::Added Pairs::add_encoded(std::string_view form) {
             return Added::too_many;
         const std::string_view name = front(pair, pair.find('='));
         char *const name_end = decode(name, next_);
-        char *const end = decode(after(pair, name.size() + 1), name_end + 1);
-        *name_end = '\0';
-        *end = '\0';
-        if (std::strlen(next_) + std::strlen(name_end + 1) + 1 !=
-            static_cast<std::size_t>(end - next_))
-            return Added::contains_nul;
-        commit(end + 1);
+        added = commit(name_end, decode(after(pair, name.size() + 1), name_end + 1));
     }
-    return Added::stored;
+    return added;
 }
 
 const char *Pairs::name(std::size_t position) const {
@@ -145,8 +138,8 @@ const char *Pairs::name(std::size_t position) const {
 }
 
 const char *Pairs::value(std::size_t position) const {
-    return position < count_ ? slots_[position].name + std::strlen(slots_[position].name) + 1
-                             : nullptr;
+    const char *const text = name(position);
+    return text != nullptr ? text + std::strlen(text) + 1 : nullptr;
 }
 
 /// Whether a pair is before another one in the order of names; equal names are in their own order.
@@ -180,14 +173,14 @@ void Pairs::sort() const {
     is_sorted_ = true;
 }
 
-const char *Pairs::find(std::string_view name, std::size_t index) const {
+const char *Pairs::find(const char *name, std::size_t index) const {
     if (!is_sorted_)
         sort();
     std::size_t first = 0;
     std::size_t end = count_;
     while (first < end) {
         const std::size_t middle = (first + end) / 2;
-        if (slots_[slots_[middle].sorted].name < name)
+        if (std::strcmp(slots_[slots_[middle].sorted].name, name) < 0)
             first = middle + 1;
         else
             end = middle;
@@ -195,7 +188,7 @@ const char *Pairs::find(std::string_view name, std::size_t index) const {
     if (index >= count_ - first)
         return nullptr;
     const std::size_t position = slots_[first + index].sorted;
-    return slots_[position].name == name ? value(position) : nullptr;
+    return std::strcmp(slots_[position].name, name) == 0 ? value(position) : nullptr;
 }
 
 } // namespace corvel

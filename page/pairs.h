@@ -42,7 +42,7 @@ class Pairs {
     [[nodiscard]] const char *value(std::size_t position) const;
     /// Returns the value with an index among those of a name, null if there are fewer. The first
     /// call after a change sorts an index of the names, in n log n time for any names.
-    [[nodiscard]] const char *find(std::string_view name, std::size_t index) const;
+    [[nodiscard]] const char *find(const char *name, std::size_t index) const;
 
   private:
     struct Chunk;
@@ -55,7 +55,7 @@ class Pairs {
     Added make_room(std::size_t pairs, std::size_t bytes);
     Added add_slots(std::size_t pairs);
     Added add_chunk(std::size_t bytes);
-    void commit(char *end);
+    Added commit(char *name_end, char *end);
     [[nodiscard]] bool is_before(std::size_t left, std::size_t right) const;
     void sift_down(std::size_t top, std::size_t count) const;
     void sort() const;

@@ -30,6 +30,18 @@ std::size_t span_of(const char *text, const char *others) {
     return static_cast<std::size_t>(end - text);
 }
 
+int hex_byte(const char *digits) {
+    int value = 0;
+    for (const char *digit = digits; digit != digits + 2; ++digit) {
+        const char lower = static_cast<char>(*digit | 0x20);
+        const bool is_letter = lower >= 'a' && lower <= 'f';
+        if (!is_letter && !is_digit(*digit))
+            return -1;
+        value = 16 * value + (is_letter ? lower - 'a' + 10 : *digit - '0');
+    }
+    return value;
+}
+
 bool has_control_character(const char *text) {
     for (; *text != '\0'; ++text)
         if (static_cast<unsigned char>(*text) < ' ' || *text == '\x7F')

@@ -14,6 +14,10 @@ bool equals_ignoring_case(std::string_view text, const char *expected);
 /// others.
 std::size_t span_of(const char *text, const char *others);
 
+/// The value of two hexadecimal digits of either case, or -1 if either is not one. If the first is
+/// not, as at the end of a string, the second is not read.
+int hex_byte(const char *digits);
+
 /// True if a string contains a control character of ASCII.
 bool has_control_character(const char *text);
 

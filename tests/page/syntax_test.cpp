@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 #include "page/syntax.h"
 
+#include <cctype>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <string_view>
@@ -9,6 +11,7 @@ namespace {
 
 using corvel::equals_ignoring_case;
 using corvel::has_control_character;
+using corvel::hex_byte;
 using corvel::span_of;
 using corvel::trimmed;
 
@@ -41,6 +44,16 @@ TEST(SpanOf, CountsLettersAndDigitsOfAsciiAndTheOthers) {
     }
     EXPECT_EQ(span_of("", "-"), 0U);
     EXPECT_EQ(span_of("a-b", ""), 1U);
+}
+
+TEST(HexByte, IsTheValueOfTwoDigitsOfEitherCase) {
+    for (int high = 0; high < 256; ++high)
+        for (int low = 0; low < 256; ++low) {
+            const char digits[] = {static_cast<char>(high), static_cast<char>(low), '\0'};
+            const bool is_hex = std::isxdigit(high) != 0 && std::isxdigit(low) != 0;
+            const long expected = is_hex ? std::strtol(digits, nullptr, 16) : -1;
+            ASSERT_EQ(hex_byte(digits), expected) << digits;
+        }
 }
 
 TEST(HasControlCharacter, FindsEachControlOfAscii) {
