@@ -119,11 +119,10 @@ char *corvel_duration_text(long long seconds, char text[CORVEL_TIME_TEXT_SIZE]) 
     // The operators would link 4 KiB of the compiler's own division on a 32-bit processor.
     const lldiv_t days = lldiv(seconds, seconds_per_day);
     const int clock = static_cast<int>(days.rem);
-    int used = 0;
-    if (days.quot > 0)
-        used = std::snprintf(text, CORVEL_TIME_TEXT_SIZE, "%lld d ", days.quot);
-    std::snprintf(text + used, CORVEL_TIME_TEXT_SIZE - static_cast<std::size_t>(used),
-                  "%02d:%02d:%02d", clock / 3600, clock / 60 % 60, clock % 60);
+    // A precision of 0 prints nothing for 0 days.
+    std::snprintf(text, CORVEL_TIME_TEXT_SIZE,
+                  days.quot > 0 ? "%lld d %02d:%02d:%02d" : "%.0lld%02d:%02d:%02d", days.quot,
+                  clock / 3600, clock / 60 % 60, clock % 60);
     return text;
 }
 
