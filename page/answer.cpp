@@ -63,7 +63,7 @@ constexpr int error_min = 400;
 const char *status_name(int status) {
     const char *name = "";
     for (const char *each = statuses; *each != '\0'; each += std::strlen(each) + 1) {
-        const int number = std::atoi(each);
+        const long number = std::strtol(each, nullptr, 10);
         if (number == status || number == status / 100 * 100)
             name = each + 4;
     }
@@ -105,7 +105,7 @@ bool is_reserved(const char *name) {
     static constexpr char names[] =
         "Status\0Content-Type\0Content-Length\0Transfer-Encoding\0Set-Cookie\0";
     const char *each = names;
-    while (*each != '\0' && strcasecmp(name, each) != 0)
+    while (*each != '\0' && !equals_ignoring_case(name, each))
         each += std::strlen(each) + 1;
     return *each != '\0';
 }
@@ -180,7 +180,7 @@ void replace_by_error(corvel_answer &answer, int status, const char *reason) {
     body.print("<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
                "<title>%d %s</title>\n</head>\n<body>\n<h1>%d %s</h1>\n<p>",
                status, name, status, name);
-    append_html(body, text_of(reason));
+    append_html(body, text_or_empty(reason));
     body.print("</p>\n</body>\n</html>\n");
     if (body.failed())
         body.clear();
@@ -389,7 +389,7 @@ void corvel_answer_write(corvel_answer *answer, const void *bytes, size_t size) 
 void corvel_answer_html(corvel_answer *answer, const char *text) {
     Buffer *const body = body_of(answer);
     if (body != nullptr)
-        append_html(*body, text_of(text));
+        append_html(*body, text_or_empty(text));
 }
 
 void corvel_answer_redirect(corvel_answer *answer, const char *path) {
@@ -436,8 +436,7 @@ bool corvel_answer_send(corvel_answer *answer) {
 
 bool corvel_is_local_path(const char *path) {
     return path != nullptr && path[0] == '/' && path[1] != '/' &&
-           strnlen(path, CORVEL_LOCAL_PATH_MAX + 1) <= CORVEL_LOCAL_PATH_MAX &&
-           consists_of(path, "/-._~?&=%+,:@#");
+           consists_of(path, "/-._~?&=%+,:@#") && std::strlen(path) <= CORVEL_LOCAL_PATH_MAX;
 }
 
 } // extern "C"

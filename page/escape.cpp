@@ -60,9 +60,10 @@ const char *json_escape(std::string_view character, char code[code_size]) {
 }
 
 /// Characters that are kept are appended together, not one by one.
-void append_escaped(Buffer &out, std::string_view text, Escape escape) {
+void append_escaped(Buffer &out, const char *string, Escape escape) {
     char code[code_size];
-    const char *kept = text.data();
+    std::string_view text = string;
+    const char *kept = string;
     while (!text.empty()) {
         const char *const start = text.data();
         const std::size_t length = utf8_length(text);
@@ -75,14 +76,14 @@ void append_escaped(Buffer &out, std::string_view text, Escape escape) {
         out.append(escaped);
         kept = text.data();
     }
-    out.append({kept, static_cast<std::size_t>(text.data() - kept)});
+    out.append(kept);
 }
 
 } // namespace
 
-void append_html(Buffer &out, std::string_view text) { append_escaped(out, text, html_escape); }
+void append_html(Buffer &out, const char *text) { append_escaped(out, text, html_escape); }
 
-void append_json_string(Buffer &out, std::string_view text) {
+void append_json_string(Buffer &out, const char *text) {
     out.append("\"");
     append_escaped(out, text, json_escape);
     out.append("\"");

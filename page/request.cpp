@@ -64,7 +64,9 @@ const char *text_of(Refusal refusal) {
     return text;
 }
 
-int status_of(Refusal refusal) { return std::atoi(text_of(refusal)); }
+int status_of(Refusal refusal) {
+    return static_cast<int>(std::strtol(text_of(refusal), nullptr, 10));
+}
 
 Refusal refusal_of(Pairs::Added added) { return static_cast<Refusal>(added); }
 
@@ -582,7 +584,7 @@ const char *corvel_client_address(const corvel_request *request) {
 
 bool corvel_is_secure(const corvel_request *request) {
     const char *const https = text_or_empty(environment(request, "HTTPS"));
-    return *https != '\0' && strcasecmp(https, "off") != 0;
+    return *https != '\0' && !equals_ignoring_case(https, "off");
 }
 
 const char *corvel_request_body(const corvel_request *request, size_t *size) {
