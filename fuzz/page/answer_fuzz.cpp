@@ -7,6 +7,8 @@
 #include "fuzz/page/page_answer.h"
 
 #include <algorithm>
+#include <cstring>
+#include <memory>
 
 #include <syslog.h>
 
@@ -70,6 +72,26 @@ void check_path(const std::string &path) {
     check(has_location == is_local, "the location is the path");
 }
 
+void check_url(const std::string &text) {
+    const std::size_t size = CORVEL_URL_SIZE(text.size());
+    const std::unique_ptr<char[]> url(new char[size]);
+    const std::size_t length = corvel_url_encode(exact_copy(text).get(), url.get(), size);
+    std::string decoded;
+    for (const char *at = url.get(); *at != '\0'; ++at) {
+        const bool is_code = *at == '%';
+        decoded +=
+            is_code ? static_cast<char>(std::stoi(std::string(at + 1, 2), nullptr, 16)) : *at;
+        at += is_code ? 2 : 0;
+    }
+    check(length == std::strlen(url.get()), "the length of a value of a URL is returned");
+    check_equal(decoded, text, "the value of a URL is that of the string");
+    check(length == 0 || length > CORVEL_LOCAL_PATH_MAX - 1 ||
+              corvel_is_local_path(("/" + std::string(url.get())).c_str()),
+          "a value of a URL can be a part of a path");
+    if (length != 0)
+        check(corvel_url_encode(text.c_str(), url.get(), length) == 0, "a value is not truncated");
+}
+
 void check_html(const std::string &text, const std::string &reason) {
     corvel_answer *const answer = new_answer();
     corvel_answer_html(answer, exact_copy(text).get());
@@ -125,7 +147,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string value = input.text();
     check_field(name, value);
     check_cookie(input.text(), input.text());
-    check_path(input.text());
+    const std::string path = input.text();
+    check_path(path);
+    check_url(path);
     check_condition(text, input.text());
     check_html(text, input.text());
     return 0;
