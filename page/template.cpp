@@ -28,11 +28,10 @@ constexpr std::size_t templates_memory = std::size_t{4} * CORVEL_TEMPLATE_MAX;
 /// within sections that produce no output.
 constexpr std::size_t steps_max = 1'048'576;
 
-/// A tag and the text before it. The last one of a template is the end of the template.
+/// A tag and the text before it. The last one of a template, of no kind, is its end.
 struct Tag {
     enum Kind : char {
-        end,
-        value,
+        value = 1,
         markup = '&',
         section = '#',
         inverted = '^',
@@ -54,6 +53,7 @@ struct Template {
     Template *next;
     const char *name;
     Tag *tags;
+    Tag *end;
 };
 
 /// The values of one level, and the levels around it.
@@ -84,13 +84,14 @@ class Parser {
     Parser(Arena &arena, char *text, std::size_t size)
         : arena_(arena), start_(text), at_(text), end_(text + size) {}
 
-    /// Stores the first tag. Returns null, or why the template is malformed.
-    const char *parse(Tag *&first) {
-        for (Tag **place = &first;; place = &(*place)->next) {
+    /// Stores the tags. Returns null, or why the template is malformed.
+    const char *parse(Template &parsed) {
+        for (Tag **place = &parsed.tags;; place = &(*place)->next) {
             tag_ = static_cast<Tag *>(arena_.allocate(sizeof(Tag)));
             if (tag_ == nullptr)
                 return "memory is exhausted";
             *place = tag_;
+            parsed.end = tag_;
             char *const tag_start = find_pair(at_, end_, "{{");
             tag_->text = at_;
             tag_->length =
@@ -148,7 +149,7 @@ class Parser {
     char *at_;
     char *end_;
     Tag *tag_ = nullptr;
-    Tag *open_[sections_max];
+    Tag *open_[sections_max] = {};
     std::size_t depth_ = 0;
 };
 
@@ -177,7 +178,7 @@ class Filler {
             return fail(name, "templates include each other too deeply");
         const Template *const loaded = find(name);
         ++depth_;
-        const bool filled = loaded != nullptr && fill_range(loaded->tags, nullptr, level);
+        const bool filled = loaded != nullptr && fill_range(loaded->tags, loaded->end, level);
         --depth_;
         return filled;
     }
@@ -207,7 +208,7 @@ class Filler {
             return nullptr;
         }
         Parser parser(arena_, text, size);
-        const char *const fault = parser.parse(loaded->tags);
+        const char *const fault = parser.parse(*loaded);
         if (fault != nullptr) {
             corvel_log(CORVEL_LOG_ERROR, "Template %s, line %d: %s.", name, parser.line(), fault);
             return nullptr;
@@ -225,12 +226,11 @@ class Filler {
         return false;
     }
 
-    /// Fills the tags up to @p end, of which only the text before it, or to the end of the
-    /// template.
+    /// Fills the tags up to @p end, and the text before that.
     bool fill_range(const Tag *tag, const Tag *end, const Level &level) {
         for (;; tag = tag->next) {
             out_.append({tag->text, tag->length});
-            if (tag == end || tag->kind == Tag::end)
+            if (tag == end)
                 return !out_.failed();
             if (!count_step() || !fill_tag(*tag, level))
                 return false;
