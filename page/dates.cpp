@@ -21,6 +21,11 @@ enum Part { day, hour, minute, second, year, century, month, part_count };
 
 constexpr int no_century = -1;
 
+/// One of the names in a string of names of three letters, and all that follow it.
+const char *name_at(const char *names, int index) {
+    return names + 3 * static_cast<std::size_t>(index);
+}
+
 /// The index of the name that a string starts with in a string of names of three letters; -1 if it
 /// starts with none.
 int name_index(const char *names, const char *text) {
@@ -85,7 +90,7 @@ char *corvel_http_date(time_t time, char text[CORVEL_HTTP_DATE_SIZE]) {
     // cannot know that.
     char formatted[96];
     std::snprintf(formatted, sizeof formatted, "%.3s, %02d %.3s %04d %02d:%02d:%02d GMT",
-                  day_names + 3 * utc.tm_wday, utc.tm_mday, month_names + 3 * utc.tm_mon,
+                  name_at(day_names, utc.tm_wday), utc.tm_mday, name_at(month_names, utc.tm_mon),
                   utc.tm_year + 1900, utc.tm_hour, utc.tm_min, utc.tm_sec);
     store({text, CORVEL_HTTP_DATE_SIZE}, formatted);
     return text;

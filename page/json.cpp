@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include <bit>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -78,16 +79,16 @@ void open_level(corvel_answer *answer, const char *name, std::uint32_t is_object
 /// Room for any double in 17 digits, with a decimal point of several bytes.
 constexpr std::size_t decimal_size = 40;
 
+/// To compare numbers without code for floating point, which a board can lack.
+std::uint64_t bits_of(double value) { return std::bit_cast<std::uint64_t>(value); }
+
 /// Formats a number with as many digits as are needed to read the same number again. The locale's
 /// decimal point, which can have several bytes, becomes a point. Null for NaN and infinity.
 const char *format_decimal(double value, char text[decimal_size]) {
-    double read = 0;
     int digits = 15;
-    // Compared as bytes: a comparison needs code for floating point on a board without it.
-    do {
+    do
         std::snprintf(text, decimal_size, "%.*g", digits, value);
-        read = std::strtod(text, nullptr);
-    } while (std::memcmp(&read, &value, sizeof value) != 0 && ++digits <= 17);
+    while (bits_of(std::strtod(text, nullptr)) != bits_of(value) && ++digits <= 17);
 
     if (std::strchr(text, 'n') != nullptr) // in "nan" and "inf"
         return nullptr;
