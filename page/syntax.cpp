@@ -9,8 +9,6 @@
 namespace corvel {
 namespace {
 
-bool is_blank(char character) { return character == ' ' || character == '\t'; }
-
 bool is_alphanumeric(char character) {
     const char lower = static_cast<char>(character | 0x20);
     return (lower >= 'a' && lower <= 'z') || is_digit(character);
@@ -50,9 +48,8 @@ bool has_control_character(const char *text) {
 }
 
 std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && is_blank(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && is_blank(text.back()))
+    skip_spaces(text);
+    while (!text.empty() && is_space(text.back()))
         text.remove_suffix(1);
     return text;
 }

@@ -21,7 +21,7 @@ int hex_byte(const char *digits);
 /// True if a string contains a control character of ASCII.
 bool has_control_character(const char *text);
 
-/// The string without the spaces and tabs at its ends.
+/// The string without the white space at its ends.
 std::string_view trimmed(std::string_view text);
 
 } // namespace corvel

@@ -117,6 +117,7 @@ TEST(corvel_cookie, HasNoQuotesAndNoSpacesAtItsEnds) {
     EXPECT_EQ(cookie("a=x\"", "a"), "x\"");
     EXPECT_EQ(cookie("a=\"\"x\"\"", "a"), "\"x\"");
     EXPECT_EQ(cookie("  a =\t x  ;b=2", "a"), "x");
+    EXPECT_EQ(cookie("\r\na\v=\fx\r\n;b=2", "a"), "x");
     EXPECT_EQ(cookie("a=1;b=2", "b"), "2");
 }
 

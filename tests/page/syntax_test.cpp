@@ -64,10 +64,10 @@ TEST(HasControlCharacter, FindsEachControlOfAscii) {
     EXPECT_FALSE(has_control_character(""));
 }
 
-TEST(Trimmed, RemovesSpacesAndTabsAtBothEnds) {
+TEST(Trimmed, RemovesWhiteSpaceAtBothEnds) {
     EXPECT_EQ(trimmed(" \t a\t b \t"), "a\t b");
     EXPECT_EQ(trimmed("a"), "a");
-    EXPECT_EQ(trimmed("\na\r"), "\na\r");
+    EXPECT_EQ(trimmed("\na\r"), "a");
     EXPECT_EQ(trimmed(" \t "), "");
     EXPECT_EQ(trimmed(""), "");
 }
