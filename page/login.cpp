@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
@@ -100,18 +101,20 @@ class Record {
     /// become an empty record. One that was not written whole has not its size.
     [[nodiscard]] bool load() {
         BootId boot;
-        if (!file_ || !wait_for_one(record_lock, record_lock, lock_pause) || !read_boot_id(boot))
+        if (!file_ || !content_ || !wait_for_one(record_lock, record_lock, lock_pause) ||
+            !read_boot_id(boot))
             return false;
         const off_t size = lseek(file_.get(), 0, SEEK_END);
-        if (size != 0 && (!file_.read(0, &content_, at_most(size_from(size), sizeof content_)) ||
-                          std::memcmp(content_.magic, magic, sizeof content_.magic) != 0))
+        if (size != 0 &&
+            (!file_.read(0, content_.get(), at_most(size_from(size), sizeof *content_)) ||
+             std::memcmp(content_->magic, magic, sizeof content_->magic) != 0))
             return false;
-        if (size == sizeof content_ && content_.boot == boot)
+        if (size == sizeof *content_ && content_->boot == boot)
             return true;
-        std::memset(&content_, 0, sizeof content_);
-        std::memcpy(content_.magic, magic, sizeof content_.magic);
-        content_.boot = boot;
-        return ftruncate(file_.get(), 0) == 0 && file_.write(0, &content_, sizeof content_);
+        std::memset(content_.get(), 0, sizeof *content_);
+        std::memcpy(content_->magic, magic, sizeof content_->magic);
+        content_->boot = boot;
+        return ftruncate(file_.get(), 0) == 0 && file_.write(0, content_.get(), sizeof *content_);
     }
     void unlock() const { file_.unlock(record_lock); }
 
@@ -126,7 +129,7 @@ class Record {
     /// only if all have. Slots that are locked are not taken from their clients. Null if there is
     /// none, or if the client's slot is locked, which @p is_busy then tells.
     Slot *claim(std::uint64_t client, bool &is_busy) {
-        for (Slot *start = content_.slots; start < std::end(content_.slots); ++start) {
+        for (Slot *start = content_->slots; start < std::end(content_->slots); ++start) {
             start = find(client, start);
             const bool is_own = start->client == client;
             if (file_.lock(position_of(*start))) {
@@ -156,7 +159,7 @@ class Record {
     /// The client's slot, or the best one for it, from a slot on.
     Slot *find(std::uint64_t client, Slot *slot) {
         Slot *best = slot;
-        for (; slot < std::end(content_.slots); ++slot) {
+        for (; slot < std::end(content_->slots); ++slot) {
             if (slot->client == client)
                 return slot;
             if (is_better(*slot, *best))
@@ -167,7 +170,7 @@ class Record {
 
     [[nodiscard]] std::uint32_t position_of(const Slot &slot) const {
         return static_cast<std::uint32_t>(reinterpret_cast<const char *>(&slot) -
-                                          reinterpret_cast<const char *>(&content_));
+                                          reinterpret_cast<const char *>(content_.get()));
     }
 
     [[nodiscard]] bool wait_for_one(std::uint32_t first, std::uint32_t last, long pause) const {
@@ -181,7 +184,7 @@ class Record {
     }
 
     RecordFile file_;
-    Content content_{};
+    HeapBlock<Content> content_{static_cast<Content *>(std::calloc(1, sizeof(Content)))};
 };
 
 // The accounts.

@@ -42,17 +42,11 @@ int set_of_root(const char *word) {
     return CORVEL_FIRMWARE_UNKNOWN;
 }
 
-/// The set that the kernel's command line names. As in the kernel, spaces in double quotes do not
-/// separate words, and the last `root=` before `--` counts.
-int set_of_kernel(const corvel_upgrade_rules *rules) {
-    char line[16384]; // several times the kernel's limit
-    const bool is_given = rules != nullptr && rules->command_line != nullptr;
-    const Descriptor file = open_for_reading(is_given ? rules->command_line : "/proc/cmdline");
-    const std::size_t length = file ? size_from(read_fully(file.get(), line, sizeof line)) : 0;
+/// The set that a command line of the kernel names. As in the kernel, spaces in double quotes do
+/// not separate words, and the last `root=` before `--` counts. The line is changed. Not inlined:
+/// the code that uses the buffer of its caller would be larger.
+[[gnu::noinline]] int set_of_line(char *line) {
     int set = CORVEL_FIRMWARE_UNKNOWN;
-    if (length == sizeof line)
-        return set;
-    line[length] = '\0';
     bool is_quoted = false;
     char *end = line; // each word is moved to the start of the line
     for (const char *next = line;; ++next) {
@@ -72,6 +66,17 @@ int set_of_kernel(const corvel_upgrade_rules *rules) {
             end = line;
         }
     }
+}
+
+int set_of_kernel(const corvel_upgrade_rules *rules) {
+    char line[16384]; // several times the kernel's limit
+    const bool is_given = rules != nullptr && rules->command_line != nullptr;
+    const Descriptor file = open_for_reading(is_given ? rules->command_line : "/proc/cmdline");
+    const std::size_t length = file ? size_from(read_fully(file.get(), line, sizeof line)) : 0;
+    if (length == sizeof line)
+        return CORVEL_FIRMWARE_UNKNOWN;
+    line[length] = '\0';
+    return set_of_line(line);
 }
 
 // The record of an upgrade.

@@ -473,11 +473,11 @@ TEST(corvel_login, ChecksNothingThatCouldNotBeRecorded) {
     }
 }
 
-TEST(corvel_login, FailsIfTheFileCannotBeOpenedOrRead) {
+TEST(corvel_login, FailsWithoutMemoryAndIfTheFileCannotBeOpenedOrRead) {
     Site site;
     ASSERT_EQ(site.log_in(right), CORVEL_LOGIN_RIGHT);
     const DescriptorWatch watch;
-    for (const stand_in_call call : {call_open, call_fstat, call_read}) {
+    for (const stand_in_call call : {call_open, call_fstat, call_read, call_calloc}) {
         const FailCall failing(call, 1);
         EXPECT_EQ(site.log_in(right), CORVEL_LOGIN_FAILED) << call;
         EXPECT_EQ(failing.failures(), 1U) << call;
