@@ -1,11 +1,12 @@
 # SPDX-License-Identifier: MIT
-"""A plugin for nbdkit: serves the files of the flash, counts what is written, and cuts the power.
+"""A plugin for nbdkit: serves the files of the flash, keeps a journal, and cuts the power.
 
-    nbdkit python board/cut_plugin.py nor=FILE disk=FILE log=FILE [after=N] [torn=1]
+    nbdkit python board/cut_plugin.py nor=FILE disk=FILE journal=FILE [after=N] [torn=1]
 
-Every write is a line in the log: the file, the offset and the length. The process ends with the N-th
-write, without it or, if `torn`, with its first half. Nothing is written after that. QEMU writes the
-whole NOR flash, unchanged, when it continues a snapshot: such a write does not count.
+Every write is a line of the journal: the file, the offset and the length; what was written is
+appended to the file JOURNAL.data. The process ends with the N-th write, without it or, if `torn`,
+with the first half of the bytes that it changes. Nothing is written after that. QEMU writes the whole NOR flash, unchanged, when
+it continues a snapshot: such a write does not count.
 """
 import os
 
@@ -43,21 +44,32 @@ def pread(handle, buffer, offset, _flags):
         raise OSError("short read")
 
 
+def half(old, new):
+    """Returns the length up to the middle of what differs."""
+    differences = [i for i in range(len(new)) if old[i] != new[i]]
+    return (differences[0] + differences[-1] + 1) // 2 if differences else 0
+
+
+def append(path, content):
+    file = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
+    os.write(file, content)
+    os.close(file)
+
+
 def pwrite(handle, buffer, offset, _flags):
     file, name = handle
-    if len(buffer) == get_size(handle):
-        os.pwrite(file, buffer, offset)
+    content = bytes(buffer)
+    if len(content) == get_size(handle):
+        os.pwrite(file, content, offset)
         return
     state["writes"] += 1
     if state["writes"] == int(settings["after"]):
         if settings["torn"] == "1":
-            os.pwrite(file, bytes(buffer)[:len(buffer) // 2], offset)
+            os.pwrite(file, content[:half(os.pread(file, len(content), offset), content)], offset)
         os._exit(0)
-    os.pwrite(file, buffer, offset)
-    erased = "erased" if bytes(buffer).count(0xff) == len(buffer) else "data"
-    log = os.open(settings["log"], os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
-    os.write(log, f"{name} {offset} {len(buffer)} {erased}\n".encode())
-    os.close(log)
+    os.pwrite(file, content, offset)
+    append(settings["journal"] + ".data", content)
+    append(settings["journal"], f"{name} {offset} {len(content)}\n".encode())
 
 
 def flush(_handle, _flags):

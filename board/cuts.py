@@ -1,220 +1,238 @@
 # SPDX-License-Identifier: MIT
-"""Cuts the power at each write to the flash, and starts the board again.
+"""Cuts the power at writes to the flash, and starts the board again.
 
-Each trial continues the same snapshot of a running board, with the same request to the site. The
-machine is killed at the n-th write that reaches the flash; what its kernel has not written by then is
-lost. The first trials let each request complete and count its writes.
+Two kinds of cuts have the same result. For a "killed" one, the machine continues the snapshot of a
+scene and is killed at the n-th write that reaches the flash; what its kernel has not written by then
+is lost. For a "replayed" one, the first n writes of the journal of a complete scene are written to
+the flash of its start. A cut is before a write or in its middle. The second kind takes no emulated
+time until the start, so it covers every write.
+
+The outcomes are kept in build/board-system/cuts until the board's system changes: a run that was
+interrupted continues.
 """
 import collections
-import contextlib
-import re
+import hashlib
 import shutil
-import subprocess
 import tempfile
 import time
 from pathlib import Path
 
 import machine
-from flash import ENVIRONMENT, Flash, ROOT
+from flash import ENVIRONMENT, ROOT
+from scenes import Scene, ServedFlash
 from upgrades import Image, Site, VERSIONS, free_port
 
-# A request is complete when nothing has been written for this time.
-QUIET_SECONDS = 4
-SNAPSHOT = "snapshot"
-NEW_CONTACT = "the night watch"
+DIRECTORY = machine.SYSTEM / "cuts"
+WIRELESS = "/etc/config/wireless.conf"
+OLD_NAME, NEW_NAME = "Corvel Home", "Night watch"
+VARIABLE = b"contact"
 
 
-class CutFlash(Flash):
-    """The flash, served by a process that ends at the n-th write."""
-
-    def __init__(self, directory):
-        super().__init__(directory)
-        self.directory = Path(directory)
-        self.log = self.directory / "writes"
-        self.process = None
-
-    @contextlib.contextmanager
-    def served(self, after=0, torn=False):
-        """Serves the flash; cuts the power at a write, or never."""
-        self.log.write_text("")
-        socket = self.directory / "socket"
-        socket.unlink(missing_ok=True)
-        self.process = subprocess.Popen(
-            ["nbdkit", "--foreground", "--unix", socket, "python", ROOT / "board/cut_plugin.py",
-             f"nor={self.nor}", f"disk={self.disk}", f"log={self.log}", f"after={after}",
-             f"torn={int(torn)}"], stdin=subprocess.DEVNULL)
-        try:
-            while not socket.exists():
-                if self.process.poll() is not None:
-                    raise RuntimeError("nbdkit did not start")
-                time.sleep(0.02)
-            yield {name: f"nbd:unix:{socket}:exportname={name}" for name in ("nor", "disk")}
-        finally:
-            self.process.kill()
-            self.process.wait()
-
-    def has_power(self):
-        return self.process.poll() is None
-
-    def writes(self):
-        return [line.split() for line in self.log.read_text().splitlines()]
-
-    def wait_until_quiet(self):
-        """Waits until the power is cut or nothing has been written for a while."""
-        count, since = -1, time.monotonic()
-        while self.has_power() and time.monotonic() < since + QUIET_SECONDS:
-            if len(self.writes()) != count:
-                count, since = len(self.writes()), time.monotonic()
-            time.sleep(0.05)
+# --- The scenes -------------------------------------------------------------------------------------
 
 
-class Scene:
-    """A snapshot of a running board, with a request to the site."""
-
-    def __init__(self, name, request, outcome):
-        """`request` gets a client that is logged in. `outcome` gets one after the next start, and the
-        flash, and returns a word, or raises RuntimeError if the board is in neither state."""
-        self.name, self.request, self.outcome = name, request, outcome
-        self.session = self.directory = None
-
-    def prepare(self, directory, arrange):
-        """Starts a new board, arranges the scene, and saves the snapshot."""
-        self.directory = Path(directory) / self.name
-        flash = CutFlash(self.directory)
-        machine.fill_factory_set(flash, VERSIONS[0])
-        port = free_port()
-        with flash.served() as drives, machine.Machine(
-                flash, console(), port=port, options="quiet upload_pause=no",
-                drives=drives) as board:
-            board.wait_for_site(port)
-            site = Site(port)
-            site.log_in()
-            arrange(site)
-            flash.wait_until_quiet()
-            board.save(self.directory / SNAPSHOT)
-            self.session = site.session
-
-    def trial(self, after=0, torn=False):
-        """Cuts the power at a write. Returns the outcome and the writes before the cut."""
-        with tempfile.TemporaryDirectory(dir=self.directory) as directory:
-            flash = CutFlash(directory)
-            for file in ("nor.img", "disk.img"):
-                shutil.copy(self.directory / file, directory)
-            port = free_port()
-            with flash.served(after, torn) as drives, machine.Machine(
-                    flash, console(), port=port, drives=drives,
-                    snapshot=self.directory / SNAPSHOT) as board:
-                board.resume()
-                # The power may be cut before the response.
-                with contextlib.suppress(subprocess.CalledProcessError):
-                    self.request(Site(port, self.session))
-                flash.wait_until_quiet()
-                was_cut = not flash.has_power()
-            if was_cut != bool(after):
-                return None, flash.writes()
-            return self.restarted(flash), flash.writes()
-
-    def restarted(self, flash):
-        port = free_port()
-        try:
-            with machine.Machine(flash, console(), port=port, options="quiet") as board:
-                board.wait_for_site(port)
-                site = Site(port)
-                site.log_in()
-                return self.outcome(site, flash)
-        except (machine.NothingBootsError, RuntimeError, TimeoutError) as error:
-            return f"FAILED: {error}"
+def typed(command):
+    return lambda board, _site: board.console.begin(command)
 
 
-def console():
-    return machine.serial_to_file(machine.SYSTEM / "cuts.log")
+def save_page(_board, site):
+    site.post("device", "CONTACT=the night watch")
 
 
-# --- Settings ---------------------------------------------------------------------------------------
-
-
-def save_contact(site):
-    site.curl("device", "--data-urlencode", f"CONTACT={NEW_CONTACT}")
-
-
-def contact_outcome(site, _flash):
-    page = site.curl("device")[2].decode()
-    contact = re.search('name="CONTACT" value="([^"]*)"', page)
-    description = re.search('name="DESCRIPTION" value="([^"]*)"', page)
-    if not contact or not description or description[1] != "Router in the hall":
-        raise RuntimeError("the settings are incomplete")
-    if contact[1] not in ("", NEW_CONTACT):
-        raise RuntimeError(f"the setting is {contact[1]}")
-    return "new setting" if contact[1] else "old setting"
-
-
-# --- Upgrade and environment ------------------------------------------------------------------------
-
-
-def write_image(site):
-    site.curl("upgrade", "--data", "action=write")
-
-
-def upgrade_outcome(site, flash):
-    """The set that runs is whole, since the boot loader checked it. Returns it, and the state of the
-    environment."""
-    state = site.upgrade_state()
-    valid = machine.environment(flash.read(ENVIRONMENT)) is not None
-    if state["VERSION_" + state["RUNNING"]] not in VERSIONS[:2]:
-        raise RuntimeError("the version of the running set is unknown")
-    return f"set {state['RUNNING']} runs, environment {'valid' if valid else 'invalid'}"
+def write_image(_board, site):
+    site.post("upgrade", "action=write")
 
 
 def upload_image(directory):
-    image = Image(Path(directory), VERSIONS[1])
-    return lambda site: site.expect(303, "upload", "--form", f"image=@{image.path}")
+    image = Image(directory, VERSIONS[1])
+    return lambda _board, site: site.upload(image.path)
 
 
-# --- The runs ---------------------------------------------------------------------------------------
+class Cut:
+    """A scene, how the state after a cut and a start is named, and how many cuts there are."""
+
+    def __init__(self, scene, outcome, replayed=None, killed=0):
+        """`outcome` gets the board that was started, a client of its site, and the flash. It returns
+        a word, or raises RuntimeError if the board is in a state that must not be. `replayed` is
+        the largest number of replayed cuts of each drive, None for all; `killed` that of the others."""
+        self.scene, self.outcome, self.replayed, self.killed = scene, outcome, replayed, killed
 
 
-def show(name, outcomes, seconds):
-    for outcome, count in sorted(outcomes.items()):
-        print(f"{name:10} {outcome:44} {count:4}", flush=True)
-    print(f"{name:10} {sum(outcomes.values())} cuts, {seconds:.0f} s", flush=True)
+def wireless_outcome(board, _site, _flash):
+    _, content = board.console.run(f"cat {WIRELESS}")
+    expected = (ROOT / "demo/device/etc/config/wireless.conf").read_text()
+    if content == expected:
+        return "the old settings"
+    if content == expected.replace(OLD_NAME, NEW_NAME):
+        return "the new settings"
+    raise RuntimeError(f"the settings are damaged: {content!r}")
 
 
-def cut(scene, points):
-    """Cuts the power at these writes. Returns the number of trials, and of those that failed."""
-    start, outcomes = time.monotonic(), collections.Counter()
-    for after, torn in points:
-        outcome, _ = scene.trial(after, torn)
-        outcomes[outcome or "FAILED: the power was not cut"] += 1
-    show(scene.name, outcomes, time.monotonic() - start)
-    failed = sum(count for outcome, count in outcomes.items() if outcome.startswith("FAILED"))
-    return len(points), failed
+def page_outcome(board, _site, _flash):
+    _, content = board.console.run("cat /etc/config/global.conf")
+    expected = (ROOT / "demo/device/etc/config/global.conf").read_text()
+    if content == expected:
+        return "the old settings"
+    if content == expected.replace('CONTACT ""', 'CONTACT "the night watch"'):
+        return "the new settings"
+    raise RuntimeError(f"the settings are damaged: {content!r}")
+
+
+def variables(flash):
+    return machine.environment(flash.read(ENVIRONMENT))
+
+
+def environment_outcome(_board, site, flash):
+    found = variables(flash)
+    if site.upgrade_state()["RUNNING"] != "A":
+        raise RuntimeError("the other set runs")
+    if found is None:
+        raise RuntimeError("the environment is not valid after the start")
+    return "the new variable" if VARIABLE in found else "the old variables"
+
+
+def upgrade_outcome(_board, site, flash):
+    """The set that runs is intact, since the boot loader checked it."""
+    state = site.upgrade_state()
+    if state["VERSION_" + state["RUNNING"]] not in VERSIONS[:2]:
+        raise RuntimeError("the version of the running set is unknown")
+    if variables(flash) is None:
+        raise RuntimeError("the environment is not valid after the start")
+    return f"set {state['RUNNING']} runs"
+
+
+def all_cuts(directory):
+    return (
+        Cut(Scene("save_prop", typed(f"job save_prop {WIRELESS} WLAN_SSID '{NEW_NAME}'")),
+            wireless_outcome, killed=1),
+        Cut(Scene("settings_save", typed(f"job settings_save {WIRELESS} WLAN_SSID '{NEW_NAME}'")),
+            wireless_outcome, killed=1),
+        Cut(Scene("page", save_page), page_outcome, killed=1),
+        Cut(Scene("environment", typed("job env contact night")), environment_outcome, killed=1),
+        Cut(Scene("upgrade", write_image, upload_image(directory)), upgrade_outcome, replayed=40,
+            killed=1),
+    )
+
+
+# --- The cuts ---------------------------------------------------------------------------------------
 
 
 def chosen(numbers, limit):
     """Returns at most `limit` of the numbers, spread evenly; the first and the last are among them."""
     numbers = list(numbers)
-    if len(numbers) <= limit:
+    if limit is None or len(numbers) <= limit:
         return numbers
+    if limit < 2:
+        return numbers[len(numbers) // 2:][:limit]
     return [numbers[i * (len(numbers) - 1) // (limit - 1)] for i in range(limit)]
 
 
-def run(limit):
-    """Makes at most `limit` cuts of each kind."""
-    passed = failed = 0
+def key():
+    """Identifies the board's system and these programs."""
+    digest = hashlib.sha256()
+    for path in (machine.SYSTEM / "root.squashfs", machine.KERNEL / "vmlinux",
+                 *((ROOT / "board" / f"{name}.py") for name in ("cut_plugin", "scenes", "flash"))):
+        digest.update(path.read_bytes())
+    return digest.hexdigest()
+
+
+class Trials:
+    """The trials of a scene, with the outcomes of those that were made."""
+
+    def __init__(self, cut, directory):
+        self.cut, self.scene = cut, cut.scene
+        self.directory = directory / self.scene.name
+        self.file = self.directory / "outcomes"
+        if not self.file.exists():
+            shutil.rmtree(self.directory, ignore_errors=True)
+            self._prepare(directory)
+        self.scene.directory = self.directory
+        self.scene.session = (self.directory / "session").read_text()
+        self.journal = ServedFlash(self.directory / "complete").writes()
+        self.outcomes = dict(line.split("\t") for line in self.file.read_text().splitlines())
+
+    def _prepare(self, directory):
+        self.scene.prepare(directory)
+        (self.directory / "session").write_text(self.scene.session)
+        (self.directory / "complete").mkdir()
+        self.scene.play(self.scene.flash(self.directory / "complete"))
+        self.file.write_text("")
+
+    def points(self):
+        """Returns the trials: kind, number of writes before the cut, and whether the next is torn."""
+        found = []
+        for drive in ("disk", "nor"):
+            numbers = [n for n, write in enumerate(self.journal) if write.drive == drive]
+            for kind, limit in (("killed", self.cut.killed), ("replayed", self.cut.replayed)):
+                for i, number in enumerate(chosen(numbers, limit)):
+                    both = kind == "replayed" and limit is None
+                    found += [(kind, number, torn) for torn in (False, True)
+                              if both or torn == bool(i % 2)]
+        return found
+
+    def run(self):
+        """Makes the trials that were not made."""
+        for kind, number, torn in self.points():
+            name = f"{kind} {number} {'torn' if torn else 'before'}"
+            if name not in self.outcomes:
+                self.outcomes[name] = self._trial(kind, number, torn)
+                with self.file.open("a") as file:
+                    file.write(f"{name}\t{self.outcomes[name]}\n")
+
+    def _trial(self, kind, number, torn):
+        with tempfile.TemporaryDirectory(dir=self.directory) as directory:
+            flash = self.scene.flash(directory)
+            if kind == "replayed":
+                self.scene.replay(flash, self.journal, number, torn)
+            elif not self.scene.play(flash, number + 1, torn):
+                return "FAILED: the power was not cut"
+            return self._restarted(flash)
+
+    def _restarted(self, flash):
+        before = "" if variables(flash) else "invalid environment, restored; "
+        port = free_port()
+        try:
+            with machine.Machine(flash, self.scene.console(), port=port, options="quiet") as board:
+                board.wait_for_site(port)
+                site = Site(port)
+                site.log_in()
+                # What the start has written is in the flash soon.
+                time.sleep(1)
+                return before + self.cut.outcome(board, site, flash)
+        except (machine.NothingBootsError, RuntimeError, TimeoutError) as error:
+            return f"FAILED: {error}".replace("\t", " ").replace("\n", " ")
+
+
+def discard_outdated():
+    """Removes the scenes and outcomes of another system."""
+    valid = DIRECTORY / "key"
+    if not valid.exists() or valid.read_text() != key():
+        shutil.rmtree(DIRECTORY, ignore_errors=True)
+        DIRECTORY.mkdir(parents=True)
+        valid.write_text(key())
+
+
+def run(report, names=None, *, killed_only=False):
+    """Makes the cuts of the scenes with these names, or of all."""
+    discard_outdated()
     with tempfile.TemporaryDirectory(dir=machine.SYSTEM) as directory:
-        scenes = ((Scene("settings", save_contact, contact_outcome), lambda site: None),
-                  (Scene("upgrade", write_image, upgrade_outcome), upload_image(directory)))
-        for scene, arrange in scenes:
-            scene.prepare(directory, arrange)
-            _, writes = scene.trial()
-            nor = [n for n, write in enumerate(writes, 1) if write[0] == "nor"]
-            disk = [n for n, write in enumerate(writes, 1) if write[0] == "disk"]
-            print(f"{scene.name:10} {len(disk)} writes to the disk, {len(nor)} to the NOR flash",
-                  flush=True)
-            for kind in (disk, nor):
-                # Every second write is cut in its middle.
-                points = [(n, i % 2 == 1) for i, n in enumerate(chosen(kind, limit))]
-                if points:
-                    count, faults = cut(scene, points)
-                    passed, failed = passed + count - faults, failed + faults
-    return passed, failed
+        for cut in all_cuts(Path(directory)):
+            if names and cut.scene.name not in names:
+                continue
+            if killed_only:
+                cut.replayed = 0
+            trials = Trials(cut, DIRECTORY)
+            show(report, trials)
+
+
+def show(report, trials):
+    start = time.monotonic()
+    trials.run()
+    counts = collections.Counter()
+    for name, outcome in trials.outcomes.items():
+        counts[name.partition(" ")[0], outcome] += 1
+        report.add(not outcome.startswith("FAILED"), f"{trials.scene.name}: {name}", outcome)
+    for (kind, outcome), count in sorted(counts.items()):
+        print(f"{trials.scene.name:14} {kind:9} {outcome:60} {count:5}")
+    print(f"{trials.scene.name:14} {len(trials.journal)} writes, {len(trials.outcomes)} cuts, "
+          f"{time.monotonic() - start:.0f} s", flush=True)

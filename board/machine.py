@@ -4,10 +4,11 @@ import contextlib
 import hashlib
 import http.client
 import json
-import os
+import re
 import socket
 import struct
 import subprocess
+import threading
 import time
 import zlib
 
@@ -15,7 +16,8 @@ from flash import BY_NAME, ENVIRONMENT, ROOT, SETS
 
 SYSTEM = ROOT / "build/board-system"
 KERNELS = SYSTEM / "kernels"
-CACHE = os.path.realpath(os.environ.get("CORVEL_BOARD_CACHE") or SYSTEM / "cache")
+# The kernel that has been built; KERNELS contains each one that a stub names.
+KERNEL = SYSTEM / "kernel"
 
 # Address of the board in the network of its first card; the host is the gateway.
 ADDRESS = "203.0.113.2"
@@ -33,10 +35,10 @@ SQUASHFS_SIZE_AT = 40
 
 def make_kernel_stub():
     """Returns the stub of the kernel that has been built, which the boot loader then knows."""
-    kernel = open(f"{CACHE}/kernel/vmlinux", "rb").read()
+    kernel = (KERNEL / "vmlinux").read_bytes()
     name = hashlib.sha256(kernel).hexdigest()
     stub = f"Corvel board kernel {name}\n".encode()
-    stub += open(f"{CACHE}/kernel/vmlinuz", "rb").read()[:STUB_SIZE - len(stub)]
+    stub += (KERNEL / "vmlinuz").read_bytes()[:STUB_SIZE - len(stub)]
     directory = KERNELS / name
     if not (directory / "stub").exists():
         directory.mkdir(parents=True, exist_ok=True)
@@ -110,12 +112,74 @@ def select_set(flash):
 # --- The machine ----------------------------------------------------------------------------------
 
 
-SERIAL_TO_TERMINAL = ("-chardev", "stdio,id=console,mux=on,signal=off", "-serial", "chardev:console",
-                      "-mon", "chardev=console")
+class Terminal:
+    """The serial console on this terminal, with QEMU's own commands after Ctrl-A."""
+    options = ("-chardev", "stdio,id=console,mux=on,signal=off", "-serial", "chardev:console",
+               "-mon", "chardev=console")
+    descriptors = ()
+    input = None
+
+    def close(self):
+        pass
 
 
-def serial_to_file(path):
-    return "-serial", f"file:{path}"
+class LogFile:
+    """The serial console in a file, without input."""
+    descriptors = ()
+    input = subprocess.DEVNULL
+
+    def close(self):
+        pass
+
+    def __init__(self, path):
+        self.options = ("-serial", f"file:{path}")
+
+
+class Console:
+    """The serial console as a shell for this program; its output is also in a file."""
+    input = subprocess.DEVNULL
+
+    def __init__(self, path):
+        self._socket, self._theirs = socket.socketpair()
+        self._received, self._changed = b"", threading.Condition()
+        self.descriptors = (self._theirs.fileno(),)
+        self.options = ("-chardev", f"socket,id=console,fd={self._theirs.fileno()}",
+                        "-serial", "chardev:console")
+        # A socket holds a few hundred single characters: then the board waits.
+        threading.Thread(target=self._read, args=(path,), daemon=True).start()
+
+    def _read(self, path):
+        with open(path, "wb", buffering=0) as log, contextlib.suppress(OSError):
+            while piece := self._socket.recv(65536):
+                log.write(piece)
+                with self._changed:
+                    self._received += piece
+                    self._changed.notify()
+
+    def close(self):
+        """Closes QEMU's end, which QEMU has inherited."""
+        self._theirs.close()
+
+    def begin(self, command):
+        """Types a command."""
+        # The marks are split, so that the echo of the command does not contain them.
+        self._socket.sendall(f"echo '<''<'; {command}; echo \">$?\"'>'\n".encode())
+
+    def end(self, seconds=60):
+        """Waits for the end of the command. Returns its exit status and its output."""
+        def find():
+            return re.search(rb"<<\r\n(.*?)>(\d+)>\r\n", self._received, re.DOTALL)
+
+        with self._changed:
+            found = self._changed.wait_for(find, seconds)
+            if not found:
+                raise TimeoutError("the command on the console has not ended")
+            self._received = self._received[found.end():]
+        return int(found[2]), found[1].replace(b"\r\n", b"\n").decode()
+
+    def run(self, command, seconds=60):
+        self.begin(command)
+        return self.end(seconds)
 
 
 class Machine:
@@ -123,10 +187,11 @@ class Machine:
     restarts or switches the machine off."""
 
     def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, pages=None,
-                 drives=None, snapshot=None):
+                 drives=None, snapshot=None, more=()):
         """`options` are added to the kernel's command line. The system can mount the directory `share`
         of the host, and write to it, and `pages`, the directory of a site, and read it. `drives` serve
-        the flash instead of its files. A machine that continues a snapshot is stopped at first."""
+        the flash instead of its files. A machine that continues a snapshot is stopped at first. `more`
+        are options of QEMU."""
         self.set, kernel = select_set(flash)
         root = BY_NAME[SETS[self.set][0]].number
         network = "user,id=wan,net=203.0.113.0/24,host=203.0.113.1,restrict=on"
@@ -135,7 +200,8 @@ class Machine:
         drives = drives or {"nor": flash.nor, "disk": flash.disk}
         self._restarted, self._input = False, b""
         self._control, theirs = socket.socketpair()
-        line = ["qemu-system-mips", "-machine", "malta", "-cpu", "24Kf", "-m", str(memory),
+        # The machine ends with this program, however it ends.
+        line = ["setpriv", "--pdeathsig", "KILL", "qemu-system-mips", "-machine", "malta", "-cpu", "24Kf", "-m", str(memory),
                 "-nodefaults", "-display", "none", "-no-reboot", "-kernel", kernel,
                 "-append", f"root=31:{root} {options}".strip(),
                 "-drive", f"if=pflash,format=raw,file={drives['nor']}",
@@ -144,17 +210,18 @@ class Machine:
                 "-netdev", network, "-device", "virtio-net-pci,netdev=wan,romfile=",
                 "-device", "virtio-rng-pci",
                 "-chardev", f"socket,id=control,fd={theirs.fileno()}",
-                "-mon", "chardev=control,mode=control", *console]
+                "-mon", "chardev=control,mode=control", *console.options, *more]
         if snapshot is not None:
             line += ["-incoming", f"exec:cat {snapshot}", "-S"]
         if share is not None:
             line += ["-virtfs", f"local,path={share},mount_tag=host,security_model=none"]
         if pages is not None:
             line += ["-virtfs", f"local,path={pages},mount_tag=pages,security_model=none,readonly=on"]
-        terminal = None if console is SERIAL_TO_TERMINAL else subprocess.DEVNULL
-        self._process = subprocess.Popen([str(word) for word in line], stdin=terminal,
-                                         pass_fds=[theirs.fileno()])
+        self.console = console
+        self._process = subprocess.Popen([str(word) for word in line], stdin=console.input,
+                                         pass_fds=[theirs.fileno(), *console.descriptors])
         theirs.close()
+        console.close()
         self._control.settimeout(60)
         self._message()
         self.command("qmp_capabilities")

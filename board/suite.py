@@ -5,7 +5,6 @@ import fnmatch
 import json
 import re
 import subprocess
-import time
 import xml.etree.ElementTree as ElementTree
 
 import machine
@@ -14,7 +13,8 @@ from flash import Flash, ROOT
 RESULTS = machine.SYSTEM / "results"
 STATE = machine.SYSTEM / "test-state"
 LEFT_OUT = ROOT / "board/left-out"
-SINGLE = ROOT / "build/mips"
+# The results of the run in single processes.
+JUNIT = ROOT / "build/mips/results/ctest.xml"
 MINUTES = 60
 
 
@@ -38,7 +38,7 @@ def single_process_tests():
     listed = json.loads(subprocess.run(["ctest", "--preset", "mips", "--show-only=json-v1"], cwd=ROOT,
                                        check=True, stdout=subprocess.PIPE).stdout)["tests"]
     status = {case.get("name"): case.get("status")
-              for case in ElementTree.parse(SINGLE / "results" / "ctest.xml").getroot().iter("testcase")}
+              for case in ElementTree.parse(JUNIT).getroot().iter("testcase")}
     tests = set()
     for test in listed:
         words = [word for word in test["command"] if word.startswith("--gtest_filter=")]
@@ -62,7 +62,7 @@ def run_inside(programs):
     subprocess.run(["rm", "-rf", RESULTS], check=True)
     RESULTS.mkdir(parents=True)
     options = f"quiet host_script=board/suite project={ROOT} programs={programs}"
-    with machine.Machine(flash, machine.serial_to_file(machine.SYSTEM / "suite.log"), memory=512,
+    with machine.Machine(flash, machine.LogFile(machine.SYSTEM / "suite.log"), memory=512,
                          options=options, share=ROOT) as board:
         board.wait(MINUTES * 60)
     return (RESULTS / "complete").exists()
@@ -72,43 +72,40 @@ def matches(test, programs):
     return any(fnmatch.fnmatchcase(test.partition(" ")[0], each) for each in programs.split(","))
 
 
-def run(programs):
-    """Runs the test programs with such names, patterns separated by commas. Returns the number of
-    tests that passed, and of faults."""
-    start = time.monotonic()
+def run(report, programs, *, short=False):
+    """Runs the test programs with such names, patterns separated by commas. A short run is compared
+    with a run in single processes only if there is one."""
     complete = run_inside(programs)
     passed, failed = read("passed"), read("failed")
-    if failed:
-        print((RESULTS / "output").read_text(errors="replace"))
-    print(f"inside the machine: {len(passed)} passed, {len(failed)} failed, "
-          f"{time.monotonic() - start:.0f} s")
-    faults = len(failed) + (not complete)
-    if not complete:
-        print("FAILED: the machine ended before the last test; its console is in suite.log")
-    faults += compare(set(passed) | set(failed), programs)
-    return len(passed), faults
+    output = (RESULTS / "output").read_text(errors="replace") if failed else ""
+    print(output + f"inside the machine: {len(passed)} passed, {len(failed)} failed")
+    for test in passed:
+        report.add(True, test)
+    for test in failed:
+        report.add(False, test, output)
+    report.check(complete, "the machine has run every test (its console is in suite.log)")
+    if not short or JUNIT.exists():
+        compare(report, set(passed) | set(failed), programs)
 
 
-def compare(inside, programs):
+def compare(report, inside, programs):
     """Compares the tests by name with the other run, and both with the list of tests that are left
-    out. Returns the number of differences that the list does not explain."""
-    if not (SINGLE / "results" / "ctest.xml").exists():
-        print("no run in single processes to compare with; ./dev target makes it")
-        return 1
-    single = {test for test in single_process_tests()
-              if matches(test, programs)}
+    out. Any difference that the list does not explain is a fault."""
+    if not JUNIT.exists():
+        report.check(False, "there is a run in single processes to compare with (./dev target)")
+        return
+    single = {test for test in single_process_tests() if matches(test, programs)}
     patterns = left_out()
     only_single, only_inside = single - inside, inside - single
     explained = matching(only_single, patterns["board"]) | matching(only_inside, patterns["single"])
-    unexplained = (only_single | only_inside) - explained
-    for test in sorted(unexplained):
-        print("FAILED: only", "in single processes:" if test in single else "inside the machine:", test)
+    for test in sorted((only_single | only_inside) - explained):
+        report.check(False, f"only {'in single processes' if test in single else 'inside'}: {test}")
     wrong = {each for each in patterns["board"] if matching(inside, [each])}
     if programs == "*":
         wrong |= {each for each in patterns["board"] if not matching(single, [each])}
         wrong |= {each for each in patterns["single"] if not matching(inside, [each])}
     for each in sorted(wrong):
-        print("FAILED: the list of tests left out is wrong:", each)
-    print(f"in single processes: {len(single)}; in both: {len(single & inside)}; only in single "
-          f"processes: {len(only_single)}; only inside the machine: {len(only_inside)}")
-    return len(unexplained) + len(wrong)
+        report.check(False, f"the list of tests left out is wrong: {each}")
+    report.check(True, f"the runs are compared: {len(single)} in single processes, "
+                 f"{len(single & inside)} in both, {len(only_single)} only in single processes, "
+                 f"{len(only_inside)} only inside")

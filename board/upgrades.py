@@ -1,10 +1,13 @@
 # SPDX-License-Identifier: MIT
 """Upgrades from set A to B and back, through the site, with real images."""
 import contextlib
+import hashlib
 import json
+import os
 import re
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
@@ -43,7 +46,7 @@ class Site:
     """A client of the site, with curl."""
 
     def __init__(self, port, session=None):
-        self.port, self.session = port, session
+        self.port, self.session, self._token = port, session, None
 
     def curl(self, path, *arguments):
         """Returns the status, the header and the body of a response."""
@@ -59,68 +62,79 @@ class Site:
         _, header, _ = self.curl("login", "--data", "user=admin&password=corvel")
         self.session = re.search("session=([0-9a-f]{64})", header)[1]
 
+    def token(self):
+        """Returns the token of the session's forms."""
+        if not self._token:
+            page = self.curl("device")[2].decode()
+            self._token = re.search('name="token" value="([0-9a-f]{64})"', page)[1]
+        return self._token
+
+    def post(self, path, *fields):
+        """Sends a form. Returns the status, the header and the body of the response."""
+        words = [word for field in (*fields, f"token={self.token()}")
+                 for word in ("--data-urlencode", field)]
+        return self.curl(path, "--header", f"Origin: http://127.0.0.1:{self.port}", *words)
+
+    def upload(self, path):
+        self.expect(303, self.curl(f"upload?token={self.token()}", "--header",
+                                   f"Origin: http://127.0.0.1:{self.port}", "--form", f"image=@{path}"))
+
     def upgrade_state(self):
-        return json.loads(self.curl("upgrade?Ajax=1")[2])["upgrade"][0]
+        return json.loads(self.curl("upgrade?Ajax=1")[2])["upgrade"]
 
     def upgrade(self, image):
         """Uploads an image and writes it. Returns the seconds that both took."""
         start = time.monotonic()
-        self.expect(303, "upload", "--form", f"image=@{image.path}")
+        self.upload(image.path)
         uploaded = time.monotonic()
-        self.expect(303, "upgrade", "--data", "action=write")
+        self.expect(303, self.post("upgrade", "action=write"))
         while (state := self.upgrade_state())["STATE"] == "writing":
             time.sleep(0.5)
         if state["STATE"] != "written":
             raise RuntimeError(f"the image was not written: {state}")
         return uploaded - start, time.monotonic() - uploaded
 
-    def expect(self, status, *arguments):
-        found, _, body = self.curl(*arguments)
+    @staticmethod
+    def expect(status, response):
+        found, _, body = response
         if found != status:
             raise RuntimeError(f"status {found} instead of {status}: {body.decode()}")
 
 
-class Faults:
-    def __init__(self):
-        self.passed = self.failed = 0
-
-    def check(self, holds, title):
-        self.passed += bool(holds)
-        self.failed += not holds
-        print("ok    " if holds else "FAILED", title, flush=True)
-
-
-def check_flash(faults, before, after, image, target):
+def check_flash(report, before, after, image, target):
     """Compares the flash before and after an upgrade: nothing but the partitions of the target set
     and the environment's variable has changed."""
     root, kernel = SETS[target]
     for name, content in ((root, image.root), (kernel, image.kernel)):
-        faults.check(after[name].startswith(content), f"{name} contains the section of the image")
-        faults.check(after[name][len(content):] == before[name][len(content):],
+        report.check(after[name].startswith(content), f"{name} contains the section of the image")
+        report.check(after[name][len(content):] == before[name][len(content):],
                      f"{name} is unchanged after the section")
     old, new = (machine.environment(flash[ENVIRONMENT]) for flash in (before, after))
-    faults.check(new == {**old, b"bootparam": b"%d" % target},
-                 "nothing but bootparam has changed in the environment")
+    expected = {**old, b"bootparam": b"%d" % target}
+    for letter, partitions in zip("ab", SETS):
+        content = b"".join(after[each] for each in partitions)
+        expected[f"firmware_{letter}".encode()] = hashlib.sha256(content).hexdigest().encode()
+    report.check(new == expected, "bootparam and the hashes of both sets are right, and nothing else "
+                 "has changed in the environment")
     for name in after:
         if name not in (root, kernel, ENVIRONMENT, SETTINGS):
-            faults.check(after[name] == before[name], f"{name} is unchanged")
+            report.check(after[name] == before[name], f"{name} is unchanged")
 
 
 @contextlib.contextmanager
-def started(flash, port, faults, expected_set):
+def started(flash, port, report, expected_set):
     """Starts the board and logs in to the site."""
-    console = machine.serial_to_file(machine.SYSTEM / "upgrade.log")
-    with machine.Machine(flash, console, port=port, options="quiet upload_pause=no") as board:
+    console = machine.LogFile(machine.SYSTEM / "upgrade.log")
+    with machine.Machine(flash, console, port=port, options="quiet") as board:
         seconds = board.wait_for_site(port)
-        faults.check(board.set == expected_set,
+        report.check(board.set == expected_set,
                      f"set {'AB'[expected_set]} boots (the site responds after {seconds:.0f} s)")
         site = Site(port)
         site.log_in()
         yield board, site
 
 
-def run():
-    faults = Faults()
+def run(report):
     port = free_port()
     with tempfile.TemporaryDirectory() as directory:
         flash = Flash(Path(directory) / "flash")
@@ -129,43 +143,73 @@ def run():
         running = 0
         for version in VERSIONS[1:]:
             image = Image(Path(directory), version)
-            with started(flash, port, faults, running) as (board, site):
+            with started(flash, port, report, running) as (board, site):
                 before = flash.snapshot()
                 if running == 0:
-                    check_first_start(faults, factory, before)
+                    check_first_start(report, factory, before)
                 uploading, writing = site.upgrade(image)
-                site.expect(200, "upgrade", "--data", "action=restart")
-                faults.check(board.wait(60), f"the system restarts ({image.path.stat().st_size} bytes "
+                site.expect(200, site.post("upgrade", "action=restart"))
+                report.check(board.wait(60), f"the system restarts ({image.path.stat().st_size} bytes "
                              f"uploaded in {uploading:.0f} s, written in {writing:.0f} s)")
             running = 1 - running
-            check_flash(faults, before, flash.snapshot(), image, running)
-        with started(flash, port, faults, running) as (_, site):
+            check_flash(report, before, flash.snapshot(), image, running)
+        with started(flash, port, report, running) as (_, site):
             state = site.upgrade_state()
-            faults.check((state["RUNNING"], state["VERSION_A"], state["VERSION_B"]) ==
+            report.check((state["RUNNING"], state["VERSION_A"], state["VERSION_B"]) ==
                          ("A", VERSIONS[2], VERSIONS[1]), "the site shows the versions of both sets")
-        check_fallback(faults, flash, port)
-    return faults.passed, faults.failed
+        check_fallback(report, flash, port)
 
 
-def check_first_start(faults, factory, started_once):
+def check_first_start(report, factory, started_once):
     """The first start writes the environment, and nothing over the firmware."""
     for name, content in started_once.items():
         if name not in (ENVIRONMENT, SETTINGS):
-            faults.check(content == factory[name], f"{name} is unchanged by the first start")
-    faults.check(machine.environment(started_once[ENVIRONMENT]), "the first start writes an environment")
+            report.check(content == factory[name], f"{name} is unchanged by the first start")
+    report.check(machine.environment(started_once[ENVIRONMENT]), "the first start writes an environment")
 
 
-def check_fallback(faults, flash, port):
+def check_fallback(report, flash, port):
     """With a damaged set A, the boot loader starts set B."""
     root = SETS[0][0]
     damaged = bytearray(flash.read(root)[:4096])
     damaged[1000] ^= 1
     flash.write(root, damaged)
-    with started(flash, port, faults, 1) as (_, site):
-        faults.check(site.upgrade_state()["RUNNING"] == "B", "the site knows that set B runs")
+    with started(flash, port, report, 1) as (_, site):
+        report.check(site.upgrade_state()["RUNNING"] == "B", "the site knows that set B runs")
     flash.write(SETS[1][1], b"damaged")
     try:
         machine.select_set(flash)
-        faults.check(False, "nothing boots if both sets are damaged")
+        report.check(False, "nothing boots if both sets are damaged")
     except machine.NothingBootsError:
-        faults.check(True, "nothing boots if both sets are damaged")
+        report.check(True, "nothing boots if both sets are damaged")
+
+
+# --- In a browser -----------------------------------------------------------------------------------
+
+
+def run_in_browser(report):
+    """Upgrades from set A to B and back with Chromium."""
+    sys.path[:0] = [str(ROOT / "tests"), str(ROOT / "tests/end-to-end")]
+    os.environ.setdefault("CORVEL_BUILD", str(ROOT / "build/board"))
+    from browser import Walk
+    import browser_packages
+    browser_packages.install()
+    port = free_port()
+    with tempfile.TemporaryDirectory() as directory:
+        flash = Flash(Path(directory) / "flash")
+        machine.fill_factory_set(flash, VERSIONS[0])
+        images = [Image(Path(directory), version) for version in VERSIONS[1:]]
+        with started(flash, port, report, 0) as (board, site):
+            walk = Walk("both", site, *(image.path for image in images))
+            # QEMU ends when the board restarts; the walk waits for the site.
+            report.check(board.wait(300), "the browser restarts the system after the first upgrade")
+        with started(flash, port, report, 1) as (board, _):
+            report.check(board.wait(300), "the browser restarts the system after the second upgrade")
+        with started(flash, port, report, 0):
+            seen = [(each["before"], each["after"]) for each in walk.result()["upgrades"]]
+        expected = [f"Set {name} Running {version}" for name, version in zip("ABA", VERSIONS)]
+        report.check(seen == list(zip(expected, expected[1:])), "the browser shows the running sets")
+        after = flash.snapshot()
+        for image, target in zip(images, (1, 0)):
+            for name, content in zip(SETS[target], (image.root, image.kernel)):
+                report.check(after[name].startswith(content), f"{name} contains the section of the image")
