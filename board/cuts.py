@@ -18,8 +18,8 @@ import time
 from pathlib import Path
 
 import machine
-from flash import ENVIRONMENT, ROOT
-from scenes import Scene, ServedFlash
+from flash import BY_NAME, ENVIRONMENT, ROOT
+from scenes import Scene, ServedFlash, half
 from upgrades import Image, Site, VERSIONS, free_port
 
 DIRECTORY = machine.SYSTEM / "cuts"
@@ -108,7 +108,8 @@ def all_cuts(directory):
         Cut(Scene("settings_save", typed(f"job settings_save {WIRELESS} WLAN_SSID '{NEW_NAME}'")),
             wireless_outcome, killed=1),
         Cut(Scene("page", save_page), page_outcome, killed=1),
-        Cut(Scene("environment", typed("job env contact night")), environment_outcome, killed=1),
+        Cut(Scene("environment", typed("job env contact night")), environment_outcome,
+            killed=1),
         Cut(Scene("upgrade", write_image, upload_image(directory)), upgrade_outcome, replayed=40,
             killed=1),
     )
@@ -212,6 +213,33 @@ def discard_outdated():
         valid.write_text(key())
 
 
+def environment_states(trials):
+    """Counts the states of the environment in the flash after every cut in the NOR flash, without a
+    start: a start depends only on whether the environment is valid, and on its variables."""
+    partition = BY_NAME[ENVIRONMENT]
+    content = bytearray((trials.directory / "nor.img").read_bytes())
+    after = (trials.directory / "complete" / "nor.img").read_bytes()
+
+    def state(image):
+        return machine.environment(bytes(image[partition.offset:partition.offset + partition.size]))
+
+    old, new = state(content), state(after)
+    counts = collections.Counter()
+    for write in trials.journal:
+        if write.drive != "nor":
+            continue
+        end = write.offset + len(write.content)
+        torn = bytearray(content)
+        length = half(bytes(content[write.offset:end]), write.content)
+        torn[write.offset:write.offset + length] = write.content[:length]
+        for image in (content, torn):
+            found = state(image)
+            counts["invalid" if found is None else "the old variables" if found == old else
+                   "the new variables" if found == new else "FAILED: other variables"] += 1
+        content[write.offset:end] = write.content
+    return counts
+
+
 def run(report, names=None, *, killed_only=False):
     """Makes the cuts of the scenes with these names, or of all."""
     discard_outdated()
@@ -234,5 +262,8 @@ def show(report, trials):
         report.add(not outcome.startswith("FAILED"), f"{trials.scene.name}: {name}", outcome)
     for (kind, outcome), count in sorted(counts.items()):
         print(f"{trials.scene.name:14} {kind:9} {outcome:60} {count:5}")
+    for state, count in sorted(environment_states(trials).items()):
+        report.add(not state.startswith("FAILED"), f"{trials.scene.name}: environment", state)
+        print(f"{trials.scene.name:14} not started, environment: {state:42} {count:5}")
     print(f"{trials.scene.name:14} {len(trials.journal)} writes, {len(trials.outcomes)} cuts, "
           f"{time.monotonic() - start:.0f} s", flush=True)
