@@ -11,6 +11,7 @@ The outcomes are kept in build/board-system/cuts until the board's system change
 interrupted continues.
 """
 import collections
+import contextlib
 import hashlib
 import shutil
 import tempfile
@@ -32,15 +33,25 @@ VARIABLE = b"contact"
 
 
 def typed(command):
-    return lambda board, _site: board.console.begin(command)
+    """Types a command, and waits for its end unless the power is cut."""
+    def act(board, _site):
+        board.console.begin(command)
+        while board.has_power():
+            with contextlib.suppress(TimeoutError):
+                board.console.end(0.5)
+                return
+    return act
 
 
 def save_page(_board, site):
     site.post("device", "CONTACT=the night watch")
 
 
-def write_image(_board, site):
+def write_image(board, site):
+    """Writes the image, which takes longer than the pauses between two writes."""
     site.post("upgrade", "action=write")
+    while board.has_power() and site.upgrade_state()["STATE"] == "writing":
+        time.sleep(0.5)
 
 
 def upload_image(directory):

@@ -93,7 +93,7 @@ class ServedFlash(Flash):
 
 class Scene:
     """What a board does, after it was arranged. Both functions get the board and a client of its
-    site that is logged in."""
+    site that is logged in; `act` may ask board.has_power()."""
 
     def __init__(self, name, act, arrange=lambda board, site: None):
         self.name, self.act, self.arrange = name, act, arrange
@@ -135,9 +135,10 @@ class Scene:
         with flash.served(after, torn) as drives, machine.Machine(
                 flash, self.console(), port=port, drives=drives,
                 snapshot=self.directory / SNAPSHOT) as board:
+            board.has_power = flash.has_power
             board.resume()
             # The power may be cut before the response.
-            with contextlib.suppress(subprocess.CalledProcessError):
+            with contextlib.suppress(subprocess.CalledProcessError, ValueError):
                 self.act(board, Site(port, self.session))
             flash.wait_until_quiet()
             return not flash.has_power()
