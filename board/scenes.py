@@ -137,11 +137,20 @@ class Scene:
                 snapshot=self.directory / SNAPSHOT) as board:
             board.has_power = flash.has_power
             board.resume()
-            # The power may be cut before the response.
-            with contextlib.suppress(subprocess.CalledProcessError, ValueError):
-                self.act(board, Site(port, self.session))
+            self._act(board, flash, port)
             flash.wait_until_quiet()
             return not flash.has_power()
+
+    def _act(self, board, flash, port):
+        """The power may be cut before the response. A request can fail at once, since the network of
+        the host starts anew with the snapshot: it is repeated then."""
+        for _ in range(5):
+            with contextlib.suppress(subprocess.CalledProcessError, ValueError):
+                self.act(board, Site(port, self.session))
+                return
+            if flash.count_writes() or not flash.has_power():
+                return
+            time.sleep(1)
 
     def replay(self, flash, writes, count, torn):
         """Writes the first `count` writes to a copy of the flash at the start and, if `torn`, the
