@@ -5,8 +5,8 @@
 
 Every write is a line of the journal: the file, the offset and the length; what was written is
 appended to the file JOURNAL.data. The process ends with the N-th write, without it or, if `torn`,
-with the first half of the bytes that it changes. Nothing is written after that. QEMU writes the whole NOR flash, unchanged, when
-it continues a snapshot: such a write does not count.
+with the first half of the bytes that it changes. Nothing is written after that. QEMU writes the
+whole NOR flash, with its own start code in it, when it continues a snapshot: such a write is ignored.
 """
 import os
 
@@ -60,7 +60,6 @@ def pwrite(handle, buffer, offset, _flags):
     file, name = handle
     content = bytes(buffer)
     if len(content) == get_size(handle):
-        os.pwrite(file, content, offset)
         return
     state["writes"] += 1
     if state["writes"] == int(settings["after"]):
