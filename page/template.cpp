@@ -112,7 +112,7 @@ class Parser {
     [[nodiscard]] int line() const { return 1 + static_cast<int>(std::count(start_, at_, '\n')); }
 
   private:
-    const char *take_tag(char *tag_end) {
+    const char *take_tag(const char *tag_end) {
         tag_->kind = Tag::value;
         char *content = at_;
         if (*content != '\0' && std::strchr("&#^/>!", *content) != nullptr)
