@@ -217,7 +217,7 @@ def test_a_tool_runs(name, with_everything):
 
 def test_the_documentation_is_installed(with_everything):
     documents = with_everything.root / "usr" / "share" / "doc" / "corvel-doc"
-    for name in ("index.html", "guide.html", "packages.html", "changelog.html", "images/flash.svg",
+    for name in ("index.html", "guide.html", "packages.html", "changes.html", "images/flash.svg",
                  "html/index.html"):
         assert (documents / name).is_file()
 
