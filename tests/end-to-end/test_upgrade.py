@@ -670,3 +670,30 @@ class AtOnce(UpgradeTest):
         self.assertIn(303, statuses)
         self.assertEqual(self.state()["STATE"], "staged")
         self.assertEqual(self.flash(), self.factory)
+
+
+class DamagedEnvironment(UpgradeTest):
+    """The flash has the boot environment once: a power cut while it is written damages it."""
+
+    def start_again(self):
+        self.demo.stop()
+        self.demo = Demo(state=self.directory / "state", **self.options)
+        self.addCleanup(self.demo.stop)
+
+    def test_the_start_restores_it(self):
+        good = self.demo.flash(1).read_bytes()
+        self.demo.flash(1).write_bytes(good[:40_000] + b"\xff" * (len(good) - 40_000))
+        self.start_again()
+        self.assertEqual(variables(self.demo.flash(1).read_bytes()), variables(good))
+        self.assertEqual(self.flash(range(2, 9)),
+                         {each: self.factory[each] for each in range(2, 9)})
+
+    def test_a_good_one_is_left_alone(self):
+        entries = (b"bootparam=0", b"contact=somebody")
+        self.demo.flash(1).write_bytes(environment(*entries))
+        self.start_again()
+        self.assertEqual(self.demo.flash(1).read_bytes(), environment(*entries))
+        self.demo.flash(1).write_bytes(b"\0" * 65536)
+        self.start_again()
+        self.assertEqual(variables(self.demo.flash(1).read_bytes()),
+                         {"bootparam": "0", "contact": "somebody"})
