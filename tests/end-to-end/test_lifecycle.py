@@ -75,8 +75,9 @@ class Lifecycle(Case):
                               b"/usr/sbin/lighttpd"))
             root = pathlib.Path(f"/proc/{inside}/root")
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
-                             ["bootloader", "chpasswd", "configclient", "corvel-settings", "factory",
-                              "init", "interfaces", "keep", "reboot", "station", "traplog"])
+                             ["bootloader", "chpasswd", "configclient", "corvel-settings",
+                              "environment", "factory", "init", "interfaces", "keep", "reboot",
+                              "station", "traplog"])
             for name in ("passwd", "shadow"):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])

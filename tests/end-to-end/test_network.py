@@ -70,8 +70,12 @@ class DeviceNetwork(OwnDemoTest):
                 "-4", "neighbor", "show", "dev", "br-lan") if "lladdr" in each}
 
         self.assertTrue(wait_until(lambda: set(leases.values()) <= neighbours(), 30))
-        document = self.demo.document(CLIENTS)
-        self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
+
+        def shows_all():
+            return CLIENT_NAMES <= {row["host"] for row in self.demo.document(CLIENTS)["leases"]}
+
+        # dnsmasq rewrites its file in place: for a moment it is empty.
+        self.assertTrue(wait_until(shows_all))
 
     def test_the_bridge_gets_a_changed_address(self):
         self.wait_for_clients()
