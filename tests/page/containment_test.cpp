@@ -354,9 +354,9 @@ struct UploadResult {
     FieldPairs fields;
     std::string unread;
     bool operator==(const UploadResult &) const = default;
-    friend std::ostream &operator<<(std::ostream &out, const UploadResult &result) {
-        return out << result.result << ", " << result.log.size() << " bytes, "
-                   << result.fields.size() << " fields, " << result.unread.size() << " unread";
+    friend std::ostream &operator<<(std::ostream &out, const UploadResult &upload) {
+        return out << upload.result << ", " << upload.log.size() << " bytes, "
+                   << upload.fields.size() << " fields, " << upload.unread.size() << " unread";
     }
 };
 
