@@ -42,8 +42,8 @@ def single_process_tests():
     tests = set()
     for test in listed:
         words = [word for word in test["command"] if word.startswith("--gtest_filter=")]
-        program = next(word for word in test["command"] if word.endswith("_test"))
-        if words and status.get(test["name"]) == "run":
+        program = next((word for word in test["command"] if word.endswith("_test")), "")
+        if program and words and status.get(test["name"]) == "run":
             tests.add(f"{program.rpartition('/')[2]} {words[0].partition('=')[2]}")
     return tests
 

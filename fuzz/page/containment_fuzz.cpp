@@ -42,6 +42,8 @@ int file_with(const std::string &bytes) {
 
 // No process is started: the output of the one that would be is a file.
 
+// The C library's headers name the parameters with reserved names.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" int pipe2(int ends[2], int /*flags*/) noexcept {
     ends[0] = file_with(output);
     ends[1] = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -55,6 +57,7 @@ extern "C" pid_t waitpid(pid_t process, int *status, int /*options*/) {
     *status = 0;
     return process;
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 extern "C" void syslog(int /*level*/, const char * /*format*/, ...) {}
 

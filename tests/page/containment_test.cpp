@@ -586,7 +586,8 @@ TEST_WITH_FILTER(corvel_request_begin_contained, EndsAProcessThatMakesAnotherSys
          }},
         {"mmap",
          [] {
-             mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+             static_cast<void>(
+                 mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
          }},
         {"mprotect",
          [] {
