@@ -19,9 +19,9 @@ static void add_factory_data(struct page *page, const struct form *form) {
 }
 
 static const setting settings[] = {
-    {"HOST_NAME", &global_file, host_name_complaint, false},
-    {"DESCRIPTION", &global_file, text_complaint, false},
-    {"CONTACT", &global_file, text_complaint, false},
+    {"HOST_NAME", &global_file, host_name_complaint, false, NULL},
+    {"DESCRIPTION", &global_file, text_complaint, false, NULL},
+    {"CONTACT", &global_file, text_complaint, false, NULL},
 };
 
 static const settings_page page_of_settings = {

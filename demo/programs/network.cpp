@@ -133,6 +133,8 @@ void check_network(struct form *form) {
         fail("LAN_ADDRESS", "This is the network or broadcast address.");
     else if (is_in_providers_network(router, mask))
         fail("LAN_ADDRESS", "This address range is used by the provider's network.");
+    if (!is_switched_on(form, "DHCP_ENABLED"))
+        return;
     if (!usable(first))
         fail("DHCP_FIRST", "This address is not in the router's network.");
     if (!usable(last))
@@ -177,19 +179,19 @@ void add_more(struct page *page, const struct form *form) {
 }
 
 constexpr setting settings[] = {
-    {"LAN_ADDRESS", &lan_file, host_address, false},
-    {"LAN_NETMASK", &lan_file, netmask, false},
-    {"DHCP_ENABLED", &lan_file, flag, true},
-    {"DHCP_FIRST", &lan_file, host_address, false},
-    {"DHCP_LAST", &lan_file, host_address, false},
-    {"DHCP_LEASE", &lan_file, lease_hours, false},
-    {"DOMAIN", &global_file, domain, false},
-    {"WLAN_ENABLED", &wireless_file, flag, true},
-    {"WLAN_SSID", &wireless_file, ssid, false},
-    {"WLAN_HIDDEN", &wireless_file, flag, true},
-    {"WLAN_PASSPHRASE", &wireless_file, passphrase, true},
-    {"WLAN_CHANNEL", &wireless_file, channel, true},
-    {"COUNTRY", &global_file, country, true},
+    {"LAN_ADDRESS", &lan_file, host_address, false, nullptr},
+    {"LAN_NETMASK", &lan_file, netmask, false, nullptr},
+    {"DHCP_ENABLED", &lan_file, flag, true, nullptr},
+    {"DHCP_FIRST", &lan_file, host_address, false, "DHCP_ENABLED"},
+    {"DHCP_LAST", &lan_file, host_address, false, "DHCP_ENABLED"},
+    {"DHCP_LEASE", &lan_file, lease_hours, false, "DHCP_ENABLED"},
+    {"DOMAIN", &global_file, domain, false, nullptr},
+    {"WLAN_ENABLED", &wireless_file, flag, true, nullptr},
+    {"WLAN_SSID", &wireless_file, ssid, false, "WLAN_ENABLED"},
+    {"WLAN_HIDDEN", &wireless_file, flag, true, "WLAN_ENABLED"},
+    {"WLAN_PASSPHRASE", &wireless_file, passphrase, true, "WLAN_ENABLED"},
+    {"WLAN_CHANNEL", &wireless_file, channel, true, "WLAN_ENABLED"},
+    {"COUNTRY", &global_file, country, true, "WLAN_ENABLED"},
 };
 
 constexpr settings_page page_of_settings = {"network", settings, std::size(settings), check_network,

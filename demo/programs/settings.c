@@ -181,10 +181,24 @@ static bool has_errors(const struct form *form) {
     return false;
 }
 
+bool is_switched_on(const struct form *form, const char *power) {
+    return strcmp(form_value(form, power), "1") == 0;
+}
+
+static void check_field(struct form *form, field *checked) {
+    const char *power = checked->setting->power;
+    checked->error = checked->setting->complaint(checked->value);
+    if (checked->error && power && !is_switched_on(form, power)) {
+        checked->is_sent = false;
+        checked->value = stored_value(form, checked);
+        checked->error = NULL;
+    }
+}
+
 /* Checks the values, each by itself and then together. */
 static bool check(struct form *form) {
     for (size_t i = 0; i < form->count; i++)
-        form->fields[i].error = form->fields[i].setting->complaint(form->fields[i].value);
+        check_field(form, &form->fields[i]);
     if (!has_errors(form) && form->page->check)
         form->page->check(form);
     return !has_errors(form);

@@ -40,6 +40,24 @@ static void read_dns(char text[dns_size]) {
     }
 }
 
+/* The server runs without a range, too: it resolves names. */
+static const char *dhcp_state(void) {
+    corvel_settings *applied = corvel_settings_load("/var/log/applied.conf", ' ', NULL);
+    const char *range = corvel_setting(applied, "DHCP");
+    const bool is_off = range && strcmp(range, "off") == 0;
+    corvel_settings_free(applied);
+    return is_off ? "switched off" : app_isrun("dnsmasq") ? "running" : "stopped";
+}
+
+/* Seconds since the router's start. Where the machine does not start with the router, a file has
+ * the machine's uptime at that moment. */
+static int seconds_up(void) {
+    char started[32] = "";
+    const ssize_t size = open_read_close("/run/started", started, sizeof started - 1);
+    started[size > 0 ? size : 0] = '\0';
+    return monotonic_time() - (int)strtol(started, NULL, 10);
+}
+
 static void put_system(struct page *page) {
     char gateway[CORVEL_IPV4_SIZE];
     char dns[dns_size];
@@ -51,11 +69,11 @@ static void put_system(struct page *page) {
     getDefGw("wan0", gateway);
     unmute_output(output);
     open_object(page, "system");
-    put(page, "dnsmasq", app_isrun("dnsmasq") ? "running" : "stopped");
+    put(page, "dnsmasq", dhcp_state());
     put(page, "gateway", or_nothing(gateway, "0.0.0.0"));
     put(page, "dns", dns);
     put(page, "bootset", set_letter(boot.running));
-    put(page, "uptime", corvel_duration_text(monotonic_time(), uptime));
+    put(page, "uptime", corvel_duration_text(seconds_up(), uptime));
     close_part(page);
 }
 

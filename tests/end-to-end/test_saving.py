@@ -196,6 +196,17 @@ class Saving(OwnDemoTest):
         self.save(NETWORK, {"LAN_ADDRESS": "10.0.0.1", "LAN_NETMASK": "255.0.0.0",
                             "DHCP_FIRST": "10.0.0.2", "DHCP_LAST": "10.255.255.254"})
 
+    def test_settings_that_are_switched_off_are_not_checked(self):
+        off = {"DHCP_ENABLED": "0", "WLAN_ENABLED": "0"}
+        self.save(NETWORK, {**off, "LAN_ADDRESS": "10.9.0.1", "DHCP_FIRST": "192.168.1.100",
+                            "DHCP_LEASE": "no hours", "WLAN_PASSPHRASE": "short"})
+        saved = self.demo.json(NETWORK)
+        self.assertEqual((saved["LAN_ADDRESS"], saved["DHCP_LEASE"]), ("10.9.0.1", "12"))
+        self.assertNotEqual(saved["WLAN_PASSPHRASE"], "short")
+        response = self.demo.post(NETWORK, {"DHCP_ENABLED": "1"})
+        self.assertEqual(response.status, 422, "the range is in another network")
+        self.assertIn("DHCP_FIRST", Page(response.text).errors)
+
     def test_the_configuration_client_applies_saved_settings(self):
         self.wait_for_the_client()
         runs = int(self.demo.applied()["RUNS"])

@@ -5,7 +5,11 @@
 // A switch greys out the settings that have no effect while it is off. They are submitted anyway.
 for (const box of document.querySelectorAll('[data-governs]')) {
   const governed = document.getElementById(box.dataset.governs);
-  const update = () => governed.classList.toggle('off', !box.checked);
+  const required = governed.querySelectorAll('[required]');
+  const update = () => {
+    governed.classList.toggle('off', !box.checked);
+    for (const each of required) each.required = box.checked;
+  };
   box.addEventListener('change', update);
   update();
 }
