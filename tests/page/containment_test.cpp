@@ -902,8 +902,7 @@ TEST(corvel_request_begin_contained, SurvivesTheEndOfTheProcessAtEachOfItsCalls)
         const NothingLeft nothing_left;
         const RecordSyslog log;
         own_generation = generation;
-        unsigned long left = n;
-        deed = [&] {
+        deed = [left = n]() mutable {
             if (--left == 0)
                 _exit(1);
         };
