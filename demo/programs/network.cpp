@@ -133,7 +133,7 @@ void check_network(struct form *form) {
         fail("LAN_ADDRESS", "This is the network or broadcast address.");
     else if (is_in_providers_network(router, mask))
         fail("LAN_ADDRESS", "This address range is used by the provider's network.");
-    if (!is_switched_on(form, "DHCP_ENABLED"))
+    if (is_switched_off(form, "DHCP_ENABLED"))
         return;
     if (!usable(first))
         fail("DHCP_FIRST", "This address is not in the router's network.");

@@ -181,14 +181,14 @@ static bool has_errors(const struct form *form) {
     return false;
 }
 
-bool is_switched_on(const struct form *form, const char *power) {
-    return strcmp(form_value(form, power), "1") == 0;
+bool is_switched_off(const struct form *form, const char *power) {
+    return strcmp(form_value(form, power), "0") == 0;
 }
 
 static void check_field(struct form *form, field *checked) {
     const char *power = checked->setting->power;
     checked->error = checked->setting->complaint(checked->value);
-    if (checked->error && power && !is_switched_on(form, power)) {
+    if (checked->error && power && is_switched_off(form, power)) {
         checked->is_sent = false;
         checked->value = stored_value(form, checked);
         checked->error = NULL;

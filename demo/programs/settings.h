@@ -45,7 +45,7 @@ typedef struct setting {
     /** Returns a message for the user, or null if the value is valid. */
     const char *(*complaint)(const char *value);
     bool is_hidden; /**< Whether the saved value is not told beside another entry. */
-    /** The setting that switches this one off if it is not 1; null if there is none. While a
+    /** The setting that switches this one off if it is 0; null if there is none. While a
      * setting is switched off, an invalid entry is ignored instead of refused. */
     const char *power;
 } setting;
@@ -72,8 +72,8 @@ void save_settings(struct page *page, const settings_page *site);
 /** Returns the value of a setting, which must exist: stored, or sent by the form. */
 const char *form_value(const struct form *form, const char *name);
 
-/** Whether the value of a switch is 1. */
-bool is_switched_on(const struct form *form, const char *power);
+/** Whether the value of a switch is 0. */
+bool is_switched_off(const struct form *form, const char *power);
 
 /** States why a value is refused. */
 void set_form_error(struct form *form, const char *name, const char *message);
