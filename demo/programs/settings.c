@@ -119,7 +119,7 @@ void show_settings(struct page *page, const settings_page *site) {
 
 static size_t find_field(const struct form *form, const char *name) {
     size_t found = 0;
-    while (strcmp(form->fields[found].setting->name, name) != 0)
+    while (found + 1 < form->count && strcmp(form->page->settings[found].name, name) != 0)
         found++;
     return found;
 }
