@@ -204,6 +204,21 @@ static bool check(struct form *form) {
     return !has_errors(form);
 }
 
+/* Whether a value of the request differs from the stored one, or was made from another version. */
+static bool has_changes(const struct page *page, struct form *form) {
+    for (size_t i = 0; i < form->file_count; i++) {
+        const char *version = corvel_field(page->request, form->files[i]->version);
+        if (version && strcmp(version, corvel_settings_version(form->loaded[i])) != 0)
+            return true;
+    }
+    for (size_t i = 0; i < form->count; i++) {
+        const field *each = &form->fields[i];
+        if (each->is_sent && strcmp(each->value, stored_value(form, each)) != 0)
+            return true;
+    }
+    return false;
+}
+
 /* Sets the values of the request in memory. */
 static bool set(struct form *form) {
     for (size_t i = 0; i < form->count; i++) {
@@ -229,10 +244,13 @@ static void show_conflict(struct page *page, struct form *form) {
               "below. Save again to replace the saved settings.");
 }
 
-static void save(struct page *page, struct form *form) {
+/* Without changes nothing is saved: even the lock files would wear the flash. */
+static void save(struct page *page, struct form *form, bool is_changed) {
     char text[line_size];
     const char *complaint = NULL;
-    const corvel_settings_result result = corvel_settings_save(form->loaded, form->file_count);
+    const corvel_settings_result result = is_changed
+                                              ? corvel_settings_save(form->loaded, form->file_count)
+                                              : CORVEL_SETTINGS_UNCHANGED;
     const int status = corvel_settings_status(result, &complaint);
     if (result == CORVEL_SETTINGS_OUTDATED) {
         show_conflict(page, form);
@@ -257,14 +275,17 @@ void save_settings(struct page *page, const settings_page *site) {
     }
     ignore_disconnection();
     begin(&form, site);
-    if (take(page, &form) == 0)
+    const size_t taken = take(page, &form);
+    const bool is_valid = taken != 0 && check(&form);
+    const bool is_changed = is_valid && has_changes(page, &form);
+    if (taken == 0)
         show_form(page, &form, CORVEL_HTTP_BAD_REQUEST,
                   "The request contains no setting of this page.");
-    else if (!check(&form) || !set(&form))
+    else if (!is_valid || !set(&form))
         show_form(page, &form, CORVEL_HTTP_UNPROCESSABLE_CONTENT,
                   "The settings have not been saved. See below.");
     else
-        save(page, &form);
+        save(page, &form, is_changed);
     unload(&form);
     close(lock);
 }
