@@ -70,7 +70,9 @@ def run(report):
 def check_same_settings(report, directory):
     scene = Scene("same-settings", same_page)
     scene.prepare(directory)
-    flash = scene.flash(Path(directory) / "again")
+    again = Path(directory) / "again"
+    again.mkdir()
+    flash = scene.flash(again)
     scene.play(flash)
     report.check(flash.count_writes() == 0, "a page that is saved unchanged writes nothing")
 

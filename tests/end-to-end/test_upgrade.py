@@ -99,9 +99,20 @@ class UpgradeTest(DemoTest):
     def write_until(self, share):
         """Starts writing the staged image, and stops the writer when it has written this share."""
         self.assertEqual(self.perform("write"), 303)
-        writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
+        writer = self.writer()
         self.continue_until(writer, share)
         return writer
+
+    def writer(self):
+        """Returns the process that writes. Those that answer requests or parse them end soon."""
+        seen = []
+
+        def stays():
+            seen[:] = [*seen[-1:], self.demo.programs("/www/cgi-bin/upgrade")]
+            return len(seen) == 2 and len(seen[0]) == 1 and seen[0] == seen[1]
+
+        self.assertTrue(wait_until(stays))
+        return seen[0][0]
 
     def continue_until(self, writer, share):
         """Continues a writer until it has written more than this share. Returns the state."""

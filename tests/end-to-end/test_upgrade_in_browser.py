@@ -40,7 +40,7 @@ class InBrowser(UpgradeTest):
         image = self.file("corvel-r1-2.0.0.bin", large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1])
         walk = self.walk("write", image)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "writing", 30))
-        writer = self.demo.programs("/www/cgi-bin/upgrade")[0]
+        writer = self.writer()
         self.continue_until(writer, 0.4)
         self.assertEqual(walk.line(), "writing")
         os.kill(writer, signal.SIGKILL)
