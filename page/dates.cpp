@@ -35,9 +35,9 @@ int name_index(const char *names, const char *text) {
     return -1;
 }
 
-/// Reads the parts of a date. A digit of the pattern stands for the two digits of the part of that
-/// number, `_` for a day with a space instead of a leading zero, `w` and `m` for the name of a
-/// weekday and of a month, and `*` for the letters of a weekday's long name after its first three.
+/// Reads the parts of a date. A digit of the pattern matches the two digits of the part of that
+/// number, `_` a day with a space instead of a leading zero, `w` and `m` the name of a
+/// weekday and of a month, and `*` the letters of a weekday's long name after its first three.
 bool read(const char *text, const char *pattern, int (&parts)[part_count]) {
     parts[century] = no_century;
     for (; *pattern != '\0'; ++pattern) {

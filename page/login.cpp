@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "page/boot.h"
-#include "page/control_character.h"
 #include "page/record_file.h"
+#include "page/syntax.h"
 #include "support/big_endian.h"
 #include "support/handles.h"
 #include "support/pause.h"

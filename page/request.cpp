@@ -12,6 +12,7 @@
 #include <strings.h>
 
 #include "page/contained_process.h"
+#include "page/string_list.h"
 #include "page/syntax.h"
 #include "support/handles.h"
 #include "support/text.h"
@@ -39,8 +40,7 @@ enum class Refusal : unsigned char {
     containment
 };
 
-/// The status and the complaint of each. One string, since an array of pointers would need a
-/// relocation for each.
+/// The status and the complaint of each.
 constexpr char refusals[] = "200\0"
                             "413The request contains too many fields.\0"
                             "413The request is too large.\0"
@@ -57,12 +57,7 @@ constexpr char refusals[] = "200\0"
                             "408The request did not arrive in time.\0"
                             "500The request could not be processed.";
 
-const char *text_of(Refusal refusal) {
-    const char *text = refusals;
-    for (auto left = static_cast<unsigned>(refusal); left != 0; --left)
-        text += std::strlen(text) + 1;
-    return text;
-}
+const char *text_of(Refusal refusal) { return string_in_list(refusals, static_cast<int>(refusal)); }
 
 int status_of(Refusal refusal) {
     return static_cast<int>(std::strtol(text_of(refusal), nullptr, 10));
@@ -232,11 +227,8 @@ constexpr char type_names[] =
 unsigned type_named(const char *name) {
     name += std::strspn(name, " \t");
     const std::size_t length = std::strcspn(name, "; \t");
-    unsigned type = 1;
-    for (const char *each = type_names; *each != '\0'; each += std::strlen(each) + 1, type *= 2)
-        if (equals_ignoring_case({name, length}, each))
-            break;
-    return type;
+    const int index = index_ignoring_case(type_names, {name, length});
+    return index < 0 ? unsigned{CORVEL_ANY_TYPE} : 1U << static_cast<unsigned>(index);
 }
 
 /// The type as which the body is read; 0 if the rules do not permit it.

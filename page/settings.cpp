@@ -13,12 +13,12 @@
 
 #include "config/companion_files.h"
 #include "config/property_table.h"
-#include "page/control_character.h"
 #include "page/settings_file.h"
 #include "page/settings_recovery.h"
 #include "page/settings_text.h"
 #include "page/sha256.h"
 #include "page/string_list.h"
+#include "page/syntax.h"
 #include "support/text.h"
 
 namespace corvel {

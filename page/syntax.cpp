@@ -21,6 +21,13 @@ bool equals_ignoring_case(std::string_view text, const char *expected) {
            strncasecmp(text.data(), expected, text.size()) == 0;
 }
 
+int index_ignoring_case(const char *list, std::string_view text) {
+    for (int index = 0; *list != '\0'; ++index, list += std::strlen(list) + 1)
+        if (equals_ignoring_case(text, list))
+            return index;
+    return -1;
+}
+
 std::size_t span_of(const char *text, const char *others) {
     const char *end = text;
     while (is_alphanumeric(*end) || (*end != '\0' && std::strchr(others, *end) != nullptr))

@@ -10,6 +10,10 @@ namespace corvel {
 /// True if a string equals another one regardless of the case of letters.
 bool equals_ignoring_case(std::string_view text, const char *expected);
 
+/// The index of the string of a list that equals a text regardless of the case of letters; -1 if
+/// none does. Each string is terminated by a NUL, and an empty one ends the list.
+int index_ignoring_case(const char *list, std::string_view text);
+
 /// The length of the start of a string that consists of letters and digits of ASCII and of @p
 /// others.
 std::size_t span_of(const char *text, const char *others);

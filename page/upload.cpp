@@ -12,6 +12,7 @@
 #include "page/contained_process.h"
 #include "page/multipart.h"
 #include "page/request.h"
+#include "page/string_list.h"
 #include "support/descriptor.h"
 #include "support/text.h"
 
@@ -299,7 +300,6 @@ constexpr std::uint16_t statuses[] = {CORVEL_HTTP_OK,
                                       CORVEL_HTTP_BAD_REQUEST,
                                       CORVEL_HTTP_INTERNAL_SERVER_ERROR};
 
-/// One string, since an array of pointers would need a relocation for each.
 constexpr char complaints[] = "\0"
                               "This address accepts uploads of forms only.\0"
                               "The upload has no valid boundary.\0"
@@ -350,10 +350,7 @@ int corvel_upload_status(corvel_upload_result result, const char **complaint) {
     auto index = 0 - static_cast<unsigned>(result);
     if (index >= sizeof statuses / sizeof *statuses)
         index = 0 - static_cast<unsigned>(CORVEL_UPLOAD_STOPPED);
-    const char *sentence = complaints;
-    for (unsigned left = index; left != 0; --left)
-        sentence += std::strlen(sentence) + 1;
     if (complaint != nullptr)
-        *complaint = sentence;
+        *complaint = string_in_list(complaints, static_cast<int>(index));
     return statuses[index];
 }

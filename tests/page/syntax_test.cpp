@@ -12,6 +12,7 @@ namespace {
 using corvel::equals_ignoring_case;
 using corvel::has_control_character;
 using corvel::hex_byte;
+using corvel::index_ignoring_case;
 using corvel::span_of;
 using corvel::trimmed;
 
@@ -30,6 +31,16 @@ TEST(EqualsIgnoringCase, ComparesNothingAfterTheView) {
 TEST(EqualsIgnoringCase, TreatsANulAsACharacter) {
     EXPECT_FALSE(equals_ignoring_case(std::string_view("name\0", 5), "name"));
     EXPECT_FALSE(equals_ignoring_case(std::string_view("nam\0", 4), "name"));
+}
+
+TEST(IndexIgnoringCase, CountsTheStringsBeforeTheEqualOne) {
+    static constexpr char list[] = "One\0two\0three\0";
+    EXPECT_EQ(index_ignoring_case(list, "one"), 0);
+    EXPECT_EQ(index_ignoring_case(list, "THREE"), 2);
+    EXPECT_EQ(index_ignoring_case(list, "tw"), -1);
+    EXPECT_EQ(index_ignoring_case(list, "twos"), -1);
+    EXPECT_EQ(index_ignoring_case(list, ""), -1);
+    EXPECT_EQ(index_ignoring_case("", "one"), -1);
 }
 
 TEST(SpanOf, CountsLettersAndDigitsOfAsciiAndTheOthers) {
