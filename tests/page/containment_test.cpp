@@ -35,7 +35,7 @@
 #include <unistd.h>
 #include <vector>
 
-/** Stands for poll(), which test programs replace each in their own way. */
+/** Identifies poll(), which test programs replace each in their own way. */
 constexpr stand_in_call call_poll = stand_in_call_count;
 
 extern "C" int poll(pollfd *entries, nfds_t count, int milliseconds) {
@@ -727,6 +727,15 @@ std::vector<Case> cases() {
     };
 }
 
+/** Expects one line in the log, which starts as the case says, or none. */
+void expect_line_of(const Case &each) {
+    const std::vector<std::string> lines = log_lines();
+    EXPECT_EQ(lines.size(), each.log.empty() ? 0U : 1U) << each.name;
+    if (!lines.empty()) {
+        EXPECT_TRUE(lines[0].starts_with(each.log)) << each.name << ": " << lines[0];
+    }
+}
+
 TEST(corvel_request_begin_contained, RefusesARequestWhoseProcessMisbehaves) {
     for (const Case &each : cases()) {
         const NothingLeft nothing_left;
@@ -739,11 +748,7 @@ TEST(corvel_request_begin_contained, RefusesARequestWhoseProcessMisbehaves) {
         EXPECT_EQ(corvel_field(request, "a"), nullptr) << each.name;
         EXPECT_EQ(corvel_query(request, "a"), nullptr) << each.name;
         EXPECT_EQ(AnyRequest::unread_input(), "") << each.name;
-        const std::vector<std::string> lines = log_lines();
-        EXPECT_EQ(lines.size(), each.log.empty() ? 0U : 1U) << each.name;
-        if (!lines.empty()) {
-            EXPECT_TRUE(lines[0].starts_with(each.log)) << each.name << ": " << lines[0];
-        }
+        expect_line_of(each);
     }
 }
 
@@ -843,11 +848,7 @@ TEST(corvel_request_begin_contained, RefusesAnUploadWhoseProcessMisbehaves) {
             << each.name;
         EXPECT_TRUE(directory.names().empty()) << each.name;
         EXPECT_EQ(AnyRequest::unread_input(), "") << each.name;
-        const std::vector<std::string> lines = log_lines();
-        EXPECT_EQ(lines.size(), each.log.empty() ? 0U : 1U) << each.name;
-        if (!lines.empty()) {
-            EXPECT_TRUE(lines[0].starts_with(each.log)) << each.name << ": " << lines[0];
-        }
+        expect_line_of(each);
     }
 }
 

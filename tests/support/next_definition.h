@@ -19,7 +19,7 @@
 #include <type_traits>
 #include <utility>
 
-/** The exception specification in the headers of those C libraries that have one. */
+/** How the headers of some C libraries declare that a function throws no exception. */
 #ifdef __THROW
 #define C_LIBRARY_NOEXCEPT __THROW
 #else

@@ -4,7 +4,7 @@
  * (stand-ins). Tests use them through stand_in.h.
  *
  * The stand-ins are C, not C++, so that the definitions agree with the declarations of every C
- * library, regardless of their exception specifications.
+ * library, whether or not they say that a function throws no exception.
  */
 #ifndef CORVEL_TESTS_STAND_IN_CALLS_H
 #define CORVEL_TESTS_STAND_IN_CALLS_H
