@@ -6,7 +6,6 @@ import pty
 import socket
 import subprocess
 import textwrap
-import time
 import urllib.error
 import urllib.request
 from dataclasses import dataclass
@@ -160,12 +159,3 @@ def fetch(address, body=None, **headers):
             return answer.status, answer.read().decode()
     except urllib.error.HTTPError as error:
         return error.code, error.read().decode()
-
-
-def wait_until(condition, seconds=20):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            return False
-        time.sleep(0.05)
-    return True

@@ -10,7 +10,8 @@ from pathlib import Path
 import pytest
 
 from build_tree import INSTALLED
-from conftest import COMMAND, wait_until
+from conftest import COMMAND
+from waiting import wait_until
 
 CLIENTS = {"laptop", "phone", "printer"}
 
@@ -135,7 +136,7 @@ def test_nothing_is_left_running_after_a_signal(device, number):
         assert running(mark)
         process.send_signal(number)
     assert process.returncode == (-number if number == signal.SIGKILL else 128 + number)
-    assert wait_until(lambda: not running(mark))
+    assert wait_until(lambda: not running(mark), 20)
 
 
 def test_nothing_is_left_running_after_the_command(device):

@@ -21,6 +21,7 @@ import urllib.parse
 
 from build_tree import BUILD, SOURCE
 from ports import free_port
+from waiting import wait_until
 
 IMAGE = BUILD / "device"
 NETWORK = "/cgi-bin/network"
@@ -44,16 +45,6 @@ STRANGER = {"Cookie": None}  # headers of a client that has not logged in
 
 _running = set()
 _shared = []
-
-
-def wait_until(condition, seconds=10):
-    """Waits until a condition is true. Returns false if it is not true in time."""
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            return False
-        time.sleep(0.02)
-    return True
 
 
 def shared_demo():
