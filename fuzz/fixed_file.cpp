@@ -32,7 +32,7 @@ void FixedFile::fill(std::string_view bytes) {
 
 extern "C" int open(const char *file, int oflag, ...) {
     mode_t mode = 0;
-    if ((oflag & O_CREAT) != 0) {
+    if ((oflag & O_CREAT) != 0 || (oflag & O_TMPFILE) == O_TMPFILE) {
         va_list values;
         va_start(values, oflag);
         // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start() is not recognised

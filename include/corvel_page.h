@@ -1458,7 +1458,9 @@ CORVEL_PAGE_API corvel_upload_result corvel_upload_read(corvel_request *request,
 
 /**
  * As corvel_upload_read(), with the file of one field written into a new file of mode 0600. Other
- * files are discarded, also further ones of the same field. On any failure there is no new file.
+ * files are discarded, also further ones of the same field. On any failure there is no new file,
+ * and where the file system has unnamed files (O_TMPFILE) and /proc is mounted, none either if the
+ * process is killed: the file then gets its name when it is complete.
  *
  * The name of the file, which the client has chosen, becomes the value of the field, for
  * corvel_field(). Show it to the user, but do not open a file of that name.

@@ -2,6 +2,8 @@
 #include <corvel_page.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -213,7 +215,8 @@ corvel_upload_result read_contained(const corvel_containment &containment, Body 
     return PartReceiver(process, sink).receive();
 }
 
-/// A file that receives the content of one field's file.
+/// A file that receives the content of one field's file. Where the file system permits, it has no
+/// name until it is complete, so that nothing is left even if the process is killed.
 class SavedFile {
   public:
     SavedFile(corvel_request *request, const char *field, const char *path)
@@ -222,7 +225,7 @@ class SavedFile {
     SavedFile &operator=(const SavedFile &) = delete;
     /// Removes the file unless it is complete.
     ~SavedFile() {
-        if (file_.get() >= 0 && !is_complete_)
+        if (file_ && is_named_ && !is_complete_)
             unlink(path_);
     }
 
@@ -243,23 +246,47 @@ class SavedFile {
             return CORVEL_UPLOAD_NO_SPACE;
         if (result != CORVEL_UPLOAD_DONE)
             return result;
-        if (file_.get() < 0)
+        if (!file_)
             return CORVEL_UPLOAD_NO_FILE;
-        is_complete_ = true;
-        return CORVEL_UPLOAD_DONE;
+        is_complete_ =
+            is_named_ || linkat(AT_FDCWD, own_link().path, AT_FDCWD, path_, AT_SYMLINK_FOLLOW) == 0;
+        return is_complete_ ? CORVEL_UPLOAD_DONE : CORVEL_UPLOAD_NO_SPACE;
     }
 
   private:
     /// A field without a file is sent with an empty name. Of several files, the first is taken.
     bool begin(const corvel_part &part) {
-        is_receiving_ =
-            file_.get() < 0 && std::strcmp(part.name, field_) == 0 && *part.filename != '\0';
+        is_receiving_ = !file_ && std::strcmp(part.name, field_) == 0 && *part.filename != '\0';
         if (!is_receiving_)
             return true;
         if (add_field(request_, field_, part.filename) != CORVEL_HTTP_OK)
             return false;
+        return create_unnamed() || create_named();
+    }
+    /// The link with which the kernel shows an open file.
+    struct OwnLink {
+        char path[32];
+    };
+    [[nodiscard]] OwnLink own_link() const {
+        OwnLink link;
+        std::snprintf(link.path, sizeof link.path, "/proc/self/fd/%d", file_.get());
+        return link;
+    }
+    /// False if the file system has no unnamed files, or /proc, which naming one takes, is missing.
+    bool create_unnamed() {
+        const char *const slash = std::strrchr(path_, '/');
+        char directory[PATH_MAX];
+        const auto length = static_cast<int>(slash != nullptr ? slash + 1 - path_ : 0);
+        std::snprintf(directory, sizeof directory, "%.*s.", length, path_);
+        file_ = Descriptor(open(directory, O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600));
+        if (file_ && access(own_link().path, F_OK) != 0)
+            file_ = Descriptor(-1);
+        return static_cast<bool>(file_);
+    }
+    bool create_named() {
         file_ = Descriptor(open(path_, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        return file_.get() >= 0;
+        is_named_ = static_cast<bool>(file_);
+        return is_named_;
     }
     bool write(const char *bytes, std::size_t size) {
         while (is_receiving_ && size != 0) {
@@ -278,6 +305,7 @@ class SavedFile {
     const char *field_;
     const char *path_;
     Descriptor file_{-1};
+    bool is_named_ = false;
     bool is_receiving_ = false;
     bool is_complete_ = false;
 };

@@ -48,7 +48,8 @@ int open(const char *path, int flags, ...) {
     va_list values;
     NEXT_DEFINITION(open);
     va_start(values, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(values, mode_t) : 0;
+    const int creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const mode_t mode = creates ? va_arg(values, mode_t) : 0;
     va_end(values);
     return next(real_path(path), flags, mode);
 }

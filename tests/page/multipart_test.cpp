@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
 #include <optional>
@@ -13,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -613,6 +616,58 @@ TEST(corvel_upload_save, LeavesNoFileWhereTheUploadFails) {
         EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_NO_SPACE);
     }
     EXPECT_TRUE(directory.names().empty());
+}
+
+TEST(corvel_upload_save, LeavesNoFileWhereTheProcessIsKilled) {
+    const TemporaryDirectory directory;
+    Upload upload(file_body("x"));
+    const pid_t process = fork();
+    ASSERT_GE(process, 0);
+    if (process == 0) {
+        stand_in_reached = [](stand_in_call call) {
+            if (call == call_write)
+                raise(SIGKILL);
+        };
+        upload.save("image", directory.path("image"));
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(process, &status, 0), process);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_TRUE(directory.names().empty());
+}
+
+TEST(corvel_upload_save, ManagesWithoutUnnamedFiles) {
+    const TemporaryDirectory directory;
+    Upload upload(file_body("content"));
+    const FailCall unnamed(call_open, 1, EOPNOTSUPP);
+    EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_DONE);
+    EXPECT_EQ(directory.read("image"), "content");
+}
+
+TEST(corvel_upload_save, RemovesANamedFileWhereTheUploadFails) {
+    const TemporaryDirectory directory;
+    Upload upload(file_body("content"));
+    const FailCall unnamed(call_open, 1, EOPNOTSUPP);
+    const FailCall full(call_write, 1, ENOSPC);
+    EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_NO_SPACE);
+    EXPECT_TRUE(directory.names().empty());
+}
+
+TEST(corvel_upload_save, LeavesAFileAloneThatAppearsMeanwhile) {
+    const TemporaryDirectory directory;
+    static std::string path;
+    path = directory.path("image");
+    directory.write("image.other", "of another process");
+    Upload upload(file_body("x"));
+    stand_in_reached = [](stand_in_call call) {
+        if (call == call_write)
+            std::filesystem::copy_file(path + ".other", path);
+    };
+    const corvel_upload_result result = upload.save("image", path);
+    stand_in_reached = nullptr;
+    EXPECT_EQ(result, CORVEL_UPLOAD_NO_SPACE);
+    EXPECT_EQ(directory.read("image"), "of another process");
 }
 
 TEST(corvel_upload_save, ReportsAFullDisk) {

@@ -394,7 +394,8 @@ int open(const char *path, int flags, ...) {
     if (fails(call_open))
         return -1;
     va_start(values, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(values, mode_t) : 0;
+    const int creates = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    const mode_t mode = creates ? va_arg(values, mode_t) : 0;
     va_end(values);
     const int descriptor = next(path, flags, mode);
     if (descriptor >= 0 && stand_in_opened != NULL)
