@@ -248,7 +248,7 @@ const walks = {
 
   // Checks every page at several widths and in both colour schemes.
   async pages(page) {
-    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'password']) {
+    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'system', 'password']) {
       await page.goto(`${url}/cgi-bin/${name}`);
       await checkLooks(page, name);
     }
@@ -258,7 +258,7 @@ const walks = {
   // Checks every page in its states with axe.
   async accessible(page, image) {
     const at = (name) => page.goto(`${url}/cgi-bin/${name}`);
-    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'password']) {
+    for (const name of ['status', 'clients', 'network', 'device', 'upgrade', 'traps', 'system', 'password']) {
       await at(name);
       await checkAccess(page, name);
     }

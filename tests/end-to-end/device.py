@@ -34,7 +34,8 @@ PASSWORD = "/cgi-bin/password"
 STATUS = "/cgi-bin/status"
 CLIENTS = "/cgi-bin/clients"
 TRAPS = "/cgi-bin/traps"
-PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, PASSWORD)
+SYSTEM = "/cgi-bin/system"
+PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"
 FACTORY_PASSWORD = "corvel"
