@@ -401,6 +401,19 @@ const walks = {
     return { reason, at: page.url() };
   },
 
+  // Restarts the router: the page waits for it, and the login leads back to the system page.
+  async restart(page) {
+    await page.goto(url + '/cgi-bin/system');
+    await page.getByRole('link', { name: 'Restart router' }).click();
+    await checkLooks(page, 'restart');
+    await page.getByRole('button', { name: 'Restart' }).click();
+    await page.getByRole('heading', { name: 'Restarting' }).waitFor();
+    await page.locator('form#login').waitFor();
+    await logIn(page, process.env.PASSWORD);
+    await page.getByRole('heading', { name: 'System', level: 1 }).waitFor();
+    return 'back';
+  },
+
   // Observes the status page while the interface wlan0 is changed and then the session ends.
   async status(page) {
     const count = countLoads(page);

@@ -35,6 +35,7 @@ STATUS = "/cgi-bin/status"
 CLIENTS = "/cgi-bin/clients"
 TRAPS = "/cgi-bin/traps"
 SYSTEM = "/cgi-bin/system"
+RESTART = "/cgi-bin/restart"
 PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"

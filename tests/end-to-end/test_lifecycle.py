@@ -77,7 +77,7 @@ class Lifecycle(Case):
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
                              ["bootloader", "chpasswd", "configclient", "corvel-settings",
                               "environment", "factory", "init", "interfaces", "keep", "reboot",
-                              "station", "traplog"])
+                              "reset", "station", "traplog"])
             for name in ("passwd", "shadow"):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])

@@ -5,7 +5,8 @@ import os
 import signal
 
 from demo_test import OwnDemoTest
-from device import SYSTEM, Element, seconds_of, wait_until
+from device import (DEVICE, FACTORY_PASSWORD, NETWORK, RESTART, STRANGER, SYSTEM, Demo, Element,
+                    seconds_of, wait_until)
 
 SET_A, SET_B = (2, 3), (4, 5)
 
@@ -75,3 +76,71 @@ class System(OwnDemoTest):
             page = Element.of_page(self.demo.get(SYSTEM).text)
             self.assertEqual(page.by_id("environment").rows(), [])
             self.assertIn("is damaged", page.find("p", role="alert")[0].text)
+
+
+class Restart(OwnDemoTest):
+    def boot_id(self):
+        return (self.demo.root() / "run/boot_id").read_text()
+
+    def restart(self, action):
+        """Returns the page after which the router has restarted."""
+        before = self.boot_id()
+        response = self.demo.post(RESTART, {"action": action})
+        self.assertEqual(response.status, 200)
+        self.assertTrue(wait_until(lambda: self.is_restarted(before)))
+        self.assertFalse(self.demo.is_logged_in(self.demo.session))
+        self.demo.session = self.demo.log_in()
+        return Element.of_page(response.text)
+
+    def is_restarted(self, before):
+        try:
+            return self.boot_id() != before and self.demo.get(SYSTEM).status == 303
+        except (IndexError, OSError):
+            return False  # the web server is not running
+
+    def test_a_restart_keeps_everything_and_the_page_leads_back(self):
+        saved = self.demo.post(DEVICE, {"CONTACT": "kept"})
+        self.assertEqual(saved.status, 303)
+        files = self.demo.files()
+        page = self.restart("restart")
+        self.assertEqual(self.demo.files(), files)
+        refresh, = page.find("meta", http_equiv="refresh")
+        self.assertEqual(refresh.attributes["content"], "20; url=/cgi-bin/system")
+        self.assertEqual(page.find("div", data_waiting=SYSTEM)[0].tag, "div")
+
+    def test_the_page_in_a_browser_waits_and_leads_back_after_the_login(self):
+        self.assertEqual(self.walk("restart", PASSWORD=FACTORY_PASSWORD).result(), "back")
+        self.demo.session = self.demo.log_in()
+
+    def test_nothing_happens_without_a_confirmation_a_session_and_a_token(self):
+        before = self.boot_id()
+        for action in ("restart", "reset"):
+            self.assertEqual(self.demo.get(f"{RESTART}?action={action}").status, 200)
+            self.assertEqual(self.demo.post(RESTART, {"action": action}, STRANGER).status, 303)
+            refused = self.demo.post(RESTART, {"action": action, "token": "0" * 64})
+            self.assertEqual(refused.status, 403)
+        self.assertEqual(self.demo.post(RESTART, {"action": "other"}).status, 400)
+        self.assertEqual(self.boot_id(), before)
+        self.assertFalse(self.demo.file("reset").exists())
+
+    def test_a_reset_restores_settings_and_password_and_keeps_the_flash(self):
+        with Demo() as demo:
+            self.demo, kept = demo, self.demo
+            factory = demo.files()
+            flash = [demo.flash(i).read_bytes() for i in range(9)]
+            for path, name, value in ((NETWORK, "WLAN_SSID", "Other"), (DEVICE, "CONTACT", "Ann"),
+                                      (NETWORK, "LAN_ADDRESS", "192.168.1.7")):
+                self.assertEqual(demo.post(path, {name: value}).status, 303)
+            shadow = demo.state / "accounts/etc/shadow"
+            hashes = shadow.read_text()
+            shadow.write_text(hashes.replace("admin:", "admin:*"))
+            page = Element.of_page(demo.get(RESTART + "?action=reset").text)
+            self.assertIn("192.168.1.1", page.text)
+            self.restart("reset")
+            self.assertEqual(demo.files(), factory)
+            self.assertEqual(shadow.read_text(), hashes)
+            self.assertEqual([demo.flash(i).read_bytes() for i in range(9)], flash)
+            self.assertFalse(demo.file("reset").exists())
+            self.assertTrue(wait_until(lambda: demo.applied()["LAN"].startswith("192.168.1.1 ")))
+            self.assertEqual(demo.crashes(), [])
+            self.demo = kept

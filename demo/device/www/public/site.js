@@ -207,6 +207,14 @@ if (live) {
   setInterval(look, 5000);
 }
 
+// A restart ends the session: the login page then leads to this page.
+const waiting = document.querySelector('[data-waiting]')?.dataset.waiting;
+if (waiting)
+  setInterval(async () => {
+    const response = await fetch(waiting + '?Ajax=1').catch(() => null);
+    if (response?.status === 401) location.replace(waiting);
+  }, 1000);
+
 // The steps of an upgrade. Each starts with a form that also works without this file.
 
 // Replaces the page's content with that of a response. The response may have an error status.
