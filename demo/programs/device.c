@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: MIT */
-/* The device page: the values set in the factory, and the names that the owner gives the device. */
+/* The device page: the values set in the factory, the names that the owner gives the device, and
+ * the time zone. */
 #include "settings.h"
+#include "time_zone.h"
 
 #include <string.h>
 
@@ -12,9 +14,18 @@ static const char *host_name_complaint(const char *value) {
     return NULL;
 }
 
-static void add_factory_data(struct page *page, const struct form *form) {
+static void add_time_zones(struct page *page, const char *chosen) {
+    for (size_t i = 0; i < time_zone_count; i++) {
+        corvel_data *option = corvel_data_add(page->data, "time_zones");
+        corvel_data_set(option, "value", time_zones[i].rule);
+        corvel_data_set(option, "text", time_zones[i].places);
+        corvel_data_set(option, "chosen", strcmp(time_zones[i].rule, chosen) == 0 ? "1" : "");
+    }
+}
+
+static void add_more(struct page *page, const struct form *form) {
     static const char *const names[] = {"MODEL", "SERIAL", "HARDWARE"};
-    (void)form;
+    add_time_zones(page, form_value(form, "TIME_ZONE"));
     put_file(page, "factory", &factory_file, names, sizeof names / sizeof *names);
 }
 
@@ -22,10 +33,11 @@ static const setting settings[] = {
     {"HOST_NAME", &global_file, host_name_complaint, false, NULL},
     {"DESCRIPTION", &global_file, text_complaint, false, NULL},
     {"CONTACT", &global_file, text_complaint, false, NULL},
+    {"TIME_ZONE", &global_file, time_zone_complaint, true, NULL},
 };
 
-static const settings_page page_of_settings = {
-    "device", settings, sizeof settings / sizeof *settings, NULL, add_factory_data};
+static const settings_page page_of_settings = {"device", settings,
+                                               sizeof settings / sizeof *settings, NULL, add_more};
 
 static void handle_get(struct page *page) { show_settings(page, &page_of_settings); }
 static void handle_post(struct page *page) { save_settings(page, &page_of_settings); }

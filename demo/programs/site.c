@@ -2,7 +2,10 @@
 #define _GNU_SOURCE
 #include "site.h"
 
+#include "time_zone.h"
+
 #include <fcntl.h>
+#include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -83,6 +86,13 @@ static void answer_request(struct page *page, const site_page *site) {
     }
 }
 
+/* The name that the router has in the network. */
+static void put_host_name(corvel_data *frame) {
+    char name[HOST_NAME_MAX + 1] = "";
+    gethostname(name, sizeof name - 1);
+    corvel_data_set(frame, "host", name);
+}
+
 /* The values of the site's frame. The navigation is shown only to users who are logged in. */
 static corvel_data *frame_of(const struct page *page, const char *name) {
     char entry[line_size];
@@ -92,6 +102,8 @@ static corvel_data *frame_of(const struct page *page, const char *name) {
     corvel_settings_free(factory);
     snprintf(entry, sizeof entry, "on_%s", name);
     corvel_data_set(frame, entry, "1");
+    if (page->session)
+        put_host_name(frame);
     corvel_data_set(frame, "account", corvel_session_user(page->session));
     corvel_data_set(frame, "token", corvel_session_token(page->session));
     return frame;
@@ -114,6 +126,7 @@ static void answer_in_frame(struct page *page, const site_page *site) {
 static const corvel_containment containment = {.accept_less = true};
 
 int serve(const site_page *site) {
+    use_time_zone();
     struct page page = {.request = corvel_request_begin_contained(&containment)};
     page.is_json = !site->is_public && corvel_method(page.request) == CORVEL_GET && isajax_get();
     page.session = corvel_session_find(page.request, NULL);

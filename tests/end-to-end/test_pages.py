@@ -15,10 +15,10 @@ LAN = {"LAN_ADDRESS": "10.20.30.1", "LAN_NETMASK": "255.255.252.0", "DHCP_ENABLE
 WIRELESS = {"WLAN_ENABLED": "1", "WLAN_SSID": "Caf\u00e9 <b> & 'co'", "WLAN_HIDDEN": "1",
             "WLAN_PASSPHRASE": "correct horse", "WLAN_CHANNEL": "11"}
 GLOBAL = {"HOST_NAME": "attic", "DESCRIPTION": "Under the roof", "CONTACT": "Ann, 2nd floor",
-          "DOMAIN": "home.arpa", "COUNTRY": "JP"}
-CHOICES = ("DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN", "WLAN_CHANNEL", "COUNTRY")
+          "DOMAIN": "home.arpa", "COUNTRY": "JP", "TIME_ZONE": "<-03>3"}
+CHOICES = ("DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN", "WLAN_CHANNEL", "COUNTRY", "TIME_ZONE")
 NETWORK_SETTINGS = {**LAN, **WIRELESS, "DOMAIN": GLOBAL["DOMAIN"], "COUNTRY": GLOBAL["COUNTRY"]}
-DEVICE_SETTINGS = {name: GLOBAL[name] for name in ("HOST_NAME", "DESCRIPTION", "CONTACT")}
+DEVICE_SETTINGS = {name: GLOBAL[name] for name in ("HOST_NAME", "DESCRIPTION", "CONTACT", "TIME_ZONE")}
 
 
 class Pages(OwnDemoTest):

@@ -26,6 +26,7 @@ SETTINGS = {
     "HOST_NAME": (DEVICE, "global.conf", " ", "attic-2"),
     "DESCRIPTION": (DEVICE, "global.conf", " ", "Under the roof"),
     "CONTACT": (DEVICE, "global.conf", " ", "Ann"),
+    "TIME_ZONE": (DEVICE, "global.conf", " ", "CET-1CEST,M3.5.0,M10.5.0/3"),
 }
 
 NASTY = [
@@ -61,6 +62,7 @@ INVALID = {
     "DESCRIPTION": ["x" * 81, "x" * 255, "x" * 256, "x" * 5000, "\u65e5" * 27, "%" * 86, "a\nb", "a\rb",
                     "\x01"],
     "CONTACT": ["x" * 81, "a\nHOST_NAME evil", "setenv HOST_NAME evil"],
+    "TIME_ZONE": ["UTC", "UTC0 ", "CET-1CEST", ":/etc/shadow", "../../etc/shadow", "UTC0\nX"],
 }
 
 

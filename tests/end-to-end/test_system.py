@@ -1,12 +1,29 @@
 # SPDX-License-Identifier: MIT
 """The system page: what runs, the flash, and the boot environment."""
 
+import datetime
+import html
 import os
+import re
 import signal
+import subprocess
+import sys
 
 from demo_test import OwnDemoTest
-from device import (DEVICE, FACTORY_PASSWORD, NETWORK, RESTART, STRANGER, SYSTEM, Demo, Element,
-                    seconds_of, wait_until)
+from device import (DEVICE, FACTORY_PASSWORD, LOGIN, NETWORK, RESTART, STRANGER, SYSTEM, Demo,
+                    Element, seconds_of, wait_until)
+
+# Asks the router's name server for an address, and prints it.
+RESOLVER = """
+import socket, sys
+name = b"".join(bytes([len(part)]) + part.encode() for part in sys.argv[1].split("."))
+query = b"\\0\\1\\1\\0\\0\\1\\0\\0\\0\\0\\0\\0" + name + b"\\0\\0\\1\\0\\1"
+with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+    client.settimeout(1)
+    client.sendto(query, ("192.168.1.1", 53))
+    answer = client.recv(512)
+    print(".".join(map(str, answer[-4:])) if answer[7] else "unknown")
+"""
 
 SET_A, SET_B = (2, 3), (4, 5)
 
@@ -76,6 +93,47 @@ class System(OwnDemoTest):
             page = Element.of_page(self.demo.get(SYSTEM).text)
             self.assertEqual(page.by_id("environment").rows(), [])
             self.assertIn("is damaged", page.find("p", role="alert")[0].text)
+
+
+class NameAndTime(OwnDemoTest):
+    def resolve(self, name):
+        done = subprocess.run(self.demo.inside(sys.executable, "-c", RESOLVER, name),
+                              capture_output=True, text=True, check=False)
+        return done.stdout.strip()
+
+    def test_the_host_name_takes_effect_in_the_kernel_the_name_server_and_on_the_pages(self):
+        self.assertEqual(self.demo.post(DEVICE, {"HOST_NAME": "attic"}).status, 303)
+        for name in ("attic", "attic.lan"):
+            self.assertTrue(wait_until(lambda name=name: self.resolve(name) == "192.168.1.1"), name)
+        self.assertEqual(self.resolve("router"), "unknown")
+        page = Element.of_page(self.demo.get(SYSTEM).text)
+        self.assertEqual([each.text for each in page.find("small")], ["attic"])
+        login = Element.of_page(self.demo.get(LOGIN, Cookie=None).text)
+        self.assertEqual(login.find("small"), [])
+
+    def offset(self):
+        """Returns the difference between the times of the page and UTC, in hours."""
+        since = self.demo.json(SYSTEM, "services")[0]
+        shown = datetime.datetime.fromisoformat(since["since"] + "+00:00")
+        started = datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(
+            seconds=seconds_of(since["duration"]))
+        return round((shown - started).total_seconds() / 360) / 10
+
+    def test_the_time_zone_takes_effect_in_all_times(self):
+        self.assertEqual(self.offset(), 0)
+        for zone, hours in (("IST-5:30", 5.5), ("<-03>3", -3), ("UTC0", 0)):
+            self.assertEqual(self.demo.post(DEVICE, {"TIME_ZONE": zone}).status, 303)
+            self.assertTrue(wait_until(lambda hours=hours: self.offset() == hours), zone)
+
+    def test_every_zone_of_the_list_has_a_rule_that_the_machine_understands(self):
+        text = self.demo.get(DEVICE).text
+        zones = re.findall(r'<option value="([^"]+)"', text)
+        self.assertGreater(len(zones), 20)
+        self.assertEqual(len(set(zones)), len(zones))
+        for zone in zones:
+            shown = subprocess.run(["date", "--date", "2026-01-15", "+%z"], env={"TZ": html.unescape(zone)},
+                                   capture_output=True, text=True, check=True).stdout.strip()
+            self.assertEqual(shown == "+0000", zone.startswith(("UTC", "GMT")), zone)
 
 
 class Restart(OwnDemoTest):
