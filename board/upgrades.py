@@ -16,6 +16,7 @@ import machine
 from flash import ENVIRONMENT, Flash, ROOT, SETS
 
 TOOL = ROOT / "build/board-tools/tools/corvel-image"
+OWNER_PASSWORD = "seven grey herons"
 VERSIONS = ("Corvel R1 1.0.0", "Corvel R1 2.0.0", "Corvel R1 3.0.0")
 # JFFS2 writes to the settings' partition on its own.
 SETTINGS = "Config"
@@ -59,13 +60,29 @@ class Site:
         return int(header.split()[1]), header.decode(), body
 
     def log_in(self):
-        _, header, _ = self.curl("login", "--data", "user=admin&password=corvel")
-        self.session = re.search("session=([0-9a-f]{64})", header)[1]
+        """Logs in with the owner's password, or else with the factory's, which is then replaced."""
+        if self._start_session(OWNER_PASSWORD):
+            return
+        self._start_session("corvel")
+        response = self.post("password", f"new={OWNER_PASSWORD}", f"again={OWNER_PASSWORD}")
+        self.expect(303, response)
+        self._take_session(response)
+        self._token = None
+
+    def _start_session(self, password):
+        """Returns false if the password is wrong."""
+        response = self.curl("login", "--data-urlencode", "user=admin", "--data-urlencode",
+                             f"password={password}")
+        return response[0] == 303 and self._take_session(response)
+
+    def _take_session(self, response):
+        self.session = re.search("session=([0-9a-f]{64})", response[1])[1]
+        return True
 
     def token(self):
         """Returns the token of the session's forms."""
         if not self._token:
-            page = self.curl("device")[2].decode()
+            page = self.curl("password")[2].decode()
             self._token = re.search('name="token" value="([0-9a-f]{64})"', page)[1]
         return self._token
 
@@ -200,7 +217,7 @@ def run_in_browser(report):
         machine.fill_factory_set(flash, VERSIONS[0])
         images = [Image(Path(directory), version) for version in VERSIONS[1:]]
         with started(flash, port, report, 0) as (board, site):
-            walk = Walk("both", site, *(image.path for image in images))
+            walk = Walk("both", site, *(image.path for image in images), PASSWORD=OWNER_PASSWORD)
             # QEMU ends when the board restarts; the walk waits for the site.
             report.check(board.wait(300), "the browser restarts the system after the first upgrade")
         with started(flash, port, report, 1) as (board, _):

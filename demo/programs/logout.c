@@ -7,4 +7,6 @@ static void log_out(struct page *page) {
     corvel_answer_redirect(page->answer, "/cgi-bin/login");
 }
 
-int main(void) { return serve(&(site_page){.name = "logout", .post = log_out}); }
+int main(void) {
+    return serve(&(site_page){.name = "logout", .post = log_out, .is_first_step = true});
+}

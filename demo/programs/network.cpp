@@ -203,6 +203,6 @@ void handle_post(struct page *page) { save_settings(page, &page_of_settings); }
 } // namespace
 
 int main() {
-    const site_page site = {"network", handle_get, handle_post, false, false};
+    const site_page site = {"network", handle_get, handle_post, false, false, false};
     return serve(&site);
 }

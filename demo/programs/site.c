@@ -2,6 +2,7 @@
 #define _GNU_SOURCE
 #include "site.h"
 
+#include "password_rules.h"
 #include "time_zone.h"
 
 #include <fcntl.h>
@@ -36,15 +37,18 @@ static void redirect_to_login(corvel_answer *answer, const char *query) {
     corvel_answer_redirect(answer, target);
 }
 
-/* The answer is not one to the request, whose body would be read first: a client that is not logged
- * in gets it before it has sent its upload. */
-static void send_to_login(const struct page *page, const site_page *site) {
+/* Leads a client that may not use the page to the login or to the choice of a password. The answer
+ * is not one to the request, whose body would be read first: the client gets it before it has sent
+ * its upload. */
+static void send_elsewhere(const struct page *page, const site_page *site) {
     corvel_answer *answer = corvel_answer_new(NULL, &own_site);
     if (page->is_json) {
-        corvel_answer_status(answer, 401);
+        corvel_answer_status(answer, page->session ? CORVEL_HTTP_FORBIDDEN : 401);
         corvel_json_open_object(answer, NULL);
-        corvel_json_string(answer, "error", "login");
+        corvel_json_string(answer, "error", page->session ? "password" : "login");
         corvel_json_close(answer);
+    } else if (page->session) {
+        corvel_answer_redirect(answer, "/cgi-bin/password");
     } else {
         const bool is_get = corvel_method(page->request) == CORVEL_GET;
         redirect_to_login(answer, is_get ? environment("QUERY_STRING") : site->get ? "" : NULL);
@@ -106,6 +110,7 @@ static corvel_data *frame_of(const struct page *page, const char *name) {
         put_host_name(frame);
     corvel_data_set(frame, "account", corvel_session_user(page->session));
     corvel_data_set(frame, "token", corvel_session_token(page->session));
+    corvel_data_set(frame, "first_step", page->is_first_step ? "1" : NULL);
     return frame;
 }
 
@@ -130,8 +135,9 @@ int serve(const site_page *site) {
     struct page page = {.request = corvel_request_begin_contained(&containment)};
     page.is_json = !site->is_public && corvel_method(page.request) == CORVEL_GET && isajax_get();
     page.session = corvel_session_find(page.request, NULL);
-    if (!page.session && !site->is_public) {
-        send_to_login(&page, site);
+    page.is_first_step = page.session && has_factory_password(corvel_session_user(page.session));
+    if (!site->is_public && (!page.session || (page.is_first_step && !site->is_first_step))) {
+        send_elsewhere(&page, site);
     } else {
         if (!page.is_json)
             corvel_session_touch(page.session);

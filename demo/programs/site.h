@@ -29,6 +29,7 @@ enum {
 struct page {
     corvel_request *request;
     corvel_session *session; /**< Null if the user is not logged in. */
+    bool is_first_step;      /**< The user still has the factory's password. */
     corvel_answer *answer;
     corvel_data *data; /**< The values of the page's template. */
     bool is_json;      /**< The answer is the JSON document. */
@@ -44,11 +45,15 @@ typedef struct site_page {
     void (*post)(struct page *page);
     bool is_public; /**< Answers users who are not logged in, too. There is no token then. */
     bool is_upload; /**< A POST is an upload, with its token in the query. */
+    /** Answers users who still have the factory's password, too. All other pages lead them to the
+     * password page. */
+    bool is_first_step;
 } site_page;
 
 /**
  * Answers the request. The page's functions are called only for requests of users who are logged in
- * and for forms of at most longest_body bytes that a page of this site has sent. An automatic
+ * and for forms of at most longest_body bytes that a page of this site has sent. Users who still
+ * have the factory's password are led to the page where they choose their own first. An automatic
  * refresh, a GET with `?Ajax=1`, does not extend the session.
  *
  * @return the program's exit status.

@@ -378,6 +378,27 @@ const walks = {
     return { reason, at, cookies, seenByScripts, after, end: page.url() };
   },
 
+  // Logs in to a new device: the site asks for another password before anything else.
+  async first(page, factory, own) {
+    await page.goto(url + '/cgi-bin/network');
+    await logIn(page, factory);
+    await page.getByRole('heading', { name: 'Choose a password' }).waitFor();
+    await checkLooks(page, 'first-step');
+    await checkAccess(page, 'first-step');
+    const choose = async (password) => {
+      await page.getByLabel('New password', { exact: true }).fill(password);
+      await page.getByLabel('Repeat new password').fill(password);
+      await page.getByRole('button', { name: 'Set password' }).click();
+    };
+    await choose('password2024');
+    await page.locator('.error:not(:empty)').first().waitFor();
+    const reason = await page.locator('.error:not(:empty)').first().innerText();
+    await checkAccess(page, 'first-step-refused');
+    await choose(own);
+    await page.locator('nav').waitFor();
+    return { reason, at: page.url() };
+  },
+
   async password(page, old, next) {
     await page.goto(url + '/cgi-bin/password');
     const change = async (old, next, again) => {

@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 
 from browser_packages import HERE, MODULES
-from device import FACTORY_PASSWORD
+from device import OWNER_PASSWORD
 
 
 class Walk:
@@ -24,7 +24,7 @@ class Walk:
             [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, text=True, start_new_session=True,
             env={**os.environ, "NODE_PATH": str(MODULES), "HOME": str(self.directory),
-                 "SESSION": demo.session if logged_in else "", "PASSWORD": FACTORY_PASSWORD,
+                 "SESSION": demo.session if logged_in else "", "PASSWORD": OWNER_PASSWORD,
                  **environment})
 
     def line(self):

@@ -40,6 +40,7 @@ PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"
 FACTORY_PASSWORD = "corvel"
+OWNER_PASSWORD = "seven grey herons"  # with which a new demo replaces it
 
 CLIENT_NAMES = {"laptop", "phone", "printer"}  # the stations in the device's LAN
 
@@ -105,10 +106,11 @@ def descendants(pid):
 class Demo:
     """A running demo with its own state directory, and a client that is logged in to it."""
 
-    def __init__(self, *arguments, state=None, password=FACTORY_PASSWORD, image=IMAGE,
+    def __init__(self, *arguments, state=None, password=OWNER_PASSWORD, image=IMAGE,
                  script=(SOURCE / "demo" / "serve",), command=()):
         self.own_directory = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
         self.state = state or self.own_directory / "state"
+        is_new = "--reset" in arguments or not (self.state / "accounts").exists()
         self.session = None
         self._tokens = {}
         self.namespaces = set()
@@ -137,7 +139,10 @@ class Demo:
         self.namespaces = {process_namespace(pid) for pid in self.members} - {own, None}
         self._started = {pid: start_time(pid) for pid in self.members}
         try:
-            self.session = self.log_in(password=password)
+            if is_new and password != FACTORY_PASSWORD:
+                self.choose_password(password)
+            else:
+                self.session = self.log_in(password=password)
         except BaseException:
             self.stop()
             raise
@@ -310,12 +315,12 @@ class Demo:
     def get(self, path, **headers):
         return self.request("GET", path, headers=headers)
 
-    def try_log_in(self, user=USER, password=FACTORY_PASSWORD, source="127.0.0.1", **fields):
+    def try_log_in(self, user=USER, password=OWNER_PASSWORD, source="127.0.0.1", **fields):
         """Sends the login form as a client that is not logged in."""
         return self.post(LOGIN, {"user": user, "password": password, **fields}, STRANGER,
                          source=source)
 
-    def log_in(self, user=USER, password=FACTORY_PASSWORD):
+    def log_in(self, user=USER, password=OWNER_PASSWORD):
         """Logs in and returns the new session. Requests do not use it yet."""
         responses = []
 
@@ -330,6 +335,14 @@ class Demo:
             raise AssertionError(f"login failed: {response.status}")
         return response.session()
 
+    def choose_password(self, password):
+        """Replaces the factory's password, which is the first step on a new device."""
+        self.session = self.log_in(password=FACTORY_PASSWORD)
+        response = self.post(PASSWORD, {"new": password, "again": password})
+        if response.status != 303:
+            raise AssertionError(f"the password was not changed: {response.text}")
+        self.session = response.session()
+
     def is_logged_in(self, session):
         return self.get(NETWORK, Cookie=f"session={session}").status == 200
 
@@ -337,7 +350,7 @@ class Demo:
         """Returns the token of a session's forms, as the pages have it; empty if it is over."""
         session = session or self.session
         if not self._tokens.get(session):
-            page = self.get(NETWORK, Cookie=f"session={session}").text
+            page = self.get(PASSWORD, Cookie=f"session={session}").text
             found = re.search(r'name="token" value="([0-9a-f]{64})"', page)
             self._tokens[session] = found.group(1) if found else ""
         return self._tokens[session]

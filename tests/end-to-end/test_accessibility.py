@@ -2,7 +2,7 @@
 """What a browser's user meets in every form: contrast, keyboard, and entries that are not lost."""
 
 from demo_test import SharedDemoTest
-from device import FACTORY_PASSWORD
+from device import OWNER_PASSWORD
 
 
 class Accessibility(SharedDemoTest):
@@ -27,7 +27,7 @@ class Entries(SharedDemoTest):
         self.assertEqual(self.walk("leaving").result(), {"unchanged": 0, "changed": 1, "saved": 0})
 
     def test_entries_outlast_the_end_of_the_session_but_not_the_passphrase(self):
-        seen = self.walk("entries", PASSWORD=FACTORY_PASSWORD).result()
+        seen = self.walk("entries", PASSWORD=OWNER_PASSWORD).result()
         self.assertEqual((seen["domain"], seen["hidden"], seen["left"]), ("typed.example", True, 0))
         self.assertIn("not saved yet", seen["message"])
         self.assertNotIn("secret", seen["kept"])

@@ -12,7 +12,7 @@ import subprocess
 
 import device
 from demo_test import Case
-from device import (CLIENT_NAMES, DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, SOURCE, STATUS, Demo,
+from device import (CLIENT_NAMES, DEVICE, OWNER_PASSWORD, NETWORK, PASSWORD, SOURCE, STATUS, Demo,
                     wait_until)
 
 NOBODY = 65534
@@ -179,7 +179,7 @@ class Lifecycle(Case):
             self.assertTrue(wait_until(lambda: demo.lessees() == CLIENT_NAMES, 60),
                             "there are clients without a lease")
             response = demo.post(PASSWORD, {
-                "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
+                "old": OWNER_PASSWORD, "new": "another one", "again": "another one"})
             self.assertEqual(response.status, 303)
             demo.log_in(password="another one")
         self.assertEqual(demo.remaining_processes(), [])

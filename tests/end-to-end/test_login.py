@@ -20,7 +20,7 @@ import urllib.parse
 
 import device
 from demo_test import SharedDemoTest
-from device import (DEVICE, FACTORY_PASSWORD, LOGIN, LOGOUT, NETWORK, STATUS, STRANGER, UPLOAD, USER,
+from device import (DEVICE, OWNER_PASSWORD, LOGIN, LOGOUT, NETWORK, STATUS, STRANGER, UPLOAD, USER,
                     Page, wait_until)
 
 FORM = "application/x-www-form-urlencoded"
@@ -88,7 +88,7 @@ class Strangers(LoginTest):
 
     def test_a_page_redirects_to_the_login(self):
         for path in self.paths:
-            for query in ("", "?saved=1", "?Ajax=0", "?next=/style.css", "?user=admin&password=corvel"):
+            for query in ("", "?saved=1", "?Ajax=0", "?next=/style.css", "?user=admin&password=seven"):
                 with self.subTest(path + query):
                     response = self.request("GET", path + query)
                     self.assert_to_login(response)
@@ -285,7 +285,7 @@ class Cookies(LoginTest):
         status = path.lstat()
         self.assertTrue(stat.S_ISREG(status.st_mode))
         self.assertEqual(stat.S_IMODE(status.st_mode), 0o600)
-        self.assertNotIn(FACTORY_PASSWORD.encode(), path.read_bytes())
+        self.assertNotIn(OWNER_PASSWORD.encode(), path.read_bytes())
         self.assertNotIn(self.demo.session, self.demo.sessions(), "the name reveals no session")
         self.assertNotIn(self.demo.session.encode(), path.read_bytes())
         self.assertEqual([name for name in self.demo.sessions()
@@ -361,7 +361,7 @@ class Sessions(LoginTest):
         chosen = secrets.token_hex(32)
         former = self.demo.log_in()
         for sent in (chosen, former):
-            response = self.demo.post(LOGIN, {"user": USER, "password": FACTORY_PASSWORD},
+            response = self.demo.post(LOGIN, {"user": USER, "password": OWNER_PASSWORD},
                                       {"Cookie": f"session={sent}"})
             self.assertEqual(response.status, 303)
             self.assertNotEqual(response.session(), sent)
@@ -469,7 +469,7 @@ class Passwords(LoginTest):
     def test_the_message_does_not_reveal_which_of_the_two_is_wrong(self):
         sessions = set(self.demo.sessions())
         messages = set()
-        for user, password in ((USER, "a bad guess"), ("nobody-there", FACTORY_PASSWORD), (USER, "")):
+        for user, password in ((USER, "a bad guess"), ("nobody-there", OWNER_PASSWORD), (USER, "")):
             response = self.fail_to_log_in(user, password)
             messages.add(self.message(response))
             self.assertNotIn("a bad guess", response.text)
@@ -514,8 +514,8 @@ class Passwords(LoginTest):
 
     def test_invalid_names_and_passwords_are_refused(self):
         for user, password in (("root", ""), ("root", "*"), ("root:x", "x"), ("", ""),
-                               (USER + "\n", FACTORY_PASSWORD), (USER, FACTORY_PASSWORD + "\n"),
-                               (USER, FACTORY_PASSWORD + "x" * 300), (USER.upper(), FACTORY_PASSWORD),
+                               (USER + "\n", OWNER_PASSWORD), (USER, OWNER_PASSWORD + "\n"),
+                               (USER, OWNER_PASSWORD + "x" * 300), (USER.upper(), OWNER_PASSWORD),
                                ("x" * 5000, "x" * 50000)):
             with self.subTest(f"{user[:20]!r} {password[:20]!r}"):
                 self.message(self.fail_to_log_in(user, password))
@@ -565,8 +565,8 @@ class OtherSites(LoginTest):
                             {"Origin": f"http://localhost:{self.demo.port}"}):
                 for cookie in ({}, STRANGER) if name == "login" else ({},):
                     with self.subTest(f"{name} {headers}"):
-                        fields = {"user": USER, "password": FACTORY_PASSWORD, "action": "restart",
-                                  "old": FACTORY_PASSWORD, "new": "evil evil", "again": "evil evil",
+                        fields = {"user": USER, "password": OWNER_PASSWORD, "action": "restart",
+                                  "old": OWNER_PASSWORD, "new": "evil evil", "again": "evil evil",
                                   "WLAN_SSID": "evil", "CONTACT": "evil"}
                         response = self.demo.post(f"/cgi-bin/{name}", fields, headers | cookie)
                         self.assertIn(response.status, (403, 405))
@@ -581,7 +581,7 @@ class OtherSites(LoginTest):
             self.assert_to_login(response, path)
             page = Page(self.demo.request("GET", response.headers["Location"],
                                           headers=STRANGER).text)
-            fields = dict(page.fields) | {"user": USER, "password": FACTORY_PASSWORD}
+            fields = dict(page.fields) | {"user": USER, "password": OWNER_PASSWORD}
             response = self.demo.post(LOGIN, fields, STRANGER)
             self.assertEqual((response.status, response.headers["Location"]), (303, path))
         response = self.demo.try_log_in()

@@ -6,7 +6,7 @@ import subprocess
 import sys
 
 from demo_test import OwnDemoTest
-from device import (DEVICE, FACTORY_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE, UPLOAD, USER, Element,
+from device import (DEVICE, OWNER_PASSWORD, NETWORK, PASSWORD, TRAPS, UPGRADE, UPLOAD, USER, Element,
                     wait_until)
 from test_upgrade import multipart, part
 from upgrade_image import Image
@@ -80,7 +80,7 @@ class Traps(OwnDemoTest):
         accounts = self.demo.root() / "etc/shadow"
         self.addCleanup(accounts.write_bytes, accounts.read_bytes())
         response = self.demo.post(PASSWORD, {
-            "old": FACTORY_PASSWORD, "new": "another one", "again": "another one"})
+            "old": OWNER_PASSWORD, "new": "another one", "again": "another one"})
         self.assertEqual(response.status, 303)
         self.demo.session = response.session()
         self.assert_reported(f"password changed: {USER}")
