@@ -30,10 +30,10 @@ static void add_more(struct page *page, const struct form *form) {
 }
 
 static const setting settings[] = {
-    {"HOST_NAME", &global_file, host_name_complaint, false, NULL},
-    {"DESCRIPTION", &global_file, text_complaint, false, NULL},
-    {"CONTACT", &global_file, text_complaint, false, NULL},
-    {"TIME_ZONE", &global_file, time_zone_complaint, true, NULL},
+    {"HOST_NAME", &global_file, host_name_complaint, NULL, false, false},
+    {"DESCRIPTION", &global_file, text_complaint, NULL, false, false},
+    {"CONTACT", &global_file, text_complaint, NULL, false, false},
+    {"TIME_ZONE", &global_file, time_zone_complaint, NULL, true, false},
 };
 
 static const settings_page page_of_settings = {"device", settings,

@@ -2,6 +2,7 @@
 //
 // The network page: LAN, DHCP server and wireless network. Its settings are in three files.
 
+#include "password_rules.h"
 #include "settings.h"
 
 #include <arpa/inet.h>
@@ -76,7 +77,7 @@ Complaint passphrase(const char *value) {
     if (text.size() < 8 || text.size() > 63)
         return "Use 8 to 63 characters.";
     return std::ranges::all_of(text, printable)
-               ? nullptr
+               ? weak_password_complaint(value, nullptr)
                : "Use the letters, digits and symbols of a US keyboard.";
 }
 
@@ -179,19 +180,19 @@ void add_more(struct page *page, const struct form *form) {
 }
 
 constexpr setting settings[] = {
-    {"LAN_ADDRESS", &lan_file, host_address, false, nullptr},
-    {"LAN_NETMASK", &lan_file, netmask, false, nullptr},
-    {"DHCP_ENABLED", &lan_file, flag, true, nullptr},
-    {"DHCP_FIRST", &lan_file, host_address, false, "DHCP_ENABLED"},
-    {"DHCP_LAST", &lan_file, host_address, false, "DHCP_ENABLED"},
-    {"DHCP_LEASE", &lan_file, lease_hours, false, "DHCP_ENABLED"},
-    {"DOMAIN", &global_file, domain, false, nullptr},
-    {"WLAN_ENABLED", &wireless_file, flag, true, nullptr},
-    {"WLAN_SSID", &wireless_file, ssid, false, "WLAN_ENABLED"},
-    {"WLAN_HIDDEN", &wireless_file, flag, true, "WLAN_ENABLED"},
-    {"WLAN_PASSPHRASE", &wireless_file, passphrase, true, "WLAN_ENABLED"},
-    {"WLAN_CHANNEL", &wireless_file, channel, true, "WLAN_ENABLED"},
-    {"COUNTRY", &global_file, country, true, "WLAN_ENABLED"},
+    {"LAN_ADDRESS", &lan_file, host_address, nullptr, false, false},
+    {"LAN_NETMASK", &lan_file, netmask, nullptr, false, false},
+    {"DHCP_ENABLED", &lan_file, flag, nullptr, true, false},
+    {"DHCP_FIRST", &lan_file, host_address, "DHCP_ENABLED", false, false},
+    {"DHCP_LAST", &lan_file, host_address, "DHCP_ENABLED", false, false},
+    {"DHCP_LEASE", &lan_file, lease_hours, "DHCP_ENABLED", false, false},
+    {"DOMAIN", &global_file, domain, nullptr, false, false},
+    {"WLAN_ENABLED", &wireless_file, flag, nullptr, true, false},
+    {"WLAN_SSID", &wireless_file, ssid, "WLAN_ENABLED", false, false},
+    {"WLAN_HIDDEN", &wireless_file, flag, "WLAN_ENABLED", true, false},
+    {"WLAN_PASSPHRASE", &wireless_file, passphrase, "WLAN_ENABLED", true, true},
+    {"WLAN_CHANNEL", &wireless_file, channel, "WLAN_ENABLED", true, false},
+    {"COUNTRY", &global_file, country, "WLAN_ENABLED", true, false},
 };
 
 constexpr settings_page page_of_settings = {"network", settings, std::size(settings), check_network,

@@ -72,12 +72,27 @@ static void begin(struct form *form, const settings_page *page) {
     load(form);
 }
 
+static bool is_set(struct form *form, const field *each) { return *stored_value(form, each) != 0; }
+
+/* A secret is not part of an answer, not even of one to the request that contains it. */
+static void put_value(struct page *page, struct form *form, const field *shown) {
+    char name[line_size];
+    if (!shown->setting->is_secret) {
+        put(page, shown->setting->name, shown->value);
+        return;
+    }
+    snprintf(name, sizeof name, "set_%s", shown->setting->name);
+    put(page, name, is_set(form, shown) ? "1" : "");
+}
+
 static void put_error(struct page *page, struct form *form, const field *shown) {
     const char *stored = stored_value(form, shown);
     char name[line_size];
     char error[2 * line_size] = "";
     if (shown->error)
         snprintf(error, sizeof error, "%s", shown->error);
+    else if (shown->setting->is_secret && shown->is_sent)
+        snprintf(error, sizeof error, "Enter it again: it has not been saved.");
     else if (shown->is_changed && shown->setting->is_hidden)
         snprintf(error, sizeof error, "Another value has been saved.");
     else if (shown->is_changed)
@@ -100,7 +115,7 @@ static void show_form(struct page *page, struct form *form, int status, const ch
     corvel_answer_status(page->answer, status);
     open_object(page, "settings");
     for (size_t i = 0; i < form->count; i++)
-        put(page, form->fields[i].setting->name, form->fields[i].value);
+        put_value(page, form, &form->fields[i]);
     close_part(page);
     for (size_t i = 0; i < form->count; i++)
         put_error(page, form, &form->fields[i]);
@@ -160,11 +175,14 @@ static int lock_settings(void) {
 static size_t take(const struct page *page, struct form *form) {
     size_t taken = 0;
     for (size_t i = 0; i < form->count; i++) {
-        const char *sent = corvel_field(page->request, form->fields[i].setting->name);
+        const setting *each = form->fields[i].setting;
+        const char *sent = corvel_field(page->request, each->name);
+        taken += sent != NULL;
+        if (sent && each->is_secret && !*sent)
+            sent = NULL;
         if (sent)
             form->fields[i].value = sent;
         form->fields[i].is_sent = sent != NULL;
-        taken += sent != NULL;
     }
     for (size_t i = 0; i < form->file_count; i++) {
         const char *version = corvel_field(page->request, form->files[i]->version);
@@ -187,6 +205,8 @@ bool is_switched_off(const struct form *form, const char *power) {
 
 static void check_field(struct form *form, field *checked) {
     const char *power = checked->setting->power;
+    if (checked->setting->is_secret && !checked->is_sent && is_set(form, checked))
+        return; /* the user could not see what the complaint is about */
     checked->error = checked->setting->complaint(checked->value);
     if (checked->error && power && is_switched_off(form, power)) {
         checked->is_sent = false;

@@ -44,10 +44,13 @@ typedef struct setting {
     const settings_file *file;
     /** Returns a message for the user, or null if the value is valid. */
     const char *(*complaint)(const char *value);
-    bool is_hidden; /**< Whether the saved value is not told beside another entry. */
     /** The setting that switches this one off if it is 0; null if there is none. While a
      * setting is switched off, an invalid entry is ignored instead of refused. */
     const char *power;
+    bool is_hidden; /**< Whether the saved value is not told beside another entry. */
+    /** The value can be replaced, but is never part of an answer: `set_NAME` is 1 if there is one.
+     * An empty entry leaves it unchanged. */
+    bool is_secret;
 } setting;
 
 struct form;
