@@ -20,6 +20,7 @@ void discard_image(void) {
     remove(RECEIVED_IMAGE);
     remove(STAGED_IMAGE);
     remove(IMAGE_NAME);
+    remove(UPLOAD_RECORD);
 }
 
 /* What was found in an image. */
@@ -62,24 +63,74 @@ void put_message(struct page *page, const char *message, bool is_bad) {
     put(page, "bad", is_bad ? "1" : "");
 }
 
-static const char *badge_of(int set, const corvel_boot *boot) {
-    if (set == boot->running)
-        return "Running";
-    if (set == boot->next)
-        return "Boots next";
-    return corvel_firmware_check(set) == CORVEL_FIRMWARE_INCOMPLETE ? "Incomplete" : "Idle";
+/* The sets. */
+
+static bool is_erased(unsigned int partition, off_t offset, size_t size) {
+    unsigned char bytes[16];
+    char path[32];
+    bool is_erased = true;
+    snprintf(path, sizeof path, "/dev/mtdblock%u", partition);
+    const int device = open(path, O_RDONLY | O_CLOEXEC);
+    for (size_t i = 0; is_erased && i < size; i += sizeof bytes)
+        is_erased = pread(device, bytes, sizeof bytes, offset + (off_t)i) == sizeof bytes &&
+                    bytes[0] == 0xFF && memcmp(bytes, bytes + 1, sizeof bytes - 1) == 0;
+    close(device);
+    return is_erased;
+}
+
+/* An upgrade erases the first 4 KiB of both partitions, and then writes the root file system from
+ * its second erase block on. */
+static set_condition condition_of_incomplete(int set) {
+    enum { mark_size = 16, erased_size = 4096, block_size = 65536 };
+    const unsigned int root = root_partition(set);
+    if (is_erased(root, 0, erased_size + block_size))
+        return (set_condition){"Empty", "This set contains no firmware.", false};
+    if (is_erased(root, 0, mark_size) || is_erased(root + 1, 0, mark_size))
+        return (set_condition){"Half-written",
+                               "An upgrade of this set was not completed, so it cannot be started. "
+                               "The next upgrade writes it again.",
+                               false};
+    return (set_condition){"Damaged",
+                           "The content of this set is not what was written, so it cannot be "
+                           "started. The next upgrade writes it again.",
+                           false};
+}
+
+set_condition condition_of(int set) {
+    corvel_boot boot;
+    corvel_upgrade_status status;
+    corvel_boot_read(&upgrade_rules, &boot);
+    corvel_upgrade_read(&upgrade_rules, &status);
+    if (set == boot.running)
+        return (set_condition){"Running", "", false};
+    if (set == boot.next)
+        return (set_condition){"Starts next", "", false};
+    if (set == status.set && status.state == CORVEL_UPGRADE_WRITING)
+        return (set_condition){"Being written", "", false};
+    switch (corvel_firmware_check(set)) {
+    case CORVEL_FIRMWARE_COMPLETE:
+        return (set_condition){"Ready", "", true};
+    case CORVEL_FIRMWARE_INCOMPLETE:
+        return condition_of_incomplete(set);
+    default:
+        return (set_condition){"Not verified",
+                               "Whether this set is complete is not known, so it cannot be "
+                               "started. The next upgrade writes it again.",
+                               false};
+    }
 }
 
 static void put_set(struct page *page, int set, const corvel_boot *boot) {
+    const set_condition condition = condition_of(set);
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
     open_row(page);
     put(page, "set", set_letter(set));
     put(page, "version", corvel_firmware_version(set, version));
-    put(page, "badge", badge_of(set, boot));
+    put(page, "badge", condition.badge);
+    put(page, "note", condition.note);
+    put(page, "can_start", condition.can_start ? "1" : "");
     put(page, "running", set == boot->running ? "1" : "");
-    put(page, "next", set == boot->next ? "1" : "");
-    corvel_data_set_integer(page->row, "root", root_partition(set));
-    corvel_data_set_integer(page->row, "kernel", root_partition(set) + 1);
+    put(page, "next", set == boot->next && set != boot->running ? "1" : "");
     close_part(page);
 }
 
@@ -120,8 +171,14 @@ int lock_upgrade(struct page *page) {
         return lock;
     close(lock);
     corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
-                        "Another upgrade is in progress. Only one is possible at a time.");
+                        "Another upgrade is in progress. Only one is possible at a time; the "
+                        "firmware page shows its progress.");
     return -1;
+}
+
+void unlock_upgrade(int lock) {
+    struct flock whole = {.l_type = F_UNLCK, .l_whence = SEEK_SET};
+    fcntl(lock, F_OFD_SETLK, &whole);
 }
 
 bool is_upgrade_locked(void) {

@@ -21,6 +21,10 @@
 /** The name of its file on the user's computer. */
 #define IMAGE_NAME "/tmp/firmware/name"
 
+/** A line with the number of bytes of the request that contains the image, and one with the id that
+ * the browser has given to the upload. */
+#define UPLOAD_RECORD "/tmp/firmware/upload"
+
 /** The kernel's command line, written by the boot loader. */
 #define COMMAND_LINE "/run/cmdline"
 
@@ -40,6 +44,16 @@ static inline int other_set(int set) {
 /** True if the set that boots next is not the running one. */
 bool is_restart_pending(const corvel_boot *boot);
 
+/** What a user is told of a set. */
+typedef struct set_condition {
+    const char *badge;
+    const char *note; /**< Why the set cannot be started; empty if it runs or can be started. */
+    bool can_start;   /**< It is complete, is not running, and does not boot next. */
+} set_condition;
+
+/** Determines the condition of a set, which takes some seconds on a small device. */
+set_condition condition_of(int set);
+
 /** Removes the image. */
 void discard_image(void);
 
@@ -57,6 +71,9 @@ void put_message(struct page *page, const char *message, bool is_bad);
  *         lock, too, until it ends.
  */
 int lock_upgrade(struct page *page);
+
+/** Releases the lock, for the processes that have been forked, too. */
+void unlock_upgrade(int lock);
 
 /** True if a step of an upgrade is in progress. */
 bool is_upgrade_locked(void);

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * The upgrade page: shows the two sets, the received image and the progress of writing. Its forms
- * write or discard the staged image, cancel the writing, and restart the device.
+ * write or discard the staged image, cancel receiving and writing, restart the device, and start
+ * the set that is not running.
  *
  * A separate process writes the image, so that it continues if the browser disconnects. If it is
  * killed, the running set is unchanged and still boots.
@@ -12,6 +13,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -34,6 +36,7 @@ typedef struct upgrade {
     bool is_locked;
     bool is_staged;
     bool is_writing;
+    bool is_receiving;
 } upgrade;
 
 /* The lock is checked first: a process records its result before it releases the lock. It removes
@@ -41,6 +44,7 @@ typedef struct upgrade {
 static upgrade read_upgrade(void) {
     upgrade now = {.is_locked = is_upgrade_locked()};
     now.is_staged = access(STAGED_IMAGE, F_OK) == 0;
+    now.is_receiving = now.is_locked && access(RECEIVED_IMAGE, F_OK) == 0;
     corvel_upgrade_read(&upgrade_rules, &now.status);
     corvel_boot_read(&upgrade_rules, &now.boot);
     const bool has_result =
@@ -53,13 +57,94 @@ static upgrade read_upgrade(void) {
 static const char *state_name(const upgrade *now) {
     if (now->is_writing)
         return "writing";
+    if (now->is_locked)
+        return now->is_receiving ? "receiving" : "busy";
+    if (is_restart_pending(&now->boot))
+        return "written";
     if (now->status.state == CORVEL_UPGRADE_INTERRUPTED)
         return "interrupted";
     if (now->is_staged)
         return "staged";
-    if (now->status.state == CORVEL_UPGRADE_FAILED)
-        return "failed";
-    return now->status.state == CORVEL_UPGRADE_WRITTEN ? "written" : "";
+    return now->status.state == CORVEL_UPGRADE_FAILED ? "failed" : "";
+}
+
+/* Reads a line of a file, 0 for the first one. */
+static void read_line_of(const char *path, int number, char line[line_size]) {
+    FILE *file = fopen(path, "r");
+    *line = '\0';
+    for (int i = 0; file && i <= number; i++)
+        if (!fgets(line, line_size, file))
+            *line = '\0';
+    line[strcspn(line, "\n")] = '\0';
+    if (file)
+        fclose(file);
+}
+
+static void read_line(const char *path, char line[line_size]) { read_line_of(path, 0, line); }
+
+/* Identifies the staged image: empty without one. */
+static void read_image_id(char id[line_size]) {
+    struct stat file;
+    *id = '\0';
+    if (stat(STAGED_IMAGE, &file) == 0)
+        snprintf(id, line_size, "%llx-%llx-%lx", (unsigned long long)file.st_ino,
+                 (unsigned long long)file.st_mtim.tv_sec, (unsigned long)file.st_mtim.tv_nsec);
+}
+
+/* What is happening, for the user. */
+
+typedef struct phase {
+    const char *text;
+    int percent; /* negative if it is not known */
+} phase;
+
+static int percent_of(uint64_t done, uint64_t total) {
+    return total > 0 && done < total ? (int)(done * 100 / total) : -1;
+}
+
+static phase phase_of_receiving(void) {
+    struct stat file;
+    char announced[line_size];
+    read_line(UPLOAD_RECORD, announced);
+    const uint64_t total = strtoull(announced, NULL, 10);
+    const uint64_t received = stat(RECEIVED_IMAGE, &file) == 0 ? (uint64_t)file.st_size : 0;
+    const uint64_t form_max = 4096; /* what is in the form beside the image, and in a buffer */
+    return received + form_max < total
+               ? (phase){"The image is being received", percent_of(received, total)}
+               : (phase){"Checking the image", -1};
+}
+
+/* Each partition's first erase block is written after everything else. */
+static phase phase_of_writing(const corvel_upgrade_status *status) {
+    const uint32_t first_blocks = 2 * 65536;
+    const int percent = percent_of(status->written, status->total);
+    if (status->written == 0)
+        return (phase){"Erasing the old version", 0};
+    if (percent < 0)
+        return (phase){"Checking what was written", -1};
+    if (status->total - status->written < first_blocks)
+        return (phase){"Writing the start of both sections", percent};
+    return (phase){strncmp(status->section, "Rootfs", strlen("Rootfs")) == 0
+                       ? "Writing section 1 of 2, the root file system"
+                       : "Writing section 2 of 2, the kernel",
+                   percent};
+}
+
+static phase phase_of(const upgrade *now) {
+    if (now->is_writing)
+        return phase_of_writing(&now->status);
+    if (now->is_receiving)
+        return phase_of_receiving();
+    return (phase){now->is_locked ? "Waiting for the previous step to end" : "", -1};
+}
+
+static void put_phase(struct page *page, const upgrade *now) {
+    const phase current = phase_of(now);
+    char percent[16] = "";
+    if (current.percent >= 0)
+        snprintf(percent, sizeof percent, "%d", current.percent);
+    put(page, page->is_json ? "PHASE" : "phase", current.text);
+    put(page, page->is_json ? "PERCENT" : "percent", percent);
 }
 
 /* Called by the process that writes the image. */
@@ -75,22 +160,38 @@ static bool finish(void *context, const corvel_upgrade_status *status) {
 
 /* Responses. */
 
+/* The values with which the page notices that it is outdated. */
+static void show_step(struct page *page, const upgrade *now, const char *template_name, int step) {
+    char image[line_size];
+    read_image_id(image);
+    put(page, "state", state_name(now));
+    put(page, "image", image);
+    put(page, "kept", set_letter(now->boot.running));
+    put(page, "other", set_letter(other_set(now->boot.running)));
+    show_upgrade(page, template_name, step);
+}
+
 static void show_choice(struct page *page, const upgrade *now) {
     char message[line_size] = "";
     if (now->status.state == CORVEL_UPGRADE_FAILED)
         snprintf(message, sizeof message, "%s The running set is unchanged and still boots.",
                  corvel_upgrade_complaint(now->status.result));
+    if (now->status.state == CORVEL_UPGRADE_INTERRUPTED)
+        snprintf(message, sizeof message,
+                 "Writing was interrupted. The running set is unchanged and still boots.");
     put_message(page, message, true);
-    show_upgrade(page, "upgrade-choose", 1);
+    put(page, "is_idle", "1");
+    show_step(page, now, "upgrade-choose", 1);
 }
 
-static void read_line(const char *path, char line[line_size]) {
-    FILE *file = fopen(path, "r");
-    *line = '\0';
-    if (file && fgets(line, line_size, file))
-        line[strcspn(line, "\n")] = '\0';
-    if (file)
-        fclose(file);
+/* What the image replaces. */
+static void put_versions(struct page *page, const corvel_upgrade_report *report, int running) {
+    char version[CORVEL_FIRMWARE_VERSION_SIZE];
+    put(page, "replaced", corvel_firmware_version(report->set, version));
+    put(page, "running_version", corvel_firmware_version(running, version));
+    const int order = *report->version && *version ? strverscmp(report->version, version) : 1;
+    put(page, "is_same", order == 0 ? "1" : "");
+    put(page, "is_older", order < 0 ? "1" : "");
 }
 
 static void show_check(struct page *page, const upgrade *now) {
@@ -100,50 +201,83 @@ static void show_check(struct page *page, const upgrade *now) {
         corvel_upgrade_check(&upgrade_rules, STAGED_IMAGE, &report);
     const bool is_cut_off = now->status.state == CORVEL_UPGRADE_INTERRUPTED;
     put_report(page, &report, result);
+    put_versions(page, &report, now->boot.running);
     read_line(IMAGE_NAME, name);
     put(page, "file", name);
-    put(page, "kept", set_letter(now->boot.running));
     put_message(page,
                 result != CORVEL_UPGRADE_DONE ? corvel_upgrade_complaint(result)
                 : is_cut_off ? "Writing was interrupted. The running set is unchanged and still "
                                "boots. You can write the image again."
                              : "",
                 true);
-    show_upgrade(page, "upgrade-check", 2);
+    show_step(page, now, "upgrade-check", 2);
 }
 
-/* Without JavaScript the page reloads itself until the image is written. */
-static void show_writing(struct page *page, const upgrade *now) {
-    const uint64_t total = now->status.total ? now->status.total : 1;
-    corvel_data_set_integer(page->data, "percent",
-                            (long long)(now->status.written * UINT64_C(100) / total));
-    put(page, "section", now->status.section);
+/* Without JavaScript the page reloads itself until the step ends. */
+static void show_progress(struct page *page, const upgrade *now) {
+    put_phase(page, now);
+    put(page, "heading",
+        now->is_writing     ? "Writing"
+        : now->is_receiving ? "Receiving an image"
+                            : "Please wait");
+    put(page, "is_writing", now->is_writing ? "1" : "");
+    put(page, "can_cancel", now->is_writing || now->is_receiving ? "1" : "");
     put(page, "refresh", "1");
-    show_upgrade(page, "upgrade-writing", 3);
+    show_step(page, now, "upgrade-progress", now->is_writing ? 3 : 1);
 }
 
 static void show_restart(struct page *page, const upgrade *now) {
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
-    put_message(page, "The upgrade has been written and verified.", false);
+    if (now->status.state == CORVEL_UPGRADE_WRITTEN)
+        put_message(page, "The upgrade has been written and verified.", false);
     put(page, "new_version", corvel_firmware_version(now->boot.next, version));
     put(page, "next_set", set_letter(now->boot.next));
-    put(page, "kept", set_letter(now->boot.running));
-    show_upgrade(page, "upgrade-restart", 4);
+    show_step(page, now, "upgrade-restart", 4);
+}
+
+/* After a restart that was to start this set. */
+static void show_started(struct page *page, const upgrade *now, const char *expected) {
+    char version[CORVEL_FIRMWARE_VERSION_SIZE];
+    char message[line_size] = "";
+    const bool is_other = strcmp(expected, set_letter(other_set(now->boot.running))) == 0;
+    if (is_other)
+        snprintf(message, sizeof message,
+                 "The router has not started set %s. It continues with set %s.", expected,
+                 set_letter(now->boot.running));
+    put_message(page, message, true);
+    put(page, "is_idle", "1");
+    put(page, "running_version", corvel_firmware_version(now->boot.running, version));
+    put(page, "other_version", corvel_firmware_version(other_set(now->boot.running), version));
+    show_step(page, now, "upgrade-started", 5);
+}
+
+/* Asks before the other set is started. */
+static void show_start(struct page *page, const upgrade *now) {
+    char version[CORVEL_FIRMWARE_VERSION_SIZE];
+    const int set = other_set(now->boot.running);
+    const set_condition condition = condition_of(set);
+    put(page, "is_start", "1");
+    put(page, "running_version", corvel_firmware_version(now->boot.running, version));
+    put(page, "other_version", corvel_firmware_version(set, version));
+    put(page, "can_start_other", condition.can_start ? "1" : "");
+    put(page, "reason", condition.note);
+    show_step(page, now, "upgrade-start", 0);
 }
 
 static void show_page(struct page *page, const upgrade *now) {
-    if (now->is_writing) {
-        show_writing(page, now);
-    } else if (now->is_locked) {
-        put_message(page, "An image is being received.", false);
-        show_upgrade(page, "upgrade-choose", 1);
-    } else if (is_restart_pending(&now->boot)) {
+    const char *started = corvel_query(page->request, "started");
+    if (now->is_writing || now->is_locked)
+        show_progress(page, now);
+    else if (is_restart_pending(&now->boot))
         show_restart(page, now);
-    } else if (now->is_staged) {
+    else if (now->is_staged)
         show_check(page, now);
-    } else {
+    else if (corvel_query(page->request, "start"))
+        show_start(page, now);
+    else if (started)
+        show_started(page, now, started);
+    else
         show_choice(page, now);
-    }
 }
 
 static void put_number(struct page *page, const char *name, uint32_t number) {
@@ -154,10 +288,17 @@ static void put_number(struct page *page, const char *name, uint32_t number) {
 
 static void show_json(struct page *page, const upgrade *now) {
     char id[line_size];
+    char image[line_size];
+    char upload[line_size];
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
     read_line("/run/boot_id", id);
+    read_line_of(UPLOAD_RECORD, 1, upload);
     open_object(page, "upgrade");
     put(page, "STATE", state_name(now));
+    read_image_id(image);
+    put(page, "IMAGE", image);
+    put(page, "UPLOAD", upload);
+    put_phase(page, now);
     put(page, "SECTION", now->status.section);
     put(page, "REASON", corvel_upgrade_complaint(now->status.result));
     put_number(page, "WRITTEN", now->status.written);
@@ -182,56 +323,110 @@ static void handle_get(struct page *page) {
 /* Forms. Each action but cancelling holds the lock, so that no image is written or received, and no
  * restart begins, at the same time. */
 
-static void write_image(struct page *page) {
-    corvel_boot boot;
-    corvel_boot_read(&upgrade_rules, &boot);
-    corvel_upgrade_result result = CORVEL_UPGRADE_NO_IMAGE;
-    if (access(STAGED_IMAGE, F_OK) != 0 || is_restart_pending(&boot)) {
-        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, "There is no image to write.");
-        return;
-    }
-    result = corvel_upgrade_start(&upgrade_rules, STAGED_IMAGE, finish, NULL);
+/* The form can contain the image that the user has seen. Without it, any image is meant. */
+static bool is_outdated(struct page *page) {
+    char image[line_size];
+    const char *seen = corvel_field(page->request, "image");
+    read_image_id(image);
+    if (!seen || strcmp(seen, image) == 0)
+        return false;
+    corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
+                        "The image has been replaced or discarded in another window.");
+    return true;
+}
+
+static void answer_result(struct page *page, corvel_upgrade_result result) {
     if (result == CORVEL_UPGRADE_DONE)
         corvel_answer_redirect(page->answer, "/cgi-bin/upgrade");
     else
         corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, corvel_upgrade_complaint(result));
 }
 
+static void write_image(struct page *page) {
+    corvel_boot boot;
+    corvel_boot_read(&upgrade_rules, &boot);
+    if (is_outdated(page))
+        return;
+    if (access(STAGED_IMAGE, F_OK) != 0 || is_restart_pending(&boot)) {
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, "There is no image to write.");
+        return;
+    }
+    answer_result(page, corvel_upgrade_start(&upgrade_rules, STAGED_IMAGE, finish, NULL));
+}
+
 static void discard(struct page *page) {
+    if (is_outdated(page))
+        return;
     discard_image();
     corvel_answer_redirect(page->answer, "/cgi-bin/upgrade");
 }
 
 /* The answer is sent first: the web server ends with the device. It ends this program, too, when it
- * has the answer. */
+ * has the answer. The page finds out which set has been started. */
 static void restart(struct page *page) {
     char id[line_size];
+    char refresh[line_size];
+    corvel_boot boot;
+    corvel_boot_read(&upgrade_rules, &boot);
+    const char *set = set_letter(is_restart_pending(&boot) ? boot.next : boot.running);
     ignore_disconnection();
     read_line("/run/boot_id", id);
+    snprintf(refresh, sizeof refresh, "5; url=/cgi-bin/upgrade?started=%s", set);
     put_message(page, "The router is restarting.", false);
+    put(page, "state", "restarting");
     put(page, "boot_id", id);
-    put(page, "refresh", "5; url=/cgi-bin/upgrade?restarted=1");
+    put(page, "next_set", set);
+    put(page, "refresh", refresh);
     show_upgrade(page, "upgrade-restarting", 5);
     corvel_answer_send(page->answer);
     if (system("/sbin/reboot </dev/null >/dev/null 2>&1") != 0)
         perror("/sbin/reboot");
 }
 
+/* Takes back an upgrade that has been written: the running set is started again. */
+static void keep(struct page *page) {
+    corvel_boot boot;
+    corvel_boot_read(&upgrade_rules, &boot);
+    answer_result(page, corvel_boot_select(&upgrade_rules, boot.running));
+}
+
+static void start_other(struct page *page) {
+    corvel_boot boot;
+    corvel_boot_read(&upgrade_rules, &boot);
+    const int set = other_set(boot.running);
+    const set_condition condition = condition_of(set);
+    if (is_restart_pending(&boot)) {
+        answer_result(page, CORVEL_UPGRADE_RESTART_FIRST);
+        return;
+    }
+    if (!condition.can_start) {
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition.note);
+        return;
+    }
+    const corvel_upgrade_result result = corvel_boot_select(&upgrade_rules, set);
+    if (result == CORVEL_UPGRADE_DONE)
+        restart(page);
+    else
+        answer_result(page, result);
+}
+
+/* The program that receives an image notices that its file has been removed. */
 static void cancel(struct page *page) {
-    if (corvel_upgrade_cancel(&upgrade_rules))
+    if (corvel_upgrade_cancel(&upgrade_rules) ||
+        (is_upgrade_locked() && remove(RECEIVED_IMAGE) == 0))
         corvel_answer_redirect(page->answer, "/cgi-bin/upgrade");
     else
-        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, "No image is being written.");
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
+                            "No image is being received or written.");
 }
 
 static const struct action {
     const char *name;
     void (*perform)(struct page *page);
     bool is_locked;
-} actions[] = {{"write", write_image, true},
-               {"discard", discard, true},
-               {"restart", restart, true},
-               {"cancel", cancel, false}};
+} actions[] = {{"write", write_image, true}, {"discard", discard, true},
+               {"restart", restart, true},   {"keep", keep, true},
+               {"start", start_other, true}, {"cancel", cancel, false}};
 
 static void perform_locked(struct page *page, const struct action *action) {
     const int lock = lock_upgrade(page);

@@ -5,6 +5,7 @@
  */
 #include "firmware.h"
 
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,7 +15,20 @@ typedef struct intake {
     FILE *file;
     char name[line_size];  /* as the client names it */
     const char *complaint; /* of a refused part; null if no part was refused */
+    const char *id;        /* of the upload; may be null */
+    int lock;
+    bool is_cancelled; /* the file was removed; the next one is another upload's */
 } intake;
+
+/* Records the upload for those who watch its progress. */
+static void record_upload(const char *id) {
+    const char *length = getenv("CONTENT_LENGTH");
+    FILE *file = fopen(UPLOAD_RECORD, "w");
+    if (!file)
+        return;
+    fprintf(file, "%s\n%s\n", length ? length : "", corvel_check_text(id, 1, 40) ? "" : id);
+    fclose(file);
+}
 
 static bool begin(void *context, const corvel_part *part) {
     intake *in = context;
@@ -27,27 +41,41 @@ static bool begin(void *context, const corvel_part *part) {
     if (!*part->filename)
         return true; /* no file was selected */
     mkdir("/tmp/firmware", 0700);
+    record_upload(in->id);
     in->file = fopen(RECEIVED_IMAGE, "wb");
     return in->file != NULL;
 }
 
+/* A form in another window cancels the upload. The rest of the body is received without the lock.
+ */
+static bool is_cancelled(intake *in) {
+    struct stat file;
+    if (fstat(fileno(in->file), &file) != 0 || file.st_nlink > 0)
+        return false;
+    in->complaint = "The upload was cancelled in another window.";
+    in->is_cancelled = true;
+    unlock_upgrade(in->lock);
+    return true;
+}
+
 static bool take_data(void *context, const void *bytes, size_t size) {
-    const intake *in = context;
-    return !in->file || fwrite(bytes, 1, size, in->file) == size;
+    intake *in = context;
+    return !in->file || (!is_cancelled(in) && fwrite(bytes, 1, size, in->file) == size);
 }
 
 /* Receives the image into its file. Returns the status. */
 static int receive(const struct page *page, intake *in) {
-    const corvel_upload_limits limits = {.file_max = CORVEL_UPLOAD_MAX,
-                                         .total_max = CORVEL_UPLOAD_MAX};
+    const corvel_upload_limits limits = {.file_max = CORVEL_UPLOAD_MAX};
     const corvel_upload_sink sink = {in, begin, take_data, NULL};
     const char *complaint = NULL;
-    const int status =
-        corvel_upload_status(corvel_upload_read(page->request, &limits, &sink), &complaint);
+    const corvel_upload_result result = corvel_upload_read(page->request, &limits, &sink);
+    const int status = corvel_upload_status(result, &complaint);
     const bool is_whole = in->file && fclose(in->file) == 0;
     if (in->complaint)
-        return CORVEL_HTTP_BAD_REQUEST;
+        return in->is_cancelled ? CORVEL_HTTP_CONFLICT : CORVEL_HTTP_BAD_REQUEST;
     in->complaint = complaint;
+    if (result == CORVEL_UPLOAD_FILE_TOO_LARGE || result == CORVEL_UPLOAD_TOO_LARGE)
+        in->complaint = "The file is larger than 16 MiB, so it is not an image for this router.";
     if (status == CORVEL_HTTP_OK && !in->file) {
         in->complaint = "The form contained no file. Choose an image first.";
         return CORVEL_HTTP_BAD_REQUEST;
@@ -75,6 +103,7 @@ static void take(struct page *page, const intake *in) {
         discard_image();
         corvel_answer_status(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT);
         put(page, "file", in->name);
+        put(page, "state", "refused");
         put_report(page, &report, result);
         show_upgrade(page, "upgrade-refused", 2);
     } else if (stage(in->name)) {
@@ -86,8 +115,17 @@ static void take(struct page *page, const intake *in) {
     }
 }
 
-static void receive_and_take(struct page *page) {
-    intake in = {.file = NULL};
+static void refuse_size(struct page *page, const intake *in) {
+    discard_image();
+    corvel_answer_status(page->answer, CORVEL_HTTP_CONTENT_TOO_LARGE);
+    put(page, "file", *in->name ? in->name : "This file");
+    put(page, "complaint", in->complaint);
+    put(page, "state", "refused");
+    show_upgrade(page, "upgrade-refused", 2);
+}
+
+static void receive_and_take(struct page *page, int lock) {
+    intake in = {.lock = lock, .id = corvel_query(page->request, "id")};
     corvel_boot boot;
     corvel_boot_read(&upgrade_rules, &boot);
     if (is_restart_pending(&boot)) {
@@ -99,8 +137,11 @@ static void receive_and_take(struct page *page) {
     const int status = receive(page, &in);
     if (status == CORVEL_HTTP_OK) {
         take(page, &in);
+    } else if (status == CORVEL_HTTP_CONTENT_TOO_LARGE) {
+        refuse_size(page, &in);
     } else {
-        discard_image();
+        if (!in.is_cancelled)
+            discard_image();
         corvel_answer_error(page->answer, status, in.complaint);
     }
 }
@@ -110,7 +151,7 @@ static void handle_post(struct page *page) {
     const int lock = lock_upgrade(page);
     if (lock < 0)
         return;
-    receive_and_take(page);
+    receive_and_take(page, lock);
     close(lock);
 }
 

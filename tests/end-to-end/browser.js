@@ -25,7 +25,7 @@ async function picture(page, name) {
 // Returns the text of the running set, such as "Set A Running Corvel R1 1.0.0".
 async function runningSet(page) {
   const text = await page.locator('.set[data-running]').innerText();
-  return text.replace(/\s+/g, ' ').replace(/ Root file system.*/, '');
+  return text.trim().replace(/\s+/g, ' ');
 }
 
 // Records every value of an element's attribute on all pages loaded from now on.
@@ -117,11 +117,11 @@ async function upload(page, image) {
 }
 
 // Limits the upload to the speed of a wireless network, so that progress can be observed.
-async function slowDown(page) {
+async function slowDown(page, uploadThroughput = 12e6) {
   const network = await page.context().newCDPSession(page);
   await network.send('Network.enable');
   await network.send('Network.emulateNetworkConditions', {
-    offline: false, latency: 0, downloadThroughput: -1, uploadThroughput: 12e6 });
+    offline: false, latency: 0, downloadThroughput: -1, uploadThroughput });
   return network;
 }
 
@@ -132,12 +132,12 @@ async function logIn(page, password) {
   await page.getByRole('button', { name: 'Log in' }).click();
 }
 
-// A restart ends all sessions: the login page appears and leads back to the upgrade page.
+// A restart ends all sessions: the login page appears and leads to the page that says what runs.
 async function restart(page) {
   await page.getByRole('button', { name: 'Restart now' }).click();
   await page.locator('form#login').waitFor();
   await logIn(page, process.env.PASSWORD);
-  await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
+  await page.getByRole('heading', { name: /^The router runs / }).waitFor();
 }
 
 // Counts how often a page is loaded from now on.
@@ -223,6 +223,59 @@ const walks = {
     await page.getByRole('button', { name: 'Discard' }).click();
     await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
     return { writing, running: await runningSet(page) };
+  },
+
+  // An upload is cancelled, and one whose connection is lost is sent again. Another window follows.
+  async followed(page, image) {
+    const other = await page.context().newPage();
+    const shows = (tab, name) => tab.getByRole('heading', { name }).waitFor();
+    await other.goto(url + '/cgi-bin/upgrade');
+    const network = await slowDown(page, 4e6);
+    await upload(page, image);
+    await shows(other, 'Receiving an image');
+    await checkPage(other);
+    await picture(other, 'followed-1-receiving');
+    await page.getByRole('button', { name: 'Cancel' }).click();
+    const cancelled = await page.locator('#error-image').innerText();
+    await shows(other, 'Choose an upgrade image');
+
+    await page.getByRole('button', { name: 'Upload and check' }).click();
+    await page.waitForFunction(() => Number(document.querySelector('#sent')?.value) > 20);
+    console.log('sending');
+    await page.getByText('The router has not answered for').waitFor();
+    await picture(page, 'followed-2-silent');
+    console.log('silent');
+    await page.getByText('waiting for the rest of the interrupted upload').waitFor();
+    await picture(page, 'followed-3-lost');
+    await network.detach();
+    for (const tab of [page, other]) await shows(tab, /^Write .* to set/);
+
+    await other.getByRole('button', { name: 'Write image' }).click();
+    await shows(page, 'Writing');
+    await page.evaluate(() => {
+      const seen = new Set();
+      setInterval(() => seen.add(document.getElementById('phase')?.textContent), 20);
+      addEventListener('pagehide', () => sessionStorage.setItem('phases', JSON.stringify([...seen])));
+    });
+    for (const tab of [page, other]) await shows(tab, /is ready$/);
+    await other.getByRole('button', { name: 'Stay with set A' }).click();
+    await shows(page, 'Choose an upgrade image');
+    return { cancelled, phases: await page.evaluate(() => JSON.parse(sessionStorage.phases)) };
+  },
+
+  // Starts the other set, and sees what runs after the restart.
+  async startOther(page) {
+    await page.goto(url + '/cgi-bin/upgrade');
+    await page.getByRole('link', { name: 'Start this version' }).click();
+    await checkAccess(page, 'upgrade-start');
+    await page.getByRole('button', { name: /^Start set . now$/ }).click();
+    await page.locator('form#login').waitFor();
+    await logIn(page, process.env.PASSWORD);
+    await page.getByRole('heading', { name: /^The router runs / }).waitFor();
+    await checkAccess(page, 'upgrade-started');
+    await page.getByRole('link', { name: 'Done' }).click();
+    await page.getByRole('heading', { name: 'Choose an upgrade image' }).waitFor();
+    return runningSet(page);
   },
 
   async refused(page, image) {

@@ -6,6 +6,7 @@ import hashlib
 import html
 import http.client
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -128,7 +129,9 @@ class UpgradeTest(DemoTest):
     def restart(self):
         before = self.state()["BOOT_ID"]
         self.assertEqual(self.perform("restart"), 200)
+        self.wait_for_restart(before)
 
+    def wait_for_restart(self, before):
         def is_back():
             with contextlib.suppress(OSError, http.client.HTTPException):
                 return self.demo.get(NETWORK).status == 303
@@ -163,6 +166,17 @@ class UpgradeTest(DemoTest):
         self.assertNotIn("{{", text)
         self.assertTrue(text.endswith("</html>\n"))
 
+    def comparison(self, text):
+        """Returns what the page says of the versions before an image is written."""
+        rows = re.search('<dl class="versions">(.*?)</dl>', text, re.S).group(1)
+        return {name: re.sub("<.*?>", "", version)
+                for name, version in re.findall("<dt>(.*?)</dt><dd>(.*?)</dd>", rows)}
+
+    def badges(self):
+        """Returns the condition of both sets, as the page shows it."""
+        found = re.findall('Set ([AB]) <span class="badge">(.*?)</span>', self.curl(UPGRADE)[1])
+        return {f"{name}: {badge}" for name, badge in found}
+
     def message(self, text):
         return html.unescape(re.search(r'role="alert">(.*)</p>', text).group(1))
 
@@ -183,6 +197,9 @@ class Upgrades(UpgradeTest):
         self.assertEqual(self.upload(bytes_there)[0], 303)
         status, text = self.curl(UPGRADE)
         self.assertEqual(status, 200)
+        self.assertEqual(self.comparison(text), {
+            "New version": "Corvel R1 2.0.0", "Replaces in set B": "nothing that could be started",
+            "Keeps running, in set A": "Corvel R1 1.0.0"})
         for cells in (("Rootfs", "Rootfs-1", "/dev/mtdblock4", "6.3 MiB"),
                       ("Linux_kernel", "Linux_kernel-1", "/dev/mtdblock5", "1023.9 KiB")):
             self.assertIn("<th scope=\"row\">{}</th><td>{}</td><td>{}</td>"
@@ -207,6 +224,9 @@ class Upgrades(UpgradeTest):
         back, bytes_back = large_image("Corvel R1 3.0.0", 15 * 1024 * 1024)
         running = self.flash(RUNNING_B)
         self.assertEqual(self.upload(bytes_back)[0], 303)
+        self.assertEqual(self.comparison(self.curl(UPGRADE)[1]), {
+            "New version": "Corvel R1 3.0.0", "Replaces in set A": "Corvel R1 1.0.0",
+            "Keeps running, in set B": "Corvel R1 2.0.0"})
         self.write_staged()
         self.restart()
         self.assert_set("A", "A", "Corvel R1 3.0.0")
@@ -228,34 +248,42 @@ class Upgrades(UpgradeTest):
         image, image_bytes = large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)
         self.upload(image_bytes)
         writer = self.write_until(0)
-        for share in (0, 0.2, 0.5, 0.8, 0.95):
+        phases = []
+        for share in (0, 0.2, 0.5, 0.9, 0.985):
             state = self.continue_until(writer, share)
             self.assertEqual(int(state["TOTAL"]), len(image.root) + len(image.kernel))
             written = {"Rootfs-1": self.written_to(4, image.root),
                        "Linux_kernel-1": self.written_to(5, image.kernel)}
             self.assertGreaterEqual(sum(written.values()), int(state["WRITTEN"]))
             self.assertGreater(written[state["SECTION"]], 0)
-            self.assertIn(f"value=\"{int(state['WRITTEN']) * 100 // int(state['TOTAL'])}\"",
-                          self.curl(UPGRADE)[1])
+            percent = int(state["WRITTEN"]) * 100 // int(state["TOTAL"])
+            self.assertEqual(state["PERCENT"], str(percent))
+            phases.append(state["PHASE"])
+            text = self.curl(UPGRADE)[1]
+            self.assertIn(f'value="{percent}"', text)
+            self.assertIn(f'role="status">{state["PHASE"]}</p>', text)
+            self.assertIn('Set B <span class="badge">Being written</span>', text)
+            self.assertIn('<meta http-equiv="refresh" content="1">', text)
             self.assertEqual(state["NEXT"], "A")
+        self.assertEqual(phases, [*["Writing section 1 of 2, the root file system"] * 3,
+                                  "Writing section 2 of 2, the kernel",
+                                  "Writing the start of both sections"])
         os.kill(writer, signal.SIGCONT)
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "written"))
 
-    def test_an_upload_may_have_at_most_16_mib(self):
-        overhead = len(multipart(part(b"")))
-        largest = large_image("Corvel R1 2.0.0", LARGEST - overhead)[1]
-        body = multipart(part(largest))
-        self.assertEqual(len(body), LARGEST)
-        self.assertEqual(self.send(body).status, 303)
+    def test_an_image_may_have_at_most_16_mib(self):
+        largest = large_image("Corvel R1 2.0.0", LARGEST)[1]
+        self.assertEqual(self.send(multipart(part(largest))).status, 303)
         self.assertEqual(self.state()["STATE"], "staged")
         self.perform("discard")
 
-        response = self.send(multipart(part(largest + bytes(1))))
-        self.assertEqual(response.status, 413)
-        self.assert_page(response.text)
-        status, text = self.upload(bytes(LARGEST + 5000))
-        self.assertEqual(status, 413)
-        self.assert_page(text)
+        for size in (LARGEST + 1, LARGEST + 1_000_000):
+            response = self.send(multipart(part(largest.ljust(size, b"\0"))))
+            self.assertEqual(response.status, 413)
+            self.assert_page(response.text)
+            self.assertEqual(self.message(response.text), "The file is larger than 16 MiB, so it is not "
+                             "an image for this router.")
+            self.assertIn("Choose another image", response.text)
         self.assert_unchanged()
 
     def test_other_pages_accept_only_small_forms(self):
@@ -329,7 +357,7 @@ class Upgrades(UpgradeTest):
         self.assertTrue(wait_until(lambda: self.state()["STATE"] == "failed"))
         text = self.curl(UPGRADE)[1]
         self.assertIn("The upgrade was cancelled. The running set is unchanged and still boots.", text)
-        self.assertIn('Set B <span class="badge">Incomplete</span>', text)
+        self.assertEqual(self.badges(), {"A: Running", "B: Half-written"})
         self.assertFalse((self.demo.root() / "tmp/firmware/image.bin").exists())
         kept = (0, 1, *RUNNING_A, 6, 7, 8)
         self.assertEqual(self.flash(kept), {each: self.factory[each] for each in kept})
@@ -341,6 +369,106 @@ class Upgrades(UpgradeTest):
     def test_restarting_without_an_upgrade_changes_nothing(self):
         self.restart()
         self.assert_unchanged()
+
+    def test_only_the_image_that_the_page_has_shown_is_written(self):
+        seen = []
+        for version in ("Corvel R1 1.0.0", "Corvel R1 0.9.0"):
+            self.assertEqual(self.upload(Image(version, 99, 99).bytes())[0], 303)
+            text = self.curl(UPGRADE)[1]
+            seen.append(re.search('name="image" value="(.+?)"', text).group(1))
+            self.assertEqual("runs this version already" in text, version.endswith("1.0.0"))
+            self.assertEqual("older than the one that runs" in text, version.endswith("0.9.0"))
+        for action in ("write", "discard"):
+            response = self.demo.post(UPGRADE, {"action": action, "image": seen[0]})
+            self.assertEqual(response.status, 409)
+            self.assertIn("in another window", self.message(response.text))
+        self.assertEqual(self.flash(), self.factory)
+        response = self.demo.post(UPGRADE, {"action": "write", "image": seen[1]})
+        self.assertEqual(response.status, 303)
+
+
+    def test_the_demo_names_a_good_and_a_damaged_sample(self):
+        good, damaged = (pathlib.Path(name) for name in
+                         re.findall("^Upgrade image to try: (.*)$", self.demo.output, re.M))
+        status, text = self.upload(damaged.read_bytes())
+        self.assertEqual((status, self.message(text)), (422, "Rootfs: This section is damaged."))
+        self.assertIn("-damaged.bin", damaged.name)
+        self.assertEqual(self.upload(good.read_bytes())[0], 303)
+        self.write_staged()
+        self.assertEqual(self.state()["VERSION_B"], "Corvel R1 1.1.0")
+
+
+class OtherSet(UpgradeTest):
+    """The set that is not running can be started if it is complete."""
+
+    def restart_with(self, action):
+        before = self.state()["BOOT_ID"]
+        status, text = self.curl(UPGRADE, "--data", f"action={action}&token={self.demo.token()}")
+        self.assertEqual(status, 200)
+        self.assertIn("5; url=/cgi-bin/upgrade?started=", text)
+        self.wait_for_restart(before)
+
+    def assert_not_startable(self, reason):
+        self.assertNotIn("start=1", self.curl(UPGRADE)[1])
+        text = self.curl(UPGRADE + "?start=1")[1]
+        self.assertIn(reason, self.message(text))
+        self.assertNotIn('value="start"', text)
+        response = self.demo.post(UPGRADE, "action=start")
+        self.assertEqual(response.status, 409)
+        self.assertIn(reason, self.message(response.text))
+        self.assertEqual(self.state()["RUNNING"], self.state()["NEXT"])
+
+    def test_it_is_started_after_a_confirmation_and_refused_with_the_reason(self):
+        self.assertEqual(self.badges(), {"A: Running", "B: Empty"})
+        self.assert_not_startable("contains no firmware")
+
+        self.upload(Image("Corvel R1 2.0.0", 200_000, 99).bytes())
+        self.write_staged()
+        self.assertEqual(self.demo.post(UPGRADE, "action=start").status, 409, "a restart is pending")
+        self.assertEqual(self.perform("keep"), 303)
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+        self.assertEqual(self.state()["STATE"], "")
+        self.assertEqual(self.badges(), {"A: Running", "B: Ready"})
+        flash = self.flash(range(2, 9))
+        text = self.curl(UPGRADE + "?start=1")[1]
+        self.assertEqual(self.comparison(text), {"Will run, from set B": "Corvel R1 2.0.0",
+                                                 "Runs now, from set A": "Corvel R1 1.0.0"})
+        self.assertEqual(self.state()["NEXT"], "A", "only the form starts it")
+        self.restart_with("start")
+        self.assert_set("B", "B", "Corvel R1 2.0.0")
+        text = self.curl(UPGRADE + "?started=B")[1]
+        self.assertIn("The router runs Corvel R1 2.0.0</h2>", text)
+        self.assertIn("Set A contains Corvel R1 1.0.0.", text)
+        self.assertIn("The router has not started set A. It continues with set B.",
+                      self.curl(UPGRADE + "?started=A")[1])
+        self.assertEqual(self.flash(range(2, 9)), flash)
+        self.assertEqual(self.badges(), {"A: Ready", "B: Running"})
+
+        damaged = bytearray(flash[2])
+        damaged[3_000_000] ^= 1
+        self.demo.flash(2).write_bytes(damaged)
+        self.assertEqual(self.badges(), {"A: Damaged", "B: Running"})
+        self.assert_not_startable("is not what was written")
+
+    def test_it_is_refused_as_long_as_nothing_is_known_of_its_content(self):
+        self.demo.flash(4).write_bytes(self.factory[2])
+        self.demo.flash(5).write_bytes(self.factory[3])
+        self.assertEqual(self.badges(), {"A: Running", "B: Not verified"})
+        self.assert_not_startable("is not known")
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+
+    def test_a_half_written_set_keeps_its_mark_across_restarts(self):
+        self.upload(large_image("Corvel R1 2.0.0", 8 * 1024 * 1024)[1])
+        os.kill(self.write_until(0.4), signal.SIGKILL)
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == "interrupted"))
+        self.perform("discard")
+        text = self.curl(UPGRADE)[1]
+        self.assertIn("Writing was interrupted.", text)
+        self.assertIn("Choose an upgrade image", text)
+        for again in (self.restart, self.start_again):
+            again()
+            self.assertEqual(self.badges(), {"A: Running", "B: Half-written"})
+            self.assert_not_startable("was not completed")
 
 
 class RunningSet(UpgradeTest):
@@ -606,7 +734,7 @@ class Interruptions(UpgradeTest):
             self.assert_runs_as_before()
             text = self.curl(UPGRADE)[1]
             self.assertIn("Writing was interrupted", text)
-            self.assertIn('Set B <span class="badge">Incomplete</span>', text)
+            self.assertEqual(self.badges(), {"A: Running", "B: Half-written"})
             self.restart()
             self.assert_runs_as_before()
         self.assertEqual(self.upload(image[1])[0], 303)
@@ -645,27 +773,52 @@ class ReadOnlyFlash(UpgradeTest):
 
 
 class AtOnce(UpgradeTest):
-    def test_one_upload_at_a_time(self):
-        large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
-        small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))
+    def send_half(self, body):
+        """Sends half of an upload. Returns the connection."""
         connection = http.client.HTTPConnection("127.0.0.1", self.demo.port, timeout=20)
         self.addCleanup(connection.close)
         connection.putrequest("POST", f"{UPLOAD}?token={self.demo.token()}")
         for name, value in (("Content-Type", "multipart/form-data; boundary=xYzZY"),
                             ("Cookie", f"session={self.demo.session}"),
-                            ("Content-Length", str(len(large)))):
+                            ("Content-Length", str(len(body)))):
             connection.putheader(name, value)
-        connection.endheaders(large[:len(large) // 2])
-        self.assertTrue(wait_until(lambda: "being received" in self.curl(UPGRADE)[1], 5))
+        connection.endheaders(body[:len(body) // 2])
+        self.assertTrue(wait_until(lambda: self.state()["PERCENT"] in ("49", "50"), 5))
+        return connection
+
+    def test_one_upload_at_a_time(self):
+        large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
+        small = multipart(part(Image("Corvel R1 1.9.0", 99, 99).bytes()))
+        connection = self.send_half(large)
+        state = self.state()
+        self.assertEqual((state["STATE"], state["PHASE"]), ("receiving", "The image is being received"))
+        text = self.curl(UPGRADE)[1]
+        self.assertIn('role="status">The image is being received</p>', text)
+        self.assertIn(f'value="{state["PERCENT"]}"', text)
+        self.assertIn('<meta http-equiv="refresh" content="1">', text)
 
         response = self.send(small)
         self.assertEqual(response.status, 409)
         self.assert_page(response.text)
-        for action in ("write", "discard", "restart"):
+        for action in ("write", "discard", "restart", "start", "keep"):
             self.assertEqual(self.perform(action), 409)
         connection.send(large[len(large) // 2:])
         self.assertEqual(connection.getresponse().status, 303)
         self.assertEqual(self.state()["STATE"], "staged")
+
+    def test_an_upload_is_cancelled_in_another_window(self):
+        large = multipart(part(large_image("Corvel R1 2.0.0", 15 * 1024 * 1024)[1]))
+        connection = self.send_half(large)
+        self.assertEqual(self.perform("cancel"), 303)
+        connection.send(large[len(large) // 2:-5])
+        self.assertTrue(wait_until(lambda: self.state()["STATE"] == ""), "before the upload ends")
+        self.assertEqual(self.upload(Image("Corvel R1 1.9.0", 99, 99).bytes())[0], 303)
+        connection.send(large[-5:])
+        response = connection.getresponse()
+        self.assertEqual(response.status, 409)
+        self.assertIn("cancelled in another window", response.read().decode())
+        self.assertEqual(self.state()["STATE"], "staged", "the other image is kept")
+        self.assertIn("Corvel R1 1.9.0", self.curl(UPGRADE)[1])
 
     def test_simultaneous_small_uploads(self):
         bodies = [multipart(part(Image(f"Corvel R1 2.0.{i}", 99, 99).bytes())) for i in range(12)]

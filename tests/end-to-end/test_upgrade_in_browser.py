@@ -1,12 +1,66 @@
 # SPDX-License-Identifier: MIT
 """The firmware upgrade in a browser."""
 
+import contextlib
 import os
 import signal
+import socket
+import struct
+import threading
+import types
 
+from browser import Walk
 from device import LOGIN, wait_until
 from test_upgrade import RUNNING_A, UpgradeTest
 from upgrade_image import Image, large_image
+
+
+class Network:
+    """Relays connections to a port. They can fall silent, and be lost so that only the client knows."""
+
+    def __init__(self, port):
+        self._target = port
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self.port = self._listener.getsockname()[1]
+        self._clients = []
+        self._goes_on = threading.Event()
+        self._goes_on.set()
+        self._kept = []
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        with contextlib.suppress(OSError):
+            while True:
+                client, _ = self._listener.accept()
+                server = socket.create_connection(("127.0.0.1", self._target))
+                self._clients.append(client)
+                self._kept.append(server)
+                for pair in ((client, server), (server, client)):
+                    threading.Thread(target=self._relay, args=pair, daemon=True).start()
+
+    def _relay(self, source, target):
+        with contextlib.suppress(OSError):
+            while piece := source.recv(65536):
+                self._goes_on.wait()
+                target.sendall(piece)
+            target.shutdown(socket.SHUT_WR)
+
+    def fall_silent(self):
+        self._goes_on.clear()
+
+    def lose(self):
+        """Resets the clients' connections. Those to the server stay open and silent."""
+        for client in self._clients:
+            with contextlib.suppress(OSError):
+                client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                client.close()
+        self._clients = []
+        self._goes_on.set()
+
+    def close(self):
+        self._listener.close()
+        for each in (*self._clients, *self._kept):
+            each.close()
 
 
 class InBrowser(UpgradeTest):
@@ -49,6 +103,24 @@ class InBrowser(UpgradeTest):
         self.assertTrue(seen["writing"])
         self.assertEqual(self.flash((1, *RUNNING_A)),
                          {each: self.factory[each] for each in (1, *RUNNING_A)})
+
+    def test_another_window_follows_an_upload_that_is_cancelled_lost_and_sent_again(self):
+        image = self.file("a.bin", large_image("Corvel R1 2.0.0", 9 * 1024 * 1024)[1])
+        network = Network(self.demo.port)
+        self.addCleanup(network.close)
+        client = types.SimpleNamespace(port=network.port, session=self.demo.session)
+        walk = Walk("followed", client, image)
+        self.addCleanup(walk.stop)
+        self.assertEqual(walk.line(), "sending")
+        network.fall_silent()
+        self.assertEqual(walk.line(), "silent")
+        network.lose()
+        seen = walk.result()
+        self.assertEqual(seen["cancelled"], "Cancelled. Nothing has been written.")
+        self.assertIn("Writing section", " ".join(map(str, seen["phases"])))
+        self.assert_set("A", "A", "Corvel R1 1.0.0")
+        self.assertEqual(self.badges(), {"A: Running", "B: Ready"})
+        self.assertEqual(self.walk("startOther").result(), "Set B Running Corvel R1 2.0.0")
 
     def test_a_refused_image_is_explained(self):
         image = bytearray(Image("Corvel R1 2.0.0").bytes())

@@ -127,7 +127,7 @@ function toLogin() {
 }
 
 async function fetchJson(url) {
-  const response = await fetch(url).catch(() => null);
+  const response = await fetch(url, { signal: AbortSignal.timeout(10000) }).catch(() => null);
   if (response?.status === 401) toLogin();
   return response?.ok ? response.json() : null;
 }
@@ -215,7 +215,13 @@ if (waiting)
     if (response?.status === 401) location.replace(waiting);
   }, 1000);
 
+// --- The firmware page ---------------------------------------------------------------------------
+
 // The steps of an upgrade. Each starts with a form that also works without this file.
+
+const pause = (milliseconds) => new Promise((resolve) => setTimeout(resolve, milliseconds));
+const upgradePage = '/cgi-bin/upgrade';
+let isSending = false;
 
 // Replaces the page's content with that of a response. The response may have an error status.
 function show(text, url) {
@@ -229,7 +235,7 @@ function show(text, url) {
   const heading = main.querySelector('#step') ?? main.querySelector('h1');
   heading.tabIndex = -1;
   heading.focus();
-  followUpgrade();
+  prepareUpload();
 }
 
 function showProgress(bar, label, text, percent) {
@@ -238,67 +244,162 @@ function showProgress(bar, label, text, percent) {
   label.textContent = text;
 }
 
+// The state of the upgrade; undefined if the router does not answer.
+async function fetchUpgrade() {
+  return (await fetchJson(upgradePage + '?Ajax=1'))?.upgrade;
+}
+
+// Whether the page shows another step than this one, or another image. One that says why an image
+// was refused stays.
+function isOutdated(state) {
+  const { upgrade, image } = document.querySelector('[data-upgrade]').dataset;
+  return upgrade !== 'refused' && (state.STATE !== upgrade || state.IMAGE !== image);
+}
+
+// Sends an image. If the connection is lost, it is sent again as soon as the router no longer waits
+// for the rest of the interrupted upload.
 function sendImage(form) {
   const bar = document.getElementById('sent');
   const label = document.getElementById('sending');
-  const error = document.getElementById('error-image');
-  const controls = form.querySelectorAll('input, button');
-  const request = new XMLHttpRequest();
-  const uploading = (percent) => showProgress(bar, label,
-    `Uploading: ${percent} %.`, percent);
-  request.upload.addEventListener('progress', (event) =>
-    uploading(Math.floor(100 * event.loaded / event.total)));
-  request.upload.addEventListener('load', () => showProgress(bar, label, 'Checking the image.'));
-  request.addEventListener('load', () => {
-    if (new URL(request.responseURL).pathname === '/cgi-bin/login') toLogin();
-    else show(request.responseText, '/cgi-bin/upgrade');
-  });
-  request.addEventListener('error', () => {
-    error.textContent = 'The connection was lost. Nothing has been written.';
-    bar.parentElement.hidden = true;
-    for (const each of controls) each.disabled = false;
-  });
-  request.open('POST', form.action);
-  request.send(new FormData(form));
-  for (const each of controls) each.disabled = true;
-  error.textContent = '';
-  bar.parentElement.hidden = false;
-  uploading(0);
+  const stop = document.getElementById('stop');
+  const controls = form.querySelectorAll('input, [type=submit]');
+  const content = new FormData(form);
+  const say = (text, percent) => showProgress(bar, label, text, percent);
+  // The id tells an interrupted upload of this page from that of another one.
+  const id = String(crypto.getRandomValues(new Uint32Array(2)));
+  let attempts = 0;
+  let percent;
+  let moved;
+  let request;
+
+  function setSending(sending, reason = '') {
+    isSending = sending;
+    bar.parentElement.hidden = stop.hidden = !sending;
+    for (const each of controls) each.disabled = sending;
+    document.getElementById('error-image').textContent = reason;
+  }
+
+  function send() {
+    const own = request = new XMLHttpRequest();
+    const ifCurrent = (act) => (event) => { if (request === own) act(event); };
+    attempts++;
+    moved = Date.now();
+    percent = 0;
+    say('Sending the image: 0 %', 0);
+    own.upload.addEventListener('progress', ifCurrent((event) => {
+      moved = Date.now();
+      percent = Math.floor(100 * event.loaded / event.total);
+      say(`Sending the image: ${percent} %`, percent);
+    }));
+    own.upload.addEventListener('load', ifCurrent(() => {
+      moved = Date.now();
+      percent = undefined;
+      say('Checking the image');
+    }));
+    own.addEventListener('load', ifCurrent(async () => {
+      // A browser that repeats a lost request itself meets the first one.
+      if (own.status === 408 || (own.status === 409 && (await fetchUpgrade())?.UPLOAD === id)) {
+        sendAgain();
+        return;
+      }
+      setSending(false);
+      if (new URL(own.responseURL).pathname === '/cgi-bin/login') toLogin();
+      else show(own.responseText, upgradePage);
+    }));
+    own.addEventListener('error', ifCurrent(sendAgain));
+    own.open('POST', `${form.action}&id=${id}`);
+    own.send(content);
+  }
+
+  async function sendAgain() {
+    request = null;
+    if (attempts === 10) {
+      setSending(false, 'The image could not be sent, and nothing has been written. Check the connection.');
+      return;
+    }
+    say('The connection was lost. Waiting for the router.');
+    while (isSending && !request) {
+      await pause(1000);
+      const state = isSending && await fetchUpgrade();
+      if (!isSending) return;
+      if (!state) {
+        say('The connection was lost. Waiting for the router.');
+      } else if (state.STATE === 'busy' || (state.STATE === 'receiving' && state.UPLOAD === id)) {
+        say('The router is waiting for the rest of the interrupted upload. The image is sent again in a few seconds.');
+      } else if (isOutdated(state)) {
+        isSending = false;
+        location.replace(upgradePage); // it was received, or another upgrade has begun
+        return;
+      } else {
+        send();
+      }
+    }
+  }
+
+  // A connection that is lost without a word is noticed by its silence.
+  const timer = setInterval(() => {
+    const seconds = Math.floor((Date.now() - moved) / 1000);
+    if (!isSending) {
+      clearInterval(timer);
+    } else if (request && seconds >= (percent === undefined ? 60 : 15)) {
+      const lost = request;
+      sendAgain();
+      lost.abort();
+    } else if (request && percent !== undefined && seconds >= 3) {
+      say(`Sending the image: ${percent} %. The router has not answered for ${seconds} seconds.`, percent);
+    }
+  }, 1000);
+
+  stop.onclick = () => {
+    setSending(false, 'Cancelled. Nothing has been written.');
+    request?.abort();
+  };
+  setSending(true);
+  send();
 }
 
-// Requests the state repeatedly until a function accepts it, then reloads the page.
-function poll(url, isEnough) {
-  const timer = setInterval(async () => {
-    const sections = await fetchJson(url);
-    if (!sections) return;
-    const { upgrade: state } = sections;
-    if (!isEnough(state)) return;
-    clearInterval(timer);
-    location.replace('/cgi-bin/upgrade');
-  }, 300);
-}
-
-function followUpgrade() {
+function prepareUpload() {
   const form = document.querySelector('form[data-upload]');
   form?.addEventListener('submit', (event) => {
     event.preventDefault();
-    const file = form.querySelector('input[type=file]').files[0];
+    const [file] = form.querySelector('input[type=file]').files;
     if (file.size <= Number(form.dataset.upload)) sendImage(form);
-    else document.getElementById('error-image').textContent = 'This file is larger than 16 MiB.';
+    else
+      document.getElementById('error-image').textContent =
+        'This file is larger than 16 MiB, so it is not an image for this router. It has not been sent.';
   });
-
-  const writing = document.querySelector('[data-writing]');
-  if (writing)
-    poll(writing.dataset.writing, (state) => {
-      const percent = Math.floor(100 * state.WRITTEN / (Number(state.TOTAL) || 1));
-      document.getElementById('written').value = percent;
-      document.getElementById('percent').textContent = percent;
-      document.getElementById('section').textContent = state.SECTION;
-      return state.STATE !== 'writing';
-    });
-
-  const restart = document.querySelector('[data-restart]');
-  if (restart)
-    poll(restart.dataset.restart, (state) => state.BOOT_ID !== restart.dataset.bootId);
 }
-followUpgrade();
+
+// Follows the upgrade, whichever window has started it. Returns the milliseconds until the next look.
+async function followUpgrade() {
+  const restart = document.querySelector('[data-boot-id]');
+  const { upgrade: shown } = document.querySelector('[data-upgrade]').dataset;
+  const isIdle = !restart && !['writing', 'receiving', 'busy'].includes(shown);
+  if (isSending || (isIdle && document.hidden)) return 1000;
+  const state = await fetchUpgrade();
+  const phase = document.getElementById('phase');
+  if (isSending) return 1000;
+  if (restart) {
+    if (state && state.BOOT_ID !== restart.dataset.bootId) location.reload();
+  } else if (!state) {
+    if (phase) phase.textContent = 'The router does not answer. This page continues when it does.';
+  } else if (isOutdated(state)) {
+    location.replace(upgradePage);
+  } else if (phase) {
+    if (phase.textContent !== state.PHASE) phase.textContent = state.PHASE;
+    showProgress(document.getElementById('written'), document.getElementById('percent'),
+      state.PERCENT ? state.PERCENT + ' %' : 'Please wait', state.PERCENT || undefined);
+  }
+  return isIdle ? 3000 : 400;
+}
+
+if (document.querySelector('[data-upgrade]')) {
+  // After the restart, and possibly a login, the page says what runs.
+  const restart = document.querySelector('[data-boot-id]');
+  if (restart) history.replaceState(null, '', `${upgradePage}?started=${restart.dataset.set}`);
+  prepareUpload();
+  addEventListener('beforeunload', (event) => isSending && event.preventDefault());
+  (async () => {
+    while (document.querySelector('[data-upgrade]')) await pause(await followUpgrade());
+  })();
+}
