@@ -54,6 +54,24 @@ int main(void)
 """
 
 
+# Prints what the library reads from the lease file of the server that runs.
+LEASES = r"""
+#include <corvel.h>
+#include <stdio.h>
+
+int main(void)
+{
+    lease_entry *leases = NULL;
+
+    get_leases(&leases);
+    for (const lease_entry *each = leases; each != NULL; each = each->next)
+        printf("%s,%s,%s,%s\n", each->hostname, each->ip, each->mac, each->expires);
+    free_leaselist(&leases);
+    return 0;
+}
+"""
+
+
 @dataclass
 class Done:
     status: int
@@ -122,14 +140,17 @@ def device(tmp_path):
     return Runner(tmp_path)
 
 
+def build(directory, name, code):
+    """Builds a program outside of the tree, with pkg-config. Returns its path."""
+    (directory / f"{name}.c").write_text(code)
+    subprocess.run(f"cc -g {name}.c -o {name} $(pkg-config --cflags --libs corvel_page corvel)", shell=True,
+                   check=True, cwd=directory, env=user_environment())
+    return directory / name
+
+
 @pytest.fixture(scope="session")
 def built_page(tmp_path_factory):
-    """A program that was built outside of the tree, with pkg-config."""
-    directory = tmp_path_factory.mktemp("page")
-    (directory / "page.c").write_text(PAGE)
-    subprocess.run("cc -g page.c -o page $(pkg-config --cflags --libs corvel_page)", shell=True, check=True,
-                   cwd=directory, env=user_environment())
-    return directory / "page"
+    return build(tmp_path_factory.mktemp("page"), "page", PAGE)
 
 
 @pytest.fixture

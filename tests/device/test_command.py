@@ -5,12 +5,13 @@ import shutil
 import signal
 import stat
 import subprocess
+from ipaddress import IPv6Address
 from pathlib import Path
 
 import pytest
 
 from build_tree import INSTALLED
-from conftest import COMMAND
+from conftest import COMMAND, LEASES, build
 from waiting import wait_until
 
 CLIENTS = {"laptop", "phone", "printer"}
@@ -50,9 +51,35 @@ def test_the_device_has_its_settings_accounts_flash_and_network(device):
 
 
 def test_the_clients_get_addresses_from_the_devices_server(device):
-    script = ("for i in $(seq 300); do [ $(wc -l </var/config/dnsmasq.leases) -ge 3 ] && break; sleep 0.1; done;"
-              "cut -d ' ' -f 4 /var/config/dnsmasq.leases")
-    assert set(device.shell(script).split()) == CLIENTS
+    """As the library reads them from the server's file: IPv4 leases, the server's own line, IPv6 leases. An
+    IPv6 lease has a number instead of the hardware address: these clients use its last four bytes."""
+    build(device.directory, "leases", LEASES)
+    shown = device.shell("for i in $(seq 300); do [ $(wc -l </var/config/dnsmasq.leases) -ge 6 ] && break;"
+                         "sleep 0.1; done; ./leases")
+    leases = [dict(zip(("host", "ip", "mac", "left"), line.split(","))) for line in shown.splitlines()]
+    (server,) = (each for each in leases if not each["ip"])
+    ipv4 = {each["host"]: each for each in leases if "." in each["ip"]}
+    ipv6 = {each["host"]: each for each in leases if ":" in each["ip"]}
+    assert leases == [*ipv4.values(), server, *ipv6.values()]
+    assert set(ipv4) == CLIENTS and set(ipv6) == {"laptop", "phone"}
+    assert server["host"] == "" and server["mac"].startswith("00:01:00:01:")
+    for host, lease in ipv6.items():
+        assert lease["mac"] == str(int(ipv4[host]["mac"].replace(":", "")[-8:], 16))
+        assert 0x1000 <= int(IPv6Address(lease["ip"])) - int(IPv6Address("2001:db8:1::")) <= 0x1fff
+    assert all(11 * 3600 < int(lease["left"]) <= 12 * 3600 for lease in (*ipv4.values(), *ipv6.values()))
+
+
+def test_a_client_with_an_ipv6_lease_reaches_the_device(device):
+    """The client has the address that the server's file names, and the route that the server announces."""
+    script = ("client() { nsenter --net --target $(pgrep -f '^/usr/bin/python3 -I /sbin/dhcp6 eth0 laptop') \"$@\"; };"
+              "addresses() { client ip -br -6 address show dev eth0 scope global; };"
+              "answers() { client busybox ping -6 -c 1 -W 1 2001:db8:1::1 >/dev/null; };"
+              "for i in $(seq 300); do addresses | grep -q 2001 && answers && break; sleep 0.1; done 2>/dev/null;"
+              "addresses; client ip -6 route show default;"
+              "sed -n 's/.* \\(.*\\) laptop 00:03:.*/\\1/p' /var/config/dnsmasq.leases")
+    addresses, route, leased = device.shell(script).splitlines()
+    assert addresses.split()[2:] == [f"{leased}/128"]
+    assert route.startswith("default via fe80::43:52ff:fe00:101 dev eth0 proto ra")
 
 
 def test_the_machines_own_files_are_not_visible(device):

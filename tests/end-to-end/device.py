@@ -281,10 +281,12 @@ class Demo:
         return json.loads(result.stdout or "[]")
 
     def leases(self):
-        """Returns the leases as lists of words: expiry, MAC, IP, host name, identifier."""
+        """Returns the leases of IPv4 addresses as lists of words: expiry, MAC, IP, host name,
+        identifier."""
         path = self.state / "var" / "config" / "dnsmasq.leases"
         lines = path.read_text(errors="surrogateescape").splitlines() if path.exists() else []
-        return [line.split(" ") for line in lines if line]
+        words = [line.split(" ") for line in lines if line]
+        return [lease for lease in words if len(lease) > 2 and "." in lease[2]]
 
     def lessees(self):
         """Returns the host names of the leases."""
