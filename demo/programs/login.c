@@ -3,7 +3,7 @@
  * The login page. A correct login starts a session and redirects to the requested page. A failed
  * login gives the same message regardless of the reason.
  */
-#include "trap.h"
+#include "site.h"
 
 static const char *next_page(const struct page *page) {
     const char *next = corvel_field(page->request, "next");
@@ -21,14 +21,12 @@ static void show_login(struct page *page, int status, const char *message) {
 static void handle_get(struct page *page) { show_login(page, CORVEL_HTTP_OK, ""); }
 
 static void welcome(struct page *page, const char *user) {
-    char text[trap_size];
     page->session = corvel_session_start(page->request, page->answer, NULL, user);
     if (!page->session) {
         show_login(page, CORVEL_HTTP_SERVICE_UNAVAILABLE, "The session could not be started.");
         return;
     }
-    snprintf(text, sizeof text, "login: %s", user);
-    send_trap(text);
+    log_event(page, LOGIN_EVENT, "Logged in");
     corvel_answer_redirect(page->answer, next_page(page));
 }
 
@@ -41,7 +39,7 @@ static void handle_post(struct page *page) {
         welcome(page, user);
         break;
     case CORVEL_LOGIN_WRONG:
-        send_trap("login refused");
+        log_event(page, LOGIN_EVENT, "Wrong user name or password");
         show_login(page, CORVEL_HTTP_FORBIDDEN, "The user name or the password is wrong.");
         break;
     case CORVEL_LOGIN_WAIT:

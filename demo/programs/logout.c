@@ -3,6 +3,7 @@
 #include "site.h"
 
 static void log_out(struct page *page) {
+    log_event(page, LOGIN_EVENT, "Logged out");
     corvel_session_end(page->session, page->answer);
     corvel_answer_redirect(page->answer, "/cgi-bin/login");
 }

@@ -5,7 +5,7 @@
  * page.
  */
 #include "password_rules.h"
-#include "trap.h"
+#include "site.h"
 
 #include <string.h>
 
@@ -49,17 +49,15 @@ static bool check(struct page *page, const char *old, const char *new, const cha
 }
 
 static void change(struct page *page, const char *new) {
-    char text[trap_size];
     const char *user = corvel_session_user(page->session);
     ignore_disconnection(); /* an interruption could leave a password file, or old sessions */
     if (login_chpwd(user, new) != CORVEL_PASSWORD_CHANGED) {
         show_form(page, CORVEL_HTTP_INTERNAL_SERVER_ERROR, "The password could not be changed.");
         return;
     }
-    snprintf(text, sizeof text, "password changed: %s", user);
     corvel_session_end_all(NULL, user, page->session);
     corvel_session_renew(page->session, page->answer);
-    send_trap(text);
+    log_event(page, PASSWORD_EVENT, "Password changed");
     corvel_answer_redirect(page->answer,
                            page->is_first_step ? "/cgi-bin/status" : "/cgi-bin/password?saved=1");
 }
@@ -72,6 +70,7 @@ static void change_if_right(struct page *page, const char *old, const char *new)
         change(page, new);
         break;
     case CORVEL_LOGIN_WRONG:
+        log_event(page, PASSWORD_EVENT, "Password not changed: wrong current password");
         put(page, "error_old", "This is not your password.");
         show_form(page, CORVEL_HTTP_FORBIDDEN, "The password has not been changed. See below.");
         break;

@@ -5,7 +5,6 @@
  */
 #include "firmware.h"
 #include "settings.h"
-#include "trap.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -70,7 +69,8 @@ static void handle_post(struct page *page) {
         corvel_answer_error(page->answer, CORVEL_HTTP_INTERNAL_SERVER_ERROR,
                             "The reset could not be prepared. Nothing has been changed.");
     } else {
-        send_trap(is_reset(page) ? "factory reset requested" : "restart requested");
+        log_event(page, SYSTEM_EVENT,
+                  is_reset(page) ? "Factory reset requested" : "Restart requested");
         if (is_reset(page))
             put_reset(page);
         restart(page);

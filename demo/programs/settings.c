@@ -2,8 +2,6 @@
 #define _GNU_SOURCE
 #include "settings.h"
 
-#include "trap.h"
-
 #include <fcntl.h>
 #include <string.h>
 #include <sys/file.h>
@@ -21,6 +19,7 @@ typedef struct field {
     const char *value; /* stored, or sent by the form; empty if it is missing */
     const char *error; /* null if the value is valid */
     bool is_sent;
+    bool is_new;     /* the sent value differs from the stored one */
     bool is_changed; /* another value has been saved since the form was made */
 } field;
 
@@ -243,8 +242,10 @@ static bool has_changes(const struct page *page, struct form *form) {
 static bool set(struct form *form) {
     for (size_t i = 0; i < form->count; i++) {
         field *each = &form->fields[i];
-        if (each->is_sent)
-            each->error = corvel_setting_set(file_of(form, each), each->setting->name, each->value);
+        if (!each->is_sent)
+            continue;
+        each->is_new = strcmp(each->value, stored_value(form, each)) != 0;
+        each->error = corvel_setting_set(file_of(form, each), each->setting->name, each->value);
     }
     load(form); /* the change may have moved the values */
     return !has_errors(form);
@@ -264,6 +265,18 @@ static void show_conflict(struct page *page, struct form *form) {
               "below. Save again to replace the saved settings.");
 }
 
+/* One event for each changed setting, with its value if that may be shown. */
+static void log_changes(const struct page *page, const struct form *form) {
+    for (size_t i = 0; i < form->count; i++) {
+        const field *each = &form->fields[i];
+        if (each->is_new && each->setting->is_secret)
+            log_event(page, SETTINGS_EVENT, "%s changed", each->setting->name);
+        else if (each->is_new)
+            log_event(page, SETTINGS_EVENT, "%s changed to \"%s\"", each->setting->name,
+                      each->value);
+    }
+}
+
 /* Without changes nothing is saved: even the lock files would wear the flash. */
 static void save(struct page *page, struct form *form, bool is_changed) {
     char text[line_size];
@@ -278,8 +291,7 @@ static void save(struct page *page, struct form *form, bool is_changed) {
         corvel_answer_error(page->answer, status, complaint);
     } else {
         save_config();
-        snprintf(text, sizeof text, "settings saved: %s", form->page->name);
-        send_trap(text);
+        log_changes(page, form);
         snprintf(text, sizeof text, "/cgi-bin/%s?saved=1", form->page->name);
         corvel_answer_redirect(page->answer, text);
     }

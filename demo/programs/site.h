@@ -81,6 +81,28 @@ void close_part(struct page *page);
 /** Completes the answer with a template, or with the JSON document. */
 void show(struct page *page, const char *template_name);
 
+/** Kinds of events, by which the log can be filtered. */
+typedef enum event_kind {
+    LOGIN_EVENT,    /**< Logins, refused ones, and logouts. */
+    PASSWORD_EVENT, /**< Changes of passwords, and refused ones. */
+    SETTINGS_EVENT, /**< Changed settings. */
+    FIRMWARE_EVENT, /**< Uploads and upgrades. */
+    SYSTEM_EVENT    /**< Starts and restarts, and what else happens to the whole device. */
+} event_kind;
+
+/**
+ * Records an event in the log: "Network saved (admin, 192.168.1.20)". The user and the address of
+ * the client are appended; a text that is too long is truncated. Failures are ignored, since the
+ * event has taken place. Never pass a secret, nor what a stranger has typed as a user name, which
+ * may be a password.
+ *
+ * @param page   the request that has caused the event; null if there is none.
+ * @param kind   the kind of the event.
+ * @param format a format as for printf(): a sentence for the user, without a period.
+ */
+void log_event(const struct page *page, event_kind kind, const char *format, ...)
+    CORVEL_PAGE_PRINTF_LIKE(3, 4);
+
 /** Makes the answer one for a client that has to wait before it tries another password. */
 void ask_to_wait(struct page *page, unsigned seconds);
 

@@ -1,9 +1,10 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * Writes the traps that the device sends to a log. It runs as long as the device, and ends only if
- * it cannot receive.
+ * it cannot receive. Its first line after each start of the device is the start itself.
  */
 #define _GNU_SOURCE
+#include "firmware.h"
 #include "trap.h"
 
 #include <ctype.h>
@@ -40,20 +41,41 @@ static void take_text(const message *received, char text[trap_size + 1]) {
             *at = '?';
 }
 
+/* The older log is replaced when the current one is full: at least its size is kept. */
 static void append_to_log(const char *text) {
-    char moment[trap_time_size] = "";
+    char line[trap_time_size + line_size] = "";
     const time_t now = time(NULL);
-    struct tm local;
+    struct tm utc;
     struct stat status;
     if (stat(TRAP_LOG, &status) == 0 && status.st_size >= longest_trap_log)
         rename(TRAP_LOG, OLD_TRAP_LOG);
     const int log = open(TRAP_LOG, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (log < 0)
+    if (fstat(log, &status) != 0)
         return;
-    if (localtime_r(&now, &local))
-        strftime(moment, sizeof moment, "%Y-%m-%d %H:%M:%S", &local);
-    dprintf(log, "%s %s\n", moment, text);
+    if (gmtime_r(&now, &utc))
+        strftime(line, sizeof line, TRAP_TIME_FORMAT, &utc);
+    const size_t length = strlen(line);
+    snprintf(line + length, sizeof line - length, " %s\n", text);
+    if (write(log, line, strlen(line)) != (ssize_t)strlen(line))
+        ftruncate(log, status.st_size); /* no room: an incomplete line would join the next one */
     close(log);
+}
+
+/* The mark in /run distinguishes the start of the device from one of this program alone. */
+static void log_start(void) {
+    char text[line_size];
+    char version[CORVEL_FIRMWARE_VERSION_SIZE];
+    corvel_boot boot;
+    const int mark = open("/run/traplog", O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    corvel_boot_read(&upgrade_rules, &boot);
+    corvel_firmware_version(boot.running, version);
+    if (mark < 0)
+        snprintf(text, sizeof text, "%s: The log was interrupted", event_names[SYSTEM_EVENT]);
+    else
+        snprintf(text, sizeof text, "%s: Started with set %s, %s", event_names[SYSTEM_EVENT],
+                 set_letter(boot.running), *version ? version : "without a version");
+    append_to_log(text);
+    close(mark);
 }
 
 int main(void) {
@@ -62,6 +84,7 @@ int main(void) {
     const int sender = open_socket_for_trap();
     if (sender <= 0)
         return EXIT_FAILURE;
+    log_start();
     for (;;) {
         const ssize_t length = recv(sender, &received, sizeof received, MSG_TRUNC);
         if (length < 0 && errno != EINTR && errno != ENOBUFS)

@@ -9,7 +9,6 @@
  */
 #define _GNU_SOURCE
 #include "firmware.h"
-#include "trap.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -149,10 +148,11 @@ static void put_phase(struct page *page, const upgrade *now) {
 
 /* Called by the process that writes the image. */
 static bool finish(void *context, const corvel_upgrade_status *status) {
-    (void)context;
     if (status->state == CORVEL_UPGRADE_WRITTEN)
-        send_trap(status->set == CORVEL_FIRMWARE_A ? "firmware written: set A"
-                                                   : "firmware written: set B");
+        log_event(context, FIRMWARE_EVENT, "Set %s written", set_letter(status->set));
+    else if (status->state == CORVEL_UPGRADE_FAILED)
+        log_event(context, FIRMWARE_EVENT, "Set %s not written: %s", set_letter(status->set),
+                  corvel_upgrade_complaint(status->result));
     if (status->state != CORVEL_UPGRADE_WRITING)
         discard_image();
     return true;
@@ -351,7 +351,7 @@ static void write_image(struct page *page) {
         corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, "There is no image to write.");
         return;
     }
-    answer_result(page, corvel_upgrade_start(&upgrade_rules, STAGED_IMAGE, finish, NULL));
+    answer_result(page, corvel_upgrade_start(&upgrade_rules, STAGED_IMAGE, finish, page));
 }
 
 static void discard(struct page *page) {
@@ -370,6 +370,7 @@ static void restart(struct page *page) {
     corvel_boot_read(&upgrade_rules, &boot);
     const char *set = set_letter(is_restart_pending(&boot) ? boot.next : boot.running);
     ignore_disconnection();
+    log_event(page, SYSTEM_EVENT, "Restart requested");
     read_line("/run/boot_id", id);
     snprintf(refresh, sizeof refresh, "5; url=/cgi-bin/upgrade?started=%s", set);
     put_message(page, "The router is restarting.", false);

@@ -101,6 +101,7 @@ static void take(struct page *page, const intake *in) {
         corvel_upgrade_check(&upgrade_rules, RECEIVED_IMAGE, &report);
     if (result != CORVEL_UPGRADE_DONE) {
         discard_image();
+        log_event(page, FIRMWARE_EVENT, "Upload refused: %s", corvel_upgrade_complaint(result));
         corvel_answer_status(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT);
         put(page, "file", in->name);
         put(page, "state", "refused");
@@ -117,6 +118,7 @@ static void take(struct page *page, const intake *in) {
 
 static void refuse_size(struct page *page, const intake *in) {
     discard_image();
+    log_event(page, FIRMWARE_EVENT, "Upload refused: %s", in->complaint);
     corvel_answer_status(page->answer, CORVEL_HTTP_CONTENT_TOO_LARGE);
     put(page, "file", *in->name ? in->name : "This file");
     put(page, "complaint", in->complaint);
@@ -142,6 +144,7 @@ static void receive_and_take(struct page *page, int lock) {
     } else {
         if (!in.is_cancelled)
             discard_image();
+        log_event(page, FIRMWARE_EVENT, "Upload refused: %s", in.complaint);
         corvel_answer_error(page->answer, status, in.complaint);
     }
 }
