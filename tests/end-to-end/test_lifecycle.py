@@ -75,9 +75,9 @@ class Lifecycle(Case):
                               b"/usr/sbin/lighttpd"))
             root = pathlib.Path(f"/proc/{inside}/root")
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
-                             ["bootloader", "chpasswd", "configclient", "corvel-settings",
+                             ["bootloader", "chpasswd", "configclient", "corvel-settings", "dhcp6",
                               "environment", "factory", "init", "interfaces", "keep", "reboot",
-                              "reset", "station", "traplog"])
+                              "reset", "station", "traplog", "webserver"])
             for name in ("passwd", "shadow"):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])

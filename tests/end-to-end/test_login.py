@@ -553,6 +553,71 @@ class Passwords(LoginTest):
             self.assertIsNone(each.result().headers["Set-Cookie"])
 
 
+class ManyConnections(LoginTest):
+    STRANGER = "127.0.0.2"
+    ATTEMPTS = 2500
+    MOST = 128
+
+    def begin_slowly(self):
+        """Opens a connection and sends half a header. Returns None if the server resets it."""
+        connection = socket.socket()
+        try:
+            connection.bind((self.STRANGER, 0))
+            connection.settimeout(5)
+            connection.connect(("127.0.0.1", self.demo.port))
+            connection.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nX: ")
+            connection.setblocking(False)
+        except ConnectionResetError:
+            connection.close()
+            return None
+        return connection
+
+    def open_ones(self, connections):
+        """Closes and leaves out those that the server has reset."""
+        left = []
+        for each in connections:
+            try:
+                each.recv(1)
+            except BlockingIOError:
+                left.append(each)
+                continue
+            except ConnectionResetError:
+                pass
+            each.close()
+        return left
+
+    def test_one_client_with_many_slow_connections_keeps_only_itself_out(self):
+        kept = []
+        for i in range(self.ATTEMPTS):
+            kept += filter(None, [self.begin_slowly()])
+            if i % 100 == 99:
+                kept = self.open_ones(kept)
+        self.assertTrue(wait_until(lambda: len(self.open_ones(kept)) == self.MOST), len(kept))
+        for path in (NETWORK, self.demo.static_file("text/css")):
+            self.assertEqual(self.demo.request("GET", path, timeout=5).status, 200)
+        with self.assertRaises(ConnectionResetError):
+            self.demo.request("GET", LOGIN, headers=STRANGER, source=self.STRANGER)
+        for each in kept:
+            each.close()
+        self.assertTrue(wait_until(self.stranger_is_served))
+
+    def stranger_is_served(self):
+        with contextlib.suppress(ConnectionResetError):
+            return self.demo.request("GET", LOGIN, headers=STRANGER, source=self.STRANGER).status == 200
+        return False
+
+    def test_the_limit_is_that_of_the_server_and_not_of_its_programs(self):
+        server, = self.demo.programs("/usr/sbin/lighttpd")
+        self.assertIn("/opt/lib/connections.so", pathlib.Path(f"/proc/{server}/maps").read_text())
+        with socket.create_connection(("127.0.0.1", self.demo.port), timeout=20) as connection:
+            connection.sendall((
+                f"POST {UPLOAD}?token={self.demo.token()} HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: {MULTIPART}\r\n"
+                f"Cookie: session={self.demo.session}\r\nContent-Length: 1000\r\n\r\n").encode())
+            self.assertTrue(wait_until(lambda: self.demo.programs("/www/cgi-bin/upload")))
+            for pid in self.demo.programs("/www/cgi-bin/upload"):
+                self.assertNotIn("connections.so", pathlib.Path(f"/proc/{pid}/maps").read_text())
+
+
 class OtherSites(LoginTest):
     def test_a_form_of_another_site_is_refused_by_every_program(self):
         programs = sorted(each.name for each in (self.demo.root() / "www/cgi-bin").iterdir())
