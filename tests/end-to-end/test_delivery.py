@@ -37,7 +37,7 @@ class ErrorPages(SharedDemoTest):
         ("GET", 400), ("GET / HTTP/1.1\r\nHost: elsewhere.example", 403),
         ("GET /nothing HTTP/1.1", 404), (f"POST {NETWORK} HTTP/1.1", 411),
         (f"POST {NETWORK} HTTP/1.1\r\nContent-Length: 66000", 413),
-        (f"POST {UPLOAD} HTTP/1.1\r\nContent-Length: 17000000", 413),
+        (f"POST {UPLOAD} HTTP/1.1\r\nContent-Length: 70000000", 413),
         ("GET / HTTP/1.1\r\nX-Long: " + 20_000 * "a", 431), ("GET / HTTP/3.1", 505),
     )
 

@@ -145,7 +145,7 @@ class Pages(OwnDemoTest):
                 ("GET /nothing HTTP/1.1", 404), ("GET /cgi-bin/ HTTP/1.1", 403), ("GET", 400),
                 (f"POST {NETWORK} HTTP/1.1", 411),
                 (f"POST {NETWORK} HTTP/1.1\r\nContent-Length: 66000", 413),
-                (f"POST {UPLOAD} HTTP/1.1\r\nContent-Length: 17000000", 413)):
+                (f"POST {UPLOAD} HTTP/1.1\r\nContent-Length: 70000000", 413)):
             with self.subTest(request):
                 head, _, body = self.demo.raw(
                     f"{request}\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n".encode()
