@@ -246,6 +246,7 @@ static void show_started(struct page *page, const upgrade *now, const char *expe
                  set_letter(now->boot.running));
     put_message(page, message, true);
     put(page, "is_idle", "1");
+    put(page, "is_start", "1");
     put(page, "running_version", corvel_firmware_version(now->boot.running, version));
     put(page, "other_version", corvel_firmware_version(other_set(now->boot.running), version));
     show_step(page, now, "upgrade-started", 5);
@@ -367,7 +368,9 @@ static void restart(struct page *page) {
     char id[line_size];
     char refresh[line_size];
     corvel_boot boot;
+    corvel_upgrade_status status;
     corvel_boot_read(&upgrade_rules, &boot);
+    corvel_upgrade_read(&upgrade_rules, &status);
     const char *set = set_letter(is_restart_pending(&boot) ? boot.next : boot.running);
     ignore_disconnection();
     log_event(page, SYSTEM_EVENT, "Restart requested");
@@ -375,6 +378,7 @@ static void restart(struct page *page) {
     snprintf(refresh, sizeof refresh, "5; url=/cgi-bin/upgrade?started=%s", set);
     put_message(page, "The router is restarting.", false);
     put(page, "state", "restarting");
+    put(page, "is_start", status.state == CORVEL_UPGRADE_WRITTEN ? "" : "1");
     put(page, "boot_id", id);
     put(page, "next_set", set);
     put(page, "refresh", refresh);

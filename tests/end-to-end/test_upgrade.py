@@ -198,7 +198,7 @@ class Upgrades(UpgradeTest):
         status, text = self.curl(UPGRADE)
         self.assertEqual(status, 200)
         self.assertEqual(self.comparison(text), {
-            "New version": "Corvel R1 2.0.0", "Replaces in set B": "nothing that could be started",
+            "New version": "Corvel R1 2.0.0", "Replaces in set B": "no version",
             "Keeps running, in set A": "Corvel R1 1.0.0"})
         for cells in (("Rootfs", "Rootfs-1", "/dev/mtdblock4", "6.3 MiB"),
                       ("Linux_kernel", "Linux_kernel-1", "/dev/mtdblock5", "1023.9 KiB")):
