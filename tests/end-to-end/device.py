@@ -36,6 +36,7 @@ CLIENTS = "/cgi-bin/clients"
 TRAPS = "/cgi-bin/traps"
 SYSTEM = "/cgi-bin/system"
 RESTART = "/cgi-bin/restart"
+VARIABLE = "/cgi-bin/variable"
 PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"

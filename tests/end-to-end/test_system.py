@@ -2,16 +2,19 @@
 """The system page: what runs, the flash, and the boot environment."""
 
 import datetime
+import fcntl
 import html
 import os
 import re
 import signal
+import struct
 import subprocess
 import sys
+import zlib
 
 from demo_test import OwnDemoTest
-from device import (DEVICE, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD, RESTART,
-                    STRANGER, SYSTEM, Demo, Element, seconds_of, wait_until)
+from device import (BACKUP, DEVICE, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD,
+                    RESTART, STRANGER, SYSTEM, VARIABLE, Demo, Element, Page, seconds_of, wait_until)
 
 # Asks the router's name server for an address, and prints it.
 RESOLVER = """
@@ -93,6 +96,67 @@ class System(OwnDemoTest):
             page = Element.of_page(self.demo.get(SYSTEM).text)
             self.assertEqual(page.by_id("environment").rows(), [])
             self.assertIn("is damaged", page.find("p", role="alert")[0].text)
+
+
+class Variable(OwnDemoTest):
+    def environment(self):
+        return {each["name"]: each["value"] for each in self.demo.json(SYSTEM, "environment")}
+
+    def change(self, name, value):
+        """Confirms a change as a browser does. Returns the last response."""
+        response = self.demo.post(VARIABLE, {"name": name, "value": value})
+        if response.status != 200:
+            return response
+        return self.demo.post(VARIABLE, dict(Page(response.text).fields[1:]))
+
+    def test_a_variable_is_added_changed_and_removed_after_a_confirmation(self):
+        before = self.environment()
+        for value in ("1", "a value = with \"quotes\" <&>", "x" * 200, ""):
+            self.assertEqual(self.demo.post(VARIABLE, {"name": "own", "value": value}).status, 200)
+            self.assertNotEqual(self.environment().get("own", ""), value, "without confirmation")
+            response = self.change("own", value)
+            self.assertEqual((response.status, response.headers["Location"]),
+                             (303, SYSTEM + "?done=changed"))
+            self.assertEqual(self.environment(), before | ({"own": value} if value else {}))
+
+    def test_variables_that_decide_what_starts_and_malformed_names_are_refused(self):
+        flash = self.demo.flash(1).read_bytes()
+        for name in ("bootparam", "bootargs", "bootcmd", "firmware_a", "firmware_b", "", "a=b",
+                     "a b", "x" * 33, "\u00e9", "a\nb"):
+            for fields in ({}, {"old": self.environment().get(name, "")}):
+                response = self.demo.post(VARIABLE, {"name": name, "value": "1", **fields})
+                self.assertEqual(response.status, 422, name)
+        self.assertEqual(self.demo.flash(1).read_bytes(), flash)
+
+    def test_a_value_that_is_too_long_or_has_no_room_is_refused(self):
+        flash = self.demo.flash(1).read_bytes()
+        self.addCleanup(self.demo.flash(1).write_bytes, flash)
+        for value in ("x" * 201, "a\nb", "\x01"):
+            self.assertEqual(self.change("own", value).status, 422)
+        self.assertEqual(self.demo.flash(1).read_bytes(), flash)
+        data = flash[4:].partition(b"\0\0")[0] + b"\0fill=" + b"x" * 64800 + b"\0\0"
+        data = data.ljust(65532, b"\0")
+        self.demo.flash(1).write_bytes(zlib.crc32(data).to_bytes(4, "big") + data)
+        self.assertEqual(self.change("own", "x" * 200).status, 422)
+        self.assertEqual(self.change("own", "x").status, 303)
+
+    def test_a_change_is_refused_if_the_value_is_another_one_now_or_an_upgrade_has_the_flash(self):
+        fields = {"name": "bootdelay", "value": "5", "old": "3"}
+        self.assertEqual(self.demo.post(VARIABLE, fields).status, 409)
+        with open(self.demo.root() / "run/upgrade.lock", "r+b") as lock:
+            fcntl.fcntl(lock, fcntl.F_OFD_SETLK,
+                        struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0))
+            self.assertEqual(self.demo.post(VARIABLE, fields | {"old": "2"}).status, 409)
+        self.assertEqual(self.environment()["bootdelay"], "2")
+        self.assertEqual(self.demo.post(VARIABLE, fields | {"old": "2"}).status, 303)
+        self.assertEqual(self.environment()["bootdelay"], "5")
+
+    def test_only_variables_that_can_be_changed_have_a_link(self):
+        page = Element.of_page(self.demo.get(SYSTEM).text)
+        links = [each.attributes["href"] for each in page.by_id("environment").find("a")]
+        self.assertEqual(sorted(links), [f"{VARIABLE}?name=baudrate", f"{VARIABLE}?name=bootdelay"])
+        for link in links:
+            self.assertEqual(self.demo.get(link).status, 200)
 
 
 class NameAndTime(OwnDemoTest):
