@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: MIT */
-/* The device page: the values set in the factory, the names that the owner gives the device, and
- * the time zone. */
+/* The settings of the device page: the values set in the factory, the names that the owner gives
+ * the device, and the time zone. */
 #include "settings.h"
 #include "time_zone.h"
 
@@ -36,12 +36,5 @@ static const setting settings[] = {
     {"TIME_ZONE", &global_file, time_zone_complaint, NULL, true, false},
 };
 
-static const settings_page page_of_settings = {"device", settings,
-                                               sizeof settings / sizeof *settings, NULL, add_more};
-
-static void handle_get(struct page *page) { show_settings(page, &page_of_settings); }
-static void handle_post(struct page *page) { save_settings(page, &page_of_settings); }
-
-int main(void) {
-    return serve(&(site_page){.name = "device", .get = handle_get, .post = handle_post});
-}
+const settings_page device_settings = {"device", settings, sizeof settings / sizeof *settings, NULL,
+                                       add_more};

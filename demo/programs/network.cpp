@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The network page: LAN, DHCP server and wireless network. Its settings are in three files.
+// The settings of the network page: LAN, DHCP server and wireless network. They are in three files.
 
 #include "password_rules.h"
 #include "settings.h"
@@ -195,15 +195,7 @@ constexpr setting settings[] = {
     {"COUNTRY", &global_file, country, "WLAN_ENABLED", true, false},
 };
 
-constexpr settings_page page_of_settings = {"network", settings, std::size(settings), check_network,
-                                            add_more};
-
-void handle_get(struct page *page) { show_settings(page, &page_of_settings); }
-void handle_post(struct page *page) { save_settings(page, &page_of_settings); }
-
 } // namespace
 
-int main() {
-    const site_page site = {"network", handle_get, handle_post, false, false, false};
-    return serve(&site);
-}
+constexpr settings_page network_settings = {"network", settings, std::size(settings), check_network,
+                                            add_more};

@@ -30,6 +30,7 @@ struct form {
     const settings_file *files[most_files];
     corvel_settings *loaded[most_files];
     size_t file_count;
+    const corvel_settings *backup; /* the source of the values, instead of the request; or null */
 };
 
 /* Loading and showing. */
@@ -175,7 +176,8 @@ static size_t take(const struct page *page, struct form *form) {
     size_t taken = 0;
     for (size_t i = 0; i < form->count; i++) {
         const setting *each = form->fields[i].setting;
-        const char *sent = corvel_field(page->request, each->name);
+        const char *sent = form->backup ? corvel_setting(form->backup, each->name)
+                                        : corvel_field(page->request, each->name);
         taken += sent != NULL;
         if (sent && each->is_secret && !*sent)
             sent = NULL;
@@ -318,6 +320,56 @@ void save_settings(struct page *page, const settings_page *site) {
                   "The settings have not been saved. See below.");
     else
         save(page, &form, is_changed);
+    unload(&form);
+    close(lock);
+}
+
+/* Restoring. */
+
+static void refuse_backup(struct page *page, const struct form *form) {
+    corvel_answer_status(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT);
+    open_list(page, "faults");
+    for (size_t i = 0; i < form->count; i++)
+        if (form->fields[i].error) {
+            open_row(page);
+            put(page, "name", form->fields[i].setting->name);
+            put(page, "fault", form->fields[i].error);
+            close_part(page);
+        }
+    close_part(page);
+    show(page, "backup-refused");
+}
+
+static void save_backup(struct page *page, struct form *form) {
+    const char *complaint = NULL;
+    const int status =
+        corvel_settings_status(corvel_settings_save(form->loaded, form->file_count), &complaint);
+    if (status != CORVEL_HTTP_OK) {
+        corvel_answer_error(page->answer, status, complaint);
+    } else {
+        save_config();
+        log_event(page, SETTINGS_EVENT, "Settings restored from a backup");
+        log_changes(page, form);
+        corvel_answer_redirect(page->answer, "/cgi-bin/system?done=restored");
+    }
+}
+
+void restore_settings(struct page *page, const settings_page *site, const corvel_settings *backup) {
+    struct form form;
+    const int lock = lock_settings();
+    if (lock < 0) {
+        corvel_answer_error(page->answer, CORVEL_HTTP_SERVICE_UNAVAILABLE,
+                            "The settings could not be locked.");
+        return;
+    }
+    ignore_disconnection();
+    begin(&form, site);
+    form.backup = backup;
+    take(page, &form);
+    if (check(&form) && set(&form))
+        save_backup(page, &form);
+    else
+        refuse_backup(page, &form);
     unload(&form);
     close(lock);
 }

@@ -21,7 +21,7 @@ enum {
     /** The longest value that is stored, in bytes. */
     longest_value = 80,
     /** The number of settings, and of their files, that a form can have. */
-    most_settings = 16,
+    most_settings = 24,
     most_files = 3
 };
 
@@ -66,11 +66,20 @@ typedef struct settings_page {
     void (*add)(struct page *page, const struct form *form);
 } settings_page;
 
+extern const settings_page network_settings;
+extern const settings_page device_settings;
+
 /** Answers a GET. */
 void show_settings(struct page *page, const settings_page *site);
 
 /** Answers a POST. */
 void save_settings(struct page *page, const settings_page *site);
+
+/**
+ * Answers the upload of a backup: checks its settings as those of the page's form, and saves all of
+ * them or none. Those that the backup does not contain are left unchanged.
+ */
+void restore_settings(struct page *page, const settings_page *site, const corvel_settings *backup);
 
 /** Returns the value of a setting, which must exist: stored, or sent by the form. */
 const char *form_value(const struct form *form, const char *name);

@@ -37,6 +37,7 @@ TRAPS = "/cgi-bin/traps"
 SYSTEM = "/cgi-bin/system"
 RESTART = "/cgi-bin/restart"
 VARIABLE = "/cgi-bin/variable"
+BACKUP = "/cgi-bin/backup"
 PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"

@@ -15,6 +15,7 @@ import zlib
 from demo_test import OwnDemoTest
 from device import (BACKUP, DEVICE, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD,
                     RESTART, STRANGER, SYSTEM, VARIABLE, Demo, Element, Page, seconds_of, wait_until)
+from test_upgrade import multipart, part
 
 # Asks the router's name server for an address, and prints it.
 RESOLVER = """
@@ -157,6 +158,80 @@ class Variable(OwnDemoTest):
         self.assertEqual(sorted(links), [f"{VARIABLE}?name=baudrate", f"{VARIABLE}?name=bootdelay"])
         for link in links:
             self.assertEqual(self.demo.get(link).status, 200)
+
+
+class Backup(OwnDemoTest):
+    OTHER = {"LAN_ADDRESS": "10.0.0.1", "LAN_NETMASK": "255.0.0.0", "DHCP_FIRST": "10.0.0.9",
+             "DHCP_LAST": "10.0.0.99", "WLAN_SSID": 'Caf\u00e9 "$x\\`', "COUNTRY": "JP"}
+
+    def setUp(self):
+        self.restore_settings()
+
+    def backup(self):
+        response = self.demo.get(BACKUP)
+        self.assertEqual(response.status, 200)
+        self.assertRegex(response.headers["Content-Disposition"],
+                         r'^attachment; filename="settings-\d{4}-\d\d-\d\d\.conf"$')
+        return response.body
+
+    def restore(self, content, token=None):
+        body = multipart(part(content, "backup", "settings.conf"))
+        return self.demo.request(
+            "POST", f"{BACKUP}?token={token or self.demo.token()}", body,
+            {"Content-Type": "multipart/form-data; boundary=xYzZY"})
+
+    def test_a_restore_brings_back_every_setting_but_the_passphrase(self):
+        self.assertEqual(self.demo.post(NETWORK, self.OTHER).status, 303)
+        self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "Ann"}).status, 303)
+        saved = self.demo.files()
+        backup = self.backup()
+        self.restore_settings()
+        self.demo.post(NETWORK, {"WLAN_PASSPHRASE": "another phrase"})
+        response = self.restore(backup)
+        self.assertEqual((response.status, response.headers["Location"]),
+                         (303, SYSTEM + "?done=restored"))
+        self.assertEqual(self.demo.files(), saved | {"wireless.conf": saved["wireless.conf"].replace(
+            b"change me soon", b"another phrase")})
+        self.assertEqual(self.backup(), backup)
+
+    def test_a_backup_contains_every_setting_but_no_secret(self):
+        text = self.backup().decode()
+        names = [line.partition("=")[0] for line in text.splitlines()]
+        stored = [line.replace(b"=", b" ").split()[0].decode() for name in ("lan", "wireless", "global")
+                  for line in self.factory[name + ".conf"].splitlines() if line[:1] != b"#"]
+        self.assertEqual(sorted(names), sorted({*stored, "CORVEL_SETTINGS"} - {"WLAN_PASSPHRASE"}))
+        self.assertNotIn("change me soon", text)
+        self.assertNotIn("change me soon", self.demo.get(BACKUP + "?Ajax=1").text)
+
+    def test_nothing_is_restored_if_anything_is_wrong_and_the_page_names_it(self):
+        good = self.backup()
+        files = self.demo.files()
+        lines = good.splitlines(keepends=True)
+        for content, named in (
+                (good.replace(b'"192.168.1.1"', b'"300.1.1.1"'), ["LAN_ADDRESS"]),
+                (good.replace(b'COUNTRY="CH"', b'COUNTRY="XX"').replace(b'"router"', b'"-"'),
+                 ["HOST_NAME", "COUNTRY"]),
+                (good.replace(b'DHCP_FIRST="192.168.1.100"', b'DHCP_FIRST="192.168.2.100"'),
+                 ["DHCP_FIRST"]),
+                (good.replace(b"COUNTRY", b"<b>"), ["&lt;b&gt;"]),
+                (good + b'LAN_ADDRESS="192.168.1.9"\n', ["LAN_ADDRESS", "File"]),
+                (good + b'WLAN_PASSPHRASE="a secret one"\n', ["WLAN_PASSPHRASE"]),
+                (good + b'admin="x"\n', ["admin"]), (b"".join(lines[:-1]), ["File"]),
+                (good[:-1], ["File"]), (good[:40], ["File"]), (b"".join(lines[1:]), ["File"]), (b"x\n", ["File"]),
+                (b'COUNTRY="AT"\n', ["File"]),
+                (b"\0" * 200, ["File"]), (bytes(range(256)) * 60, ["File"])):
+            response = self.restore(content)
+            self.assertEqual(response.status, 422, content[:60])
+            for name in named:
+                self.assertIn(f"<dt>{name}</dt>", response.text)
+            self.assertEqual(self.demo.files(), files)
+        for content, status in ((b"x" * 16385, 413), (b"", 422)):
+            self.assertEqual(self.restore(content).status, status)
+        self.assertEqual(self.restore(good, "0" * 64).status, 403)
+        self.assertEqual(self.demo.files(), files)
+
+    def test_a_stranger_gets_no_backup(self):
+        self.assertEqual(self.demo.get(BACKUP, Cookie=None).status, 303)
 
 
 class NameAndTime(OwnDemoTest):

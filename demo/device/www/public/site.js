@@ -58,7 +58,8 @@ netmask?.addEventListener('input', () => {
 const settings = document.querySelector('form[method=post]:not(#login, #logout, [data-upload])');
 const memory = 'entries of ' + location.pathname;
 const entries = (form) => [...form.elements].filter(
-  (each) => each.name && !each.matches('button, [type=hidden], [type=password], [data-reveal]'));
+  (each) => each.name && !each.matches(
+    'button, [type=hidden], [type=password], [type=file], [data-reveal]'));
 const valueOf = (each) => (each.type === 'checkbox' ? each.checked : each.value);
 let isSubmitted = false;
 
