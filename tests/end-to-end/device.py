@@ -38,6 +38,7 @@ SYSTEM = "/cgi-bin/system"
 RESTART = "/cgi-bin/restart"
 VARIABLE = "/cgi-bin/variable"
 BACKUP = "/cgi-bin/backup"
+DIAGNOSTICS = "/cgi-bin/diagnostics"
 PAGES = (STATUS, CLIENTS, NETWORK, DEVICE, UPGRADE, TRAPS, SYSTEM, PASSWORD)
 
 USER = "admin"

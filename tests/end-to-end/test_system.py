@@ -13,7 +13,7 @@ import sys
 import zlib
 
 from demo_test import OwnDemoTest
-from device import (BACKUP, DEVICE, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD,
+from device import (BACKUP, DEVICE, DIAGNOSTICS, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD,
                     RESTART, STRANGER, SYSTEM, VARIABLE, Demo, Element, Page, seconds_of, wait_until)
 from test_upgrade import multipart, part
 
@@ -232,6 +232,32 @@ class Backup(OwnDemoTest):
 
     def test_a_stranger_gets_no_backup(self):
         self.assertEqual(self.demo.get(BACKUP, Cookie=None).status, 303)
+
+
+class Diagnostics(OwnDemoTest):
+    def test_the_file_names_versions_network_flash_and_log_but_no_secret(self):
+        self.assertEqual(self.demo.post(VARIABLE, {"name": "key", "value": "hush", "old": ""}).status,
+                         303)
+        self.demo.greet_gateway()
+        self.assertTrue(wait_until(lambda: len(self.demo.leases()) > 2, 60))
+        response = self.demo.get(DIAGNOSTICS)
+        self.assertEqual(response.headers["Content-Type"], "text/plain; charset=utf-8")
+        self.assertIn("attachment", response.headers["Content-Disposition"])
+        text = response.text
+        log = (self.demo.state / "var/log/traps.log").read_text()
+        for part_of_it in ("MODEL: Corvel R1\n", "Set A: Corvel R1 1.0.0, not recorded, running",
+                           "lighttpd: running for 00:0", "br-lan: 02:43:52:00:01:01, 192.168.1.1/255",
+                           "neighbour 203.0.113.1 024352000201\n", "nameserver 203.0.113.1\n",
+                           "/dev/mtdblock2 Rootfs 6464 KiB 43:6F:72:76", "bootparam=0\n",
+                           "key=(not shown)\n", "phone, expires in ", log.splitlines()[0]):
+            self.assertIn(part_of_it, text)
+        shadow = (self.demo.state / "accounts/etc/shadow").read_text()
+        for secret in ("hush", "change me soon", self.demo.session, self.demo.token(),
+                       *self.demo.sessions(),
+                       *(line.split(":")[1] for line in shadow.splitlines()
+                         if len(line.split(":")[1]) > 3)):
+            self.assertNotIn(secret, text)
+        self.assertEqual(self.demo.get(DIAGNOSTICS, Cookie=None).status, 303)
 
 
 class NameAndTime(OwnDemoTest):
