@@ -5,6 +5,7 @@
 #include "password_rules.h"
 #include "time_zone.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
@@ -97,6 +98,16 @@ static void put_host_name(corvel_data *frame) {
     corvel_data_set(frame, "host", name);
 }
 
+/* The functions that the program calls, which the build has found out. */
+static void put_functions(corvel_data *frame) {
+    char path[line_size];
+    char names[4096];
+    snprintf(path, sizeof path, "/www/made-with/%s", program_invocation_short_name);
+    const ssize_t size = open_read_close(path, names, sizeof names - 1);
+    names[size > 0 ? size : 0] = '\0';
+    corvel_data_set(frame, "functions", names);
+}
+
 /* The values of the site's frame. The navigation is shown only to users who are logged in. */
 static corvel_data *frame_of(const struct page *page, const char *name) {
     char entry[line_size];
@@ -106,8 +117,10 @@ static corvel_data *frame_of(const struct page *page, const char *name) {
     corvel_settings_free(factory);
     snprintf(entry, sizeof entry, "on_%s", name);
     corvel_data_set(frame, entry, "1");
-    if (page->session)
+    if (page->session && !page->is_json) {
         put_host_name(frame);
+        put_functions(frame);
+    }
     corvel_data_set(frame, "account", corvel_session_user(page->session));
     corvel_data_set(frame, "token", corvel_session_token(page->session));
     corvel_data_set(frame, "first_step", page->is_first_step ? "1" : NULL);
