@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // The settings of the network page: LAN, DHCP server and wireless network. They are in three files.
+// The page is in C++, but does not need the C++ runtime, which most devices do not have.
 
 #include "password_rules.h"
 #include "settings.h"
@@ -10,8 +11,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <iterator>
-#include <string>
 #include <string_view>
 
 namespace {
@@ -159,13 +160,17 @@ void add_option(struct page *page, const char *list, const char *value, const ch
 
 /// Adds the values for switches and lists, whose state is an attribute, and the prefix length.
 void add_choices(struct page *page, const struct form *form) {
-    for (const auto *name : {"DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN"})
+    std::array<char, line_size> text{};
+    for (const auto *name : {"DHCP_ENABLED", "WLAN_ENABLED", "WLAN_HIDDEN"}) {
+        std::snprintf(text.data(), text.size(), "checked_%s", name);
         if (*form_value(form, name) == '1')
-            corvel_data_set(page->data, (std::string("checked_") + name).c_str(), "checked");
-    for (int i = 0; i <= 13; i++)
-        add_option(page, "channels", std::to_string(i).c_str(),
-                   i == 0 ? "Automatic" : std::to_string(i).c_str(),
+            corvel_data_set(page->data, text.data(), "checked");
+    }
+    for (int i = 0; i <= 13; i++) {
+        std::snprintf(text.data(), text.size(), "%d", i);
+        add_option(page, "channels", text.data(), i == 0 ? "Automatic" : text.data(),
                    form_value(form, "WLAN_CHANNEL"));
+    }
     for (const auto &each : countries)
         add_option(page, "countries", each.code.data(), each.name, form_value(form, "COUNTRY"));
     unsigned prefix = 0;

@@ -2,6 +2,9 @@
 """What the web server delivers itself: static files and its own error pages."""
 
 import gzip
+import re
+import subprocess
+import unittest
 
 from demo_test import SharedDemoTest
 from device import IMAGE, NETWORK, UPLOAD, Element
@@ -30,6 +33,19 @@ class StaticFiles(SharedDemoTest):
         files = list((IMAGE / "www/public").iterdir())
         self.assertTrue(files)
         self.assertLess(sum(each.stat().st_size for each in files), 60 * 1024)
+
+
+class Programs(unittest.TestCase):
+    def test_they_need_no_library_but_those_of_the_device_and_the_c_library(self):
+        """In particular not the C++ runtime, although the network page is in C++."""
+        files = [*(IMAGE / "www/cgi-bin").iterdir(), *(IMAGE / "opt/lib").iterdir()]
+        self.assertIn("network", [each.name for each in files])
+        output = subprocess.run(["readelf", "--dynamic", *files], check=True, capture_output=True,
+                                text=True).stdout
+        needed = set(re.findall(r"\(NEEDED\).*\[(.*?)\]", output))
+        self.assertLessEqual(needed, {"libcorvel.so.1", "libcorvel_page.so.1", "libc.so.6",
+                                      "libcrypt.so.1"})
+        self.assertIn("libc.so.6", needed)
 
 
 class ErrorPages(SharedDemoTest):
