@@ -2,12 +2,14 @@
 """What the web server delivers itself: static files and its own error pages."""
 
 import gzip
+import os
+import pathlib
 import re
 import subprocess
 import unittest
 
 from demo_test import SharedDemoTest
-from device import IMAGE, NETWORK, UPLOAD, Element
+from device import IMAGE, NETWORK, UPLOAD, Element, wait_until
 
 
 class StaticFiles(SharedDemoTest):
@@ -33,6 +35,23 @@ class StaticFiles(SharedDemoTest):
         files = list((IMAGE / "www/public").iterdir())
         self.assertTrue(files)
         self.assertLess(sum(each.stat().st_size for each in files), 60 * 1024)
+
+
+class Logs(SharedDemoTest):
+    def test_a_long_log_is_put_aside_and_continued(self):
+        logs = self.demo.state / "var/log"
+        log, old = logs / "programs.log", logs / "programs.log.1"
+        with log.open("a") as file:
+            file.write(1000 * f"{'a line':<69}\n")
+        self.assertTrue(wait_until(lambda: old.exists() and log.stat().st_size == 0))
+        self.assertEqual(old.read_bytes().count(b"a line"), 1000)
+        # The web server and its programs still write to it.
+        server, = self.demo.programs("/usr/sbin/lighttpd")
+        flags = [re.search(r"^flags:\s*0*(\d+)$", (number.parent.parent / "fdinfo" / number.name).read_text(), re.M)
+                 for number in pathlib.Path(f"/proc/{server}/fd").iterdir()
+                 if os.readlink(number).endswith(("programs.log", "lighttpd.log"))]
+        self.assertEqual(len(flags), 2)
+        self.assertTrue(all(int(each[1], 8) & os.O_APPEND for each in flags))
 
 
 class Programs(unittest.TestCase):
