@@ -335,6 +335,14 @@ const walks = {
     await upload(page, image);
     await page.getByRole('alert').waitFor();
     await checkAccess(page, 'upgrade-refused');
+    await at('restart?action=reset');
+    await checkAccess(page, 'reset');
+    await at('system');
+    await page.getByLabel('Backup to restore').setInputFiles(
+      { name: 'settings.conf', mimeType: 'text/plain', buffer: Buffer.from('COUNTRY="XX"\n') });
+    await page.getByRole('button', { name: 'Restore settings' }).click();
+    await page.getByRole('alert').waitFor();
+    await checkAccess(page, 'backup-refused');
     await page.context().clearCookies();
     await at('login');
     await checkAccess(page, 'login');
