@@ -51,7 +51,8 @@ static void print_file(struct page *page, const char *title, const char *path) {
 static void print_set(struct page *page, int set, const corvel_boot *boot) {
     static const char *const states[] = {"complete", "incomplete", "not recorded"};
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
-    print(page, "Set %s: %s, %s%s%s\n", set_letter(set), corvel_firmware_version(set, version),
+    corvel_firmware_version(set, version);
+    print(page, "Set %s: %s, %s%s%s\n", set_letter(set), *version ? version : "no version",
           states[corvel_firmware_check(set)], set == boot->running ? ", running" : "",
           set == boot->next ? ", starts next" : "");
 }
@@ -83,7 +84,7 @@ static void print_services(struct page *page) {
     begin(page, "Services");
     for (size_t i = 0; i < service_count; i++) {
         const service_state state = find_service(&services[i]);
-        print(page, "%s: %s %s\n", services[i].program, state.pid ? "running for" : "not running",
+        print(page, "%s: %s%s\n", services[i].program, state.pid ? "running for " : "not running",
               state.pid ? corvel_duration_text(state.seconds, duration) : "");
     }
 }
@@ -140,7 +141,8 @@ static void print_partition(struct page *page, const partition *shown) {
     if (set_of_partition(shown->number) != CORVEL_FIRMWARE_UNKNOWN &&
         open_read_close(path, bytes, sizeof bytes) == (ssize_t)sizeof bytes)
         print_byte_to_string(text, bytes, sizeof bytes);
-    print(page, "%s %s %u KiB %s\n", path, shown->name, shown->size / 1024, text);
+    print(page, "%s %s, %u KiB%s%s\n", path, shown->name, shown->size / 1024,
+          *text ? ", first bytes " : "", text);
 }
 
 static void print_flash(struct page *page) {

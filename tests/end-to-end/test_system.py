@@ -248,7 +248,7 @@ class Diagnostics(OwnDemoTest):
         for part_of_it in ("MODEL: Corvel R1\n", "Set A: Corvel R1 1.0.0, not recorded, running",
                            "lighttpd: running for 00:0", "br-lan: 02:43:52:00:01:01, 192.168.1.1/255",
                            "neighbour 203.0.113.1 024352000201\n", "nameserver 203.0.113.1\n",
-                           "/dev/mtdblock2 Rootfs 6464 KiB 43:6F:72:76", "bootparam=0\n",
+                           "/dev/mtdblock2 Rootfs, 6464 KiB, first bytes 43:6F:72:76", "bootparam=0\n",
                            "key=(not shown)\n", "phone, expires in ", log.splitlines()[0]):
             self.assertIn(part_of_it, text)
         shadow = (self.demo.state / "accounts/etc/shadow").read_text()
