@@ -13,6 +13,7 @@ import select
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import sys
 import tempfile
@@ -113,6 +114,7 @@ class Demo:
                  script=(SOURCE / "demo" / "serve",), command=()):
         self.own_directory = None if state else pathlib.Path(tempfile.mkdtemp(prefix="corvel-demo-"))
         self.state = state or self.own_directory / "state"
+        self.scheme = "https" if "--tls" in arguments else "http"
         is_new = "--reset" in arguments or not (self.state / "accounts").exists()
         self.session = None
         self._tokens = {}
@@ -160,7 +162,7 @@ class Demo:
                     self.process.wait(10)
                     return False
                 self.output += piece.decode()
-                if re.search(r"^Serving http://127\.0\.0\.1:\d+/", self.output, re.M):
+                if re.search(r"^Serving https?://127\.0\.0\.1:\d+/", self.output, re.M):
                     return True
         return False
 
@@ -308,14 +310,21 @@ class Demo:
         replaces the session's cookie."""
         own = {"Cookie": self.session and f"session={self.session}"}
         sent = {name: value for name, value in (own | (headers or {})).items() if value is not None}
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout,
-                                                source_address=(source, 0))
+        connection = self.connect(timeout, source)
         try:
             connection.request(method, path, body, sent)
             response = connection.getresponse()
             return Response(response, response.read())
         finally:
             connection.close()
+
+    def connect(self, timeout, source):
+        if self.scheme == "http":
+            return http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout,
+                                              source_address=(source, 0))
+        trusted = ssl.create_default_context(cafile=self.state / "var/tls/router.crt")
+        return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=timeout,
+                                           source_address=(source, 0), context=trusted)
 
     def get(self, path, **headers):
         return self.request("GET", path, headers=headers)
@@ -370,7 +379,7 @@ class Demo:
             body += ending.encode() if isinstance(body, bytes) else ending
         return self.request("POST", path, body, {
             "Content-Type": "application/x-www-form-urlencoded",
-            "Origin": f"http://127.0.0.1:{self.port}", **(headers or {})}, timeout, source)
+            "Origin": f"{self.scheme}://127.0.0.1:{self.port}", **(headers or {})}, timeout, source)
 
     def page(self, path):
         return Page(self.get(path).text)

@@ -42,6 +42,7 @@ class Site:
         self.name = name
         self.root = root
         self.port = free_port()
+        self.tls_port = free_port()
         self.received = root / "received"
         self.processes = []
         for directory in ("www/cgi-bin", "run", "received"):
@@ -59,21 +60,26 @@ class Site:
     def own(self, text):
         """Replaces what the page has for a device by what this machine has."""
         text = re.sub(r"\b80\b", str(self.port), text.replace("/srv/router", str(self.root)))
+        text = re.sub(r"\b443\b", str(self.tls_port), text)
         text = text.replace("192.168.1.1", "127.0.0.1")
         if os.geteuid() != 0:
             text = text.replace("user www-data;", "").replace("-U www-data -M 0600", "")
         return text
 
-    def start(self):
+    def start(self, heading=None):
+        """Starts the server as its section shows it, or as a section of another heading."""
         for language, block in blocks(PAGE.read_text()):
             if language != "sh":
                 name = block.split("\n", 1)[0].removeprefix("# ")
                 (self.root / name).write_text(self.own(block))
-        commands = [command for language, block in blocks(section(SERVERS[self.name]))
+        commands = [command for language, block in blocks(section(heading or SERVERS[self.name]))
                     if language == "sh" for command in self.own(block).splitlines()]
         variables = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         with (self.root / "output").open("w") as output:
             for command in commands:
+                if command.startswith("openssl "):
+                    subprocess.run(command.split(), check=True, stdout=output, stderr=subprocess.STDOUT)
+                    continue
                 self.processes.append(subprocess.Popen(
                     ["setpriv", "--pdeathsig", "TERM", *command.split()], env=variables,
                     stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, cwd="/",
