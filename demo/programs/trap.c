@@ -1,4 +1,5 @@
 /* SPDX-License-Identifier: MIT */
+#define _GNU_SOURCE
 #include "trap.h"
 
 #include <stdarg.h>
@@ -53,6 +54,6 @@ void log_event(const struct page *page, event_kind kind, const char *format, ...
     write_source(page, source);
     shorten(text, sizeof record - 1 - strlen(event_names[kind]) - strlen(": ") - strlen(source));
     memset(record, 0, sizeof record);
-    snprintf(record, sizeof record, "%s: %s%s", event_names[kind], text, source);
+    stpcpy(stpcpy(stpcpy(stpcpy(record, event_names[kind]), ": "), text), source);
     send_trap(record);
 }
