@@ -168,20 +168,20 @@ function column(page, table, name) {
   return page.locator(`#${table} tbody .${name}`).allInnerTexts();
 }
 
-// Waits until both tables show the rows of a document in its order. Returns false if they do not.
+// Waits until a table shows the rows of a document in its order. Returns false if it does not.
 function showsClients(page, sections) {
-  const macs = Object.entries(sections).map(([table, rows]) => [table, rows.map((row) => row.mac)]);
-  return page.waitForFunction((macs) => macs.every(([table, expected]) =>
-    [...document.querySelectorAll(`#${table} tbody tr`)].map((row) => row.dataset.mac).join() ===
-      expected.join()), macs, { timeout: 2000 }).then(() => true, () => false);
+  const macs = sections.clients.map((row) => row.mac);
+  return page.waitForFunction((macs) =>
+    [...document.querySelectorAll('#clients tbody tr')].map((row) => row.dataset.mac).join() ===
+      macs.join(), macs, { timeout: 2000 }).then(() => true, () => false);
 }
 
 // Clicks a heading, and waits until the rows are those of the device's last response in this order.
-async function sortBy(page, table, name, order) {
+async function sortBy(page, name, order) {
   const next = () => page.waitForResponse(
       (response) => response.url().endsWith('Ajax=1&sort=' + order));
   let response = next();
-  await page.locator(`#${table} th button[data-sort=${name}]`).click();
+  await page.locator(`#clients th button[data-sort=${name}]`).click();
   while (!await showsClients(page, await (await response).json())) response = next();
 }
 
@@ -519,50 +519,67 @@ const walks = {
     return { rows, loads, at: page.url() };
   },
 
-  // Sorts both tables by each column: a click sorts ascending, another one descending.
+  // Sorts the table by each column: a click sorts ascending, another one descending.
   async sort(page) {
     await page.goto(url + '/cgi-bin/clients');
     const orders = {};
-    for (const name of ['host', 'mac', 'expires', 'ip']) {
+    for (const name of ['name', 'state', 'mac', 'ends', 'ip']) {
       orders[name] = [];
       for (const wanted of ['ascending', 'descending']) {
-        const table = wanted === 'ascending' ? 'leases' : 'neighbours';
-        await sortBy(page, table, name, (wanted === 'ascending' ? '' : '-') + name);
-        orders[name].push({ leases: await column(page, 'leases', name),
-          neighbours: await column(page, 'neighbours', name) });
-        for (const each of ['leases', 'neighbours'])
-          assert.equal(await page.locator(`#${each} th[data-column=${name}]`)
-            .getAttribute('aria-sort'), wanted);
-        assert.equal(await page.locator(`th[aria-sort=${wanted}]`).count(), 2);
-        await checkPage(page);
-        await picture(page, `clients-${name}-${wanted}`);
+        await sortBy(page, name, (wanted === 'ascending' ? '' : '-') + name);
+        orders[name].push(await column(page, 'clients', name));
+        assert.equal(await page.locator(`#clients th[data-column=${name}]`)
+          .getAttribute('aria-sort'), wanted);
+        assert.equal(await page.locator(`th[aria-sort=${wanted}]`).count(), 1);
       }
     }
+    await checkPage(page);
     return orders;
   },
 
-  // Two neighbours appear while the table is sorted by address in descending order.
+  // Two neighbours appear while the table is sorted by address in descending order. One of them gets
+  // a name. Then the device has no clients any more.
   async clients(page) {
     const count = countLoads(page);
     await page.goto(url + '/cgi-bin/clients');
-    await sortBy(page, 'neighbours', 'ip', '-ip');
+    await sortBy(page, 'ip', '-ip');
     console.log('sorted');
     for (const mac of ['02:00:00:00:09:09', '02:00:00:00:90:90'])
-      await page.locator(`#neighbours tr[data-mac="${mac}"]`).waitFor();
-    return { ips: await column(page, 'neighbours', 'ip'), loads: count.loads };
+      await page.locator(`#clients tr[data-mac="${mac}"]`).waitFor();
+    const ips = await column(page, 'clients', 'ip');
+    const { loads } = count;
+    await page.locator('#clients tr[data-mac="02:00:00:00:90:90"] a').click();
+    await page.getByLabel('Name', { exact: true }).fill('Kitchen radio');
+    await checkAccess(page, 'client-details');
+    await page.getByRole('button', { name: 'Save' }).click();
+    await page.waitForURL(/saved=1/);
+    const named = await page.locator('#clients tr[data-mac="02:00:00:00:90:90"] .name').innerText();
+    await page.route(/Ajax=1/, (route) => route.fulfill({ json: { clients: [] } }));
+    await page.locator('#clients tbody:not(:has(tr))').waitFor();
+    await checkAccess(page, 'clients-none');
+    const empty = await page.locator('#clients tbody').evaluate((body) =>
+      [getComputedStyle(body, '::before').content, body.getBoundingClientRect().height > 10]);
+    return { ips, loads, named, empty };
   },
 
-  // Shows a table with host names that contain scripts, as loaded and after a refresh.
+  // Shows a table with host names that contain scripts, as loaded and after a refresh. A long name
+  // leaves every column in view.
   async hostile(page) {
     await page.goto(url + '/cgi-bin/clients');
-    const first = await column(page, 'leases', 'host');
+    const first = await column(page, 'clients', 'name');
     await page.waitForResponse((response) => response.url().includes('Ajax=1'));
     await page.waitForResponse((response) => response.url().includes('Ajax=1'));
-    const refreshed = await column(page, 'leases', 'host');
+    const refreshed = await column(page, 'clients', 'name');
     const hacked = await page.evaluate(() => 'hacked' in window);
-    const inside = await page.locator('#leases tbody').evaluate((body) =>
+    const inside = await page.locator('#clients tbody').evaluate((body) =>
       [...new Set([...body.querySelectorAll('*')].map((each) => each.localName))]);
-    return { first, refreshed, hacked, inside };
+    const hidden = [];
+    for (const width of [1280, 1100, 768, 390, 320]) {
+      await page.setViewportSize({ width, height: 900 });
+      if (await page.locator('.scroll').evaluate((each) => each.scrollWidth > each.clientWidth))
+        hidden.push(width);
+    }
+    return { first, refreshed, hacked, inside, hidden };
   },
 
   // Sends an image after the session has ended: the response precedes the end of the upload.

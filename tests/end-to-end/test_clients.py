@@ -1,13 +1,12 @@
 # SPDX-License-Identifier: MIT
-"""The clients page: the DHCP server's leases and the kernel's neighbours."""
+"""The clients page: leases, neighbours and the user's names for them, joined by hardware address."""
 
+import json
 import subprocess
 import time
 
 from demo_test import SharedDemoTest
-from device import CLIENT_NAMES, CLIENTS, Element, seconds_of, wait_until
-
-COLUMNS = ("host", "ip", "mac", "expires")
+from device import CLIENT_NAMES, CLIENTS, STRANGER, Element, Page, wait_until
 
 HOSTILE = [
     "<script>window.hacked=1</script>", "<img/src=x/onerror=window.hacked=1>", "</td></tr></table>",
@@ -24,8 +23,12 @@ class ClientsTest(SharedDemoTest):
         if not wait_until(lambda: CLIENT_NAMES <= cls.demo.lessees(), 60):
             raise AssertionError(f"there are clients without a lease: {cls.demo.leases()}")
 
-    def rows(self, table):
-        return self.demo.document(CLIENTS)[table]
+    def rows(self):
+        """Returns the rows by hardware address."""
+        rows = self.demo.json(CLIENTS, "clients")
+        self.assertEqual(len({row["mac"] for row in rows if row["mac"]}),
+                         len([row for row in rows if row["mac"]]), "one row for each client")
+        return {row["mac"]: row for row in rows}
 
     def page(self, query=""):
         return Element.of_page(self.demo.get(CLIENTS + query).text)
@@ -62,80 +65,87 @@ class ClientsTest(SharedDemoTest):
 
 
 class Clients(ClientsTest):
-    def test_leases_equal_those_of_the_server(self):
-        while True:
-            earliest = int(time.time())
+    def test_each_lease_of_the_server_is_a_client_with_its_end(self):
+        def same():
             before = self.demo.leases()
-            rows = [row for row in self.rows("leases") if "." in row["ip"]]
-            if self.demo.leases() == before:
-                break
-        latest = int(time.time())
-        self.assertEqual(sorted((row["host"], row["ip"], row["mac"].upper()) for row in rows),
-                         sorted((host.replace("*", ""), ip, mac.upper())
-                                for _, mac, ip, host, *_ in before))
-        ends = {mac.upper(): int(expiry) for expiry, mac, *_ in before}
-        for row in rows:
-            left = seconds_of(row["expires"])
-            self.assertLessEqual(ends[row["mac"].upper()] - latest - 1, left)
-            self.assertLessEqual(left, ends[row["mac"].upper()] - earliest + 1)
+            rows = self.rows()
+            for expiry, mac, ip, host, *_ in before:
+                if ":" in mac:
+                    row = rows[mac.upper()]
+                    self.assertEqual((row["name"], row["ip"].split("\n")[0]), (host, ip))
+                    self.assertEqual(row["ends"], time.strftime("%Y-%m-%d %H:%M:%S",
+                                                                time.localtime(int(expiry))))
+            return before == self.demo.leases()
 
-    def test_neighbours_equal_those_of_the_kernel(self):
+        self.assertTrue(wait_until(same))
+
+    def test_an_ipv6_lease_is_joined_with_that_of_the_same_client(self):
+        def six():
+            path = self.demo.state / "var/config/dnsmasq.leases"
+            leases = [line.split() for line in path.read_text().splitlines()]
+            return {lease[3]: lease[2] for lease in leases if len(lease) > 3 and ":" in lease[2]}
+
+        self.assertTrue(wait_until(lambda: set(six()) == {"laptop", "phone"}, 30), six())
+
+        def joined():
+            rows = {row["name"]: row for row in self.rows().values()}
+            return all(address in rows[host]["ip"].split("\n")[1:] and rows[host]["mac"]
+                       for host, address in six().items())
+
+        self.assertTrue(wait_until(joined), self.rows())
+
+    def test_the_neighbours_of_the_kernel_are_clients_but_not_those_of_the_provider(self):
         self.demo.greet_gateway()
         self.assertTrue(wait_until(lambda: "203.0.113.1" in {ip for ip, _, _ in self.neighbours()}))
 
         def same():
-            before = self.neighbours()
-            rows = self.rows("neighbours")
-            return before == self.neighbours() and before == {
-                (row["ip"], row["mac"].upper(), row["interface"]) for row in rows}
+            before = {(ip, mac) for ip, mac, interface in self.neighbours() if interface != "wan0"}
+            rows = self.rows()
+            return before and all(mac in rows and ip in rows[mac]["ip"].split("\n") for ip, mac in before)
 
-        self.assertTrue(wait_until(same, 10), (self.neighbours(), self.rows("neighbours")))
-        self.assertIn("203.0.113.1", {row["ip"] for row in self.rows("neighbours")})
+        self.assertTrue(wait_until(same, 10), (self.neighbours(), self.rows()))
+        self.assertNotIn("203.0.113.1", [row["ip"] for row in self.rows().values()])
 
-    def test_each_client_is_a_neighbour_with_the_address_of_its_lease(self):
-        def all_listed():
-            leases = {row["host"]: (row["ip"], row["mac"].upper()) for row in self.rows("leases")}
-            neighbours = {row["host"]: (row["ip"], row["mac"].upper())
-                          for row in self.rows("neighbours")}
-            return all(neighbours.get(name) == leases[name] for name in CLIENT_NAMES)
+    def test_clients_that_were_seen_are_online_and_others_offline(self):
+        self.add_neighbour("192.168.1.77", "02:00:de:ad:be:ef")
 
-        self.assertTrue(wait_until(all_listed, 30), self.rows("neighbours"))
+        def states():
+            return {row["name"]: row["state"] for row in self.rows().values()}
+
+        expected = {"Unnamed": "Offline", **dict.fromkeys(CLIENT_NAMES, "Online")}
+        self.assertTrue(wait_until(lambda: expected.items() <= states().items(), 20), states())
+        self.assertNotIn("02:43:52:00:01:01", self.rows(), "the router itself")
 
     def test_an_added_neighbour_is_shown_and_a_removed_one_is_not(self):
         self.demo.ip("neighbor", "replace", "192.168.1.77", "lladdr", "02:00:de:ad:be:ef",
                      "dev", "br-lan", "nud", "permanent")
-        row, = [row for row in self.rows("neighbours") if row["ip"] == "192.168.1.77"]
-        self.assertEqual((row["host"], row["mac"].upper(), row["interface"]),
-                         ("", "02:00:DE:AD:BE:EF", "br-lan"))
+        row = self.rows()["02:00:DE:AD:BE:EF"]
+        self.assertEqual((row["name"], row["ip"], row["ends"]), ("Unnamed", "192.168.1.77", ""))
         self.demo.ip("neighbor", "del", "192.168.1.77", "dev", "br-lan")
-        self.assertNotIn("192.168.1.77", [row["ip"] for row in self.rows("neighbours")])
+        self.assertNotIn("02:00:DE:AD:BE:EF", self.rows())
 
-    def test_json_equals_the_page(self):
+    def test_json_equals_the_page_and_is_not_sent_again_unchanged(self):
         def same():
             page = self.page()
-            document = self.demo.document(CLIENTS)
-            for table in ("leases", "neighbours"):
-                rows = page.by_id(table).rows()
-                if len(rows) != len(document[table]):
-                    return False
-                for row, values in zip(rows, document[table]):
-                    self.assertEqual(row["data-mac"], row["data-mac"].upper())
-                    self.assertRegex(row["data-mac"], r"^([0-9A-F]{2}:){5}[0-9A-F]{2}$" if "." in row["ip"] else "^$")
-                    if any(row[name] != values[name] for name in COLUMNS):
-                        return False
-            return True
+            response = self.demo.get(CLIENTS + "?Ajax=1")
+            again = self.demo.request("GET", CLIENTS + "?Ajax=1", headers={
+                "If-None-Match": response.headers["ETag"]})
+            rows = page.by_id("clients").rows()
+            for row in rows:
+                self.assertEqual(row.pop("data-mac"), row["mac"])
+            return (again.status, again.body) == (304, b"") and (
+                rows == json.loads(response.body)["clients"])
 
-        # A second may pass between the two requests.
         self.assertTrue(wait_until(same), "page and JSON differ")
 
     def test_a_page_can_be_sorted_without_javascript(self):
         for number in (9, 10, 77, 250):
             self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
-        keys = {"ip": lambda row: [int(part) for part in row["ip"].split(".")],
+        keys = {"ip": lambda row: [int(part) for part in row["ip"].split("\n")[0].split(".")],
                 "mac": lambda row: row["mac"]}
         for column, key in keys.items():
             for sort, is_down in ((column, False), ("-" + column, True)):
-                rows = self.page(f"?sort={sort}").by_id("neighbours").rows()
+                rows = self.page(f"?sort={sort}").by_id("clients").rows()
                 self.assertGreaterEqual(len(rows), 4)
                 self.assertEqual(rows, sorted(rows, key=key, reverse=is_down), sort)
         for sort in ("nothing", "-", "--ip", "ip-", "<b>", "x" * 3000, "$title"):
@@ -157,12 +167,67 @@ class Clients(ClientsTest):
                 "busybox", "udhcpc", "-f", "-q", "-n", "-t", "20", "-T", "1", "-i", "test1", "-s", "/bin/true",
                 "-x", f"hostname:{name}"), check=True, capture_output=True, timeout=60)
             lease, = [each for each in self.demo.leases() if each[1] == mac]
-            row, = [row for row in self.rows("leases") if row["mac"] == mac.upper()]
-            self.assertEqual(row["host"], lease[3].replace("*", ""))
+            row = self.rows()[mac.upper()]
+            self.assertEqual(row["name"], lease[3].replace("*", "Unnamed"))
             text = self.demo.get(CLIENTS).text
             self.assertNotIn("<script>", text)
             self.assertNotIn("<b>", text)
-        self.assertEqual(row["host"], "good-name")
+        self.assertEqual(row["name"], "good-name")
+
+
+class Names(ClientsTest):
+    """The names that the user gives to clients."""
+
+    MAC = "02:00:00:00:77:02"
+
+    def setUp(self):
+        super().setUp()
+        path = self.demo.file("clients.conf")
+        self.addCleanup(path.write_bytes, path.read_bytes())
+
+    def save(self, name, client=MAC, **fields):
+        return self.demo.post(CLIENTS, {"client": client, "name": name, **fields})
+
+    def test_a_client_has_the_name_that_the_user_gives_it_and_then_its_own_again(self):
+        row, = [row for row in self.rows().values() if row["name"] == "phone"]
+        for name in ("Ann's phone", 'a"b\\$c`d', "\u00e9\u65e5", "x" * 40, "<b>{{mac}}</b>"):
+            response = self.save(name, row["mac"].lower())
+            self.assertEqual((response.status, response.headers["Location"]),
+                             (303, CLIENTS + "?saved=1"))
+            self.assertEqual(self.rows()[row["mac"]]["name"], name)
+            details = self.page("?client=" + row["mac"])
+            self.assertEqual(details.by_id("details-heading").text, name)
+            self.assertEqual(details.by_id("name").attributes["value"], name)
+        self.assertEqual(self.save("", row["mac"]).status, 303)
+        self.assertEqual(self.rows()[row["mac"]]["name"], "phone")
+        self.assertNotIn(row["mac"].encode(), self.demo.file("clients.conf").read_bytes())
+
+    def test_a_client_with_a_name_is_shown_even_if_it_is_not_there(self):
+        self.assertNotIn(self.MAC, self.rows())
+        self.assertEqual(self.save("Guest").status, 303)
+        self.assertEqual(self.rows()[self.MAC], {"name": "Guest", "state": "Offline", "ip": "",
+                                                 "mac": self.MAC, "ends": ""})
+
+    def test_the_first_name_is_saved_without_a_file(self):
+        self.demo.file("clients.conf").unlink()
+        self.assertEqual(self.save("Guest").status, 303)
+        self.assertEqual(self.rows()[self.MAC]["name"], "Guest")
+
+    def test_invalid_names_and_addresses_are_refused_and_nothing_is_saved(self):
+        before = self.demo.file("clients.conf").read_bytes()
+        for name in ("x" * 41, "\u00e9" * 21, "a\nb", "a\x1bb"):
+            response = self.save(name)
+            self.assertEqual(response.status, 422, name)
+        phone, = [row for row in self.rows().values() if row["name"] == "phone"]
+        page = self.save("x" * 41, phone["mac"]).text
+        self.assertEqual(Page(page).shown["name"], "x" * 41)
+        self.assertIn("at most 40", Page(page).errors["name"])
+        for client in ("", "02:00", "02:00:00:00:77:02x", "../../etc/passwd", "02-00-00-00-77-02"):
+            self.assertEqual(self.save("x", client).status, 400, client)
+        self.assertEqual(self.demo.post(CLIENTS, {"client": self.MAC}).status, 400)
+        self.assertEqual(self.save("x", token="0" * 64).status, 403)
+        self.assertEqual(self.demo.post(CLIENTS, {"client": self.MAC, "name": "x"}, STRANGER).status, 303)
+        self.assertEqual(self.demo.file("clients.conf").read_bytes(), before)
 
 
 class HostileNames(ClientsTest):
@@ -179,12 +244,12 @@ class HostileNames(ClientsTest):
     def test_page_and_json_show_hostile_names_unchanged(self):
         text, document = self.with_leases(self.lines(HOSTILE), self.read)
         page = Element.of_page(text)
-        rows = {row["data-mac"]: row for row in page.by_id("leases").rows()}
-        values = {row["mac"]: row for row in document["leases"]}
+        rows = {row["data-mac"]: row for row in page.by_id("clients").rows()}
+        values = {row["mac"]: row for row in document["clients"]}
         for i, name in enumerate(HOSTILE):
             mac = f"02:00:00:00:66:{i:02X}"
-            self.assertEqual(values[mac]["host"], name)
-            self.assertEqual(rows[mac]["host"], name)
+            self.assertEqual(values[mac]["name"], name)
+            self.assertEqual(rows[mac]["name"], name)
             self.assertEqual(rows[mac]["ip"], f"192.168.1.{30 + i}")
         self.assertTrue(text.endswith("</html>\n"))
         self.assertEqual([each.attributes.get("src") for each in page.find("script")], [self.demo.static_file("text/javascript")])
@@ -196,40 +261,60 @@ class HostileNames(ClientsTest):
         lines = []
         for word in HOSTILE + ["x" * 900, "1.2.3.4.5", "999.1.1.1", "\x01\x1b", "0"]:
             lines += [f"{later} {word} 192.168.1.66 mac *", f"{later} 02:00:00:00:66:66 {word} ip *",
-                      f"{word} 02:00:00:00:66:67 192.168.1.67 time *", f"{later} {word}", word]
+                      f"{word} 02:00:00:00:66:67 192.168.1.67 time *", f"{later} {word}", word,
+                      f"{later} {word} fd00::{'1:' * 20}1 six *"]
         lines += ["", " ", "    ", f"{later}", "-1 02:00:00:00:66:68 192.168.1.68 ended *",
                   "0 02:00:00:00:66:69 192.168.1.69 never *",
                   "9" * 200 + " 02:00:00:00:66:70 1.1.1.1 far *"]
         text, document = self.with_leases(lines, self.read)
         self.assertTrue(text.endswith("</html>\n"))
-        self.assertLessEqual(CLIENT_NAMES, {row["host"] for row in document["leases"]})
+        self.assertLessEqual(CLIENT_NAMES, {row["name"] for row in document["clients"]})
         page = Element.of_page(text)
         self.assertEqual([each.attributes.get("src") for each in page.find("script")], [self.demo.static_file("text/javascript")])
-        self.assertEqual(len(page.find(id="leases")), 1)
+        self.assertEqual(len(page.find(id="clients")), 1)
         self.assertNotIn("<b>", text)
 
-    def test_infinite_unnamed_expired_and_ipv6_leases(self):
+    def test_infinite_unnamed_and_expired_leases(self):
         later = int(time.time()) + 7200
         lines = ["0 02:00:00:00:66:01 192.168.1.61 kept 01:02:00:00:00:66:01",
                  f"{later} 02:00:00:00:66:02 192.168.1.62 * *",
-                 "1700000000 02:00:00:00:66:03 192.168.1.63 gone *",
-                 "duid 00:01:00:01:2c:9f:1e:3b:02:00:00:00:66:00",
-                 f"{later} 14535372 fd00::10 six 00:01:00:01:2c:9f:1e:3c:02:00:00:00:66:01"]
+                 "1700000000 02:00:00:00:66:03 192.168.1.63 gone *"]
         _, document = self.with_leases(lines, self.read)
-        rows = {row["ip"]: row for row in document["leases"]}
-        self.assertNotIn("", rows)
-        kept, unnamed, gone, six = (rows[ip] for ip in (
-            "192.168.1.61", "192.168.1.62", "192.168.1.63", "fd00::10"))
-        self.assertEqual((kept["host"], kept["expires"]), ("kept", "never"))
-        self.assertEqual((unnamed["host"], unnamed["mac"]), ("", "02:00:00:00:66:02"))
-        self.assertEqual(gone["expires"], "expired")
-        self.assertEqual((six["host"], six["mac"]), ("six", ""))
+        rows = {row["ip"]: row for row in document["clients"]}
+        kept, unnamed, gone = (rows[f"192.168.1.6{i}"] for i in (1, 2, 3))
+        self.assertEqual((kept["name"], kept["ends"]), ("kept", "Never"))
+        self.assertEqual((unnamed["name"], unnamed["mac"]), ("Unnamed", "02:00:00:00:66:02"))
+        self.assertEqual(gone["ends"], "Ended")
+
+    def test_an_ipv6_lease_finds_its_client_by_neighbour_identifier_or_name(self):
+        later = int(time.time()) + 7200
+        for address in ("fd00::4", "fd00:1111:2222:3333:4444:5555:6666:7777"):
+            self.add_neighbour(address, "02:00:00:00:66:04")
+            self.demo.ip("neighbor", "replace", address, "lladdr", "02:00:00:00:66:04", "dev",
+                         "br-lan", "nud", "reachable")
+        lines = [f"{later} 02:00:00:00:66:01 192.168.1.61 one *",
+                 f"{later} 02:00:00:00:66:02 192.168.1.62 two *",
+                 "duid 00:01:00:01:2c:9f:1e:3b:02:00:00:00:66:00",
+                 f"{later} {0x6601} fd00::1 * 00:01",
+                 f"{later} 99 fd00::2 two 00:01",
+                 f"{later} 98 fd00::3 other 00:01",
+                 f"{later} 97 fd00::4 * 00:01",
+                 f"{later} 96 fd00:1111:2222:3333:4444:5555:6666:7777 * 00:01",
+                 f"{later} 95 fd00:1111:2222:3333:4444:6666:5555:8888 long 00:01"]
+        _, document = self.with_leases(lines, self.read)
+        rows = {row["mac"]: row for row in document["clients"]}
+        self.assertEqual(rows["02:00:00:00:66:01"]["ip"], "192.168.1.61\nfd00::1")
+        self.assertEqual(rows["02:00:00:00:66:02"]["ip"], "192.168.1.62\nfd00::2")
+        self.assertEqual(set(rows["02:00:00:00:66:04"]["ip"].split("\n")),
+                         {"fd00::4", "fd00:1111:2222:3333:4444:5555:6666:7777"})
+        unknown = {row["name"]: row["ip"] for row in document["clients"] if not row["mac"]}
+        self.assertEqual(unknown, {"other": "fd00::3", "long": "fd00:1111:2222:3333:4444:6666:5..."})
 
     def test_malformed_utf_8_is_replaced(self):
         host = b"a\xff\xfe\x80\xed\xa0\x80b\x01\x1bc".decode("utf-8", "surrogateescape")
         text, document = self.with_leases(self.lines([host]), self.read)
-        row, = [row for row in document["leases"] if row["mac"] == "02:00:00:00:66:00"]
-        self.assertEqual(row["host"], "a" + "\ufffd" * 6 + "b\x01\x1bc")
+        row, = [row for row in document["clients"] if row["mac"] == "02:00:00:00:66:00"]
+        self.assertEqual(row["name"], "a" + "\ufffd" * 6 + "b\x01\x1bc")
         self.assertTrue(text.endswith("</html>\n"))
 
     def test_thousands_of_leases_are_shown(self):
@@ -238,7 +323,7 @@ class HostileNames(ClientsTest):
                  for i in range(3000)]
         text, document = self.with_leases(lines, self.read)
         self.assertTrue(text.endswith("</html>\n"))
-        shown = {row["host"] for row in document["leases"]}
+        shown = {row["name"] for row in document["clients"]}
         self.assertLessEqual({f"host-{i}" for i in range(3000)}, shown)
 
 
@@ -247,33 +332,33 @@ class InBrowser(ClientsTest):
         for number in (9, 10, 77, 250):
             self.add_neighbour(f"192.168.1.{number}", f"02:00:00:{255 - number:02x}:00:01")
         seen = self.walk("sort").result()
+        keys = {"ip": lambda text: [int(part) for part in text.split("\n")[0].split(".")],
+                "name": lambda text: (text == "Unnamed", text.lower()),
+                "state": lambda text: text == "Offline"}
         for column, orders in seen.items():
-            for table in ("leases", "neighbours"):
-                first, second = orders[0][table], orders[1][table]
-                key = {"ip": lambda text: [int(part) for part in text.split(".")] if "." in text else [],
-                       "host": lambda text: (not text, text.lower()),
-                       "expires": lambda text: seconds_of(text) if text else -1,
-                       }.get(column, str)
-                values = [key(text) for text in first]
-                self.assertEqual(values, sorted(values), (column, table))
-                values = [key(text) for text in second]
-                self.assertEqual(values, sorted(values, reverse=True), (column, table))
-        self.assertIn("192.168.1.9", seen["ip"][0]["neighbours"])
+            for number, shown in enumerate(orders):
+                values = [keys.get(column, str)(text) for text in shown]
+                self.assertEqual(values, sorted(values, reverse=number == 1), column)
+        self.assertIn("192.168.1.9", seen["ip"][0])
 
     def test_a_new_client_is_shown_in_the_chosen_order_without_a_reload(self):
         walk = self.walk("clients")
         self.assertEqual(walk.line(), "sorted")
         self.add_neighbour("192.168.1.9", "02:00:00:00:09:09")
         self.add_neighbour("192.168.1.90", "02:00:00:00:90:90")
+        self.addCleanup(self.demo.file("clients.conf").write_bytes,
+                        self.demo.file("clients.conf").read_bytes())
         seen = walk.result()
-        values = [[int(part) for part in each.split(".")] for each in seen["ips"]]
+        values = [[int(part) for part in each.split("\n")[0].split(".")] for each in seen["ips"]]
         self.assertEqual(values, sorted(values, reverse=True))
         self.assertEqual(seen["loads"], 1)
+        self.assertEqual(seen["named"], "Kitchen radio")
+        self.assertEqual(seen["empty"], ['"No entries."', True])
 
-    def test_hostile_names_are_shown_as_text(self):
+    def test_hostile_names_are_shown_as_text_and_a_long_one_leaves_all_columns_in_view(self):
         lines = HostileNames.lines(self, HOSTILE)
-
         seen = self.with_leases(lines, lambda: self.walk("hostile", len(lines)).result())
         self.assertLessEqual(set(HOSTILE), set(seen["first"]))
         self.assertLessEqual(set(HOSTILE), set(seen["refreshed"]))
         self.assertFalse(seen["hacked"])
+        self.assertEqual(seen["hidden"], [])

@@ -72,7 +72,7 @@ class DeviceNetwork(OwnDemoTest):
         self.assertTrue(wait_until(lambda: set(leases.values()) <= neighbours(), 30))
 
         def shows_all():
-            return CLIENT_NAMES <= {row["host"] for row in self.demo.document(CLIENTS)["leases"]}
+            return CLIENT_NAMES <= {row["name"] for row in self.demo.json(CLIENTS, "clients")}
 
         # dnsmasq rewrites its file in place: for a moment it is empty.
         self.assertTrue(wait_until(shows_all))

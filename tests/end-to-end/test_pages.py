@@ -74,7 +74,7 @@ class Pages(OwnDemoTest):
         forms = {NETWORK: NETWORK_SETTINGS, DEVICE: DEVICE_SETTINGS, LOGIN: ("user", "next"),
                  PASSWORD: ("old", "new", "again", "user"), UPGRADE: ("action",),
                  STATUS: ("name",), CLIENTS: ("sort",), TRAPS: ("text",), LOGOUT: ("next",)}
-        statuses = {LOGOUT: (403,), UPGRADE: (400,), STATUS: (405,), CLIENTS: (405,), TRAPS: (405,)}
+        statuses = {LOGOUT: (403,), UPGRADE: (400,), STATUS: (405,), CLIENTS: (400,), TRAPS: (405,)}
         for sent in ("x$token", "{{token}}", '"><script>', "{{&token}}$message'"):
             for path, names in forms.items():
                 with self.subTest(f"{path} {sent}"):

@@ -133,18 +133,30 @@ async function fetchJson(url) {
   return response?.ok ? response.json() : null;
 }
 
+// Shows a text in a cell, as a link if it leads anywhere.
+function showIn(cell, text, address) {
+  let link = cell.querySelector('a');
+  if (!address !== !link) {
+    link = address && document.createElement('a');
+    cell.replaceChildren(link || '');
+  }
+  if (link && link.getAttribute('href') !== address) link.href = address;
+  if (cell.textContent !== text) (link || cell).textContent = text;
+}
+
 // Shows records in the rows of a table, column by column. Existing rows are reused.
 function fill(table, records) {
   const [body] = table.tBodies;
-  const columns = [...table.querySelectorAll('[data-column]')].map((each) => each.dataset.column);
+  const columns = [...table.querySelectorAll('[data-column]')].map((each) => each.dataset);
   while (body.rows.length > records.length) body.deleteRow(-1);
   records.forEach((record, i) => {
     const row = body.rows[i] ?? body.insertRow();
     row.dataset[table.dataset.key] = record[table.dataset.key];
-    columns.forEach((column, j) => {
+    columns.forEach(({ column, link }, j) => {
       const cell = row.cells[j] ?? row.insertCell();
+      const key = record[table.dataset.key];
       cell.className = column;
-      if (cell.textContent !== record[column]) cell.textContent = record[column];
+      showIn(cell, record[column], link && key ? link + key : '');
     });
   });
 }
