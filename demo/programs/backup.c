@@ -6,6 +6,7 @@
  * learn the passphrase, which no page shows.
  */
 #define _GNU_SOURCE
+#include "client_table.h"
 #include "settings.h"
 
 #include <string.h>
@@ -19,7 +20,9 @@
 #define RECEIVED "/run/backup.conf"
 
 enum {
-    longest_backup = 16384,
+    longest_backup = 65536,
+    /* The settings that a backup can contain, with the names of clients. */
+    most_pairs = 500,
     /* The longest value that corvel_setting() returns, in bytes. */
     longest_stored = 255
 };
@@ -44,6 +47,12 @@ static const setting *find(const char *name) {
     return NULL;
 }
 
+/* Returns what is wrong with the name of a client. */
+static const char *client_complaint(const char *address, const char *name) {
+    return is_client(address) ? corvel_check_text(name, 1, longest_client_name)
+                              : "This is not a setting of a backup.";
+}
+
 /* Making a backup. */
 
 static void write_setting(struct page *page, const char *name, const char *value) {
@@ -62,6 +71,23 @@ static void name_file(struct page *page) {
     corvel_answer_type(page->answer, "text/plain; charset=utf-8");
 }
 
+static size_t for_each_client(struct page *page, void (*visit)(struct page *page, const char *name,
+                                                               const char *value)) {
+    const size_t most = most_pairs - all_settings.count;
+    size_t count = 0;
+    const char *name = NULL;
+    const char *value = NULL;
+    corvel_settings *names = corvel_settings_load(clients_file.path, clients_file.separator, NULL);
+    for (size_t i = 0; count < most && corvel_setting_pair(names, i, &name, &value); i++)
+        if (corvel_setting(names, name) == value && !client_complaint(name, value)) {
+            count++;
+            if (visit)
+                visit(page, name, value);
+        }
+    corvel_settings_free(names);
+    return count;
+}
+
 /* Calls a function with each setting that is set, and returns their number. */
 static size_t for_each_setting(struct page *page, void (*visit)(struct page *page, const char *name,
                                                                 const char *value)) {
@@ -77,7 +103,7 @@ static size_t for_each_setting(struct page *page, void (*visit)(struct page *pag
         }
         corvel_settings_free(loaded);
     }
-    return count;
+    return count + for_each_client(page, visit);
 }
 
 static void make_backup(struct page *page) {
@@ -110,14 +136,15 @@ static size_t check_names(struct page *page, const corvel_settings *backup) {
     const char *value = NULL;
     long announced = 0;
     const char *text = corvel_setting(backup, COUNT_NAME);
-    const bool is_announced = corvel_check_integer(text, 1, most_settings, &announced) == NULL;
-    for (; corvel_setting_pair(backup, count, &name, &value); count++) {
+    const bool is_announced = corvel_check_integer(text, 1, most_pairs, &announced) == NULL;
+    for (; count <= most_pairs && corvel_setting_pair(backup, count, &name, &value); count++) {
         const bool is_first = corvel_setting(backup, name) == value;
-        if (strcmp(name, COUNT_NAME) != 0 && !find(name)) {
-            put_fault(page, name, "This is not a setting of a backup.");
-            faults++;
-        } else if (!is_first) {
-            put_fault(page, name, "This setting occurs twice.");
+        const bool is_known = strcmp(name, COUNT_NAME) == 0 || find(name);
+        const char *fault = !is_first  ? "This setting occurs twice."
+                            : is_known ? NULL
+                                       : client_complaint(name, value);
+        if (fault) {
+            put_fault(page, name, fault);
             faults++;
         }
     }

@@ -2,6 +2,8 @@
 #define _GNU_SOURCE
 #include "settings.h"
 
+#include "client_table.h"
+
 #include <fcntl.h>
 #include <string.h>
 #include <sys/file.h>
@@ -10,6 +12,7 @@
 const settings_file lan_file = {"/etc/config/lan.conf", '=', "version_lan"};
 const settings_file wireless_file = {"/etc/config/wireless.conf", '=', "version_wireless"};
 const settings_file global_file = {"/etc/config/global.conf", ' ', "version_global"};
+const settings_file clients_file = {CLIENT_NAMES, '=', NULL};
 const settings_file factory_file = {"/etc/factory.conf", ' ', NULL};
 const settings_file applied_file = {"/var/log/applied.conf", ' ', NULL};
 
@@ -340,8 +343,27 @@ static void refuse_backup(struct page *page, const struct form *form) {
     show(page, "backup-refused");
 }
 
+bool is_client(const char *name) { return corvel_check_mac(name, NULL) == NULL; }
+
+/* Sets the names of clients in memory, to be saved with the settings of the form. */
+static void set_client_names(struct form *form) {
+    const char *name = NULL;
+    const char *value = NULL;
+    corvel_settings *names = NULL;
+    for (size_t i = 0; corvel_setting_pair(form->backup, i, &name, &value); i++) {
+        if (!is_client(name))
+            continue;
+        if (!names) {
+            names = corvel_settings_load(clients_file.path, clients_file.separator, NULL);
+            form->loaded[form->file_count++] = names;
+        }
+        corvel_setting_set(names, name, value);
+    }
+}
+
 static void save_backup(struct page *page, struct form *form) {
     const char *complaint = NULL;
+    set_client_names(form);
     const int status =
         corvel_settings_status(corvel_settings_save(form->loaded, form->file_count), &complaint);
     if (status != CORVEL_HTTP_OK) {

@@ -22,7 +22,7 @@ enum {
     longest_value = 80,
     /** The number of settings, and of their files, that a form can have. */
     most_settings = 24,
-    most_files = 3
+    most_files = 4
 };
 
 /** A property file of the device. */
@@ -35,6 +35,7 @@ typedef struct settings_file {
 extern const settings_file lan_file;      /**< LAN and DHCP server, NAME="value". */
 extern const settings_file wireless_file; /**< The wireless network, NAME="value". */
 extern const settings_file global_file;   /**< Settings of the whole device, NAME "value". */
+extern const settings_file clients_file;  /**< Names of clients, ADDRESS="name". */
 extern const settings_file factory_file;  /**< Values set in the factory, setenv NAME value. */
 extern const settings_file applied_file;  /**< Written by the configuration client, NAME value. */
 
@@ -75,9 +76,13 @@ void show_settings(struct page *page, const settings_page *site);
 /** Answers a POST. */
 void save_settings(struct page *page, const settings_page *site);
 
+/** Whether a setting is the name of a client: its own name is a hardware address. */
+bool is_client(const char *name);
+
 /**
  * Answers the upload of a backup: checks its settings as those of the page's form, and saves all of
- * them or none. Those that the backup does not contain are left unchanged.
+ * them or none, and the names of clients, which the caller has checked, with them. What the backup
+ * does not contain is left unchanged.
  */
 void restore_settings(struct page *page, const settings_page *site, const corvel_settings *backup);
 

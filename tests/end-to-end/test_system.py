@@ -183,6 +183,8 @@ class Backup(OwnDemoTest):
     def test_a_restore_brings_back_every_setting_but_the_passphrase(self):
         self.assertEqual(self.demo.post(NETWORK, self.OTHER).status, 303)
         self.assertEqual(self.demo.post(DEVICE, {"CONTACT": "Ann"}).status, 303)
+        with self.demo.file("clients.conf").open("a") as file:
+            file.write('02:43:52:00:01:11="My laptop"\n02:43:52:00:01:13="Drucker \\"1\\""\n')
         saved = self.demo.files()
         backup = self.backup()
         self.restore_settings()
@@ -216,7 +218,9 @@ class Backup(OwnDemoTest):
                 (good.replace(b"COUNTRY", b"<b>"), ["&lt;b&gt;"]),
                 (good + b'LAN_ADDRESS="192.168.1.9"\n', ["LAN_ADDRESS", "File"]),
                 (good + b'WLAN_PASSPHRASE="a secret one"\n', ["WLAN_PASSPHRASE"]),
-                (good + b'admin="x"\n', ["admin"]), (b"".join(lines[:-1]), ["File"]),
+                (good + b'admin="x"\n', ["admin"]), (good + b'1:2="x"\n', ["1:2"]),
+                (good + b'02:43:52:00:01:11=""\n', ["02:43:52:00:01:11"]),
+                (good + b'02:43:52:00:01:11="' + b"x" * 41 + b'"\n', ["02:43:52:00:01:11"]), (b"".join(lines[:-1]), ["File"]),
                 (good[:-1], ["File"]), (good[:40], ["File"]), (b"".join(lines[1:]), ["File"]), (b"x\n", ["File"]),
                 (b'COUNTRY="AT"\n', ["File"]),
                 (b"\0" * 200, ["File"]), (bytes(range(256)) * 60, ["File"])):
@@ -225,7 +229,7 @@ class Backup(OwnDemoTest):
             for name in named:
                 self.assertIn(f"<dt>{name}</dt>", response.text)
             self.assertEqual(self.demo.files(), files)
-        for content, status in ((b"x" * 16385, 413), (b"", 422)):
+        for content, status in ((b"x" * 65537, 413), (b"", 422)):
             self.assertEqual(self.restore(content).status, status)
         self.assertEqual(self.restore(good, "0" * 64).status, 403)
         self.assertEqual(self.demo.files(), files)
