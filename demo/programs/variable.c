@@ -40,31 +40,32 @@ static const char *value_complaint(const char *name, const char *value) {
                : NULL;
 }
 
+/* The name can be entered unless it is that of a variable. */
 static void show_form(struct page *page, int status, const char *value) {
+    const char *name = sent(page, "name");
     corvel_answer_status(page->answer, status);
-    put(page, "name", sent(page, "name"));
+    put(page, "name", name);
     put(page, "value", value);
+    put(page, "is_set", get_env(name) ? "1" : "");
     show(page, "variable");
 }
 
-/* Refuses a name that cannot be changed, and an environment that is damaged. */
-static bool can_change(struct page *page) {
-    const char *complaint = variable_name_complaint(corvel_field(page->request, "name"));
-    if (complaint)
-        corvel_answer_error(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT, complaint);
-    else if (!load_variables())
-        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
-                            "The boot environment is damaged. Restart the router to repair it.");
-    else
+/* Loads the environment; refuses one that is damaged. */
+static bool load(struct page *page) {
+    if (load_variables())
         return true;
+    corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
+                        "The boot environment is damaged. Restart the router to repair it.");
     return false;
 }
 
 static void handle_get(struct page *page) {
-    if (!corvel_field(page->request, "name"))
-        show_form(page, CORVEL_HTTP_OK, "");
-    else if (can_change(page))
-        show_form(page, CORVEL_HTTP_OK, or_empty(get_env(sent(page, "name"))));
+    const char *name = corvel_field(page->request, "name");
+    const char *complaint = name ? variable_name_complaint(name) : NULL;
+    if (complaint)
+        corvel_answer_error(page->answer, CORVEL_HTTP_UNPROCESSABLE_CONTENT, complaint);
+    else if (load(page))
+        show_form(page, CORVEL_HTTP_OK, name ? or_empty(get_env(name)) : "");
 }
 
 static void ask(struct page *page, const char *name, const char *value) {
@@ -98,9 +99,11 @@ static void change(struct page *page, const char *name, const char *value) {
 static void check_and_change(struct page *page) {
     const char *name = sent(page, "name");
     const char *value = sent(page, "value");
-    const char *complaint = value_complaint(name, value);
-    put(page, "error_value", complaint);
-    if (complaint)
+    const char *about_name = variable_name_complaint(name);
+    const char *about_value = about_name ? NULL : value_complaint(name, value);
+    put(page, "error_name", about_name);
+    put(page, "error_value", about_value);
+    if (about_name || about_value)
         show_form(page, CORVEL_HTTP_UNPROCESSABLE_CONTENT, value);
     else if (corvel_field(page->request, "old"))
         change(page, name, value);
@@ -114,7 +117,7 @@ static void handle_post(struct page *page) {
     const int lock = lock_upgrade(page);
     if (lock < 0)
         return;
-    if (can_change(page))
+    if (load(page))
         check_and_change(page);
     close(lock);
 }

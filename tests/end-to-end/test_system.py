@@ -127,6 +127,7 @@ class Variable(OwnDemoTest):
             for fields in ({}, {"old": self.environment().get(name, "")}):
                 response = self.demo.post(VARIABLE, {"name": name, "value": "1", **fields})
                 self.assertEqual(response.status, 422, name)
+                self.assertEqual(bool(Page(response.text).errors["name"]), True)
         self.assertEqual(self.demo.flash(1).read_bytes(), flash)
 
     def test_a_value_that_is_too_long_or_has_no_room_is_refused(self):
@@ -151,6 +152,11 @@ class Variable(OwnDemoTest):
         self.assertEqual(self.environment()["bootdelay"], "2")
         self.assertEqual(self.demo.post(VARIABLE, fields | {"old": "2"}).status, 303)
         self.assertEqual(self.environment()["bootdelay"], "5")
+
+    def test_entries_that_are_refused_are_shown_again(self):
+        page = Page(self.demo.post(VARIABLE, {"name": "a <b>", "value": "kept"}).text)
+        self.assertEqual(page.shown, {"name": "a <b>", "value": "kept"})
+        self.assertEqual(self.demo.get(VARIABLE + "?name=bootparam").status, 422)
 
     def test_only_variables_that_can_be_changed_have_a_link(self):
         page = Element.of_page(self.demo.get(SYSTEM).text)
