@@ -13,8 +13,9 @@ import sys
 import zlib
 
 from demo_test import OwnDemoTest
-from device import (BACKUP, DEVICE, DIAGNOSTICS, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK, OWNER_PASSWORD, PASSWORD,
-                    RESTART, STRANGER, SYSTEM, VARIABLE, Demo, Element, Page, seconds_of, wait_until)
+from device import (BACKUP, DEVICE, DIAGNOSTICS, FACTORY_PASSWORD, IMAGE, LOGIN, NETWORK,
+                    OWNER_PASSWORD, PASSWORD, RESTART, STRANGER, SYSTEM, TRAPS, VARIABLE, Demo,
+                    Element, Page, seconds_of, wait_until)
 from test_upgrade import multipart, part
 
 # Asks the router's name server for an address, and prints it.
@@ -299,6 +300,10 @@ class NameAndTime(OwnDemoTest):
         for zone, hours in (("IST-5:30", 5.5), ("<-03>3", -3), ("UTC0", 0)):
             self.assertEqual(self.demo.post(DEVICE, {"TIME_ZONE": zone}).status, 303)
             self.assertTrue(wait_until(lambda hours=hours: self.offset() == hours), zone)
+            newest = Element.of_page(self.demo.get(TRAPS).text).find("time")[0].text
+            ahead = datetime.datetime.fromisoformat(newest + "+00:00") - datetime.datetime.now(
+                datetime.timezone.utc)
+            self.assertEqual(round(ahead.total_seconds() / 360) / 10, hours)
 
     def test_every_zone_of_the_list_has_a_rule_that_the_machine_understands(self):
         text = self.demo.get(DEVICE).text
