@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * Backup of the settings: a GET downloads them as a file, a POST restores an uploaded one. The file
- * has the form of a settings file. Its first setting is the number of the others, so that a
+ * has the form of a settings file. Its last setting is the number of the others, so that a
  * truncated file is noticed. It contains no secrets: whoever has the file, or a session, does not
  * learn the passphrase, which no page shows.
  */
@@ -71,8 +71,16 @@ static void name_file(struct page *page) {
     corvel_answer_type(page->answer, "text/plain; charset=utf-8");
 }
 
-static size_t for_each_client(struct page *page, void (*visit)(struct page *page, const char *name,
-                                                               const char *value)) {
+/* Adds a setting to the file or to the JSON document. */
+static void put_setting(struct page *page, const char *name, const char *value) {
+    if (page->is_json)
+        put(page, name, value);
+    else
+        write_setting(page, name, value);
+}
+
+/* Adds the names of the clients. Returns their number. */
+static size_t put_clients(struct page *page) {
     const size_t most = most_pairs - all_settings.count;
     size_t count = 0;
     const char *name = NULL;
@@ -80,44 +88,39 @@ static size_t for_each_client(struct page *page, void (*visit)(struct page *page
     corvel_settings *names = corvel_settings_load(clients_file.path, clients_file.separator, NULL);
     for (size_t i = 0; count < most && corvel_setting_pair(names, i, &name, &value); i++)
         if (corvel_setting(names, name) == value && !client_complaint(name, value)) {
+            put_setting(page, name, value);
             count++;
-            if (visit)
-                visit(page, name, value);
         }
     corvel_settings_free(names);
     return count;
 }
 
-/* Calls a function with each setting that is set, and returns their number. */
-static size_t for_each_setting(struct page *page, void (*visit)(struct page *page, const char *name,
-                                                                const char *value)) {
+/* Adds the settings that have a value. Returns their number. */
+static size_t put_settings(struct page *page) {
     size_t count = 0;
     for (size_t i = 0; i < all_settings.count; i++) {
         const settings_file *file = all[i].file;
         corvel_settings *loaded = corvel_settings_load(file->path, file->separator, NULL);
         const char *value = corvel_setting(loaded, all[i].name);
         if (value && !all[i].is_secret) {
+            put_setting(page, all[i].name, value);
             count++;
-            if (visit)
-                visit(page, all[i].name, value);
         }
         corvel_settings_free(loaded);
     }
-    return count + for_each_client(page, visit);
+    return count;
 }
 
 static void make_backup(struct page *page) {
-    if (page->is_json) {
-        for_each_setting(page, put);
+    char text[16];
+    const size_t count = put_settings(page) + put_clients(page);
+    snprintf(text, sizeof text, "%zu", count);
+    put_setting(page, COUNT_NAME, text);
+    if (page->is_json)
         show(page, NULL);
-        return;
-    }
-    char count[16];
-    snprintf(count, sizeof count, "%zu", for_each_setting(page, NULL));
-    log_event(page, SETTINGS_EVENT, "Backup of the settings downloaded");
-    name_file(page);
-    write_setting(page, COUNT_NAME, count);
-    for_each_setting(page, write_setting);
+    else
+        name_file(page);
+    log_event(page, SETTINGS_EVENT, "Backup of the settings made");
 }
 
 /* Restoring a backup. */

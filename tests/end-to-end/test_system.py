@@ -362,6 +362,19 @@ class Restart(OwnDemoTest):
         self.assertEqual(self.boot_id(), before)
         self.assertFalse(self.demo.file("reset").exists())
 
+    def test_an_interrupted_reset_is_repeated_by_the_next_start(self):
+        state = self.make_directory() / "state"
+        with Demo(state=state) as demo:
+            factory = demo.files()
+        config = state / "config"
+        (config / "reset").touch()
+        (config / "lan.conf").unlink()
+        (config / "global.conf").write_bytes(b"")
+        (config / "wireless.conf").write_bytes(b'WLAN_SSID="Other"\n')
+        with Demo(state=state, password=FACTORY_PASSWORD) as demo:
+            self.assertEqual(demo.files(), factory)
+            self.assertFalse((config / "reset").exists())
+
     def test_a_reset_restores_settings_and_password_and_keeps_the_flash(self):
         with Demo() as demo:
             self.demo, kept = demo, self.demo
