@@ -81,10 +81,10 @@ static bool is_built_on_setting(const char *password, const char *path, const ch
 
 /* The number of characters that neither repeat nor continue what precedes them. */
 static unsigned count_new_characters(const char *password) {
-    unsigned count = 1;
-    for (size_t i = 1; password[i]; i++) {
-        const int step = (unsigned char)password[i] - (unsigned char)password[i - 1];
-        count += step < -1 || step > 1;
+    unsigned count = 0;
+    for (size_t i = 0; password[i]; i++) {
+        const int step = i > 0 ? password[i] - password[i - 1] : 0;
+        count += i == 0 || step < -1 || step > 1;
     }
     return count;
 }
