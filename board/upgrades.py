@@ -174,6 +174,7 @@ def run(report):
             state = site.upgrade_state()
             report.check((state["RUNNING"], state["VERSION_A"], state["VERSION_B"]) ==
                          ("A", VERSIONS[2], VERSIONS[1]), "the site shows the versions of both sets")
+            check_system_page(report, site)
         check_fallback(report, flash, port)
 
 
@@ -183,6 +184,21 @@ def check_first_start(report, factory, started_once):
         if name not in (ENVIRONMENT, SETTINGS):
             report.check(content == factory[name], f"{name} is unchanged by the first start")
     report.check(machine.environment(started_once[ENVIRONMENT]), "the first start writes an environment")
+
+
+def check_system_page(report, site):
+    """The kernel has the flash, the processes and the host name that the page shows."""
+    shown = json.loads(site.curl("system?Ajax=1")[2])
+    running = {each["name"] for each in shown["services"] if each["state"] == "Running"}
+    report.check(running == {"Web server", "Event log"}, "the system page shows what runs")
+    sets = {each["device"]: each["set"] for each in shown["flash"]}
+    report.check((len(sets), sets.get("mtdblock2"), sets.get("mtdblock4")) ==
+                 (9, "A, running", "B, not running"), "the system page shows the flash")
+    site.expect(303, site.post("device", "HOST_NAME=attic"))
+    end = time.monotonic() + 60
+    while not (found := b"<small>attic</small>" in site.curl("system")[2]) and time.monotonic() < end:
+        time.sleep(0.2)
+    report.check(found, "the host name takes effect")
 
 
 def check_fallback(report, flash, port):
