@@ -77,7 +77,8 @@ class Lifecycle(Case):
             self.assertEqual(sorted(path.name for path in (root / "sbin").iterdir()),
                              ["bootloader", "chpasswd", "configclient", "corvel-settings", "dhcp6",
                               "environment", "factory", "init", "interfaces", "keep", "reboot",
-                              "reset", "station", "traplog", "trimlogs", "webserver"])
+                              "recover", "reset", "station", "traplog", "trimlogs",
+                              "webserver"])
             for name in ("passwd", "shadow"):
                 users = [line.split(":")[0] for line in (root / "etc" / name).read_text().splitlines()]
                 self.assertEqual(users, ["root", "admin"])
