@@ -13,19 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
-
-/*
- * Replaces the C library's function, which the page kit calls after every write to the flash. This
- * one takes about the time that a flash needs to write an erase block.
- */
-int fsync(int fd) {
-    const struct timespec block = {0, 10000000};
-    (void)fd;
-    nanosleep(&block, NULL);
-    return 0;
-}
 
 /* The state of the upgrade. */
 
