@@ -44,8 +44,7 @@ static void write_source(const struct page *page, char source[source_size]) {
 }
 
 void log_event(const struct page *page, event_kind kind, const char *format, ...) {
-    /* Its first trap_size bytes contain everything; the compiler cannot know that. */
-    char record[trap_size + line_size];
+    char record[trap_size];
     char source[source_size];
     char text[line_size];
     va_list values;
@@ -53,7 +52,7 @@ void log_event(const struct page *page, event_kind kind, const char *format, ...
     vsnprintf(text, sizeof text, format, values);
     va_end(values);
     write_source(page, source);
-    shorten(text, trap_size - 1 - strlen(event_names[kind]) - strlen(": ") - strlen(source));
+    shorten(text, sizeof record - 1 - strlen(event_names[kind]) - strlen(": ") - strlen(source));
     memset(record, 0, sizeof record);
     stpcpy(stpcpy(stpcpy(stpcpy(record, event_names[kind]), ": "), text), source);
     send_trap(record);
