@@ -487,6 +487,9 @@ const walks = {
   // Restarts the router: the page waits for it, and the login leads back to the system page.
   async restart(page) {
     await page.goto(url + '/cgi-bin/system');
+    await page.waitForResponse((response) => response.url().endsWith('system?Ajax=1'));
+    await page.waitForResponse((response) => response.url().endsWith('system?Ajax=1'));
+    assert.equal(await page.getByRole('link', { name: 'bootdelay' }).count(), 1);
     await page.getByRole('link', { name: 'Restart router' }).click();
     await checkLooks(page, 'restart');
     await page.getByRole('button', { name: 'Restart' }).click();

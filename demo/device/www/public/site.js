@@ -161,9 +161,9 @@ function fill(table, records) {
   });
 }
 
-// Refreshes a page: a list of records is shown in the table with its name, each value of an object
-// in the element with the value's name. If the data
-// cannot be fetched, the page is marked as outdated.
+// Refreshes a page: a list of records is shown in the table with its name, if the table has a key,
+// each value of an object in the element with the value's name. If the data cannot be fetched, the
+// page is marked as outdated.
 const refreshed = document.querySelector('[data-refresh]');
 let order = new URLSearchParams(location.search).get('sort');
 let asked = 0;
@@ -176,8 +176,8 @@ async function refresh() {
   refreshed.classList.toggle('stale', !sections);
   for (const [name, records] of Object.entries(sections ?? {})) {
     const table = document.getElementById(name);
-    if (table) fill(table, records);
-    else
+    if (table?.dataset.key) fill(table, records);
+    else if (!Array.isArray(records))
       for (const [id, value] of Object.entries(records))
         document.getElementById(id).textContent = value;
   }
