@@ -187,11 +187,11 @@ class Machine:
     restarts or switches the machine off."""
 
     def __init__(self, flash, console, *, port=None, memory=256, options="", share=None, pages=None,
-                 drives=None, snapshot=None, more=()):
+                 here=None, drives=None, snapshot=None, more=()):
         """`options` are added to the kernel's command line. The system can mount the directory `share`
-        of the host, and write to it, and `pages`, the directory of a site, and read it. `drives` serve
-        the flash instead of its files. A machine that continues a snapshot is stopped at first. `more`
-        are options of QEMU."""
+        of the host, and write to it, and `pages`, the directory of a site, and `here`, that of a
+        command, and read them. `drives` serve the flash instead of its files. A machine that continues
+        a snapshot is stopped at first. `more` are options of QEMU."""
         self.set, kernel = select_set(flash)
         root = BY_NAME[SETS[self.set][0]].number
         network = "user,id=wan,net=203.0.113.0/24,host=203.0.113.1,restrict=on"
@@ -213,10 +213,13 @@ class Machine:
                 "-mon", "chardev=control,mode=control", *console.options, *more]
         if snapshot is not None:
             line += ["-incoming", f"exec:cat {snapshot}", "-S"]
-        if share is not None:
-            line += ["-virtfs", f"local,path={share},mount_tag=host,security_model=none"]
-        if pages is not None:
-            line += ["-virtfs", f"local,path={pages},mount_tag=pages,security_model=none,readonly=on"]
+        shared = [(tag, directory) for tag, directory in (("host", share), ("pages", pages), ("here", here))
+                  if directory is not None]
+        # Only four slots have interrupts: the directories are in the last one.
+        for function, (tag, directory) in enumerate(shared):
+            access = "" if tag == "host" else ",readonly=on"
+            line += ["-fsdev", f"local,id={tag},path={directory},security_model=none{access}",
+                     "-device", f"virtio-9p-pci,fsdev={tag},mount_tag={tag},addr=15.{function},multifunction=on"]
         self.console = console
         self._process = subprocess.Popen([str(word) for word in line], stdin=console.input,
                                          pass_fds=[theirs.fileno(), *console.descriptors])

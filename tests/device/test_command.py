@@ -214,7 +214,7 @@ def running(mark):
     ((), "is needed"), (("--port", "0", "--", "true"), "not a port"), (("--www", "missing"), "neither"),
     (("--record", "r", "--", "true"), "needs --www"), (("--replay", "missing"), "not the directory"),
     (("--www", "x", "--demo"), "is needed"), (("--on", "board", "--www", "x"), "needs the source tree"),
-    (("--on", "board", "--", "true"), "takes only"), (("--image", "/usr", "--", "true"), "not the device's file system")))
+    (("--on", "board", "--demo"), "takes only"), (("--image", "/usr", "--", "true"), "not the device's file system")))
 def test_wrong_usage_is_reported(device, words, text):
     done = device.run(*words)
     assert done.status in (1, 2)
