@@ -9,6 +9,7 @@
 #define _GNU_SOURCE
 #include "client_table.h"
 
+#include "internet.h"
 #include "kernel_table.h"
 
 #include <arpa/inet.h>
@@ -18,9 +19,6 @@
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
-
-/* The provider's network: its machines are no clients. */
-static const char provider[] = "wan0";
 
 /* A lease that never ends has the expiry 0, which is more than ten years ago. */
 static const long never = -315360000;
@@ -136,7 +134,7 @@ static void read_arp_cache(client_table *table) {
     struct if_nameindex *interfaces = if_nameindex();
     for (const struct if_nameindex *each = interfaces; each && each->if_name; each++) {
         lease_entry *found = NULL;
-        if (strcmp(each->if_name, provider) != 0)
+        if (strcmp(each->if_name, PROVIDER) != 0)
             get_arp_cache(each->if_name, &found);
         for (const lease_entry *one = found; one; one = one->next) {
             client *row = add_row(table);
@@ -173,7 +171,7 @@ static void take_neighbour(void *context, const struct nlmsghdr *entry) {
     char own[CORVEL_MAC_SIZE];
     client seen = {.is_online = true};
     if (!mac || !address || !if_indextoname((unsigned)header->ndm_ifindex, name) ||
-        strcmp(name, provider) == 0 || !is_seen(entry, header->ndm_state))
+        strcmp(name, PROVIDER) == 0 || !is_seen(entry, header->ndm_state))
         return;
     set_mac(&seen, mac);
     if (strcasecmp(getHWaddr(name, own), seen.mac) == 0)

@@ -1,7 +1,12 @@
 /* SPDX-License-Identifier: MIT */
-/* The status page: the device's interfaces, as the kernel reports them, and the system's state. */
+/*
+ * The status page: an overview of the internet connection, the router and the user's network, and
+ * the device's interfaces, as the kernel reports them.
+ */
 #define _GNU_SOURCE
+#include "client_table.h"
 #include "firmware.h"
+#include "internet.h"
 
 #include <net/if.h>
 #include <stdlib.h>
@@ -40,13 +45,36 @@ static void read_dns(char text[dns_size]) {
     }
 }
 
-/* The server runs without a range, too: it resolves names. */
-static const char *dhcp_state(void) {
-    corvel_settings *applied = corvel_settings_load("/var/log/applied.conf", ' ', NULL);
+/* What the configuration client has applied. The server runs without a range, too: it resolves
+ * names. */
+static void put_network(struct page *page, const corvel_settings *applied) {
     const char *range = corvel_setting(applied, "DHCP");
     const bool is_off = range && strcmp(range, "off") == 0;
-    corvel_settings_free(applied);
-    return is_off ? "switched off" : app_isrun("dnsmasq") ? "running" : "stopped";
+    put(page, "dnsmasq", is_off ? "Switched off" : app_isrun("dnsmasq") ? "Running" : "Stopped");
+}
+
+/* The record is "off", or the channel, which is 0 if the radio chooses it, and the name. */
+static void put_radio(struct page *page, const corvel_settings *applied) {
+    const char *radio = corvel_setting(applied, "WLAN");
+    const char *name = radio ? strchr(radio, ' ') : NULL;
+    char text[line_size] = "Off";
+    if (name && *radio == '0')
+        snprintf(text, sizeof text, "On, automatic channel");
+    else if (name)
+        snprintf(text, sizeof text, "On, channel %.*s", (int)(name - radio), radio);
+    put(page, "radio", text);
+    put(page, "ssid", name ? name + 1 : "");
+}
+
+static void put_clients(struct page *page) {
+    client_table table = read_clients();
+    size_t online = 0;
+    char text[line_size];
+    for (size_t i = 0; i < table.count; i++)
+        online += table.rows[i].is_online;
+    snprintf(text, sizeof text, "%zu online, %zu known", online, table.count);
+    put(page, "clients", text);
+    free_clients(&table);
 }
 
 /* Seconds since the router's start. Where the machine does not start with the router, a file has
@@ -58,23 +86,77 @@ static int seconds_up(void) {
     return monotonic_time() - (int)strtol(started, NULL, 10);
 }
 
-static void put_system(struct page *page) {
-    char gateway[CORVEL_IPV4_SIZE];
+/* Minutes, not seconds: the answer to a poll stays the same until one has passed. */
+static void put_uptime(struct page *page) {
+    const int minutes = seconds_up() / 60;
+    const int hours = minutes / 60;
+    char text[line_size];
+    if (hours >= 24)
+        snprintf(text, sizeof text, "%d d %d h %02d min", hours / 24, hours % 24, minutes % 60);
+    else
+        snprintf(text, sizeof text, "%d h %02d min", hours, minutes % 60);
+    put(page, "uptime", text);
+}
+
+static void put_load(struct page *page) {
+    double load = 0;
+    char text[line_size] = "";
+    if (getloadavg(&load, 1) == 1)
+        snprintf(text, sizeof text, "%.1f in the last minute", load);
+    put(page, "load", text);
+}
+
+/* The number of a line such as "MemTotal: 2048 kB", in MiB; 0 if there is no such line. */
+static unsigned long mebibytes(const char *lines, const char *name) {
+    const char *line = strstr(lines, name);
+    return line ? strtoul(line + strlen(name), NULL, 10) / 1024 : 0;
+}
+
+static void put_memory(struct page *page) {
+    char lines[4096];
+    char text[line_size] = "";
+    const ssize_t size = open_read_close("/proc/meminfo", lines, sizeof lines - 1);
+    lines[size > 0 ? size : 0] = '\0';
+    const unsigned long total = mebibytes(lines, "MemTotal:");
+    if (total > 0)
+        snprintf(text, sizeof text, "%lu %% of %lu MiB in use",
+                 100 - 100 * mebibytes(lines, "MemAvailable:") / total, total);
+    put(page, "memory", text);
+}
+
+static void put_internet(struct page *page) {
     char dns[dns_size];
-    char uptime[CORVEL_TIME_TEXT_SIZE];
-    corvel_boot boot;
+    const internet now = read_internet();
     read_dns(dns);
-    corvel_boot_read(&upgrade_rules, &boot);
-    const int output = mute_output(); /* getDefGw() prints if it cannot read the routes */
-    getDefGw("wan0", gateway);
-    unmute_output(output);
-    open_object(page, "system");
-    put(page, "dnsmasq", dhcp_state());
-    put(page, "gateway", or_nothing(gateway, "0.0.0.0"));
+    put(page, "internet", now.state);
+    put(page, "since", now.since);
+    put(page, "address", now.ipv4);
+    put(page, "address6", now.ipv6);
+    put(page, "gateway", now.gateway);
     put(page, "dns", dns);
+}
+
+static void put_firmware(struct page *page) {
+    char version[CORVEL_FIRMWARE_VERSION_SIZE];
+    corvel_boot boot;
+    corvel_boot_read(&upgrade_rules, &boot);
+    put(page, "version", corvel_firmware_version(boot.running, version));
     put(page, "bootset", set_letter(boot.running));
-    put(page, "uptime", corvel_duration_text(seconds_up(), uptime));
+}
+
+static void put_system(struct page *page) {
+    corvel_settings *applied = corvel_settings_load("/var/log/applied.conf", ' ', NULL);
+    open_object(page, "system");
+    put_internet(page);
+    put_firmware(page);
+    put_uptime(page);
+    put_load(page);
+    put_memory(page);
+    put_clients(page);
+    put_radio(page, applied);
+    put_network(page, applied);
     close_part(page);
+    corvel_settings_free(applied);
 }
 
 static void put_interface(struct page *page, const char *name) {
@@ -115,6 +197,8 @@ static void put_interfaces(struct page *page) {
 }
 
 static void show_status(struct page *page) {
+    if (page->is_json)
+        corvel_answer_conditional(page->answer);
     put_system(page);
     put_interfaces(page);
     show(page, "status");

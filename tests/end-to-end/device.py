@@ -298,10 +298,13 @@ class Demo:
         return {lease[3] for lease in self.leases()}
 
     def greet_gateway(self):
-        """Sends a datagram to the gateway, so that the kernel requests its hardware address."""
+        self.greet("203.0.113.1")
+
+    def greet(self, address):
+        """Sends a datagram to a neighbour, so that the kernel requests its hardware address."""
         subprocess.run(self.inside(
             sys.executable, "-c", "import socket; socket.socket(socket.AF_INET, socket.SOCK_DGRAM)"
-            ".sendto(b'x', ('203.0.113.1', 9))"), check=True)
+            f".sendto(b'x', ('{address}', 9))"), check=True)
 
     # Requests.
 
