@@ -209,7 +209,10 @@ class Names(ClientsTest):
                                                  "mac": self.MAC, "ends": ""})
 
     def test_the_first_name_is_saved_without_a_file(self):
-        self.demo.file("clients.conf").unlink()
+        for path in self.demo.file("").glob("clients.conf*"):
+            path.unlink()
+        self.assertEqual(self.demo.get(CLIENTS).status, 200)
+        self.assertFalse(self.demo.file("clients.conf").exists())
         self.assertEqual(self.save("Guest").status, 303)
         self.assertEqual(self.rows()[self.MAC]["name"], "Guest")
 

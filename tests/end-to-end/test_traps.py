@@ -30,6 +30,10 @@ class TrapsTest(OwnDemoTest):
     def setUp(self):
         self.demo.end_sessions()
         self.demo.session = self.demo.log_in()
+        # No event from before the test is written after this one.
+        self.assertEqual(self.demo.try_log_in(password=OWNER_PASSWORD, source="127.0.0.77").status, 303)
+        self.assertTrue(wait_until(lambda: self.path().exists() and
+                                   self.path().read_bytes().endswith(b"127.0.0.77)\n")))
         self.listener = subprocess.Popen(
             self.demo.inside(sys.executable, "-c", LISTENER), stdin=subprocess.DEVNULL,
             stdout=subprocess.PIPE, text=True)
@@ -151,6 +155,11 @@ class Traps(TrapsTest):
 
     def test_a_restart_is_logged_and_the_log_is_continued(self):
         before = self.log()
+
+        def started():
+            return float((self.demo.root() / "run/started").read_text().split()[0])
+
+        previous = started()
         self.assertEqual(self.demo.post(UPGRADE, "action=restart").status, 200)
         self.assertTrue(wait_until(lambda: self.demo.get(TRAPS).status == 303, 30))
 
@@ -159,6 +168,7 @@ class Traps(TrapsTest):
             return self.log()[-1].startswith("Login: ")
 
         self.assertTrue(wait_until(is_logged, 30))
+        self.assertGreater(started(), previous, "the uptime counts from the restart")
         log = self.log()
         self.assertEqual(log[:len(before)], before)
         self.assertEqual(log[len(before)], f"System: Restart requested ({USER}, 127.0.0.1)")
@@ -199,10 +209,6 @@ class Pages(TrapsTest):
     def setUp(self):
         super().setUp()
         (self.path().parent / "traps.log.old").unlink(missing_ok=True)
-        # After this entry no other one is written.
-        self.assertEqual(self.demo.try_log_in(source="127.0.0.77").status, 303)
-        self.assertEqual(self.next_trap(), f"Login: Logged in ({USER}, 127.0.0.77)")
-        self.assertTrue(wait_until(lambda: self.path().read_text().endswith("127.0.0.77)\n")))
 
     def write(self, *numbers, name="traps.log"):
         kinds = ("Login", "Settings", "Firmware")
