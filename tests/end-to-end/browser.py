@@ -34,7 +34,7 @@ class Walk:
     def result(self):
         """Waits for the end of the walk and returns its observations."""
         try:
-            output, errors = self.process.communicate(timeout=120)
+            output, errors = self.process.communicate(timeout=300)
         finally:
             self.stop()
         if self.process.returncode != 0:
