@@ -27,11 +27,10 @@ enum {
     longest_stored = 255
 };
 
-static setting all[most_settings];
-
-/* The forms whose settings a backup contains, as one form. */
 static void check_together(struct form *form) { network_settings.check(form); }
 
+/* The settings of all pages, as those of one form. */
+static setting all[most_settings];
 static settings_page all_settings = {.name = "backup", .settings = all, .check = check_together};
 
 static void add_settings(const settings_page *page) {

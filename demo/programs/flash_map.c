@@ -23,7 +23,7 @@ size_t read_partitions(partition partitions[most_partitions]) {
     return count;
 }
 
-/* The first and second set are those of the signatures in an image. */
+/* A set consists of the partitions that the signatures of its sections select. */
 int set_of_partition(unsigned number) {
     static const struct {
         const char *signature;

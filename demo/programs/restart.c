@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Restarts the router, with or without its settings, after a confirmation. The settings are removed
- * by the next start, from a file that requests it: a reset that is interrupted is repeated.
+ * Restarts the router after a confirmation, on request with the factory's settings. A file tells
+ * the next start to restore them, which removes that file last: an interrupted reset is repeated.
  */
 #include "firmware.h"
 #include "settings.h"
@@ -10,6 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
+
+#define RESET_REQUEST "/etc/config/reset"
 
 static bool is_reset(const struct page *page) {
     const char *action = corvel_field(page->request, "action");
@@ -31,11 +33,13 @@ static void ask(struct page *page) {
 
 /* Returns false if the request for a reset could not be stored. */
 static bool request_reset(void) {
-    const int file = open("/etc/config/reset", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    const int file = open(RESET_REQUEST, O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     const int directory = open("/etc/config", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const bool is_stored = file >= 0 && fsync(file) == 0 && fsync(directory) == 0;
     close(file);
     close(directory);
+    if (!is_stored)
+        unlink(RESET_REQUEST);
     return is_stored;
 }
 

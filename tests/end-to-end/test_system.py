@@ -57,7 +57,7 @@ class System(OwnDemoTest):
         up = float(pathlib.Path("/proc/uptime").read_text().split()[0])
         return up - int(start_time(pid)) / os.sysconf("SC_CLK_TCK")
 
-    def test_a_service_that_has_ended_is_not_running_whatever_its_file_says(self):
+    def test_a_service_that_has_ended_is_not_running_regardless_of_its_file(self):
         keeper = next(pid for pid in self.demo.members if self.command(pid).endswith(
             b"/bin/sh\0/sbin/keep\0traplog\0"))
         os.kill(keeper, signal.SIGSTOP)
@@ -359,7 +359,7 @@ class Restart(OwnDemoTest):
         self.assertEqual(page.find("div", data_waiting=SYSTEM)[0].tag, "div")
 
     def test_the_page_in_a_browser_waits_and_leads_back_after_the_login(self):
-        self.assertEqual(self.walk("restart", PASSWORD=OWNER_PASSWORD).result(), "back")
+        self.assertEqual(self.walk("system", PASSWORD=OWNER_PASSWORD).result(), "back")
         self.demo.session = self.demo.log_in()
 
     def test_nothing_happens_without_a_confirmation_a_session_and_a_token(self):
