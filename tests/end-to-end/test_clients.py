@@ -198,6 +198,9 @@ class Names(ClientsTest):
             details = self.page("?client=" + row["mac"])
             self.assertEqual(details.by_id("details-heading").text, name)
             self.assertEqual(details.by_id("name").attributes["value"], name)
+        # The table is sorted without closing the details.
+        fields = self.demo.page(CLIENTS + "?client=" + row["mac"]).fields
+        self.assertEqual(fields.count(("client", row["mac"])), 2, fields)
         self.assertEqual(self.save("", row["mac"]).status, 303)
         self.assertEqual(self.rows()[row["mac"]]["name"], "phone")
         self.assertNotIn(row["mac"].encode(), self.demo.file("clients.conf").read_bytes())

@@ -196,7 +196,9 @@ for (const button of sorters)
       each.closest('th').setAttribute('aria-sort', isSorted ? direction : 'none');
       each.value = (order === each.dataset.sort ? '-' : '') + each.dataset.sort;
     }
-    history.replaceState(null, '', '?sort=' + order);
+    const query = new URLSearchParams(location.search);
+    query.set('sort', order);
+    history.replaceState(null, '', '?' + query);
     refresh();
   });
 
