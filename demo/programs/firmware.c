@@ -170,9 +170,9 @@ int lock_upgrade(struct page *page) {
     if (fcntl(lock, F_OFD_SETLK, &whole) == 0)
         return lock;
     close(lock);
-    corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT,
-                        "Another upgrade is in progress. Only one is possible at a time; the "
-                        "firmware page shows its progress.");
+    corvel_answer_status(page->answer, CORVEL_HTTP_CONFLICT);
+    put(page, "refresh", "5; url=/cgi-bin/upgrade");
+    show_upgrade(page, "upgrade-busy", 1);
     return -1;
 }
 

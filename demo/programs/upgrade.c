@@ -376,11 +376,18 @@ static void restart(struct page *page) {
         perror("/sbin/reboot");
 }
 
+static corvel_upgrade_result select_set(const struct page *page, int set) {
+    const corvel_upgrade_result result = corvel_boot_select(&upgrade_rules, set);
+    if (result == CORVEL_UPGRADE_DONE)
+        log_event(page, FIRMWARE_EVENT, "Set %s starts next", set_letter(set));
+    return result;
+}
+
 /* Takes back an upgrade that has been written: the running set is started again. */
 static void keep(struct page *page) {
     corvel_boot boot;
     corvel_boot_read(&upgrade_rules, &boot);
-    answer_result(page, corvel_boot_select(&upgrade_rules, boot.running));
+    answer_result(page, select_set(page, boot.running));
 }
 
 static void start_other(struct page *page) {
@@ -396,7 +403,7 @@ static void start_other(struct page *page) {
         corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition.note);
         return;
     }
-    const corvel_upgrade_result result = corvel_boot_select(&upgrade_rules, set);
+    const corvel_upgrade_result result = select_set(page, set);
     if (result == CORVEL_UPGRADE_DONE)
         restart(page);
     else

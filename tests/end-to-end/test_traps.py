@@ -136,7 +136,9 @@ class Traps(TrapsTest):
         self.assertEqual(self.demo.post(UPGRADE, "action=write").status, 303)
         self.assertTrue(wait_until(
             lambda: self.demo.json(UPGRADE, "upgrade")["STATE"] == "written"))
-        self.assert_reported("Firmware", "Set B written")
+        self.assertEqual(self.next_trap(), f"Firmware: Set B written ({USER}, 127.0.0.1)")
+        self.assertEqual(self.demo.post(UPGRADE, "action=keep").status, 303)
+        self.assert_reported("Firmware", "Set A starts next")
 
     def test_the_page_shows_the_newest_entry_of_the_log_first_in_local_time(self):
         for _ in range(3):
