@@ -264,6 +264,12 @@ async function fetchUpgrade() {
   return (await fetchJson(upgradePage + '?Ajax=1'))?.upgrade;
 }
 
+// Loads a page. What has begun to leave this page is not interrupted by another look at the state.
+function leaveFor(url) {
+  isSubmitted = true;
+  location.replace(url);
+}
+
 // Whether the page shows another step than this one, or another image. One that says why an image
 // was refused stays.
 function isOutdated(state) {
@@ -342,8 +348,7 @@ function sendImage(form) {
       } else if (state.STATE === 'busy' || (state.STATE === 'receiving' && state.UPLOAD === id)) {
         say('The router is waiting for the rest of the interrupted upload. The image is sent again in a few seconds.');
       } else if (isOutdated(state)) {
-        isSending = false;
-        location.replace(upgradePage); // it was received, or another upgrade has begun
+        leaveFor(upgradePage); // it was received, or another upgrade has begun
         return;
       } else {
         send();
@@ -393,19 +398,19 @@ async function followUpgrade() {
   if (isSending || (isIdle && document.hidden)) return 1000;
   const state = await fetchUpgrade();
   const phase = document.getElementById('phase');
-  if (isSending) return 1000;
+  if (isSending || isSubmitted) return 1000;
   if (restart) {
-    if (state && state.BOOT_ID !== restart.dataset.bootId) location.reload();
+    if (state && state.BOOT_ID !== restart.dataset.bootId) leaveFor(location.href);
   } else if (!state) {
     if (phase) phase.textContent = 'The router does not answer. This page continues when it does.';
   } else if (isOutdated(state)) {
-    location.replace(upgradePage);
+    leaveFor(upgradePage);
   } else if (phase) {
     if (phase.textContent !== state.PHASE) phase.textContent = state.PHASE;
     showProgress(document.getElementById('written'), document.getElementById('percent'),
       state.PERCENT ? state.PERCENT + ' %' : 'Please wait', state.PERCENT || undefined);
   }
-  return isIdle ? 3000 : 400;
+  return isIdle ? 2000 : 400;
 }
 
 if (document.querySelector('[data-upgrade]')) {
@@ -413,8 +418,11 @@ if (document.querySelector('[data-upgrade]')) {
   const restart = document.querySelector('[data-boot-id]');
   if (restart) history.replaceState(null, '', `${upgradePage}?started=${restart.dataset.set}`);
   prepareUpload();
-  addEventListener('beforeunload', (event) => isSending && event.preventDefault());
+  addEventListener('submit', (event) => { isSubmitted ||= !event.defaultPrevented; });
+  addEventListener('beforeunload', (event) => {
+    if (isSending && !isSubmitted) event.preventDefault();
+  });
   (async () => {
-    while (document.querySelector('[data-upgrade]')) await pause(await followUpgrade());
+    while (!isSubmitted && document.querySelector('[data-upgrade]')) await pause(await followUpgrade());
   })();
 }
