@@ -6,7 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
-const corvel_upgrade_rules upgrade_rules = {.command_line = COMMAND_LINE};
+const corvel_upgrade_rules upgrade_rules = {.command_line = COMMAND_LINE, .record = UPGRADE_RECORD};
 
 const char *set_letter(int set) {
     return set == CORVEL_FIRMWARE_A ? "A" : set == CORVEL_FIRMWARE_B ? "B" : "";
@@ -96,6 +96,16 @@ static set_condition condition_of_incomplete(int set) {
                            false};
 }
 
+/* Reads the whole set, once in a request. */
+static corvel_firmware_state check_set(int set) {
+    static int checked = CORVEL_FIRMWARE_UNKNOWN;
+    static corvel_firmware_state state;
+    if (checked != set)
+        state = corvel_firmware_check(set);
+    checked = set;
+    return state;
+}
+
 set_condition condition_of(int set) {
     corvel_boot boot;
     corvel_upgrade_status status;
@@ -107,7 +117,7 @@ set_condition condition_of(int set) {
         return (set_condition){"Starts next", "", false};
     if (set == status.set && status.state == CORVEL_UPGRADE_WRITING)
         return (set_condition){"Being written", "", false};
-    switch (corvel_firmware_check(set)) {
+    switch (check_set(set)) {
     case CORVEL_FIRMWARE_COMPLETE:
         return (set_condition){"Ready", "", true};
     case CORVEL_FIRMWARE_INCOMPLETE:

@@ -25,6 +25,9 @@
  * the browser has given to the upload. */
 #define UPLOAD_RECORD "/tmp/firmware/upload"
 
+/** The progress of writing, which the page kit records. */
+#define UPGRADE_RECORD "/run/upgrade"
+
 /** The kernel's command line, written by the boot loader. */
 #define COMMAND_LINE "/run/cmdline"
 

@@ -125,13 +125,26 @@ static phase phase_of(const upgrade *now) {
     return (phase){now->is_locked ? "Waiting for the previous step to end" : "", -1};
 }
 
+/* Returns how long a file has not been changed. */
+static long long seconds_since_change(const char *path) {
+    struct stat file;
+    const long long now = (long long)time(NULL);
+    return stat(path, &file) == 0 && now > file.st_mtime ? now - (long long)file.st_mtime : 0;
+}
+
 static void put_phase(struct page *page, const upgrade *now) {
     const phase current = phase_of(now);
     char percent[16] = "";
+    char wait[line_size] = "Please wait";
+    const long long seconds =
+        seconds_since_change(now->is_writing ? UPGRADE_RECORD : RECEIVED_IMAGE);
+    if (seconds > 0)
+        snprintf(wait, sizeof wait, "Please wait: %lld s", seconds);
     if (current.percent >= 0)
         snprintf(percent, sizeof percent, "%d", current.percent);
     put(page, page->is_json ? "PHASE" : "phase", current.text);
     put(page, page->is_json ? "PERCENT" : "percent", percent);
+    put(page, page->is_json ? "WAIT" : "wait", wait);
 }
 
 /* Called by the process that writes the image. */
@@ -216,7 +229,14 @@ static void show_progress(struct page *page, const upgrade *now) {
 
 static void show_restart(struct page *page, const upgrade *now) {
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
-    if (now->status.state == CORVEL_UPGRADE_WRITTEN)
+    char message[line_size];
+    const char *started = corvel_query(page->request, "started");
+    snprintf(message, sizeof message,
+             "The router has not started set %s. It continues with set %s.",
+             set_letter(now->boot.next), set_letter(now->boot.running));
+    if (started && strcmp(started, set_letter(now->boot.next)) == 0)
+        put_message(page, message, true);
+    else if (now->status.state == CORVEL_UPGRADE_WRITTEN)
         put_message(page, "The upgrade has been written and verified.", false);
     put(page, "new_version", corvel_firmware_version(now->boot.next, version));
     put(page, "next_set", set_letter(now->boot.next));
@@ -394,18 +414,15 @@ static void start_other(struct page *page) {
     corvel_boot boot;
     corvel_boot_read(&upgrade_rules, &boot);
     const int set = other_set(boot.running);
-    const set_condition condition = condition_of(set);
     if (is_restart_pending(&boot)) {
         answer_result(page, CORVEL_UPGRADE_RESTART_FIRST);
-        return;
-    }
-    if (!condition.can_start) {
-        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition.note);
         return;
     }
     const corvel_upgrade_result result = select_set(page, set);
     if (result == CORVEL_UPGRADE_DONE)
         restart(page);
+    else if (result == CORVEL_UPGRADE_SET_INCOMPLETE)
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition_of(set).note);
     else
         answer_result(page, result);
 }

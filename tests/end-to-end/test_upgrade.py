@@ -431,6 +431,9 @@ class OtherSet(UpgradeTest):
         self.upload(Image("Corvel R1 2.0.0", 200_000, 99).bytes())
         self.write_staged()
         self.assertEqual(self.demo.post(UPGRADE, "action=start").status, 409, "a restart is pending")
+        self.assertIn("Set B is ready", self.curl(UPGRADE)[1])
+        self.assertIn("The router has not started set B. It continues with set A.",
+                      self.curl(UPGRADE + "?started=B")[1])
         self.assertEqual(self.perform("keep"), 303)
         self.assert_set("A", "A", "Corvel R1 1.0.0")
         self.assertEqual(self.state()["STATE"], "")
@@ -798,6 +801,8 @@ class AtOnce(UpgradeTest):
         connection = self.send_half(large)
         state = self.state()
         self.assertEqual((state["STATE"], state["PHASE"]), ("receiving", "The image is being received"))
+        self.assertTrue(wait_until(
+            lambda: re.fullmatch(r"Please wait: ([2-9]|\d\d) s", self.state()["WAIT"])))
         text = self.curl(UPGRADE)[1]
         self.assertIn('role="status">The image is being received</p>', text)
         self.assertIn(f'value="{state["PERCENT"]}"', text)

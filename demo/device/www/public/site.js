@@ -408,7 +408,7 @@ async function followUpgrade() {
   } else if (phase) {
     if (phase.textContent !== state.PHASE) phase.textContent = state.PHASE;
     showProgress(document.getElementById('written'), document.getElementById('percent'),
-      state.PERCENT ? state.PERCENT + ' %' : 'Please wait', state.PERCENT || undefined);
+      state.PERCENT ? state.PERCENT + ' %' : state.WAIT, state.PERCENT || undefined);
   }
   return isIdle ? 2000 : 400;
 }
