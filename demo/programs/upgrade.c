@@ -24,10 +24,11 @@ typedef struct upgrade {
     bool is_staged;
     bool is_writing;
     bool is_receiving;
+    bool is_busy; /* with a step that takes a moment */
 } upgrade;
 
 /* The lock is checked first: a process records its result before it releases the lock. It removes
- * the image last, and until then the image is still being written. */
+ * the image last, and until then the image is still being written; then it only has to end. */
 static upgrade read_upgrade(void) {
     upgrade now = {.is_locked = is_upgrade_locked()};
     now.is_staged = access(STAGED_IMAGE, F_OK) == 0;
@@ -38,14 +39,17 @@ static upgrade read_upgrade(void) {
         now.status.state == CORVEL_UPGRADE_WRITTEN || now.status.state == CORVEL_UPGRADE_FAILED;
     now.is_writing = now.status.state == CORVEL_UPGRADE_WRITING ||
                      (has_result && now.is_locked && now.is_staged);
+    now.is_busy = now.is_locked && !now.is_writing && !now.is_receiving && !has_result;
     return now;
 }
 
 static const char *state_name(const upgrade *now) {
     if (now->is_writing)
         return "writing";
-    if (now->is_locked)
-        return now->is_receiving ? "receiving" : "busy";
+    if (now->is_receiving)
+        return "receiving";
+    if (now->is_busy)
+        return "busy";
     if (is_restart_pending(&now->boot))
         return "written";
     if (now->status.state == CORVEL_UPGRADE_INTERRUPTED)
@@ -122,7 +126,7 @@ static phase phase_of(const upgrade *now) {
         return phase_of_writing(&now->status);
     if (now->is_receiving)
         return phase_of_receiving();
-    return (phase){now->is_locked ? "Waiting for the previous step to end" : "", -1};
+    return (phase){now->is_busy ? "Waiting for the previous step to end" : "", -1};
 }
 
 /* Returns how long a file has not been changed. */
@@ -275,7 +279,7 @@ static void show_start(struct page *page, const upgrade *now) {
 
 static void show_page(struct page *page, const upgrade *now) {
     const char *started = corvel_query(page->request, "started");
-    if (now->is_writing || now->is_locked)
+    if (now->is_writing || now->is_receiving || now->is_busy)
         show_progress(page, now);
     else if (is_restart_pending(&now->boot))
         show_restart(page, now);

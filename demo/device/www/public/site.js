@@ -319,7 +319,8 @@ function sendImage(form) {
     }));
     own.addEventListener('load', ifCurrent(async () => {
       // A browser that repeats a lost request itself meets the first one.
-      if (own.status === 408 || (own.status === 409 && (await fetchUpgrade())?.UPLOAD === id)) {
+      if (own.status === 408 ||
+          (own.status === 409 && (attempts > 1 || (await fetchUpgrade())?.UPLOAD === id))) {
         sendAgain();
         return;
       }
