@@ -554,7 +554,7 @@ const walks = {
     const named = await page.locator('#clients tr[data-mac="02:00:00:00:90:90"] .name').innerText();
     await page.route(/Ajax=1/, (route) => route.fulfill({ json: { clients: [] } }));
     await page.locator('#clients tbody:not(:has(tr))').waitFor();
-    await checkAccess(page, 'clients-none');
+    await checkPage(page);
     const empty = await page.locator('#clients tbody').evaluate((body) =>
       [getComputedStyle(body, '::before').content, body.getBoundingClientRect().height > 10]);
     return { ips, loads, named, empty };
