@@ -5,7 +5,8 @@ Two kinds of cuts have the same result. For a "killed" one, the machine continue
 scene and is killed at the n-th write that reaches the flash; what its kernel has not written by then
 is lost. For a "replayed" one, the first n writes of the journal of a complete scene are written to
 the flash of its start. A cut is before a write or in its middle. The second kind takes no emulated
-time until the start, so it covers every write.
+time until the start, so it covers every write; the last one, after all writes, must have the scene's
+result. For an "upgraded" one, the started board is then upgraded and started again.
 
 The outcomes are kept in build/board-system/cuts until the board's system changes: a run that was
 interrupted continues.
@@ -14,19 +15,22 @@ import collections
 import contextlib
 import hashlib
 import shutil
+import subprocess
 import tempfile
 import time
 from pathlib import Path
 
 import machine
-from flash import BY_NAME, ENVIRONMENT, ROOT
-from scenes import Scene, ServedFlash, half
+from flash import BY_NAME, ENVIRONMENT, ERASED, ROOT
+from scenes import Scene, ServedFlash, Start, half
 from upgrades import Image, Site, VERSIONS, free_port
 
 DIRECTORY = machine.SYSTEM / "cuts"
 WIRELESS = "/etc/config/wireless.conf"
 OLD_NAME, NEW_NAME = "Corvel Home", "Night watch"
 VARIABLE = b"contact"
+# The longest time that writing an image takes.
+UPGRADE_SECONDS = 600
 
 
 # --- The scenes -------------------------------------------------------------------------------------
@@ -50,23 +54,35 @@ def save_page(_board, site):
 def write_image(board, site):
     """Writes the image, which takes longer than the pauses between two writes."""
     site.post("upgrade", "action=write")
-    while board.has_power() and site.upgrade_state()["STATE"] == "writing":
+    end = time.monotonic() + UPGRADE_SECONDS
+    while board.has_power() and is_writing(site):
+        if time.monotonic() > end:
+            raise RuntimeError("the image is still being written")
         time.sleep(0.5)
 
 
-def upload_image(directory):
-    image = Image(directory, VERSIONS[1])
+def is_writing(site):
+    """Whether an image is being written; true if the site does not respond."""
+    with contextlib.suppress(subprocess.CalledProcessError, ValueError):
+        return site.upgrade_state()["STATE"] == "writing"
+    return True
+
+
+def upload(image):
     return lambda _board, site: site.upload(image.path)
 
 
 class Cut:
-    """A scene, how the state after a cut and a start is named, and how many cuts there are."""
+    """A scene, the outcome when it is complete, and how many cuts there are."""
 
-    def __init__(self, scene, outcome, replayed=None, killed=0):
+    def __init__(self, scene, outcome, complete, *, replayed=None, killed=1, upgraded=None, upgrades=0):
         """`outcome` gets the board that was started, a client of its site, and the flash. It returns
-        a word, or raises RuntimeError if the board is in a state that must not be. `replayed` is
-        the largest number of replayed cuts of each drive, None for all; `killed` that of the others."""
-        self.scene, self.outcome, self.replayed, self.killed = scene, outcome, replayed, killed
+        a word, `complete` after all writes, or raises RuntimeError if the board is in a state that
+        must not be. `replayed` is the largest number of replayed cuts of each drive, None for all;
+        `killed` that of the killed ones. `upgraded` is the image of a further upgrade after
+        `upgrades` cuts in the NOR flash."""
+        self.scene, self.outcome, self.complete = scene, outcome, complete
+        self.replayed, self.killed, self.upgraded, self.upgrades = replayed, killed, upgraded, upgrades
 
 
 def wireless_outcome(board, _site, _flash):
@@ -105,24 +121,43 @@ def environment_outcome(_board, site, flash):
 def upgrade_outcome(_board, site, flash):
     """The set that runs is intact, since the boot loader checked it."""
     state = site.upgrade_state()
-    if state["VERSION_" + state["RUNNING"]] not in VERSIONS[:2]:
+    if state["VERSION_" + state["RUNNING"]] not in VERSIONS:
         raise RuntimeError("the version of the running set is unknown")
     if variables(flash) is None:
         raise RuntimeError("the environment is not valid after the start")
     return f"set {state['RUNNING']} runs"
 
 
+def fill_new(flash, _directory):
+    machine.fill_factory_set(flash, VERSIONS[0])
+
+
+def fill_invalid(flash, directory):
+    """The flash after the first half of a change of the environment was written."""
+    flash.copy(ServedFlash(directory / "environment"))
+    half_size = BY_NAME[ENVIRONMENT].size // 2
+    flash.write(ENVIRONMENT, ERASED * half_size, half_size)
+
+
 def all_cuts(directory):
+    images = [Image(directory, version) for version in VERSIONS[1:]]
+    upgrade = Scene("upgrade", write_image, upload(images[0]))
     return (
         Cut(Scene("save_prop", typed(f"job save_prop {WIRELESS} WLAN_SSID '{NEW_NAME}'")),
-            wireless_outcome, killed=1),
+            wireless_outcome, "the new settings"),
         Cut(Scene("settings_save", typed(f"job settings_save {WIRELESS} WLAN_SSID '{NEW_NAME}'")),
-            wireless_outcome, killed=1),
-        Cut(Scene("page", save_page), page_outcome, killed=1),
+            wireless_outcome, "the new settings"),
+        Cut(Scene("page", save_page), page_outcome, "the new settings"),
         Cut(Scene("environment", typed("job env contact night")), environment_outcome,
-            killed=1),
-        Cut(Scene("upgrade", write_image, upload_image(directory)), upgrade_outcome, replayed=40,
-            killed=1),
+            "the new variable", upgraded=images[0], upgrades=3),
+        Cut(upgrade, upgrade_outcome, "set B runs", replayed=40, upgraded=images[1], upgrades=3),
+        # Set B runs, and its upgrade of set A is cut.
+        Cut(Scene("second-upgrade", write_image, upload(images[1]), after=upgrade), upgrade_outcome,
+            "set A runs", replayed=20, killed=0, upgraded=images[0], upgrades=3),
+        Cut(Start("first-start", fill_new), wireless_outcome, "the old settings",
+            replayed=20, killed=0),
+        Cut(Start("restoring-start", fill_invalid), environment_outcome, "the old variables",
+            replayed=20, killed=0),
     )
 
 
@@ -162,6 +197,8 @@ class Trials:
         self.scene.session = (self.directory / "session").read_text()
         self.journal = ServedFlash(self.directory / "complete").writes()
         self.outcomes = dict(line.split("\t") for line in self.file.read_text().splitlines())
+        # The outcome of each flash that was started.
+        self.started = {}
 
     def _prepare(self, directory):
         self.scene.prepare(directory)
@@ -175,11 +212,15 @@ class Trials:
         found = []
         for drive in ("disk", "nor"):
             numbers = [n for n, write in enumerate(self.journal) if write.drive == drive]
-            for kind, limit in (("killed", self.cut.killed), ("replayed", self.cut.replayed)):
+            limits = {"killed": self.cut.killed, "replayed": self.cut.replayed,
+                      "upgraded": self.cut.upgrades if drive == "nor" else 0}
+            for kind, limit in limits.items():
                 for i, number in enumerate(chosen(numbers, limit)):
                     both = kind == "replayed" and limit is None
                     found += [(kind, number, torn) for torn in (False, True)
                               if both or torn == bool(i % 2)]
+        if self.cut.replayed != 0:
+            found.append(("replayed", len(self.journal), False))
         return found
 
     def run(self):
@@ -194,25 +235,47 @@ class Trials:
     def _trial(self, kind, number, torn):
         with tempfile.TemporaryDirectory(dir=self.directory) as directory:
             flash = self.scene.flash(directory)
-            if kind == "replayed":
-                self.scene.replay(flash, self.journal, number, torn)
-            elif not self.scene.play(flash, number + 1, torn):
+            if kind == "killed" and not self.scene.play(flash, number + 1, torn):
                 return "FAILED: the power was not cut"
-            return self._restarted(flash)
+            if kind != "killed":
+                self.scene.replay(flash, self.journal, number, torn)
+            # The middle of a write that changes a single byte is its start.
+            state = kind == "upgraded", flash.digest()
+            if state not in self.started:
+                self.started[state] = self._outcome(flash, upgrades=kind == "upgraded")
+            outcome = self.started[state]
+            if number == len(self.journal) and outcome != self.cut.complete:
+                return f"FAILED: {outcome} after all writes"
+            return outcome
 
-    def _restarted(self, flash):
-        before = "" if variables(flash) else "invalid environment, restored; "
-        port = free_port()
+    def _outcome(self, flash, *, upgrades):
+        before = "" if variables(flash) else "invalid environment; "
         try:
-            with machine.Machine(flash, self.scene.console(), port=port, options="quiet") as board:
-                board.wait_for_site(port)
-                site = Site(port)
-                site.log_in()
-                # What the start has written is in the flash soon.
-                time.sleep(1)
-                return before + self.cut.outcome(board, site, flash)
-        except (machine.NothingBootsError, RuntimeError, TimeoutError) as error:
+            with self._start(flash) as (board, site):
+                found = before + self.cut.outcome(board, site, flash)
+                if not upgrades:
+                    return found
+                site.upgrade(self.cut.upgraded)
+                site.expect(200, site.post("upgrade", "action=restart"))
+                board.wait(60)
+                target = 1 - board.set
+            with self._start(flash) as (board, site):
+                if board.set != target:
+                    raise RuntimeError("the upgraded set does not run")
+                return f"{before}upgraded; {upgrade_outcome(board, site, flash)}"
+        except (machine.NothingBootsError, RuntimeError, TimeoutError, subprocess.SubprocessError) as error:
             return f"FAILED: {error}".replace("\t", " ").replace("\n", " ")
+
+    @contextlib.contextmanager
+    def _start(self, flash):
+        port = free_port()
+        with machine.Machine(flash, self.scene.console(), port=port, options="quiet") as board:
+            board.wait_for_site(port)
+            site = Site(port)
+            site.log_in()
+            # What the start has written is in the flash soon.
+            time.sleep(1)
+            yield board, site
 
 
 def discard_outdated():
@@ -256,10 +319,10 @@ def run(report, names=None, *, killed_only=False):
     discard_outdated()
     with tempfile.TemporaryDirectory(dir=machine.SYSTEM) as directory:
         for cut in all_cuts(Path(directory)):
-            if names and cut.scene.name not in names:
+            if (names and cut.scene.name not in names) or (killed_only and not cut.killed):
                 continue
             if killed_only:
-                cut.replayed = 0
+                cut.replayed = cut.upgrades = 0
             trials = Trials(cut, DIRECTORY)
             show(report, trials)
 

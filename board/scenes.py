@@ -2,6 +2,7 @@
 """Scenes: a board whose flash is served by a process that keeps a journal, and something that it is
 to do. The power is cut during a scene (cuts.py), and what it writes is counted (wear.py)."""
 import contextlib
+import hashlib
 import subprocess
 import time
 from pathlib import Path
@@ -63,6 +64,14 @@ class ServedFlash(Flash):
             self.process.kill()
             self.process.wait()
 
+    def copy(self, other):
+        self.directory.mkdir(parents=True, exist_ok=True)
+        for name in ("nor", "disk"):
+            getattr(self, name).write_bytes(getattr(other, name).read_bytes())
+
+    def digest(self):
+        return hashlib.sha256(self.nor.read_bytes() + self.disk.read_bytes()).digest()
+
     def has_power(self):
         return self.process.poll() is None
 
@@ -95,15 +104,20 @@ class Scene:
     """What a board does, after it was arranged. Both functions get the board and a client of its
     site that is logged in; `act` may ask board.has_power()."""
 
-    def __init__(self, name, act, arrange=lambda board, site: None):
-        self.name, self.act, self.arrange = name, act, arrange
+    def __init__(self, name, act, arrange=lambda board, site: None, after=None):
+        """The board is new, or that after the complete scene `after`, which must have been played in
+        the same directory."""
+        self.name, self.act, self.arrange, self.after = name, act, arrange, after
         self.session = self.directory = None
 
     def prepare(self, directory):
-        """Starts a new board, arranges the scene, and saves a snapshot and the flash."""
+        """Starts the board, arranges the scene, and saves a snapshot and the flash."""
         self.directory = Path(directory) / self.name
         flash = ServedFlash(self.directory)
-        machine.fill_factory_set(flash, VERSIONS[0])
+        if self.after:
+            flash.copy(ServedFlash(Path(directory) / self.after.name / "complete"))
+        else:
+            machine.fill_factory_set(flash, VERSIONS[0])
         port = free_port()
         with flash.served() as drives, machine.Machine(
                 flash, self.console(), port=port, options="quiet", drives=drives) as board:
@@ -124,8 +138,7 @@ class Scene:
     def flash(self, directory):
         """Returns a copy of the flash at the start of the scene."""
         copy = ServedFlash(directory)
-        for name in ("nor", "disk"):
-            getattr(copy, name).write_bytes((self.directory / f"{name}.img").read_bytes())
+        copy.copy(ServedFlash(self.directory))
         return copy
 
     def play(self, flash, after=0, torn=False):
@@ -148,9 +161,10 @@ class Scene:
             with contextlib.suppress(subprocess.CalledProcessError, ValueError):
                 self.act(board, Site(port, self.session))
                 return
-            if flash.count_writes() or not flash.has_power():
+            if not flash.has_power():
                 return
             time.sleep(1)
+        raise RuntimeError("the site does not respond")
 
     def replay(self, flash, writes, count, torn):
         """Writes the first `count` writes to a copy of the flash at the start and, if `torn`, the
@@ -169,3 +183,27 @@ class Scene:
         with getattr(flash, drive).open("r+b") as file:
             file.seek(offset)
             file.write(content)
+
+
+class Start(Scene):
+    """The start of a board whose flash was written by a function."""
+
+    def __init__(self, name, fill):
+        super().__init__(name, act=None)
+        self.fill, self.session = fill, ""
+
+    def prepare(self, directory):
+        self.directory = Path(directory) / self.name
+        self.fill(ServedFlash(self.directory), Path(directory))
+
+    def play(self, flash, after=0, torn=False):
+        port = free_port()
+        with flash.served(after, torn) as drives, machine.Machine(
+                flash, self.console(), port=port, options="quiet", drives=drives) as board:
+            end = time.monotonic() + 120
+            while flash.has_power() and time.monotonic() < end:
+                with contextlib.suppress(TimeoutError):
+                    board.wait_for_site(port, 1)
+                    break
+            flash.wait_until_quiet()
+            return not flash.has_power()
