@@ -296,14 +296,17 @@ class Machine:
         """Waits until the site responds, with a page unless the path is "/". Returns the seconds that
         it took."""
         start = time.monotonic()
+        # A connection that is made before the board has its address is never answered.
+        patience = 0.5
         while self.is_running():
             with contextlib.suppress(OSError, http.client.HTTPException):
-                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=5)
+                connection = http.client.HTTPConnection("127.0.0.1", port, timeout=patience)
                 connection.request("GET", path)
                 if connection.getresponse().status == 200 or path == "/":
                     return time.monotonic() - start
             if time.monotonic() > start + seconds:
                 raise TimeoutError("the site does not respond")
+            patience = min(patience * 1.25, 10)
             time.sleep(0.1)
         raise RuntimeError("the machine has ended")
 
