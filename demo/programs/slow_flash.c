@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * Replaces the C library's function, which the page kit calls after every write to the flash, in the
- * simulated device. There, the flash consists of files; this function takes about the time that a
- * flash needs to write an erase block.
+ * Replaces the C library's function, which the page kit calls after every write to the flash, in
+ * the simulated device. There, the flash consists of files; this function takes about the time that
+ * a flash needs to write an erase block.
  */
 #include <time.h>
 #include <unistd.h>
