@@ -197,6 +197,7 @@ async function upgrade(page, image, name) {
   await picture(page, name + '-2-uploading');
   await page.getByRole('heading', { name: /^Write .* to set/ }).waitFor();
   await network.detach();
+  await page.getByText('What the image contains').click();
   await checkPage(page);
   const rows = await page.locator('tbody tr').allInnerTexts();
   await picture(page, name + '-3-check');
