@@ -14,6 +14,8 @@ from releases import run
 pytestmark = pytest.mark.xdist_group("release")
 
 COMPILERS = "gcc,g++,cmake,make,pkgconf"
+# What the simulated device needs besides this project's packages.
+DEVICE = "bubblewrap,busybox,dnsmasq-base,iproute2,lighttpd,passwd,python3"
 LIBRARIES = {"libcorvel1": "libcorvel", "libcorvel-page1": "libcorvel_page"}
 EXPORTS = {"libcorvel1": "exports.txt", "libcorvel-page1": "page_exports.txt"}
 MANUAL_PAGES = {"libcorvel-dev": "exports.txt", "libcorvel-page-dev": "page_exports.txt"}
@@ -88,7 +90,7 @@ class CleanRoot:
         assert sources, "apt has no lists of Debian's archive"
         (directory / "sources").write_text("\n".join(sorted(set(sources.splitlines()))) + "\n")
         release = run("sh", "-c", '. /etc/os-release && echo "$VERSION_CODENAME"').strip()
-        run("mmdebstrap", "--variant=minbase", f"--include={COMPILERS}",
+        run("mmdebstrap", "--variant=minbase", f"--include={COMPILERS},{DEVICE}",
             "--dpkgopt=force-unsafe-io", release, self.root, directory / "sources")
         (self.root / "packages").mkdir()
 
@@ -137,7 +139,7 @@ def with_library(clean, files_before, release):
 @pytest.fixture(scope="module")
 def with_everything(with_library, release):
     with_library.install(release, "libcorvel-page1", "libcorvel-page-dev", "corvel-tools",
-                         "corvel-doc")
+                         "corvel-device", "corvel-doc")
     return with_library
 
 
@@ -215,6 +217,44 @@ def test_a_tool_runs(name, with_everything):
     assert name in with_everything.run(name, "--help")
 
 
+# --- The simulated device -----------------------------------------------------------------------
+
+def test_the_device_needs_no_other_packages(release):
+    fields = run("dpkg-deb", "--field", release.one("corvel-device_*.deb"), "Depends")
+    needed = {each.split()[0] for each in fields.split(",")}
+    assert needed - {"libc6", "libcrypt1", "libcorvel1", "libcorvel-page1", "corvel-tools"} == set(DEVICE.split(","))
+
+
+def run_on_device(root, *words):
+    """Runs corvel-device in the root, and returns its output and, in a last line, its status. A /proc of which
+    parts are hidden does not allow another one."""
+    return root.run("sh", "-c", 'mount -t proc proc /proc; corvel-device "$@"; status=$?; echo;'
+                    'echo "status $status"', "sh", *words)
+
+
+def test_a_command_runs_on_the_device(with_everything):
+    shown = run_on_device(with_everything, "--", "sh", "-c", "hostname; ip -br -4 address show br-lan; exit 5").split()
+    assert shown[0] == "router" and "192.168.1.1/24" in shown and shown[-2:] == ["status", "5"]
+
+
+def test_the_devices_programs_use_the_packaged_libraries(with_everything):
+    """The first start restores settings with corvel-settings and makes the flash with a program of the kit."""
+    shown = run_on_device(with_everything, "--", "sh", "-c", "command -v corvel-settings; cat /run/cmdline;"
+                          "LD_TRACE_LOADED_OBJECTS=1 /sbin/factory | sed -n 's/.*libcorvel_page.so.1 => \\([^ ]*\\).*/\\1/p'")
+    settings, command_line, library, *_ = shown.splitlines()
+    assert settings == "/usr/bin/corvel-settings" and "root=31:2" in command_line
+    assert library.endswith("/libcorvel_page.so.1") and not library.startswith("/opt/")
+
+
+def test_a_page_that_was_built_with_the_packages_is_served_on_the_device(with_everything, directory):
+    _, inside = directory
+    program = build_with_pkg_config(with_everything, directory, "c", PAGE, SHARED_OR_STATIC["corvel_page"][0])
+    with_everything.run("sh", "-c", f"mkdir -p {inside}/www/cgi-bin && cp {program} {inside}/www/cgi-bin/page")
+    shown = run_on_device(with_everything, "--www", f"{inside}/www", "--", "busybox", "wget", "-q", "-O", "-",
+                          f"http://127.0.0.1/cgi-bin/page?{REQUEST['QUERY_STRING']}")
+    assert shown == '"a\\"b"\nstatus 0\n'
+
+
 def test_the_documentation_is_installed(with_everything):
     documents = with_everything.root / "usr" / "share" / "doc" / "corvel-doc"
     for name in ("index.html", "guide.html", "packages.html", "changes.html", "images/flash.svg",
@@ -226,6 +266,6 @@ def test_the_packages_leave_nothing(with_everything, files_before):
     """Runs last: it removes the packages."""
     packages = with_everything.run("dpkg-query", "-W", "-f", "${Package} ${source:Package}\n")
     names = [line.split()[0] for line in packages.splitlines() if line.endswith(" corvel")]
-    assert len(names) == 6
+    assert len(names) == 7
     with_everything.run("dpkg", "--force-unsafe-io", "--purge", *names)
     assert with_everything.files() == files_before

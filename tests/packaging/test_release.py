@@ -17,8 +17,8 @@ VERSION = ".".join(re.findall(r"^#define CORVEL_VERSION_[A-Z]+ (\d+)$",
                               (SOURCE / "include" / "corvel.h").read_text(), re.MULTILINE))
 ARCHIVES = {f"corvel-{VERSION}{name}.tar.xz"
             for name in ("", "-device-mips-linux-musl", "-development-mips-linux-musl")}
-PACKAGES = {"corvel-doc", "corvel-tools", "libcorvel-dev", "libcorvel-page-dev", "libcorvel-page1",
-            "libcorvel1"}
+PACKAGES = {"corvel-device", "corvel-doc", "corvel-tools", "libcorvel-dev", "libcorvel-page-dev",
+            "libcorvel-page1", "libcorvel1"}
 
 
 def checksums(directory):
