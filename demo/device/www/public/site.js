@@ -224,11 +224,14 @@ if (live) {
 
 // A restart ends the session: the login page then leads to this page.
 const waiting = document.querySelector('[data-waiting]')?.dataset.waiting;
-if (waiting)
-  setInterval(async () => {
+if (waiting) {
+  const timer = setInterval(async () => {
     const response = await fetch(waiting + '?Ajax=1').catch(() => null);
-    if (response?.status === 401) location.replace(waiting);
+    if (response?.status !== 401) return;
+    clearInterval(timer); // a second navigation would cancel the first
+    location.replace(waiting);
   }, 1000);
+}
 
 // --- The firmware page ---------------------------------------------------------------------------
 
