@@ -162,7 +162,7 @@ static bool is_seen(const struct nlmsghdr *entry, unsigned state) {
 /* Link-local addresses are not shown, but their owners are seen, too. On a bridge, the router can
  * be its own neighbour. */
 static void take_neighbour(void *context, const struct nlmsghdr *entry) {
-    const struct ndmsg *header = NLMSG_DATA(entry);
+    const struct ndmsg *header = kernel_entry(entry);
     const bool is_six = header->ndm_family == AF_INET6;
     const unsigned char *mac = kernel_attribute(entry, sizeof *header, NDA_LLADDR, 6);
     const unsigned char *address =

@@ -26,7 +26,7 @@ static bool has_address(const struct nlmsghdr *entry, size_t header_size, unsign
 }
 
 static void find_state(void *context, const struct nlmsghdr *entry) {
-    const struct ndmsg *header = NLMSG_DATA(entry);
+    const struct ndmsg *header = kernel_entry(entry);
     search *wanted = context;
     if (header->ndm_family != AF_INET || header->ndm_ifindex != (int)if_nametoindex(PROVIDER) ||
         !has_address(entry, sizeof *header, NDA_DST, wanted))
@@ -44,7 +44,7 @@ static bool is_silent(const char *gateway) {
 }
 
 static void find_age(void *context, const struct nlmsghdr *entry) {
-    const struct ifaddrmsg *header = NLMSG_DATA(entry);
+    const struct ifaddrmsg *header = kernel_entry(entry);
     search *wanted = context;
     const struct ifa_cacheinfo *times =
         kernel_attribute(entry, sizeof *header, IFA_CACHEINFO, sizeof *times);

@@ -25,6 +25,9 @@ typedef void kernel_visitor(void *context, const struct nlmsghdr *entry);
  */
 bool visit_kernel_table(uint16_t type, kernel_visitor *visit, void *context);
 
+/** Returns the structure at the beginning of an entry, such as struct ndmsg. */
+const void *kernel_entry(const struct nlmsghdr *entry);
+
 /**
  * Finds an attribute of an entry.
  *
