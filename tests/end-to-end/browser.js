@@ -72,20 +72,25 @@ async function checkLooks(page, name) {
     }
 }
 
+// Checks the current page with axe as it is, for states that end by themselves.
+async function checkState(page, state) {
+  await page.evaluate(fs.readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8'));
+  const { violations } = await page.evaluate(() => axe.run(document));
+  const found = violations.flatMap(({ id, nodes }) => nodes.map(({ html, any }) =>
+    `${state}: ${id}: ${html}: ${any[0]?.message}`));
+  assert.deepEqual(found, []);
+  await checkPage(page);
+  await picture(page, state);
+}
+
 // Checks the current page with axe at four widths, in both colour schemes, and in forced colours.
 async function checkAccess(page, state) {
-  await page.evaluate(fs.readFileSync(require.resolve('axe-core/axe.min.js'), 'utf8'));
   for (const [width, colorScheme, forcedColors] of [
     [320, 'light', 'none'], [390, 'dark', 'none'], [768, 'light', 'none'], [768, 'dark', 'none'],
     [1280, 'light', 'none'], [1280, 'dark', 'none'], [1280, 'light', 'active']]) {
     await page.setViewportSize({ width, height: 844 });
     await page.emulateMedia({ colorScheme, forcedColors, reducedMotion: 'reduce' });
-    const { violations } = await page.evaluate(() => axe.run(document));
-    const found = violations.flatMap(({ id, nodes }) => nodes.map(({ html, any }) =>
-      `${state}, ${width}, ${colorScheme}, ${forcedColors}: ${id}: ${html}: ${any[0]?.message}`));
-    assert.deepEqual(found, []);
-    await checkPage(page);
-    await picture(page, `${state}-${width}-${colorScheme}-${forcedColors}`);
+    await checkState(page, `${state}-${width}-${colorScheme}-${forcedColors}`);
   }
   await page.emulateMedia({ forcedColors: 'none' });
 }
@@ -147,6 +152,8 @@ async function startOther(page) {
   assert.equal(await page.locator('.message').innerText(), '');
   await checkAccess(page, 'upgrade-start');
   await page.getByRole('button', { name: /^Start set . now$/ }).click();
+  await page.getByRole('heading', { name: 'Restarting' }).waitFor();
+  await checkState(page, 'restarting');
   await page.locator('form#login').waitFor();
   await logIn(page, process.env.PASSWORD);
   await page.getByRole('heading', { name: /^The router runs / }).waitFor();
@@ -231,8 +238,7 @@ const walks = {
     await page.getByRole('button', { name: 'Write image' }).click();
     await page.getByRole('heading', { name: 'Writing' }).waitFor();
     await page.waitForFunction(() => Number(document.querySelector('#written')?.value) >= 30);
-    await checkPage(page);
-    await picture(page, 'writing');
+    await checkState(page, 'writing');
     console.log('writing');
     await page.getByText('Writing was interrupted.').waitFor();
     await picture(page, 'interrupted');
@@ -251,8 +257,7 @@ const walks = {
     const network = await slowDown(page, 2e6);
     await upload(page, image);
     await shows(other, 'Receiving an image');
-    await checkPage(other);
-    await picture(other, 'followed-1-receiving');
+    await checkState(other, 'receiving');
     await page.getByRole('button', { name: 'Cancel' }).click();
     const cancelled = await page.locator('#error-image').innerText();
     await shows(other, 'Choose an upgrade image');
@@ -266,9 +271,11 @@ const walks = {
     await waiting.or(page.getByRole('heading', { name: /^Write/ })).waitFor();
     await picture(page, 'followed-3-lost');
     for (const tab of [page, other]) await shows(tab, /^Write .* to set/);
+    await checkAccess(page, 'upgrade-check');
 
     await other.getByRole('button', { name: 'Write image' }).click();
     for (const tab of [page, other]) await shows(tab, /is ready$/);
+    await checkAccess(page, 'upgrade-ready');
     await other.getByRole('button', { name: 'Stay with set A' }).click();
     await shows(page, 'Choose an upgrade image');
     return { cancelled, running: await startOther(other) };
