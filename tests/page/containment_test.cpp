@@ -31,6 +31,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -481,8 +482,10 @@ Seen see_child() {
         if (seen.status.find("\nSeccomp:\t2") == std::string::npos)
             continue;
         seen.limits = content_of(process / "limits");
-        for (const auto &entry : std::filesystem::directory_iterator(process / "fd"))
-            seen.descriptors.push_back(entry.path().filename());
+        std::error_code gone; // the process may end, on a slow machine
+        for (std::filesystem::directory_iterator entry(process / "fd", gone), end;
+             !gone && entry != end; entry.increment(gone))
+            seen.descriptors.push_back(entry->path().filename());
         break;
     }
     std::sort(seen.descriptors.begin(), seen.descriptors.end());
