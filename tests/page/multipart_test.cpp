@@ -637,12 +637,17 @@ TEST(corvel_upload_save, LeavesNoFileWhereTheProcessIsKilled) {
     EXPECT_TRUE(directory.names().empty());
 }
 
-TEST(corvel_upload_save, ManagesWithoutUnnamedFiles) {
+/** Expects that a file is saved although the first such call fails. */
+void expect_saved_despite(stand_in_call call, int error) {
     const TemporaryDirectory directory;
     Upload upload(file_body("content"));
-    const FailCall unnamed(call_open, 1, EOPNOTSUPP);
+    const FailCall failed(call, 1, error);
     EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_DONE);
     EXPECT_EQ(directory.read("image"), "content");
+}
+
+TEST(corvel_upload_save, ManagesWithoutUnnamedFiles) {
+    expect_saved_despite(call_open, EOPNOTSUPP);
 }
 
 TEST(corvel_upload_save, RemovesANamedFileWhereTheUploadFails) {
@@ -692,13 +697,7 @@ TEST(corvel_upload_save, LeavesAFileOrLinkThatIsThereAlone) {
     EXPECT_FALSE(directory.exists("target"));
 }
 
-TEST(corvel_upload_save, ContinuesAnInterruptedWrite) {
-    const TemporaryDirectory directory;
-    Upload upload(file_body("content"));
-    const FailCall interrupted(call_write, 1, EINTR);
-    EXPECT_EQ(upload.save("image", directory.path("image")), CORVEL_UPLOAD_DONE);
-    EXPECT_EQ(directory.read("image"), "content");
-}
+TEST(corvel_upload_save, ContinuesAnInterruptedWrite) { expect_saved_despite(call_write, EINTR); }
 
 TEST(corvel_upload_status, HasAStatusAndASentenceForEachResult) {
     const std::vector<std::pair<corvel_upload_result, int>> statuses = {
