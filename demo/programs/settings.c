@@ -165,12 +165,15 @@ const char *text_complaint(const char *value) { return corvel_check_text(value, 
 /* Saving. */
 
 /* Makes the changes of one request in all files atomic for other requests and for the restart of
- * the device. O_CLOEXEC: a program that is started later must not inherit the lock. */
-static int lock_settings(void) {
+ * the device. O_CLOEXEC: a program that is started later must not inherit the lock. Negative if
+ * that failed, with the answer made. */
+static int lock_settings(struct page *page) {
     const int lock = open("/var/lock/settings", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock >= 0 && flock(lock, LOCK_EX) == 0)
         return lock;
     close(lock);
+    corvel_answer_error(page->answer, CORVEL_HTTP_SERVICE_UNAVAILABLE,
+                        "The settings could not be locked.");
     return -1;
 }
 
@@ -304,12 +307,9 @@ static void save(struct page *page, struct form *form, bool is_changed) {
 
 void save_settings(struct page *page, const settings_page *site) {
     struct form form;
-    const int lock = lock_settings();
-    if (lock < 0) {
-        corvel_answer_error(page->answer, CORVEL_HTTP_SERVICE_UNAVAILABLE,
-                            "The settings could not be locked.");
+    const int lock = lock_settings(page);
+    if (lock < 0)
         return;
-    }
     ignore_disconnection();
     begin(&form, site);
     const size_t taken = take(page, &form);
@@ -378,12 +378,9 @@ static void save_backup(struct page *page, struct form *form) {
 
 void restore_settings(struct page *page, const settings_page *site, const corvel_settings *backup) {
     struct form form;
-    const int lock = lock_settings();
-    if (lock < 0) {
-        corvel_answer_error(page->answer, CORVEL_HTTP_SERVICE_UNAVAILABLE,
-                            "The settings could not be locked.");
+    const int lock = lock_settings(page);
+    if (lock < 0)
         return;
-    }
     ignore_disconnection();
     begin(&form, site);
     form.backup = backup;
