@@ -186,16 +186,12 @@ static void take_neighbour(void *context, const struct nlmsghdr *entry) {
 
 /* Joining. */
 
-static int by_key(const void *one, const void *other) {
-    const uint64_t first = ((const client *)one)->key;
-    const uint64_t second = ((const client *)other)->key;
-    return (first > second) - (first < second);
-}
+static int order_of(uint64_t one, uint64_t other) { return (one > other) - (one < other); }
 
 /* Rows without a hardware address are not joined. Those with a lease come first: their address is
  * the one that is shown first. */
 static int by_key_and_lease(const void *one, const void *other) {
-    const int order = by_key(one, other);
+    const int order = order_of(((const client *)one)->key, ((const client *)other)->key);
     return order ? order : ((const client *)other)->has_lease - ((const client *)one)->has_lease;
 }
 
@@ -226,9 +222,7 @@ static int by_ipv6(const void *one, const void *other) {
 }
 
 static int by_identifier(const void *one, const void *other) {
-    const uint64_t first = ((const client *)one)->key >> 16;
-    const uint64_t second = ((const client *)other)->key >> 16;
-    return (first > second) - (first < second);
+    return order_of(((const client *)one)->key >> 16, ((const client *)other)->key >> 16);
 }
 
 static int by_host(const void *one, const void *other) {

@@ -106,14 +106,12 @@ static corvel_firmware_state check_set(int set) {
     return state;
 }
 
-set_condition condition_of(int set) {
-    corvel_boot boot;
+set_condition condition_of(int set, const corvel_boot *boot) {
     corvel_upgrade_status status;
-    corvel_boot_read(&upgrade_rules, &boot);
     corvel_upgrade_read(&upgrade_rules, &status);
-    if (set == boot.running)
+    if (set == boot->running)
         return (set_condition){"Running", "", false};
-    if (set == boot.next)
+    if (set == boot->next)
         return (set_condition){"Starts next", "", false};
     if (set == status.set && status.state == CORVEL_UPGRADE_WRITING)
         return (set_condition){"Being written", "", false};
@@ -131,7 +129,7 @@ set_condition condition_of(int set) {
 }
 
 static void put_set(struct page *page, int set, const corvel_boot *boot) {
-    const set_condition condition = condition_of(set);
+    const set_condition condition = condition_of(set, boot);
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
     open_row(page);
     put(page, "set", set_letter(set));

@@ -54,8 +54,9 @@ typedef struct set_condition {
     bool can_start;   /**< It is complete, is not running, and does not boot next. */
 } set_condition;
 
-/** Determines the condition of a set, which takes some seconds on a small device. */
-set_condition condition_of(int set);
+/** Determines the condition of a set; `boot` tells which one runs. Takes some seconds on a small
+ * device. */
+set_condition condition_of(int set, const corvel_boot *boot);
 
 /** Removes the image. */
 void discard_image(void);

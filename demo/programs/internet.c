@@ -14,6 +14,7 @@
 
 /* What is searched in a table of the kernel, and what is found. */
 typedef struct search {
+    int interface;
     struct in_addr address;
     bool is_found;
     uint32_t value;
@@ -28,7 +29,7 @@ static bool has_address(const struct nlmsghdr *entry, size_t header_size, unsign
 static void find_state(void *context, const struct nlmsghdr *entry) {
     const struct ndmsg *header = kernel_entry(entry);
     search *wanted = context;
-    if (header->ndm_family != AF_INET || header->ndm_ifindex != (int)if_nametoindex(PROVIDER) ||
+    if (header->ndm_family != AF_INET || header->ndm_ifindex != wanted->interface ||
         !has_address(entry, sizeof *header, NDA_DST, wanted))
         return;
     wanted->is_found = true;
@@ -37,7 +38,7 @@ static void find_state(void *context, const struct nlmsghdr *entry) {
 
 /* A gateway that nobody has asked for is not known to be silent. */
 static bool is_silent(const char *gateway) {
-    search wanted = {.is_found = false};
+    search wanted = {.interface = (int)if_nametoindex(PROVIDER)};
     inet_pton(AF_INET, gateway, &wanted.address);
     visit_kernel_table(RTM_GETNEIGH, find_state, &wanted);
     return wanted.is_found && (wanted.value & (NUD_FAILED | NUD_INCOMPLETE)) != 0;
@@ -86,10 +87,10 @@ static const char *state_of(const internet *now) {
     return is_silent(now->gateway) ? "Not connected: the gateway does not answer" : "Connected";
 }
 
-/* Replaces the library's placeholder for a missing address by an empty string. */
-static void clear_missing(char *text, const char *placeholder) {
+char *clear_missing(char *text, const char *placeholder) {
     if (strcmp(text, placeholder) == 0)
         *text = '\0';
+    return text;
 }
 
 internet read_internet(void) {

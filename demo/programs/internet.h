@@ -22,4 +22,8 @@ typedef struct internet {
 
 internet read_internet(void);
 
+/** Replaces the library's placeholder for a missing address by an empty string. Returns the text.
+ */
+char *clear_missing(char *text, const char *placeholder);
+
 #endif

@@ -17,8 +17,7 @@ static long long start_of(int pid) {
     char path[32];
     char line[1024];
     snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    const ssize_t size = open_read_close(path, line, sizeof line - 1);
-    line[size > 0 ? size : 0] = '\0';
+    read_text(path, line, sizeof line);
     const char *at = strrchr(line, ')');
     for (int field = 2; at && field < 22; field++)
         at = strchr(at + 1, ' ');

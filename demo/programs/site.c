@@ -103,8 +103,7 @@ static void put_functions(corvel_data *frame) {
     char path[line_size];
     char names[4096];
     snprintf(path, sizeof path, "/www/made-with/%s", program_invocation_short_name);
-    const ssize_t size = open_read_close(path, names, sizeof names - 1);
-    names[size > 0 ? size : 0] = '\0';
+    read_text(path, names, sizeof names);
     corvel_data_set(frame, "functions", names);
 }
 
@@ -199,6 +198,17 @@ void show(struct page *page, const char *template_name) {
         corvel_json_close(page->answer);
     else
         corvel_answer_template(page->answer, template_name, page->data);
+}
+
+void put_number(struct page *page, const char *name, long long number) {
+    char text[32];
+    snprintf(text, sizeof text, "%lld", number);
+    put(page, name, text);
+}
+
+void read_text(const char *path, char *text, size_t size) {
+    const ssize_t length = open_read_close(path, text, size - 1);
+    text[length > 0 ? length : 0] = '\0';
 }
 
 void ask_to_wait(struct page *page, unsigned seconds) {

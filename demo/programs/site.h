@@ -78,6 +78,9 @@ void open_row(struct page *page);
 /** Ends the object, list or row that was begun last. */
 void close_part(struct page *page);
 
+/** Adds a number as put() does. */
+void put_number(struct page *page, const char *name, long long number);
+
 /** Completes the answer with a template, or with the JSON document. */
 void show(struct page *page, const char *template_name);
 
@@ -102,6 +105,9 @@ typedef enum event_kind {
  */
 void log_event(const struct page *page, event_kind kind, const char *format, ...)
     CORVEL_PAGE_PRINTF_LIKE(3, 4);
+
+/** Reads a file as a string of less than `size` bytes; an empty one if it cannot be read. */
+void read_text(const char *path, char *text, size_t size);
 
 /** Makes the answer one for a client that has to wait before it tries another password. */
 void ask_to_wait(struct page *page, unsigned seconds);

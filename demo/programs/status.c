@@ -23,11 +23,6 @@ enum {
     dns_size = 4 * longest_resolver_file
 };
 
-/* Replaces the library's placeholder for a missing address by an empty string. */
-static const char *or_nothing(const char *text, const char *placeholder) {
-    return STRCMP(text, placeholder) == 0 ? "" : text;
-}
-
 /* Converts the list of name servers to plain text: an address may contain any characters of the
  * file, and is later escaped like every other value. */
 static void read_dns(char text[dns_size]) {
@@ -80,9 +75,8 @@ static void put_clients(struct page *page) {
 /* Seconds since the router's start. Where the machine does not start with the router, a file has
  * the machine's uptime at that moment. */
 static int seconds_up(void) {
-    char started[32] = "";
-    const ssize_t size = open_read_close("/run/started", started, sizeof started - 1);
-    started[size > 0 ? size : 0] = '\0';
+    char started[32];
+    read_text("/run/started", started, sizeof started);
     return monotonic_time() - (int)strtol(started, NULL, 10);
 }
 
@@ -115,8 +109,7 @@ static unsigned long mebibytes(const char *lines, const char *name) {
 static void put_memory(struct page *page) {
     char lines[4096];
     char text[line_size] = "";
-    const ssize_t size = open_read_close("/proc/meminfo", lines, sizeof lines - 1);
-    lines[size > 0 ? size : 0] = '\0';
+    read_text("/proc/meminfo", lines, sizeof lines);
     const unsigned long total = mebibytes(lines, "MemTotal:");
     if (total > 0)
         snprintf(text, sizeof text, "%lu %% of %lu MiB in use",
@@ -166,11 +159,12 @@ static void put_interface(struct page *page, const char *name) {
     char ipv6[CORVEL_IPV6_SIZE];
     open_row(page);
     put(page, "name", name);
-    put(page, "ipv4", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV4, ipv4, sizeof ipv4), "0.0.0.0"));
+    put(page, "ipv4",
+        clear_missing(getHWip(name, CORVEL_ADDRESS_IPV4, ipv4, sizeof ipv4), "0.0.0.0"));
     put(page, "netmask",
-        or_nothing(getHWip(name, CORVEL_ADDRESS_NETMASK, netmask, sizeof netmask), "0.0.0.0"));
-    put(page, "mac", or_nothing(getHWaddr(name, mac), "00:00:00:00:00:00"));
-    put(page, "ipv6", or_nothing(getHWip(name, CORVEL_ADDRESS_IPV6, ipv6, sizeof ipv6), "::"));
+        clear_missing(getHWip(name, CORVEL_ADDRESS_NETMASK, netmask, sizeof netmask), "0.0.0.0"));
+    put(page, "mac", clear_missing(getHWaddr(name, mac), "00:00:00:00:00:00"));
+    put(page, "ipv6", clear_missing(getHWip(name, CORVEL_ADDRESS_IPV6, ipv6, sizeof ipv6), "::"));
     close_part(page);
 }
 

@@ -40,8 +40,7 @@ const time_zone time_zones[time_zone_count] = {
 
 void use_time_zone(void) {
     char rule[line_size];
-    const ssize_t size = open_read_close("/run/time_zone", rule, sizeof rule - 1);
-    rule[size > 0 ? size : 0] = '\0';
+    read_text("/run/time_zone", rule, sizeof rule);
     rule[strcspn(rule, "\n")] = '\0';
     setenv("TZ", *rule ? rule : "UTC0", 1);
     tzset();

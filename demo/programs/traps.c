@@ -135,12 +135,6 @@ static void put_link(struct page *page, const char *name, const selection *wante
     put(page, name, query);
 }
 
-static void put_number(struct page *page, const char *name, long number) {
-    char text[32];
-    snprintf(text, sizeof text, "%ld", number);
-    put(page, name, text);
-}
-
 static void put_position(struct page *page, const selection *wanted, long count) {
     const long first = (wanted->page - 1) * entries_of_page + 1;
     const long last = first + entries_of_page - 1;

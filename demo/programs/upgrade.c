@@ -268,7 +268,7 @@ static void show_started(struct page *page, const upgrade *now, const char *expe
 static void show_start(struct page *page, const upgrade *now) {
     char version[CORVEL_FIRMWARE_VERSION_SIZE];
     const int set = other_set(now->boot.running);
-    const set_condition condition = condition_of(set);
+    const set_condition condition = condition_of(set, &now->boot);
     put(page, "is_start", "1");
     put(page, "running_version", corvel_firmware_version(now->boot.running, version));
     put(page, "other_version", corvel_firmware_version(set, version));
@@ -291,12 +291,6 @@ static void show_page(struct page *page, const upgrade *now) {
         show_started(page, now, started);
     else
         show_choice(page, now);
-}
-
-static void put_number(struct page *page, const char *name, uint32_t number) {
-    char text[16];
-    snprintf(text, sizeof text, "%u", number);
-    put(page, name, text);
 }
 
 static void show_json(struct page *page, const upgrade *now) {
@@ -426,7 +420,7 @@ static void start_other(struct page *page) {
     if (result == CORVEL_UPGRADE_DONE)
         restart(page);
     else if (result == CORVEL_UPGRADE_SET_INCOMPLETE)
-        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition_of(set).note);
+        corvel_answer_error(page->answer, CORVEL_HTTP_CONFLICT, condition_of(set, &boot).note);
     else
         answer_result(page, result);
 }
